@@ -1,0 +1,67 @@
+#pragma once
+
+#include <memory>
+
+#include "base/Clock.h"
+#include "bluetooth/BluetoothAdapter.h"
+#include "context_manager/ContextManager.h"
+#include "power/PowerLocks.h"
+#include "preference/PreferenceStore.h"
+#include "service_app/Directories.h"
+#include "service_app/Settings.h"
+#include "tal_client/AccessoryLink.h"
+#include "vconf/KeyValueStore.h"
+
+namespace ParvanePlatform {
+
+/**
+ * Everything that the C functions work on, for the time between the start of service_app_main() and
+ * its end. At most one at a time; main thread only.
+ */
+class Runtime
+{
+public:
+    /**
+     * Claims the directories and, when no other process has, brings the parts up.
+     *
+     * @throws StartupError when a setting, path or file cannot be used
+     */
+    explicit Runtime(const Settings &settings);
+    ~Runtime();
+
+    Runtime(const Runtime &) = delete;
+    Runtime &operator=(const Runtime &) = delete;
+
+    /** The runtime that lives; null when there is none, or its process is not the only instance. */
+    static Runtime *Current();
+
+    /** False when another process uses the run-time directory; there are no parts then. */
+    bool IsOnlyInstance() const { return mParts != nullptr; }
+
+    PreferenceStore &Preferences() { return mParts->mPreferences; }
+    KeyValueStore &Keys() { return mParts->mKeys; }
+    ContextManager &Context() { return mParts->mContext; }
+    BluetoothAdapter &Bluetooth() { return mParts->mBluetooth; }
+    PowerLocks &Power() { return mParts->mPower; }
+    AccessoryLink &Link() { return mParts->mLink; }
+
+private:
+    /** The parts, in the order in which they come up. */
+    struct Parts
+    {
+        Parts(const Settings &settings, const Clock &clock, std::unique_ptr<SensorSource> source);
+
+        PreferenceStore mPreferences;
+        KeyValueStore mKeys;
+        ContextManager mContext;
+        BluetoothAdapter mBluetooth;
+        PowerLocks mPower;
+        AccessoryLink mLink;
+    };
+
+    SystemClock mClock;
+    std::unique_ptr<InstanceLock> mLock;
+    std::unique_ptr<Parts> mParts;
+};
+
+} // namespace ParvanePlatform

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+
+namespace ParvanePlatform {
+
+/** Tells the time. The runtime has one SystemClock; tests put their own in its place. */
+class Clock
+{
+public:
+    virtual ~Clock() = default;
+
+    /** Microseconds on the time scale of the main loop: steady, not counting suspension. */
+    virtual std::int64_t MonotonicUs() const = 0;
+
+    /** Milliseconds since the epoch, UTC. */
+    virtual std::int64_t WallMs() const = 0;
+};
+
+/** The clocks of the system. */
+class SystemClock : public Clock
+{
+public:
+    std::int64_t MonotonicUs() const override;
+    std::int64_t WallMs() const override;
+};
+
+} // namespace ParvanePlatform

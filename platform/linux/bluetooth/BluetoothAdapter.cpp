@@ -1,0 +1,76 @@
+#include "BluetoothAdapter.h"
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "base/Files.h"
+#include "base/RuntimeLog.h"
+#include "bluetooth/BluetoothAddress.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+constexpr std::size_t kMaxFileBytes = 64;
+
+} // namespace
+
+BluetoothAdapter::BluetoothAdapter(std::string configuredAddress, const std::string &stateDirectory)
+    : mAddress(std::move(configuredAddress)), mPath(stateDirectory + "/bluetooth-address")
+{}
+
+int BluetoothAdapter::Deinitialize()
+{
+    if (mUsers == 0) {
+        return kNotInitialized;
+    }
+    --mUsers;
+    return 0;
+}
+
+int BluetoothAdapter::GetAddress(std::string &address)
+{
+    if (mUsers == 0) {
+        return kNotInitialized;
+    }
+    if (mAddress.empty()) {
+        if (const int result = LoadOrMake(); result != 0) {
+            return result;
+        }
+    }
+    address = mAddress;
+    return 0;
+}
+
+int BluetoothAdapter::LoadOrMake()
+{
+    std::string content;
+    const int readError = ReadWholeFile(mPath, kMaxFileBytes, content);
+    if (readError == 0 || readError == EFBIG) {
+        std::string_view text = content;
+        if (!text.empty() && text.back() == '\n') {
+            text.remove_suffix(1);
+        }
+        if (auto kept = NormaliseBluetoothAddress(text); kept) {
+            mAddress = std::move(*kept);
+            return 0;
+        }
+        LogError("%s holds no Bluetooth address: a new one is made", mPath.c_str());
+    } else if (readError != ENOENT) {
+        LogError("cannot read %s: %s", mPath.c_str(), ErrorText(readError).c_str());
+        return kOperationFailed;
+    }
+
+    std::string made = MakeRandomBluetoothAddress();
+    const int writeError = WriteFileAtomically(mPath, made + '\n', Durability::Disk);
+    if (writeError != 0) {
+        LogError("cannot keep the Bluetooth address in %s: %s", mPath.c_str(),
+                 ErrorText(writeError).c_str());
+        return kOperationFailed;
+    }
+    mAddress = std::move(made);
+    return 0;
+}
+
+} // namespace ParvanePlatform

@@ -1,0 +1,266 @@
+#include "ReplaySource.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include <platform/context_manager.h>
+
+namespace ParvanePlatform {
+
+namespace {
+
+constexpr double kUsPerMs = 1000.0;
+
+bool HasValue(const RecordingRow &row, ContextItem item)
+{
+    switch (item) {
+    case ContextItem::Gesture:
+        return row.mHasGesture;
+    case ContextItem::Pedometer:
+        return row.mHasPedometer;
+    case ContextItem::HeartRate:
+        return row.mHasHeartRate;
+    case ContextItem::Activity:
+        return row.mHasActivity;
+    }
+    return false;
+}
+
+std::int64_t SizeOf(const std::vector<std::uint32_t> &rows)
+{
+    return static_cast<std::int64_t>(rows.size());
+}
+
+} // namespace
+
+ReplaySource::ReplaySource(Recording recording, const ReplayOptions &options, const Clock &clock,
+                           std::unique_ptr<Timer> timer)
+    : mRecording(std::move(recording)),
+      mOptions(options),
+      mClock(clock),
+      mTimer(std::move(timer)),
+      mStartUs(clock.MonotonicUs()),
+      mTracks{Track{ContextItem::HeartRate, {}}, Track{ContextItem::Pedometer, {}},
+              Track{ContextItem::Activity, {}}, Track{ContextItem::Gesture, {}}}
+{
+    for (Track &track : mTracks) {
+        for (std::size_t i = 0; i < mRecording.mRows.size(); ++i) {
+            if (HasValue(mRecording.mRows[i], track.mItem)) {
+                track.mRows.push_back(static_cast<std::uint32_t>(i));
+            }
+        }
+        track.mRows.shrink_to_fit();
+    }
+}
+
+void ReplaySource::SetListener(SensorListener *listener)
+{
+    mListener = listener;
+}
+
+void ReplaySource::Start(ContextItem item)
+{
+    Track &track = TrackOf(item);
+    track.mIsStarted = true;
+    // What is being delivered just now is the past for an item that starts meanwhile.
+    track.mNext = CountBefore(track, mDeliveryUs ? *mDeliveryUs + 1 : mClock.MonotonicUs());
+    SetTimer();
+}
+
+void ReplaySource::Stop(ContextItem item)
+{
+    TrackOf(item).mIsStarted = false;
+    SetTimer();
+}
+
+std::optional<SensorReading> ReplaySource::Latest(ContextItem item) const
+{
+    const Track &track = TrackOf(item);
+    const std::int64_t count = CountBefore(track, mClock.MonotonicUs() + 1);
+    if (count == 0) {
+        return std::nullopt;
+    }
+    return ReadingOf(track, count - 1);
+}
+
+ReplaySource::Track &ReplaySource::TrackOf(ContextItem item)
+{
+    return *std::find_if(mTracks.begin(), mTracks.end(),
+                         [item](const Track &track) { return track.mItem == item; });
+}
+
+const ReplaySource::Track &ReplaySource::TrackOf(ContextItem item) const
+{
+    return *std::find_if(mTracks.begin(), mTracks.end(),
+                         [item](const Track &track) { return track.mItem == item; });
+}
+
+std::int64_t ReplaySource::DueUs(const Track &track, std::int64_t entry) const
+{
+    const std::int64_t size = SizeOf(track.mRows);
+    const std::uint32_t row = track.mRows[static_cast<std::size_t>(entry % size)];
+    const std::int64_t round = entry / size;
+    const auto recordedMs =
+        static_cast<double>(round * mRecording.mLoopMs + mRecording.mRows[row].mTimeMs);
+    const double playedUs = std::ceil(recordedMs * kUsPerMs / mOptions.mSpeed);
+    constexpr std::int64_t kFarAway = std::numeric_limits<std::int64_t>::max() / 4;
+    return mStartUs + (playedUs < static_cast<double>(kFarAway)
+                           ? static_cast<std::int64_t>(playedUs)
+                           : kFarAway);
+}
+
+std::int64_t ReplaySource::CountBefore(const Track &track, std::int64_t us) const
+{
+    if (track.mRows.empty() || us <= mStartUs) {
+        return 0;
+    }
+    if (!mOptions.mLoop) {
+        return CountInRoundBefore(track, 0, us);
+    }
+    const double recordedMs = static_cast<double>(us - mStartUs) * mOptions.mSpeed / kUsPerMs;
+    const auto estimate =
+        static_cast<std::int64_t>(recordedMs / static_cast<double>(mRecording.mLoopMs));
+    // From the round before on: the estimate may be off by the error of the division.
+    std::int64_t round = std::max<std::int64_t>(estimate - 1, 0);
+    std::int64_t inRound = CountInRoundBefore(track, round, us);
+    while (inRound == SizeOf(track.mRows)) {
+        ++round;
+        inRound = CountInRoundBefore(track, round, us);
+    }
+    return round * SizeOf(track.mRows) + inRound;
+}
+
+std::int64_t ReplaySource::CountInRoundBefore(const Track &track, std::int64_t round,
+                                              std::int64_t us) const
+{
+    const std::int64_t first = round * SizeOf(track.mRows);
+    std::int64_t low = 0;
+    std::int64_t high = SizeOf(track.mRows);
+    while (low < high) {
+        const std::int64_t middle = low + (high - low) / 2;
+        if (DueUs(track, first + middle) < us) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return low;
+}
+
+bool ReplaySource::HasNext(const Track &track) const
+{
+    return track.mIsStarted && !track.mRows.empty() &&
+           (mOptions.mLoop || track.mNext < SizeOf(track.mRows));
+}
+
+ReplaySource::Track *ReplaySource::FirstTrack()
+{
+    Track *first = nullptr;
+    std::int64_t firstUs = 0;
+    for (Track &track : mTracks) {
+        if (!HasNext(track)) {
+            continue;
+        }
+        const std::int64_t dueUs = DueUs(track, track.mNext);
+        if (first == nullptr || dueUs < firstUs) {
+            first = &track;
+            firstUs = dueUs;
+        }
+    }
+    return first;
+}
+
+void ReplaySource::SkipWholeRounds(std::int64_t nowUs)
+{
+    for (Track &track : mTracks) {
+        if (!HasNext(track)) {
+            continue;
+        }
+        const std::int64_t size = SizeOf(track.mRows);
+        const std::int64_t behind = CountBefore(track, nowUs + 1) - track.mNext;
+        if (behind > size) {
+            track.mNext += (behind - 1) / size * size;
+        }
+    }
+}
+
+void ReplaySource::DeliverDue()
+{
+    const std::int64_t nowUs = mClock.MonotonicUs();
+    SkipWholeRounds(nowUs);
+    mDeliveryUs = nowUs;
+    for (Track *track = FirstTrack(); track != nullptr && DueUs(*track, track->mNext) <= nowUs;
+         track = FirstTrack()) {
+        const SensorReading reading = ReadingOf(*track, track->mNext);
+        ++track->mNext;
+        if (mListener != nullptr) {
+            mListener->OnReading(track->mItem, reading);
+        }
+    }
+    mDeliveryUs.reset();
+    SetTimer();
+}
+
+void ReplaySource::SetTimer()
+{
+    if (mDeliveryUs) {
+        return;
+    }
+    if (const Track *first = FirstTrack(); first != nullptr) {
+        mTimer->Arm(DueUs(*first, first->mNext), [this] { DeliverDue(); });
+    } else {
+        mTimer->Disarm();
+    }
+}
+
+SensorReading ReplaySource::ReadingOf(const Track &track, std::int64_t entry) const
+{
+    const std::int64_t size = SizeOf(track.mRows);
+    const RecordingRow &row = mRecording.mRows[track.mRows[static_cast<std::size_t>(entry % size)]];
+    SensorReading reading;
+    switch (track.mItem) {
+    case ContextItem::HeartRate:
+        reading.Add(CONTEXT_HRM_HEART_RATE, row.mHeartRate);
+        break;
+    case ContextItem::Activity:
+        reading.Add(CONTEXT_ACTIVITY_STATUS, row.mActivity);
+        break;
+    case ContextItem::Gesture:
+        reading.Add(CONTEXT_MOTION_ACTION, row.mGesture);
+        break;
+    case ContextItem::Pedometer:
+        return PedometerReading(row, entry / size);
+    }
+    return reading;
+}
+
+SensorReading ReplaySource::PedometerReading(const RecordingRow &row, std::int64_t round) const
+{
+    const std::array<const char *, kPedometerFields> keys = {
+        CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, CONTEXT_PEDOMETER_CUMULATIVE_WALK_STEP_COUNT,
+        CONTEXT_PEDOMETER_CUMULATIVE_RUN_STEP_COUNT,   CONTEXT_PEDOMETER_CUMULATIVE_DISTANCE,
+        CONTEXT_PEDOMETER_CUMULATIVE_CALORIE,          CONTEXT_PEDOMETER_SPEED};
+    const RecordingRow &last = mRecording.mRows.back();
+    SensorReading reading;
+    for (std::size_t field = 0; field < kPedometerFields; ++field) {
+        const unsigned bit = 1U << field;
+        const bool isKnown = (row.mKnownPedometer & bit) != 0;
+        const bool wasKnown = round > 0 && (last.mKnownPedometer & bit) != 0;
+        if (!isKnown && !wasKnown) {
+            continue;
+        }
+        double value = 0.0;
+        if (field < kPedometerCounters) {
+            value = static_cast<double>(round) * last.mPedometer[field];
+            value += isKnown ? row.mPedometer[field] : 0.0;
+        } else {
+            value = isKnown ? row.mPedometer[field] : last.mPedometer[field];
+        }
+        reading.Add(keys[field], value);
+    }
+    return reading;
+}
+
+} // namespace ParvanePlatform

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "base/Clock.h"
+#include "base/LoopSource.h"
+#include "context_manager/Recording.h"
+#include "context_manager/SensorSource.h"
+
+namespace ParvanePlatform {
+
+/** How a recording is played. */
+struct ReplayOptions
+{
+    /** How many times faster than it was recorded; above 0. */
+    double mSpeed = 1.0;
+    /** Whether it starts over at its end. */
+    bool mLoop = true;
+};
+
+/**
+ * Plays a recording, from the moment of construction on, whether or not anybody listens.
+ *
+ * There is one timer, for the next row of the items that are started, and none when no item is.
+ * Rows that are due when the timer comes late are delivered all; when an item is more than a whole
+ * round behind, the whole rounds are left out.
+ *
+ * In round n (from 0) n times the last value of each counter is added to it, so that counters never
+ * go down. An empty cell keeps its field's last value, across rounds as well.
+ */
+class ReplaySource : public SensorSource
+{
+public:
+    /** `clock` is borrowed for the life of the source. */
+    ReplaySource(Recording recording, const ReplayOptions &options, const Clock &clock,
+                 std::unique_ptr<Timer> timer);
+
+    void SetListener(SensorListener *listener) override;
+    void Start(ContextItem item) override;
+    void Stop(ContextItem item) override;
+    std::optional<SensorReading> Latest(ContextItem item) const override;
+
+private:
+    /** The rows that have a value for one item, and how far its delivery is. */
+    struct Track
+    {
+        ContextItem mItem;
+        std::vector<std::uint32_t> mRows;
+        bool mIsStarted = false;
+        /** Counts over all rounds: round * mRows.size() + position in mRows. */
+        std::int64_t mNext = 0;
+    };
+
+    Track &TrackOf(ContextItem item);
+    const Track &TrackOf(ContextItem item) const;
+    /** When an entry of a track is due, in microseconds of the monotonic clock. */
+    std::int64_t DueUs(const Track &track, std::int64_t entry) const;
+    /** How many entries of a track are due before a point of time. */
+    std::int64_t CountBefore(const Track &track, std::int64_t us) const;
+    std::int64_t CountInRoundBefore(const Track &track, std::int64_t round, std::int64_t us) const;
+    bool HasNext(const Track &track) const;
+    /** The started track whose next entry is due first; null when there is none. */
+    Track *FirstTrack();
+    void SkipWholeRounds(std::int64_t nowUs);
+    void DeliverDue();
+    void SetTimer();
+    SensorReading ReadingOf(const Track &track, std::int64_t entry) const;
+    SensorReading PedometerReading(const RecordingRow &row, std::int64_t round) const;
+
+    const Recording mRecording;
+    const ReplayOptions mOptions;
+    const Clock &mClock;
+    std::unique_ptr<Timer> mTimer;
+    SensorListener *mListener = nullptr;
+    std::int64_t mStartUs;
+    /** What is being delivered: all that is due until this; empty outside a delivery. */
+    std::optional<std::int64_t> mDeliveryUs;
+    std::array<Track, 4> mTracks;
+};
+
+} // namespace ParvanePlatform

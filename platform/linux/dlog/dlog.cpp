@@ -1,0 +1,28 @@
+#include <cstdarg>
+#include <unistd.h>
+
+#include <platform/dlog.h>
+
+#include "base/ErrorCode.h"
+#include "dlog/LogWriter.h"
+
+using namespace ParvanePlatform;
+
+/**
+ * Writes to standard error, whatever the log id; works without the runtime, at any time.
+ *
+ * Returns the number of bytes written, -22 without a format, or the negated error of the write.
+ */
+extern "C" int __dlog_print(int /*log_id*/, int priority, const char *tag, const char *format, ...)
+{
+    if (format == nullptr) {
+        return ErrorCode::kInvalidParameter;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = LogWriter(STDERR_FILENO)
+                           .Write(static_cast<LogPriority>(priority), tag != nullptr ? tag : "-",
+                                  format, arguments);
+    va_end(arguments);
+    return result;
+}

@@ -1,0 +1,96 @@
+#include <cstring>
+#include <string>
+
+#include <platform/preference.h>
+
+#include "Boundary.h"
+
+using namespace ParvanePlatform;
+
+namespace {
+
+template <typename Value>
+int GetPreference(const char *function, const char *key, Value *value) noexcept
+{
+    return WithRuntime(function, [key, value](Runtime &runtime) {
+        if (key == nullptr || value == nullptr) {
+            return ErrorCode::kInvalidParameter;
+        }
+        return runtime.Preferences().Get(key, *value);
+    });
+}
+
+template <typename Value>
+int SetPreference(const char *function, const char *key, Value value) noexcept
+{
+    return WithRuntime(function, [key, value](Runtime &runtime) {
+        if (key == nullptr) {
+            return ErrorCode::kInvalidParameter;
+        }
+        return runtime.Preferences().Set(key, value);
+    });
+}
+
+} // namespace
+
+// Each function returns what PreferenceStore says; -22 for a null argument, -12 without memory, -1
+// without a runtime.
+
+extern "C" int preference_get_boolean(const char *key, bool *value)
+{
+    return GetPreference("preference_get_boolean", key, value);
+}
+
+extern "C" int preference_set_boolean(const char *key, bool value)
+{
+    return SetPreference("preference_set_boolean", key, value);
+}
+
+extern "C" int preference_get_int(const char *key, int *value)
+{
+    return GetPreference("preference_get_int", key, value);
+}
+
+extern "C" int preference_set_int(const char *key, int value)
+{
+    return SetPreference("preference_set_int", key, value);
+}
+
+extern "C" int preference_get_string(const char *key, char **value)
+{
+    return WithRuntime("preference_get_string", [key, value](Runtime &runtime) {
+        if (key == nullptr || value == nullptr) {
+            return ErrorCode::kInvalidParameter;
+        }
+        std::string text;
+        if (const int result = runtime.Preferences().Get(key, text); result != 0) {
+            return result;
+        }
+        char *copy = strdup(text.c_str());
+        if (copy == nullptr) {
+            return ErrorCode::kOutOfMemory;
+        }
+        *value = copy;
+        return 0;
+    });
+}
+
+extern "C" int preference_set_string(const char *key, const char *value)
+{
+    return WithRuntime("preference_set_string", [key, value](Runtime &runtime) {
+        if (key == nullptr || value == nullptr) {
+            return ErrorCode::kInvalidParameter;
+        }
+        return runtime.Preferences().Set(key, std::string(value));
+    });
+}
+
+extern "C" int preference_is_existing(const char *key, bool *existing)
+{
+    return WithRuntime("preference_is_existing", [key, existing](Runtime &runtime) {
+        if (key == nullptr || existing == nullptr) {
+            return ErrorCode::kInvalidParameter;
+        }
+        return runtime.Preferences().Exists(key, *existing);
+    });
+}

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <string>
+
+#include "base/UniqueFd.h"
+
+namespace ParvanePlatform {
+
+/**
+ * Makes sure that a directory can be used: makes it, and what is missing above it, with mode 0700,
+ * and checks that files can be made in it.
+ *
+ * @param path     absolute
+ * @param purpose  what it is for, for the message: "state" or "run-time"
+ * @throws StartupError that names the path and the reason
+ */
+void PrepareDirectory(const std::string &path, const std::string &purpose);
+
+/**
+ * Opens /dev/null in the place of standard input, output or error when the process was started
+ * without it. A socket or file that took the number would get the log lines.
+ */
+void ReserveStandardDescriptors();
+
+/**
+ * The claim of one process on a run-time directory: a lock on the file "lock" in it. The kernel
+ * drops the lock when the process ends, however it ends; the file stays.
+ */
+class InstanceLock
+{
+public:
+    /**
+     * Takes the lock, without waiting.
+     *
+     * @throws StartupError when the lock file cannot be used
+     */
+    explicit InstanceLock(const std::string &runtimeDirectory);
+
+    /** False when another process holds the lock. */
+    bool IsHeld() const { return mHeld; }
+
+private:
+    UniqueFd mFile;
+    bool mHeld = false;
+};
+
+} // namespace ParvanePlatform

@@ -1,0 +1,113 @@
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <optional>
+
+#include <platform/service_app.h>
+
+#include "Runtime.h"
+#include "base/ErrorCode.h"
+#include "base/RuntimeLog.h"
+#include "base/StartupError.h"
+#include "service_app/Directories.h"
+#include "service_app/ServiceLoop.h"
+#include "service_app/Settings.h"
+
+using namespace ParvanePlatform;
+
+namespace {
+
+/** The loop that runs; null outside service_app_main(). */
+ServiceLoop *gLoop = nullptr;
+
+/** Makes a loop known to the exit functions for the length of its life. */
+class CurrentLoop
+{
+public:
+    CurrentLoop(const service_app_callbacks &callbacks, void *userData) : mLoop(callbacks, userData)
+    {
+        gLoop = &mLoop;
+    }
+    ~CurrentLoop() { gLoop = nullptr; }
+
+    CurrentLoop(const CurrentLoop &) = delete;
+    CurrentLoop &operator=(const CurrentLoop &) = delete;
+
+    void Run() { mLoop.Run(); }
+
+private:
+    ServiceLoop mLoop;
+};
+
+bool AreValid(int argc, char **argv, const service_app_callbacks *callbacks)
+{
+    return argc >= 1 && argv != nullptr && callbacks != nullptr && callbacks->create != nullptr &&
+           callbacks->terminate != nullptr && callbacks->app_control != nullptr;
+}
+
+int RunService(const service_app_callbacks &callbacks, void *userData)
+{
+    ReserveStandardDescriptors();
+    // Before the runtime: a signal during its construction must wait until there is a loop to end.
+    CurrentLoop loop(callbacks, userData);
+    Runtime runtime(ReadSettings(ProcessEnvironment));
+    if (!runtime.IsOnlyInstance()) {
+        return ErrorCode::kAlready;
+    }
+    loop.Run();
+    return 0;
+}
+
+void Exit() noexcept
+{
+    if (gLoop != nullptr) {
+        gLoop->Quit();
+    }
+}
+
+} // namespace
+
+/**
+ * Needs create, terminate and app_control; the other two callbacks may be null.
+ *
+ * Returns 0 also when create returned false; -22 for bad arguments, -12 without memory, -1 when the
+ * call comes from inside another or the system refuses what a loop needs, -114 when another process
+ * uses the run-time directory. A setting or path that cannot be used ends the process: one error
+ * line, status 1.
+ */
+extern "C" int service_app_main(int argc, char **argv, service_app_callbacks *callbacks,
+                                void *user_data)
+{
+    if (!AreValid(argc, argv, callbacks)) {
+        return ErrorCode::kInvalidParameter;
+    }
+    if (gLoop != nullptr) {
+        return ErrorCode::kInvalidContext;
+    }
+    try {
+        return RunService(*callbacks, user_data);
+    } catch (const StartupError &failure) {
+        LogError("%s", failure.what());
+    } catch (const std::bad_alloc &) {
+        return ErrorCode::kOutOfMemory;
+    } catch (const std::exception &failure) {
+        LogError("service_app_main: %s", failure.what());
+        return ErrorCode::kInvalidContext;
+    } catch (...) {
+        LogError("service_app_main: unknown exception");
+        return ErrorCode::kInvalidContext;
+    }
+    std::exit(EXIT_FAILURE);
+}
+
+/** Does nothing outside service_app_main(). */
+extern "C" void service_app_exit(void)
+{
+    Exit();
+}
+
+/** Does nothing outside service_app_main(). Needs no memory, so that it works when that is gone. */
+extern "C" void app_efl_exit(void)
+{
+    Exit();
+}

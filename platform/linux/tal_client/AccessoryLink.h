@@ -1,0 +1,180 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <platform/tal_client.h>
+
+#include "base/Clock.h"
+#include "base/LoopSource.h"
+#include "tal_client/LinkSocket.h"
+#include "vconf/KeyValueStore.h"
+
+namespace ParvanePlatform {
+
+/**
+ * The accessory link over the socket "link.sock" of the run-time directory: one host at a time, one
+ * packet of the socket per message.
+ *
+ * The key kStatusKey is 1 when the link starts. It is set to 1 when a host connects and to 0 when it
+ * has gone; the next host waits in the socket's queue until the watchers of the key have heard of
+ * the 0. A host is indicated to the service once that has registered an agent, and nothing is read
+ * from it before the service has accepted it. When it goes, everything that it has sent is delivered
+ * first, then serviceTerminated, then the key.
+ *
+ * Notifications come from the main loop only, never from inside a call of the service, which may
+ * call anything from inside any notification. Main-loop thread only.
+ */
+class AccessoryLink
+{
+public:
+    static constexpr char kStatusKey[] = "memory/private/tal/conn_status";
+    static constexpr char kSocketName[] = "link.sock";
+
+    /** The most bytes that a message to a host may have. */
+    static constexpr int kMaxSendBytes = 65531;
+
+    /** Messages that are read in one turn of the main loop, so that all else has its turn too. */
+    static constexpr int kMessagesPerTurn = 32;
+
+    /** How long a host that has gone before the service was ready is kept for its messages. */
+    static constexpr std::int64_t kReadyWaitMs = 10000;
+
+    /** How long no connection is taken when the system has run out of descriptors or memory. */
+    static constexpr std::int64_t kAcceptPauseMs = 1000;
+
+    // What the operations return; 0 on success.
+    static constexpr int kInvalidArgument = 1;
+    static constexpr int kInvalidConnection = 2;
+    static constexpr int kNetworkFailure = 3;
+    static constexpr int kBufferFull = 4;
+
+    /** The status of peerAgent() when no host is connected. */
+    static constexpr int kNoPeer = 3;
+
+    /**
+     * Opens the socket and sets the key.
+     *
+     * @param runtimeDirectory  exists, and is used by this process alone
+     * @param keys              borrowed for the life of the link
+     * @param clock             borrowed for the life of the link
+     * @throws StartupError when there can be no socket
+     */
+    AccessoryLink(const std::string &runtimeDirectory, KeyValueStore &keys, const Clock &clock);
+
+    /** Closes the host's connection, removes the socket and sets the key to 0. */
+    ~AccessoryLink();
+
+    AccessoryLink(const AccessoryLink &) = delete;
+    AccessoryLink &operator=(const AccessoryLink &) = delete;
+
+    /** Takes a copy; replaces what was registered before. Null functions are not called. */
+    void RegisterNotifications(const tal_notifications &notifications);
+
+    /** No notification comes any more; a host that is connected is not read from. */
+    void DeregisterNotifications();
+
+    /**
+     * Registers the agent; the confirmation comes from the main loop.
+     *
+     * The profile, the service name and the channels must not be null, and there must be a channel.
+     * Nothing of `service` is used after the call.
+     *
+     * @return 0; kInvalidArgument; -114 when an agent is registered already
+     */
+    int RegisterAgent(const tal_service_descriptor *service);
+
+    /** Ends the agent, and the connection of its host. @return 0 or kInvalidArgument */
+    int DeregisterAgent(int agentId);
+
+    /** Asks for peerAgent(): status 0 with a host, else kNoPeer. @return 0 or kInvalidArgument */
+    int FindPeer(int agentId);
+
+    /**
+     * Takes the host that is being indicated; must be called from inside that notification.
+     *
+     * @return 0; kInvalidArgument for another agent; kInvalidConnection for another connection
+     */
+    int Accept(int agentId, int connectionId);
+
+    /**
+     * Closes a host's connection; serviceTerminated does not follow.
+     *
+     * @return 0, also when the host has gone by itself a moment ago; kInvalidConnection
+     */
+    int Terminate(int connectionId);
+
+    /**
+     * Sends one message; never blocks. The socket's send buffer is the queue.
+     *
+     * @return 0; kInvalidArgument for null data, a size outside 1 to kMaxSendBytes or another
+     *         channel; kInvalidConnection; kBufferFull when the host does not read fast enough;
+     *         kNetworkFailure when it has gone
+     */
+    int Send(int connectionId, int channelId, int size, const void *data);
+
+private:
+    enum class HostState {
+        /** There is none. */
+        None,
+        /** Connected; the service does not know yet. */
+        Waiting,
+        /** The service is being told. */
+        Indicated,
+        /** The service has accepted it. */
+        Open,
+        /** Closed; the key's change to 0 is on its way. */
+        Gone
+    };
+
+    struct Agent
+    {
+        int mId = 0;
+        std::vector<std::uint16_t> mChannels;
+        bool mConfirmed = false;
+    };
+
+    void WatchListener();
+    void OnListenerReady();
+    void OnAcceptFailed(int error);
+    void TakeHost(HostSocket host);
+    /** Watches the host for what its state asks for, and for nothing else. */
+    void WatchHost();
+    void OnWaitingHostHungUp();
+    void OnHostReady();
+    bool OnReceived(HostSocket::Received received, std::size_t size);
+    bool DeliverMessage(std::size_t size);
+    void OnHostEnded();
+    void CloseHost();
+    void EndConnection();
+    void AnnounceEnd();
+    void ScheduleWork();
+    void DoWork();
+    void ConfirmAgent();
+    void AnswerPeerSearches();
+    void IndicateHost();
+
+    KeyValueStore &mKeys;
+    const Clock &mClock;
+    ListeningSocket mListener;
+    std::optional<tal_notifications> mNotifications;
+    std::optional<Agent> mAgent;
+    std::vector<int> mPeerSearches;
+    HostState mHostState = HostState::None;
+    HostSocket mHost;
+    int mConnectionId = 0;
+    int mLastAgentId = 0;
+    std::vector<unsigned char> mReceiveBuffer;
+    LoopSource mListenerSource;
+    LoopSource mHostSource;
+    LoopSource mWork;
+    LoopTimer mAcceptTimer;
+    LoopTimer mReadyTimer;
+    /** Lets what the key store still has to call find out that the link is gone. */
+    std::shared_ptr<int> mLife = std::make_shared<int>(0);
+};
+
+} // namespace ParvanePlatform

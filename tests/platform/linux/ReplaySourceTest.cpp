@@ -1,0 +1,362 @@
+#include "context_manager/ReplaySource.h"
+
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr std::int64_t kStartUs = 1'000'000;
+constexpr char kNames[] = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,"
+                          "calories_kcal,speed,activity,gesture\n";
+
+std::string ToText(ContextItem item, const SensorReading &reading)
+{
+    std::ostringstream text;
+    text << static_cast<int>(item);
+    for (const SensorValue &value : reading) {
+        text << ' ' << value.mKey << '=';
+        std::visit([&text](auto number) { text << number; }, value.mValue);
+    }
+    return text.str();
+}
+
+} // namespace
+
+/** Plays small recordings; each reading that comes is noted with the time at which it came. */
+class ReplaySourceTest : public testing::Test, public SensorListener
+{
+protected:
+    void Play(const std::string &rows, const ReplayOptions &options = {})
+    {
+        mClock.mMonotonicUs = kStartUs;
+        auto timer = std::make_unique<ManualTimer>();
+        mTimer = timer.get();
+        mSource = std::make_unique<ReplaySource>(ParseRecording("f.csv", kNames + rows), options,
+                                                 mClock, std::move(timer));
+        mSource->SetListener(this);
+    }
+
+    /** Lets the timer fire at its times, up to a moment of the replay. */
+    void AdvanceTo(double ms)
+    {
+        const std::int64_t targetUs = kStartUs + static_cast<std::int64_t>(ms * 1000);
+        while (mTimer->mDueUs && *mTimer->mDueUs <= targetUs) {
+            mClock.mMonotonicUs = *mTimer->mDueUs;
+            mTimer->Fire();
+        }
+        mClock.mMonotonicUs = targetUs;
+    }
+
+    /** Lets the timer fire once, late. */
+    void FireLateAt(double ms)
+    {
+        mClock.mMonotonicUs = kStartUs + static_cast<std::int64_t>(ms * 1000);
+        ASSERT_TRUE(mTimer->mDueUs);
+        mTimer->Fire();
+    }
+
+    std::vector<std::string> Take() { return std::exchange(mReadings, {}); }
+
+    std::string Latest(ContextItem item) const
+    {
+        const auto reading = mSource->Latest(item);
+        return reading ? ToText(item, *reading) : "none";
+    }
+
+    /** When the timer is due, in microseconds of the replay; -1 when it is not set. */
+    std::int64_t DueUs() const { return mTimer->mDueUs ? *mTimer->mDueUs - kStartUs : -1; }
+
+    void OnReading(ContextItem item, const SensorReading &reading) override
+    {
+        const double ms = static_cast<double>(mClock.mMonotonicUs - kStartUs) / 1000;
+        std::ostringstream text;
+        text << ms << ": " << ToText(item, reading);
+        mReadings.push_back(text.str());
+        if (mOnReading) {
+            mOnReading(item);
+        }
+    }
+
+    ManualClock mClock;
+    ManualTimer *mTimer = nullptr;
+    std::unique_ptr<ReplaySource> mSource;
+    std::vector<std::string> mReadings;
+    std::function<void(ContextItem)> mOnReading;
+};
+
+TEST_F(ReplaySourceTest, WithoutAStartedItemThereIsNoTimer)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n");
+    EXPECT_EQ(DueUs(), -1);
+    mSource->Start(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), 0);
+    mSource->Stop(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), -1);
+}
+
+TEST_F(ReplaySourceTest, RowsComeAtTheirTimes)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n2500,62,,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(2600);
+    EXPECT_THAT(Take(), ElementsAre("0: 7 hrm/heart_rate=60", "1000: 7 hrm/heart_rate=61",
+                                    "2500: 7 hrm/heart_rate=62"));
+}
+
+TEST_F(ReplaySourceTest, SpeedShortensTheTimes)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n1001,62,,,,,,,,\n", {3.0, true});
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(1);
+    EXPECT_THAT(Take(), SizeIs(1));
+    EXPECT_EQ(DueUs(), 333334); // rounded up: never early
+    AdvanceTo(334);
+    EXPECT_THAT(Take(),
+                ElementsAre("333.334: 7 hrm/heart_rate=61", "333.667: 7 hrm/heart_rate=62"));
+}
+
+TEST_F(ReplaySourceTest, SlowMotionLengthensTheTimes)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n", {0.001, true});
+    AdvanceTo(1);
+    mSource->Start(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), 1'000'000'000);
+}
+
+TEST_F(ReplaySourceTest, PositionFollowsTheClockWhileNobodyListens)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n2000,62,,,,,,,,\n");
+    AdvanceTo(1500);
+    mSource->Start(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), 2'000'000);
+    AdvanceTo(2000);
+    EXPECT_THAT(Take(), ElementsAre("2000: 7 hrm/heart_rate=62"));
+}
+
+TEST_F(ReplaySourceTest, RowThatIsDueJustNowIsDelivered)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n");
+    AdvanceTo(1000);
+    mSource->Start(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), 1'000'000);
+}
+
+TEST_F(ReplaySourceTest, TimerIsSetForStartedItemsOnly)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n5000,62,,,,,,,2,\n");
+    AdvanceTo(1);
+    mSource->Start(ContextItem::Activity);
+    EXPECT_EQ(DueUs(), 5'000'000);
+    mSource->Start(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), 1'000'000);
+    mSource->Stop(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), 5'000'000);
+}
+
+TEST_F(ReplaySourceTest, ItemWithoutValuesNeedsNoTimer)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n");
+    mSource->Start(ContextItem::Gesture);
+    EXPECT_EQ(DueUs(), -1);
+    EXPECT_EQ(Latest(ContextItem::Gesture), "none");
+}
+
+TEST_F(ReplaySourceTest, EachItemHasItsOwnKeys)
+{
+    Play("0,-3,8,3,5,10.5,2,7.25,1,4\n");
+    for (const ContextItem item : {ContextItem::Gesture, ContextItem::Pedometer,
+                                   ContextItem::HeartRate, ContextItem::Activity}) {
+        mSource->Start(item);
+    }
+    AdvanceTo(0);
+    EXPECT_THAT(Take(),
+                ElementsAre("0: 7 hrm/heart_rate=-3",
+                            "0: 2 pedometer/total_steps=8 pedometer/walk_steps=3 "
+                            "pedometer/run_steps=5 pedometer/distance=10.5 pedometer/calories=2 "
+                            "pedometer/speed=7.25",
+                            "0: 23 activity/status=1", "0: 1 motion/action=4"));
+}
+
+TEST_F(ReplaySourceTest, PedometerReadingCarriesAllThatIsKnown)
+{
+    Play("0,,5,,,,,,,\n1000,60,,,,,,,,\n2000,,,,,1.5,,,,\n");
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(2000);
+    EXPECT_THAT(Take(), ElementsAre("0: 2 pedometer/total_steps=5",
+                                    "2000: 2 pedometer/total_steps=5 pedometer/distance=1.5"));
+}
+
+TEST_F(ReplaySourceTest, CountersGoOnInTheNextRound)
+{
+    Play("0,,0,,,0.5,,3,,\n1000,,7,,,,,4,,\n2000,,9,,,8,,,,\n");
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(2999);
+    EXPECT_THAT(Take(), SizeIs(3));
+    AdvanceTo(7000);
+    EXPECT_THAT(
+        Take(),
+        ElementsAre("3000: 2 pedometer/total_steps=9 pedometer/distance=8.5 pedometer/speed=3",
+                    "4000: 2 pedometer/total_steps=16 pedometer/distance=8.5 pedometer/speed=4",
+                    "5000: 2 pedometer/total_steps=18 pedometer/distance=16 pedometer/speed=4",
+                    "6000: 2 pedometer/total_steps=18 pedometer/distance=16.5 pedometer/speed=3",
+                    "7000: 2 pedometer/total_steps=25 pedometer/distance=16.5 pedometer/speed=4"));
+}
+
+TEST_F(ReplaySourceTest, FieldThatStartsLateIsKnownFromTheRoundBefore)
+{
+    Play("0,,1,,,,,,,\n1000,,2,,,,5,6,,\n");
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(2000);
+    EXPECT_THAT(
+        Take(),
+        ElementsAre("0: 2 pedometer/total_steps=1",
+                    "1000: 2 pedometer/total_steps=2 pedometer/calories=5 pedometer/speed=6",
+                    "2000: 2 pedometer/total_steps=3 pedometer/calories=5 "
+                    "pedometer/speed=6"));
+}
+
+TEST_F(ReplaySourceTest, WithoutLoopItEndsAfterTheLastRow)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n", {1.0, false});
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(1000);
+    EXPECT_THAT(Take(), SizeIs(2));
+    EXPECT_EQ(DueUs(), -1);
+    AdvanceTo(1e9);
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61");
+    mSource->Start(ContextItem::HeartRate);
+    EXPECT_EQ(DueUs(), -1);
+}
+
+TEST_F(ReplaySourceTest, LateTimerDeliversAllThatIsDue)
+{
+    Play("0,60,,,,,,,,\n1000,61,4,,,,,,,\n2000,62,,,,,,,,\n3000,63,,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    mSource->Start(ContextItem::Pedometer);
+    FireLateAt(2500);
+    EXPECT_THAT(Take(),
+                ElementsAre("2500: 7 hrm/heart_rate=60", "2500: 7 hrm/heart_rate=61",
+                            "2500: 2 pedometer/total_steps=4", "2500: 7 hrm/heart_rate=62"));
+    EXPECT_EQ(DueUs(), 3'000'000);
+}
+
+TEST_F(ReplaySourceTest, WholeRoundsThatWereMissedAreLeftOut)
+{
+    Play("0,60,1,,,,,,,\n1000,61,5,,,,,,,\n"); // a round takes 2000 ms and counts 5 steps
+    mSource->Start(ContextItem::HeartRate);
+    mSource->Start(ContextItem::Pedometer);
+    FireLateAt(2'000'000'000 + 500); // in round 1000000
+    EXPECT_THAT(Take(),
+                ElementsAre("2e+09: 7 hrm/heart_rate=60", "2e+09: 2 pedometer/total_steps=5e+06"));
+    EXPECT_EQ(DueUs(), 2'000'001'000'000);
+}
+
+TEST_F(ReplaySourceTest, OneRoundLateIsStillDeliveredWhole)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    FireLateAt(1000);
+    EXPECT_THAT(Take(), SizeIs(2));
+    FireLateAt(5000); // due are 2000, 3000, 4000, 5000: the first two make a round
+    EXPECT_THAT(Take(), ElementsAre("5000: 7 hrm/heart_rate=60", "5000: 7 hrm/heart_rate=61"));
+}
+
+TEST_F(ReplaySourceTest, LatestIsTheNewestRowWithAValue)
+{
+    Play("1000,60,,,,,,,1,\n2000,,,,,,,,,\n3000,61,,,,,,,,\n");
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "none");
+    AdvanceTo(1000);
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=60");
+    AdvanceTo(2999);
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=60");
+    AdvanceTo(3000);
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61");
+    EXPECT_EQ(Latest(ContextItem::Activity), "23 activity/status=1");
+    AdvanceTo(4500); // the second round has begun, its first row has not
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61");
+    AdvanceTo(5000);
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=60");
+}
+
+TEST_F(ReplaySourceTest, LatestIsRightAtTheEdgesOfManyRounds)
+{
+    Play("0,60,1,,,,,,,\n7,61,3,,,,,,,\n20,62,4,,,,,,,\n", {7.0, true}); // rounds of 33 ms
+    for (std::int64_t round = 0; round < 2000; ++round) {
+        const double roundMs = static_cast<double>(round) * 33.0;
+        mClock.mMonotonicUs = kStartUs + static_cast<std::int64_t>(std::ceil(roundMs * 1000 / 7.0));
+        const std::string total = std::to_string(round * 4 + 1);
+        ASSERT_EQ(Latest(ContextItem::Pedometer), "2 pedometer/total_steps=" + total);
+        --mClock.mMonotonicUs;
+        if (round > 0) {
+            const std::string before = std::to_string(round * 4);
+            ASSERT_EQ(Latest(ContextItem::Pedometer), "2 pedometer/total_steps=" + before);
+        }
+    }
+}
+
+TEST_F(ReplaySourceTest, ListenerMayStopTheItemInItsCall)
+{
+    Play("0,60,,,,,,,,\n0,61,,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    mOnReading = [this](ContextItem item) { mSource->Stop(item); };
+    AdvanceTo(0);
+    EXPECT_THAT(Take(), SizeIs(1));
+    EXPECT_EQ(DueUs(), -1);
+}
+
+TEST_F(ReplaySourceTest, ItemThatIsStartedAnewInItsCallDoesNotComeTwice)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    mOnReading = [this](ContextItem item) {
+        mSource->Stop(item);
+        mSource->Start(item);
+    };
+    AdvanceTo(0);
+    EXPECT_THAT(Take(), ElementsAre("0: 7 hrm/heart_rate=60"));
+    EXPECT_EQ(DueUs(), 1'000'000);
+}
+
+TEST_F(ReplaySourceTest, ListenerMayStartAnotherItemInItsCall)
+{
+    Play("0,60,1,,,,,,,\n1000,61,2,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    mOnReading = [this](ContextItem item) {
+        if (item == ContextItem::HeartRate) {
+            mSource->Start(ContextItem::Pedometer);
+        }
+    };
+    AdvanceTo(0);
+    EXPECT_THAT(Take(), ElementsAre("0: 7 hrm/heart_rate=60"));
+    mOnReading = nullptr;
+    AdvanceTo(1000);
+    EXPECT_THAT(Take(),
+                ElementsAre("1000: 7 hrm/heart_rate=61", "1000: 2 pedometer/total_steps=2"));
+}
+
+TEST_F(ReplaySourceTest, WithoutAListenerNothingBreaks)
+{
+    Play("0,60,,,,,,,,\n");
+    mSource->SetListener(nullptr);
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(0);
+    EXPECT_THAT(Take(), IsEmpty());
+    EXPECT_EQ(DueUs(), 1'000'000);
+}
+
+} // namespace ParvanePlatform
