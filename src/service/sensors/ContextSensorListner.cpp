@@ -1,0 +1,7 @@
+#include "ContextSensorListner.h"
+
+namespace Parvane {
+
+void ContextSensorListner::OnSensorDataChanged(std::shared_ptr<SensorData> /*data*/) {}
+
+} // namespace Parvane

@@ -1,0 +1,1088 @@
+#include "ConnectionManager.h"
+
+#include <cstdlib>
+#include <functional>
+#include <new>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "LinkTest.h"
+#include "LogMatchers.h"
+#include "ScriptedPlatform.h"
+
+namespace Parvane {
+namespace {
+
+using testing::_;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::SizeIs;
+
+class RecordingLinkListener : public ConnectionEventListener
+{
+public:
+    void OnDataReceived(const uint8_t *data, std::size_t size) override
+    {
+        mReceived.emplace_back(data, data + size);
+        EXPECT_EQ(0, data[size]);
+        if (mInsideReceived) {
+            mInsideReceived();
+        }
+    }
+
+    void OnServiceTerminated() override { ++mTerminated; }
+
+    void OnConnectionReleased() override
+    {
+        ++mReleased;
+        if (mInsideReleased) {
+            mInsideReleased();
+        }
+    }
+
+    std::vector<Bytes> mReceived;
+    int mTerminated = 0;
+    int mReleased = 0;
+    std::function<void()> mInsideReceived;
+    std::function<void()> mInsideReleased;
+};
+
+class ConnectionManagerTest : public LinkTest
+{
+protected:
+    ConnectionManagerTest() { mManager.SetListener(&mListener); }
+
+    void Send(const Bytes &bytes) const
+    {
+        mManager.SendToHost(bytes.data(), static_cast<int32_t>(bytes.size()));
+    }
+
+    static auto InitializeError(const std::string &text)
+    {
+        return ErrorLine("ConnectionManager: InitializeTALConnection(*)",
+                         "TALConnect initialize fail [" + text + "]");
+    }
+
+    static auto SendError(const std::string &text)
+    {
+        return ErrorLine("ConnectionManager: SendToHost(*)",
+                         "TALConnect initialize fail [" + text + "]");
+    }
+
+    // What a failed allocation of the given size makes the registration say.
+    std::vector<LogLine> LogOfFailedAllocation(std::size_t size)
+    {
+        mPlatform.FailAllocationOfSize(size, size);
+        ScriptedPlatform::AsService([this] { mManager.InitializeTALConnection(); });
+        EXPECT_TRUE(mPlatform.StopFailingAllocations());
+        EXPECT_THAT(mPlatform.PendingTimers(), ElementsAre(5));
+        return mPlatform.TakeLog();
+    }
+
+    RecordingLinkListener mListener;
+};
+
+// The instance.
+
+TEST_F(ConnectionManagerTest, ThereIsOneInstance)
+{
+    EXPECT_EQ(ConnectionManager::GetInstance(), ConnectionManager::GetInstance());
+}
+
+TEST_F(ConnectionManagerTest, LinkStatusKeyIsWatchedOnceForTheProcess)
+{
+    ConnectionManager::GetInstance();
+
+    EXPECT_THAT(ScriptedPlatform::KeyWatches(),
+                ElementsAre(Pair("memory/private/tal/conn_status", nullptr)));
+}
+
+// Runs in a process of its own, where the instance has yet to be made.
+class ConnectionManagerBirthTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!ScriptedPlatform::KeyWatches().empty()) {
+            GTEST_SKIP() << "another test of this process has made the instance already";
+        }
+    }
+
+    ScriptedPlatform mPlatform;
+};
+
+void LiveWithoutTheWatch(ScriptedPlatform &platform)
+{
+    platform.PrintLog();
+    platform.FailNext("vconf_notify_key_changed", -6);
+    ConnectionManager::GetInstance()->InitializeTALConnection();
+    std::_Exit(platform.HasNotifications() ? 0 : 1);
+}
+
+TEST_F(ConnectionManagerBirthTest, FailedWatchIsLoggedAndTheLinkStillRegisters)
+{
+    EXPECT_EXIT(LiveWithoutTheWatch(mPlatform), testing::ExitedWithCode(0), "FAIL \\[-6\\]");
+}
+
+void BeBorn(ScriptedPlatform &platform)
+{
+    ConnectionManager::GetInstance();
+    const std::vector<std::string> calls = platform.TakeCalls();
+    const bool asExpected =
+        calls ==
+            std::vector<std::string>{"vconf_notify_key_changed(memory/private/tal/conn_status)"} &&
+        platform.TakeLog().empty();
+    std::_Exit(asExpected ? 0 : 1);
+}
+
+TEST_F(ConnectionManagerBirthTest, NewInstanceWatchesTheKeyAndDoesNothingElse)
+{
+    EXPECT_EXIT(BeBorn(mPlatform), testing::ExitedWithCode(0), "");
+}
+
+void SearchBeforeAnyConfirmation(ScriptedPlatform &platform)
+{
+    ConnectionManager *const manager = ConnectionManager::GetInstance();
+    for (int i = 0; i < 20; ++i) {
+        manager->FindAgentPeer();
+    }
+    const std::vector<std::string> calls = platform.TakeCallsOf("findPeerAgent");
+    std::_Exit(calls == std::vector<std::string>(11, "findPeerAgent(-1)") ? 0 : 1);
+}
+
+TEST_F(ConnectionManagerBirthTest, PeerSearchesCountFromZeroBeforeAnyConfirmation)
+{
+    EXPECT_EXIT(SearchBeforeAnyConfirmation(mPlatform), testing::ExitedWithCode(0), "");
+}
+
+// Registration.
+
+TEST_F(ConnectionManagerTest, RegistrationHandsOverNotificationsThenTheService)
+{
+    mManager.InitializeTALConnection();
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("registerNotifications()", "registerServiceAgent()"));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+    EXPECT_THAT(mPlatform.PendingTimers(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, InitializeRegisters)
+{
+    mManager.Initialize();
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("registerNotifications()", "registerServiceAgent()"));
+}
+
+TEST_F(ConnectionManagerTest, NotificationRecordIsFilledAsTheLinkWantsIt)
+{
+    mManager.InitializeTALConnection();
+
+    const tal_notifications &slots = mPlatform.Notifications();
+    EXPECT_NE(nullptr, slots.registerServiceAgentConfirm);
+    EXPECT_NE(nullptr, slots.dataReceived);
+    EXPECT_NE(nullptr, slots.serviceConnectionIndication);
+    EXPECT_NE(nullptr, slots.serviceTerminated);
+    EXPECT_NE(nullptr, slots.serviceCreateConfirm);
+    EXPECT_NE(nullptr, slots.peerAgent);
+    EXPECT_EQ(7, slots.unused7(7));
+    EXPECT_EQ(-8, slots.unused8(-8));
+    EXPECT_EQ(9, slots.unused9(9));
+    for (const auto reserved : slots.reserved) {
+        EXPECT_EQ(nullptr, reserved);
+    }
+}
+
+TEST_F(ConnectionManagerTest, ServiceIsAnnouncedWithItsFixedIdentity)
+{
+    mManager.InitializeTALConnection();
+
+    const tal_service_descriptor *const service = mPlatform.Service();
+    ASSERT_NE(nullptr, service);
+    EXPECT_STREQ("/mirtala/sensor", service->profileId);
+    EXPECT_STREQ("sensor_zolt", service->serviceName);
+    EXPECT_EQ(4U, service->field8);
+    EXPECT_EQ(1U, service->field12);
+    EXPECT_EQ(1U, service->channelCount);
+    EXPECT_EQ(0U, service->reserved[0]);
+    EXPECT_EQ(0U, service->reserved[1]);
+}
+
+TEST_F(ConnectionManagerTest, ServiceHasChannel143)
+{
+    mManager.InitializeTALConnection();
+
+    const tal_channel_descriptor *const channel = mPlatform.Service()->channels;
+    ASSERT_NE(nullptr, channel);
+    EXPECT_EQ(143U, channel->id);
+    EXPECT_EQ(0U, channel->field2);
+    EXPECT_EQ(1U, channel->field4);
+    for (const uint32_t reserved : channel->reserved) {
+        EXPECT_EQ(0U, reserved);
+    }
+}
+
+TEST_F(ConnectionManagerTest, FailedNotificationRegistrationIsLoggedAndRetried)
+{
+    mPlatform.FailNext("registerNotifications", -1);
+
+    mManager.InitializeTALConnection();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("registerNotifications()", "g_timeout_add(5)"));
+    EXPECT_THAT(
+        mPlatform.TakeLog(),
+        ElementsAre(InitializeError("[InitializeTALConnection]Fail to register notification\n")));
+}
+
+TEST_F(ConnectionManagerTest, FailedServiceRegistrationIsLoggedAndRetried)
+{
+    mPlatform.FailNext("registerServiceAgent", 3);
+
+    mManager.InitializeTALConnection();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("registerNotifications()",
+                                                   "registerServiceAgent()", "g_timeout_add(5)"));
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(IsLogLine(6, "ConnectionManager: InitializeTALConnection(*) > "
+                                         "\033[0;40;31mTALConnect initialize fail "
+                                         "[[InitializeTALConnection]registerServiceAgent failed]"
+                                         "\033[0;m")));
+}
+
+TEST_F(ConnectionManagerTest, MissingMemoryForTheNotificationsIsLoggedAndRetried)
+{
+    EXPECT_THAT(LogOfFailedAllocation(sizeof(tal_notifications)),
+                ElementsAre(InitializeError("[CreateTALNotification]calloc fail")));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("g_timeout_add(5)"));
+}
+
+TEST_F(ConnectionManagerTest, MissingMemoryForTheChannelIsLoggedAndRetried)
+{
+    EXPECT_THAT(LogOfFailedAllocation(sizeof(tal_channel_descriptor)),
+                ElementsAre(InitializeError("[CreateChannel] ChannelDesc calloc() failed")));
+}
+
+TEST_F(ConnectionManagerTest, MissingMemoryForTheServiceIsLoggedAndRetried)
+{
+    EXPECT_THAT(LogOfFailedAllocation(sizeof(tal_service_descriptor)),
+                ElementsAre(InitializeError("[CreateService]ServiceDesc calloc() failed")));
+    EXPECT_THAT(mPlatform.TakeCallsOf("registerServiceAgent"), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, RetriesFollowAfterFiveTenAndFifteenMilliseconds)
+{
+    mPlatform.FailEvery("registerServiceAgent", -1);
+    mManager.InitializeTALConnection();
+    mPlatform.AdvanceTime(4);
+    EXPECT_THAT(mPlatform.TakeLog(), SizeIs(1));
+    mPlatform.AdvanceTime(1);
+    EXPECT_THAT(mPlatform.TakeLog(), SizeIs(1));
+    mPlatform.AdvanceTime(10);
+    EXPECT_THAT(mPlatform.TakeLog(), SizeIs(1));
+
+    EXPECT_THAT(mPlatform.TakeCallsOf("g_timeout_add"),
+                ElementsAre("g_timeout_add(5)", "g_timeout_add(10)", "g_timeout_add(15)"));
+    EXPECT_THAT(mPlatform.PendingTimers(), ElementsAre(15)); // each fires once
+}
+
+TEST_F(ConnectionManagerTest, RetriesHaveNoEndAndTheirDelayNoBound)
+{
+    mPlatform.FailEvery("registerNotifications", -1);
+    mManager.InitializeTALConnection();
+
+    for (int i = 1; i < 200; ++i) {
+        mPlatform.AdvanceTime(5 * i);
+    }
+
+    EXPECT_THAT(mPlatform.PendingTimers(), ElementsAre(1000));
+}
+
+TEST_F(ConnectionManagerTest, SuccessEndsTheRetriesAndTheirDelay)
+{
+    mPlatform.FailCall("registerServiceAgent", 1, -1);
+    mPlatform.FailCall("registerServiceAgent", 2, -1);
+    mManager.InitializeTALConnection();
+    mPlatform.AdvanceTime(5);
+    mPlatform.AdvanceTime(10);
+    EXPECT_THAT(mPlatform.PendingTimers(), IsEmpty());
+    LinkDown();
+
+    mPlatform.FailNext("registerServiceAgent", -1);
+    mPlatform.ChangeKey(kStatusKey, 1);
+
+    EXPECT_THAT(mPlatform.PendingTimers(), ElementsAre(5));
+    mPlatform.AdvanceTime(5);
+    EXPECT_TRUE(mPlatform.HasNotifications());
+}
+
+// A retry does not ask what has become of the link meanwhile.
+
+TEST_F(ConnectionManagerTest, RetryRegistersAgainThoughTheKeyHasRegisteredMeanwhile)
+{
+    mPlatform.FailNext("registerServiceAgent", -1);
+    mManager.InitializeTALConnection();
+    LinkUp();
+    mPlatform.Forget();
+
+    mPlatform.AdvanceTime(5);
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("registerNotifications()", "registerServiceAgent()"));
+    LinkDown(); // the first registration's records are gone by now, the second's are there
+    EXPECT_EQ(1, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, RetryRegistersThoughTheKeyIsZero)
+{
+    mPlatform.FailNext("registerServiceAgent", -1);
+    mPlatform.ChangeKey(kStatusKey, 1);
+    LinkDown();
+    mPlatform.Forget();
+
+    mPlatform.AdvanceTime(5);
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("registerNotifications()", "registerServiceAgent()"));
+}
+
+TEST_F(ConnectionManagerTest, FailedRetryLeavesTheRegistrationThatTheKeyMade)
+{
+    mPlatform.FailNext("registerServiceAgent", -1);
+    mManager.InitializeTALConnection();
+    ConnectHost();
+    mPlatform.FailNext("registerNotifications", -1);
+
+    mPlatform.AdvanceTime(5);
+    Send({1, 2});
+
+    EXPECT_THAT(mPlatform.TakeSent(), ElementsAre(Bytes{1, 2}));
+    LinkDown();
+    EXPECT_EQ(1, mListener.mReleased);
+}
+
+// The link-status key.
+
+TEST_F(ConnectionManagerTest, KeyOneRegisters)
+{
+    mPlatform.ChangeKey(kStatusKey, 1);
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("vconf_get_int(memory/private/tal/conn_status)",
+                            "registerNotifications()", "registerServiceAgent()"));
+}
+
+TEST_F(ConnectionManagerTest, KeyOneWhileRegisteredDoesNothing)
+{
+    LinkUp();
+    mPlatform.Forget();
+
+    mPlatform.ChangeKey(kStatusKey, 1);
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("vconf_get_int(memory/private/tal/conn_status)"));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, KeyZeroWhileNotRegisteredDoesNothing)
+{
+    mPlatform.ChangeKey(kStatusKey, 0);
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("vconf_get_int(memory/private/tal/conn_status)"));
+    EXPECT_EQ(0, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, OtherValuesOfTheKeyDoNothing)
+{
+    mPlatform.ChangeKey(kStatusKey, 2);
+    EXPECT_FALSE(mPlatform.HasNotifications());
+
+    LinkUp();
+    mPlatform.ChangeKey(kStatusKey, 2);
+    mPlatform.ChangeKey(kStatusKey, -1);
+    EXPECT_TRUE(mPlatform.HasNotifications());
+    EXPECT_EQ(0, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, KeyThatCannotBeReadIsNeitherOneNorZero)
+{
+    mPlatform.FailNext("vconf_get_int", -1);
+    mPlatform.ChangeKey(kStatusKey, 1);
+    EXPECT_FALSE(mPlatform.HasNotifications());
+
+    LinkUp();
+    mPlatform.FailNext("vconf_get_int", -1);
+    mPlatform.ChangeKey(kStatusKey, 0);
+    EXPECT_TRUE(mPlatform.HasNotifications());
+    EXPECT_EQ(0, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, LinkComesBackAsOftenAsTheKeySays)
+{
+    for (int i = 0; i < 3; ++i) {
+        ConnectHost();
+        Send({1});
+        LinkDown();
+    }
+
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+    EXPECT_EQ(3, mListener.mReleased);
+}
+
+// Confirmation of the registration.
+
+TEST_F(ConnectionManagerTest, ConfirmationKeepsTheAgentAndSearchesNobody)
+{
+    mPlatform.ChangeKey(kStatusKey, 1);
+    mPlatform.Forget();
+
+    mPlatform.ConfirmRegistration(0, 12);
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("vconf_get_int(memory/private/tal/conn_status)"));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+    mManager.FindAgentPeer();
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(12)"));
+}
+
+TEST_F(ConnectionManagerTest, AgentIsKeptWhateverTheResultOfTheConfirmation)
+{
+    mPlatform.ChangeKey(kStatusKey, 1);
+
+    mPlatform.ConfirmRegistration(-1, 12);
+    mPlatform.Forget();
+    mManager.FindAgentPeer();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(12)"));
+}
+
+TEST_F(ConnectionManagerTest, ConfirmationWithoutLinkIsAnError)
+{
+    mManager.InitializeTALConnection();
+
+    mPlatform.ConfirmRegistration(0, 12); // the key is 0
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(ErrorLine("ConnectionManager: TALNotiOnRegisterServiceAgentConfirm(*)",
+                                      "TAL conn is not connected")));
+}
+
+TEST_F(ConnectionManagerTest, ConfirmationWithAnUnreadableKeyIsAnError)
+{
+    mPlatform.ChangeKey(kStatusKey, 1);
+    mPlatform.FailNext("vconf_get_int", -6);
+
+    mPlatform.ConfirmRegistration(0, 12);
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                Contains(ErrorLine("ConnectionManager: TALNotiOnRegisterServiceAgentConfirm(*)",
+                                   "TAL conn is not connected")));
+}
+
+TEST_F(ConnectionManagerTest, ConfirmationBeginsANewPeerSearch)
+{
+    LinkUp();
+    for (int i = 0; i < 15; ++i) {
+        mManager.FindAgentPeer();
+    }
+    mPlatform.ConfirmRegistration(0, kAgent);
+    mPlatform.Forget();
+
+    mManager.FindAgentPeer();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(5)"));
+}
+
+// Connections.
+
+TEST_F(ConnectionManagerTest, IndicationIsAcceptedWithItsArgumentsUnchanged)
+{
+    LinkUp();
+    mPlatform.Forget();
+    int peer = 0;
+    int detail = 0;
+
+    mPlatform.IndicateConnection(5, 7, &peer, &detail);
+
+    char expected[100];
+    std::snprintf(expected, sizeof expected, "acceptServiceConnection(5, 7, %p, %p)",
+                  static_cast<void *>(&peer), static_cast<void *>(&detail));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre(expected));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, AcceptedConnectionCarriesWhatIsSent)
+{
+    LinkUp();
+    mPlatform.IndicateConnection(5, 33);
+
+    Send({1, 2, 3});
+
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{33, 143, 3, {1, 2, 3}}));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, ConnectionThatCannotBeAcceptedIsWarnedAbout)
+{
+    LinkUp();
+    mPlatform.FailNext("acceptServiceConnection", -1);
+
+    mPlatform.IndicateConnection(5, 33);
+
+    EXPECT_THAT(
+        mPlatform.TakeLog(),
+        ElementsAre(WarningLine("ConnectionManager: TALNotiOnServiceConnectionIndication(*)",
+                                "fail to accept service connection")));
+    Send({1});
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{-1, 143, 1, {1}}));
+    EXPECT_THAT(mPlatform.TakeLog(), SizeIs(1));
+}
+
+TEST_F(ConnectionManagerTest, FailedSecondConnectionLeavesTheFirst)
+{
+    ConnectHost();
+    mPlatform.FailNext("acceptServiceConnection", -1);
+
+    mPlatform.IndicateConnection(5, 33);
+    Send({1});
+
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{7, 143, 1, {1}}));
+}
+
+TEST_F(ConnectionManagerTest, ConfirmedConnectionCarriesWhatIsSent)
+{
+    LinkUp();
+    mPlatform.Forget();
+
+    mPlatform.ConfirmConnection(5, 34, 0);
+    Send({9});
+
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{34, 143, 1, {9}}));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("sendData(34, 143, 1)"));
+}
+
+TEST_F(ConnectionManagerTest, RefusedConnectionIsWarnedAbout)
+{
+    LinkUp();
+
+    mPlatform.ConfirmConnection(5, 34, 2);
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(WarningLine("ConnectionManager: TALNotiOnServiceCreateConfirm(*)",
+                                        "service connection failed.")));
+    Send({1});
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{-1, 143, 1, {1}}));
+}
+
+// Peer search.
+
+TEST_F(ConnectionManagerTest, PeerSearchNamesTheLocalAgent)
+{
+    LinkUp();
+    mPlatform.Forget();
+
+    mManager.FindAgentPeer();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(5)"));
+    EXPECT_THAT(mPlatform.TakeLog(), ElementsAre(WarningLine("ConnectionManager: FindAgentPeer(*)",
+                                                             "local Agent ID = [5]")));
+}
+
+TEST_F(ConnectionManagerTest, FailedPeerSearchIsAnError)
+{
+    LinkUp();
+    mPlatform.FailNext("findPeerAgent", -1);
+
+    mManager.FindAgentPeer();
+
+    EXPECT_THAT(
+        mPlatform.TakeLog(),
+        ElementsAre(WarningLine("ConnectionManager: FindAgentPeer(*)", "local Agent ID = [5]"),
+                    ErrorLine("ConnectionManager: FindAgentPeer(*)", "Call find peer failed")));
+}
+
+TEST_F(ConnectionManagerTest, PeerFailureIsAnErrorAndSearchesAgain)
+{
+    LinkUp();
+    mPlatform.Forget();
+
+    mPlatform.ReportPeer(kAgent, 8);
+
+    EXPECT_THAT(
+        mPlatform.TakeLog(),
+        ElementsAre(
+            ErrorLine("ConnectionManager: TALNotiOnPeerAgent(*)", "find peer agent failed : 8"),
+            WarningLine("ConnectionManager: FindAgentPeer(*)", "local Agent ID = [5]")));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(5)"));
+}
+
+TEST_F(ConnectionManagerTest, PeerFailureThreeSearchesAgainWithoutAnError)
+{
+    LinkUp();
+    mPlatform.Forget();
+
+    mPlatform.ReportPeer(kAgent, 3);
+
+    EXPECT_THAT(mPlatform.TakeLog(), ElementsAre(WarningLine("ConnectionManager: FindAgentPeer(*)",
+                                                             "local Agent ID = [5]")));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(5)"));
+}
+
+TEST_F(ConnectionManagerTest, TwelfthFailureInARowStopsTheSearchAfterItsLine)
+{
+    LinkUp();
+    for (int i = 0; i < 11; ++i) {
+        mPlatform.ReportPeer(kAgent, 3);
+    }
+    EXPECT_THAT(mPlatform.TakeCallsOf("findPeerAgent"), SizeIs(11));
+    mPlatform.Forget();
+
+    mPlatform.ReportPeer(kAgent, 3);
+
+    EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
+    EXPECT_THAT(mPlatform.TakeLog(), ElementsAre(WarningLine("ConnectionManager: FindAgentPeer(*)",
+                                                             "local Agent ID = [5]")));
+}
+
+TEST_F(ConnectionManagerTest, FailedSearchesCountToo)
+{
+    LinkUp();
+    mPlatform.FailEvery("findPeerAgent", -1);
+
+    for (int i = 0; i < 20; ++i) {
+        mManager.FindAgentPeer();
+    }
+
+    EXPECT_THAT(mPlatform.TakeCallsOf("findPeerAgent"), SizeIs(11));
+}
+
+TEST_F(ConnectionManagerTest, FoundPeerBeginsTheCountAgain)
+{
+    LinkUp();
+    for (int i = 0; i < 15; ++i) {
+        mPlatform.ReportPeer(kAgent, 3);
+    }
+    mPlatform.Forget();
+
+    mPlatform.ReportPeer(kAgent, 0);
+    EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+
+    mPlatform.ReportPeer(kAgent, 3);
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(5)"));
+}
+
+// Received data.
+
+TEST_F(ConnectionManagerTest, ReceivedBytesReachTheListenerWithTheirLength)
+{
+    ConnectHost();
+
+    mPlatform.DeliverFromHost({0x14, 0x00, 0x00, 0x03});
+
+    EXPECT_THAT(mListener.mReceived, ElementsAre(Bytes{0x14, 0x00, 0x00, 0x03}));
+    EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, ConnectionAndChannelOfReceivedDataAreIgnored)
+{
+    LinkUp();
+
+    mPlatform.DeliverFromHost({1}, 99, 1);
+
+    EXPECT_THAT(mListener.mReceived, ElementsAre(Bytes{1}));
+}
+
+TEST_F(ConnectionManagerTest, EmptyMessageReachesTheListener)
+{
+    ConnectHost();
+
+    mPlatform.DeliverFromHost({});
+
+    EXPECT_THAT(mListener.mReceived, ElementsAre(Bytes{}));
+}
+
+TEST_F(ConnectionManagerTest, MessageOfNegativeLengthIsDropped)
+{
+    ConnectHost();
+    const uint8_t byte = 2;
+
+    mPlatform.Notifications().dataReceived(7, 143, -1, &byte);
+    mPlatform.Notifications().dataReceived(7, 143, -2147483647 - 1, &byte);
+
+    EXPECT_THAT(mListener.mReceived, IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, MessageWithoutBytesIsDropped)
+{
+    ConnectHost();
+
+    mPlatform.Notifications().dataReceived(7, 143, 4, nullptr);
+
+    EXPECT_THAT(mListener.mReceived, IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, MessageWithoutListenerIsDropped)
+{
+    ConnectHost();
+    mManager.SetListener(nullptr);
+
+    mPlatform.DeliverFromHost({0x14, 0x00, 0x00, 0x03});
+
+    EXPECT_THAT(mListener.mReceived, IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, MessageIsDroppedWhenMemoryHasRunOut)
+{
+    ConnectHost();
+
+    mPlatform.FailAllocation(1);
+    mPlatform.DeliverFromHost({0x14, 0x00, 0x00, 0x03});
+    EXPECT_TRUE(mPlatform.StopFailingAllocations());
+
+    EXPECT_THAT(mListener.mReceived, IsEmpty());
+    mPlatform.DeliverFromHost({0x24, 0x00, 0x00, 0x03});
+    EXPECT_THAT(mListener.mReceived, SizeIs(1));
+}
+
+TEST_F(ConnectionManagerTest, ListenerThatRunsOutOfMemoryEndsAtTheLink)
+{
+    ConnectHost();
+    mListener.mInsideReceived = [] { throw std::bad_alloc(); };
+
+    mPlatform.DeliverFromHost({1});
+    mListener.mInsideReceived = nullptr;
+    mPlatform.DeliverFromHost({2});
+
+    EXPECT_THAT(mListener.mReceived, ElementsAre(Bytes{1}, Bytes{2}));
+}
+
+TEST_F(ConnectionManagerTest, ListenerMayTearTheLinkDownInsideAMessage)
+{
+    ConnectHost();
+    mListener.mInsideReceived = [this] { LinkDown(); };
+
+    mPlatform.DeliverFromHost({1});
+
+    EXPECT_EQ(1, mListener.mReleased);
+    EXPECT_FALSE(mPlatform.HasNotifications());
+}
+
+// End of the host's service.
+
+TEST_F(ConnectionManagerTest, EndOfTheHostsServiceIsReportedAndChangesNothing)
+{
+    ConnectHost();
+
+    mPlatform.ReportServiceTerminated(kConnection);
+
+    EXPECT_EQ(1, mListener.mTerminated);
+    EXPECT_EQ(0, mListener.mReleased);
+    EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
+    Send({1}); // still connected
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{7, 143, 1, {1}}));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, EndOfTheHostsServiceWithoutListenerIsNothing)
+{
+    ConnectHost();
+    mManager.SetListener(nullptr);
+
+    mPlatform.ReportServiceTerminated(kConnection);
+
+    EXPECT_EQ(0, mListener.mTerminated);
+    EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
+}
+
+// Teardown.
+
+TEST_F(ConnectionManagerTest, TeardownEndsConnectionThenAgentThenNotifications)
+{
+    ConnectHost();
+
+    LinkDown();
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("vconf_get_int(memory/private/tal/conn_status)",
+                            "terminateServiceConnection(7)", "deRegisterServiceAgent(5)",
+                            "deregisterNotifications()"));
+    EXPECT_EQ(1, mListener.mReleased);
+    EXPECT_EQ(0, mListener.mTerminated);
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, TeardownWithoutConnectionEndsNone)
+{
+    LinkUp();
+    mPlatform.Forget();
+
+    LinkDown();
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre(_, "deRegisterServiceAgent(5)", "deregisterNotifications()"));
+    EXPECT_EQ(1, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, TeardownBeforeTheConfirmationEndsNoAgent)
+{
+    mPlatform.ChangeKey(kStatusKey, 1);
+    mPlatform.Forget();
+
+    LinkDown();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre(_, "deregisterNotifications()"));
+    EXPECT_EQ(1, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, TeardownForgetsConnectionAndAgent)
+{
+    ConnectHost();
+    LinkDown();
+    mPlatform.Forget();
+
+    mManager.TerminateTALConnection();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("deregisterNotifications()"));
+    EXPECT_EQ(2, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, TeardownGoesOnWhateverFails)
+{
+    ConnectHost();
+    mPlatform.FailNext("terminateServiceConnection", -1);
+    mPlatform.FailNext("deRegisterServiceAgent", -2);
+    mPlatform.FailNext("deregisterNotifications", -3);
+
+    LinkDown();
+
+    EXPECT_THAT(mPlatform.TakeCalls(), SizeIs(4));
+    EXPECT_EQ(1, mListener.mReleased);
+    mPlatform.ChangeKey(kStatusKey, 1);
+    EXPECT_TRUE(mPlatform.HasNotifications());
+    mPlatform.Forget();
+    Send({1});
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{-1, 143, 1, {1}}));
+}
+
+TEST_F(ConnectionManagerTest, FailuresOfATeardownAreLoggedWithTheirCodes)
+{
+    ConnectHost();
+    mPlatform.FailNext("terminateServiceConnection", -11);
+    mPlatform.FailNext("deRegisterServiceAgent", -12);
+    mPlatform.FailNext("deregisterNotifications", -13);
+
+    LinkDown();
+
+    const std::vector<LogLine> log = mPlatform.TakeLog();
+    ASSERT_THAT(log, SizeIs(3));
+    EXPECT_THAT(log[0].mText, testing::HasSubstr("[-11]"));
+    EXPECT_THAT(log[1].mText, testing::HasSubstr("[-12]"));
+    EXPECT_THAT(log[2].mText, testing::HasSubstr("[-13]"));
+}
+
+TEST_F(ConnectionManagerTest, TeardownWithoutListenerIsComplete)
+{
+    ConnectHost();
+    mManager.SetListener(nullptr);
+
+    LinkDown();
+
+    EXPECT_FALSE(mPlatform.HasNotifications());
+    EXPECT_EQ(0, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, ListenerHearsOfTheTeardownWhenItIsDone)
+{
+    ConnectHost();
+    mListener.mInsideReleased = [this] {
+        EXPECT_FALSE(mPlatform.HasNotifications());
+        Send({1});
+    };
+
+    LinkDown();
+
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{-1, 143, 1, {1}}));
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(SendError("[SendToHost]mIsServiceConnected is false")));
+}
+
+TEST_F(ConnectionManagerTest, TeardownInsideATeardownEndsNothingTwice)
+{
+    ConnectHost();
+    mPlatform.OnNextCall("terminateServiceConnection", [this] { LinkDown(); });
+
+    LinkDown();
+
+    const std::vector<std::string> calls = mPlatform.TakeCalls();
+    EXPECT_THAT(calls, Contains("terminateServiceConnection(7)").Times(1));
+    EXPECT_THAT(calls, Contains("deRegisterServiceAgent(5)").Times(1));
+    EXPECT_FALSE(mPlatform.HasNotifications());
+}
+
+TEST_F(ConnectionManagerTest, ListenerMayRegisterAgainInsideTheTeardown)
+{
+    ConnectHost();
+    mListener.mInsideReleased = [this] { ConnectHost(); };
+
+    LinkDown();
+    Send({1});
+
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{7, 143, 1, {1}}));
+    mListener.mInsideReleased = nullptr;
+    LinkDown();
+    EXPECT_EQ(2, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, ListenerThatRunsOutOfMemoryInsideTheTeardownEndsAtTheKey)
+{
+    ConnectHost();
+    mListener.mInsideReleased = [] { throw std::bad_alloc(); };
+
+    LinkDown();
+
+    EXPECT_EQ(1, mListener.mReleased);
+    EXPECT_FALSE(mPlatform.HasNotifications());
+}
+
+// Sending.
+
+TEST_F(ConnectionManagerTest, MessageGoesOutOnChannel143)
+{
+    ConnectHost();
+
+    Send({0x14, 0x02, 0x00, 0x03});
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("sendData(7, 143, 4)"));
+    EXPECT_THAT(mPlatform.TakeSent(), ElementsAre(Bytes{0x14, 0x02, 0x00, 0x03}));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, MessageWithoutConnectionIsLoggedAndSentAllTheSame)
+{
+    Send({1, 2});
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(IsLogLine(6, "ConnectionManager: SendToHost(*) > "
+                                         "\033[0;40;31mTALConnect initialize fail "
+                                         "[[SendToHost]mIsServiceConnected is false]\033[0;m")));
+    EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{-1, 143, 2, {1, 2}}));
+}
+
+TEST_F(ConnectionManagerTest, MessageAfterATeardownGoesToConnectionMinusOne)
+{
+    ConnectHost();
+    LinkDown();
+    mPlatform.Forget();
+
+    Send({1});
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(SendError("[SendToHost]mIsServiceConnected is false")));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("sendData(-1, 143, 1)"));
+}
+
+TEST_F(ConnectionManagerTest, NullMessageIsLoggedAndSentAllTheSame)
+{
+    ConnectHost();
+
+    mManager.SendToHost(nullptr, 4);
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(SendError("[SendToHost]Invalid parameter: str is NULL")));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("sendData(7, 143, 4)"));
+}
+
+TEST_F(ConnectionManagerTest, FirstFaultOfAMessageIsTheOneThatIsLogged)
+{
+    mManager.SendToHost(nullptr, 70000);
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(SendError("[SendToHost]Invalid parameter: str is NULL")));
+}
+
+TEST_F(ConnectionManagerTest, LongestMessageIsNoFault)
+{
+    ConnectHost();
+
+    Send(Bytes(65531, 0x55));
+
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("sendData(7, 143, 65531)"));
+}
+
+TEST_F(ConnectionManagerTest, TooLongAMessageIsLoggedTwiceAndSentAllTheSame)
+{
+    ConnectHost();
+
+    Send(Bytes(65532, 0x55));
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(ErrorLine("ConnectionManager: SendToHost(*)",
+                                      "Message goes over max size(65532) but input size (65532)\n"),
+                            SendError("[SendToHost]message size limit exceed")));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("sendData(7, 143, 65532)"));
+}
+
+TEST_F(ConnectionManagerTest, NegativeSizeIsNotOverTheLimit)
+{
+    ConnectHost();
+    const uint8_t byte = 0;
+
+    mManager.SendToHost(&byte, -1);
+
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("sendData(7, 143, -1)"));
+}
+
+TEST_F(ConnectionManagerTest, FailuresOfTheLinkAreWarningsAndNothingIsRetried)
+{
+    ConnectHost();
+    const std::pair<int, const char *> expected[] = {{1, "invalid argument error"},
+                                                     {2, "invalid service connection"},
+                                                     {3, "network failure error"},
+                                                     {4, "Buffer full"},
+                                                     {5, "Buffer full"},
+                                                     {6, "Unknown error"},
+                                                     {-1, "Unknown error"}};
+    for (const auto &[code, text] : expected) {
+        mPlatform.FailNext("sendData", code);
+        Send({1});
+        EXPECT_THAT(mPlatform.TakeLog(),
+                    ElementsAre(WarningLine("ConnectionManager: SendToHost(*)", text)));
+        EXPECT_THAT(mPlatform.TakeCalls(), SizeIs(1));
+        EXPECT_THAT(mPlatform.PendingTimers(), IsEmpty());
+    }
+}
+
+TEST_F(ConnectionManagerTest, LinkMayGoDownWhileAMessageIsBeingSent)
+{
+    ConnectHost();
+    mPlatform.OnNextCall("sendData", [this] { LinkDown(); });
+
+    Send({1});
+    Send({2});
+
+    EXPECT_THAT(mPlatform.TakeSentMessages(),
+                ElementsAre(SentMessage{7, 143, 1, {1}}, SentMessage{-1, 143, 1, {2}}));
+}
+
+TEST_F(ConnectionManagerTest, TraceShowsPositionsInDecimalAndBytesInHexadecimal)
+{
+    const uint8_t bytes[] = {0x14, 0x02, 0xFF};
+    EXPECT_EQ("00 14 01 02 02 ff ", ConnectionManager::FormatTrace(bytes, 3));
+    EXPECT_EQ("", ConnectionManager::FormatTrace(bytes, 0));
+
+    const Bytes longer(11, 0xA5);
+    EXPECT_EQ("00 a5 01 a5 02 a5 03 a5 04 a5 05 a5 06 a5 07 a5 08 a5 09 a5 10 a5 ",
+              ConnectionManager::FormatTrace(longer.data(), 11));
+}
+
+} // namespace
+} // namespace Parvane
