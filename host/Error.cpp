@@ -1,0 +1,72 @@
+#include "Error.h"
+
+#include <cerrno>
+#include <system_error>
+
+namespace ParvaneHost {
+
+namespace {
+
+std::string ErrnoText(int code)
+{
+    return std::generic_category().message(code);
+}
+
+std::string DescribeLink(const LinkError &error)
+{
+    switch (error.mReason) {
+    case LinkError::Reason::CannotConnect: {
+        std::string text = "cannot connect to " + error.mPath + ": " + ErrnoText(error.mErrno);
+        if (error.mErrno == ENOENT || error.mErrno == ECONNREFUSED) {
+            text += " (is the watch service running?)";
+        }
+        return text;
+    }
+    case LinkError::Reason::AnotherHost:
+        return "the watch closed the link " + error.mPath +
+               " at once: another host is connected, or it does not serve this user";
+    case LinkError::Reason::Closed:
+        return "the watch closed the link " + error.mPath;
+    case LinkError::Reason::NotConnected:
+        return "not connected to " + error.mPath;
+    case LinkError::Reason::Failed:
+        break;
+    }
+    return "the link " + error.mPath + " failed: " + ErrnoText(error.mErrno);
+}
+
+} // namespace
+
+std::string SecondsText(std::chrono::milliseconds length)
+{
+    const auto whole = std::chrono::floor<std::chrono::seconds>(length);
+    std::string text = std::to_string(whole.count());
+    std::string decimals = std::to_string(1000 + (length - whole).count()).substr(1);
+    while (!decimals.empty() && decimals.back() == '0') {
+        decimals.pop_back();
+    }
+    if (!decimals.empty()) {
+        text += '.';
+        text += decimals;
+    }
+    return text + " s";
+}
+
+std::string Describe(const Error &error)
+{
+    if (const auto *link = std::get_if<LinkError>(&error)) {
+        return DescribeLink(*link);
+    }
+    if (const auto *timeout = std::get_if<Timeout>(&error)) {
+        return "no answer to " + timeout->mWhat + " within " + SecondsText(timeout->mAfter);
+    }
+    if (const auto *protocol = std::get_if<ProtocolError>(&error)) {
+        return "the watch broke the protocol: " + protocol->mWhat;
+    }
+    if (const auto *unsupported = std::get_if<Unsupported>(&error)) {
+        return unsupported->mWhat;
+    }
+    return "interrupted";
+}
+
+} // namespace ParvaneHost

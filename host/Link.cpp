@@ -1,0 +1,149 @@
+#include "Link.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <sys/un.h>
+#include <utility>
+
+namespace ParvaneHost {
+
+namespace {
+
+bool WouldBlock(int code)
+{
+    return code == EAGAIN || code == EINTR;
+}
+
+Error WaitError(WaitResult result, const std::string &path, const Deadline &deadline,
+                const std::string &what)
+{
+    if (result == WaitResult::Interrupted) {
+        return Interrupted{};
+    }
+    if (result == WaitResult::TimedOut) {
+        return Timeout{what, deadline.Length()};
+    }
+    return LinkError{LinkError::Reason::Failed, errno, path};
+}
+
+} // namespace
+
+std::size_t Link::LongestPath()
+{
+    return sizeof(sockaddr_un{}.sun_path) - 1;
+}
+
+Link::Link(UniqueFd socket, std::string path)
+    : mSocket(std::move(socket)),
+      mPath(std::move(path)),
+      mConnectedAt(std::chrono::steady_clock::now()),
+      mBuffer(WireFormat::kMaxMessageBytes)
+{}
+
+Result<Link, Error> Link::Connect(const std::string &path, const Deadline &deadline,
+                                  const WaitOptions &options)
+{
+    constexpr std::chrono::milliseconds kRetryAfter{20};
+    const auto failed = [&path](int code) {
+        return Error{LinkError{LinkError::Reason::CannotConnect, code, path}};
+    };
+    if (path.empty() || path.size() > LongestPath()) {
+        return failed(path.empty() ? EINVAL : ENAMETOOLONG);
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::copy(path.begin(), path.end(), std::begin(address.sun_path));
+
+    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket) {
+        return failed(errno);
+    }
+    // A full queue of the listener fails with EAGAIN, and nothing tells when there is room again.
+    while (::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) !=
+           0) {
+        const int code = errno;
+        if (!WouldBlock(code) || deadline.HasPassed()) {
+            return failed(code);
+        }
+        const Deadline retry = Deadline::After(kRetryAfter).Earlier(deadline);
+        const WaitResult waited = WaitFor(-1, 0, retry, options);
+        if (waited == WaitResult::Interrupted) {
+            return Error{Interrupted{}};
+        }
+    }
+    return Link(std::move(socket), path);
+}
+
+std::optional<Error> Link::Send(std::span<const std::uint8_t> packet, const Deadline &deadline,
+                                const WaitOptions &options)
+{
+    for (;;) {
+        const WaitResult waited = WaitFor(mSocket.Get(), POLLOUT, deadline, options);
+        if (waited != WaitResult::Ready) {
+            return WaitError(waited, mPath, deadline, "an outgoing packet");
+        }
+        const ssize_t sent =
+            ::send(mSocket.Get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            return std::nullopt; // packets are sent whole or not at all
+        }
+        if (!WouldBlock(errno)) {
+            return Lost(errno);
+        }
+        if (deadline.HasPassed()) {
+            return Timeout{"an outgoing packet", deadline.Length()};
+        }
+    }
+}
+
+Result<Bytes, Error> Link::Receive(const Deadline &deadline, const WaitOptions &options)
+{
+    for (;;) {
+        const WaitResult waited = WaitFor(mSocket.Get(), POLLIN, deadline, options);
+        if (waited != WaitResult::Ready) {
+            return WaitError(waited, mPath, deadline, "an incoming packet");
+        }
+        const ssize_t received =
+            ::recv(mSocket.Get(), mBuffer.data(), mBuffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+        if (received < 0) {
+            if (WouldBlock(errno)) {
+                continue;
+            }
+            return Error{Lost(errno)};
+        }
+        // The end of the link and an empty packet both read as 0 bytes.
+        if (received == 0 && PeerHasClosed()) {
+            return Error{Lost(0)};
+        }
+        mHasReceived = true;
+        const auto size = static_cast<std::size_t>(received);
+        if (size > mBuffer.size()) {
+            return Error{ProtocolError{"a packet of " + std::to_string(size) + " bytes, at most " +
+                                       std::to_string(mBuffer.size()) + " are allowed"}};
+        }
+        return Bytes(mBuffer.begin(), mBuffer.begin() + received);
+    }
+}
+
+LinkError Link::Lost(int code) const
+{
+    constexpr std::chrono::seconds kAtOnce{2};
+    if (code != 0 && code != ECONNRESET && code != EPIPE) {
+        return {LinkError::Reason::Failed, code, mPath};
+    }
+    const bool atOnce = std::chrono::steady_clock::now() - mConnectedAt < kAtOnce;
+    return {!mHasReceived && atOnce ? LinkError::Reason::AnotherHost : LinkError::Reason::Closed,
+            code, mPath};
+}
+
+bool Link::PeerHasClosed() const
+{
+    pollfd polled{mSocket.Get(), POLLRDHUP, 0};
+    return poll(&polled, 1, 0) != 0;
+}
+
+} // namespace ParvaneHost

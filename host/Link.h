@@ -1,0 +1,66 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "Deadline.h"
+#include "Error.h"
+#include "Messages.h"
+#include "Result.h"
+#include "UniqueFd.h"
+#include "Wait.h"
+
+namespace ParvaneHost {
+
+/**
+ * The accessory link as a connected SOCK_SEQPACKET socket: one message is one packet.
+ *
+ * Owns the socket. After a LinkError the link is of no more use. One thread at a time.
+ */
+class Link
+{
+public:
+    /** The longest path that a socket address holds, in bytes. */
+    static std::size_t LongestPath();
+
+    /** Takes a connected socket; `path` names it in messages. */
+    Link(UniqueFd socket, std::string path);
+
+    /**
+     * Connects to the socket at `path`.
+     *
+     * Fails with LinkError (CannotConnect; ENAMETOOLONG and EINVAL for a path too long or empty,
+     * EAGAIN when the watch takes no host before the deadline) and Interrupted.
+     */
+    static Result<Link, Error> Connect(const std::string &path, const Deadline &deadline,
+                                       const WaitOptions &options);
+
+    /** Sends one packet. Fails with LinkError, Timeout and Interrupted. */
+    std::optional<Error> Send(std::span<const std::uint8_t> packet, const Deadline &deadline,
+                              const WaitOptions &options);
+
+    /**
+     * The next packet, which may be empty.
+     *
+     * Fails with LinkError, Timeout, Interrupted, and ProtocolError for a packet above the size limit
+     * of the link. The watch closing the link before it sent anything is
+     * LinkError::Reason::AnotherHost within two seconds of connecting, and Closed later.
+     */
+    Result<Bytes, Error> Receive(const Deadline &deadline, const WaitOptions &options);
+
+private:
+    [[nodiscard]] LinkError Lost(int code) const;
+    [[nodiscard]] bool PeerHasClosed() const;
+
+    UniqueFd mSocket;
+    std::string mPath;
+    std::chrono::steady_clock::time_point mConnectedAt;
+    bool mHasReceived = false;
+    Bytes mBuffer;
+};
+
+} // namespace ParvaneHost

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "ExitCode.h"
+#include "Messages.h"
+#include "SocketPath.h"
+
+namespace ParvaneHost {
+
+/** One run of the command, as it was asked for. */
+struct Invocation
+{
+    enum class Action {
+        List,
+        Measure,
+        Watch,
+        Stop,
+        Raw,
+    };
+
+    Action mAction = Action::List;
+    std::string mSocketPath;
+    bool mJson = false;
+    std::optional<std::chrono::milliseconds> mTimeout; // nothing: the default of the action
+    Sensor mSensor = Sensor::Activity;                 // Measure, Watch, Stop
+    std::optional<std::chrono::milliseconds> mFor;     // Watch; nothing: until a signal
+    std::vector<Bytes> mPackets;                       // Raw; at least one
+    std::chrono::milliseconds mWait{1000};             // Raw
+};
+
+/** A run that is over before it begins: help, version, or wrong usage. */
+struct Ending
+{
+    ExitCode mCode = ExitCode::Success;
+    std::string mOutput; // for standard output
+    std::string mError;  // for standard error
+};
+
+/**
+ * Reads the command line.
+ *
+ * @param arguments    without the program's name
+ * @param environment  for the default of the socket's path
+ */
+std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
+                                                  const Environment &environment);
+
+} // namespace ParvaneHost

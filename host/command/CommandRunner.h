@@ -1,0 +1,66 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Client.h"
+#include "CommandLine.h"
+#include "Error.h"
+#include "ExitCode.h"
+#include "LineWriter.h"
+#include "Printer.h"
+#include "ProgressBar.h"
+#include "SignalPipe.h"
+
+namespace ParvaneHost {
+
+/** How a run ended. */
+struct Outcome
+{
+    ExitCode mCode = ExitCode::Success;
+    int mSignal = 0; // when not 0: the process is to end by this signal
+};
+
+/**
+ * Does what an Invocation says: answers on standard output, errors, notices and the progress bar on
+ * standard error. Borrows the signals, which must outlive it. Use once.
+ */
+class CommandRunner
+{
+public:
+    CommandRunner(Invocation invocation, SignalPipe &signals);
+    ~CommandRunner();
+
+    CommandRunner(const CommandRunner &) = delete;
+    CommandRunner &operator=(const CommandRunner &) = delete;
+
+    Outcome Run();
+
+private:
+    Outcome List();
+    Outcome Measure();
+    Outcome Watch();
+    Outcome Stop();
+    Outcome Raw();
+
+    [[nodiscard]] ClientOptions MakeClientOptions();
+    [[nodiscard]] std::chrono::milliseconds AnswerTimeout() const;
+    void BeginProgress();
+    bool Print(const Lines &lines);
+    Outcome Printed(const Lines &lines);
+    [[nodiscard]] Outcome OutputOutcome();
+    Outcome Failed(const Error &error);
+    void Complain(const std::string &text);
+
+    Invocation mInvocation;
+    SignalPipe *mSignals;
+    std::unique_ptr<Printer> mPrinter;
+    LineWriter mOutput;
+    LineWriter mErrors;
+    std::optional<ProgressBar> mBar;
+    Client mClient;
+};
+
+} // namespace ParvaneHost

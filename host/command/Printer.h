@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Messages.h"
+#include "Result.h"
+#include "WireCodec.h"
+
+namespace ParvaneHost {
+
+/** Lines without their line feeds. */
+using Lines = std::vector<std::string>;
+
+/** Puts what came from the watch into lines. Stateless; writes nothing. */
+class Printer
+{
+public:
+    Printer() = default;
+    virtual ~Printer() = default;
+
+    virtual Lines List(const SensorList &list) const = 0;
+
+    /** The answer to a measurement. `nowMs` is the time of day, see FullTimeMs(). */
+    virtual Lines Measured(const Reading &reading, std::int64_t nowMs) const = 0;
+
+    /** A reading among many: with its time. */
+    virtual Lines Watched(const Reading &reading, std::int64_t nowMs) const = 0;
+
+    virtual Lines Stopped(const StopAck &acknowledgement) const = 0;
+
+    /** A packet as it came, with what it means or why it means nothing. */
+    virtual Lines Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,
+                         std::int64_t nowMs) const = 0;
+
+protected:
+    Printer(const Printer &) = default;
+    Printer &operator=(const Printer &) = default;
+};
+
+} // namespace ParvaneHost

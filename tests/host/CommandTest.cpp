@@ -1,0 +1,430 @@
+#include <nlohmann/json.hpp>
+#include <signal.h> // NOLINT(modernize-deprecated-headers): the signals are POSIX
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ChildProcess.h"
+#include "ScriptedWatch.h"
+
+namespace ParvaneHost {
+namespace {
+
+using nlohmann::json;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/** A reading with the flags and the command of `request`; its value is 2.0 or, asked for so, 72.0. */
+Bytes ReadingFor(const Bytes &request, std::uint8_t command, bool seventyTwo = false)
+{
+    const auto first = static_cast<std::uint8_t>(request.at(0) / 16 * 16 + command);
+    const Bytes value = seventyTwo ? Bytes{0x42, 0x90} : Bytes{0x40, 0x00};
+    return {first, 0x00, 0x0E, request.at(3), 0x11,        0x00,        0x00, 0x00, 0x00,
+            0x00,  0x0F, 0x42, 0x40,          value.at(0), value.at(1), 0x00, 0x00, 0x00};
+}
+
+Bytes AcknowledgementOf(const Bytes &stop)
+{
+    return {stop.at(0), 0x02, 0x00, stop.at(3)};
+}
+
+/** What a request asks for, whatever its flags: command, and the bytes from the sensor on. */
+Bytes Asked(const Bytes &request)
+{
+    Bytes asked{static_cast<std::uint8_t>(request.at(0) % 16)};
+    asked.insert(asked.end(), request.begin() + 3, request.end());
+    return asked;
+}
+
+class CommandTest : public testing::Test
+{
+protected:
+    [[nodiscard]] std::vector<std::string> Arguments(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), {"--socket", mWatch.Path()});
+        return arguments;
+    }
+
+    /** Accepts the program's link and answers the stop and the start of the activity. */
+    void StartActivity()
+    {
+        mWatch.Accept();
+        const Bytes stop = mWatch.Receive();
+        EXPECT_EQ(Asked(stop), (Bytes{4, 1}));
+        mWatch.Send(AcknowledgementOf(stop));
+        mStart = mWatch.Receive();
+        EXPECT_EQ(Asked(mStart), (Bytes{3, 1, 0}));
+        mWatch.Send(ReadingFor(mStart, 3));
+    }
+
+    void AnswerStop()
+    {
+        const Bytes stop = mWatch.Receive();
+        EXPECT_EQ(Asked(stop), (Bytes{4, 1}));
+        mWatch.Send(AcknowledgementOf(stop));
+    }
+
+    ScriptedWatch mWatch;
+    Bytes mStart;
+};
+
+void SendList(ScriptedWatch &watch)
+{
+    watch.Accept();
+    const auto first = static_cast<std::uint8_t>(0x80 + watch.Receive().at(0));
+    watch.Send({first, 0x80, 0x0A, 0x03, 0x00, 0x00, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0x01});
+    watch.Send({first, 0x01, 0x15, 0x43, 0x03, 0x01, 0x43, 0x48, 0x00, 0x00, 0x3F, 0x80, 0x00,
+                0x00,  0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x3A, 0x98, 0x00, 0x00, 0x00});
+}
+
+TEST_F(CommandTest, ListPrintsATable)
+{
+    ChildProcess host(Arguments({"list"}));
+    SendList(mWatch);
+
+    EXPECT_EQ(host.ReadOutput(), "Bluetooth address: AA:BB:CC:DD:EE:FF\n"
+                                 "SENSOR  ID  RANGE     RESOLUTION  MINIMUM DELAY  AVAILABLE\n"
+                                 "hr      3   0 to 200  1           15000 ms       yes\n");
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, ListInJsonIsAnObjectALine)
+{
+    ChildProcess host(Arguments({"list", "--json"}));
+    SendList(mWatch);
+
+    EXPECT_EQ(json::parse(host.ReadLine()).at("address"), "AA:BB:CC:DD:EE:FF");
+    EXPECT_EQ(json::parse(host.ReadLine()).at("sensor"), "hr");
+    EXPECT_EQ(host.ReadOutput(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, TheSocketMayComeFromTheEnvironment)
+{
+    ChildProcess host({"measure", "hr"}, {.mEnvironment = {{"PARVANE_LINK", mWatch.Path()}}});
+    mWatch.Accept();
+    const Bytes request = mWatch.Receive();
+    EXPECT_EQ(Asked(request), (Bytes{2, 3}));
+    mWatch.Send(ReadingFor(request, 2, true));
+
+    EXPECT_EQ(host.ReadOutput(), "heart rate: 72 bpm\n");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, MeasureInJsonIsOneObject)
+{
+    ChildProcess host(Arguments({"measure", "hr", "--json"}));
+    mWatch.Accept();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, true));
+
+    const auto object = json::parse(host.ReadOutput());
+    EXPECT_EQ(object.at("value"), 72);
+    EXPECT_EQ(object.at("unit"), "bpm");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, NoProgressIsShownWhereStandardErrorIsNoTerminal)
+{
+    ChildProcess host(Arguments({"measure", "hr"}), {.mEnvironment = {{"TERM", "xterm"}}});
+    mWatch.Accept();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2));
+
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, ProgressIsShownOnATerminalAndRemovedByTheAnswer)
+{
+    ChildProcess host(Arguments({"measure", "hr"}),
+                      {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
+    mWatch.Accept();
+    const Bytes request = mWatch.Receive();
+    EXPECT_THAT(host.ReadErrorsUntil("[#...."), StartsWith("\r\033[Kheart rate [......"));
+    mWatch.Send(ReadingFor(request, 2, true));
+
+    EXPECT_EQ(host.ReadOutput(), "heart rate: 72 bpm\n");
+    EXPECT_THAT(host.ReadErrors(), EndsWith("\r\033[K"));
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, NoProgressIsShownOnADumbTerminalOrWithJson)
+{
+    for (const auto &[terminal, option] :
+         {std::pair<std::string, std::string>{"dumb", "--timeout=5"}, {"xterm", "--json"}}) {
+        ChildProcess host(Arguments({"measure", "hr", option}),
+                          {.mEnvironment = {{"TERM", terminal}}, .mErrorsToTerminal = true});
+        mWatch.Accept();
+        mWatch.Send(ReadingFor(mWatch.Receive(), 2));
+
+        EXPECT_EQ(host.ReadErrors(), "");
+        EXPECT_EQ(host.Wait(), 0);
+    }
+}
+
+TEST_F(CommandTest, ASilentWatchIsExitCodeThree)
+{
+    ChildProcess host(Arguments({"measure", "hr", "--timeout", "0.05"}));
+    mWatch.Accept();
+
+    EXPECT_EQ(host.ReadOutput(), "");
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: no answer to the measurement of 'hr' within 0.05 s\n");
+    EXPECT_EQ(host.Wait(), 3);
+}
+
+TEST_F(CommandTest, NoSocketIsExitCodeOne)
+{
+    ChildProcess host({"list", "--socket", "/nonexistent/link.sock"});
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: cannot connect to /nonexistent/link.sock: No such file or "
+              "directory (is the watch service running?)\n");
+    EXPECT_EQ(host.Wait(), 1);
+}
+
+TEST_F(CommandTest, ASecondHostIsToldOfTheFirst)
+{
+    ChildProcess host(Arguments({"measure", "steps"}));
+    mWatch.Accept();
+    mWatch.HangUp();
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: the watch closed the link " + mWatch.Path() +
+                  " at once: another host is connected, or it does not serve this user\n");
+    EXPECT_EQ(host.Wait(), 1);
+}
+
+TEST_F(CommandTest, ABrokenPacketIsExitCodeOne)
+{
+    ChildProcess host(Arguments({"measure", "steps"}));
+    mWatch.Accept();
+    mWatch.Send({0x00});
+
+    EXPECT_THAT(host.ReadErrors(),
+                StartsWith("parvane-host: the watch broke the protocol: packet size"));
+    EXPECT_EQ(host.Wait(), 1);
+}
+
+TEST_F(CommandTest, WrongUsageIsExitCodeTwoWithoutTouchingTheLink)
+{
+    for (const auto &arguments : {std::vector<std::string>{"measure", "pulse"},
+                                  {"raw", "0g"},
+                                  {"watch", "hr"},
+                                  {"frob"},
+                                  {"list", "--timeout", "never"}}) {
+        ChildProcess host(Arguments(arguments));
+        EXPECT_EQ(host.ReadOutput(), "");
+        EXPECT_THAT(host.ReadErrors(), EndsWith("\nTry 'parvane-host --help'.\n"));
+        EXPECT_EQ(host.Wait(), 2);
+    }
+}
+
+TEST_F(CommandTest, HelpAndVersionGoToStandardOutput)
+{
+    ChildProcess help({"--help"});
+    EXPECT_THAT(help.ReadOutput(), HasSubstr("Exit codes:"));
+    EXPECT_EQ(help.Wait(), 0);
+
+    ChildProcess version({"--version"});
+    EXPECT_EQ(version.ReadOutput(), "parvane-host " PARVANE_HOST_VERSION "\n");
+    EXPECT_EQ(version.Wait(), 0);
+}
+
+TEST_F(CommandTest, StopSaysWhatWasStopped)
+{
+    ChildProcess host(Arguments({"stop"}));
+    mWatch.Accept();
+    AnswerStop();
+
+    EXPECT_EQ(host.ReadOutput(), "activity: stopped\n");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, WatchPrintsEachReadingAsItComes)
+{
+    ChildProcess host(Arguments({"watch", "activity"}));
+    StartActivity();
+    EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
+    mWatch.Send(ReadingFor(mStart, 3));
+    EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
+
+    host.Signal(SIGINT);
+    AnswerStop();
+
+    EXPECT_EQ(host.ReadOutput(), "");
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, WatchEndsCleanlyOnSigterm)
+{
+    ChildProcess host(Arguments({"watch", "activity", "--json"}));
+    StartActivity();
+    EXPECT_EQ(json::parse(host.ReadLine()).at("activity"), "running");
+
+    host.Signal(SIGTERM);
+    AnswerStop();
+
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, WatchEndsByItselfAfterItsTime)
+{
+    ChildProcess host(Arguments({"watch", "activity", "--for", "0.3"}));
+    StartActivity();
+    EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
+    AnswerStop();
+
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, WatchingStepsEndsWithoutAStop)
+{
+    ChildProcess host(Arguments({"watch", "steps"}));
+    mWatch.Accept();
+    const Bytes request = mWatch.Receive();
+    EXPECT_EQ(Asked(request), (Bytes{2, 2}));
+    mWatch.Send(ReadingFor(request, 2));
+    EXPECT_THAT(host.ReadLine(), EndsWith("  steps: 2 today"));
+
+    host.Signal(SIGINT);
+
+    EXPECT_TRUE(mWatch.SeesHostLeave());
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, WatchMakesALostLinkAgain)
+{
+    ChildProcess host(Arguments({"watch", "activity"}));
+    StartActivity();
+    host.ReadLine();
+    mWatch.HangUp();
+    StartActivity();
+
+    EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
+    host.ReadErrorsUntil("parvane-host: connected again\n");
+    host.Signal(SIGINT);
+    AnswerStop();
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, AWatchThatIsNotAllowedToStopSaysSo)
+{
+    ChildProcess host(Arguments({"watch", "activity", "--timeout", "1.5"}));
+    StartActivity();
+    host.ReadLine();
+    host.Signal(SIGINT);
+    mWatch.Receive(); // the stop, which is not acknowledged
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: no answer to the stop of 'activity' within 1.5 s\n");
+    EXPECT_EQ(host.Wait(), 3);
+}
+
+TEST_F(CommandTest, ASecondSignalEndsAWatchThatWaitsForTheAcknowledgement)
+{
+    ChildProcess host(Arguments({"watch", "activity"}));
+    StartActivity();
+    host.ReadLine();
+    host.Signal(SIGINT);
+    mWatch.Receive();
+    host.Signal(SIGTERM);
+
+    EXPECT_EQ(host.Wait(), -SIGTERM);
+}
+
+TEST_F(CommandTest, AMeasurementDiesOfItsSignalAndLeavesTheLineClean)
+{
+    ChildProcess host(Arguments({"measure", "hr"}),
+                      {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
+    mWatch.Accept();
+    mWatch.Receive();
+    host.ReadErrorsUntil("heart rate [");
+    host.Signal(SIGINT);
+
+    EXPECT_THAT(host.ReadErrors(), EndsWith("\r\033[K"));
+    EXPECT_EQ(host.Wait(), -SIGINT);
+}
+
+TEST_F(CommandTest, AReaderThatGoesEndsAWatchQuietly)
+{
+    ChildProcess host(Arguments({"watch", "activity"}));
+    StartActivity();
+    host.ReadLine();
+    host.CloseOutput();
+    mWatch.Send(ReadingFor(mStart, 3));
+    AnswerStop();
+
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
+{
+    ChildProcess host(Arguments({"stop"}), {.mEnvironment = {}, .mOutputToFull = true});
+    mWatch.Accept();
+    AnswerStop();
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: cannot write to standard output: No space left on device\n");
+    EXPECT_EQ(host.Wait(), 1);
+}
+
+TEST_F(CommandTest, RawSendsPacketsAndPrintsRepliesUntilTheLinkIsQuiet)
+{
+    ChildProcess host(Arguments({"raw", "14 00 00:03", "ff", "--wait", "1000"}));
+    mWatch.Accept();
+    EXPECT_EQ(mWatch.Receive(), (Bytes{0x14, 0x00, 0x00, 0x03}));
+    EXPECT_EQ(mWatch.Receive(), (Bytes{0xFF}));
+    mWatch.Send({0x14, 0x02, 0x00, 0x03});
+    mWatch.Send({0x00});
+
+    EXPECT_EQ(host.ReadOutput(),
+              "14 02 00 03\n"
+              "  stop acknowledged: hr (3), flags 1\n"
+              "00\n"
+              "  not understood: packet size (offset 1): expected 4, 13, 18 or 25 "
+              "bytes, found 1 bytes\n");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, RawInJsonIsAnObjectAPacket)
+{
+    ChildProcess host(Arguments({"raw", "14000003", "--wait", "1000", "--json"}));
+    mWatch.Accept();
+    mWatch.Receive();
+    mWatch.Send({0x14, 0x02, 0x00, 0x03});
+
+    EXPECT_EQ(json::parse(host.ReadOutput()).at("reply").at("type"), "stopped");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, RawEndsAtItsTimeoutEvenWhenTheLinkIsNotQuiet)
+{
+    ChildProcess host(Arguments({"raw", "01", "--wait", "60000", "--timeout", "1"}));
+    mWatch.Accept();
+    mWatch.Receive();
+    mWatch.Send({0x14, 0x02, 0x00, 0x03});
+
+    EXPECT_THAT(host.ReadOutput(), StartsWith("14 02 00 03\n"));
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, RawReportsALinkThatIsClosed)
+{
+    ChildProcess host(Arguments({"raw", "01", "--wait", "60000"}));
+    mWatch.Accept();
+    mWatch.Receive();
+    mWatch.Send({0x14, 0x02, 0x00, 0x03});
+    mWatch.HangUp();
+
+    EXPECT_THAT(host.ReadOutput(), StartsWith("14 02 00 03\n"));
+    EXPECT_EQ(host.ReadErrors(), "parvane-host: the watch closed the link " + mWatch.Path() + "\n");
+    EXPECT_EQ(host.Wait(), 1);
+}
+
+} // namespace
+} // namespace ParvaneHost

@@ -1,0 +1,150 @@
+#include "JsonPrinter.h"
+
+#include <nlohmann/json.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace ParvaneHost {
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+
+constexpr std::int64_t kNowMs = 1400000000000LL; // its last word is 0xF680B000
+
+Lines Measured(Sensor sensor, float value)
+{
+    return JsonPrinter().Measured({.mCommand = Command::MeasureOnce,
+                                   .mFlags = 1,
+                                   .mSensor = sensor,
+                                   .mTimeFieldMs = 0xF680B000U,
+                                   .mValue = value},
+                                  kNowMs + 700);
+}
+
+TEST(JsonPrinterTest, ReadingsHaveOneLineWithTheirKeysInOrder)
+{
+    EXPECT_THAT(
+        Measured(Sensor::HeartRate, 72.0F),
+        ElementsAre(R"({"type":"reading","sensor":"hr","id":3,"command":"measure","value":72,)"
+                    R"("unit":"bpm","usable":true,"time_ms":1400000000000})"));
+    EXPECT_THAT(
+        Measured(Sensor::HeartRate, 0.0F),
+        ElementsAre(R"({"type":"reading","sensor":"hr","id":3,"command":"measure","value":0,)"
+                    R"("unit":"bpm","usable":false,"time_ms":1400000000000})"));
+    EXPECT_THAT(
+        Measured(Sensor::WearState, 1.0F),
+        ElementsAre(R"({"type":"reading","sensor":"wear","id":4,"command":"measure","value":1,)"
+                    R"("unit":"worn","worn":true,"time_ms":1400000000000})"));
+    EXPECT_THAT(Measured(Sensor::Pedometer, 12345.0F),
+                ElementsAre(R"({"type":"reading","sensor":"steps","id":2,"command":"measure",)"
+                            R"("value":12345,"unit":"steps","time_ms":1400000000000})"));
+}
+
+TEST(JsonPrinterTest, ActivitiesAreNamedWhereTheyHaveAName)
+{
+    const auto walking = json::parse(Measured(Sensor::Activity, 1.0F).at(0));
+    EXPECT_EQ(walking.at("activity"), "walking");
+    EXPECT_EQ(walking.at("unit"), "activity");
+
+    EXPECT_TRUE(json::parse(Measured(Sensor::Activity, 9.0F).at(0)).at("activity").is_null());
+}
+
+TEST(JsonPrinterTest, AnUnknownSensorHasNoUnit)
+{
+    const auto object = json::parse(Measured(Sensor{9}, 0.5F).at(0));
+
+    EXPECT_EQ(object.at("sensor"), "unknown");
+    EXPECT_EQ(object.at("id"), 9);
+    EXPECT_EQ(object.at("value"), 0.5);
+    EXPECT_TRUE(object.at("unit").is_null());
+}
+
+TEST(JsonPrinterTest, LargeValuesStayNumbers)
+{
+    EXPECT_EQ(json::parse(Measured(Sensor::Pedometer, 16777216.0F).at(0)).at("value"), 16777216);
+    const auto huge = json::parse(Measured(Sensor::Pedometer, 3.4028235e38F).at(0));
+    EXPECT_FLOAT_EQ(huge.at("value").get<float>(), 3.4028235e38F);
+}
+
+TEST(JsonPrinterTest, AWatchedReadingHasTheSameKeysAndNullForAnUnknownTime)
+{
+    const Reading reading{.mCommand = Command::Start, .mSensor = Sensor::Activity, .mValue = 2.0F};
+
+    EXPECT_THAT(
+        JsonPrinter().Watched(reading, kNowMs),
+        ElementsAre(R"({"type":"reading","sensor":"activity","id":1,"command":"start","value":2,)"
+                    R"("unit":"activity","activity":"running","time_ms":null})"));
+}
+
+TEST(JsonPrinterTest, TheListIsALineForTheWatchAndOneForEachSensor)
+{
+    SensorList list;
+    list.mHeader.mAddress = {0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0x0F};
+    list.mHeader.mCount = 1;
+    list.mEntries = {{.mPosition = 1,
+                      .mSensor = Sensor::HeartRate,
+                      .mAvailable = 1,
+                      .mMaxRange = 200,
+                      .mResolution = 1,
+                      .mMinDelayMs = 15000}};
+
+    EXPECT_THAT(
+        JsonPrinter().List(list),
+        ElementsAre(R"({"type":"list","address":"AA:BB:CC:DD:EE:0F","count":1})",
+                    R"({"type":"sensor","position":1,"sensor":"hr","id":3,"available":true,)"
+                    R"("range":200,"resolution":1,"minimum":0,"minimum_delay_ms":15000})"));
+    EXPECT_TRUE(json::parse(JsonPrinter().List({}).at(0)).at("address").is_null());
+}
+
+TEST(JsonPrinterTest, AStopIsALine)
+{
+    EXPECT_THAT(JsonPrinter().Stopped({.mFlags = 1, .mSensor = Sensor::Activity}),
+                ElementsAre(R"({"type":"stopped","sensor":"activity","id":1})"));
+}
+
+TEST(JsonPrinterTest, PacketsCarryTheirReply)
+{
+    const auto reply = [](const Reply &meaning) {
+        return json::parse(JsonPrinter().Packet({0xFF, 0x00}, meaning, kNowMs).at(0));
+    };
+
+    EXPECT_EQ(reply(StopAck{1, Sensor::HeartRate}), json::parse(R"({"type":"packet","hex":"FF 00",
+                              "reply":{"type":"stopped","sensor":"hr","id":3,"flags":1}})"));
+    EXPECT_EQ(reply(OptionReply{2, Sensor::Activity}).at("reply"),
+              json::parse(R"({"type":"option","sensor":"activity","id":1,"flags":2})"));
+    EXPECT_EQ(reply(SensorListHeader{.mFlags = 3}).at("reply"),
+              json::parse(R"({"type":"list","address":null,"count":0,"flags":3})"));
+    EXPECT_EQ(reply(SensorEntry{.mReserved = -2}).at("reply").at("reserved"), -2);
+    EXPECT_EQ(reply(Reading{.mTimeFieldMs = 4294967295U}).at("reply").at("time_field_ms"),
+              4294967295U);
+}
+
+TEST(JsonPrinterTest, PacketsWithoutAMeaningCarryAnError)
+{
+    EXPECT_THAT(
+        JsonPrinter().Packet({0x00}, DecodeError{1, "packet size", "4", "1"}, kNowMs),
+        ElementsAre(R"({"type":"packet","hex":"00","error":{"offset":1,"field":"packet size",)"
+                    R"("expected":"4","found":"1"}})"));
+}
+
+TEST(JsonPrinterTest, EveryKeyIsDocumented)
+{
+    std::string documentation;
+    for (const std::string &line : JsonPrinter::Keys()) {
+        EXPECT_LE(line.size(), 80U) << line;
+        documentation += line + " ";
+    }
+    for (const char *key :
+         {"type",      "address", "count",      "position", "sensor",           "id",
+          "available", "range",   "resolution", "minimum",  "minimum_delay_ms", "command",
+          "value",     "unit",    "usable",     "worn",     "activity",         "time_ms",
+          "hex",       "reply",   "error",      "flags",    "reserved",         "time_field_ms",
+          "offset",    "field",   "expected",   "found"}) {
+        EXPECT_THAT(documentation, testing::HasSubstr(key));
+    }
+}
+
+} // namespace
+} // namespace ParvaneHost

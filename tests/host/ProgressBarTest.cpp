@@ -1,0 +1,117 @@
+#include "ProgressBar.h"
+
+#include <array>
+#include <fcntl.h>
+#include <pty.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "UniqueFd.h"
+
+namespace ParvaneHost {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(ProgressBarTest, TheBarFillsWithTheTime)
+{
+    EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{0}, milliseconds{15000}, 80),
+              "heart rate [..............................]  0 s of 15 s");
+    EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{7500}, milliseconds{15000}, 80),
+              "heart rate [###############...............]  7 s of 15 s");
+    EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{15000}, milliseconds{15000}, 80),
+              "heart rate [##############################] 15 s of 15 s");
+    EXPECT_EQ(ProgressBar::Render("worn state", milliseconds{1000}, milliseconds{3000}, 80),
+              "worn state [##########....................] 1 s of 3 s");
+}
+
+TEST(ProgressBarTest, TheBarStaysWithinItsTime)
+{
+    EXPECT_EQ(ProgressBar::Render("x", milliseconds{99000}, milliseconds{3000}, 80),
+              "x [##############################] 3 s of 3 s");
+    EXPECT_EQ(ProgressBar::Render("x", milliseconds{-5}, milliseconds{3000}, 80),
+              "x [..............................] 0 s of 3 s");
+}
+
+TEST(ProgressBarTest, ANarrowTerminalIsNeverFilledToItsLastColumn)
+{
+    EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{0}, milliseconds{15000}, 12),
+              "heart rate ");
+    EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{0}, milliseconds{15000}, 1), "");
+    EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{0}, milliseconds{15000}, 0), "");
+}
+
+/** A pseudo-terminal of 80 columns. */
+class ProgressBarOnTerminalTest : public testing::Test
+{
+protected:
+    ProgressBarOnTerminalTest()
+    {
+        winsize size{};
+        size.ws_col = 80;
+        int controller = -1;
+        int terminal = -1;
+        EXPECT_EQ(::openpty(&controller, &terminal, nullptr, nullptr, &size), 0);
+        mController = UniqueFd(controller);
+        mTerminal = UniqueFd(terminal);
+    }
+
+    /** What was written to the terminal since the last call; a mark behind it says where it ends. */
+    std::string Shown()
+    {
+        constexpr char kMark = '|';
+        EXPECT_EQ(::write(mTerminal.Get(), &kMark, 1), 1);
+        std::string text;
+        char next = 0;
+        while (::read(mController.Get(), &next, 1) == 1 && next != kMark) {
+            text += next;
+        }
+        return text;
+    }
+
+    UniqueFd mController;
+    UniqueFd mTerminal;
+};
+
+TEST_F(ProgressBarOnTerminalTest, ABarIsDrawnOverItselfAndErasedAtTheEnd)
+{
+    {
+        ProgressBar bar(mTerminal.Get(), "worn state", std::chrono::hours{1});
+        EXPECT_EQ(Shown(), "");
+        bar.Update();
+        EXPECT_EQ(Shown(), "\r\033[Kworn state [..............................]    0 s of 3600 s");
+        bar.Update();
+        EXPECT_EQ(Shown(), "") << "nothing has changed";
+    }
+    EXPECT_EQ(Shown(), "\r\033[K");
+}
+
+TEST_F(ProgressBarOnTerminalTest, ABarThatWasNeverDrawnOrWasRemovedLeavesNothingToErase)
+{
+    {
+        ProgressBar bar(mTerminal.Get(), "worn state", std::chrono::hours{1});
+    }
+    EXPECT_EQ(Shown(), "");
+    {
+        ProgressBar bar(mTerminal.Get(), "worn state", std::chrono::hours{1});
+        bar.Update();
+        bar.Remove();
+        Shown();
+    }
+    EXPECT_EQ(Shown(), "");
+}
+
+TEST_F(ProgressBarOnTerminalTest, OnlyATerminalThatCanEraseSuits)
+{
+    EXPECT_TRUE(ProgressBar::SuitsTerminal(mTerminal.Get(), "xterm"));
+    EXPECT_FALSE(ProgressBar::SuitsTerminal(mTerminal.Get(), "dumb"));
+    EXPECT_FALSE(ProgressBar::SuitsTerminal(mTerminal.Get(), ""));
+    EXPECT_FALSE(ProgressBar::SuitsTerminal(mTerminal.Get(), nullptr));
+
+    const UniqueFd file(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    EXPECT_FALSE(ProgressBar::SuitsTerminal(file.Get(), "xterm"));
+}
+
+} // namespace
+} // namespace ParvaneHost
