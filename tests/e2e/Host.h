@@ -1,0 +1,39 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+
+/** A phone that speaks raw bytes on the accessory link's socket. */
+class Host
+{
+public:
+    /** Connects, waiting a few seconds for the socket to appear. */
+    explicit Host(const std::filesystem::path &socketPath);
+    Host(const Host &) = delete;
+    Host &operator=(const Host &) = delete;
+    ~Host();
+
+    void Send(const Bytes &packet) const;
+
+    /** Sends without waiting for room; whether there was room. */
+    bool TrySend(const Bytes &packet) const;
+
+    /** The next packet; nothing when none comes in time or the link has ended. */
+    std::optional<Bytes> Receive(std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
+
+    /** Sends a packet and receives `count` packets. */
+    std::vector<Bytes> Ask(const Bytes &packet, std::size_t count) const;
+
+    /** Whether the other side closes the link within a few seconds; packets before that are lost. */
+    bool IsClosed() const;
+
+    void Disconnect();
+
+private:
+    int mFd = -1;
+};

@@ -1,0 +1,66 @@
+#include <chrono>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+
+#include "ServiceFixture.h"
+
+namespace {
+
+constexpr std::chrono::seconds kIdleTime(60);
+
+std::string StatusOf(pid_t pid, const std::string &field)
+{
+    std::istringstream status(ReadFile("/proc/" + std::to_string(pid) + "/status"));
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(field + ":", 0) == 0) {
+            return line.substr(field.size() + 1);
+        }
+    }
+    return "no " + field;
+}
+
+// A sleeping process that is woken up leaves its processor again, which the kernel counts.
+std::string SwitchesOf(pid_t pid)
+{
+    return StatusOf(pid, "voluntary_ctxt_switches") + StatusOf(pid, "nonvoluntary_ctxt_switches");
+}
+
+} // namespace
+
+/** What the service costs when nobody asks. */
+class IdleTest : public ServiceFixture
+{
+protected:
+    void ExpectAsleep()
+    {
+        const pid_t pid = mService->Pid();
+        ASSERT_TRUE(
+            Eventually([&] { return StatusOf(pid, "State").find('S') != std::string::npos; }));
+        const auto threads =
+            std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task");
+        EXPECT_EQ(std::distance(begin(threads), end(threads)), 1);
+
+        const std::string before = SwitchesOf(pid);
+        std::this_thread::sleep_for(kIdleTime);
+        EXPECT_EQ(SwitchesOf(pid), before);
+    }
+};
+
+TEST_F(IdleTest, ServiceWithoutAHostIsOneThreadThatSleepsForAMinute)
+{
+    StartService({{"PARVANE_TRACE", PARVANE_RECORDING}});
+    ASSERT_TRUE(mService->HasLogged("app_service"));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+
+    ExpectAsleep();
+}
+
+TEST_F(IdleTest, ServiceWithAHostThatAsksNothingSleepsForAMinute)
+{
+    StartService({{"PARVANE_TRACE", PARVANE_RECORDING}});
+    const Host host(LinkPath());
+    ASSERT_EQ(host.Ask({0x01, 0x00, 0x00, 0x00}, 5).size(), 5U);
+
+    ExpectAsleep();
+}

@@ -1,0 +1,103 @@
+#include <csignal>
+
+#include "ServiceFixture.h"
+
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+/** Starting, ending, and what stands in the way of either. */
+class LifecycleTest : public ServiceFixture, public ::testing::WithParamInterface<int>
+{};
+
+TEST_P(LifecycleTest, SignalEndsTheServiceInOrder)
+{
+    StartService();
+    ASSERT_TRUE(std::filesystem::exists(mFolder.Path()));
+    const Host host(LinkPath());
+    ASSERT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+
+    mService->Signal(GetParam());
+
+    EXPECT_EQ(mService->WaitForEnd(), 0);
+    EXPECT_TRUE(host.IsClosed());
+    EXPECT_FALSE(std::filesystem::exists(LinkPath()));
+    EXPECT_THAT(mService->StandardError(), HasSubstr("ParvaneMain: app_terminate(56) >  ###"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, LifecycleTest, ::testing::Values(SIGTERM, SIGINT));
+
+using StartTest = ServiceFixture;
+
+TEST_F(StartTest, LogLinesHaveTimePriorityAndTagButNoColoursInAFile)
+{
+    StartService();
+    ASSERT_TRUE(mService->HasLogged("app_create"));
+
+    EXPECT_THAT(mService->StandardError(),
+                HasSubstr(" I Parvane: ParvaneMain: app_create(41) >  ###\n"));
+    EXPECT_THAT(mService->StandardError(), Not(HasSubstr("\033")));
+}
+
+TEST_F(StartTest, SecondInstanceLeavesTheFirstAlone)
+{
+    StartService();
+    const Host host(LinkPath());
+    ASSERT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+
+    Process second({PARVANE_PROGRAM}, BaseEnvironment(), mFolder.Path());
+
+    EXPECT_EQ(second.WaitForEnd(), 0);
+    EXPECT_THAT(second.StandardError(), HasSubstr("main(114) > APP_ERROR_ALREADY_RUNNING"));
+    EXPECT_THAT(second.StandardError(), HasSubstr("main(116) > app running is failed = [-114]"));
+    EXPECT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+}
+
+TEST_F(StartTest, KilledServiceLeavesNothingThatKeepsTheNextFromStarting)
+{
+    StartService();
+    ASSERT_EQ(Host(LinkPath()).Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+    mService->Signal(SIGKILL);
+    ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
+
+    StartService();
+
+    ASSERT_TRUE(mService->HasLogged("app_create"));
+    EXPECT_EQ(Host(LinkPath()).Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+}
+
+TEST_F(StartTest, DirectoryThatCannotBeUsedIsOneLineAndStatusOne)
+{
+    WriteFile(mFolder.Path() / "file", "");
+    const std::string path = (mFolder.Path() / "file" / "state").string();
+
+    StartService({{"STATE_DIRECTORY", path}});
+
+    EXPECT_EQ(mService->WaitForEnd(), 1);
+    EXPECT_THAT(mService->StandardError(), HasSubstr(path));
+    EXPECT_THAT(mService->StandardError(), HasSubstr("Not a directory"));
+    EXPECT_THAT(mService->StandardError(), Not(ContainsRegex("\n.*\n")));
+}
+
+TEST_F(StartTest, MalformedRecordingIsRefusedWithItsPlace)
+{
+    const std::string recording = WriteRecording({"0,72,,,,,,,,", "1000,seventy,,,,,,,,"});
+
+    StartService({{"PARVANE_TRACE", recording}});
+
+    EXPECT_EQ(mService->WaitForEnd(), 1);
+    EXPECT_THAT(mService->StandardError(), HasSubstr(recording));
+    EXPECT_THAT(mService->StandardError(), HasSubstr("heart_rate"));
+    EXPECT_THAT(mService->StandardError(), ContainsRegex("3"));
+}
+
+TEST_F(StartTest, BadAddressOrSpeedIsRefused)
+{
+    StartService({{"PARVANE_BT_ADDRESS", "AA:BB:CC"}});
+    EXPECT_EQ(mService->WaitForEnd(), 1);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("PARVANE_BT_ADDRESS"));
+
+    StartService({{"PARVANE_TRACE", WriteRecording({"0,72,,,,,,,,"})}, {"PARVANE_SPEED", "fast"}});
+    EXPECT_EQ(mService->WaitForEnd(), 1);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("PARVANE_SPEED"));
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Host.h"
+#include "Process.h"
+
+/** The real service on the real runtime, in folders of its own. */
+class ServiceFixture : public ::testing::Test
+{
+protected:
+    ServiceFixture();
+
+    /** Starts the service, in place of the one before; `more` is added to its environment. */
+    Process &StartService(const Environment &more = {});
+
+    /** Ends the running service in order; its exit status. */
+    int StopService();
+
+    /** Writes a recording; `rows` without the line of column names. */
+    std::string WriteRecording(const std::vector<std::string> &rows) const;
+
+    std::filesystem::path LinkPath() const { return mRunDirectory / "link.sock"; }
+    Environment BaseEnvironment() const;
+
+    TemporaryFolder mFolder;
+    std::filesystem::path mStateDirectory;
+    std::filesystem::path mRunDirectory;
+    std::unique_ptr<Process> mService;
+};
+
+/** The value of a reading packet, or NaN if it is none. */
+float ValueOf(const Bytes &packet);
