@@ -18,7 +18,6 @@
 namespace Parvane {
 namespace {
 
-using testing::_;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -44,7 +43,7 @@ public:
 class ParvaneControllerTest : public LinkTest
 {
 protected:
-    ~ParvaneControllerTest() override
+    void TearDown() override
     {
         // Its own parts refer to it: it lives as long as the process, and is never lost.
         static auto *const forever = new std::vector<std::shared_ptr<ParvaneController>>;

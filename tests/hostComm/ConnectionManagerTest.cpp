@@ -17,6 +17,7 @@ namespace {
 
 using testing::_;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -179,23 +180,27 @@ TEST_F(ConnectionManagerTest, InitializeRegisters)
                 ElementsAre("registerNotifications()", "registerServiceAgent()"));
 }
 
-TEST_F(ConnectionManagerTest, NotificationRecordIsFilledAsTheLinkWantsIt)
+TEST_F(ConnectionManagerTest, FirstSixSlotsOfTheNotificationsAreFilled)
 {
     mManager.InitializeTALConnection();
 
     const tal_notifications &slots = mPlatform.Notifications();
-    EXPECT_NE(nullptr, slots.registerServiceAgentConfirm);
-    EXPECT_NE(nullptr, slots.dataReceived);
-    EXPECT_NE(nullptr, slots.serviceConnectionIndication);
-    EXPECT_NE(nullptr, slots.serviceTerminated);
-    EXPECT_NE(nullptr, slots.serviceCreateConfirm);
-    EXPECT_NE(nullptr, slots.peerAgent);
+    EXPECT_TRUE(slots.registerServiceAgentConfirm != nullptr && slots.dataReceived != nullptr &&
+                slots.serviceConnectionIndication != nullptr &&
+                slots.serviceTerminated != nullptr && slots.serviceCreateConfirm != nullptr &&
+                slots.peerAgent != nullptr);
+}
+
+TEST_F(ConnectionManagerTest, NextThreeSlotsReturnTheirArgumentAndTheRestIsNull)
+{
+    mManager.InitializeTALConnection();
+
+    const tal_notifications &slots = mPlatform.Notifications();
     EXPECT_EQ(7, slots.unused7(7));
     EXPECT_EQ(-8, slots.unused8(-8));
     EXPECT_EQ(9, slots.unused9(9));
-    for (const auto reserved : slots.reserved) {
-        EXPECT_EQ(nullptr, reserved);
-    }
+    EXPECT_THAT(slots.reserved, Each(nullptr));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
 TEST_F(ConnectionManagerTest, ServiceIsAnnouncedWithItsFixedIdentity)
@@ -209,8 +214,7 @@ TEST_F(ConnectionManagerTest, ServiceIsAnnouncedWithItsFixedIdentity)
     EXPECT_EQ(4U, service->field8);
     EXPECT_EQ(1U, service->field12);
     EXPECT_EQ(1U, service->channelCount);
-    EXPECT_EQ(0U, service->reserved[0]);
-    EXPECT_EQ(0U, service->reserved[1]);
+    EXPECT_THAT(service->reserved, Each(0U));
 }
 
 TEST_F(ConnectionManagerTest, ServiceHasChannel143)
@@ -222,9 +226,7 @@ TEST_F(ConnectionManagerTest, ServiceHasChannel143)
     EXPECT_EQ(143U, channel->id);
     EXPECT_EQ(0U, channel->field2);
     EXPECT_EQ(1U, channel->field4);
-    for (const uint32_t reserved : channel->reserved) {
-        EXPECT_EQ(0U, reserved);
-    }
+    EXPECT_THAT(channel->reserved, Each(0U));
 }
 
 TEST_F(ConnectionManagerTest, FailedNotificationRegistrationIsLoggedAndRetried)
@@ -296,7 +298,7 @@ TEST_F(ConnectionManagerTest, RetriesHaveNoEndAndTheirDelayNoBound)
     mManager.InitializeTALConnection();
 
     for (int i = 1; i < 200; ++i) {
-        mPlatform.AdvanceTime(5 * i);
+        mPlatform.AdvanceTime(int64_t{5} * i);
     }
 
     EXPECT_THAT(mPlatform.PendingTimers(), ElementsAre(1000));

@@ -15,7 +15,6 @@
 namespace Parvane {
 namespace {
 
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

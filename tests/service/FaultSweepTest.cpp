@@ -1,7 +1,6 @@
-#include <functional>
 #include <memory>
 #include <new>
-#include <optional>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -156,7 +155,8 @@ INSTANTIATE_TEST_SUITE_P(
                     "vconf_get_int", "bt_initialize", "bt_deinitialize", "bt_adapter_get_address",
                     "power_lock_state", "deregisterNotifications", "deRegisterServiceAgent",
                     "findPeerAgent", "acceptServiceConnection", "terminateServiceConnection",
-                    "sendData"));
+                    "sendData"),
+    [](const auto &function) { return std::string(function.param); });
 
 // No exception may leave a callback: they are noexcept, and the process would end here.
 TEST(FailingAllocationTest, DayWithoutMemoryInOnePlaceIsFollowedByAGoodOne)

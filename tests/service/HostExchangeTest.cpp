@@ -18,12 +18,9 @@
 namespace Parvane {
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::Ge;
 using testing::IsEmpty;
-using testing::IsSupersetOf;
-using testing::Not;
 using testing::SizeIs;
 
 const Bytes kMeasureActivity = {0x12, 0x00, 0x00, 0x01};

@@ -23,7 +23,6 @@ namespace {
 using testing::_;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 using ControllerCell = std::shared_ptr<ParvaneController>;
 
@@ -33,7 +32,7 @@ using Loop = std::function<void(const service_app_callbacks &, void *)>;
 class ParvaneMainTest : public LinkTest
 {
 protected:
-    ~ParvaneMainTest() override { std::set_new_handler(nullptr); }
+    void TearDown() override { std::set_new_handler(nullptr); }
 
     // Runs main() with a main loop that ends with `code`, and returns main()'s result.
     int Run(int code, const Loop &loop = {})
@@ -75,14 +74,10 @@ protected:
 TEST_F(ParvaneMainTest, FrameworkGetsFiveCallbacksAndACellWithTheController)
 {
     const int result = Run(0, [](const service_app_callbacks &callbacks, void *userData) {
-        EXPECT_NE(nullptr, callbacks.create);
-        EXPECT_NE(nullptr, callbacks.terminate);
-        EXPECT_NE(nullptr, callbacks.app_control);
-        EXPECT_NE(nullptr, callbacks.low_memory);
-        EXPECT_NE(nullptr, callbacks.low_battery);
-        const auto *const cell = static_cast<ControllerCell *>(userData);
-        EXPECT_NE(nullptr, *cell);
-        EXPECT_EQ(1, cell->use_count());
+        EXPECT_TRUE(callbacks.create != nullptr && callbacks.terminate != nullptr &&
+                    callbacks.app_control != nullptr && callbacks.low_memory != nullptr &&
+                    callbacks.low_battery != nullptr);
+        EXPECT_EQ(1, static_cast<ControllerCell *>(userData)->use_count());
         callbacks.terminate(userData);
     });
 
@@ -287,9 +282,7 @@ TEST_F(ParvaneMainTest, OutOfMemoryHandlerEndsTheServiceAndUninstallsItself)
 {
     Run(0, [this](const service_app_callbacks &callbacks, void *userData) {
         mPlatform.Forget();
-        const std::new_handler handler = std::get_new_handler();
-        ASSERT_NE(nullptr, handler);
-        handler();
+        std::get_new_handler()();
         EXPECT_EQ(nullptr, std::get_new_handler());
         EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("app_efl_exit()"));
         EXPECT_THAT(mPlatform.TakeLog(), ElementsAre(LogLine{4, "Parvane",
@@ -311,12 +304,35 @@ TEST_F(ParvaneMainTest, OutOfMemoryHandlerAsksForTheExitBeforeItUninstallsItself
     });
 }
 
+// The platform's own call may run out of memory just as well.
+TEST_F(ParvaneMainTest, OutOfMemoryHandlerMeetsItselfWithoutEnd)
+{
+    Run(0, [this](const service_app_callbacks &callbacks, void *userData) {
+        mPlatform.Forget();
+        mPlatform.OnNextCall("app_efl_exit", [] { std::get_new_handler()(); });
+        std::get_new_handler()();
+        EXPECT_EQ(nullptr, std::get_new_handler());
+        EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("app_efl_exit()"));
+        callbacks.terminate(userData);
+    });
+}
+
+bool MakingEndsInBadAlloc()
+{
+    try {
+        ScriptedPlatform::AsService([] { std::make_unique<int>(1); });
+    } catch (const std::bad_alloc &) {
+        return true;
+    }
+    return false;
+}
+
 TEST_F(ParvaneMainTest, FailedAllocationEndsInBadAllocAfterOneRequestToExit)
 {
     Run(0, [this](const service_app_callbacks &callbacks, void *userData) {
         mPlatform.Forget();
         mPlatform.FailAllocation(1);
-        EXPECT_THROW(ScriptedPlatform::AsService([] { std::make_unique<int>(1); }), std::bad_alloc);
+        EXPECT_TRUE(MakingEndsInBadAlloc());
         EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("app_efl_exit()"));
         callbacks.terminate(userData);
     });

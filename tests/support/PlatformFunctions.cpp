@@ -666,7 +666,7 @@ guint g_timeout_add(guint interval, GSourceFunc function, gpointer data)
 }
 
 // Without a platform it is the real time.
-std::time_t time(std::time_t *seconds) noexcept
+std::time_t time(std::time_t *timer) noexcept
 {
     std::time_t now = 0;
     if (const ScriptedPlatform *const platform = ScriptedPlatform::Find()) {
@@ -676,8 +676,8 @@ std::time_t time(std::time_t *seconds) noexcept
         clock_gettime(CLOCK_REALTIME, &real);
         now = real.tv_sec;
     }
-    if (seconds != nullptr) {
-        *seconds = now;
+    if (timer != nullptr) {
+        *timer = now;
     }
     return now;
 }

@@ -442,36 +442,37 @@ void Notify(bool allowed, Slot slot, Arguments... arguments)
 
 } // namespace
 
-void ScriptedPlatform::ConfirmRegistration(int result, int agentId)
+void ScriptedPlatform::ConfirmRegistration(int result, int agentId) const
 {
     Notify(mHasNotifications, mNotifications.registerServiceAgentConfirm, result, agentId);
 }
 
-void ScriptedPlatform::IndicateConnection(int agentId, int connectionId, void *peer, void *detail)
+void ScriptedPlatform::IndicateConnection(int agentId, int connectionId, void *peer,
+                                          void *detail) const
 {
     Notify(mHasNotifications, mNotifications.serviceConnectionIndication, agentId, connectionId,
            peer, detail);
 }
 
-void ScriptedPlatform::ConfirmConnection(int agentId, int connectionId, int result)
+void ScriptedPlatform::ConfirmConnection(int agentId, int connectionId, int result) const
 {
     void *const peer = nullptr;
     Notify(mHasNotifications, mNotifications.serviceCreateConfirm, agentId, connectionId, peer,
            result);
 }
 
-void ScriptedPlatform::ReportPeer(int agentId, int status)
+void ScriptedPlatform::ReportPeer(int agentId, int status) const
 {
     void *const peer = nullptr;
     Notify(mHasNotifications, mNotifications.peerAgent, agentId, peer, status);
 }
 
-void ScriptedPlatform::ReportServiceTerminated(int connectionId)
+void ScriptedPlatform::ReportServiceTerminated(int connectionId) const
 {
     Notify(mHasNotifications, mNotifications.serviceTerminated, connectionId);
 }
 
-void ScriptedPlatform::DeliverFromHost(const Bytes &message, int connectionId, int channelId)
+void ScriptedPlatform::DeliverFromHost(const Bytes &message, int connectionId, int channelId) const
 {
     // A block of its own, of exactly the message's size: reading past it is found.
     const MallocPtr<uint8_t> block = MallocCopy(message.data(), message.size());

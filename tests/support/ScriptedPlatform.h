@@ -220,15 +220,15 @@ public:
 
     /** What registerServiceAgent() was given last, while its owner has to keep it; else null. */
     const tal_service_descriptor *Service() const { return mService; }
-    void ConfirmRegistration(int result, int agentId);
+    void ConfirmRegistration(int result, int agentId) const;
     void IndicateConnection(int agentId, int connectionId, void *peer = nullptr,
-                            void *detail = nullptr);
-    void ConfirmConnection(int agentId, int connectionId, int result);
-    void ReportPeer(int agentId, int status);
-    void ReportServiceTerminated(int connectionId);
+                            void *detail = nullptr) const;
+    void ConfirmConnection(int agentId, int connectionId, int result) const;
+    void ReportPeer(int agentId, int status) const;
+    void ReportServiceTerminated(int connectionId) const;
 
     /** Delivers a message of the connection and the channel; the bytes are gone when it returns. */
-    void DeliverFromHost(const Bytes &message, int connectionId = 7, int channelId = 143);
+    void DeliverFromHost(const Bytes &message, int connectionId = 7, int channelId = 143) const;
 
     // Key-value store.
 
