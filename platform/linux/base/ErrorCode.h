@@ -27,7 +27,7 @@ constexpr int kNoData = -61;
 constexpr int kBadContent = -74;
 /** There is no such item. */
 constexpr int kNotSupported = -95;
-/** Another instance runs, or the thing is registered already. */
+/** Another instance runs. */
 constexpr int kAlready = -114;
 /** There is no such preference. */
 constexpr int kNoSuchKey = -126;

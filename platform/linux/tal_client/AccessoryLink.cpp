@@ -64,14 +64,13 @@ int AccessoryLink::RegisterAgent(const tal_service_descriptor *service)
         service->channels == nullptr || service->channelCount == 0) {
         return kInvalidArgument;
     }
-    if (mAgent) {
-        return ErrorCode::kAlready;
-    }
     Agent agent;
     for (unsigned i = 0; i < service->channelCount; ++i) {
         agent.mChannels.push_back(service->channels[i].id);
     }
-    agent.mId = NextId(mLastAgentId);
+    // A service that registers anew, perhaps before it has heard of the first time, replaces that
+    // registration and is told the same id; a host that is connected stays.
+    agent.mId = mAgent ? mAgent->mId : NextId(mLastAgentId);
     LogInfo("accessory link: %s serves %s", service->serviceName, service->profileId);
     mLastAgentId = agent.mId;
     mAgent = std::move(agent);

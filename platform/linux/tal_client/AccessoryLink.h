@@ -78,12 +78,12 @@ public:
     void DeregisterNotifications();
 
     /**
-     * Registers the agent; the confirmation comes from the main loop.
+     * Registers the agent, in place of the one before; the confirmation comes from the main loop.
      *
      * The profile, the service name and the channels must not be null, and there must be a channel.
      * Nothing of `service` is used after the call.
      *
-     * @return 0; kInvalidArgument; -114 when an agent is registered already
+     * @return 0 or kInvalidArgument
      */
     int RegisterAgent(const tal_service_descriptor *service);
 

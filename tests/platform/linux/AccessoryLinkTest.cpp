@@ -324,7 +324,21 @@ TEST_F(AccessoryLinkTest, IncompleteDescriptorsAreRefused)
         EXPECT_EQ(mLink->RegisterAgent(&service), 1) << missing;
     }
     EXPECT_EQ(mLink->RegisterAgent(&mService), 0);
-    EXPECT_EQ(mLink->RegisterAgent(&mService), -114);
+}
+
+TEST_F(AccessoryLinkTest, NewRegistrationReplacesTheOneBeforeAndKeepsTheHost)
+{
+    StartService();
+    const RawHost host(Socket());
+    WaitFor("connected");
+    const int agentId = mAgentId;
+
+    EXPECT_EQ(mLink->RegisterAgent(&mService), 0);
+
+    EXPECT_THAT(WaitFor("confirm 0"), ElementsAre("confirm 0"));
+    EXPECT_EQ(mAgentId, agentId);
+    host.Send("request");
+    EXPECT_THAT(WaitFor("data request"), ElementsAre("data request"));
 }
 
 TEST_F(AccessoryLinkTest, UnknownAgentsAreRefused)
