@@ -34,7 +34,7 @@ std::string Readable(std::string text)
 class OtherPlatformTest : public ServiceFixture
 {
 protected:
-    void ExpectTranscript(Environment more)
+    void ExpectTranscript(const Environment &more)
     {
         StartService(more);
         EXPECT_EQ(mService->WaitForEnd(), 0);

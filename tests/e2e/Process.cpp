@@ -20,6 +20,7 @@ constexpr std::chrono::milliseconds kPause(5);
 std::vector<char *> Pointers(std::vector<std::string> &texts)
 {
     std::vector<char *> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string &text : texts) {
         pointers.push_back(text.data());
     }
@@ -77,7 +78,8 @@ Process::Process(const std::vector<std::string> &command, const Environment &env
     std::vector<std::string> arguments = command;
     std::vector<std::string> variables;
     for (const auto &[variable, value] : environment) {
-        variables.push_back(variable + "=" + value);
+        variables.push_back(variable);
+        variables.back().append("=").append(value);
     }
     const std::vector<char *> argv = Pointers(arguments);
     const std::vector<char *> envp = Pointers(variables);
