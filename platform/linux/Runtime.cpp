@@ -12,27 +12,29 @@ Runtime *gCurrent = nullptr;
 
 } // namespace
 
-Runtime::Parts::Parts(const Settings &settings, const Clock &clock,
-                      std::unique_ptr<SensorSource> source)
-    : mPreferences(settings.mStateDirectory, clock),
+Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEvents & /*events*/,
+                      SensorSources sources, std::unique_ptr<BusParts> bus)
+    : mBus(std::move(bus)),
+      mPreferences(settings.mStateDirectory, clock),
       mKeys(settings.mRuntimeDirectory, settings.mStateDirectory),
-      mContext(std::move(source), clock),
-      mBluetooth(settings.mBluetoothAddress, settings.mStateDirectory),
+      mContext(std::move(sources), clock),
+      mBluetooth(settings.mBluetooth.mAddress, settings.mStateDirectory),
       mPower(clock),
       mLink(settings.mRuntimeDirectory, mKeys, clock)
 {}
 
-Runtime::Runtime(const Settings &settings)
+Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
 {
     // The recording first: what is wrong in it is told before anything is made on the disk.
-    auto source = MakeSensorSource(settings, mClock);
+    auto bus = NeedsBus(settings) ? LoadBusParts() : nullptr;
+    SensorSources sources(settings, mClock, bus.get());
     PrepareDirectory(settings.mStateDirectory, "state");
     PrepareDirectory(settings.mRuntimeDirectory, "run-time");
     mLock = std::make_unique<InstanceLock>(settings.mRuntimeDirectory);
     if (!mLock->IsHeld()) {
         return;
     }
-    mParts = std::make_unique<Parts>(settings, mClock, std::move(source));
+    mParts = std::make_unique<Parts>(settings, mClock, events, std::move(sources), std::move(bus));
     gCurrent = this;
 }
 

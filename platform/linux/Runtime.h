@@ -4,10 +4,12 @@
 
 #include "base/Clock.h"
 #include "bluetooth/BluetoothAdapter.h"
+#include "bus/BusParts.h"
 #include "context_manager/ContextManager.h"
 #include "power/PowerLocks.h"
 #include "preference/PreferenceStore.h"
 #include "service_app/Directories.h"
+#include "service_app/LifecycleEvents.h"
 #include "service_app/Settings.h"
 #include "tal_client/AccessoryLink.h"
 #include "vconf/KeyValueStore.h"
@@ -24,9 +26,10 @@ public:
     /**
      * Claims the directories and, when no other process has, brings the parts up.
      *
+     * @param events  borrowed for the life of the runtime
      * @throws StartupError when a setting, path or file cannot be used
      */
-    explicit Runtime(const Settings &settings);
+    Runtime(const Settings &settings, LifecycleEvents &events);
     ~Runtime();
 
     Runtime(const Runtime &) = delete;
@@ -49,8 +52,11 @@ private:
     /** The parts, in the order in which they come up. */
     struct Parts
     {
-        Parts(const Settings &settings, const Clock &clock, std::unique_ptr<SensorSource> source);
+        Parts(const Settings &settings, const Clock &clock, LifecycleEvents &events,
+              SensorSources sources, std::unique_ptr<BusParts> bus);
 
+        /** Null unless some part is made over the bus. */
+        std::unique_ptr<BusParts> mBus;
         PreferenceStore mPreferences;
         KeyValueStore mKeys;
         ContextManager mContext;

@@ -1,6 +1,7 @@
 #include "ContextManager.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -13,10 +14,12 @@ namespace ParvanePlatform {
 
 namespace {
 
+constexpr std::array kItems = {ContextItem::Gesture, ContextItem::Pedometer, ContextItem::HeartRate,
+                               ContextItem::Activity};
+
 std::optional<ContextItem> KnownItem(int item)
 {
-    for (const ContextItem known : {ContextItem::Gesture, ContextItem::Pedometer,
-                                    ContextItem::HeartRate, ContextItem::Activity}) {
+    for (const ContextItem known : kItems) {
         if (static_cast<int>(known) == item) {
             return known;
         }
@@ -36,10 +39,10 @@ bool IsFilteredOut(const std::vector<int> &states, const SensorReading &reading)
 
 } // namespace
 
-ContextManager::ContextManager(std::unique_ptr<SensorSource> source, const Clock &clock)
-    : mClock(clock), mSource(std::move(source))
+ContextManager::ContextManager(SensorSources sources, const Clock &clock)
+    : mClock(clock), mSources(std::move(sources))
 {
-    mSource->SetListener(this);
+    mSources.SetListener(this);
 }
 
 int ContextManager::Subscribe(int item, const context_option *option, context_changed_cb callback,
@@ -49,18 +52,24 @@ int ContextManager::Subscribe(int item, const context_option *option, context_ch
         return ErrorCode::kInvalidParameter;
     }
     const auto known = KnownItem(item);
-    if (!known) {
+    SensorSource *source = known ? mSources.SourceOf(*known) : nullptr;
+    if (source == nullptr) {
         return ErrorCode::kNotSupported;
     }
     Subscription subscription;
+    subscription.mSinceWallMs = mClock.WallMs();
     if (option != nullptr && *known == ContextItem::Activity) {
         subscription.mStates = GetOptionInts(option, CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER);
     }
     subscription.mReceiver = Receiver{callback, userData, NewRequestId()};
     requestId = subscription.mReceiver.mRequestId;
     mSubscriptions.insert_or_assign(*known, std::move(subscription));
-    mSource->Start(*known);
-    return 0;
+    const int result = source->Start(*known);
+    if (result != 0) {
+        source->Stop(*known);
+        mSubscriptions.erase(*known);
+    }
+    return result;
 }
 
 int ContextManager::Unsubscribe(int item)
@@ -70,7 +79,7 @@ int ContextManager::Unsubscribe(int item)
         return ErrorCode::kNotSupported;
     }
     if (mSubscriptions.erase(*known) > 0) {
-        mSource->Stop(*known);
+        mSources.SourceOf(*known)->Stop(*known);
     }
     std::erase_if(mQueries, [known](const PendingQuery &query) { return query.mItem == *known; });
     return 0;
@@ -86,7 +95,8 @@ int ContextManager::Query(int item, const context_option *option, context_change
     if (!known) {
         return ErrorCode::kNotSupported;
     }
-    const auto reading = mSource->Latest(*known);
+    const SensorSource *source = mSources.SourceOf(*known);
+    const auto reading = source != nullptr ? source->Latest(*known) : std::nullopt;
     if (!reading) {
         return ErrorCode::kNoData;
     }
@@ -101,14 +111,44 @@ int ContextManager::Query(int item, const context_option *option, context_change
 
 void ContextManager::OnReading(ContextItem item, const SensorReading &reading)
 {
+    History &history = mHistory[item];
+    history.mLastReading = reading;
+    history.mLastReadingWallMs = mClock.WallMs();
+    history.mLastReadingUs = mClock.MonotonicUs();
+    if (mTap) {
+        mTap(item, reading);
+    }
     const auto subscription = mSubscriptions.find(item);
     if (subscription == mSubscriptions.end() ||
         IsFilteredOut(subscription->second.mStates, reading)) {
         return;
     }
+    ++history.mDelivered;
     // A copy: the callback may end the subscription.
     const Receiver receiver = subscription->second.mReceiver;
     Deliver(receiver, item, reading);
+}
+
+std::vector<ContextManager::ItemStatus> ContextManager::Status() const
+{
+    std::vector<ItemStatus> all;
+    for (const ContextItem item : kItems) {
+        ItemStatus status;
+        status.mItem = item;
+        status.mSource = mSources.KindOf(item);
+        if (const auto found = mSubscriptions.find(item); found != mSubscriptions.end()) {
+            status.mRequestId = found->second.mReceiver.mRequestId;
+            status.mSubscribedWallMs = found->second.mSinceWallMs;
+        }
+        if (const auto found = mHistory.find(item); found != mHistory.end()) {
+            status.mLastReading = found->second.mLastReading;
+            status.mLastReadingWallMs = found->second.mLastReadingWallMs;
+            status.mLastReadingUs = found->second.mLastReadingUs;
+            status.mDelivered = found->second.mDelivered;
+        }
+        all.push_back(std::move(status));
+    }
+    return all;
 }
 
 void ContextManager::AnswerQueries()

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
-#include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include <platform/context_manager.h>
@@ -11,11 +13,12 @@
 #include "base/Clock.h"
 #include "base/LoopSource.h"
 #include "context_manager/SensorSource.h"
+#include "context_manager/SensorSources.h"
 
 namespace ParvanePlatform {
 
 /**
- * Subscriptions and one-shot queries, over one sensor source.
+ * Subscriptions and one-shot queries, over the sensor sources.
  *
  * Readings reach callbacks from the main loop only, never from inside a call; each comes in a block
  * that the callback releases with free() and that carries the time of its delivery. A callback may
@@ -25,7 +28,7 @@ class ContextManager : private SensorListener
 {
 public:
     /** `clock` is borrowed for the life of this object. */
-    ContextManager(std::unique_ptr<SensorSource> source, const Clock &clock);
+    ContextManager(SensorSources sources, const Clock &clock);
     ~ContextManager() override = default;
 
     ContextManager(const ContextManager &) = delete;
@@ -38,7 +41,9 @@ public:
      * CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER, when there are any, name the only states that
      * are delivered. Other values are not looked at.
      *
-     * @return 0; -22 for a null callback or a bad option; -95 for an unknown item
+     * @return 0; -22 for a null callback or a bad option; -95 for an unknown item, or one that no
+     *         source serves; the code of the source when it cannot serve the item now. `requestId` is
+     *         set before the source is asked
      */
     int Subscribe(int item, const context_option *option, context_changed_cb callback,
                   void *userData, int &requestId);
@@ -59,6 +64,36 @@ public:
     int Query(int item, const context_option *option, context_changed_cb callback, void *userData,
               int &requestId);
 
+    /** What one item has done. */
+    struct ItemStatus
+    {
+        ContextItem mItem = ContextItem::Gesture;
+        SourceKind mSource = SourceKind::None;
+        /** Set while the item is subscribed. */
+        std::optional<int> mRequestId;
+        /** When the subscription began, in milliseconds since the epoch. */
+        std::int64_t mSubscribedWallMs = 0;
+        /** The last reading that came from the source, since the start of the service. */
+        std::optional<SensorReading> mLastReading;
+        std::int64_t mLastReadingWallMs = 0;
+        /** On the monotonic clock. */
+        std::int64_t mLastReadingUs = 0;
+        /** Readings that reached a callback, since the start of the service; queries not counted. */
+        std::uint64_t mDelivered = 0;
+    };
+
+    /** The status of every item, by its number. */
+    std::vector<ItemStatus> Status() const;
+
+    /** Hears every reading of a source before it is delivered. */
+    using Tap = std::function<void(ContextItem, const SensorReading &)>;
+
+    /** Sets the tap; an empty one ends it. It must not call the context manager. */
+    void SetTap(Tap tap) { mTap = std::move(tap); }
+
+    /** The manual source, if some item has it; else null. */
+    ManualSource *Manual() const { return mSources.Manual(); }
+
 private:
     struct Receiver
     {
@@ -71,6 +106,16 @@ private:
     {
         Receiver mReceiver;
         std::vector<int> mStates;
+        std::int64_t mSinceWallMs = 0;
+    };
+
+    /** What is remembered of an item, subscribed or not. */
+    struct History
+    {
+        std::optional<SensorReading> mLastReading;
+        std::int64_t mLastReadingWallMs = 0;
+        std::int64_t mLastReadingUs = 0;
+        std::uint64_t mDelivered = 0;
     };
 
     struct PendingQuery
@@ -93,7 +138,9 @@ private:
     std::uint64_t mTurn = 0;
     int mLastRequestId = 0;
     LoopSource mAnswer;
-    std::unique_ptr<SensorSource> mSource;
+    std::map<ContextItem, History> mHistory;
+    Tap mTap;
+    SensorSources mSources;
 };
 
 } // namespace ParvanePlatform

@@ -323,4 +323,9 @@ Recording LoadRecording(const std::string &path)
     return ParseRecording(path, text);
 }
 
+Recording LoadRecordings(const std::vector<std::string> &paths)
+{
+    return LoadRecording(paths.front());
+}
+
 } // namespace ParvanePlatform

@@ -60,6 +60,14 @@ struct Recording
 Recording ParseRecording(const std::string &name, std::string_view text);
 
 /**
+ * Reads recordings that are played one after the other, as one: each begins where the round of the
+ * one before would have ended, and its counters go on from there.
+ *
+ * @throws StartupError as LoadRecording() does
+ */
+Recording LoadRecordings(const std::vector<std::string> &paths);
+
+/**
  * Reads a recording from a file of at most 256 MiB.
  *
  * @throws StartupError that names the path and the reason, or as ParseRecording() does

@@ -7,6 +7,8 @@
 
 #include <platform/context_manager.h>
 
+#include "base/ErrorCode.h"
+
 namespace ParvanePlatform {
 
 namespace {
@@ -60,13 +62,17 @@ void ReplaySource::SetListener(SensorListener *listener)
     mListener = listener;
 }
 
-void ReplaySource::Start(ContextItem item)
+int ReplaySource::Start(ContextItem item)
 {
     Track &track = TrackOf(item);
+    if (track.mRows.empty()) {
+        return ErrorCode::kNotSupported;
+    }
     track.mIsStarted = true;
     // What is being delivered just now is the past for an item that starts meanwhile.
     track.mNext = CountBefore(track, mDeliveryUs ? *mDeliveryUs + 1 : mClock.MonotonicUs());
     SetTimer();
+    return 0;
 }
 
 void ReplaySource::Stop(ContextItem item)

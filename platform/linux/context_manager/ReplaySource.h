@@ -40,7 +40,7 @@ public:
                  std::unique_ptr<Timer> timer);
 
     void SetListener(SensorListener *listener) override;
-    void Start(ContextItem item) override;
+    int Start(ContextItem item) override;
     void Stop(ContextItem item) override;
     std::optional<SensorReading> Latest(ContextItem item) const override;
 

@@ -17,11 +17,10 @@ public:
 };
 
 /**
- * Where readings come from. An implementation is a file of its own and one line in
- * MakeSensorSource(); nothing else knows which one is there.
+ * Where readings come from. An implementation is a file or folder of its own, a SourceKind, and one
+ * line in SensorSources; nothing else knows which ones there are.
  *
- * Every source takes all items; one that it has no sensor for stays silent. A source that no item is
- * started on must not wake the main loop. Main-loop thread only.
+ * A source that no item is started on must not wake the main loop. Main-loop thread only.
  */
 class SensorSource
 {
@@ -32,12 +31,18 @@ public:
     virtual void SetListener(SensorListener *listener) = 0;
 
     /**
-     * Begins the readings of an item: all that are due from now on, none from before. They come from
-     * the main loop, never from inside this call. An item that is started already begins anew.
+     * Begins the readings of an item. They come from the main loop, never from inside this call;
+     * none tells of what came before, but a source that knows the present state of things may begin
+     * with it. An item that is started already begins anew.
+     *
+     * A sensor that is away just now and may come back is no failure.
+     *
+     * @return 0; -95 when this source never has readings of the item; another code of ErrorCode.h.
+     *         The item is not started then
      */
-    virtual void Start(ContextItem item) = 0;
+    virtual int Start(ContextItem item) = 0;
 
-    /** Ends the readings of an item; none comes after this call. */
+    /** Ends the readings of an item; none comes after this call. Does nothing when there are none. */
     virtual void Stop(ContextItem item) = 0;
 
     /** The newest values of an item, started or not; empty while there are none. */

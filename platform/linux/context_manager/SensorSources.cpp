@@ -1,6 +1,12 @@
 #include "SensorSources.h"
 
+#include <utility>
+
 #include "base/LoopSource.h"
+#include "base/StartupError.h"
+#include "bus/BusParts.h"
+#include "context_manager/IioSource.h"
+#include "context_manager/ManualSource.h"
 #include "context_manager/Recording.h"
 #include "context_manager/ReplaySource.h"
 
@@ -8,12 +14,12 @@ namespace ParvanePlatform {
 
 namespace {
 
-/** A watch without sensors: every item can be started, and nothing comes. */
+/** An item without a sensor: it can be started, and nothing comes. */
 class SilentSource : public SensorSource
 {
 public:
     void SetListener(SensorListener * /*listener*/) override {}
-    void Start(ContextItem /*item*/) override {}
+    int Start(ContextItem /*item*/) override { return 0; }
     void Stop(ContextItem /*item*/) override {}
     std::optional<SensorReading> Latest(ContextItem /*item*/) const override
     {
@@ -21,17 +27,93 @@ public:
     }
 };
 
+std::shared_ptr<SensorSource> MakeSource(SourceKind kind, const Settings &settings,
+                                         const Clock &clock, BusParts *bus)
+{
+    switch (kind) {
+    case SourceKind::None:
+        return std::make_shared<SilentSource>();
+    case SourceKind::Replay:
+        return std::make_shared<ReplaySource>(
+            LoadRecordings(settings.mReplay.mFiles),
+            ReplayOptions{settings.mReplay.mSpeed, settings.mReplay.mLoop}, clock,
+            std::make_unique<LoopTimer>());
+    case SourceKind::Iio:
+        return std::make_shared<IioSource>(settings.mIio, clock, std::make_unique<LoopTimer>());
+    case SourceKind::Ble:
+        return bus != nullptr ? bus->MakeBleSource(settings.mBle) : nullptr;
+    case SourceKind::Manual:
+        return std::make_shared<ManualSource>();
+    }
+    return nullptr;
+}
+
 } // namespace
 
-std::unique_ptr<SensorSource> MakeSensorSource(const Settings &settings, const Clock &clock)
+const char *NameOf(SourceKind kind)
 {
-    if (!settings.mTraceFile.empty()) {
-        return std::make_unique<ReplaySource>(
-            LoadRecording(settings.mTraceFile),
-            ReplayOptions{settings.mTraceSpeed, settings.mTraceLoop}, clock,
-            std::make_unique<LoopTimer>());
+    switch (kind) {
+    case SourceKind::None:
+        return "none";
+    case SourceKind::Replay:
+        return "replay";
+    case SourceKind::Iio:
+        return "iio";
+    case SourceKind::Ble:
+        return "ble";
+    case SourceKind::Manual:
+        return "manual";
     }
-    return std::make_unique<SilentSource>();
+    return "?";
+}
+
+SensorSources::SensorSources(const Settings &settings, const Clock &clock, BusParts *bus)
+{
+    const std::map<ContextItem, SourceKind> kinds = {
+        {ContextItem::HeartRate, settings.mSensors.mHeartRate},
+        {ContextItem::Pedometer, settings.mSensors.mPedometer},
+        {ContextItem::Activity, settings.mSensors.mActivity},
+        {ContextItem::Gesture, settings.mSensors.mGesture}};
+    std::map<SourceKind, std::shared_ptr<SensorSource>> made;
+    for (const auto &[item, kind] : kinds) {
+        if (!made.contains(kind)) {
+            made[kind] = MakeSource(kind, settings, clock, bus);
+        }
+        Assign(item, kind, made[kind]);
+    }
+    if (made.contains(SourceKind::Manual)) {
+        mManual = static_cast<ManualSource *>(made[SourceKind::Manual].get());
+    }
+}
+
+SensorSources::~SensorSources() = default;
+SensorSources::SensorSources(SensorSources &&) noexcept = default;
+SensorSources &SensorSources::operator=(SensorSources &&) noexcept = default;
+
+void SensorSources::Assign(ContextItem item, SourceKind kind, std::shared_ptr<SensorSource> source)
+{
+    mEntries[item] = Entry{kind, std::move(source)};
+}
+
+void SensorSources::SetListener(SensorListener *listener)
+{
+    for (const auto &[item, entry] : mEntries) {
+        if (entry.mSource) {
+            entry.mSource->SetListener(listener);
+        }
+    }
+}
+
+SensorSource *SensorSources::SourceOf(ContextItem item) const
+{
+    const auto found = mEntries.find(item);
+    return found != mEntries.end() ? found->second.mSource.get() : nullptr;
+}
+
+SourceKind SensorSources::KindOf(ContextItem item) const
+{
+    const auto found = mEntries.find(item);
+    return found != mEntries.end() ? found->second.mKind : SourceKind::None;
 }
 
 } // namespace ParvanePlatform

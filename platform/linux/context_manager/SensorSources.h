@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 
 #include "base/Clock.h"
@@ -8,12 +9,57 @@
 
 namespace ParvanePlatform {
 
+class BusParts;
+class ManualSource;
+
+/** The name of a kind of source, as the configuration has it: "none", "replay" ... */
+const char *NameOf(SourceKind kind);
+
 /**
- * Makes the source that the settings ask for: the replay of a recording, or one without sensors.
- *
- * @param clock  borrowed for the life of the source
- * @throws StartupError when the recording cannot be played
+ * The sources that the settings ask for, each made once however many items it serves, and which item
+ * each of them serves.
  */
-std::unique_ptr<SensorSource> MakeSensorSource(const Settings &settings, const Clock &clock);
+class SensorSources
+{
+public:
+    /** No item has a source. */
+    SensorSources() = default;
+
+    /**
+     * @param clock  borrowed for the life of the sources
+     * @param bus    what is made over the system bus; may be null when no item asks for that
+     * @throws StartupError when a source cannot be made: a recording that cannot be played
+     */
+    SensorSources(const Settings &settings, const Clock &clock, BusParts *bus);
+
+    ~SensorSources();
+    SensorSources(SensorSources &&) noexcept;
+    SensorSources &operator=(SensorSources &&) noexcept;
+
+    /** Lets `source` serve `item`, in place of what did; for tests and for sources without settings. */
+    void Assign(ContextItem item, SourceKind kind, std::shared_ptr<SensorSource> source);
+
+    /** Names who hears the readings of all sources; borrowed. */
+    void SetListener(SensorListener *listener);
+
+    /** The source of an item; null when it has none. */
+    SensorSource *SourceOf(ContextItem item) const;
+
+    /** What kind of source an item has. */
+    SourceKind KindOf(ContextItem item) const;
+
+    /** The manual source, if some item has it; else null. */
+    ManualSource *Manual() const { return mManual; }
+
+private:
+    struct Entry
+    {
+        SourceKind mKind = SourceKind::None;
+        std::shared_ptr<SensorSource> mSource;
+    };
+
+    std::map<ContextItem, Entry> mEntries;
+    ManualSource *mManual = nullptr;
+};
 
 } // namespace ParvanePlatform

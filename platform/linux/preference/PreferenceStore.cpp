@@ -36,6 +36,7 @@ constexpr char kCreateSql[] =
     "PRAGMA user_version=1;"
     "COMMIT;";
 constexpr char kSelectSql[] = "SELECT type, value FROM preferences WHERE key = ?1";
+constexpr char kSelectAllSql[] = "SELECT type, value, key FROM preferences";
 constexpr char kUpsertSql[] = "INSERT INTO preferences(key, type, value) VALUES(?1, ?2, ?3)"
                               " ON CONFLICT(key) DO UPDATE SET type = ?2, value = ?3";
 
@@ -150,6 +151,33 @@ int PreferenceStore::Exists(std::string_view key, bool &exists)
     return result;
 }
 
+int PreferenceStore::GetAll(std::map<std::string, PreferenceValue> &values)
+{
+    if (!Open()) {
+        return ErrorCode::kInputOutput;
+    }
+    SqliteStatement select;
+    int result = select.Prepare(mDatabase.get(), kSelectAllSql);
+    std::map<std::string, PreferenceValue> all;
+    while (result == SQLITE_OK || result == SQLITE_ROW) {
+        result = select.Step();
+        std::optional<PreferenceValue> value;
+        if (result == SQLITE_ROW && ReadRow(select, value) == 0) {
+            all.insert_or_assign(select.Text(2), std::move(*value));
+        }
+    }
+    if (result != SQLITE_DONE) {
+        select.Close();
+        OnFailure("cannot be read", result);
+        return ErrorCode::kInputOutput;
+    }
+    for (const auto &[key, value] : mPending) {
+        all.insert_or_assign(key, value);
+    }
+    values = std::move(all);
+    return 0;
+}
+
 int PreferenceStore::Set(std::string_view key, PreferenceValue value)
 {
     if (!IsValidKey(key)) {
@@ -206,7 +234,7 @@ int PreferenceStore::Lookup(std::string_view key, std::optional<PreferenceValue>
     const int result = mSelect.Step();
     int code = 0;
     if (result == SQLITE_ROW) {
-        code = ReadRow(value);
+        code = ReadRow(mSelect, value);
     }
     mSelect.Reset();
     if (result != SQLITE_ROW && result != SQLITE_DONE) {
@@ -216,15 +244,15 @@ int PreferenceStore::Lookup(std::string_view key, std::optional<PreferenceValue>
     return code;
 }
 
-int PreferenceStore::ReadRow(std::optional<PreferenceValue> &value) const
+int PreferenceStore::ReadRow(const SqliteStatement &select, std::optional<PreferenceValue> &value)
 {
-    const std::int64_t type = mSelect.Int(0);
-    const int storage = mSelect.Type(1);
+    const std::int64_t type = select.Int(0);
+    const int storage = select.Type(1);
     if (type == kStringType && storage == SQLITE_TEXT) {
-        value = mSelect.Text(1);
+        value = select.Text(1);
         return 0;
     }
-    const std::int64_t number = mSelect.Int(1);
+    const std::int64_t number = select.Int(1);
     if (type == kBooleanType && storage == SQLITE_INTEGER && (number == 0 || number == 1)) {
         value = number == 1;
         return 0;

@@ -59,6 +59,13 @@ public:
     int Exists(std::string_view key, bool &exists);
 
     /**
+     * Reads all preferences, by their keys; those whose row is bad are left out.
+     *
+     * @return 0; -5 when the file cannot be read
+     */
+    int GetAll(std::map<std::string, PreferenceValue> &values);
+
+    /**
      * Writes a preference; it takes over the type of the value.
      *
      * @return 0; -22 for a bad key; -5 when the write has failed, which is logged
@@ -76,7 +83,7 @@ private:
     template <typename Value>
     int GetTyped(std::string_view key, Value &value);
     int Lookup(std::string_view key, std::optional<PreferenceValue> &value);
-    int ReadRow(std::optional<PreferenceValue> &value) const;
+    static int ReadRow(const SqliteStatement &select, std::optional<PreferenceValue> &value);
     int WriteRow(std::string_view key, const PreferenceValue &value);
     int TryToSet(std::string_view key, const PreferenceValue &value);
     int Begin();

@@ -66,6 +66,7 @@ ServiceLoop::ServiceLoop(const service_app_callbacks &callbacks, void *userData)
 
 void ServiceLoop::Run()
 {
+    mIsRunning = true;
     const bool created = mCallbacks.create(mUserData);
     if (created && !mQuit) {
         mLaunch = LoopSource::Post([this] { DeliverLaunchRequest(); });
@@ -73,6 +74,7 @@ void ServiceLoop::Run()
         mLaunch.Remove();
     }
     mQuit = true;
+    mIsRunning = false;
     mCallbacks.terminate(mUserData);
 }
 
@@ -80,6 +82,20 @@ void ServiceLoop::Quit()
 {
     mQuit = true;
     g_main_loop_quit(mLoop.get());
+}
+
+void ServiceLoop::OnLowMemory()
+{
+    if (mIsRunning && mCallbacks.low_memory != nullptr) {
+        mCallbacks.low_memory(mUserData);
+    }
+}
+
+void ServiceLoop::OnLowBattery()
+{
+    if (mIsRunning && mCallbacks.low_battery != nullptr) {
+        mCallbacks.low_battery(mUserData);
+    }
 }
 
 void ServiceLoop::DeliverLaunchRequest()

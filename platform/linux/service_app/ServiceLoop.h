@@ -9,6 +9,7 @@
 
 #include "base/LoopSource.h"
 #include "base/UniqueFd.h"
+#include "service_app/LifecycleEvents.h"
 
 namespace ParvanePlatform {
 
@@ -42,7 +43,7 @@ private:
 };
 
 /** The life of the service between create and terminate. One at a time; main thread only. */
-class ServiceLoop
+class ServiceLoop : public LifecycleEvents
 {
 public:
     /** `callbacks` is borrowed until Run() returns; `userData` goes to every callback. */
@@ -56,6 +57,10 @@ public:
 
     /** Ends Run(): at once when the loop runs, else before it would start. Needs no memory. */
     void Quit();
+
+    void OnLowMemory() override;
+    void OnLowBattery() override;
+    void OnQuit() override { Quit(); }
 
 private:
     struct LoopUnref
@@ -71,6 +76,8 @@ private:
     SignalGuard mSignals;
     LoopSource mLaunch;
     bool mQuit = false;
+    /** Create has been called and terminate has not. */
+    bool mIsRunning = false;
 };
 
 } // namespace ParvanePlatform

@@ -117,10 +117,14 @@ Settings ReadSettings(const Environment &environment)
     Settings settings;
     settings.mStateDirectory = WithoutTrailingSlashes(StateDirectory(environment));
     settings.mRuntimeDirectory = WithoutTrailingSlashes(RuntimeDirectory(environment));
-    settings.mTraceFile = Value(environment, "PARVANE_TRACE");
-    settings.mTraceSpeed = TraceSpeed(environment);
-    settings.mTraceLoop = TraceLoop(environment);
-    settings.mBluetoothAddress = ConfiguredBluetoothAddress(environment);
+    if (const std::string file = Value(environment, "PARVANE_TRACE"); !file.empty()) {
+        settings.mReplay.mFiles = {file};
+        settings.mSensors = {SourceKind::Replay, SourceKind::Replay, SourceKind::Replay,
+                             SourceKind::Replay};
+    }
+    settings.mReplay.mSpeed = TraceSpeed(environment);
+    settings.mReplay.mLoop = TraceLoop(environment);
+    settings.mBluetooth.mAddress = ConfiguredBluetoothAddress(environment);
     return settings;
 }
 

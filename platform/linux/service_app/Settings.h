@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ParvanePlatform {
 
@@ -12,21 +13,109 @@ using Environment = std::function<std::optional<std::string>(const std::string &
 /** The environment of the process. */
 std::optional<std::string> ProcessEnvironment(const std::string &name);
 
-/** What the environment asks of the runtime. */
+/** Where the readings of an item come from. */
+enum class SourceKind { None, Replay, Iio, Ble, Manual };
+
+/** Section [sensors]: the source of each item. */
+struct SensorSettings
+{
+    SourceKind mHeartRate = SourceKind::None;
+    SourceKind mPedometer = SourceKind::None;
+    SourceKind mActivity = SourceKind::None;
+    SourceKind mGesture = SourceKind::None;
+};
+
+/** Section [replay]: the recordings that are played. */
+struct ReplaySettings
+{
+    /** In the order in which they are played; empty when there are none. */
+    std::vector<std::string> mFiles;
+    /** How many times faster than recorded they are played. */
+    double mSpeed = 1.0;
+    /** Whether the first starts over at the end of the last. */
+    bool mLoop = true;
+};
+
+/** Section [iio]: the kernel's industrial-I/O devices. */
+struct IioSettings
+{
+    /** Where sysfs is mounted. */
+    std::string mRoot = "/sys";
+    /** The device's name, as its attribute "name" has it; empty: the first one that has the channel. */
+    std::string mDevice;
+    /** How often a subscribed item is read. */
+    int mPeriodMs = 1000;
+};
+
+/** Section [ble]: a Bluetooth heart-rate strap. */
+struct BleSettings
+{
+    /** The adapter through which it is reached, such as "hci0"; empty: any. */
+    std::string mAdapter;
+    /** The strap's address, upper case; empty: the first strap that is there. */
+    std::string mDevice;
+};
+
+/** Section [power]: what a power lock holds in the system. */
+struct PowerSettings
+{
+    enum class Lock { None, Auto, Logind, WakeLock };
+    Lock mLock = Lock::None;
+    /** Where wake_lock and wake_unlock lie. */
+    std::string mRoot = "/sys/power";
+};
+
+/** Section [memory]: who tells that memory is low. */
+struct MemorySettings
+{
+    enum class Monitor { None, Auto, Glib, Pressure };
+    Monitor mMonitor = Monitor::None;
+    std::string mPressureFile = "/proc/pressure/memory";
+    /** Memory is low when some task has waited for it this long within the window. */
+    int mStallMs = 200;
+    int mWindowMs = 2000;
+};
+
+/** Section [battery]: who tells that the battery is low. */
+struct BatterySettings
+{
+    enum class Monitor { None, Auto, UPower, Sysfs };
+    Monitor mMonitor = Monitor::None;
+    std::string mRoot = "/sys/class/power_supply";
+    /** Low is below this, while discharging. For sysfs; UPower has thresholds of its own. */
+    int mLowPercent = 5;
+    /** How often the files are read. */
+    int mPeriodMs = 60000;
+};
+
+/** Section [bluetooth]: the adapter whose address the service reports. */
+struct BluetoothSettings
+{
+    enum class Adapter { None, Bluez };
+    Adapter mAdapter = Adapter::None;
+    /** BlueZ's name of it, such as "hci0"; empty: the first. */
+    std::string mName;
+    /** Without an adapter: the address, upper case; empty when it is to be generated. */
+    std::string mAddress;
+};
+
+/** What the configuration asks of the runtime. */
 struct Settings
 {
     /** Absolute; kept over restarts. */
     std::string mStateDirectory;
     /** Absolute; for one run. */
     std::string mRuntimeDirectory;
-    /** The recording that is played; empty when there is none. */
-    std::string mTraceFile;
-    /** How many times faster than recorded it is played. */
-    double mTraceSpeed = 1.0;
-    /** Whether it starts over at its end. */
-    bool mTraceLoop = true;
-    /** The adapter's address, upper case; empty when it is to be generated. */
-    std::string mBluetoothAddress;
+    SensorSettings mSensors;
+    ReplaySettings mReplay;
+    IioSettings mIio;
+    BleSettings mBle;
+    PowerSettings mPower;
+    MemorySettings mMemory;
+    BatterySettings mBattery;
+    BluetoothSettings mBluetooth;
+    /** Whether there is a control socket. */
+    bool mControl = true;
 };
 
 constexpr double kMinTraceSpeed = 0.001;

@@ -34,6 +34,7 @@ public:
     CurrentLoop &operator=(const CurrentLoop &) = delete;
 
     void Run() { mLoop.Run(); }
+    LifecycleEvents &Events() { return mLoop; }
 
 private:
     ServiceLoop mLoop;
@@ -50,7 +51,7 @@ int RunService(const service_app_callbacks &callbacks, void *userData)
     ReserveStandardDescriptors();
     // Before the runtime: a signal during its construction must wait until there is a loop to end.
     CurrentLoop loop(callbacks, userData);
-    Runtime runtime(ReadSettings(ProcessEnvironment));
+    Runtime runtime(ReadSettings(ProcessEnvironment), loop.Events());
     if (!runtime.IsOnlyInstance()) {
         return ErrorCode::kAlready;
     }

@@ -24,11 +24,15 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 /** A source whose readings the test makes. */
-class ManualSource : public SensorSource
+class ScriptedSource : public SensorSource
 {
 public:
     void SetListener(SensorListener *listener) override { mListener = listener; }
-    void Start(ContextItem item) override { mStarted.insert(item); }
+    int Start(ContextItem item) override
+    {
+        mStarted.insert(item);
+        return mStartResult;
+    }
     void Stop(ContextItem item) override { mStarted.erase(item); }
     std::optional<SensorReading> Latest(ContextItem item) const override
     {
@@ -47,6 +51,7 @@ public:
     SensorListener *mListener = nullptr;
     std::set<ContextItem> mStarted;
     std::map<ContextItem, SensorReading> mLatest;
+    int mStartResult = 0;
 };
 
 struct Delivery
@@ -91,9 +96,14 @@ class ContextManagerTest : public testing::Test
 protected:
     ContextManagerTest()
     {
-        auto source = std::make_unique<ManualSource>();
+        auto source = std::make_shared<ScriptedSource>();
         mSource = source.get();
-        mManager = std::make_unique<ContextManager>(std::move(source), mClock);
+        SensorSources sources;
+        for (const ContextItem item : {ContextItem::Gesture, ContextItem::Pedometer,
+                                       ContextItem::HeartRate, ContextItem::Activity}) {
+            sources.Assign(item, SourceKind::Manual, source);
+        }
+        mManager = std::make_unique<ContextManager>(std::move(sources), mClock);
     }
 
     int Subscribe(int item, context_option *option = nullptr)
@@ -113,7 +123,7 @@ protected:
     std::vector<Delivery> Take() { return std::exchange(mReceiver.mDeliveries, {}); }
 
     ManualClock mClock;
-    ManualSource *mSource = nullptr;
+    ScriptedSource *mSource = nullptr;
     std::unique_ptr<ContextManager> mManager;
     Receiver mReceiver;
 };

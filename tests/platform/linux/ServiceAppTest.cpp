@@ -508,14 +508,25 @@ TEST_F(ServiceAppTest, LinkStatusIsOneFromTheBeginning)
     EXPECT_FALSE(FileExists(RunTime() + "/link.sock"));
 }
 
+/** Hears nothing. */
+class NoEvents : public LifecycleEvents
+{
+public:
+    void OnLowMemory() override {}
+    void OnLowBattery() override {}
+    void OnQuit() override {}
+};
+
 TEST_F(ServiceAppTest, IdleRuntimeNeverWakesTheLoop)
 {
     Settings settings;
     settings.mStateDirectory = State();
     settings.mRuntimeDirectory = RunTime();
-    settings.mTraceFile = mDirectory / "run.csv";
-    WriteFile(settings.mTraceFile, kRows);
-    Runtime runtime(settings);
+    settings.mReplay.mFiles = {mDirectory / "run.csv"};
+    settings.mSensors.mHeartRate = SourceKind::Replay;
+    WriteFile(settings.mReplay.mFiles.front(), kRows);
+    NoEvents events;
+    Runtime runtime(settings, events);
     ASSERT_EQ(Runtime::Current(), &runtime);
     EXPECT_EQ(preference_set_int("k", 1), 0);
     RunWhileBusy();

@@ -12,6 +12,9 @@ namespace ParvanePlatform {
 
 namespace {
 
+using testing::ElementsAre;
+using testing::IsEmpty;
+
 using Variables = std::map<std::string, std::string>;
 
 /** HOME is always there, unless a test says otherwise. */
@@ -89,21 +92,21 @@ TEST(SettingsTest, StateNeedsAPlace)
 TEST(SettingsTest, WithoutVariablesNothingIsPlayed)
 {
     const Settings settings = Read({{"PARVANE_TRACE", ""}, {"PARVANE_BT_ADDRESS", ""}});
-    EXPECT_EQ(settings.mTraceFile, "");
-    EXPECT_EQ(settings.mTraceSpeed, 1.0);
-    EXPECT_TRUE(settings.mTraceLoop);
-    EXPECT_EQ(settings.mBluetoothAddress, "");
+    EXPECT_THAT(settings.mReplay.mFiles, IsEmpty());
+    EXPECT_EQ(settings.mReplay.mSpeed, 1.0);
+    EXPECT_TRUE(settings.mReplay.mLoop);
+    EXPECT_EQ(settings.mBluetooth.mAddress, "");
 }
 
 TEST(SettingsTest, TraceVariablesAreRead)
 {
     const Settings settings =
         Read({{"PARVANE_TRACE", "run.csv"}, {"PARVANE_SPEED", "2.5"}, {"PARVANE_LOOP", "0"}});
-    EXPECT_EQ(settings.mTraceFile, "run.csv");
-    EXPECT_EQ(settings.mTraceSpeed, 2.5);
-    EXPECT_FALSE(settings.mTraceLoop);
-    EXPECT_TRUE(Read({{"PARVANE_LOOP", "1"}}).mTraceLoop);
-    EXPECT_EQ(Read({{"PARVANE_SPEED", "100000"}}).mTraceSpeed, 100000.0);
+    EXPECT_THAT(settings.mReplay.mFiles, ElementsAre("run.csv"));
+    EXPECT_EQ(settings.mReplay.mSpeed, 2.5);
+    EXPECT_FALSE(settings.mReplay.mLoop);
+    EXPECT_TRUE(Read({{"PARVANE_LOOP", "1"}}).mReplay.mLoop);
+    EXPECT_EQ(Read({{"PARVANE_SPEED", "100000"}}).mReplay.mSpeed, 100000.0);
 }
 
 TEST(SettingsTest, BadSpeedsAreRefused)
@@ -123,7 +126,7 @@ TEST(SettingsTest, BadLoopIsRefused)
 
 TEST(SettingsTest, BluetoothAddressBecomesUpperCase)
 {
-    EXPECT_EQ(Read({{"PARVANE_BT_ADDRESS", "aa:bb:cc:dd:ee:0f"}}).mBluetoothAddress,
+    EXPECT_EQ(Read({{"PARVANE_BT_ADDRESS", "aa:bb:cc:dd:ee:0f"}}).mBluetooth.mAddress,
               "AA:BB:CC:DD:EE:0F");
 }
 

@@ -1,0 +1,54 @@
+#include "BusParts.h"
+
+#include <dlfcn.h>
+#include <new>
+#include <string>
+
+#include "base/StartupError.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+constexpr char kModule[] = "parvane-platform-bus.so";
+
+[[noreturn]] void Refuse()
+{
+    const char *reason = ::dlerror();
+    throw StartupError(std::string("cannot load ") + kModule + ": " +
+                       (reason != nullptr ? reason : "unknown reason"));
+}
+
+} // namespace
+
+bool NeedsBus(const Settings &settings)
+{
+    return settings.mSensors.mHeartRate == SourceKind::Ble ||
+           settings.mPower.mLock == PowerSettings::Lock::Auto ||
+           settings.mPower.mLock == PowerSettings::Lock::Logind ||
+           settings.mMemory.mMonitor == MemorySettings::Monitor::Auto ||
+           settings.mMemory.mMonitor == MemorySettings::Monitor::Glib ||
+           settings.mBattery.mMonitor == BatterySettings::Monitor::Auto ||
+           settings.mBattery.mMonitor == BatterySettings::Monitor::UPower ||
+           settings.mBluetooth.mAdapter == BluetoothSettings::Adapter::Bluez;
+}
+
+std::unique_ptr<BusParts> LoadBusParts()
+{
+    // For good: GIO cannot be unloaded.
+    void *module = ::dlopen(kModule, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    if (module == nullptr) {
+        Refuse();
+    }
+    void *symbol = ::dlsym(module, kMakeBusPartsSymbol);
+    if (symbol == nullptr) {
+        Refuse();
+    }
+    std::unique_ptr<BusParts> parts(reinterpret_cast<MakeBusPartsFunction *>(symbol)());
+    if (!parts) {
+        throw std::bad_alloc();
+    }
+    return parts;
+}
+
+} // namespace ParvanePlatform

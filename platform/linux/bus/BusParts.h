@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+
+#include "bluetooth/AddressSource.h"
+#include "context_manager/SensorSource.h"
+#include "power/PowerBackend.h"
+#include "service_app/AlertMonitor.h"
+#include "service_app/Settings.h"
+
+namespace ParvanePlatform {
+
+/**
+ * Makes the parts that talk to other services over the system bus.
+ *
+ * They lie in a module that is loaded when one of them is asked for, since they bring GIO and its
+ * thread; all that they call back comes on the main loop. No part fails to be made because a service
+ * or the bus is away: that shows in what the part's operations return, and may change.
+ */
+class BusParts
+{
+public:
+    virtual ~BusParts() = default;
+
+    /** Heart rate from a Bluetooth strap, through BlueZ. */
+    virtual std::unique_ptr<SensorSource> MakeBleSource(const BleSettings &settings) = 0;
+
+    /** A power lock as an inhibitor of logind. */
+    virtual std::unique_ptr<PowerBackend> MakeLogindBackend() = 0;
+
+    /** Low memory, from GLib's memory monitor. */
+    virtual std::unique_ptr<AlertMonitor> MakeGlibMemoryMonitor() = 0;
+
+    /** A low battery, from UPower's warning level. */
+    virtual std::unique_ptr<AlertMonitor> MakeUPowerMonitor() = 0;
+
+    /** The address of an adapter, from BlueZ. */
+    virtual std::unique_ptr<AddressSource> MakeBluezAdapter(const BluetoothSettings &settings) = 0;
+};
+
+/** The module's only symbol: makes its BusParts; null without memory. */
+using MakeBusPartsFunction = BusParts *();
+constexpr char kMakeBusPartsSymbol[] = "parvane_make_bus_parts";
+
+/** True when the settings ask for a part that is made over the bus. */
+bool NeedsBus(const Settings &settings);
+
+/**
+ * Loads the module.
+ *
+ * @throws StartupError that names the module and what the loader says
+ */
+std::unique_ptr<BusParts> LoadBusParts();
+
+} // namespace ParvanePlatform

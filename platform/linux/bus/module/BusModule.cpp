@@ -1,0 +1,44 @@
+#include <new>
+
+#include "bus/BusParts.h"
+#include "bus/module/SystemBus.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+class Parts : public BusParts
+{
+public:
+    std::unique_ptr<SensorSource> MakeBleSource(const BleSettings & /*settings*/) override
+    {
+        return nullptr;
+    }
+
+    std::unique_ptr<PowerBackend> MakeLogindBackend() override { return nullptr; }
+
+    std::unique_ptr<AlertMonitor> MakeGlibMemoryMonitor() override { return nullptr; }
+
+    std::unique_ptr<AlertMonitor> MakeUPowerMonitor() override { return nullptr; }
+
+    std::unique_ptr<AddressSource> MakeBluezAdapter(const BluetoothSettings & /*settings*/) override
+    {
+        return nullptr;
+    }
+
+private:
+    /** Shared by the parts, each of which keeps its own reference. */
+    std::shared_ptr<SystemBus> mBus = std::make_shared<SystemBus>();
+};
+
+} // namespace
+
+} // namespace ParvanePlatform
+
+extern "C" __attribute__((visibility("default"))) ParvanePlatform::BusParts *
+parvane_make_bus_parts();
+
+ParvanePlatform::BusParts *parvane_make_bus_parts()
+{
+    return new (std::nothrow) ParvanePlatform::Parts();
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "bus/module/GObjectPtr.h"
+
+namespace ParvanePlatform {
+
+/**
+ * The connection to the system bus that the parts of this module share.
+ *
+ * It is made when it is first asked for, and again when it has been lost; the end of the bus does
+ * not end the process. Main-loop thread only.
+ */
+class SystemBus
+{
+public:
+    SystemBus() = default;
+    ~SystemBus() = default;
+
+    SystemBus(const SystemBus &) = delete;
+    SystemBus &operator=(const SystemBus &) = delete;
+
+    /**
+     * The connection, borrowed until the next call; null when there is no bus, which is logged once
+     * per change of state. May block for the time that connecting to a local socket takes.
+     */
+    GDBusConnection *Connection();
+
+private:
+    GObjectPtr<GDBusConnection> mConnection;
+    bool mIsMissing = false;
+};
+
+} // namespace ParvanePlatform
