@@ -146,7 +146,7 @@ std::vector<ContextManager::ItemStatus> ContextManager::Status() const
             status.mLastReadingUs = found->second.mLastReadingUs;
             status.mDelivered = found->second.mDelivered;
         }
-        all.push_back(std::move(status));
+        all.push_back(status);
     }
     return all;
 }
