@@ -5,10 +5,10 @@
 #include "base/LoopSource.h"
 #include "base/StartupError.h"
 #include "bus/BusParts.h"
-#include "context_manager/IioSource.h"
 #include "context_manager/ManualSource.h"
 #include "context_manager/Recording.h"
 #include "context_manager/ReplaySource.h"
+#include "context_manager/iio/IioSource.h"
 
 namespace ParvanePlatform {
 

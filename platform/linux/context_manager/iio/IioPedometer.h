@@ -1,0 +1,53 @@
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+
+#include "context_manager/iio/IioChannel.h"
+#include "context_manager/iio/IioCounter.h"
+#include "context_manager/iio/IioDevice.h"
+#include "context_manager/iio/IioReader.h"
+
+namespace ParvanePlatform {
+
+/**
+ * Steps, and the distance, energy and speed of the same device where it has them. A distance on
+ * another device may be that to an obstacle.
+ *
+ * Without steps there is no reading. The counts of steps, distance and energy never go down, whatever
+ * becomes of the device; a distance or energy that cannot be read just now keeps its last value.
+ */
+class IioPedometer : public IioReader
+{
+public:
+    /** Touches no file. */
+    explicit IioPedometer(const IioSettings &settings);
+
+    std::optional<SensorReading> Read() override;
+    void SetPolled(bool isPolled) override;
+
+private:
+    /** A counter of the device, and what has been counted with it. */
+    struct Counted
+    {
+        IioChannel mChannel;
+        IioCounter mCounter;
+    };
+
+    void Take(Counted &counted, double value) const;
+    void TakeOptional(Counted &counted);
+    /** In metres per second. */
+    std::optional<double> Speed();
+    std::optional<double> SpeedOfAxes();
+
+    IioDevice mDevice;
+    Counted mSteps;
+    Counted mDistance;
+    Counted mEnergy;
+    /** The magnitude of the velocity, in three dimensions or in two. */
+    std::array<IioChannel, 2> mMagnitudes;
+    std::array<IioChannel, 3> mAxes;
+};
+
+} // namespace ParvanePlatform
