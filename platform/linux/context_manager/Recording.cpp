@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
+#include <cerrno>
 #include <optional>
 #include <utility>
 
@@ -15,29 +15,13 @@ namespace ParvanePlatform {
 namespace {
 
 constexpr std::size_t kMaxFileBytes = std::size_t{256} * 1024 * 1024;
-constexpr std::int64_t kMaxTimeMs = 1'000'000'000'000;
-constexpr double kMaxSteps = std::numeric_limits<std::int32_t>::max();
-constexpr double kMaxDecimal = 1e9;
 constexpr std::int64_t kSingleRowMs = 1000;
 
-enum Column : std::size_t {
-    kTimeColumn,
-    kHeartRateColumn,
-    kFirstPedometerColumn,
-    kActivityColumn = kFirstPedometerColumn + kPedometerFields,
-    kGestureColumn,
-    kColumns
-};
-
-constexpr std::array<std::string_view, kColumns> kColumnNames = {
-    "t_ms",       "heart_rate",    "total_steps", "walk_steps", "run_steps",
-    "distance_m", "calories_kcal", "speed",       "activity",   "gesture"};
-
-std::string AllColumnNames()
+std::string ColumnNames(std::size_t first, std::size_t end)
 {
     std::string names;
-    for (const std::string_view name : kColumnNames) {
-        names.append(names.empty() ? "" : ",").append(name);
+    for (std::size_t column = first; column < end; ++column) {
+        names.append(names.empty() ? "" : ",").append(InfoOf(column).mName);
     }
     return names;
 }
@@ -59,13 +43,11 @@ private:
     bool NextLine(std::string_view &line);
     void ParseColumnNames(std::string_view line);
     RecordingRow ParseRow(std::string_view line);
-    void ParseCell(RecordingRow &row, std::size_t column, std::string_view cell) const;
+    void ParseCell(RecordingRow &row, std::size_t position);
     std::int64_t ParseTime(std::string_view cell) const;
-    void ParsePedometer(RecordingRow &row, std::size_t field, std::string_view cell) const;
-    double ParseSteps(std::string_view cell) const;
-    double ParseDecimalValue(std::string_view cell) const;
-    int ParseWhole(std::string_view cell) const;
-    int ParseActivity(std::string_view cell) const;
+    double ParseValue(std::size_t column, std::string_view cell) const;
+    void SetValue(RecordingRow &row, std::size_t column, double value) const;
+    void SetPedometer(RecordingRow &row, std::size_t field, double value) const;
 
     [[noreturn]] void FailAtLine(const std::string &reason) const;
     [[noreturn]] void FailAtColumn(const std::string &reason) const;
@@ -78,6 +60,10 @@ private:
     std::string_view mColumnName;
     /** What the columns are, in the order of the file. */
     std::vector<std::size_t> mOrder;
+    /** Where the column restart is; mOrder.size() when there is none. */
+    std::size_t mRestartPosition = 0;
+    /** The cells of the row that is read. */
+    std::vector<std::string_view> mCells;
     RecordingRow mLast;
 };
 
@@ -163,79 +149,72 @@ void Parser::ParseColumnNames(std::string_view line)
     mPosition = 0;
     ForEachCell(line, [this](std::string_view name) {
         ++mPosition;
-        const auto *const found = std::find(kColumnNames.begin(), kColumnNames.end(), name);
-        if (found == kColumnNames.end()) {
-            FailAtColumn("there is no column " + Quoted(name) + "; the columns are " +
-                         AllColumnNames());
+        std::size_t column = 0;
+        while (column < kRecordingColumns && InfoOf(column).mName != name) {
+            ++column;
         }
-        const auto column = static_cast<std::size_t>(found - kColumnNames.begin());
+        if (column == kRecordingColumns) {
+            FailAtColumn("there is no column " + Quoted(name) + "; the columns are " +
+                         ColumnNames(0, kRequiredColumns) + " and, where they are needed, " +
+                         ColumnNames(kRequiredColumns, kRecordingColumns));
+        }
         if (std::find(mOrder.begin(), mOrder.end(), column) != mOrder.end()) {
             FailAtColumn("the column " + std::string(name) + " is there already");
         }
         mOrder.push_back(column);
     });
-    for (std::size_t column = 0; column < kColumns; ++column) {
+    for (std::size_t column = 0; column < kRequiredColumns; ++column) {
         if (std::find(mOrder.begin(), mOrder.end(), column) == mOrder.end()) {
-            FailAtLine("the column " + std::string(kColumnNames[column]) + " is missing");
+            FailAtLine("the column " + std::string(InfoOf(column).mName) + " is missing");
         }
     }
+    const auto restart = std::find(mOrder.begin(), mOrder.end(), kRestartColumn);
+    mRestartPosition = static_cast<std::size_t>(restart - mOrder.begin());
 }
 
 RecordingRow Parser::ParseRow(std::string_view line)
 {
-    const auto cells = static_cast<std::size_t>(std::count(line.begin(), line.end(), ',')) + 1;
-    if (cells != kColumns) {
-        FailAtLine("the row has " + std::to_string(cells) + " cells instead of " +
-                   std::to_string(kColumns));
+    mCells.clear();
+    ForEachCell(line, [this](std::string_view cell) { mCells.push_back(cell); });
+    if (mCells.size() != mOrder.size()) {
+        FailAtLine("the row has " + std::to_string(mCells.size()) + " cells instead of " +
+                   std::to_string(mOrder.size()));
     }
     RecordingRow row;
     row.mPedometer = mLast.mPedometer;
     row.mKnownPedometer = mLast.mKnownPedometer;
-    mPosition = 0;
-    ForEachCell(line, [this, &row](std::string_view cell) {
-        const std::size_t column = mOrder[mPosition];
-        ++mPosition;
-        mColumnName = kColumnNames[column];
-        ParseCell(row, column, cell);
-    });
+    row.mIsRestarted = mLast.mIsRestarted;
+    // Before the counters, wherever it is: they may go down then.
+    if (mRestartPosition < mCells.size()) {
+        ParseCell(row, mRestartPosition);
+    }
+    for (std::size_t position = 0; position < mCells.size(); ++position) {
+        if (position != mRestartPosition) {
+            ParseCell(row, position);
+        }
+    }
     mLast = row;
     return row;
 }
 
-void Parser::ParseCell(RecordingRow &row, std::size_t column, std::string_view cell) const
+void Parser::ParseCell(RecordingRow &row, std::size_t position)
 {
+    const std::size_t column = mOrder[position];
+    const std::string_view cell = mCells[position];
+    mPosition = position + 1;
+    mColumnName = InfoOf(column).mName;
     if (column == kTimeColumn) {
         row.mTimeMs = ParseTime(cell);
-        return;
-    }
-    if (cell.empty()) {
-        return;
-    }
-    switch (column) {
-    case kHeartRateColumn:
-        row.mHeartRate = ParseWhole(cell);
-        row.mHasHeartRate = true;
-        break;
-    case kActivityColumn:
-        row.mActivity = ParseActivity(cell);
-        row.mHasActivity = true;
-        break;
-    case kGestureColumn:
-        row.mGesture = ParseWhole(cell);
-        row.mHasGesture = true;
-        break;
-    default:
-        ParsePedometer(row, column - kFirstPedometerColumn, cell);
-        break;
+    } else if (!cell.empty()) {
+        SetValue(row, column, ParseValue(column, cell));
     }
 }
 
 std::int64_t Parser::ParseTime(std::string_view cell) const
 {
     const auto time = ParseInteger<std::int64_t>(cell);
-    if (!time || *time < 0 || *time > kMaxTimeMs) {
-        FailAtColumn(Quoted(cell) + " is not a time from 0 to " + std::to_string(kMaxTimeMs) +
-                     " ms");
+    if (!time || *time < 0 || *time > kMaxRecordingMs) {
+        FailAtColumn(Quoted(cell) + " is not " + InfoOf(kTimeColumn).mRule.mText);
     }
     if (*time < mLast.mTimeMs) {
         FailAtColumn("the time goes back from " + std::to_string(mLast.mTimeMs) + " to " +
@@ -244,52 +223,70 @@ std::int64_t Parser::ParseTime(std::string_view cell) const
     return *time;
 }
 
-void Parser::ParsePedometer(RecordingRow &row, std::size_t field, std::string_view cell) const
+double Parser::ParseValue(std::size_t column, std::string_view cell) const
 {
-    const bool isSteps = field <= kRunSteps;
-    const double value = isSteps ? ParseSteps(cell) : ParseDecimalValue(cell);
+    const CellRule &rule = InfoOf(column).mRule;
+    std::optional<double> value;
+    if (rule.mIsWhole) {
+        // Not as a decimal number: "1.0" is none of the whole numbers of this format.
+        if (const auto whole = ParseInteger<std::int64_t>(cell)) {
+            value = static_cast<double>(*whole);
+        }
+    } else {
+        value = ParseDecimal(cell);
+    }
+    if (!value || !rule.Allows(*value)) {
+        FailAtColumn(Quoted(cell) + " is not " + rule.mText);
+    }
+    return *value;
+}
+
+void Parser::SetValue(RecordingRow &row, std::size_t column, double value) const
+{
+    switch (column) {
+    case kHeartRateColumn:
+        row.mHeartRate = static_cast<int>(value);
+        row.mHasHeartRate = true;
+        break;
+    case kPeakToPeakColumn:
+        row.mPeakToPeak = value;
+        row.mHasPeakToPeak = true;
+        break;
+    case kSpo2Column:
+        row.mSpo2 = value;
+        row.mHasSpo2 = true;
+        break;
+    case kActivityColumn:
+        row.mActivity = static_cast<int>(value);
+        row.mHasActivity = true;
+        break;
+    case kActivityAccuracyColumn:
+        row.mActivityAccuracy = static_cast<int>(value);
+        row.mHasActivityAccuracy = true;
+        break;
+    case kGestureColumn:
+        row.mGesture = static_cast<int>(value);
+        row.mHasGesture = true;
+        break;
+    case kRestartColumn:
+        row.mPedometer = {};
+        row.mKnownPedometer = 0;
+        row.mIsRestarted = true;
+        break;
+    default:
+        SetPedometer(row, column - kFirstPedometerColumn, value);
+        break;
+    }
+}
+
+void Parser::SetPedometer(RecordingRow &row, std::size_t field, double value) const
+{
     if (field < kPedometerCounters && value < row.mPedometer[field]) {
-        FailAtColumn("the counter goes down to " + std::string(cell));
+        FailAtColumn("the counter goes down to " + std::string(mCells[mPosition - 1]));
     }
     row.mPedometer[field] = value;
     row.mKnownPedometer = static_cast<std::uint8_t>(row.mKnownPedometer | (1U << field));
     row.mHasPedometer = true;
-}
-
-double Parser::ParseSteps(std::string_view cell) const
-{
-    const auto steps = ParseInteger<std::int64_t>(cell);
-    if (!steps || *steps < 0 || static_cast<double>(*steps) > kMaxSteps) {
-        FailAtColumn(Quoted(cell) + " is not a whole number from 0 to 2147483647");
-    }
-    return static_cast<double>(*steps);
-}
-
-double Parser::ParseDecimalValue(std::string_view cell) const
-{
-    const auto value = ParseDecimal(cell);
-    if (!value || *value < 0.0 || *value > kMaxDecimal) {
-        FailAtColumn(Quoted(cell) + " is not a decimal number from 0 to 1000000000");
-    }
-    return *value;
-}
-
-int Parser::ParseWhole(std::string_view cell) const
-{
-    const auto value = ParseInteger<std::int32_t>(cell);
-    if (!value) {
-        FailAtColumn(Quoted(cell) + " is not a whole number of 32 bits");
-    }
-    return *value;
-}
-
-int Parser::ParseActivity(std::string_view cell) const
-{
-    const auto value = ParseInteger<std::int32_t>(cell);
-    if (!value || *value < 0 || *value > 3) {
-        FailAtColumn(Quoted(cell) + " is not an activity from 0 to 3");
-    }
-    return *value;
 }
 
 void Parser::FailAtLine(const std::string &reason) const
@@ -307,7 +304,77 @@ void Parser::FailAtColumn(const std::string &reason) const
                        reason);
 }
 
+/** Adds a recording that is played after those that are there. */
+void Append(Recording &all, Recording added, const std::string &path)
+{
+    if (all.mRows.empty()) {
+        all = std::move(added);
+        return;
+    }
+    const std::int64_t beginMs = all.mLoopMs;
+    if (added.mRows.back().mTimeMs > kMaxRecordingMs - beginMs) {
+        throw StartupError(path + ": it begins at " + std::to_string(beginMs) +
+                           " ms of the recordings that are played in turn, which would end after " +
+                           std::to_string(kMaxRecordingMs) + " ms");
+    }
+    const RecordingRow before = all.mRows.back();
+    all.mRows.reserve(all.mRows.size() + added.mRows.size());
+    for (RecordingRow &row : added.mRows) {
+        row.mTimeMs += beginMs;
+        GoOnFrom(before, row);
+        all.mRows.push_back(row);
+    }
+    all.mLoopMs = beginMs + added.mLoopMs;
+}
+
+std::string ReadRecordingFile(const std::string &path, std::size_t maxBytes)
+{
+    std::string text;
+    if (const int error = ReadWholeFile(path, maxBytes, text); error != 0) {
+        const bool isOneOfSeveral = maxBytes < kMaxFileBytes;
+        throw StartupError("cannot read the recording " + path + ": " +
+                           (error == EFBIG && isOneOfSeveral
+                                ? "the recordings have more than 256 MiB together"
+                                : ErrorText(error)));
+    }
+    return text;
+}
+
 } // namespace
+
+bool HasReading(const RecordingRow &row, ContextItem item)
+{
+    switch (item) {
+    case ContextItem::Gesture:
+        return row.mHasGesture;
+    case ContextItem::Pedometer:
+        return row.mHasPedometer;
+    case ContextItem::HeartRate:
+        return row.mHasHeartRate || row.mHasPeakToPeak || row.mHasSpo2;
+    case ContextItem::Activity:
+        return row.mHasActivity || row.mHasActivityAccuracy;
+    }
+    return false;
+}
+
+void GoOnFrom(const RecordingRow &before, RecordingRow &row)
+{
+    if (row.mIsRestarted) {
+        return;
+    }
+    for (std::size_t field = 0; field < kPedometerFields; ++field) {
+        const unsigned bit = 1U << field;
+        const bool isKnown = (row.mKnownPedometer & bit) != 0;
+        const bool wasKnown = (before.mKnownPedometer & bit) != 0;
+        if (!isKnown) {
+            row.mPedometer[field] = before.mPedometer[field];
+        } else if (wasKnown && field < kPedometerCounters) {
+            row.mPedometer[field] += before.mPedometer[field];
+        }
+    }
+    row.mKnownPedometer = static_cast<std::uint8_t>(row.mKnownPedometer | before.mKnownPedometer);
+    row.mIsRestarted = before.mIsRestarted;
+}
 
 Recording ParseRecording(const std::string &name, std::string_view text)
 {
@@ -316,16 +383,22 @@ Recording ParseRecording(const std::string &name, std::string_view text)
 
 Recording LoadRecording(const std::string &path)
 {
-    std::string text;
-    if (const int error = ReadWholeFile(path, kMaxFileBytes, text); error != 0) {
-        throw StartupError("cannot read the recording " + path + ": " + ErrorText(error));
-    }
-    return ParseRecording(path, text);
+    return ParseRecording(path, ReadRecordingFile(path, kMaxFileBytes));
 }
 
 Recording LoadRecordings(const std::vector<std::string> &paths)
 {
-    return LoadRecording(paths.front());
+    if (paths.empty()) {
+        throw StartupError("there is no recording to replay");
+    }
+    Recording all;
+    std::size_t leftBytes = kMaxFileBytes;
+    for (const std::string &path : paths) {
+        const std::string text = ReadRecordingFile(path, leftBytes);
+        leftBytes -= text.size();
+        Append(all, ParseRecording(path, text), path);
+    }
+    return all;
 }
 
 } // namespace ParvanePlatform

@@ -6,21 +6,9 @@
 #include <string_view>
 #include <vector>
 
+#include "context_manager/RecordingFormat.h"
+
 namespace ParvanePlatform {
-
-/** The values of the pedometer, in the order in which a row keeps them. */
-enum PedometerField : std::size_t {
-    kTotalSteps,
-    kWalkSteps,
-    kRunSteps,
-    kDistanceM,
-    kCaloriesKcal,
-    kSpeed,
-    kPedometerFields
-};
-
-/** The fields before kSpeed count from the start of the recording. */
-constexpr std::size_t kPedometerCounters = kSpeed;
 
 /** One row of a recording. Which of its values are there is told by the flags. */
 struct RecordingRow
@@ -28,17 +16,34 @@ struct RecordingRow
     std::int64_t mTimeMs = 0;
     /** Each field's value of this row, or its last value before. */
     std::array<double, kPedometerFields> mPedometer = {};
+    double mPeakToPeak = 0.0;
+    double mSpo2 = 0.0;
     int mHeartRate = 0;
     int mActivity = 0;
+    int mActivityAccuracy = 0;
     int mGesture = 0;
     /** Bit n: field n of mPedometer has had a value in this row or before. */
     std::uint8_t mKnownPedometer = 0;
     /** Some field of mPedometer has a value in this row itself. */
     bool mHasPedometer = false;
     bool mHasHeartRate = false;
+    bool mHasPeakToPeak = false;
+    bool mHasSpo2 = false;
     bool mHasActivity = false;
+    bool mHasActivityAccuracy = false;
     bool mHasGesture = false;
+    /** The pedometer has begun anew in this row or before; what was known before that is forgotten. */
+    bool mIsRestarted = false;
 };
+
+/** True when a row is a reading of an item. */
+bool HasReading(const RecordingRow &row, ContextItem item);
+
+/**
+ * Lets the pedometer of a row go on from a row that was played before the first one of its
+ * recording: counters are added to, and what the row does not know is as it was.
+ */
+void GoOnFrom(const RecordingRow &before, RecordingRow &row);
 
 /** A recording of the sensors, in order of time; at least one row. docs/storage.md has its form. */
 struct Recording
@@ -46,7 +51,7 @@ struct Recording
     std::vector<RecordingRow> mRows;
     /**
      * From the start of one round to the start of the next: the last row's time and the median
-     * distance of two rows, which is 1 ms at least and 1000 ms when there is one row.
+     * distance of two rows of its file, which is 1 ms at least and 1000 ms when it has one row.
      */
     std::int64_t mLoopMs = 0;
 };
@@ -60,18 +65,20 @@ struct Recording
 Recording ParseRecording(const std::string &name, std::string_view text);
 
 /**
- * Reads recordings that are played one after the other, as one: each begins where the round of the
- * one before would have ended, and its counters go on from there.
- *
- * @throws StartupError as LoadRecording() does
- */
-Recording LoadRecordings(const std::vector<std::string> &paths);
-
-/**
  * Reads a recording from a file of at most 256 MiB.
  *
  * @throws StartupError that names the path and the reason, or as ParseRecording() does
  */
 Recording LoadRecording(const std::string &path);
+
+/**
+ * Reads recordings that are played one after the other, as one: each begins where the round of the
+ * one before would have ended, and its pedometer goes on from there (GoOnFrom()).
+ *
+ * @throws StartupError that names the path, as LoadRecording() does; also when there is no path,
+ *         when the files have more than 256 MiB together, and when a row would come later than a
+ *         recording may last
+ */
+Recording LoadRecordings(const std::vector<std::string> &paths);
 
 } // namespace ParvanePlatform

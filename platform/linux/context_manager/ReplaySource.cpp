@@ -5,8 +5,6 @@
 #include <limits>
 #include <utility>
 
-#include <platform/context_manager.h>
-
 #include "base/ErrorCode.h"
 
 namespace ParvanePlatform {
@@ -14,21 +12,6 @@ namespace ParvanePlatform {
 namespace {
 
 constexpr double kUsPerMs = 1000.0;
-
-bool HasValue(const RecordingRow &row, ContextItem item)
-{
-    switch (item) {
-    case ContextItem::Gesture:
-        return row.mHasGesture;
-    case ContextItem::Pedometer:
-        return row.mHasPedometer;
-    case ContextItem::HeartRate:
-        return row.mHasHeartRate;
-    case ContextItem::Activity:
-        return row.mHasActivity;
-    }
-    return false;
-}
 
 std::int64_t SizeOf(const std::vector<std::uint32_t> &rows)
 {
@@ -49,7 +32,7 @@ ReplaySource::ReplaySource(Recording recording, const ReplayOptions &options, co
 {
     for (Track &track : mTracks) {
         for (std::size_t i = 0; i < mRecording.mRows.size(); ++i) {
-            if (HasValue(mRecording.mRows[i], track.mItem)) {
+            if (HasReading(mRecording.mRows[i], track.mItem)) {
                 track.mRows.push_back(static_cast<std::uint32_t>(i));
             }
         }
@@ -163,16 +146,16 @@ bool ReplaySource::HasNext(const Track &track) const
 
 ReplaySource::Track *ReplaySource::FirstTrack()
 {
+    // By rows rather than by times: of rows of the same time the first comes first.
+    const auto position = [](const Track &track) {
+        const std::int64_t size = SizeOf(track.mRows);
+        return std::pair(track.mNext / size,
+                         track.mRows[static_cast<std::size_t>(track.mNext % size)]);
+    };
     Track *first = nullptr;
-    std::int64_t firstUs = 0;
     for (Track &track : mTracks) {
-        if (!HasNext(track)) {
-            continue;
-        }
-        const std::int64_t dueUs = DueUs(track, track.mNext);
-        if (first == nullptr || dueUs < firstUs) {
+        if (HasNext(track) && (first == nullptr || position(track) < position(*first))) {
             first = &track;
-            firstUs = dueUs;
         }
     }
     return first;
@@ -226,15 +209,23 @@ SensorReading ReplaySource::ReadingOf(const Track &track, std::int64_t entry) co
     const std::int64_t size = SizeOf(track.mRows);
     const RecordingRow &row = mRecording.mRows[track.mRows[static_cast<std::size_t>(entry % size)]];
     SensorReading reading;
+    const auto addIf = [&reading](bool isThere, std::size_t column, auto value) {
+        if (isThere) {
+            reading.Add(InfoOf(column).mKey, value);
+        }
+    };
     switch (track.mItem) {
     case ContextItem::HeartRate:
-        reading.Add(CONTEXT_HRM_HEART_RATE, row.mHeartRate);
+        addIf(row.mHasHeartRate, kHeartRateColumn, row.mHeartRate);
+        addIf(row.mHasPeakToPeak, kPeakToPeakColumn, row.mPeakToPeak);
+        addIf(row.mHasSpo2, kSpo2Column, row.mSpo2);
         break;
     case ContextItem::Activity:
-        reading.Add(CONTEXT_ACTIVITY_STATUS, row.mActivity);
+        addIf(row.mHasActivity, kActivityColumn, row.mActivity);
+        addIf(row.mHasActivityAccuracy, kActivityAccuracyColumn, row.mActivityAccuracy);
         break;
     case ContextItem::Gesture:
-        reading.Add(CONTEXT_MOTION_ACTION, row.mGesture);
+        addIf(row.mHasGesture, kGestureColumn, row.mGesture);
         break;
     case ContextItem::Pedometer:
         return PedometerReading(row, entry / size);
@@ -242,29 +233,23 @@ SensorReading ReplaySource::ReadingOf(const Track &track, std::int64_t entry) co
     return reading;
 }
 
-SensorReading ReplaySource::PedometerReading(const RecordingRow &row, std::int64_t round) const
+SensorReading ReplaySource::PedometerReading(RecordingRow row, std::int64_t round) const
 {
-    const std::array<const char *, kPedometerFields> keys = {
-        CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, CONTEXT_PEDOMETER_CUMULATIVE_WALK_STEP_COUNT,
-        CONTEXT_PEDOMETER_CUMULATIVE_RUN_STEP_COUNT,   CONTEXT_PEDOMETER_CUMULATIVE_DISTANCE,
-        CONTEXT_PEDOMETER_CUMULATIVE_CALORIE,          CONTEXT_PEDOMETER_SPEED};
-    const RecordingRow &last = mRecording.mRows.back();
+    if (round > 0) {
+        RecordingRow before = mRecording.mRows.back();
+        // A recording in which the counters begin anew ends each round with the same counts.
+        if (!before.mIsRestarted) {
+            for (std::size_t field = 0; field < kPedometerCounters; ++field) {
+                before.mPedometer[field] *= static_cast<double>(round);
+            }
+        }
+        GoOnFrom(before, row);
+    }
     SensorReading reading;
     for (std::size_t field = 0; field < kPedometerFields; ++field) {
-        const unsigned bit = 1U << field;
-        const bool isKnown = (row.mKnownPedometer & bit) != 0;
-        const bool wasKnown = round > 0 && (last.mKnownPedometer & bit) != 0;
-        if (!isKnown && !wasKnown) {
-            continue;
+        if ((row.mKnownPedometer & (1U << field)) != 0) {
+            reading.Add(InfoOf(kFirstPedometerColumn + field).mKey, row.mPedometer[field]);
         }
-        double value = 0.0;
-        if (field < kPedometerCounters) {
-            value = static_cast<double>(round) * last.mPedometer[field];
-            value += isKnown ? row.mPedometer[field] : 0.0;
-        } else {
-            value = isKnown ? row.mPedometer[field] : last.mPedometer[field];
-        }
-        reading.Add(keys[field], value);
     }
     return reading;
 }

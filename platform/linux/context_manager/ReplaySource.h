@@ -29,8 +29,12 @@ struct ReplayOptions
  * Rows that are due when the timer comes late are delivered all; when an item is more than a whole
  * round behind, the whole rounds are left out.
  *
- * In round n (from 0) n times the last value of each counter is added to it, so that counters never
- * go down. An empty cell keeps its field's last value, across rounds as well.
+ * In round n (from 0) n times the last value of each counter is added to it, so that counters do not
+ * go down. An empty cell keeps its field's last value, across rounds as well. From a row on in which
+ * the pedometer begins anew its values are those of the recording, in each round.
+ *
+ * Rows that are due at the same time come in their order; of the values of one row first the heart
+ * rate, then pedometer, activity and gesture.
  */
 class ReplaySource : public SensorSource
 {
@@ -63,13 +67,13 @@ private:
     std::int64_t CountBefore(const Track &track, std::int64_t us) const;
     std::int64_t CountInRoundBefore(const Track &track, std::int64_t round, std::int64_t us) const;
     bool HasNext(const Track &track) const;
-    /** The started track whose next entry is due first; null when there is none. */
+    /** The started track whose next entry comes first; null when there is none. */
     Track *FirstTrack();
     void SkipWholeRounds(std::int64_t nowUs);
     void DeliverDue();
     void SetTimer();
     SensorReading ReadingOf(const Track &track, std::int64_t entry) const;
-    SensorReading PedometerReading(const RecordingRow &row, std::int64_t round) const;
+    SensorReading PedometerReading(RecordingRow row, std::int64_t round) const;
 
     const Recording mRecording;
     const ReplayOptions mOptions;

@@ -1,6 +1,8 @@
 #include "context_manager/Recording.h"
 
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,6 +23,14 @@ constexpr char kNames[] = "t_ms,heart_rate,total_steps,walk_steps,run_steps,dist
 std::string Text(const std::string &rows)
 {
     return std::string("# tz: +02:00\n") + kNames + rows;
+}
+
+/** A recording with the further columns as well; the first row is line 2. */
+std::string FurtherText(const std::string &rows)
+{
+    const std::string names = kNames;
+    return names.substr(0, names.size() - 1) + ",peak_to_peak,spo2,activity_accuracy,restart\n" +
+           rows;
 }
 
 std::string ErrorOf(const std::string &text)
@@ -168,7 +178,8 @@ TEST(RecordingTest, ColumnNamesAreChecked)
     EXPECT_EQ(
         ErrorOf("t_ms,pulse\n"),
         "f.csv: line 1, column 2: there is no column 'pulse'; the columns are t_ms,heart_rate,"
-        "total_steps,walk_steps,run_steps,distance_m,calories_kcal,speed,activity,gesture");
+        "total_steps,walk_steps,run_steps,distance_m,calories_kcal,speed,activity,gesture and, where "
+        "they are needed, peak_to_peak,spo2,activity_accuracy,restart");
     EXPECT_EQ(ErrorOf("#\nt_ms,speed,t_ms\n"),
               "f.csv: line 2, column 3: the column t_ms is there already");
     EXPECT_EQ(ErrorOf("t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,calories_kcal,"
@@ -186,6 +197,200 @@ TEST(RecordingTest, FileIsLoaded)
     const TemporaryDirectory directory;
     WriteFile(directory / "run.csv", Text("0,60,,,,,,,,\n"));
     EXPECT_EQ(LoadRecording(directory / "run.csv").mRows.size(), 1U);
+}
+
+TEST(RecordingTest, FurtherColumnsAreReadWhereTheyAre)
+{
+    const Recording recording = ParseRecording("f.csv", FurtherText("0,60,,,,,,,1,,812.5,98,2,\n"
+                                                                    "1,,,,,,,,,,-3,,,\n"
+                                                                    "2,,,,,,,,,,,97.25,,\n"
+                                                                    "3,,,,,,,,,,,,-1,\n"));
+    const RecordingRow &whole = recording.mRows[0];
+    EXPECT_TRUE(whole.mHasPeakToPeak && whole.mHasSpo2 && whole.mHasActivityAccuracy);
+    EXPECT_EQ(whole.mPeakToPeak, 812.5);
+    EXPECT_EQ(whole.mSpo2, 98.0);
+    EXPECT_EQ(whole.mActivityAccuracy, 2);
+    EXPECT_EQ(recording.mRows[1].mPeakToPeak, -3.0);
+    EXPECT_EQ(recording.mRows[2].mSpo2, 97.25);
+    EXPECT_EQ(recording.mRows[3].mActivityAccuracy, -1);
+}
+
+TEST(RecordingTest, AnyValueOfAnItemMakesARowItsReading)
+{
+    const Recording recording =
+        ParseRecording("f.csv", FurtherText("0,,,,,,,,,,800,,,\n0,,,,,,,,,,,98,,\n"
+                                            "0,,,,,,,,,,,,1,\n0,,,,,,,3,,,,,,\n0,,,,,,,,,,,,,1\n"));
+    for (const std::size_t row : {0U, 1U}) {
+        EXPECT_TRUE(HasReading(recording.mRows[row], ContextItem::HeartRate));
+        EXPECT_FALSE(recording.mRows[row].mHasHeartRate);
+    }
+    EXPECT_TRUE(HasReading(recording.mRows[2], ContextItem::Activity));
+    EXPECT_TRUE(HasReading(recording.mRows[3], ContextItem::Pedometer));
+    for (const ContextItem item : {ContextItem::Gesture, ContextItem::Pedometer,
+                                   ContextItem::HeartRate, ContextItem::Activity}) {
+        EXPECT_FALSE(HasReading(recording.mRows[4], item));
+    }
+}
+
+TEST(RecordingTest, RestartForgetsWhatThePedometerHadTold)
+{
+    const Recording recording = ParseRecording(
+        "f.csv", FurtherText("0,,90,,,50,,3,,,,,,\n1,,5,,,,,,,,,,,1\n2,,6,,,0.5,,,,,,,,\n"));
+    EXPECT_FALSE(recording.mRows[0].mIsRestarted);
+    EXPECT_TRUE(recording.mRows[1].mIsRestarted);
+    EXPECT_THAT(recording.mRows[1].mPedometer, ElementsAre(5.0, 0.0, 0.0, 0.0, 0.0, 0.0));
+    EXPECT_EQ(recording.mRows[1].mKnownPedometer, 0b000001);
+    EXPECT_TRUE(recording.mRows[2].mIsRestarted);
+    EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b001001);
+}
+
+TEST(RecordingTest, RestartCountsWhereverItsColumnIs)
+{
+    const std::string names = "restart,t_ms,gesture,activity,speed,calories_kcal,distance_m,"
+                              "run_steps,walk_steps,total_steps,heart_rate\n";
+    EXPECT_EQ(ErrorOf(names + ",0,,,,,,,,90,\n1,1,,,,,,,,5,\n"), "no error");
+    EXPECT_EQ(ErrorOf(FurtherText("0,,90,,,,,,,,,,,\n1,,5,,,,,,,,,,,1\n")), "no error");
+    EXPECT_EQ(ErrorOf(FurtherText("0,,90,,,,,,,,,,,\n1,,5,,,,,,,,,,,\n")),
+              "f.csv: line 3, column 3 (total_steps): the counter goes down to 5");
+}
+
+TEST(RecordingTest, FurtherColumnsAreCheckedToo)
+{
+    EXPECT_EQ(ErrorOf(FurtherText("0,,,,,,,,,,fast,,,\n")),
+              "f.csv: line 2, column 11 (peak_to_peak): 'fast' is not a decimal number from "
+              "-2147483648 to 2147483647");
+    EXPECT_EQ(ErrorOf(FurtherText("0,,,,,,,,,,,2147483648,,\n")),
+              "f.csv: line 2, column 12 (spo2): '2147483648' is not a decimal number from "
+              "-2147483648 to 2147483647");
+    EXPECT_EQ(
+        ErrorOf(FurtherText("0,,,,,,,,,,,,0.5,\n")),
+        "f.csv: line 2, column 13 (activity_accuracy): '0.5' is not a whole number of 32 bits");
+    EXPECT_EQ(ErrorOf(FurtherText("0,,,,,,,,,,,,,0\n")),
+              "f.csv: line 2, column 14 (restart): '0' is not 1");
+    EXPECT_EQ(ErrorOf(FurtherText("0,,,,,,,,,\n")),
+              "f.csv: line 2: the row has 10 cells instead of 14");
+}
+
+/** Several files in turn. */
+class RecordingsTest : public testing::Test
+{
+protected:
+    /** Writes a file of `text`; its path. */
+    std::string Write(const std::string &text)
+    {
+        mPaths.push_back(mDirectory / (std::to_string(mPaths.size()) + ".csv"));
+        WriteFile(mPaths.back(), text);
+        return mPaths.back();
+    }
+
+    std::string Error() const
+    {
+        try {
+            LoadRecordings(mPaths);
+        } catch (const StartupError &failure) {
+            return failure.what();
+        }
+        return "no error";
+    }
+
+    TemporaryDirectory mDirectory;
+    std::vector<std::string> mPaths;
+};
+
+TEST_F(RecordingsTest, EachBeginsWhereTheRoundBeforeWouldHaveEnded)
+{
+    Write(Text("0,60,,,,,,,,\n1000,61,,,,,,,,\n2000,62,,,,,,,,\n")); // a round of 3000 ms
+    Write(Text("100,70,,,,,,,,\n"));                                 // a round of 1100 ms
+    Write(Text("0,80,,,,,,,,\n50,81,,,,,,,,\n"));                    // a round of 100 ms
+    const Recording recording = LoadRecordings(mPaths);
+
+    std::vector<std::int64_t> times;
+    for (const RecordingRow &row : recording.mRows) {
+        times.push_back(row.mTimeMs);
+    }
+    EXPECT_THAT(times, ElementsAre(0, 1000, 2000, 3100, 4100, 4150));
+    EXPECT_EQ(recording.mLoopMs, 4200);
+}
+
+TEST_F(RecordingsTest, PedometerGoesOnOverTheSeams)
+{
+    Write(Text("0,,5,,,1.5,,3,,\n1000,,9,,,2.5,,,,\n"));
+    Write(Text("0,,0,,,,4,,,\n1000,,6,,,,,2,,\n"));
+    Write(Text("0,,1,,,0.25,,,,\n"));
+    const Recording recording = LoadRecordings(mPaths);
+    EXPECT_THAT(recording.mRows[2].mPedometer, ElementsAre(9.0, 0.0, 0.0, 2.5, 4.0, 3.0));
+    EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b111001);
+    EXPECT_THAT(recording.mRows[3].mPedometer, ElementsAre(15.0, 0.0, 0.0, 2.5, 4.0, 2.0));
+    EXPECT_THAT(recording.mRows[4].mPedometer, ElementsAre(16.0, 0.0, 0.0, 2.75, 4.0, 2.0));
+    EXPECT_EQ(recording.mRows[4].mKnownPedometer, 0b111001);
+}
+
+TEST_F(RecordingsTest, AfterARestartTheNextFileGoesOnFromTheNewCounts)
+{
+    Write(FurtherText("0,,500,,,7,,,,,,,,\n1,,20,,,,,,,,,,,1\n"));
+    Write(Text("0,,3,,,,,,,\n"));
+    const Recording recording = LoadRecordings(mPaths);
+    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 23.0);
+    EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
+}
+
+TEST_F(RecordingsTest, RestartInALaterFileTakesNothingFromTheOneBefore)
+{
+    Write(Text("0,,500,,,7,,,,\n"));
+    Write(FurtherText("0,,3,,,,,,,,,,,\n1,,4,,,,,,,,,,,1\n"));
+    const Recording recording = LoadRecordings(mPaths);
+    EXPECT_THAT(recording.mRows[1].mPedometer, ElementsAre(503.0, 0.0, 0.0, 7.0, 0.0, 0.0));
+    EXPECT_THAT(recording.mRows[2].mPedometer, ElementsAre(4.0, 0.0, 0.0, 0.0, 0.0, 0.0));
+    EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
+}
+
+TEST_F(RecordingsTest, SameFileMayBePlayedAgain)
+{
+    Write(Text("0,,5,,,,,,,\n"));
+    mPaths.push_back(mPaths.front());
+    EXPECT_EQ(LoadRecordings(mPaths).mRows[1].mPedometer[kTotalSteps], 10.0);
+}
+
+TEST_F(RecordingsTest, FileWithAMistakeIsNamed)
+{
+    Write(Text("0,60,,,,,,,,\n"));
+    const std::string path = Write(Text("0,x,,,,,,,,\n"));
+    EXPECT_EQ(Error(),
+              path + ": line 3, column 2 (heart_rate): 'x' is not a whole number of 32 bits");
+}
+
+TEST_F(RecordingsTest, MissingFileIsNamed)
+{
+    Write(Text("0,60,,,,,,,,\n"));
+    mPaths.push_back(mDirectory / "none.csv");
+    EXPECT_EQ(Error(),
+              "cannot read the recording " + mPaths.back() + ": No such file or directory");
+}
+
+TEST_F(RecordingsTest, TheyMayNotLastLongerThanOneMay)
+{
+    Write(Text("999999998999,60,,,,,,,,\n")); // the next begins at 999999999999 ms
+    Write(Text("1,60,,,,,,,,\n"));
+    EXPECT_EQ(Error(), "no error");
+
+    const std::string path = Write(Text("0,60,,,,,,,,\n"));
+    EXPECT_EQ(Error(), path +
+                           ": it begins at 1000000001000 ms of the recordings that are played in "
+                           "turn, which would end after 1000000000000 ms");
+}
+
+TEST_F(RecordingsTest, TheyMayNotBeLargerThanOneMay)
+{
+    Write(Text("0,60,,,,,,,,\n"));
+    const std::string path = Write("");
+    std::filesystem::resize_file(path, std::uintmax_t{256} * 1024 * 1024);
+    EXPECT_EQ(Error(), "cannot read the recording " + path +
+                           ": the recordings have more than 256 MiB together");
+}
+
+TEST_F(RecordingsTest, ThereMustBeOne)
+{
+    EXPECT_EQ(Error(), "there is no recording to replay");
 }
 
 TEST(RecordingTest, MissingFileIsNamedWithTheReason)

@@ -23,6 +23,9 @@ using testing::SizeIs;
 constexpr std::int64_t kStartUs = 1'000'000;
 constexpr char kNames[] = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,"
                           "calories_kcal,speed,activity,gesture\n";
+constexpr char kAllNames[] = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,"
+                             "calories_kcal,speed,activity,gesture,peak_to_peak,spo2,"
+                             "activity_accuracy,restart\n";
 
 std::string ToText(ContextItem item, const SensorReading &reading)
 {
@@ -43,11 +46,23 @@ class ReplaySourceTest : public testing::Test, public SensorListener
 protected:
     void Play(const std::string &rows, const ReplayOptions &options = {})
     {
+        PlayAll({kNames + rows}, options);
+    }
+
+    /** Plays recordings in turn. */
+    void PlayAll(const std::vector<std::string> &texts, const ReplayOptions &options = {})
+    {
+        const TemporaryDirectory directory;
+        std::vector<std::string> paths;
+        for (const std::string &text : texts) {
+            paths.push_back(directory / (std::to_string(paths.size()) + ".csv"));
+            WriteFile(paths.back(), text);
+        }
         mClock.mMonotonicUs = kStartUs;
         auto timer = std::make_unique<ManualTimer>();
         mTimer = timer.get();
-        mSource = std::make_unique<ReplaySource>(ParseRecording("f.csv", kNames + rows), options,
-                                                 mClock, std::move(timer));
+        mSource = std::make_unique<ReplaySource>(LoadRecordings(paths), options, mClock,
+                                                 std::move(timer));
         mSource->SetListener(this);
     }
 
@@ -168,12 +183,17 @@ TEST_F(ReplaySourceTest, TimerIsSetForStartedItemsOnly)
     EXPECT_EQ(DueUs(), 5'000'000);
 }
 
-TEST_F(ReplaySourceTest, ItemWithoutValuesNeedsNoTimer)
+TEST_F(ReplaySourceTest, ItemThatNoRowHasIsRefused)
 {
     Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n");
-    mSource->Start(ContextItem::Gesture);
+    for (const ContextItem item :
+         {ContextItem::Gesture, ContextItem::Pedometer, ContextItem::Activity}) {
+        EXPECT_EQ(mSource->Start(item), -95);
+        EXPECT_EQ(Latest(item), "none");
+        mSource->Stop(item);
+    }
     EXPECT_EQ(DueUs(), -1);
-    EXPECT_EQ(Latest(ContextItem::Gesture), "none");
+    EXPECT_EQ(mSource->Start(ContextItem::HeartRate), 0);
 }
 
 TEST_F(ReplaySourceTest, EachItemHasItsOwnKeys)
@@ -307,6 +327,76 @@ TEST_F(ReplaySourceTest, LatestIsRightAtTheEdgesOfManyRounds)
             ASSERT_EQ(Latest(ContextItem::Pedometer), "2 pedometer/total_steps=" + before);
         }
     }
+}
+
+TEST_F(ReplaySourceTest, FurtherValuesComeWithTheirRowsOnly)
+{
+    PlayAll({std::string(kAllNames) + "0,60,,,,,,,2,,812.5,98,3,\n1,61,,,,,,,1,,,,,\n"
+                                      "2,,,,,,,,,,800,,,\n3,,,,,,,,,,,,1,\n"});
+    mSource->Start(ContextItem::HeartRate);
+    mSource->Start(ContextItem::Activity);
+    AdvanceTo(3);
+    EXPECT_THAT(Take(), ElementsAre("0: 7 hrm/heart_rate=60 hrm/peak_to_peak=812.5 hrm/spo2=98",
+                                    "0: 23 activity/status=2 activity/accuracy=3",
+                                    "1: 7 hrm/heart_rate=61", "1: 23 activity/status=1",
+                                    "2: 7 hrm/peak_to_peak=800", "3: 23 activity/accuracy=1"));
+}
+
+TEST_F(ReplaySourceTest, RowsOfTheSameTimeKeepTheirOrder)
+{
+    Play("5,,,,,,,,,4\n5,,1,,,,,,,\n5,60,,,,,,,,\n5,,2,,,,,,,\n5,61,,,,,,,1,\n");
+    for (const ContextItem item : {ContextItem::Gesture, ContextItem::Pedometer,
+                                   ContextItem::HeartRate, ContextItem::Activity}) {
+        mSource->Start(item);
+    }
+    AdvanceTo(5);
+    EXPECT_THAT(Take(), ElementsAre("5: 1 motion/action=4", "5: 2 pedometer/total_steps=1",
+                                    "5: 7 hrm/heart_rate=60", "5: 2 pedometer/total_steps=2",
+                                    "5: 7 hrm/heart_rate=61", "5: 23 activity/status=1"));
+}
+
+TEST_F(ReplaySourceTest, FilesArePlayedWithoutAGapAndRoundAgain)
+{
+    PlayAll({std::string(kNames) + "0,60,5,,,,,,,\n1000,61,9,,,,,,,\n",
+             std::string(kNames) + "0,70,0,,,1.5,,,,\n500,71,4,,,,,,,\n"});
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(2999);
+    EXPECT_THAT(Take(),
+                ElementsAre("0: 2 pedometer/total_steps=5", "1000: 2 pedometer/total_steps=9",
+                            "2000: 2 pedometer/total_steps=9 pedometer/distance=1.5",
+                            "2500: 2 pedometer/total_steps=13 pedometer/distance=1.5"));
+    AdvanceTo(5999);
+    EXPECT_THAT(Take(), ElementsAre("3000: 2 pedometer/total_steps=18 pedometer/distance=1.5",
+                                    "4000: 2 pedometer/total_steps=22 pedometer/distance=1.5",
+                                    "5000: 2 pedometer/total_steps=22 pedometer/distance=3",
+                                    "5500: 2 pedometer/total_steps=26 pedometer/distance=3"));
+    AdvanceTo(6000);
+    EXPECT_THAT(Take(), ElementsAre("6000: 2 pedometer/total_steps=31 pedometer/distance=3"));
+}
+
+TEST_F(ReplaySourceTest, WithoutLoopTheLastFileIsTheEnd)
+{
+    PlayAll({std::string(kNames) + "0,60,,,,,,,,\n", std::string(kNames) + "0,70,,,,,,,,\n"},
+            {1.0, false});
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(1e6);
+    EXPECT_THAT(Take(), ElementsAre("0: 7 hrm/heart_rate=60", "1000: 7 hrm/heart_rate=70"));
+    EXPECT_EQ(DueUs(), -1);
+}
+
+TEST_F(ReplaySourceTest, PedometerThatBeginsAnewDoesSoInEachRound)
+{
+    PlayAll(
+        {std::string(kAllNames) + "0,,90,,,5,,,,,,,,\n1000,,2,,,,,,,,,,,1\n2000,,7,,,,,,,,,,,\n"});
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(8000);
+    EXPECT_THAT(Take(),
+                ElementsAre("0: 2 pedometer/total_steps=90 pedometer/distance=5",
+                            "1000: 2 pedometer/total_steps=2", "2000: 2 pedometer/total_steps=7",
+                            "3000: 2 pedometer/total_steps=97 pedometer/distance=5",
+                            "4000: 2 pedometer/total_steps=2", "5000: 2 pedometer/total_steps=7",
+                            "6000: 2 pedometer/total_steps=97 pedometer/distance=5",
+                            "7000: 2 pedometer/total_steps=2", "8000: 2 pedometer/total_steps=7"));
 }
 
 TEST_F(ReplaySourceTest, ListenerMayStopTheItemInItsCall)
