@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <utility>
 
 #include <platform/context_manager.h>
 
@@ -19,12 +18,19 @@ SensorReading ReadingOf(const char *key, int value)
 
 } // namespace
 
+ManualSource::ManualSource()
+{
+    mValues[ContextItem::Pedometer] = ReadingOf(CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, 0);
+}
+
 int ManualSource::Start(ContextItem item)
 {
     mStarted.insert(item);
-    mBeginning.insert(item);
-    if (!mBegin.IsActive()) {
-        mBegin = LoopSource::Post([this] { ReportStarted(); });
+    if (item != ContextItem::Gesture && mValues.contains(item)) {
+        mBeginning.insert(item);
+        if (!mBegin.IsActive()) {
+            mBegin = LoopSource::Post([this] { TellBeginnings(); });
+        }
     }
     return 0;
 }
@@ -33,58 +39,64 @@ void ManualSource::Stop(ContextItem item)
 {
     mStarted.erase(item);
     mBeginning.erase(item);
+    if (mBeginning.empty()) {
+        mBegin.Remove();
+    }
 }
 
 std::optional<SensorReading> ManualSource::Latest(ContextItem item) const
 {
-    if (item == ContextItem::Pedometer) {
-        return ReadingOf(CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, mSteps);
-    }
     const auto found = mValues.find(item);
     return found != mValues.end() ? std::optional(found->second) : std::nullopt;
 }
 
 void ManualSource::SetHeartRate(int beatsPerMinute)
 {
-    Report(ContextItem::HeartRate, ReadingOf(CONTEXT_HRM_HEART_RATE, beatsPerMinute));
+    TellBeginnings();
+    Tell(ContextItem::HeartRate, ReadingOf(CONTEXT_HRM_HEART_RATE, beatsPerMinute));
 }
 
 void ManualSource::AddSteps(int steps)
 {
-    ReportStarted();
-    mSteps += std::min(steps, std::numeric_limits<int>::max() - mSteps);
-    Report(ContextItem::Pedometer,
-           ReadingOf(CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, mSteps));
+    // Before the count changes: from what they begin with the steps are counted.
+    TellBeginnings();
+    mSteps += std::clamp(steps, 0, std::numeric_limits<int>::max() - mSteps);
+    Tell(ContextItem::Pedometer, ReadingOf(CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, mSteps));
 }
 
 void ManualSource::SetActivity(int activity)
 {
-    Report(ContextItem::Activity, ReadingOf(CONTEXT_ACTIVITY_STATUS, activity));
+    TellBeginnings();
+    Tell(ContextItem::Activity, ReadingOf(CONTEXT_ACTIVITY_STATUS, activity));
 }
 
 void ManualSource::MakeGesture(int gesture)
 {
-    Report(ContextItem::Gesture, ReadingOf(CONTEXT_MOTION_ACTION, gesture));
+    TellBeginnings();
+    Tell(ContextItem::Gesture, ReadingOf(CONTEXT_MOTION_ACTION, gesture));
 }
 
-void ManualSource::Report(ContextItem item, const SensorReading &reading)
+void ManualSource::Tell(ContextItem item, const SensorReading &reading)
 {
-    // What an item begins with it tells before it tells of a change.
-    ReportStarted();
     mValues.insert_or_assign(item, reading);
+    mBeginning.erase(item);
+    if (mBeginning.empty()) {
+        mBegin.Remove();
+    }
     if (mStarted.contains(item) && mListener != nullptr) {
         mListener->OnReading(item, reading);
     }
 }
 
-void ManualSource::ReportStarted()
+void ManualSource::TellBeginnings()
 {
     mBegin.Remove();
-    const auto beginning = std::exchange(mBeginning, {});
-    for (const ContextItem item : beginning) {
-        const auto reading = item == ContextItem::Gesture ? std::nullopt : Latest(item);
-        if (reading && mStarted.contains(item) && mListener != nullptr) {
-            mListener->OnReading(item, *reading);
+    // A copy: an item that is started meanwhile has a turn of its own, one that is stopped has none.
+    const std::set<ContextItem> items = mBeginning;
+    for (const ContextItem item : items) {
+        if (mBeginning.contains(item)) {
+            const SensorReading reading = mValues[item];
+            Tell(item, reading);
         }
     }
 }
