@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -27,14 +28,21 @@ std::optional<ContextItem> KnownItem(int item)
     return std::nullopt;
 }
 
-/** True when the states that were asked for, if any, leave a reading out. */
+/** True when the states that were asked for, if any, leave a reading of the activity out. */
 bool IsFilteredOut(const std::vector<int> &states, const SensorReading &reading)
 {
-    if (states.empty() || reading.size() == 0) {
+    if (states.empty()) {
         return false;
     }
-    const int *state = std::get_if<int>(&reading.begin()->mValue);
-    return state != nullptr && std::find(states.begin(), states.end(), *state) == states.end();
+    // By its key: a reading may tell of the accuracy alone, which is no state.
+    const auto *const state =
+        std::find_if(reading.begin(), reading.end(), [](const SensorValue &value) {
+            return std::strcmp(value.mKey, CONTEXT_ACTIVITY_STATUS) == 0;
+        });
+    return state != reading.end() &&
+           std::none_of(states.begin(), states.end(), [state](int wanted) {
+               return std::visit([wanted](auto number) { return number == wanted; }, state->mValue);
+           });
 }
 
 } // namespace

@@ -22,6 +22,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Optional;
 
 /** A source whose readings the test makes. */
 class ScriptedSource : public SensorSource
@@ -31,6 +32,9 @@ public:
     int Start(ContextItem item) override
     {
         mStarted.insert(item);
+        if (mOnStart) {
+            mOnStart();
+        }
         return mStartResult;
     }
     void Stop(ContextItem item) override { mStarted.erase(item); }
@@ -52,6 +56,7 @@ public:
     std::set<ContextItem> mStarted;
     std::map<ContextItem, SensorReading> mLatest;
     int mStartResult = 0;
+    std::function<void()> mOnStart;
 };
 
 struct Delivery
@@ -118,6 +123,17 @@ protected:
         int requestId = -1;
         EXPECT_EQ(mManager->Query(item, nullptr, Receiver::OnChanged, &mReceiver, requestId), 0);
         return requestId;
+    }
+
+    ContextManager::ItemStatus StatusOf(ContextItem item) const
+    {
+        for (const ContextManager::ItemStatus &status : mManager->Status()) {
+            if (status.mItem == item) {
+                return status;
+            }
+        }
+        ADD_FAILURE() << "no status of item " << static_cast<int>(item);
+        return {};
     }
 
     std::vector<Delivery> Take() { return std::exchange(mReceiver.mDeliveries, {}); }
@@ -278,6 +294,212 @@ TEST_F(ContextManagerTest, EndWithOpenQueriesIsClean)
     mManager.reset();
     RunWhileBusy();
     EXPECT_THAT(Take(), IsEmpty());
+}
+
+TEST_F(ContextManagerTest, FilterOfActivitiesLooksAtTheStateAlone)
+{
+    context_option *option = context_option_new();
+    ASSERT_EQ(
+        context_option_add_value_int(&option, CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER, 3), 0);
+    Subscribe(23, option);
+    std::free(option);
+    const auto report = [this](const char *key, std::variant<int, double> value, int status) {
+        SensorReading reading;
+        reading.Add(key, value);
+        if (status >= 0) {
+            reading.Add(CONTEXT_ACTIVITY_STATUS, status);
+        }
+        mSource->mListener->OnReading(ContextItem::Activity, reading);
+    };
+
+    report(CONTEXT_ACTIVITY_ACCURACY, 3, 1); // not the accuracy, which comes first
+    report(CONTEXT_ACTIVITY_STATUS, 2.0, -1);
+    EXPECT_THAT(Take(), IsEmpty());
+
+    report(CONTEXT_ACTIVITY_ACCURACY, 1, 3);
+    report(CONTEXT_ACTIVITY_STATUS, 3.0, -1);
+    report(CONTEXT_ACTIVITY_ACCURACY, 1, -1); // tells of no other state
+    EXPECT_EQ(Take().size(), 3U);
+}
+
+TEST_F(ContextManagerTest, SourceThatRefusesMakesTheSubscriptionFailWithItsCode)
+{
+    mSource->mStartResult = -61;
+    int requestId = -5;
+    EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), -61);
+
+    EXPECT_THAT(mSource->mStarted, IsEmpty());
+    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mRequestId, std::nullopt);
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    EXPECT_THAT(Take(), IsEmpty());
+}
+
+TEST_F(ContextManagerTest, RequestIdIsWrittenBeforeTheSourceIsAsked)
+{
+    int requestId = -5;
+    int seen = -5;
+    mSource->mOnStart = [&] { seen = requestId; };
+    EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), 0);
+    EXPECT_GT(seen, 0);
+    EXPECT_EQ(seen, requestId);
+}
+
+TEST_F(ContextManagerTest, RefusedSubscriptionEndsTheOneBefore)
+{
+    Subscribe(7);
+    mSource->mStartResult = -95;
+    int requestId = -5;
+    EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), -95);
+    EXPECT_THAT(mSource->mStarted, IsEmpty());
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    EXPECT_THAT(Take(), IsEmpty());
+    EXPECT_EQ(mManager->Unsubscribe(7), 0);
+}
+
+TEST_F(ContextManagerTest, RefusalIsNoneForTheNextSubscription)
+{
+    mSource->mStartResult = -61;
+    int requestId = -5;
+    EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), -61);
+    mSource->mStartResult = 0;
+    const int second = Subscribe(7);
+    EXPECT_GT(second, requestId);
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    EXPECT_THAT(Take(), ElementsAre(Delivery{0, 7, second, 72, mClock.mWallMs}));
+}
+
+TEST_F(ContextManagerTest, ItemWithoutASourceIsRefused)
+{
+    SensorSources sources;
+    sources.Assign(ContextItem::HeartRate, SourceKind::Ble, nullptr);
+    ContextManager manager(std::move(sources), mClock);
+    int requestId = -5;
+    for (const int item : {1, 7}) { // never assigned; a source that could not be made
+        EXPECT_EQ(manager.Subscribe(item, nullptr, Receiver::OnChanged, &mReceiver, requestId),
+                  -95);
+        EXPECT_EQ(manager.Query(item, nullptr, Receiver::OnChanged, &mReceiver, requestId), -61);
+        EXPECT_EQ(manager.Unsubscribe(item), 0);
+    }
+    EXPECT_EQ(requestId, -5);
+    EXPECT_EQ(manager.Manual(), nullptr);
+}
+
+TEST_F(ContextManagerTest, StatusTellsOfEachItemByItsNumber)
+{
+    std::vector<ContextItem> items;
+    for (const ContextManager::ItemStatus &status : mManager->Status()) {
+        items.push_back(status.mItem);
+        EXPECT_EQ(status.mSource, SourceKind::Manual);
+        EXPECT_EQ(status.mRequestId, std::nullopt);
+        EXPECT_FALSE(status.mLastReading);
+        EXPECT_EQ(status.mDelivered, 0U);
+    }
+    EXPECT_THAT(items, ElementsAre(ContextItem::Gesture, ContextItem::Pedometer,
+                                   ContextItem::HeartRate, ContextItem::Activity));
+}
+
+TEST_F(ContextManagerTest, StatusTellsSinceWhenAndByWhatRequestAnItemIsSubscribed)
+{
+    const std::int64_t begin = mClock.mWallMs;
+    const int requestId = Subscribe(7);
+    mClock.mWallMs += 5000;
+    EXPECT_THAT(StatusOf(ContextItem::HeartRate).mRequestId, Optional(requestId));
+    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mSubscribedWallMs, begin);
+    EXPECT_EQ(StatusOf(ContextItem::Pedometer).mRequestId, std::nullopt);
+
+    mManager->Unsubscribe(7);
+    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mRequestId, std::nullopt);
+}
+
+TEST_F(ContextManagerTest, StatusKeepsTheLastReadingAndWhatWasDelivered)
+{
+    Subscribe(7);
+    mClock.mMonotonicUs = 7'000'000;
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    mClock.mMonotonicUs = 9'000'000;
+    mClock.mWallMs += 2000;
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 73);
+    mManager->Unsubscribe(7);
+    mClock.mMonotonicUs = 60'000'000;
+
+    const ContextManager::ItemStatus status = StatusOf(ContextItem::HeartRate);
+    ASSERT_TRUE(status.mLastReading);
+    EXPECT_EQ(std::get<int>(status.mLastReading->begin()->mValue), 73);
+    EXPECT_EQ(status.mLastReadingUs, 9'000'000);
+    EXPECT_EQ(status.mLastReadingWallMs, mClock.mWallMs);
+    EXPECT_EQ(status.mDelivered, 2U);
+}
+
+TEST_F(ContextManagerTest, ReadingThatIsFilteredOutIsNotCountedAsDelivered)
+{
+    context_option *option = context_option_new();
+    ASSERT_EQ(
+        context_option_add_value_int(&option, CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER, 3), 0);
+    Subscribe(23, option);
+    std::free(option);
+    mSource->Report(ContextItem::Activity, CONTEXT_ACTIVITY_STATUS, 1);
+    EXPECT_EQ(StatusOf(ContextItem::Activity).mDelivered, 0U);
+    EXPECT_TRUE(StatusOf(ContextItem::Activity).mLastReading);
+    mSource->Report(ContextItem::Activity, CONTEXT_ACTIVITY_STATUS, 3);
+    EXPECT_EQ(StatusOf(ContextItem::Activity).mDelivered, 1U);
+}
+
+TEST_F(ContextManagerTest, QueriesAreNotCountedAsDelivered)
+{
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    Query(7);
+    RunWhileBusy();
+    EXPECT_EQ(Take().size(), 1U);
+    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mDelivered, 0U);
+}
+
+TEST_F(ContextManagerTest, TapHearsEachReadingBeforeItIsDelivered)
+{
+    Subscribe(7);
+    std::vector<std::string> order;
+    mManager->SetTap([&](ContextItem item, const SensorReading &reading) {
+        order.push_back("tap " + std::to_string(static_cast<int>(item)) + " " +
+                        std::to_string(std::get<int>(reading.begin()->mValue)));
+    });
+    mReceiver.mOnDelivery = [&](int) { order.emplace_back("delivery"); };
+
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    mSource->Report(ContextItem::Gesture, CONTEXT_MOTION_ACTION, 4); // nobody has subscribed
+
+    EXPECT_THAT(order, ElementsAre("tap 7 72", "delivery", "tap 1 4"));
+}
+
+TEST_F(ContextManagerTest, TapHearsWhatTheFilterLeavesOut)
+{
+    context_option *option = context_option_new();
+    ASSERT_EQ(
+        context_option_add_value_int(&option, CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER, 3), 0);
+    Subscribe(23, option);
+    std::free(option);
+    int heard = 0;
+    mManager->SetTap([&heard](ContextItem, const SensorReading &) { ++heard; });
+    mSource->Report(ContextItem::Activity, CONTEXT_ACTIVITY_STATUS, 0);
+    EXPECT_EQ(heard, 1);
+    EXPECT_THAT(Take(), IsEmpty());
+}
+
+TEST_F(ContextManagerTest, TapDoesNotHearQueries)
+{
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    int heard = 0;
+    mManager->SetTap([&heard](ContextItem, const SensorReading &) { ++heard; });
+    Query(7);
+    RunWhileBusy();
+    EXPECT_EQ(heard, 0);
+}
+
+TEST_F(ContextManagerTest, EmptyTapEndsTheTapping)
+{
+    int heard = 0;
+    mManager->SetTap([&heard](ContextItem, const SensorReading &) { ++heard; });
+    mManager->SetTap({});
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    EXPECT_EQ(heard, 0);
 }
 
 } // namespace ParvanePlatform
