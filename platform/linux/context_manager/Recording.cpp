@@ -174,12 +174,13 @@ void Parser::ParseColumnNames(std::string_view line)
 
 RecordingRow Parser::ParseRow(std::string_view line)
 {
-    mCells.clear();
-    ForEachCell(line, [this](std::string_view cell) { mCells.push_back(cell); });
-    if (mCells.size() != mOrder.size()) {
-        FailAtLine("the row has " + std::to_string(mCells.size()) + " cells instead of " +
+    const auto cells = static_cast<std::size_t>(std::count(line.begin(), line.end(), ',')) + 1;
+    if (cells != mOrder.size()) {
+        FailAtLine("the row has " + std::to_string(cells) + " cells instead of " +
                    std::to_string(mOrder.size()));
     }
+    mCells.clear();
+    ForEachCell(line, [this](std::string_view cell) { mCells.push_back(cell); });
     RecordingRow row;
     row.mPedometer = mLast.mPedometer;
     row.mKnownPedometer = mLast.mKnownPedometer;
