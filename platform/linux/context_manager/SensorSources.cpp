@@ -50,23 +50,6 @@ std::shared_ptr<SensorSource> MakeSource(SourceKind kind, const Settings &settin
 
 } // namespace
 
-const char *NameOf(SourceKind kind)
-{
-    switch (kind) {
-    case SourceKind::None:
-        return "none";
-    case SourceKind::Replay:
-        return "replay";
-    case SourceKind::Iio:
-        return "iio";
-    case SourceKind::Ble:
-        return "ble";
-    case SourceKind::Manual:
-        return "manual";
-    }
-    return "?";
-}
-
 SensorSources::SensorSources(const Settings &settings, const Clock &clock, BusParts *bus)
 {
     const std::map<ContextItem, SourceKind> kinds = {

@@ -12,9 +12,6 @@ namespace ParvanePlatform {
 class BusParts;
 class ManualSource;
 
-/** The name of a kind of source, as the configuration has it: "none", "replay" ... */
-const char *NameOf(SourceKind kind);
-
 /**
  * The sources that the settings ask for, each made once however many items it serves, and which item
  * each of them serves.

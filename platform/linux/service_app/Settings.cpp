@@ -2,13 +2,17 @@
 
 #include <cstdlib>
 
-#include "base/Numbers.h"
+#include "base/RuntimeLog.h"
 #include "base/StartupError.h"
-#include "bluetooth/BluetoothAddress.h"
+#include "service_app/ConfigFile.h"
+#include "service_app/ConfigSchema.h"
 
 namespace ParvanePlatform {
 
 namespace {
+
+/** A file that was meant for something else must not flood the log. */
+constexpr int kMaxConfigWarnings = 20;
 
 std::string Value(const Environment &environment, const std::string &name)
 {
@@ -31,13 +35,16 @@ std::string ManagedDirectory(const Environment &environment, const std::string &
     return path;
 }
 
-std::string StateDirectory(const Environment &environment)
+std::string StateDirectory(const Environment &environment, const std::string &configured)
 {
     if (std::string path = ManagedDirectory(environment, "STATE_DIRECTORY"); !path.empty()) {
         return path;
     }
     if (const std::string base = Value(environment, "XDG_STATE_HOME"); IsAbsolute(base)) {
         return base + "/parvane";
+    }
+    if (!configured.empty()) {
+        return configured;
     }
     const std::string home = Value(environment, "HOME");
     if (!IsAbsolute(home)) {
@@ -48,7 +55,7 @@ std::string StateDirectory(const Environment &environment)
     return home + "/.local/state/parvane";
 }
 
-std::string RuntimeDirectory(const Environment &environment)
+std::string RuntimeDirectory(const Environment &environment, const std::string &configured)
 {
     if (std::string path = ManagedDirectory(environment, "RUNTIME_DIRECTORY"); !path.empty()) {
         return path;
@@ -56,7 +63,7 @@ std::string RuntimeDirectory(const Environment &environment)
     if (const std::string base = Value(environment, "XDG_RUNTIME_DIR"); IsAbsolute(base)) {
         return base + "/parvane";
     }
-    return "/run/parvane";
+    return configured.empty() ? "/run/parvane" : configured;
 }
 
 std::string WithoutTrailingSlashes(std::string path)
@@ -67,41 +74,52 @@ std::string WithoutTrailingSlashes(std::string path)
     return path;
 }
 
-double TraceSpeed(const Environment &environment)
+/** Lets a variable that is set have its say in place of a key of the file. */
+void Override(const Environment &environment, const std::string &variable, const ConfigKey &key,
+              Settings &settings)
 {
-    const std::string text = Value(environment, "PARVANE_SPEED");
-    if (text.empty()) {
-        return 1.0;
+    const std::string text = Value(environment, variable);
+    if (!text.empty() && !key.mApply({text}, settings)) {
+        throw StartupError(variable + " is '" + text + "': it must be " + key.mAllowed);
     }
-    const auto speed = ParseDecimal(text);
-    if (!speed || *speed < kMinTraceSpeed || *speed > kMaxTraceSpeed) {
-        throw StartupError("PARVANE_SPEED is '" + text +
-                           "': it must be a decimal number from 0.001 to 100000");
-    }
-    return *speed;
 }
 
-bool TraceLoop(const Environment &environment)
+bool TraceLoop(const Environment &environment, bool configured)
 {
     const std::string text = Value(environment, "PARVANE_LOOP");
     if (!text.empty() && text != "0" && text != "1") {
         throw StartupError("PARVANE_LOOP is '" + text + "': it must be 0 or 1");
     }
-    return text != "0";
+    return text.empty() ? configured : text == "1";
 }
 
-std::string ConfiguredBluetoothAddress(const Environment &environment)
+/** Logs the warnings about a file, and refuses it with the first of its errors. */
+void Judge(const std::string &path, const Configuration &configuration)
 {
-    const std::string text = Value(environment, "PARVANE_BT_ADDRESS");
-    if (text.empty()) {
-        return {};
+    int warnings = 0;
+    for (const ConfigProblem &problem : configuration.mProblems) {
+        if (problem.mSeverity == ConfigProblem::Severity::Warning &&
+            ++warnings <= kMaxConfigWarnings) {
+            LogWarning("%s", ToString(path, problem).c_str());
+        }
     }
-    const auto address = NormaliseBluetoothAddress(text);
-    if (!address) {
-        throw StartupError("PARVANE_BT_ADDRESS is '" + text +
-                           "': it must be six hexadecimal octets such as AA:BB:CC:DD:EE:FF");
+    if (warnings > kMaxConfigWarnings) {
+        LogWarning("%s: %d more warnings", path.c_str(), warnings - kMaxConfigWarnings);
     }
-    return *address;
+    if (const ConfigProblem *error = configuration.FirstError(); error != nullptr) {
+        throw StartupError(ToString(path, *error));
+    }
+}
+
+Settings ConfiguredSettings(const Environment &environment, const std::string &systemFile)
+{
+    const std::string named = Value(environment, "PARVANE_PLATFORM_CONF");
+    const std::string &path = named.empty() ? systemFile : named;
+    const Configuration configuration =
+        LoadConfiguration(path, named.empty() ? IfMissing::UseDefaults : IfMissing::Fail,
+                          Value(environment, "PARVANE_TRACE"));
+    Judge(path, configuration);
+    return configuration.mSettings;
 }
 
 } // namespace
@@ -112,19 +130,33 @@ std::optional<std::string> ProcessEnvironment(const std::string &name)
     return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
 }
 
-Settings ReadSettings(const Environment &environment)
+const char *NameOf(SourceKind kind)
 {
-    Settings settings;
-    settings.mStateDirectory = WithoutTrailingSlashes(StateDirectory(environment));
-    settings.mRuntimeDirectory = WithoutTrailingSlashes(RuntimeDirectory(environment));
-    if (const std::string file = Value(environment, "PARVANE_TRACE"); !file.empty()) {
-        settings.mReplay.mFiles = {file};
-        settings.mSensors = {SourceKind::Replay, SourceKind::Replay, SourceKind::Replay,
-                             SourceKind::Replay};
+    switch (kind) {
+    case SourceKind::None:
+        return "none";
+    case SourceKind::Replay:
+        return "replay";
+    case SourceKind::Iio:
+        return "iio";
+    case SourceKind::Ble:
+        return "ble";
+    case SourceKind::Manual:
+        return "manual";
     }
-    settings.mReplay.mSpeed = TraceSpeed(environment);
-    settings.mReplay.mLoop = TraceLoop(environment);
-    settings.mBluetooth.mAddress = ConfiguredBluetoothAddress(environment);
+    return "?";
+}
+
+Settings ReadSettings(const Environment &environment, const std::string &systemFile)
+{
+    Settings settings = ConfiguredSettings(environment, systemFile);
+    settings.mStateDirectory =
+        WithoutTrailingSlashes(StateDirectory(environment, settings.mStateDirectory));
+    settings.mRuntimeDirectory =
+        WithoutTrailingSlashes(RuntimeDirectory(environment, settings.mRuntimeDirectory));
+    Override(environment, "PARVANE_SPEED", ConfigKeyOf("replay", "speed"), settings);
+    settings.mReplay.mLoop = TraceLoop(environment, settings.mReplay.mLoop);
+    Override(environment, "PARVANE_BT_ADDRESS", ConfigKeyOf("bluetooth", "address"), settings);
     return settings;
 }
 

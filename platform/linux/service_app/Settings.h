@@ -16,6 +16,9 @@ std::optional<std::string> ProcessEnvironment(const std::string &name);
 /** Where the readings of an item come from. */
 enum class SourceKind { None, Replay, Iio, Ble, Manual };
 
+/** The name of a kind of source, as the configuration has it: "none", "replay" ... */
+const char *NameOf(SourceKind kind);
+
 /** Section [sensors]: the source of each item. */
 struct SensorSettings
 {
@@ -23,6 +26,8 @@ struct SensorSettings
     SourceKind mPedometer = SourceKind::None;
     SourceKind mActivity = SourceKind::None;
     SourceKind mGesture = SourceKind::None;
+
+    bool operator==(const SensorSettings &) const = default;
 };
 
 /** Section [replay]: the recordings that are played. */
@@ -34,6 +39,8 @@ struct ReplaySettings
     double mSpeed = 1.0;
     /** Whether the first starts over at the end of the last. */
     bool mLoop = true;
+
+    bool operator==(const ReplaySettings &) const = default;
 };
 
 /** Section [iio]: the kernel's industrial-I/O devices. */
@@ -45,6 +52,8 @@ struct IioSettings
     std::string mDevice;
     /** How often a subscribed item is read. */
     int mPeriodMs = 1000;
+
+    bool operator==(const IioSettings &) const = default;
 };
 
 /** Section [ble]: a Bluetooth heart-rate strap. */
@@ -54,6 +63,8 @@ struct BleSettings
     std::string mAdapter;
     /** The strap's address, upper case; empty: the first strap that is there. */
     std::string mDevice;
+
+    bool operator==(const BleSettings &) const = default;
 };
 
 /** Section [power]: what a power lock holds in the system. */
@@ -63,6 +74,8 @@ struct PowerSettings
     Lock mLock = Lock::None;
     /** Where wake_lock and wake_unlock lie. */
     std::string mRoot = "/sys/power";
+
+    bool operator==(const PowerSettings &) const = default;
 };
 
 /** Section [memory]: who tells that memory is low. */
@@ -74,6 +87,8 @@ struct MemorySettings
     /** Memory is low when some task has waited for it this long within the window. */
     int mStallMs = 200;
     int mWindowMs = 2000;
+
+    bool operator==(const MemorySettings &) const = default;
 };
 
 /** Section [battery]: who tells that the battery is low. */
@@ -86,6 +101,8 @@ struct BatterySettings
     int mLowPercent = 5;
     /** How often the files are read. */
     int mPeriodMs = 60000;
+
+    bool operator==(const BatterySettings &) const = default;
 };
 
 /** Section [bluetooth]: the adapter whose address the service reports. */
@@ -97,6 +114,8 @@ struct BluetoothSettings
     std::string mName;
     /** Without an adapter: the address, upper case; empty when it is to be generated. */
     std::string mAddress;
+
+    bool operator==(const BluetoothSettings &) const = default;
 };
 
 /** What the configuration asks of the runtime. */
@@ -116,22 +135,30 @@ struct Settings
     BluetoothSettings mBluetooth;
     /** Whether there is a control socket. */
     bool mControl = true;
+
+    bool operator==(const Settings &) const = default;
 };
 
 constexpr double kMinTraceSpeed = 0.001;
 constexpr double kMaxTraceSpeed = 100000.0;
 
+constexpr char kSystemConfigFile[] = "/etc/parvane/platform.conf";
+
 /**
- * Reads the settings; an empty variable counts as unset.
+ * Reads the settings: from the file $PARVANE_PLATFORM_CONF, else from `systemFile` when there is
+ * one, else the defaults; and over them from the environment, where an empty variable counts as
+ * unset. What is odd about the file is logged as warnings.
  *
- * State: the first entry of $STATE_DIRECTORY (a list with colons), $XDG_STATE_HOME/parvane,
- * $HOME/.local/state/parvane. Run-time files: the same with $RUNTIME_DIRECTORY,
- * $XDG_RUNTIME_DIR/parvane, /run/parvane. Relative XDG paths are ignored.
+ * State: the first entry of $STATE_DIRECTORY (a list with colons), $XDG_STATE_HOME/parvane, the
+ * file's, $HOME/.local/state/parvane. Run-time files: $RUNTIME_DIRECTORY, $XDG_RUNTIME_DIR/parvane,
+ * the file's, /run/parvane. Relative XDG paths are ignored.
  * PARVANE_TRACE, PARVANE_SPEED (kMinTraceSpeed to kMaxTraceSpeed), PARVANE_LOOP (0 or 1) and
- * PARVANE_BT_ADDRESS as their fields say. Touches no file.
+ * PARVANE_BT_ADDRESS as their fields say.
  *
- * @throws StartupError that names the variable, what it holds and what is allowed
+ * @throws StartupError that names the file, line and key, or the variable, what it holds and what is
+ *         allowed; or the file that cannot be read
  */
-Settings ReadSettings(const Environment &environment);
+Settings ReadSettings(const Environment &environment,
+                      const std::string &systemFile = kSystemConfigFile);
 
 } // namespace ParvanePlatform

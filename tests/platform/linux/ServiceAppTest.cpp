@@ -107,6 +107,8 @@ protected:
              {"PARVANE_TRACE", "PARVANE_SPEED", "PARVANE_LOOP", "PARVANE_BT_ADDRESS"}) {
             mEnvironment.Set(name, "");
         }
+        WriteFile(mDirectory / "platform.conf", "");
+        mEnvironment.Set("PARVANE_PLATFORM_CONF", mDirectory / "platform.conf");
     }
 
     std::string State() const { return mDirectory / "state"; }
@@ -330,6 +332,15 @@ TEST_F(ServiceAppDeathTest, BadSettingIsOneLineAndStatusOne)
     mEnvironment.Set("PARVANE_SPEED", "0");
     EXPECT_EXIT(Run(), testing::ExitedWithCode(1),
                 "^[^\n]* E platform: PARVANE_SPEED is '0': it must be [^\n]*\n$");
+}
+
+TEST_F(ServiceAppDeathTest, BadConfigurationIsOneLineAndStatusOne)
+{
+    WriteFile(mDirectory / "platform.conf", "[control]\nenabled=perhaps\n[iio]\nroot=sys\n");
+    EXPECT_EXIT(Run(), testing::ExitedWithCode(1),
+                "^[^\n]* E platform: [^\n]*/platform.conf: line 2: .control. enabled is 'perhaps': "
+                "it must be true, false, 1 or 0\n$");
+    EXPECT_FALSE(FileExists(RunTime()));
 }
 
 TEST_F(ServiceAppDeathTest, BadRecordingIsOneLineAndStatusOne)
