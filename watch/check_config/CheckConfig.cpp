@@ -1,0 +1,136 @@
+#include "CheckConfig.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <ostream>
+#include <sys/stat.h>
+
+#include "base/Files.h"
+#include "base/StartupError.h"
+#include "base/UniqueFd.h"
+#include "service_app/ConfigFile.h"
+#include "service_app/ConfigSchema.h"
+
+namespace ParvaneWatch {
+
+namespace {
+
+using ParvanePlatform::ConfigProblem;
+using ParvanePlatform::Configuration;
+using Severity = ConfigProblem::Severity;
+/** Keeps the keys in the order in which they are written here. */
+using Json = nlohmann::ordered_json;
+
+constexpr int kOk = 0;
+constexpr int kWouldNotStart = 1;
+constexpr int kUnreadable = 2;
+
+const char *NameOf(Severity severity)
+{
+    return severity == Severity::Warning ? "warning" : "error";
+}
+
+/** Why a recording cannot be read; empty when it can be. */
+std::string ReasonAgainst(const std::string &recording)
+{
+    // Not blocking: a FIFO in the file's place must not hold the check up.
+    const ParvanePlatform::UniqueFd file(
+        ::open(recording.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status = {};
+    if (!file || ::fstat(file.Get(), &status) != 0) {
+        return ParvanePlatform::ErrorText(errno);
+    }
+    return S_ISREG(status.st_mode) ? "" : "it is not a regular file";
+}
+
+/** Adds the recordings that the service would not find. */
+void CheckRecordings(Configuration &configuration)
+{
+    using ParvanePlatform::kSensorItems;
+    const ParvanePlatform::Settings &settings = configuration.mSettings;
+    const bool arePlayed =
+        std::any_of(kSensorItems.begin(), kSensorItems.end(), [&settings](const auto &item) {
+            return settings.mSensors.*item.mSource == ParvanePlatform::SourceKind::Replay;
+        });
+    if (!arePlayed || settings.mReplay.mFiles.empty()) {
+        return;
+    }
+    const int line = configuration.mLines.at({"replay", "files"});
+    for (const std::string &file : settings.mReplay.mFiles) {
+        if (const std::string reason = ReasonAgainst(file); !reason.empty()) {
+            std::string text = "[replay] files: cannot read ";
+            text.append(file).append(": ").append(reason);
+            configuration.mProblems.push_back({Severity::Error, line, "replay", "files", text});
+        }
+    }
+    std::stable_sort(configuration.mProblems.begin(), configuration.mProblems.end(),
+                     [](const auto &left, const auto &right) { return left.mLine < right.mLine; });
+}
+
+Json OrNull(const std::string &text)
+{
+    return text.empty() ? Json(nullptr) : Json(text);
+}
+
+void PrintJson(const std::string &path, const std::vector<ConfigProblem> &problems, bool ok,
+               std::ostream &out)
+{
+    Json list = Json::array();
+    for (const ConfigProblem &problem : problems) {
+        list.push_back({{"severity", NameOf(problem.mSeverity)},
+                        {"line", problem.mLine > 0 ? Json(problem.mLine) : Json(nullptr)},
+                        {"section", OrNull(problem.mSection)},
+                        {"key", OrNull(problem.mKey)},
+                        {"message", problem.mText}});
+    }
+    const Json report = {{"file", path}, {"ok", ok}, {"problems", list}};
+    // The name of a file may be any bytes.
+    out << report.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+void PrintText(const std::string &path, const Configuration &configuration, bool ok,
+               std::ostream &out, std::ostream &err)
+{
+    for (const ConfigProblem &problem : configuration.mProblems) {
+        err << NameOf(problem.mSeverity) << ": " << ToString(path, problem) << '\n';
+    }
+    if (!ok) {
+        return;
+    }
+    for (const ParvanePlatform::SensorItem &item : ParvanePlatform::kSensorItems) {
+        const ParvanePlatform::SourceKind source = configuration.mSettings.mSensors.*item.mSource;
+        out << item.mKey << ": " << ParvanePlatform::NameOf(source) << '\n';
+    }
+    out << path << ": ok\n";
+}
+
+} // namespace
+
+int CheckConfig(const std::string &path, bool json, std::ostream &out, std::ostream &err)
+{
+    Configuration configuration;
+    try {
+        configuration =
+            ParvanePlatform::LoadConfiguration(path, ParvanePlatform::IfMissing::Fail, "");
+    } catch (const ParvanePlatform::StartupError &failure) {
+        if (json) {
+            PrintJson(path, {{Severity::Error, 0, "", "", failure.what()}}, false, out);
+        } else {
+            err << "error: " << failure.what() << '\n';
+        }
+        return kUnreadable;
+    }
+    CheckRecordings(configuration);
+    const bool ok = configuration.FirstError() == nullptr;
+    if (json) {
+        PrintJson(path, configuration.mProblems, ok, out);
+    } else {
+        PrintText(path, configuration, ok, out, err);
+    }
+    return ok ? kOk : kWouldNotStart;
+}
+
+} // namespace ParvaneWatch
