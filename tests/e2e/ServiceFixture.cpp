@@ -18,12 +18,16 @@ constexpr std::size_t kValueOffset = 13;
 
 ServiceFixture::ServiceFixture()
     : mStateDirectory(mFolder.Path() / "state"), mRunDirectory(mFolder.Path() / "run")
-{}
+{
+    // Nothing of how this machine itself is configured reaches the service.
+    WriteFile(mFolder.Path() / "no-platform.conf", "");
+}
 
 Environment ServiceFixture::BaseEnvironment() const
 {
     Environment environment = {{"STATE_DIRECTORY", mStateDirectory.string()},
                                {"RUNTIME_DIRECTORY", mRunDirectory.string()},
+                               {"PARVANE_PLATFORM_CONF", mFolder.Path() / "no-platform.conf"},
                                {"PARVANE_BT_ADDRESS", "AA:BB:CC:DD:EE:0F"},
                                {"TZ", "UTC"}};
     for (const char *name : kPassedOn) {
