@@ -1,8 +1,8 @@
 #include "RuntimeLog.h"
 
 #include <cstdarg>
-#include <unistd.h>
 
+#include "dlog/LogPlace.h"
 #include "dlog/LogWriter.h"
 
 namespace ParvanePlatform {
@@ -13,27 +13,13 @@ constexpr char kTag[] = "platform";
 
 } // namespace
 
-void LogInfo(const char *format, ...)
+void WriteRuntimeLog(LogPriority priority, const char *file, int line, const char *function,
+                     const char *format, ...)
 {
+    const LogPlace place = {file, function, line};
     va_list arguments;
     va_start(arguments, format);
-    LogWriter(STDERR_FILENO).Write(LogPriority::Info, kTag, format, arguments);
-    va_end(arguments);
-}
-
-void LogWarning(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    LogWriter(STDERR_FILENO).Write(LogPriority::Warning, kTag, format, arguments);
-    va_end(arguments);
-}
-
-void LogError(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    LogWriter(STDERR_FILENO).Write(LogPriority::Error, kTag, format, arguments);
+    StandardErrorLog().Write(priority, kTag, &place, format, arguments);
     va_end(arguments);
 }
 

@@ -5,16 +5,19 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/LogPriority.h"
+#include "dlog/LogText.h"
+
 namespace ParvanePlatform {
 
-/** Priorities of the log, by the numbers of the platform. */
-enum class LogPriority { Verbose = 2, Debug = 3, Info = 4, Warning = 5, Error = 6, Fatal = 7 };
-
-/** Whether colour sequences are kept. */
-enum class LogColours { Keep, Strip };
+struct LogPlace;
 
 /**
- * Formats log lines and writes them to a file descriptor, each with a single write():
+ * Takes log lines to where a file descriptor leads.
+ *
+ * To the journal, when the service manager connected the descriptor to it: natively, as an entry
+ * with fields (JournalEntry.h). Otherwise, and when the journal or its library cannot be had, each
+ * with a single write():
  *
  *     2026-01-31T12:34:56.789Z W Parvane: message
  *
@@ -23,24 +26,35 @@ enum class LogColours { Keep, Strip };
  * left out otherwise. Line ends at the end of the message are dropped; every other control
  * character is written as \n, \r, \t or \xHH, so that one message is always one line.
  *
- * Lines up to about 2000 bytes need no memory from the heap. Borrows the descriptor.
+ * Lines up to about 2000 bytes need no memory from the heap. What the descriptor is gets looked at
+ * with the first line. Borrows the descriptor.
  */
 class LogWriter
 {
 public:
-    explicit LogWriter(int fd) : mFd(fd) {}
+    constexpr explicit LogWriter(int fd) : mFd(fd) {}
 
     /**
      * Writes one line; keeps errno.
      *
+     * @param place  where it was logged; null when the message itself may begin with that
      * @return the number of bytes written, or a negated errno value
      */
-    int Write(LogPriority priority, const char *tag, const char *format, va_list arguments) const
-        __attribute__((format(printf, 4, 0)));
+    int Write(LogPriority priority, const char *tag, const LogPlace *place, const char *format,
+              va_list arguments) __attribute__((format(printf, 5, 0)));
 
 private:
+    enum class Target { Unknown, Journal, Terminal, Other };
+
+    Target FindTarget() const;
+    int WriteLine(LogPriority priority, std::string_view tag, std::string_view message) const;
+
     int mFd;
+    Target mTarget = Target::Unknown;
 };
+
+/** The writer of standard error; works at any time of the process. */
+LogWriter &StandardErrorLog();
 
 /**
  * Builds one line with its end into `line`, which has room for `size` bytes; what does not fit is

@@ -1,5 +1,4 @@
 #include <cstdarg>
-#include <unistd.h>
 
 #include <platform/dlog.h>
 
@@ -9,7 +8,8 @@
 using namespace ParvanePlatform;
 
 /**
- * Writes to standard error, whatever the log id; works without the runtime, at any time.
+ * Writes to standard error, or natively to the journal when standard error is connected to it,
+ * whatever the log id; works without the runtime, at any time.
  *
  * Returns the number of bytes written, -22 without a format, or the negated error of the write.
  */
@@ -20,9 +20,8 @@ extern "C" int __dlog_print(int /*log_id*/, int priority, const char *tag, const
     }
     va_list arguments;
     va_start(arguments, format);
-    const int result = LogWriter(STDERR_FILENO)
-                           .Write(static_cast<LogPriority>(priority), tag != nullptr ? tag : "-",
-                                  format, arguments);
+    const int result = StandardErrorLog().Write(
+        static_cast<LogPriority>(priority), tag != nullptr ? tag : "-", nullptr, format, arguments);
     va_end(arguments);
     return result;
 }

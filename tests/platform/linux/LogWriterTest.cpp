@@ -4,7 +4,9 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -39,13 +41,25 @@ std::string FormatMessage(std::string_view message, LogColours colours = LogColo
     return line.substr(head.size());
 }
 
+int WriteLine(LogWriter &log, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+int WriteLine(LogWriter &log, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = log.Write(LogPriority::Info, "tag", nullptr, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
 int WriteLine(int fd, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 int WriteLine(int fd, const char *format, ...)
 {
+    LogWriter log(fd);
     va_list arguments;
     va_start(arguments, format);
-    const int result = LogWriter(fd).Write(LogPriority::Info, "tag", format, arguments);
+    const int result = log.Write(LogPriority::Info, "tag", nullptr, format, arguments);
     va_end(arguments);
     return result;
 }
@@ -132,6 +146,42 @@ TEST(LogWriterTest, EachLineIsOneWrite)
     EXPECT_EQ(recv(reader.Get(), packet, sizeof packet, MSG_DONTWAIT), 38);
     EXPECT_EQ(recv(reader.Get(), packet, sizeof packet, MSG_DONTWAIT), 5033);
     EXPECT_EQ(std::string(packet + 25, 5008), "I tag: " + text + "\n");
+}
+
+TEST(LogWriterTest, WithoutMemoryALongLineIsCutAndNotLost)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the address sanitizer ends a program without memory";
+#endif
+    const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const std::string text(64U * 1024 * 1024, 'x');
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const rlimit limit = {0, 0};
+        setrlimit(RLIMIT_AS, &limit);
+        _exit(WriteLine(file.Get(), "%s", text.c_str()) == 33 + 2047 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(LogWriterTest, TargetIsLookedAtOnce)
+{
+    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_TRUE(master && grantpt(master.Get()) == 0 && unlockpt(master.Get()) == 0);
+    const UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY));
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    const UniqueFd writer(fds[0]);
+    const UniqueFd reader(fds[1]);
+    LogWriter log(writer.Get());
+    EXPECT_EQ(WriteLine(log, "\033[1m%s", "a"), 34);
+
+    // A terminal takes its place, and is not asked for.
+    ASSERT_EQ(dup2(terminal.Get(), writer.Get()), writer.Get());
+    EXPECT_EQ(WriteLine(log, "\033[1m%s", "a"), 34);
 }
 
 TEST(LogWriterTest, TerminalGetsColours)

@@ -1,0 +1,103 @@
+#include "LogText.h"
+
+#include <cstdio>
+
+namespace ParvanePlatform {
+
+namespace {
+
+/** The length of the colour sequence that `text` starts with; 0 when it starts with none. */
+std::size_t ColourLength(std::string_view text)
+{
+    if (text.size() < 3 || text[0] != '\033' || text[1] != '[') {
+        return 0;
+    }
+    const std::size_t end = text.find_first_not_of("0123456789;", 2);
+    return end != std::string_view::npos && text[end] == 'm' ? end + 1 : 0;
+}
+
+/** True when nothing but line ends and colour sequences is left. */
+bool IsLineTail(std::string_view text)
+{
+    while (!text.empty()) {
+        if (text.front() == '\n' || text.front() == '\r') {
+            text.remove_prefix(1);
+        } else if (const std::size_t colour = ColourLength(text); colour != 0) {
+            text.remove_prefix(colour);
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool IsControl(unsigned char byte)
+{
+    return byte < 0x20 || byte == 0x7f;
+}
+
+void AddEscaped(LogText &line, unsigned char byte)
+{
+    constexpr char kDigits[] = "0123456789abcdef";
+    line.Add('\\');
+    switch (byte) {
+    case '\n':
+        line.Add('n');
+        break;
+    case '\r':
+        line.Add('r');
+        break;
+    case '\t':
+        line.Add('t');
+        break;
+    default:
+        line.Add('x');
+        line.Add(kDigits[byte >> 4]);
+        line.Add(kDigits[byte & 0x0f]);
+        break;
+    }
+}
+
+/** True when `text` starts with one of the control characters U+0080 to U+009F. */
+bool IsUpperControl(std::string_view text)
+{
+    return text.size() >= 2 && static_cast<unsigned char>(text[0]) == 0xc2 &&
+           static_cast<unsigned char>(text[1]) >= 0x80 &&
+           static_cast<unsigned char>(text[1]) < 0xa0;
+}
+
+} // namespace
+
+void LogText::AddNumber(unsigned value, int width)
+{
+    char digits[12];
+    const int length = std::snprintf(digits, sizeof digits, "%0*u", width, value);
+    Add(std::string_view(digits, static_cast<std::size_t>(length)));
+}
+
+void LogText::AddMessage(std::string_view text, LogColours colours)
+{
+    while (!text.empty()) {
+        std::size_t taken = 1;
+        const auto byte = static_cast<unsigned char>(text.front());
+        if (const std::size_t colour = ColourLength(text); colour != 0) {
+            taken = colour;
+            if (colours == LogColours::Keep) {
+                Add(text.substr(0, colour));
+            }
+        } else if ((byte == '\n' || byte == '\r') && IsLineTail(text)) {
+            // The end of the message: dropped.
+        } else if (IsControl(byte)) {
+            AddEscaped(*this, byte);
+        } else if (IsUpperControl(text)) {
+            AddEscaped(*this, byte);
+            AddEscaped(*this, static_cast<unsigned char>(text[1]));
+            taken = 2;
+        } else {
+            Add(text.front());
+        }
+        text.remove_prefix(taken);
+    }
+}
+
+} // namespace ParvanePlatform

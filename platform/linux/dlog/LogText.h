@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace ParvanePlatform {
+
+/** Whether colour sequences are kept. */
+enum class LogColours { Keep, Strip };
+
+/** Appends to a buffer of fixed size and counts what it would have needed. Borrows the buffer. */
+class LogText
+{
+public:
+    LogText(char *buffer, std::size_t size) : mBuffer(buffer), mSize(size) {}
+
+    void Add(char character)
+    {
+        if (mNeeded < mSize) {
+            mBuffer[mNeeded] = character;
+        }
+        ++mNeeded;
+    }
+
+    void Add(std::string_view text)
+    {
+        for (const char character : text) {
+            Add(character);
+        }
+    }
+
+    /** Adds decimal digits, at least `width` of them. */
+    void AddNumber(unsigned value, int width);
+
+    /**
+     * Adds a message so that it stays one line: line ends at its end are dropped, every other control
+     * character becomes \n, \r, \t or \xHH.
+     */
+    void AddMessage(std::string_view text, LogColours colours);
+
+    /** Above the size of the buffer when something was cut off. */
+    std::size_t Needed() const { return mNeeded; }
+
+private:
+    char *mBuffer;
+    std::size_t mSize;
+    std::size_t mNeeded = 0;
+};
+
+} // namespace ParvanePlatform
