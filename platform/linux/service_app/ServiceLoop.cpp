@@ -75,6 +75,7 @@ void ServiceLoop::Run()
     }
     mQuit = true;
     mIsRunning = false;
+    mManager.OnStopping();
     mCallbacks.terminate(mUserData);
 }
 
@@ -100,6 +101,7 @@ void ServiceLoop::OnLowBattery()
 
 void ServiceLoop::DeliverLaunchRequest()
 {
+    mManager.OnReady();
     app_control request;
     mCallbacks.app_control(&request, mUserData);
 }

@@ -7,9 +7,11 @@
 
 #include <platform/service_app.h>
 
+#include "base/Clock.h"
 #include "base/LoopSource.h"
 #include "base/UniqueFd.h"
 #include "service_app/LifecycleEvents.h"
+#include "service_app/ServiceManager.h"
 
 namespace ParvanePlatform {
 
@@ -51,7 +53,8 @@ public:
 
     /**
      * Calls create, runs the loop unless that returned false or asked for the end, and calls
-     * terminate. One launch request is delivered from the loop.
+     * terminate. One launch request is delivered from the loop. The service manager is told when the
+     * loop turns, and when terminate is about to be called.
      */
     void Run();
 
@@ -75,6 +78,9 @@ private:
     std::unique_ptr<GMainLoop, LoopUnref> mLoop;
     SignalGuard mSignals;
     LoopSource mLaunch;
+    SystemClock mClock;
+    LoopTimer mWatchdogTimer;
+    ServiceManager mManager = {mClock, mWatchdogTimer};
     bool mQuit = false;
     /** Create has been called and terminate has not. */
     bool mIsRunning = false;

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <pthread.h>
 #include <string>
@@ -28,6 +27,7 @@
 #include <platform/vconf.h>
 
 #include "Runtime.h"
+#include "ScopedEnvironment.h"
 #include "TestSupport.h"
 #include "base/UniqueFd.h"
 
@@ -42,36 +42,6 @@ using testing::SizeIs;
 constexpr char kRows[] = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,"
                          "calories_kcal,speed,activity,gesture\n"
                          "0,60,5,,,,,,,\n1000,61,6,,,,,,,\n";
-
-/** Sets variables of the environment for the length of its life. */
-class EnvironmentGuard
-{
-public:
-    void Set(const std::string &name, const std::string &value)
-    {
-        const char *old = std::getenv(name.c_str());
-        mOld.emplace(name, old != nullptr ? std::optional<std::string>(old) : std::nullopt);
-        setenv(name.c_str(), value.c_str(), 1);
-    }
-
-    EnvironmentGuard() = default;
-    ~EnvironmentGuard()
-    {
-        for (const auto &[name, value] : mOld) {
-            if (value) {
-                setenv(name.c_str(), value->c_str(), 1);
-            } else {
-                unsetenv(name.c_str());
-            }
-        }
-    }
-
-    EnvironmentGuard(const EnvironmentGuard &) = delete;
-    EnvironmentGuard &operator=(const EnvironmentGuard &) = delete;
-
-private:
-    std::map<std::string, std::optional<std::string>> mOld;
-};
 
 bool IsBlocked(int signal)
 {
@@ -109,6 +79,7 @@ protected:
         }
         WriteFile(mDirectory / "platform.conf", "");
         mEnvironment.Set("PARVANE_PLATFORM_CONF", mDirectory / "platform.conf");
+        mEnvironment.Set("NOTIFY_SOCKET", std::nullopt);
     }
 
     std::string State() const { return mDirectory / "state"; }
@@ -157,7 +128,7 @@ protected:
     }
 
     TemporaryDirectory mDirectory;
-    EnvironmentGuard mEnvironment;
+    ScopedEnvironment mEnvironment;
     std::function<bool()> mCreate;
     std::function<bool()> mTerminate;
     std::function<bool()> mControl;
