@@ -154,7 +154,7 @@ TEST(LogWriterTest, WithoutMemoryALongLineIsCutAndNotLost)
     GTEST_SKIP() << "the address sanitizer ends a program without memory";
 #endif
     const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    const std::string text(64U * 1024 * 1024, 'x');
+    const std::string text(8U * 1024 * 1024, 'x');
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
