@@ -5,7 +5,6 @@
 
 #include "ServiceFixture.h"
 
-using ::testing::Contains;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;

@@ -2,8 +2,6 @@
 
 #include "ServiceFixture.h"
 
-using ::testing::HasSubstr;
-
 namespace {
 
 const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};

@@ -157,7 +157,7 @@ TEST(LogWriterTest, WithoutMemoryALongLineIsCutAndNotLost)
 #endif
     constexpr int kNoLimit = 2;
     const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    const std::string text(8U * 1024 * 1024, 'x');
+    const std::string text(std::size_t{8} << 20U, 'x');
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
