@@ -1,6 +1,9 @@
 #include <new>
 
+#include "base/Clock.h"
+#include "base/LoopSource.h"
 #include "bus/BusParts.h"
+#include "bus/module/BleSource.h"
 #include "bus/module/SystemBus.h"
 
 namespace ParvanePlatform {
@@ -10,9 +13,10 @@ namespace {
 class Parts : public BusParts
 {
 public:
-    std::unique_ptr<SensorSource> MakeBleSource(const BleSettings & /*settings*/) override
+    std::unique_ptr<SensorSource> MakeBleSource(const BleSettings &settings) override
     {
-        return nullptr;
+        static const SystemClock clock;
+        return std::make_unique<BleSource>(mBus, settings, clock, std::make_unique<LoopTimer>());
     }
 
     std::unique_ptr<PowerBackend> MakeLogindBackend() override { return nullptr; }

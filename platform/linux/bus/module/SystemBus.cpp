@@ -25,10 +25,21 @@ GObjectPtr<GDBusConnection> Connect(GErrorPtr &failure)
 
 } // namespace
 
+SystemBus::~SystemBus()
+{
+    if (mConnection) {
+        g_dbus_connection_flush_sync(mConnection.get(), nullptr, nullptr);
+    }
+}
+
 GDBusConnection *SystemBus::Connection()
 {
     if (mConnection && g_dbus_connection_is_closed(mConnection.get()) == FALSE) {
         return mConnection.get();
+    }
+    if (mConnection) {
+        LogWarning("system bus: the connection is lost");
+        mIsMissing = true;
     }
     GErrorPtr failure;
     mConnection = Connect(failure);

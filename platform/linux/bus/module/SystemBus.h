@@ -14,7 +14,9 @@ class SystemBus
 {
 public:
     SystemBus() = default;
-    ~SystemBus() = default;
+
+    /** Lets what was sent last leave the process; waits for the socket of the bus, no further. */
+    ~SystemBus();
 
     SystemBus(const SystemBus &) = delete;
     SystemBus &operator=(const SystemBus &) = delete;

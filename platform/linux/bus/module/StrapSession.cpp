@@ -1,0 +1,404 @@
+#include "StrapSession.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace ParvanePlatform {
+
+namespace {
+
+constexpr char kRoot[] = "/";
+constexpr char kObjectManager[] = "org.freedesktop.DBus.ObjectManager";
+constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
+constexpr char kNoReply[] = "()";
+
+GVariantPtr Child(GVariant *tuple, gsize index)
+{
+    return GVariantPtr(g_variant_get_child_value(tuple, index));
+}
+
+std::string Text(GVariant *tuple, gsize index)
+{
+    return g_variant_get_string(Child(tuple, index).get(), nullptr);
+}
+
+/** What a D-Bus error says, without the name that GLib puts before it. */
+std::string Reason(const GError *error)
+{
+    const GErrorPtr copy(g_error_copy(error));
+    g_dbus_error_strip_remote_error(copy.get());
+    return copy->message;
+}
+
+/** What BlueZ shall search for: heart-rate straps, which are low-energy devices. */
+GVariant *DiscoveryFilter()
+{
+    GVariantBuilder uuids;
+    g_variant_builder_init(&uuids, G_VARIANT_TYPE_STRING_ARRAY);
+    g_variant_builder_add(&uuids, "s", Bluez::kHeartRateService);
+    GVariantBuilder filter;
+    g_variant_builder_init(&filter, G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_add(&filter, "{sv}", "UUIDs", g_variant_builder_end(&uuids));
+    g_variant_builder_add(&filter, "{sv}", "Transport", g_variant_new_string("le"));
+    return g_variant_new("(a{sv})", &filter);
+}
+
+} // namespace
+
+StrapSession::StrapSession(GDBusConnection *connection, const std::string &owner,
+                           const BleSettings &settings, RetryTimer &retry, StrapObserver &observer)
+    : mSettings(settings), mRetry(retry), mObserver(observer), mScope(connection, owner)
+{
+    mScope.Subscribe(kObjectManager, "InterfacesAdded", nullptr, "(oa{sa{sv}})",
+                     [this](const char * /*path*/, GVariant *arguments) { OnAdded(arguments); });
+    mScope.Subscribe(kObjectManager, "InterfacesRemoved", nullptr, "(oas)",
+                     [this](const char * /*path*/, GVariant *arguments) { OnRemoved(arguments); });
+    for (const char *interface : {Bluez::kAdapter, Bluez::kDevice, Bluez::kCharacteristic}) {
+        mScope.Subscribe(
+            kProperties, "PropertiesChanged", interface, "(sa{sv}as)",
+            [this](const char *path, GVariant *arguments) { OnChanged(path, arguments); });
+    }
+    LoadObjects();
+}
+
+StrapSession::~StrapSession()
+{
+    mRetry.Cancel();
+    StopSearch();
+    Release();
+}
+
+void StrapSession::Abandon()
+{
+    mSearching.clear();
+    mMeasurement.clear();
+    mIsOurConnection = false;
+}
+
+void StrapSession::LoadObjects()
+{
+    mScope.Call(kRoot, kObjectManager, "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})",
+                [this](GVariant *reply, const GError *error) {
+                    if (reply == nullptr) {
+                        TellTrouble("BlueZ does not answer: " + Reason(error));
+                        mRetry.Schedule([this] { LoadObjects(); });
+                        return;
+                    }
+                    mObjects.Load(Child(reply, 0).get());
+                    mAreObjectsLoaded = true;
+                    Advance();
+                });
+}
+
+void StrapSession::OnAdded(GVariant *arguments)
+{
+    // What comes before the objects are loaded is part of them.
+    if (!mAreObjectsLoaded) {
+        return;
+    }
+    const std::string path = Text(arguments, 0);
+    mObjects.Add(path, Child(arguments, 1).get());
+    // A new chance, also for what it belongs to: a strap whose characteristic appears.
+    std::erase_if(mAside, [&path](const std::string &aside) {
+        return path == aside || path.starts_with(aside + '/');
+    });
+    Advance();
+}
+
+void StrapSession::OnRemoved(GVariant *arguments)
+{
+    if (mAreObjectsLoaded) {
+        mObjects.Remove(Text(arguments, 0), Child(arguments, 1).get());
+        Advance();
+    }
+}
+
+void StrapSession::OnChanged(const std::string &path, GVariant *arguments)
+{
+    if (!mAreObjectsLoaded) {
+        return;
+    }
+    const GVariantPtr changed = Child(arguments, 1);
+    if (path == mMeasurement) {
+        OnMeasurementChanged(changed.get()); // last use of this: the session may have been ended
+        return;
+    }
+    const BluezObjects::Device *device = mObjects.FindDevice(path);
+    const bool wasConnected = device != nullptr && device->mIsConnected;
+    const bool wasPowered = mObjects.IsPowered(path);
+    mObjects.Change(path, Text(arguments, 0), changed.get(), Child(arguments, 2).get());
+    if (!wasConnected && device != nullptr && device->mIsConnected) {
+        mAside.erase(path);
+    }
+    if (!wasPowered && mObjects.IsPowered(path)) {
+        mAside.clear();
+    }
+    Advance();
+}
+
+void StrapSession::OnMeasurementChanged(GVariant *changed)
+{
+    gboolean isNotifying = TRUE;
+    if (g_variant_lookup(changed, "Notifying", "b", &isNotifying) != FALSE &&
+        isNotifying == FALSE) {
+        OnNotificationsEnded();
+        return;
+    }
+    const GVariantPtr value(g_variant_lookup_value(changed, "Value", G_VARIANT_TYPE_BYTESTRING));
+    if (!value) {
+        return;
+    }
+    gsize size = 0;
+    const auto *bytes = static_cast<const std::uint8_t *>(
+        g_variant_get_fixed_array(value.get(), &size, sizeof(std::uint8_t)));
+    mHasSentValues = true;
+    mRetry.Reset();
+    mObserver.OnValue(std::span(bytes, size));
+}
+
+void StrapSession::OnNotificationsEnded()
+{
+    if (mStep != Step::Receiving) {
+        return;
+    }
+    mMeasurement.clear();
+    if (!mHasSentValues) {
+        Fail("ends its notifications");
+        return;
+    }
+    TellLoss();
+    mStep = Step::Resolving;
+    Advance();
+}
+
+void StrapSession::Advance()
+{
+    if (!mSearching.empty() && !mObjects.IsPowered(mSearching)) {
+        mSearching.clear(); // the search has ended with the adapter
+    }
+    CheckStrap();
+    if (mStrap.empty()) {
+        Choose();
+    } else if (mStep == Step::Resolving && mObjects.FindDevice(mStrap)->mIsResolved) {
+        Subscribe();
+    }
+}
+
+void StrapSession::CheckStrap()
+{
+    if (mStrap.empty()) {
+        return;
+    }
+    const BluezObjects::Device *device = mObjects.FindDevice(mStrap);
+    const bool isReachable =
+        device != nullptr && mObjects.IsPowered(BluezObjects::AdapterOf(mStrap));
+    if (!isReachable || (mStep != Step::Connecting && !device->mIsConnected)) {
+        // A strap that goes before it has measured is not connected again at once and for ever.
+        if (!mHasSentValues) {
+            mAside.insert(mStrap);
+        }
+        TellLoss();
+        Abandon(); // ended with the connection
+        Release();
+    } else if (!mMeasurement.empty() && mObjects.FindMeasurement(mStrap) != mMeasurement) {
+        TellLoss();
+        mMeasurement.clear();
+        ++mAttempt;
+        mStep = Step::Resolving; // still connected: the characteristic may come back
+    }
+}
+
+void StrapSession::Choose()
+{
+    const std::vector<std::string> straps = mObjects.FindStraps(mSettings);
+    if (straps.empty()) {
+        Search();
+        return;
+    }
+    StopSearch();
+    const auto next = std::find_if(straps.begin(), straps.end(),
+                                   [this](const std::string &strap) { return !IsAside(strap); });
+    if (next != straps.end()) {
+        Take(*next);
+    } else {
+        PauseThenRetry();
+    }
+}
+
+void StrapSession::Take(const std::string &strap)
+{
+    mRetry.Cancel();
+    const BluezObjects::Device *device = mObjects.FindDevice(strap);
+    mStrap = strap;
+    mStrapName = "strap " + device->mAddress;
+    if (!device->mIsConnected) {
+        Connect();
+        return;
+    }
+    mStep = Step::Resolving;
+    if (device->mIsResolved) {
+        Subscribe();
+    }
+}
+
+void StrapSession::Connect()
+{
+    mStep = Step::Connecting;
+    mIsOurConnection = true;
+    mScope.Call(mStrap, Bluez::kDevice, "Connect", nullptr, kNoReply,
+                [this, attempt = mAttempt](GVariant * /*reply*/, const GError *error) {
+                    if (attempt == mAttempt) {
+                        OnConnected(error);
+                    }
+                });
+}
+
+void StrapSession::OnConnected(const GError *error)
+{
+    if (error != nullptr) {
+        // Without an answer of BlueZ the attempt may still be under way.
+        mIsOurConnection = g_dbus_error_is_remote_error(error) == FALSE;
+        Fail("cannot be connected: " + Reason(error));
+    } else if (!mObjects.FindDevice(mStrap)->mIsConnected) {
+        Fail("cannot be connected: it is gone again");
+    } else {
+        mStep = Step::Resolving;
+        Advance();
+    }
+}
+
+void StrapSession::Subscribe()
+{
+    const std::string measurement = mObjects.FindMeasurement(mStrap);
+    if (measurement.empty()) {
+        if (!mHasSentValues) { // else it has just been told that the strap is lost
+            TellTrouble(mStrapName + " has no heart-rate measurement");
+        }
+        mAside.insert(mStrap);
+        const std::vector<std::string> straps = mObjects.FindStraps(mSettings);
+        if (!std::all_of(straps.begin(), straps.end(),
+                         [this](const std::string &strap) { return IsAside(strap); })) {
+            Release();
+            Choose();
+        }
+        return;
+    }
+    mStep = Step::Subscribing;
+    mMeasurement = measurement;
+    mHasSentValues = false;
+    mScope.Call(mMeasurement, Bluez::kCharacteristic, "StartNotify", nullptr, kNoReply,
+                [this, attempt = mAttempt](GVariant * /*reply*/, const GError *error) {
+                    if (attempt == mAttempt) {
+                        OnSubscribed(error);
+                    }
+                });
+}
+
+void StrapSession::OnSubscribed(const GError *error)
+{
+    if (error == nullptr) {
+        mStep = Step::Receiving;
+        mObserver.OnState(StrapObserver::Severity::Ordinary, mStrapName + " measures");
+        return;
+    }
+    if (g_dbus_error_is_remote_error(error) != FALSE) {
+        mMeasurement.clear();
+    }
+    Fail("refuses notifications: " + Reason(error));
+}
+
+void StrapSession::Fail(const std::string &state)
+{
+    TellTrouble(mStrapName + ' ' + state);
+    mAside.insert(mStrap);
+    Release();
+    Choose();
+}
+
+void StrapSession::Release()
+{
+    if (!mMeasurement.empty()) {
+        mScope.Send(mMeasurement, Bluez::kCharacteristic, "StopNotify");
+    }
+    if (mIsOurConnection) {
+        mScope.Send(mStrap, Bluez::kDevice, "Disconnect");
+    }
+    ++mAttempt;
+    mStrap.clear();
+    mMeasurement.clear();
+    mIsOurConnection = false;
+    mHasSentValues = false;
+}
+
+void StrapSession::PauseThenRetry()
+{
+    if (!mRetry.IsScheduled()) {
+        mRetry.Schedule([this] {
+            mAside.clear();
+            Advance();
+        });
+    }
+}
+
+void StrapSession::Search()
+{
+    if (!mSearching.empty()) {
+        return;
+    }
+    const std::string adapter = mObjects.PoweredAdapter(mSettings.mAdapter);
+    if (adapter.empty()) {
+        const std::string name =
+            mSettings.mAdapter.empty() ? "Bluetooth adapter" : "adapter " + mSettings.mAdapter;
+        TellTrouble(mObjects.HasAdapter(mSettings.mAdapter) ? "no powered " + name : "no " + name);
+        return;
+    }
+    if (IsAside(adapter)) {
+        PauseThenRetry();
+        return;
+    }
+    mSearching = adapter;
+    // Its reply does not matter: without the filter the search finds straps among the rest.
+    mScope.Call(adapter, Bluez::kAdapter, "SetDiscoveryFilter", DiscoveryFilter(), kNoReply,
+                [](GVariant * /*reply*/, const GError * /*error*/) {});
+    mScope.Call(adapter, Bluez::kAdapter, "StartDiscovery", nullptr, kNoReply,
+                [this, attempt = mAttempt](GVariant * /*reply*/, const GError *error) {
+                    if (attempt == mAttempt && !mSearching.empty()) {
+                        OnSearchStarted(error);
+                    }
+                });
+}
+
+void StrapSession::OnSearchStarted(const GError *error)
+{
+    if (error == nullptr) {
+        mObserver.OnState(StrapObserver::Severity::Ordinary, "no strap is there yet, searching");
+        return;
+    }
+    TellTrouble("the search is refused: " + Reason(error));
+    mAside.insert(mSearching);
+    mSearching.clear();
+    PauseThenRetry();
+}
+
+void StrapSession::StopSearch()
+{
+    if (!mSearching.empty()) {
+        mScope.Send(mSearching, Bluez::kAdapter, "StopDiscovery");
+        mSearching.clear();
+    }
+}
+
+void StrapSession::TellLoss()
+{
+    if (mStep == Step::Receiving) {
+        mObserver.OnStrapLost();
+        TellTrouble(mStrapName + " is lost");
+    }
+}
+
+void StrapSession::TellTrouble(const std::string &state)
+{
+    mObserver.OnState(StrapObserver::Severity::Trouble, state);
+}
+
+} // namespace ParvanePlatform
