@@ -55,7 +55,8 @@ void OnReply(GObject *connection, GAsyncResult *result, gpointer user_data) noex
     const GVariantPtr reply(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
     const GErrorPtr error(failure);
-    if (!call->HasEnded()) {
+    const bool isBusLost = g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE;
+    if (!call->HasEnded() && !isBusLost) {
         Guarded([&] { call->mHandler(reply.get(), error.get()); });
     }
 }

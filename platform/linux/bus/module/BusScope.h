@@ -40,7 +40,7 @@ public:
      * Calls a method; a reply of another type than `replyType` is an error.
      *
      * @param arguments  a tuple, which is taken over when it is floating; null for none
-     * @param handler  called once, unless the scope ends before
+     * @param handler  called once, unless the scope or the connection ends before
      */
     void Call(const std::string &path, const char *interface, const char *method,
               GVariant *arguments, const char *replyType, ReplyHandler handler);

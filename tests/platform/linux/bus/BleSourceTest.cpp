@@ -121,14 +121,16 @@ protected:
     }
 
     /** True once BlueZ has had all that was sent to it, and the source all that came back. */
-    bool Settle()
+    bool Settle() { return RoundTrip("org.bluez"); }
+
+    bool RoundTrip(const char *name)
     {
         GDBusConnection *connection = mSystemBus->Connection();
         if (connection == nullptr) {
             return false;
         }
         const GVariantPtr reply(g_dbus_connection_call_sync(
-            connection, "org.bluez", "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
+            connection, name, "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
             G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr));
         RunWhileBusy();
         return reply != nullptr;
@@ -725,6 +727,7 @@ TEST_F(BleSourceTest, BluezThatIsRestartedIsAskedAnew)
     StartBluezWithStrap();
     StartAndMeasure();
     ASSERT_EQ(ReadingOfValue({0x00, 61}), "heart_rate=61");
+    StderrCapture log;
     mBluez->Kill();
     ASSERT_TRUE(Eventually([this] { return Latest() == "none"; }));
     RunWhileBusy();
@@ -737,6 +740,25 @@ TEST_F(BleSourceTest, BluezThatIsRestartedIsAskedAnew)
 
     ASSERT_TRUE(StartsNotifying());
     EXPECT_EQ(ReadingOfValue({0x00, 62}), "heart_rate=62");
+    const std::string lines = log.Take();
+    EXPECT_EQ(CountIn(lines, "W platform: ble: BlueZ is not running\n"), 1);
+    EXPECT_EQ(CountIn(lines, "is lost"), 0);
+}
+
+TEST_F(BleSourceTest, BluezThatDiesWhileItConnectsIsWaitedFor)
+{
+    StartBluezWithStrap();
+    mBluez->LetConnectingHang(mStrap);
+    ASSERT_EQ(mSource->Start(ContextItem::HeartRate), 0);
+    ASSERT_TRUE(Eventually([this] { return mBluez->Count("Connect") == 1; }));
+    StderrCapture log;
+
+    mBluez->Kill();
+
+    ASSERT_TRUE(Eventually([this] { return !mBus->HasOwner("org.bluez"); }));
+    ASSERT_TRUE(RoundTrip("org.freedesktop.DBus"));
+    EXPECT_FALSE(mTimer->mDueUs);
+    EXPECT_EQ(log.Take(), "W platform: ble: BlueZ is not running\n");
 }
 
 TEST_F(BleSourceTest, BusThatIsRestartedIsConnectedAgain)

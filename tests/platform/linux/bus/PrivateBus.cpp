@@ -238,16 +238,14 @@ GVariantPtr PrivateBus::Call(const std::string &name, const std::string &path,
     return reply;
 }
 
-void PrivateBus::WaitForOwner(const std::string &name) const
+bool PrivateBus::HasOwner(const std::string &name) const
 {
-    WaitFor(name, [this, &name] {
-        const GVariantPtr reply =
-            Call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                 "NameHasOwner", g_variant_new("(s)", name.c_str()));
-        gboolean hasOwner = FALSE;
-        g_variant_get(reply.get(), "(b)", &hasOwner);
-        return hasOwner != FALSE;
-    });
+    const GVariantPtr reply =
+        Call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+             "NameHasOwner", g_variant_new("(s)", name.c_str()));
+    gboolean hasOwner = FALSE;
+    g_variant_get(reply.get(), "(b)", &hasOwner);
+    return hasOwner != FALSE;
 }
 
 MockedBluez::MockedBluez(const PrivateBus &bus) : mBus(bus)
@@ -261,7 +259,7 @@ void MockedBluez::Start()
     mLogFile = mBus.Folder() + "/bluez" + std::to_string(++mStarts) + ".log";
     mProcess.Start({kPython, "-m", "dbusmock", "--logfile", mLogFile, "--template", "bluez5"},
                    mBus.Folder() + "/bluez.out");
-    mBus.WaitForOwner(kBluez);
+    WaitFor(kBluez, [this] { return mBus.HasOwner(kBluez); });
     // The name is there before the template: its methods come with it.
     WaitFor("template of BlueZ", [this] {
         try {
@@ -326,6 +324,11 @@ void MockedBluez::SetReachable(const std::string &strap, bool isReachable)
     SetMethod(strap, "org.bluez.Device1", "Connect",
               isReachable ? WithNames(strap, ConnectCode())
                           : RaiseCode("org.bluez.Error.Failed", "Page Timeout"));
+}
+
+void MockedBluez::LetConnectingHang(const std::string &strap)
+{
+    SetMethod(strap, "org.bluez.Device1", "Connect", "time.sleep(3600)");
 }
 
 void MockedBluez::Connect(const std::string &strap)

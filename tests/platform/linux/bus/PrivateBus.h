@@ -64,8 +64,7 @@ public:
     GVariantPtr Call(const std::string &name, const std::string &path, const char *interface,
                      const char *method, GVariant *arguments) const;
 
-    /** Waits until somebody owns a name. @throws std::runtime_error when nobody comes to */
-    void WaitForOwner(const std::string &name) const;
+    bool HasOwner(const std::string &name) const;
 
 private:
     std::string mFolder;
@@ -103,6 +102,8 @@ public:
     std::string AddStrap(const std::string &adapter, const std::string &address);
     void RemoveStrap(const std::string &strap);
     void SetReachable(const std::string &strap, bool isReachable);
+    /** Lets the next attempt to connect a strap hang, and all of BlueZ with it. */
+    void LetConnectingHang(const std::string &strap);
 
     /** Connects a strap as if another program had, or as if its peer had come by itself. */
     void Connect(const std::string &strap);
