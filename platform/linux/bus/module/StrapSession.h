@@ -46,7 +46,8 @@ class StrapSession
 public:
     /**
      * @param owner  BlueZ's unique name on the bus
-     * @param settings, retry, observer  borrowed for the life of the session
+     *
+     * What comes after it is borrowed for the life of the session.
      */
     StrapSession(GDBusConnection *connection, const std::string &owner, const BleSettings &settings,
                  RetryTimer &retry, StrapObserver &observer);

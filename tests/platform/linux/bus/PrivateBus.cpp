@@ -145,6 +145,7 @@ void Companion::Start(const std::vector<std::string> &command, const std::string
     Kill();
     std::vector<std::string> texts = command;
     std::vector<char *> arguments;
+    arguments.reserve(texts.size() + 1);
     for (std::string &text : texts) {
         arguments.push_back(text.data());
     }
@@ -303,7 +304,7 @@ std::string MockedBluez::AddStrap(const std::string &adapter, const std::string 
                   g_variant_new("(sss)", adapter.c_str(), address.c_str(), "Strap"));
     const char *path = nullptr;
     g_variant_get(reply.get(), "(&s)", &path);
-    const std::string strap = path;
+    std::string strap = path;
     SetReachable(strap, true);
     SetMethod(strap, "org.bluez.Device1", "Disconnect", WithNames(strap, DisconnectCode()));
     Run("objects[" + Quoted(strap) +
