@@ -1,3 +1,4 @@
+#include "MockedBluez.h"
 #include "PrivateBus.h"
 #include "ServiceFixture.h"
 

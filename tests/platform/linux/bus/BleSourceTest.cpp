@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "MockedBluez.h"
 #include "PrivateBus.h"
 #include "TestSupport.h"
 
