@@ -51,7 +51,10 @@ int MakeDirectories(const std::string &path)
 {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string part = path.substr(0, end);
-        if (::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+        if (::mkdir(part.c_str(), 0700) == 0) {
+            // What is kept in it would be lost with its name. Where that cannot be had it goes on.
+            SyncDirectory(ParentOf(part));
+        } else if (errno != EEXIST) {
             // A directory above may exist and yet be closed to us, or lie on a read-only disk.
             const int error = errno;
             struct stat status = {};
