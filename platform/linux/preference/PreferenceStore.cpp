@@ -5,7 +5,9 @@
 #include <chrono>
 #include <cstdio>
 #include <fcntl.h>
+#include <iterator>
 #include <limits>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -13,6 +15,7 @@
 #include "base/Files.h"
 #include "base/RuntimeLog.h"
 #include "base/UniqueFd.h"
+#include "preference/SqliteLog.h"
 
 namespace ParvanePlatform {
 
@@ -23,12 +26,19 @@ constexpr int kBusyTimeoutMs = 250;
 constexpr std::int64_t kFirstRetryUs = 1'000'000;
 constexpr std::int64_t kLastRetryUs = 60'000'000;
 constexpr int kSchemaVersion = 1;
+/** Far more than a log ever holds; a longer one is SQLite's own business. */
+constexpr std::size_t kMaxLogBytes = 64U << 20U;
 
 // Types as they are stored.
 constexpr int kBooleanType = 0;
 constexpr int kIntType = 1;
 constexpr int kStringType = 2;
 
+// The log begins anew, and takes back the space it has had, after that many pages: a few hundred
+// kilobytes at most, unless another program keeps reading the same state of the database.
+constexpr char kConfigureSql[] = "PRAGMA synchronous=FULL;"
+                                 "PRAGMA wal_autocheckpoint=100;"
+                                 "PRAGMA journal_size_limit=524288;";
 constexpr char kCreateSql[] =
     "BEGIN IMMEDIATE;"
     "CREATE TABLE preferences(key TEXT PRIMARY KEY NOT NULL, type INTEGER NOT NULL,"
@@ -66,9 +76,18 @@ bool Exists(const std::string &path)
     return ::faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
+/** What belongs to a database, in the order in which it is set aside: itself at last. */
+constexpr const char *kSuffixes[] = {"-wal", "-journal", "-shm", ""};
+
 bool IsFree(const std::string &path)
 {
-    return !Exists(path) && !Exists(path + "-wal") && !Exists(path + "-shm");
+    return std::none_of(std::begin(kSuffixes), std::end(kSuffixes),
+                        [&path](const char *suffix) { return Exists(path + suffix); });
+}
+
+bool HasTransactions(SqliteLogState log)
+{
+    return log == SqliteLogState::Sound || log == SqliteLogState::Damaged;
 }
 
 /** Renames a file if there is one. Returns 0 or an errno value. */
@@ -83,22 +102,16 @@ PreferenceStore::PreferenceStore(const std::string &stateDirectory, const Clock 
     : mClock(clock), mDirectory(stateDirectory), mPath(stateDirectory + kFileName)
 {
     Open();
-    mCommitSource = LoopSource::BeforeSleep([this] {
-        if (mInTransaction) {
-            Commit();
-        }
-    });
+    mTurnSource = LoopSource::BeforeSleep([this] { EndTurn(); });
 }
 
 PreferenceStore::~PreferenceStore()
 {
-    mCommitSource.Remove();
+    mTurnSource.Remove();
     try {
-        if (!Commit()) {
-            Retry();
-        }
+        Commit();
         mRetryTimer.Disarm();
-        for (const auto &[key, value] : mPending) {
+        for (const auto &[key, value] : mUnsaved) {
             LogError("the last value of the preference %s is lost", key.c_str());
         }
         Close();
@@ -171,8 +184,10 @@ int PreferenceStore::GetAll(std::map<std::string, PreferenceValue> &values)
         OnFailure("cannot be read", result);
         return ErrorCode::kInputOutput;
     }
-    for (const auto &[key, value] : mPending) {
-        all.insert_or_assign(key, value);
+    for (const Writes *writes : {&mUnsaved, &mTurn}) {
+        for (const auto &[key, value] : *writes) {
+            all.insert_or_assign(key, value);
+        }
     }
     values = std::move(all);
     return 0;
@@ -183,39 +198,100 @@ int PreferenceStore::Set(std::string_view key, PreferenceValue value)
     if (!IsValidKey(key)) {
         return ErrorCode::kInvalidParameter;
     }
-    int result = TryToSet(key, value);
-    if (IsSqliteCorruption(result)) {
-        // The damaged file has been set aside: the new one takes the value.
-        result = TryToSet(key, value);
-    }
-    if (result != SQLITE_OK) {
-        ScheduleRetry();
+    if (mTurnIsTakenBack) {
+        // Without those before it, it would be half of what the turn was to write.
         return ErrorCode::kInputOutput;
     }
-    mPending.insert_or_assign(std::string(key), std::move(value));
-    return 0;
+    try {
+        int result = TryToSet(key, value);
+        if (IsSqliteCorruption(result)) {
+            // The damaged file has been set aside: the new one takes the value.
+            result = TryToSet(key, value);
+        }
+        if (result == SQLITE_OK) {
+            mTurn.insert_or_assign(std::string(key), std::move(value));
+            return 0;
+        }
+    } catch (...) {
+        TakeTurnBack();
+        throw;
+    }
+    TakeTurnBack();
+    return ErrorCode::kInputOutput;
+}
+
+void PreferenceStore::TakeTurnBack() noexcept
+{
+    Rollback();
+    mTurn.clear();
+    mTurnIsTakenBack = true;
+    mTurnHasFailed = true;
+}
+
+bool PreferenceStore::SecureTurn()
+{
+    if (mTurnHasFailed) {
+        return false;
+    }
+    return mTurn.empty() || Save();
 }
 
 bool PreferenceStore::Commit()
 {
-    if (!mInTransaction) {
-        return mPending.empty();
+    return (mTurn.empty() && mUnsaved.empty()) || Save();
+}
+
+void PreferenceStore::EndTurn()
+{
+    if (!mTurn.empty()) {
+        Save();
     }
-    if (const int result = SqliteExecute(mDatabase.get(), "COMMIT"); result != SQLITE_OK) {
-        OnFailure("cannot be saved", result);
-        if (mDatabase && sqlite3_get_autocommit(mDatabase.get()) == 0) {
-            SqliteExecute(mDatabase.get(), "ROLLBACK");
-        }
-        mInTransaction = false;
-        ScheduleRetry();
+    mTurnHasFailed = false;
+    mTurnIsTakenBack = false;
+}
+
+bool PreferenceStore::Save()
+{
+    if (!OpenToWrite()) {
+        KeepForLater();
+        return false;
+    }
+    const char *what = "cannot be written";
+    int result = mInTransaction ? SQLITE_OK : Begin();
+    if (result == SQLITE_OK) {
+        what = "cannot be saved";
+        result = SqliteExecute(mDatabase.get(), "COMMIT");
+    }
+    if (result != SQLITE_OK) {
+        OnFailure(what, result);
+        KeepForLater();
         return false;
     }
     mInTransaction = false;
-    mPending.clear();
+    mUnsaved.clear();
+    mTurn.clear();
     mRetryDelayUs = 0;
     mRetryTimer.Disarm();
     mLastReport.clear();
     return true;
+}
+
+void PreferenceStore::Rollback() noexcept
+{
+    if (mDatabase && sqlite3_get_autocommit(mDatabase.get()) == 0) {
+        SqliteExecute(mDatabase.get(), "ROLLBACK");
+    }
+    mInTransaction = false;
+}
+
+void PreferenceStore::KeepForLater()
+{
+    Rollback();
+    mTurnHasFailed = mTurnHasFailed || !mTurn.empty();
+    mTurn.merge(mUnsaved);
+    mUnsaved = std::exchange(mTurn, {});
+    mRetryDelayUs = std::clamp(mRetryDelayUs * 2, kFirstRetryUs, kLastRetryUs);
+    mRetryTimer.Arm(mClock.MonotonicUs() + mRetryDelayUs, [this] { Commit(); });
 }
 
 int PreferenceStore::Lookup(std::string_view key, std::optional<PreferenceValue> &value)
@@ -223,9 +299,11 @@ int PreferenceStore::Lookup(std::string_view key, std::optional<PreferenceValue>
     if (!IsValidKey(key)) {
         return ErrorCode::kInvalidParameter;
     }
-    if (const auto pending = mPending.find(key); pending != mPending.end()) {
-        value = pending->second;
-        return 0;
+    for (const Writes *writes : {&mTurn, &mUnsaved}) {
+        if (const auto found = writes->find(key); found != writes->end()) {
+            value = found->second;
+            return 0;
+        }
     }
     if (!Open()) {
         return ErrorCode::kInputOutput;
@@ -286,7 +364,7 @@ int PreferenceStore::WriteRow(std::string_view key, const PreferenceValue &value
 
 int PreferenceStore::TryToSet(std::string_view key, const PreferenceValue &value)
 {
-    if (!Open()) {
+    if (!OpenToWrite()) {
         return SQLITE_CANTOPEN;
     }
     int result = mInTransaction ? SQLITE_OK : Begin();
@@ -295,10 +373,6 @@ int PreferenceStore::TryToSet(std::string_view key, const PreferenceValue &value
     }
     if (result != SQLITE_OK) {
         OnFailure("cannot be written", result);
-        // Some errors end the transaction; what it held is still pending.
-        if (mDatabase && sqlite3_get_autocommit(mDatabase.get()) != 0) {
-            mInTransaction = false;
-        }
     }
     return result;
 }
@@ -309,11 +383,14 @@ int PreferenceStore::Begin()
     if (result != SQLITE_OK) {
         return result;
     }
-    for (const auto &[key, value] : mPending) {
-        result = WriteRow(key, value);
-        if (result != SQLITE_OK) {
-            SqliteExecute(mDatabase.get(), "ROLLBACK");
-            return result;
+    // Older ones first. This turn has some already when the file was set aside in the middle of it.
+    for (const Writes *writes : {&mUnsaved, &mTurn}) {
+        for (const auto &[key, value] : *writes) {
+            result = WriteRow(key, value);
+            if (result != SQLITE_OK) {
+                Rollback();
+                return result;
+            }
         }
     }
     mInTransaction = true;
@@ -323,37 +400,11 @@ int PreferenceStore::Begin()
 void PreferenceStore::OnFailure(const char *what, int result)
 {
     if (IsSqliteCorruption(result)) {
-        CloseDamaged();
+        CloseUntouched();
         SetAside(sqlite3_errstr(result));
         return;
     }
     Report(what, SqliteErrorText(mDatabase.get(), result));
-}
-
-void PreferenceStore::Retry()
-{
-    if (mPending.empty()) {
-        return;
-    }
-    if (!Open()) {
-        ScheduleRetry();
-        return;
-    }
-    if (const int result = mInTransaction ? SQLITE_OK : Begin(); result != SQLITE_OK) {
-        OnFailure("cannot be written", result);
-        ScheduleRetry();
-        return;
-    }
-    Commit();
-}
-
-void PreferenceStore::ScheduleRetry()
-{
-    if (mInTransaction || mPending.empty()) {
-        return;
-    }
-    mRetryDelayUs = std::clamp(mRetryDelayUs * 2, kFirstRetryUs, kLastRetryUs);
-    mRetryTimer.Arm(mClock.MonotonicUs() + mRetryDelayUs, [this] { Retry(); });
 }
 
 bool PreferenceStore::Open()
@@ -363,117 +414,203 @@ bool PreferenceStore::Open()
     }
     // Twice at most: a damaged file is set aside, and then there is a new one.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (OpenFile() != SQLITE_OK) {
-            return false;
-        }
-        std::string problem;
-        const int result = Prepare(problem);
-        if (result == SQLITE_OK && problem.empty()) {
+        const Finding finding = OpenFiles();
+        if (finding.mProblem.empty()) {
+            mIsLogKept = false;
             return true;
         }
-        if (problem.empty() && !IsSqliteCorruption(result)) {
-            Report("cannot be opened", SqliteErrorText(mDatabase.get(), result));
-            Close();
+        CloseUntouched();
+        if (finding.mMustStay) {
+            Report("cannot be opened", finding.mProblem);
             return false;
         }
-        CloseDamaged();
-        if (!SetAside(problem.empty() ? sqlite3_errstr(result) : problem)) {
+        if (!SetAside(finding.mProblem)) {
             return false;
         }
     }
     return false;
 }
 
-int PreferenceStore::OpenFile()
+PreferenceStore::Finding PreferenceStore::OpenFiles()
+{
+    Finding finding;
+    InspectFiles(finding);
+    if (finding.mProblem.empty()) {
+        OpenDatabase(finding);
+    }
+    if (!finding.mProblem.empty()) {
+        return finding;
+    }
+    if (const int result = Prepare(finding); result != SQLITE_OK) {
+        finding.mMustStay = !IsSqliteCorruption(result);
+        finding.mProblem =
+            finding.mMustStay ? SqliteErrorText(mDatabase.get(), result) : sqlite3_errstr(result);
+    }
+    return finding;
+}
+
+bool PreferenceStore::OpenToWrite()
+{
+    if (mDatabase && sqlite3_db_readonly(mDatabase.get(), "main") == 1) {
+        // A connection stays as read-only as it was opened, whatever becomes of the file.
+        Close();
+    }
+    return Open();
+}
+
+void PreferenceStore::InspectFiles(Finding &finding)
+{
+    struct stat status = {};
+    const bool isThere = ::lstat(mPath.c_str(), &status) == 0;
+    if (isThere && !S_ISREG(status.st_mode)) {
+        finding = {"it is not a regular file", true};
+        return;
+    }
+    std::string log;
+    // If it cannot be read, SQLite will say why.
+    ReadWholeFile(LogPath(), kMaxLogBytes, log);
+    mLogState = InspectSqliteLog(log);
+    if (HasTransactions(mLogState) && (!isThere || status.st_size == 0)) {
+        // SQLite would delete the log of an empty database.
+        finding.mProblem = "it is empty or gone, and its log is not";
+    }
+}
+
+int PreferenceStore::KeepDamagedLog()
+{
+    const bool isDamaged =
+        mLogState == SqliteLogState::NoLog || mLogState == SqliteLogState::Damaged;
+    if (!isDamaged || mIsLogKept) {
+        return 0;
+    }
+    const std::string name = FreeName() + "-wal";
+    std::string log;
+    int error = ReadWholeFile(LogPath(), kMaxLogBytes, log);
+    if (error == 0) {
+        error = WriteFileAtomically(name, log, Durability::Disk);
+    }
+    if (error != 0) {
+        return error;
+    }
+    mIsLogKept = true;
+    LogError("%s is damaged: a copy is kept as %s, the preferences are those before the damage",
+             LogPath().c_str(), name.c_str());
+    return 0;
+}
+
+void PreferenceStore::OpenDatabase(Finding &finding)
 {
     // Made here and not by SQLite, so that only the owner can read it, whatever the umask; SQLite
     // gives its other files the same mode.
     const UniqueFd made(
         ::open(mPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     const int makeError = !made && errno != EEXIST ? errno : 0;
+    if (made) {
+        // SQLite makes durable what is in the file, and that the log is there, not that this is.
+        SyncDirectory(mDirectory);
+    }
     sqlite3 *database = nullptr;
     const int result = sqlite3_open_v2(
         mPath.c_str(), &database,
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
     mDatabase.reset(database);
     if (result != SQLITE_OK) {
-        Report("cannot be opened",
-               makeError != 0 ? ErrorText(makeError) : SqliteErrorText(database, result));
-        Close();
-        return result;
+        finding = {makeError != 0 ? ErrorText(makeError) : SqliteErrorText(database, result), true};
+        return;
     }
     sqlite3_busy_timeout(database, kBusyTimeoutMs);
-    return SQLITE_OK;
 }
 
-int PreferenceStore::Prepare(std::string &problem)
+int PreferenceStore::Prepare(Finding &finding)
 {
     bool isNew = false;
-    int result = Inspect(problem, isNew);
-    if (result == SQLITE_OK && problem.empty()) {
-        result = Configure(isNew);
+    int result = CheckPages(finding);
+    if (result == SQLITE_OK && finding.mProblem.empty()) {
+        result = InspectLayout(finding, isNew);
     }
-    if (result == SQLITE_OK && problem.empty()) {
+    if (result != SQLITE_OK || !finding.mProblem.empty()) {
+        return result;
+    }
+    // From here on SQLite may write over what it has found no use for.
+    if (const int error = KeepDamagedLog(); error != 0) {
+        finding = {"its damaged log cannot be copied: " + ErrorText(error), true};
+        return SQLITE_OK;
+    }
+    result = Configure(isNew);
+    if (result == SQLITE_OK) {
         result = mSelect.Prepare(mDatabase.get(), kSelectSql);
     }
-    if (result == SQLITE_OK && problem.empty()) {
+    if (result == SQLITE_OK) {
         result = mUpsert.Prepare(mDatabase.get(), kUpsertSql);
     }
     return result;
 }
 
-int PreferenceStore::Inspect(std::string &problem, bool &isNew)
+int PreferenceStore::CheckPages(Finding &finding)
 {
     SqliteStatement statement;
-    int result = statement.Prepare(mDatabase.get(), "PRAGMA quick_check(1)");
+    int result = FirstRow(statement, "PRAGMA quick_check(1)");
     if (result != SQLITE_OK) {
-        return result;
-    }
-    result = statement.Step();
-    if (result != SQLITE_ROW) {
         return result;
     }
     if (const std::string answer = statement.Text(0); answer != "ok") {
-        problem = answer;
+        finding.mProblem = answer;
         return SQLITE_OK;
     }
-    statement.Close();
-
-    result = statement.Prepare(mDatabase.get(),
-                               "SELECT user_version, (SELECT count(*) FROM sqlite_schema)"
-                               " FROM pragma_user_version");
+    result = FirstRow(statement, "PRAGMA page_size");
     if (result != SQLITE_OK) {
         return result;
     }
-    result = statement.Step();
-    if (result != SQLITE_ROW) {
+    // SQLite reads the bytes that a last page lacks as 0. Only a log may hold that page's content.
+    struct stat status = {};
+    const std::int64_t pageBytes = statement.Int(0);
+    if (!HasTransactions(mLogState) && ::stat(mPath.c_str(), &status) == 0 &&
+        status.st_size % pageBytes != 0) {
+        finding.mProblem = "its last page is cut off";
+    }
+    return SQLITE_OK;
+}
+
+int PreferenceStore::InspectLayout(Finding &finding, bool &isNew)
+{
+    SqliteStatement statement;
+    const int result =
+        FirstRow(statement, "SELECT user_version, (SELECT count(*) FROM sqlite_schema),"
+                            " (SELECT count(*) FROM sqlite_schema WHERE name = 'preferences')"
+                            " FROM pragma_user_version");
+    if (result != SQLITE_OK) {
         return result;
     }
     const std::int64_t version = statement.Int(0);
     isNew = version == 0 && statement.Int(1) == 0;
-    statement.Close();
     if (isNew) {
         return SQLITE_OK;
     }
     if (version != kSchemaVersion) {
-        problem = "its layout has version " + std::to_string(version) + ", this program knows " +
-                  std::to_string(kSchemaVersion);
+        finding.mProblem = "its layout has version " + std::to_string(version) +
+                           ", this program knows " + std::to_string(kSchemaVersion);
+        finding.mMustStay = version > kSchemaVersion && statement.Int(2) != 0;
         return SQLITE_OK;
     }
-    return InspectColumns(problem);
+    return InspectColumns(finding.mProblem);
+}
+
+int PreferenceStore::FirstRow(SqliteStatement &statement, const char *sql)
+{
+    statement.Close();
+    if (const int result = statement.Prepare(mDatabase.get(), sql); result != SQLITE_OK) {
+        return result;
+    }
+    const int result = statement.Step();
+    return result == SQLITE_ROW ? SQLITE_OK : result;
 }
 
 int PreferenceStore::InspectColumns(std::string &problem)
 {
     SqliteStatement statement;
-    int result = statement.Prepare(mDatabase.get(),
-                                   "SELECT group_concat(name || ' ' || type || ' ' || pk, ', ')"
-                                   " FROM pragma_table_info('preferences')");
+    const int result = FirstRow(statement, "SELECT group_concat(name || ' ' || type || ' ' || pk,"
+                                           " ', ') FROM pragma_table_info('preferences')");
     if (result != SQLITE_OK) {
-        return result;
-    }
-    result = statement.Step();
-    if (result != SQLITE_ROW) {
         return result;
     }
     if (statement.Text(0) != "key TEXT 1, type INTEGER 0, value  0") {
@@ -487,7 +624,11 @@ int PreferenceStore::Configure(bool isNew)
     // Where the file system cannot do it the journal stays what it was, just as safe.
     int result = SqliteExecute(mDatabase.get(), "PRAGMA journal_mode=WAL");
     if (result == SQLITE_OK) {
-        result = SqliteExecute(mDatabase.get(), "PRAGMA synchronous=FULL");
+        result = SqliteExecute(mDatabase.get(), kConfigureSql);
+    }
+    if (result == SQLITE_OK && mIsLogKept) {
+        // One copy of it is enough, also when this process does not live to write anything.
+        result = SqliteExecute(mDatabase.get(), "PRAGMA wal_checkpoint(TRUNCATE)");
     }
     if (result == SQLITE_OK && isNew) {
         result = SqliteExecute(mDatabase.get(), kCreateSql);
@@ -503,29 +644,32 @@ void PreferenceStore::Close()
     mDatabase.reset();
 }
 
-void PreferenceStore::CloseDamaged()
+void PreferenceStore::CloseUntouched()
 {
     if (mDatabase) {
-        // The log may be what somebody saves the values from: closing must not delete it.
+        // The log may be what somebody saves the values from: closing must not play and delete it.
         sqlite3_db_config(mDatabase.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     }
     Close();
 }
 
-bool PreferenceStore::SetAside(const std::string &problem)
+std::string PreferenceStore::FreeName() const
 {
     const std::string stem = mPath + ".corrupt-" + TimeStamp(mClock.WallMs());
     std::string name = stem;
     for (unsigned number = 1; !IsFree(name); ++number) {
         name = stem + '-' + std::to_string(number);
     }
+    return name;
+}
+
+bool PreferenceStore::SetAside(const std::string &problem)
+{
+    const std::string name = FreeName();
     // The database last: a log that stayed behind alone would be played into the new one.
-    int error = RenameIfThere(mPath + "-wal", name + "-wal");
-    if (error == 0) {
-        error = RenameIfThere(mPath + "-shm", name + "-shm");
-    }
-    if (error == 0) {
-        error = RenameIfThere(mPath, name);
+    int error = 0;
+    for (const char *suffix : kSuffixes) {
+        error = error == 0 ? RenameIfThere(mPath + suffix, name + suffix) : error;
     }
     if (error != 0) {
         Report("is damaged and cannot be set aside", ErrorText(error));

@@ -10,6 +10,7 @@
 #include "base/Clock.h"
 #include "base/LoopSource.h"
 #include "preference/Sqlite.h"
+#include "preference/SqliteLog.h"
 
 namespace ParvanePlatform {
 
@@ -21,13 +22,16 @@ using PreferenceValue = std::variant<bool, int, std::string>;
  * (docs/storage.md).
  *
  * All writes of one turn of the main loop are one transaction, which is on the disk before the loop
- * goes to sleep. Reads see writes at once. When a transaction cannot be finished its writes stay in
- * memory, still readable, and are tried again with the next write, after a second, then at growing
- * distances up to a minute, and at the end of the store; each new reason is logged.
+ * goes to sleep, or before that by SecureTurn(). Reads see writes at once. When a transaction cannot
+ * be finished its writes stay in memory, together and still readable, and are tried again with the
+ * next write, after a second, then at growing distances up to a minute, and at the end of the store;
+ * each new reason is logged. When a single write fails, the turn is taken back as a whole.
  *
  * A file that is no database, or damaged, or laid out in another way than this version knows, is set
- * aside as "preferences.db.corrupt-<time>", never deleted, and an empty one takes its place. When
- * the file cannot be opened for another reason every call fails and tries to open it again.
+ * aside as "preferences.db.corrupt-<time>", never deleted, and an empty one takes its place. Of a
+ * log that SQLite would not take whole a copy is kept in that way, and what comes before the damage
+ * counts. A file of a newer version stays as it is. Then, and when the file cannot be opened for
+ * another reason, every call fails and tries to open it again.
  *
  * Main-loop thread only.
  */
@@ -68,18 +72,41 @@ public:
     /**
      * Writes a preference; it takes over the type of the value.
      *
-     * @return 0; -22 for a bad key; -5 when the write has failed, which is logged
+     * @return 0; -22 for a bad key; -5 when the write has failed, which is logged: it takes all
+     *         other writes of this turn back, and those that follow in this turn fail, too
      */
     int Set(std::string_view key, PreferenceValue value);
 
+    /** Does what a failed Set() does, for a caller that could not even get so far. */
+    void TakeTurnBack() noexcept;
+
     /**
-     * Finishes the transaction that is open, if any; the main loop calls this by itself.
+     * Makes durable what this turn of the main loop has written so far, before anybody outside is
+     * told of it. Costs nothing in a turn that has written nothing.
      *
-     * @return true when nothing is left that is not on the disk
+     * @return false when a write of this turn has failed or is not on the disk; that stays so until
+     *         the next turn
+     */
+    bool SecureTurn();
+
+    /**
+     * Writes everything that is not on the disk yet; the main loop does this by itself.
+     *
+     * @return true when nothing is left
      */
     bool Commit();
 
 private:
+    using Writes = std::map<std::string, PreferenceValue, std::less<>>;
+
+    /** What stands against using a file. */
+    struct Finding
+    {
+        std::string mProblem;
+        /** It must not be set aside: it is good, or nobody can tell. */
+        bool mMustStay = false;
+    };
+
     template <typename Value>
     int GetTyped(std::string_view key, Value &value);
     int Lookup(std::string_view key, std::optional<PreferenceValue> &value);
@@ -88,17 +115,27 @@ private:
     int TryToSet(std::string_view key, const PreferenceValue &value);
     int Begin();
     void OnFailure(const char *what, int result);
-    void Retry();
-    void ScheduleRetry();
+    bool Save();
+    void Rollback() noexcept;
+    void KeepForLater();
+    void EndTurn();
 
     bool Open();
-    int OpenFile();
-    int Prepare(std::string &problem);
-    int Inspect(std::string &problem, bool &isNew);
+    bool OpenToWrite();
+    Finding OpenFiles();
+    void InspectFiles(Finding &finding);
+    int KeepDamagedLog();
+    void OpenDatabase(Finding &finding);
+    int Prepare(Finding &finding);
+    int CheckPages(Finding &finding);
+    int InspectLayout(Finding &finding, bool &isNew);
     int InspectColumns(std::string &problem);
+    int FirstRow(SqliteStatement &statement, const char *sql);
     int Configure(bool isNew);
     void Close();
-    void CloseDamaged();
+    void CloseUntouched();
+    std::string LogPath() const { return mPath + "-wal"; }
+    std::string FreeName() const;
     bool SetAside(const std::string &problem);
     void Report(const char *what, const std::string &reason);
 
@@ -108,13 +145,21 @@ private:
     SqliteHandle mDatabase;
     SqliteStatement mSelect;
     SqliteStatement mUpsert;
-    /** Written since the last successful commit. */
-    std::map<std::string, PreferenceValue, std::less<>> mPending;
+    /** What the log was like before the file was opened. */
+    SqliteLogState mLogState = SqliteLogState::Empty;
+    bool mIsLogKept = false;
+    /** Written in this turn, and not on the disk yet. */
+    Writes mTurn;
+    /** Written in earlier turns whose transaction could not be finished. */
+    Writes mUnsaved;
+    /** The transaction that is open holds both. */
     bool mInTransaction = false;
+    bool mTurnHasFailed = false;
+    bool mTurnIsTakenBack = false;
     std::string mLastReport;
     std::int64_t mRetryDelayUs = 0;
     LoopTimer mRetryTimer;
-    LoopSource mCommitSource;
+    LoopSource mTurnSource;
 };
 
 } // namespace ParvanePlatform

@@ -1,5 +1,6 @@
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include <platform/preference.h>
 
@@ -81,7 +82,15 @@ extern "C" int preference_set_string(const char *key, const char *value)
         if (key == nullptr || value == nullptr) {
             return ErrorCode::kInvalidParameter;
         }
-        return runtime.Preferences().Set(key, std::string(value));
+        PreferenceStore &store = runtime.Preferences();
+        std::string text;
+        try {
+            text = value;
+        } catch (...) {
+            store.TakeTurnBack();
+            throw;
+        }
+        return store.Set(key, std::move(text));
     });
 }
 

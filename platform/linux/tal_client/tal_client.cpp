@@ -62,13 +62,21 @@ extern "C" int terminateServiceConnection(int connectionId)
     });
 }
 
-/** Returns 2 when there is no runtime: there is no connection then. */
+/**
+ * What a host has seen is durable: what this turn of the main loop has written is on the disk before
+ * the message goes out. When it cannot get there the message stays here, and the result is 3.
+ *
+ * Returns 2 when there is no runtime: there is no connection then.
+ */
 extern "C" int sendData(int connectionId, int channelId, int size, const void *data)
 {
     if (Runtime::Current() == nullptr) {
         return AccessoryLink::kInvalidConnection;
     }
     const auto work = [connectionId, channelId, size, data](Runtime &runtime) {
+        if (!runtime.Preferences().SecureTurn()) {
+            return AccessoryLink::kNetworkFailure;
+        }
         return runtime.Link().Send(connectionId, channelId, size, data);
     };
     return WithRuntime("sendData", work, AccessoryLink::kNetworkFailure);

@@ -29,6 +29,7 @@
 #include "Runtime.h"
 #include "ScopedEnvironment.h"
 #include "TestSupport.h"
+#include "base/LoopSource.h"
 #include "base/UniqueFd.h"
 
 namespace ParvanePlatform {
@@ -358,6 +359,23 @@ TEST_F(ServiceAppTest, WithoutARuntimeEveryCallFailsCleanly)
     EXPECT_TRUE(boolean);
     EXPECT_EQ(number, 5);
     EXPECT_EQ(text, nullptr);
+}
+
+TEST_F(ServiceAppTest, NothingIsSentInATurnOfWhichAWriteHasFailed)
+{
+    LoopSource nextTurn;
+    mControl = [&nextTurn] {
+        Runtime::Current()->Preferences().TakeTurnBack();
+        EXPECT_EQ(preference_set_int("k", 1), -5);
+        EXPECT_EQ(sendData(1, 143, 1, "x"), 3);
+        nextTurn = LoopSource::Post([] {
+            EXPECT_EQ(preference_set_int("k", 1), 0);
+            EXPECT_EQ(sendData(1, 143, 1, "x"), 2); // it has come as far as the missing host
+            service_app_exit();
+        });
+        return true;
+    };
+    EXPECT_EQ(Run(), 0);
 }
 
 TEST_F(ServiceAppTest, NullArgumentsAreRefused)
