@@ -73,9 +73,7 @@ TEST_F(StepsTest, WhatTheHostHasSeenSurvivesAKill)
     {
         const Host host(LinkPath());
         host.Send(kMeasureSteps);
-        // Two more after it: the one before the last was stored in a turn of its own.
         seen = ReceiveMoreThan(host, 100.0F);
-        ASSERT_GT(ReceiveMoreThan(host, ReceiveMoreThan(host, seen)), 0.0F);
     }
     mService->Signal(SIGKILL);
     ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
