@@ -405,6 +405,11 @@ void PreferenceStore::OnFailure(const char *what, int result)
         return;
     }
     Report(what, SqliteErrorText(mDatabase.get(), result));
+    if (sqlite3_get_autocommit(mDatabase.get()) != 0) {
+        // Some errors, of a read too, end the transaction. What was in it is in memory still: it
+        // begins again with the next write, or when the turn is saved.
+        mInTransaction = false;
+    }
 }
 
 bool PreferenceStore::Open()

@@ -844,6 +844,27 @@ TEST_F(PreferenceStoreTest, FailedSecondWriteTakesTheFirstBack)
     EXPECT_THAT(capture.Take(), StartsWith("E platform: " + File() + " cannot be written: "));
 }
 
+TEST_F(PreferenceStoreTest, ErrorThatEndsTheTransactionItselfTakesTheTurnBackToo)
+{
+    ASSERT_EQ(mStore->Set("time", 10), 0);
+    ASSERT_EQ(mStore->Set("value", 1), 0);
+    ASSERT_TRUE(mStore->Commit());
+    Sql("CREATE TRIGGER refuse BEFORE UPDATE ON preferences WHEN new.key = 'time'"
+        " BEGIN SELECT RAISE(ROLLBACK, 'no'); END");
+    const StderrCapture quiet;
+    EXPECT_EQ(mStore->Set("value", 2), 0);
+    EXPECT_EQ(mStore->Set("time", 20), -5);
+    EXPECT_EQ(mStore->Set("value", 3), -5);
+    EXPECT_FALSE(mStore->SecureTurn());
+    RunWhileBusy();
+    EXPECT_THAT(Rows(), ElementsAre("time", "10", "value", "1"));
+    Sql("DROP TRIGGER refuse");
+    ASSERT_EQ(mStore->Set("value", 4), 0);
+    ASSERT_EQ(mStore->Set("time", 40), 0);
+    EXPECT_TRUE(mStore->SecureTurn());
+    EXPECT_THAT(Rows(), ElementsAre("time", "40", "value", "4"));
+}
+
 TEST_F(PreferenceStoreTest, TurnThatIsTakenBackKeepsWhatEarlierTurnsCouldNotSave)
 {
     const StderrCapture quiet;
