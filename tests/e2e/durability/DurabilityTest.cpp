@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <unistd.h>
 
 #include "ServiceFixture.h"
 
@@ -21,7 +22,7 @@ std::string FindProgram(const std::string &name)
     std::istringstream folders(path == nullptr ? "/usr/bin:/bin" : path);
     for (std::string folder; std::getline(folders, folder, ':');) {
         const std::filesystem::path program = std::filesystem::path(folder) / name;
-        if (std::filesystem::exists(program)) {
+        if (access(program.c_str(), X_OK) == 0) {
             return program.string();
         }
     }
