@@ -1,0 +1,22 @@
+#include "PowerBackends.h"
+
+#include "bus/BusParts.h"
+#include "power/WakeLockBackend.h"
+
+namespace ParvanePlatform {
+
+std::vector<std::unique_ptr<PowerBackend>> MakePowerBackends(const PowerSettings &settings,
+                                                             BusParts *bus)
+{
+    using Lock = PowerSettings::Lock;
+    std::vector<std::unique_ptr<PowerBackend>> backends;
+    if (settings.mLock == Lock::Auto || settings.mLock == Lock::Logind) {
+        backends.push_back(bus->MakeLogindBackend());
+    }
+    if (settings.mLock == Lock::Auto || settings.mLock == Lock::WakeLock) {
+        backends.push_back(std::make_unique<WakeLockBackend>(settings.mRoot));
+    }
+    return backends;
+}
+
+} // namespace ParvanePlatform
