@@ -8,12 +8,15 @@ namespace ParvanePlatform {
 class AddressSource
 {
 public:
+    static constexpr int kOperationFailed = -32508;
+    static constexpr int kNotPowered = -32510;
+
     virtual ~AddressSource() = default;
 
     /**
      * Gets the address, "AA:BB:CC:DD:EE:FF" in upper case.
      *
-     * @return 0; -32508 when the operation has failed; -32510 when the adapter is not powered
+     * @return 0; kOperationFailed, also without an adapter; kNotPowered. May take half a second.
      */
     virtual int GetAddress(std::string &address) = 0;
 };

@@ -16,8 +16,11 @@ constexpr std::size_t kMaxFileBytes = 64;
 
 } // namespace
 
-BluetoothAdapter::BluetoothAdapter(std::string configuredAddress, const std::string &stateDirectory)
-    : mAddress(std::move(configuredAddress)), mPath(stateDirectory + "/bluetooth-address")
+BluetoothAdapter::BluetoothAdapter(std::string configuredAddress, const std::string &stateDirectory,
+                                   std::unique_ptr<AddressSource> source)
+    : mAddress(std::move(configuredAddress)),
+      mPath(stateDirectory + "/bluetooth-address"),
+      mSource(std::move(source))
 {}
 
 int BluetoothAdapter::Deinitialize()
@@ -33,6 +36,9 @@ int BluetoothAdapter::GetAddress(std::string &address)
 {
     if (mUsers == 0) {
         return kNotInitialized;
+    }
+    if (mSource) {
+        return mSource->GetAddress(address);
     }
     if (mAddress.empty()) {
         if (const int result = LoadOrMake(); result != 0) {

@@ -1,24 +1,30 @@
 #pragma once
 
+#include <memory>
 #include <string>
+
+#include "bluetooth/AddressSource.h"
 
 namespace ParvanePlatform {
 
 /**
- * The adapter's address: the one that is configured, else a random one that is made once and kept
- * in the file "bluetooth-address" of the state directory (docs/storage.md).
+ * The adapter's address: that of a real adapter where there is a source for it, else the one that is
+ * configured, else a random one that is made once and kept in the file "bluetooth-address" of the
+ * state directory (docs/storage.md).
  */
 class BluetoothAdapter
 {
 public:
-    static constexpr int kOperationFailed = -32508;
+    static constexpr int kOperationFailed = AddressSource::kOperationFailed;
     static constexpr int kNotInitialized = -32511;
 
     /**
      * @param configuredAddress  upper case; empty when none is configured
      * @param stateDirectory     exists
+     * @param source             a real adapter; null where there is none, and the address is kept
      */
-    BluetoothAdapter(std::string configuredAddress, const std::string &stateDirectory);
+    BluetoothAdapter(std::string configuredAddress, const std::string &stateDirectory,
+                     std::unique_ptr<AddressSource> source = nullptr);
 
     /** Counts the users of the adapter. */
     void Initialize() { ++mUsers; }
@@ -29,7 +35,8 @@ public:
     /**
      * Gets the address. A kept address that cannot be read as one is replaced, with an error line.
      *
-     * @return 0; kNotInitialized; kOperationFailed when the address cannot be read, made or kept
+     * @return 0; kNotInitialized; what a real adapter returns; kOperationFailed when a kept address
+     *         cannot be read or made
      */
     int GetAddress(std::string &address);
 
@@ -38,6 +45,7 @@ private:
 
     std::string mAddress;
     std::string mPath;
+    std::unique_ptr<AddressSource> mSource;
     unsigned mUsers = 0;
 };
 

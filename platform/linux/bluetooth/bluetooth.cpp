@@ -24,8 +24,9 @@ extern "C" int bt_deinitialize(void)
 }
 
 /**
- * Returns -22 for a null argument, -32511 before bt_initialize(), -32508 when the address can
- * neither be read nor made, -12 without memory, -1 without a runtime.
+ * Returns -22 for a null argument, -32511 before bt_initialize(), -32510 when the adapter is not
+ * powered, -32508 when the address can neither be read nor made or the adapter does not answer, -12
+ * without memory, -1 without a runtime.
  */
 extern "C" int bt_adapter_get_address(char **address)
 {

@@ -1,5 +1,6 @@
 #include "bluetooth/BluetoothAdapter.h"
 
+#include <memory>
 #include <string>
 #include <sys/stat.h>
 
@@ -9,6 +10,28 @@
 #include "bluetooth/BluetoothAddress.h"
 
 namespace ParvanePlatform {
+
+namespace {
+
+/** A real adapter that answers as the test says. */
+class FakeAdapter : public AddressSource
+{
+public:
+    explicit FakeAdapter(int result) : mResult(result) {}
+
+    int GetAddress(std::string &address) override
+    {
+        if (mResult == 0) {
+            address = "00:01:02:03:04:05";
+        }
+        return mResult;
+    }
+
+private:
+    int mResult;
+};
+
+} // namespace
 
 class BluetoothAdapterTest : public testing::Test
 {
@@ -101,6 +124,31 @@ TEST_F(BluetoothAdapterTest, UsersAreCounted)
     EXPECT_EQ(adapter.Deinitialize(), 0);
     EXPECT_EQ(adapter.GetAddress(address), 0);
     EXPECT_EQ(adapter.Deinitialize(), 0);
+    EXPECT_EQ(adapter.GetAddress(address), -32511);
+}
+
+TEST_F(BluetoothAdapterTest, RealAdapterWinsOverWhatIsConfiguredOrKept)
+{
+    BluetoothAdapter adapter("AA:BB:CC:DD:EE:FF", mDirectory.Path(),
+                             std::make_unique<FakeAdapter>(0));
+    EXPECT_EQ(AddressOf(adapter), "00:01:02:03:04:05");
+    EXPECT_FALSE(FileExists(mDirectory / "bluetooth-address"));
+}
+
+TEST_F(BluetoothAdapterTest, FailureOfARealAdapterIsPassedOn)
+{
+    BluetoothAdapter adapter("AA:BB:CC:DD:EE:FF", mDirectory.Path(),
+                             std::make_unique<FakeAdapter>(-32510));
+    std::string address = "untouched";
+    adapter.Initialize();
+    EXPECT_EQ(adapter.GetAddress(address), -32510);
+    EXPECT_EQ(address, "untouched");
+}
+
+TEST_F(BluetoothAdapterTest, RealAdapterIsNotAskedBeforeItIsInitialised)
+{
+    BluetoothAdapter adapter("", mDirectory.Path(), std::make_unique<FakeAdapter>(0));
+    std::string address;
     EXPECT_EQ(adapter.GetAddress(address), -32511);
 }
 
