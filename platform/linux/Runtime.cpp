@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "context_manager/SensorSources.h"
+#include "power/PowerBackends.h"
 
 namespace ParvanePlatform {
 
@@ -10,17 +11,26 @@ namespace {
 
 Runtime *gCurrent = nullptr;
 
+/** Null when the address is a kept one. */
+std::unique_ptr<AddressSource> MakeAddressSource(const BluetoothSettings &settings, BusParts *bus)
+{
+    return settings.mAdapter == BluetoothSettings::Adapter::Bluez ? bus->MakeBluezAdapter(settings)
+                                                                  : nullptr;
+}
+
 } // namespace
 
-Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEvents & /*events*/,
+Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEvents &events,
                       SensorSources sources, std::unique_ptr<BusParts> bus)
     : mBus(std::move(bus)),
       mPreferences(settings.mStateDirectory, clock),
       mKeys(settings.mRuntimeDirectory, settings.mStateDirectory),
       mContext(std::move(sources), clock),
-      mBluetooth(settings.mBluetooth.mAddress, settings.mStateDirectory),
-      mPower(clock),
-      mLink(settings.mRuntimeDirectory, mKeys, clock)
+      mBluetooth(settings.mBluetooth.mAddress, settings.mStateDirectory,
+                 MakeAddressSource(settings.mBluetooth, mBus.get())),
+      mPower(clock, MakePowerBackends(settings.mPower, mBus.get())),
+      mLink(settings.mRuntimeDirectory, mKeys, clock),
+      mAlerts(settings, clock, events, mBus.get())
 {}
 
 Runtime::Runtime(const Settings &settings, LifecycleEvents &events)

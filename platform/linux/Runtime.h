@@ -8,6 +8,7 @@
 #include "context_manager/ContextManager.h"
 #include "power/PowerLocks.h"
 #include "preference/PreferenceStore.h"
+#include "service_app/Alerts.h"
 #include "service_app/Directories.h"
 #include "service_app/LifecycleEvents.h"
 #include "service_app/Settings.h"
@@ -47,6 +48,7 @@ public:
     BluetoothAdapter &Bluetooth() { return mParts->mBluetooth; }
     PowerLocks &Power() { return mParts->mPower; }
     AccessoryLink &Link() { return mParts->mLink; }
+    const Alerts &Monitors() const { return mParts->mAlerts; }
 
 private:
     /** The parts, in the order in which they come up. */
@@ -63,6 +65,7 @@ private:
         BluetoothAdapter mBluetooth;
         PowerLocks mPower;
         AccessoryLink mLink;
+        Alerts mAlerts;
     };
 
     SystemClock mClock;
