@@ -4,7 +4,11 @@
 #include "base/LoopSource.h"
 #include "bus/BusParts.h"
 #include "bus/module/BleSource.h"
+#include "bus/module/BluezAdapter.h"
+#include "bus/module/GlibMemoryMonitor.h"
+#include "bus/module/LogindBackend.h"
 #include "bus/module/SystemBus.h"
+#include "bus/module/UPowerMonitor.h"
 
 namespace ParvanePlatform {
 
@@ -19,15 +23,24 @@ public:
         return std::make_unique<BleSource>(mBus, settings, clock, std::make_unique<LoopTimer>());
     }
 
-    std::unique_ptr<PowerBackend> MakeLogindBackend() override { return nullptr; }
-
-    std::unique_ptr<AlertMonitor> MakeGlibMemoryMonitor() override { return nullptr; }
-
-    std::unique_ptr<AlertMonitor> MakeUPowerMonitor() override { return nullptr; }
-
-    std::unique_ptr<AddressSource> MakeBluezAdapter(const BluetoothSettings & /*settings*/) override
+    std::unique_ptr<PowerBackend> MakeLogindBackend() override
     {
-        return nullptr;
+        return std::make_unique<LogindBackend>(mBus);
+    }
+
+    std::unique_ptr<AlertMonitor> MakeGlibMemoryMonitor() override
+    {
+        return std::make_unique<GlibMemoryMonitor>();
+    }
+
+    std::unique_ptr<AlertMonitor> MakeUPowerMonitor() override
+    {
+        return std::make_unique<UPowerMonitor>(mBus);
+    }
+
+    std::unique_ptr<AddressSource> MakeBluezAdapter(const BluetoothSettings &settings) override
+    {
+        return std::make_unique<BluezAdapter>(mBus, settings);
     }
 
 private:

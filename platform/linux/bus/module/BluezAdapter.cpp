@@ -1,0 +1,109 @@
+#include "BluezAdapter.h"
+
+#include <optional>
+#include <utility>
+
+#include "base/RuntimeLog.h"
+#include "bluetooth/BluetoothAddress.h"
+#include "bus/module/BusCalls.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+constexpr char kService[] = "org.bluez";
+constexpr char kAdapterInterface[] = "org.bluez.Adapter1";
+/** What an adapter has until its firmware has given it an address. */
+constexpr char kNoAddress[] = "00:00:00:00:00:00";
+
+/** Whether an adapter's path comes before another's: hci2 before hci10. */
+bool IsBefore(const std::string &path, const std::string &other)
+{
+    return path.size() != other.size() ? path.size() < other.size() : path < other;
+}
+
+} // namespace
+
+BluezAdapter::BluezAdapter(std::shared_ptr<SystemBus> bus, const BluetoothSettings &settings)
+    : mBus(std::move(bus)), mName(settings.mName)
+{}
+
+int BluezAdapter::GetAddress(std::string &address)
+{
+    Answer answer = Ask();
+    if (answer.mProblem != mProblem) {
+        mProblem = answer.mProblem;
+        if (mProblem.empty()) {
+            LogInfo("bluetooth: the adapter's address can be read again");
+        } else {
+            LogWarning("bluetooth: no address: %s", mProblem.c_str());
+        }
+    }
+    if (answer.mResult == 0) {
+        address = std::move(answer.mAddress);
+    }
+    return answer.mResult;
+}
+
+BluezAdapter::Answer BluezAdapter::Ask() const
+{
+    GDBusConnection *connection = mBus->Connection();
+    if (connection == nullptr) {
+        return {kOperationFailed, "", "no system bus"};
+    }
+    GError *error = nullptr;
+    const GVariantPtr answer(
+        g_dbus_connection_call_sync(connection, kService, "/", "org.freedesktop.DBus.ObjectManager",
+                                    "GetManagedObjects", nullptr, G_VARIANT_TYPE("(a{oa{sa{sv}}})"),
+                                    G_DBUS_CALL_FLAGS_NONE, kLongestWaitMs, nullptr, &error));
+    const GErrorPtr failure(error);
+    if (!answer) {
+        return {kOperationFailed, "", error != nullptr ? error->message : "no answer from BlueZ"};
+    }
+    const GVariantPtr objects(g_variant_get_child_value(answer.get(), 0));
+    return FindAdapter(objects.get());
+}
+
+BluezAdapter::Answer BluezAdapter::FindAdapter(GVariant *objects) const
+{
+    const std::string wanted = "/org/bluez/" + mName;
+    std::string found;
+    GVariantPtr properties;
+    for (gsize i = 0; i < g_variant_n_children(objects); ++i) {
+        const GVariantPtr object(g_variant_get_child_value(objects, i));
+        const GVariantPtr path(g_variant_get_child_value(object.get(), 0));
+        const GVariantPtr interfaces(g_variant_get_child_value(object.get(), 1));
+        GVariantPtr adapter(
+            g_variant_lookup_value(interfaces.get(), kAdapterInterface, G_VARIANT_TYPE_VARDICT));
+        const std::string text = g_variant_get_string(path.get(), nullptr);
+        const bool isWanted = mName.empty() || text == wanted;
+        if (adapter && isWanted && (found.empty() || IsBefore(text, found))) {
+            found = text;
+            properties = std::move(adapter);
+        }
+    }
+    if (!properties) {
+        return {kOperationFailed, "", mName.empty() ? "no adapter" : "no adapter " + mName};
+    }
+    return ReadAdapter(found, properties.get());
+}
+
+BluezAdapter::Answer BluezAdapter::ReadAdapter(const std::string &path, GVariant *properties)
+{
+    const char *text = nullptr;
+    std::optional<std::string> address;
+    if (g_variant_lookup(properties, "Address", "&s", &text) != FALSE) {
+        address = NormaliseBluetoothAddress(text);
+    }
+    gboolean isPowered = FALSE;
+    const gboolean hasPower = g_variant_lookup(properties, "Powered", "b", &isPowered);
+    if (!address || *address == kNoAddress || hasPower == FALSE) {
+        return {kOperationFailed, "", path + " has no address"};
+    }
+    if (isPowered == FALSE) {
+        return {kNotPowered, "", path + " is not powered"};
+    }
+    return {0, std::move(*address), ""};
+}
+
+} // namespace ParvanePlatform

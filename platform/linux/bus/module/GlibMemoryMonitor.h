@@ -1,0 +1,47 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include "bus/module/BusWatch.h"
+#include "service_app/AlertMonitor.h"
+
+namespace ParvanePlatform {
+
+/**
+ * Low memory, by GLib's memory monitor, which listens to the low-memory service of the system. Each
+ * warning alerts: the service warns again only after a while.
+ *
+ * GLib's monitor uses the connection that GLib shares within the process, and not that of SystemBus; its
+ * end does not end the process. A new connection gets a monitor of its own.
+ */
+class GlibMemoryMonitor : public AlertMonitor
+{
+public:
+    GlibMemoryMonitor();
+    ~GlibMemoryMonitor() override;
+
+    GlibMemoryMonitor(const GlibMemoryMonitor &) = delete;
+    GlibMemoryMonitor &operator=(const GlibMemoryMonitor &) = delete;
+
+    const char *Name() const override { return "glib"; }
+
+    /**
+     * Returns false when the low-memory service is neither there nor can be started, or there is no
+     * bus; waits for both then. Waits for the bus, for a second at most.
+     */
+    bool Start(Alert alert) override;
+
+private:
+    static void OnWarning(GMemoryMonitor *monitor, GMemoryMonitorWarningLevel level,
+                          gpointer user_data) noexcept;
+    void Watch();
+    void Drop();
+
+    Alert mAlert;
+    GObjectPtr<GMemoryMonitor> mMonitor;
+    gulong mWarning = 0;
+    /** Last, so that it ends first. */
+    BusWatch mBus;
+};
+
+} // namespace ParvanePlatform
