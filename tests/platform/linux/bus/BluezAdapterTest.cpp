@@ -135,7 +135,7 @@ TEST_F(BluezAdapterTest, NoBusIsAFailureUntilThereIsOne)
     mBus->Start();
     const auto bluez = mBus->Run("bluez5");
     AddAdapter("hci0");
-    EXPECT_TRUE(RunUntil([this] { return Ask(mFirst) == "00:01:02:03:04:05"; }));
+    EXPECT_TRUE(Eventually([this] { return Ask(mFirst) == "00:01:02:03:04:05"; }));
 }
 
 TEST_F(BluezAdapterTest, BluezThatDoesNotAnswerHoldsNobodyUp)

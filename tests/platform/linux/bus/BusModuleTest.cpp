@@ -128,7 +128,7 @@ TEST_F(BusModuleTest, PowerLockIsAnInhibitorUntilItsTimeOut)
     ASSERT_EQ(locks.Lock(2, 2000), 0);
     EXPECT_EQ(locks.List().at(0).mBackend, "logind");
     EXPECT_NE(inhibitors(), "([],)");
-    EXPECT_TRUE(RunUntil([&] { return locks.Count() == 0 && inhibitors() == "([],)"; }));
+    EXPECT_TRUE(Eventually([&] { return locks.Count() == 0 && inhibitors() == "([],)"; }));
 }
 
 TEST_F(BusModuleTest, WakeLockServesWhileThereIsNoLogind)

@@ -32,7 +32,7 @@ protected:
         if (mBus) {
             // GLib has one connection for the process: the next test needs one of its own.
             mBus->Stop();
-            EXPECT_TRUE(RunUntil([] { return !HasSharedConnection(); }));
+            EXPECT_TRUE(Eventually([] { return !HasSharedConnection(); }));
         }
     }
 
@@ -57,9 +57,8 @@ protected:
     bool IsHeard()
     {
         const int before = mAlerts;
-        return RunUntil([this, before] {
+        return Eventually([this, before] {
             Warn(50);
-            g_main_context_iteration(nullptr, FALSE);
             return mAlerts > before;
         });
     }
@@ -139,7 +138,7 @@ TEST_F(GlibMemoryMonitorTest, LossOfTheBusEndsNothingAndItsReturnIsHeard)
     ASSERT_TRUE(IsHeard());
     mBus->Stop();
     service.reset();
-    ASSERT_TRUE(RunUntil([] { return !HasSharedConnection(); }));
+    ASSERT_TRUE(Eventually([] { return !HasSharedConnection(); }));
     mBus->Start();
     service = mBus->Run("low_memory_monitor");
     EXPECT_TRUE(IsHeard());

@@ -36,7 +36,7 @@ TEST_F(LogindBackendTest, HoldIsAnInhibitorUntilItEnds)
     EXPECT_EQ(Inhibitors(), kOne);
 
     hold.reset();
-    EXPECT_TRUE(RunUntil([this] { return Inhibitors() == kNone; }));
+    EXPECT_TRUE(Eventually([this] { return Inhibitors() == kNone; }));
 }
 
 TEST_F(LogindBackendTest, HoldsOverlap)
@@ -46,7 +46,7 @@ TEST_F(LogindBackendTest, HoldsOverlap)
     const auto second = mBackend.Hold(16000);
     ASSERT_NE(second, nullptr);
     first.reset();
-    EXPECT_TRUE(RunUntil([this] { return Inhibitors() == kOne; }));
+    EXPECT_TRUE(Eventually([this] { return Inhibitors() == kOne; }));
 }
 
 TEST_F(LogindBackendTest, LogindThatGoesAndReturnsIsOneLineEach)
@@ -72,11 +72,11 @@ TEST_F(LogindBackendTest, BusThatGoesAndReturnsIsTakenUpAgain)
     const StderrCapture quiet;
     mBus->Stop();
     logind.reset();
-    EXPECT_TRUE(RunUntil([this] { return mBackend.Hold(1000) == nullptr; }));
+    EXPECT_TRUE(Eventually([this] { return mBackend.Hold(1000) == nullptr; }));
 
     mBus->Start();
     logind = mBus->Run("logind");
-    EXPECT_TRUE(RunUntil([this] { return mBackend.Hold(1000) != nullptr; }));
+    EXPECT_TRUE(Eventually([this] { return mBackend.Hold(1000) != nullptr; }));
 }
 
 TEST_F(LogindBackendTest, LogindThatDoesNotAnswerHoldsNobodyUp)
@@ -90,7 +90,7 @@ TEST_F(LogindBackendTest, LogindThatDoesNotAnswerHoldsNobodyUp)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     logind->Resume();
     // What came too late is released.
-    EXPECT_TRUE(RunUntil([this] { return Inhibitors() == kNone; }));
+    EXPECT_TRUE(Eventually([this] { return Inhibitors() == kNone; }));
 }
 
 TEST_F(LogindBackendTest, NoBusIsNoHold)

@@ -1,0 +1,165 @@
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "ServiceFixture.h"
+#include "linux/bus/MockBus.h"
+
+using ParvanePlatform::MockBus;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr char kConfiguration[] = "[power]\nlock=auto\n"
+                                  "[memory]\nmonitor=auto\n"
+                                  "[battery]\nmonitor=auto\n"
+                                  "[bluetooth]\nadapter=bluez\n";
+constexpr char kNoInhibitor[] = "([],)";
+// A measuring period takes 15 seconds, the lock for it 16.
+constexpr std::chrono::seconds kMeasurement(40);
+
+} // namespace
+
+/** The service on a device whose power, memory, battery and adapter others look after. */
+class PowerTest : public ServiceFixture
+{
+protected:
+    void SetUp() override
+    {
+        if (const auto missing = MockBus::Missing()) {
+            GTEST_SKIP() << *missing;
+        }
+        mBus = std::make_unique<MockBus>();
+    }
+
+    void StartConfigured()
+    {
+        const std::filesystem::path file = mFolder.Path() / "platform.conf";
+        WriteFile(file, kConfiguration);
+        StartService({{"PARVANE_PLATFORM_CONF", file.string()},
+                      {"DBUS_SYSTEM_BUS_ADDRESS", mBus->Address()},
+                      {"PARVANE_BT_ADDRESS", ""}});
+        ASSERT_TRUE(mService->HasLogged("app_service"));
+    }
+
+    std::string Inhibitors() const
+    {
+        return mBus->Call("org.freedesktop.login1", "/org/freedesktop/login1",
+                          "org.freedesktop.login1.Manager", "ListInhibitors");
+    }
+
+    void WarnOfLowMemory() const
+    {
+        mBus->Call("org.freedesktop.LowMemoryMonitor", "/org/freedesktop/LowMemoryMonitor",
+                   "org.freedesktop.DBus.Mock", "EmitWarning", "(byte 255,)");
+    }
+
+    void SetWarningLevel(int level) const
+    {
+        mBus->SetProperty("org.freedesktop.UPower", "/org/freedesktop/UPower/devices/DisplayDevice",
+                          "org.freedesktop.UPower.Device", "WarningLevel",
+                          "uint32 " + std::to_string(level));
+    }
+
+    std::unique_ptr<MockBus> mBus;
+};
+
+TEST_F(PowerTest, MeasurementKeepsTheDeviceAwakeUntilTheLocksTimeOut)
+{
+    const auto logind = mBus->Run("logind");
+    StartConfigured();
+    const Host host(LinkPath());
+    EXPECT_EQ(Inhibitors(), kNoInhibitor);
+
+    host.Send({0x02, 0x00, 0x00, 0x03});
+
+    ASSERT_TRUE(Eventually([this] { return Inhibitors() != kNoInhibitor; }));
+    EXPECT_THAT(Inhibitors(), HasSubstr("'sleep:idle', 'Parvane'"));
+    EXPECT_NE(host.Receive(kMeasurement), std::nullopt);
+    EXPECT_TRUE(Eventually([this] { return Inhibitors() == kNoInhibitor; }, kMeasurement));
+    EXPECT_EQ(StopService(), 0);
+}
+
+TEST_F(PowerTest, EndOfTheServiceReleasesItsLocks)
+{
+    const auto logind = mBus->Run("logind");
+    StartConfigured();
+    const Host host(LinkPath());
+    host.Send({0x02, 0x00, 0x00, 0x03});
+    ASSERT_TRUE(Eventually([this] { return Inhibitors() != kNoInhibitor; }));
+
+    mService->Signal(SIGKILL);
+
+    EXPECT_TRUE(Eventually([this] { return Inhibitors() == kNoInhibitor; }));
+}
+
+TEST_F(PowerTest, LowMemoryEndsTheServiceInOrder)
+{
+    const auto monitor = mBus->Run("low_memory_monitor");
+    StartConfigured();
+
+    // The service listens some time after its start: warned until it hears.
+    EXPECT_TRUE(Eventually([this] {
+        WarnOfLowMemory();
+        return mService->StandardError().find("app_low_memory") != std::string::npos;
+    }));
+
+    EXPECT_EQ(mService->WaitForEnd(), 0);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("app_low_memory(72) >  ###"));
+    EXPECT_THAT(mService->StandardError(), HasSubstr("app_terminate(56) >  ###"));
+}
+
+TEST_F(PowerTest, LowBatteryEndsTheServiceInOrder)
+{
+    const auto upower = mBus->Run("upower");
+    StartConfigured();
+
+    SetWarningLevel(3);
+
+    EXPECT_EQ(mService->WaitForEnd(), 0);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("app_low_battery(79) >  ###"));
+    EXPECT_THAT(mService->StandardError(), HasSubstr("app_terminate(56) >  ###"));
+}
+
+TEST_F(PowerTest, BatteryThatIsLowAtTheStartEndsTheServiceInOrder)
+{
+    const auto upower = mBus->Run("upower");
+    SetWarningLevel(5);
+    StartConfigured();
+
+    EXPECT_EQ(mService->WaitForEnd(), 0);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("app_low_battery(79) >  ###"));
+}
+
+TEST_F(PowerTest, ListHasTheAddressOfTheAdapter)
+{
+    const auto bluez = mBus->Run("bluez5");
+    mBus->Call("org.bluez", "/", "org.bluez.Mock", "AddAdapter", "('hci0', 'watch')");
+    StartConfigured();
+    const Host host(LinkPath());
+
+    const auto answers = host.Ask({0x01, 0x00, 0x00, 0x00}, 5);
+
+    ASSERT_EQ(answers.size(), 5U);
+    EXPECT_THAT(Bytes(answers[0].begin() + 6, answers[0].begin() + 12),
+                ElementsAre(0x00, 0x01, 0x02, 0x03, 0x04, 0x05));
+}
+
+TEST_F(PowerTest, ServiceRunsWhereNothingOfThisIsThere)
+{
+    StartConfigured();
+    const Host host(LinkPath());
+    const auto answers = host.Ask({0x01, 0x00, 0x00, 0x00}, 5);
+    ASSERT_EQ(answers.size(), 5U);
+    EXPECT_THAT(Bytes(answers[0].begin() + 6, answers[0].begin() + 12),
+                ElementsAre(0x00, 0x00, 0x00, 0x00, 0x00, 0x00));
+
+    mBus->Stop();
+
+    EXPECT_THAT(host.Ask({0x04, 0x00, 0x00, 0x01}, 1), ElementsAre(Bytes{0x04, 0x02, 0x00, 0x01}));
+    EXPECT_EQ(StopService(), 0);
+}
