@@ -14,10 +14,6 @@ using ::testing::HasSubstr;
 
 namespace {
 
-constexpr char kConfiguration[] = "[power]\nlock=auto\n"
-                                  "[memory]\nmonitor=auto\n"
-                                  "[battery]\nmonitor=auto\n"
-                                  "[bluetooth]\nadapter=bluez\n";
 constexpr char kNoInhibitor[] = "([],)";
 // A measuring period takes 15 seconds, the lock for it 16.
 constexpr std::chrono::seconds kMeasurement(40);
@@ -38,12 +34,22 @@ protected:
 
     void StartConfigured()
     {
+        // Files in the place of the kernel's: what this machine has must not decide.
+        const std::string folder = mFolder.Path().string();
         const std::filesystem::path file = mFolder.Path() / "platform.conf";
-        WriteFile(file, kConfiguration);
+        WriteFile(file, "[power]\nlock=auto\nroot=" + folder +
+                            "/power\n"
+                            "[memory]\nmonitor=auto\npressure_file=" +
+                            folder +
+                            "/pressure\n"
+                            "[battery]\nmonitor=auto\nroot=" +
+                            folder +
+                            "/supplies\n"
+                            "[bluetooth]\nadapter=bluez\n");
         StartService({{"PARVANE_PLATFORM_CONF", file.string()},
                       {"DBUS_SYSTEM_BUS_ADDRESS", mBus->Address()},
                       {"PARVANE_BT_ADDRESS", ""}});
-        ASSERT_TRUE(mService->HasLogged("app_service"));
+        ASSERT_TRUE(mService->HasLogged("app_create"));
     }
 
     std::string Inhibitors() const
@@ -129,6 +135,38 @@ TEST_F(PowerTest, BatteryThatIsLowAtTheStartEndsTheServiceInOrder)
 {
     const auto upower = mBus->Run("upower");
     SetWarningLevel(5);
+    StartConfigured();
+
+    EXPECT_EQ(mService->WaitForEnd(), 0);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("app_low_battery(79) >  ###"));
+}
+
+TEST_F(PowerTest, WakeLockIsHeldWhereThereIsNoLogind)
+{
+    const std::filesystem::path folder = mFolder.Path() / "power";
+    std::filesystem::create_directory(folder);
+    WriteFile(folder / "wake_lock", "");
+    WriteFile(folder / "wake_unlock", "");
+    StartConfigured();
+    const Host host(LinkPath());
+    const std::string name = "parvane-" + std::to_string(mService->Pid()) + "-1";
+
+    host.Send({0x02, 0x00, 0x00, 0x03});
+
+    EXPECT_TRUE(
+        Eventually([&] { return ReadFile(folder / "wake_lock") == name + " 17000000000"; }));
+    EXPECT_EQ(ReadFile(folder / "wake_unlock"), "");
+    EXPECT_EQ(StopService(), 0);
+    EXPECT_EQ(ReadFile(folder / "wake_unlock"), name);
+}
+
+TEST_F(PowerTest, LowBatteryInTheKernelsFilesEndsTheServiceWhereThereIsNoUPower)
+{
+    const std::filesystem::path battery = mFolder.Path() / "supplies" / "BAT0";
+    std::filesystem::create_directories(battery);
+    WriteFile(battery / "type", "Battery\n");
+    WriteFile(battery / "status", "Discharging\n");
+    WriteFile(battery / "capacity", "4\n");
     StartConfigured();
 
     EXPECT_EQ(mService->WaitForEnd(), 0);
