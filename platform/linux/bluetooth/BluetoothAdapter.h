@@ -8,9 +8,9 @@
 namespace ParvanePlatform {
 
 /**
- * The adapter's address: that of a real adapter where there is a source for it, else the one that is
- * configured, else a random one that is made once and kept in the file "bluetooth-address" of the
- * state directory (docs/storage.md).
+ * The adapter's address: that of a real adapter where there is a source for it, else the one that
+ * is configured, else a random one that is made once and kept in the file "bluetooth-address" of
+ * the state directory (docs/storage.md).
  */
 class BluetoothAdapter
 {

@@ -23,8 +23,8 @@ public:
     /**
      * Takes a hold that is in force when the call returns.
      *
-     * @param timeoutMs  when its owner will end it, above 0; a hold that the system would keep after
-     *                   the death of this process ends by itself a little later
+     * @param timeoutMs  when its owner will end it, above 0; a hold that the system would
+     *                   keep after the death of this process ends by itself a little later
      * @return the hold; null when it cannot be had now, which is logged once per change of state
      */
     virtual std::unique_ptr<PowerHold> Hold(int timeoutMs) = 0;

@@ -18,7 +18,9 @@ namespace {
 constexpr std::int64_t kMarginMs = 1000;
 constexpr std::int64_t kNanosecondsPerMs = 1'000'000;
 
-/** Writes to an attribute of the kernel in one call, as it wants it. Returns 0 or an errno value. */
+/**
+ * Writes to an attribute of the kernel in one call, as it wants it. Returns 0 or an errno value.
+ */
 int WriteAttribute(const std::string &path, std::string_view text)
 {
     const UniqueFd file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));

@@ -11,8 +11,8 @@ namespace ParvanePlatform {
  * Wake locks of the kernel: while one is active, the system does not suspend by itself.
  *
  * A lock is a name that is written to the file wake_lock and later to wake_unlock; it needs the
- * capability CAP_BLOCK_SUSPEND. The kernel knows no owner, so each is also given a time after which the
- * kernel ends it: a process that was killed keeps nothing awake for long.
+ * capability CAP_BLOCK_SUSPEND. The kernel knows no owner, so each is also given a time after which
+ * the kernel ends it: a process that was killed keeps nothing awake for long.
  */
 class WakeLockBackend : public PowerBackend
 {

@@ -16,8 +16,8 @@ class BusParts;
  * Watches memory and battery as the settings ask, and tells the service what runs low.
  *
  * Where the settings leave the choice (Auto), each monitor is started in turn until one has
- * something to watch on this machine; the choice is made once. When none has, all that were tried are
- * kept, since what they watch may come later. Main-loop thread only.
+ * something to watch on this machine; the choice is made once. When none has, all that were tried
+ * are kept, since what they watch may come later. Main-loop thread only.
  */
 class Alerts
 {

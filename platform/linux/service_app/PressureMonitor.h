@@ -10,17 +10,22 @@
 namespace ParvanePlatform {
 
 /**
- * Low memory, by the kernel's pressure file: tasks wait for memory for longer than they may within a
- * window. The kernel says so by an event on the open file, at most once a window; nothing wakes the
- * process otherwise.
+ * Low memory, by the kernel's pressure file: tasks wait for memory for longer than they may within
+ * a window. The kernel says so by an event on the open file, at most once a window; nothing wakes
+ * the process otherwise.
  */
 class PressureMonitor : public AlertMonitor
 {
 public:
-    /** Opens what has an exceptional event (POLLPRI) each time that memory is low; empty on failure, with errno. */
+    /**
+     * Opens what has an exceptional event (POLLPRI) each time that memory is low; empty on
+     * failure, with errno.
+     */
     using Opener = std::function<UniqueFd(const MemorySettings &settings)>;
 
-    /** @param open  the kernel's file with the limit written to it; tests put a socket in its place */
+    /**
+     * @param open  the kernel's file with the limit written to it; tests put a socket in its place
+     */
     explicit PressureMonitor(const MemorySettings &settings, Opener open = OpenTrigger);
 
     const char *Name() const override { return "pressure"; }

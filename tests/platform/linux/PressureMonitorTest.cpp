@@ -20,7 +20,10 @@ namespace ParvanePlatform {
 
 namespace {
 
-/** Two ends of a connection over loopback: a byte out of band is an exceptional event at the other end. */
+/**
+ * Two ends of a connection over loopback: a byte out of band is an exceptional event at the other
+ * end.
+ */
 class SocketPair
 {
 public:

@@ -10,8 +10,8 @@
 namespace ParvanePlatform {
 
 /**
- * The address of a Bluetooth adapter, as BlueZ has it at the time of the call: nothing is kept, since
- * the address is seldom asked for and adapters come and go.
+ * The address of a Bluetooth adapter, as BlueZ has it at the time of the call: nothing is kept,
+ * since the address is seldom asked for and adapters come and go.
  */
 class BluezAdapter : public AddressSource
 {

@@ -8,8 +8,9 @@
 namespace ParvanePlatform {
 
 /**
- * Keeps something on the bus up, over the loss of the connection: tells of the connection, of its end, and
- * of the next one, for which it asks after 1 second, then 2, 4 ... at most 60. Main-loop thread only.
+ * Keeps something on the bus up, over the loss of the connection: tells of the connection, of its
+ * end, and of the next one, for which it asks after 1 second, then 2, 4 ... at most 60. Main-loop
+ * thread only.
  */
 class BusWatch
 {

@@ -11,8 +11,8 @@ namespace ParvanePlatform {
  * Low memory, by GLib's memory monitor, which listens to the low-memory service of the system. Each
  * warning alerts: the service warns again only after a while.
  *
- * GLib's monitor uses the connection that GLib shares within the process, and not that of SystemBus; its
- * end does not end the process. A new connection gets a monitor of its own.
+ * GLib's monitor uses the connection that GLib shares within the process, and not that of
+ * SystemBus; its end does not end the process. A new connection gets a monitor of its own.
  */
 class GlibMemoryMonitor : public AlertMonitor
 {

@@ -11,8 +11,8 @@ namespace ParvanePlatform {
 /**
  * Inhibitors of logind, which block suspension and what logind does when the device is idle.
  *
- * logind keeps an inhibitor until its descriptor is closed, which the end of the process does, too; it
- * outlives a restart of logind and of the bus.
+ * logind keeps an inhibitor until its descriptor is closed, which the end of the process does, too;
+ * it outlives a restart of logind and of the bus.
  */
 class LogindBackend : public PowerBackend
 {

@@ -54,8 +54,8 @@ public:
     using Handler = std::function<void()>;
 
     /**
-     * Has the service started if the bus can do that. One of the handlers is called soon, from the main
-     * loop, and then at each change; each may end the watch in its call.
+     * Has the service started if the bus can do that. One of the handlers is called soon, from the
+     * main loop, and then at each change; each may end the watch in its call.
      */
     NameWatch(GDBusConnection *connection, const char *name, Handler appeared, Handler vanished);
     ~NameWatch();
@@ -83,7 +83,9 @@ private:
 class PendingCall
 {
 public:
-    /** Takes the answer; null when the call has failed, with why. Both are borrowed for the call. */
+    /**
+     * Takes the answer; null when the call has failed, with why. Both are borrowed for the call.
+     */
     using Handler = std::function<void(GVariant *answer, const GError *failure)>;
 
     /** What is called. */

@@ -12,8 +12,8 @@ namespace ParvanePlatform {
 
 /**
  * A low battery, by the warning level of UPower's display device, which stands for all batteries
- * that feed the machine: low, critical and action are low. Each change to low alerts once, also when
- * UPower or the bus was away in between.
+ * that feed the machine: low, critical and action are low. Each change to low alerts once, also
+ * when UPower or the bus was away in between.
  */
 class UPowerMonitor : public AlertMonitor
 {

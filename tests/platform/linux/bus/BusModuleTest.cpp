@@ -12,6 +12,7 @@
 #include "service_app/Alerts.h"
 #include "service_app/ServiceLoop.h"
 
+// NOLINTNEXTLINE(readability-identifier-naming): a name of C, like those of the interface
 extern "C" ParvanePlatform::BusParts *parvane_make_bus_parts();
 
 namespace ParvanePlatform {

@@ -34,15 +34,16 @@ const std::map<std::string, std::string> kNames = {
     {"bluez5", "org.bluez"}};
 
 template <typename Condition>
-void WaitUntil(Condition condition, const std::string &what)
+bool WaitUntil(Condition condition)
 {
     const auto deadline = std::chrono::steady_clock::now() + kLimit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error("too late: " + what);
+            return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+    return true;
 }
 
 std::string Configuration(const std::string &directory, const std::string &address)
@@ -62,6 +63,8 @@ MockProcess::MockProcess(const std::vector<std::string> &command,
 {
     std::vector<char *> arguments;
     std::vector<char *> variables;
+    arguments.reserve(command.size() + 1);
+    variables.reserve(environment.size() + 1);
     for (const std::string &text : command) {
         arguments.push_back(const_cast<char *>(text.c_str()));
     }
@@ -247,14 +250,16 @@ MockBus::Service::Service(MockBus &bus, const std::string &busTemplate,
                                    "--parameters", parameters},
           std::vector<std::string>{std::string(kVariable) + '=' + bus.Address()}, -1))
 {
-    WaitUntil([this] { return mBus.HasOwner(mName); }, busTemplate + " on the bus");
+    if (!WaitUntil([this] { return mBus.HasOwner(mName); })) {
+        throw std::runtime_error(mName + " does not come");
+    }
 }
 
 MockBus::Service::~Service()
 {
     mProcess.reset();
     if (mBus.mClient) {
-        WaitUntil([this] { return !mBus.HasOwner(mName); }, mName + " off the bus");
+        EXPECT_TRUE(WaitUntil([this] { return !mBus.HasOwner(mName); })) << mName;
     }
 }
 
