@@ -101,6 +101,8 @@ void UPowerMonitor::OnChanged(GVariant *parameters)
     const GVariantPtr changed(g_variant_get_child_value(parameters, 1));
     guint32 level = 0;
     if (g_variant_lookup(changed.get(), kWarningLevel, "u", &level) != FALSE) {
+        // An answer that is on its way is older than this, or the same.
+        mCall.reset();
         SetLevel(level);
     }
 }
