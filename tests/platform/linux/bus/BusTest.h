@@ -3,10 +3,11 @@
 #include <functional>
 #include <memory>
 
-#include <glib.h>
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 
 #include "base/LoopSource.h"
+#include "bus/module/GObjectPtr.h"
 #include "linux/TestSupport.h"
 #include "linux/bus/MockBus.h"
 
@@ -36,6 +37,22 @@ protected:
         };
         again();
         return RunUntil(done);
+    }
+
+    /**
+     * Whether GLib's shared connection is one to a bus that is gone, for good: GLib gives it out for
+     * as long as anything of it is in use, a proxy that was being made at the time for example.
+     */
+    static bool IsSharedConnectionStale()
+    {
+        return !Eventually([] {
+            const GObjectPtr<GDBusConnection> connection(
+                g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+            if (connection) {
+                g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
+            }
+            return !connection || g_dbus_connection_is_closed(connection.get()) == FALSE;
+        });
     }
 
     std::unique_ptr<MockBus> mBus;
