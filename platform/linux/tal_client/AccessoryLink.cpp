@@ -145,14 +145,59 @@ int AccessoryLink::Send(int connectionId, int channelId, int size, const void *d
     }
     switch (mHost.Send(data, static_cast<std::size_t>(size))) {
     case 0:
+        ++mStatistics.mPacketsOut;
+        mStatistics.mBytesOut += static_cast<unsigned>(size);
         return 0;
     case EAGAIN:
     case ENOBUFS:
     case ENOMEM:
+        ++mStatistics.mQueueFull;
         return kBufferFull;
     default:
         return kNetworkFailure;
     }
+}
+
+void AccessoryLink::TakeDown()
+{
+    if (mIsDown) {
+        return;
+    }
+    LogInfo("accessory link: taken down");
+    mIsDown = true;
+    mKeyIsDown = true;
+    mAcceptTimer.Disarm();
+    mListenerSource.Remove();
+    if (mHostState == HostState::Open) {
+        OnHostEnded();
+    } else if (mHostState != HostState::Gone) {
+        CloseHost();
+    }
+}
+
+void AccessoryLink::BringUp()
+{
+    if (!mIsDown) {
+        return;
+    }
+    LogInfo("accessory link: brought up");
+    mIsDown = false;
+    if (mHostState == HostState::None) {
+        OnEndAnnounced();
+    }
+}
+
+AccessoryLink::LinkStatus AccessoryLink::Status() const
+{
+    LinkStatus status;
+    status.mIsDown = mIsDown;
+    status.mHostState = mHostState;
+    status.mStatistics = mStatistics;
+    if (mHost) {
+        status.mPeer = mPeer;
+        status.mConnectedWallMs = mConnectedWallMs;
+    }
+    return status;
 }
 
 void AccessoryLink::WatchListener()
@@ -173,10 +218,12 @@ void AccessoryLink::OnListenerReady()
         return;
     }
     HostSocket host(std::move(connection));
-    unsigned uid = 0;
-    if (!host.IsTrusted(uid)) {
-        LogWarning("accessory link: a host of user %u is refused", uid);
+    const HostSocket::Peer peer = host.GetPeer();
+    if (!peer.IsTrusted()) {
+        ++mStatistics.mRefusedHosts;
+        LogWarning("accessory link: a host of user %u is refused", peer.mUid);
     } else if (mHostState != HostState::None) {
+        ++mStatistics.mRefusedHosts;
         LogWarning("accessory link: a second host is refused");
     } else {
         TakeHost(std::move(host));
@@ -209,6 +256,8 @@ void AccessoryLink::TakeHost(HostSocket host)
         LogError("accessory link: cannot prepare a connection: %s", ErrorText(error).c_str());
         return;
     }
+    mPeer = host.GetPeer();
+    mConnectedWallMs = mClock.WallMs();
     mHost = std::move(host);
     mHostState = HostState::Waiting;
     mConnectionId = NextId(mConnectionId);
@@ -276,6 +325,8 @@ bool AccessoryLink::OnReceived(HostSocket::Received received, std::size_t size)
 bool AccessoryLink::DeliverMessage(std::size_t size)
 {
     const int connectionId = mConnectionId;
+    ++mStatistics.mPacketsIn;
+    mStatistics.mBytesIn += size;
     if (mNotifications->dataReceived != nullptr) {
         mNotifications->dataReceived(connectionId, mAgent->mChannels.front(),
                                      static_cast<int>(size), mReceiveBuffer.data());
@@ -314,9 +365,21 @@ void AccessoryLink::AnnounceEnd()
     mKeys.SetInt(kStatusKey, 0, [this, life = std::weak_ptr<int>(mLife)] {
         if (!life.expired()) {
             mHostState = HostState::None;
-            WatchListener();
+            OnEndAnnounced();
         }
     });
+}
+
+void AccessoryLink::OnEndAnnounced()
+{
+    if (mIsDown) {
+        return;
+    }
+    // Not before the watchers have heard of the 0: they would hear of no change at all.
+    if (std::exchange(mKeyIsDown, false)) {
+        mKeys.SetInt(kStatusKey, 1);
+    }
+    WatchListener();
 }
 
 void AccessoryLink::ScheduleWork()

@@ -27,6 +27,9 @@ namespace ParvanePlatform {
  *
  * Notifications come from the main loop only, never from inside a call of the service, which may
  * call anything from inside any notification. Main-loop thread only.
+ *
+ * The link can be taken down from outside: then the key stays 0, and hosts wait in the socket's
+ * queue until it is brought up again.
  */
 class AccessoryLink
 {
@@ -116,7 +119,15 @@ public:
      */
     int Send(int connectionId, int channelId, int size, const void *data);
 
-private:
+    /**
+     * Takes the link down: a host's connection ends as if it had gone, except that what it has sent
+     * and nobody has read is lost. Does nothing when the link is down. Not from a notification.
+     */
+    void TakeDown();
+
+    /** Ends TakeDown(): the key is 1 again, and the next host is taken. Not from a notification. */
+    void BringUp();
+
     enum class HostState {
         /** There is none. */
         None,
@@ -130,6 +141,32 @@ private:
         Gone
     };
 
+    /** What has crossed the link since the start of the service, and what has not. */
+    struct Statistics
+    {
+        std::uint64_t mPacketsIn = 0;
+        std::uint64_t mBytesIn = 0;
+        std::uint64_t mPacketsOut = 0;
+        std::uint64_t mBytesOut = 0;
+        /** Connections that were closed at once: of another user, or of a second host. */
+        std::uint64_t mRefusedHosts = 0;
+        /** Messages that Send() has not taken because the host does not read fast enough. */
+        std::uint64_t mQueueFull = 0;
+    };
+
+    struct LinkStatus
+    {
+        bool mIsDown = false;
+        HostState mHostState = HostState::None;
+        /** Who is connected, and since when, in milliseconds since the epoch; for no host unset. */
+        HostSocket::Peer mPeer;
+        std::int64_t mConnectedWallMs = 0;
+        Statistics mStatistics;
+    };
+
+    LinkStatus Status() const;
+
+private:
     struct Agent
     {
         int mId = 0;
@@ -151,6 +188,7 @@ private:
     void CloseHost();
     void EndConnection();
     void AnnounceEnd();
+    void OnEndAnnounced();
     void ScheduleWork();
     void DoWork();
     void ConfirmAgent();
@@ -165,6 +203,12 @@ private:
     std::vector<int> mPeerSearches;
     HostState mHostState = HostState::None;
     HostSocket mHost;
+    HostSocket::Peer mPeer;
+    std::int64_t mConnectedWallMs = 0;
+    Statistics mStatistics;
+    bool mIsDown = false;
+    /** The link was taken down, and the key has not been set to 1 since. */
+    bool mKeyIsDown = false;
     int mConnectionId = 0;
     int mLastAgentId = 0;
     std::vector<unsigned char> mReceiveBuffer;

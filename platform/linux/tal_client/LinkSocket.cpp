@@ -96,16 +96,19 @@ int HostSocket::Prepare() const
     return 0;
 }
 
-bool HostSocket::IsTrusted(unsigned &uid) const
+bool HostSocket::Peer::IsTrusted() const
+{
+    return mUid == 0 || mUid == ::geteuid();
+}
+
+HostSocket::Peer HostSocket::GetPeer() const
 {
     ucred peer = {};
     socklen_t size = sizeof peer;
     if (::getsockopt(mFd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        uid = static_cast<unsigned>(-1);
-        return false;
+        return {};
     }
-    uid = peer.uid;
-    return peer.uid == 0 || peer.uid == ::geteuid();
+    return {peer.pid, peer.uid};
 }
 
 bool HostSocket::HasHungUp() const

@@ -53,8 +53,18 @@ public:
     /** Sets the buffer size, and that messages bring the sender's name. @return 0 or errno */
     int Prepare() const;
 
-    /** True when the peer has the user id of this process, or is root; else `uid` says who it is. */
-    bool IsTrusted(unsigned &uid) const;
+    /** A process at the other end, as it was when it connected. */
+    struct Peer
+    {
+        int mPid = 0;
+        unsigned mUid = static_cast<unsigned>(-1);
+
+        /** True when it has the user id of this process, or is root. */
+        bool IsTrusted() const;
+    };
+
+    /** Who is at the other end; user -1, who is not trusted, when the system does not say. */
+    Peer GetPeer() const;
 
     /** True when the host has closed its end, whether or not messages of it are left. */
     bool HasHungUp() const;
