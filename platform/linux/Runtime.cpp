@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "context_manager/SensorSources.h"
+#include "control/ControlCommands.h"
 #include "power/PowerBackends.h"
 
 namespace ParvanePlatform {
@@ -31,7 +32,15 @@ Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEve
       mPower(clock, MakePowerBackends(settings.mPower, mBus.get())),
       mLink(settings.mRuntimeDirectory, mKeys, clock),
       mAlerts(settings, clock, events, mBus.get())
-{}
+{
+    if (settings.mControl) {
+        auto commands = std::make_unique<ControlCommands>(
+            ControlledParts{clock, mPreferences, mKeys, mContext, mPower, mLink, events,
+                            settings.mStateDirectory, settings.mRuntimeDirectory});
+        mControl = std::make_unique<ControlServer>(settings.mRuntimeDirectory, std::move(commands),
+                                                   mContext, clock);
+    }
+}
 
 Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
 {

@@ -6,6 +6,7 @@
 #include "bluetooth/BluetoothAdapter.h"
 #include "bus/BusParts.h"
 #include "context_manager/ContextManager.h"
+#include "control/ControlServer.h"
 #include "power/PowerLocks.h"
 #include "preference/PreferenceStore.h"
 #include "service_app/Alerts.h"
@@ -66,6 +67,8 @@ private:
         PowerLocks mPower;
         AccessoryLink mLink;
         Alerts mAlerts;
+        /** Null when the settings ask for no control socket. */
+        std::unique_ptr<ControlServer> mControl;
     };
 
     SystemClock mClock;

@@ -1,0 +1,357 @@
+#include "ControlCommands.h"
+
+#include <algorithm>
+#include <array>
+#include <initializer_list>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "base/RuntimeLog.h"
+#include "context_manager/ManualSource.h"
+#include "control/ControlMessages.h"
+#include "control/ControlServer.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr int kLargestHeartRate = 65535;
+constexpr std::array kActivities = {"other", "still", "walking", "running"};
+
+/** A request that is not carried out, and what its sender is told. */
+class Refusal : public std::runtime_error
+{
+public:
+    Refusal(ControlError error, const std::string &text) : std::runtime_error(text), mError(error)
+    {}
+
+    ControlError Error() const { return mError; }
+
+private:
+    ControlError mError;
+};
+
+/** A value as it came, short enough for a message. */
+std::string Quoted(const json &value)
+{
+    constexpr std::size_t kLongest = 60;
+    if (value.is_structured()) {
+        return value.is_array() ? "an array" : "an object";
+    }
+    // Not through the cut: that could leave half a character.
+    const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace);
+    return text.size() <= kLongest ? text : text.substr(0, kLongest) + "...";
+}
+
+/** One request whose members are looked at one by one. */
+class Request
+{
+public:
+    explicit Request(std::string_view message) : mObject(Parse(message))
+    {
+        if (!mObject.is_object()) {
+            throw Refusal(ControlError::BadMessage,
+                          "the message is no JSON object but " + std::string(mObject.type_name()));
+        }
+        CheckVersion();
+        const auto name = mObject.find("request");
+        if (name == mObject.end()) {
+            throw Refusal(ControlError::UnknownRequest,
+                          "\"request\" is missing; allowed: " + Names());
+        }
+        mName = name->is_string() ? name->get<std::string>() : "";
+        if (std::find(kNames.begin(), kNames.end(), mName) == kNames.end()) {
+            throw Refusal(ControlError::UnknownRequest,
+                          "\"request\" is " + Quoted(*name) + "; allowed: " + Names());
+        }
+    }
+
+    const std::string &Name() const { return mName; }
+
+    /** Refuses members that this request does not have: a wish that is not understood. */
+    void AllowOnly(std::initializer_list<const char *> members) const
+    {
+        for (const auto &[key, value] : mObject.items()) {
+            const bool isKnown =
+                key == "version" || key == "request" ||
+                std::any_of(members.begin(), members.end(),
+                            [&key = key](const char *member) { return key == member; });
+            if (!isKnown) {
+                std::string allowed = "version, request";
+                for (const char *member : members) {
+                    allowed += std::string(", ") + member;
+                }
+                throw Refusal(ControlError::BadValue, "\"" + mName + "\" has no member " +
+                                                          Quoted(key) + "; allowed: " + allowed);
+            }
+        }
+    }
+
+    /** A member that has to be there. @param allowed  what it may be, for the message */
+    const json &Get(const char *member, const std::string &allowed) const
+    {
+        const auto found = mObject.find(member);
+        if (found == mObject.end()) {
+            throw Refusal(ControlError::BadValue,
+                          "\"" + std::string(member) + "\" is missing; allowed: " + allowed);
+        }
+        return *found;
+    }
+
+    [[noreturn]] void Refuse(const char *member, const std::string &allowed) const
+    {
+        throw Refusal(ControlError::BadValue, "\"" + std::string(member) + "\" is " +
+                                                  Quoted(mObject.at(member)) +
+                                                  "; allowed: " + allowed);
+    }
+
+    /** A member that is one of `names`. @return its place among them */
+    template <std::size_t count>
+    std::size_t Choice(const char *member, const std::array<const char *, count> &names) const
+    {
+        std::string allowed;
+        for (const char *name : names) {
+            allowed += (allowed.empty() ? "" : ", ") + std::string(name);
+        }
+        const json &value = Get(member, allowed);
+        const auto found = std::find_if(names.begin(), names.end(), [&value](const char *name) {
+            return value.is_string() && value.get_ref<const std::string &>() == name;
+        });
+        if (found == names.end()) {
+            Refuse(member, allowed);
+        }
+        return static_cast<std::size_t>(found - names.begin());
+    }
+
+    /** A member that is a whole number, as JSON has it without point and exponent. */
+    int WholeNumber(const char *member, int smallest, int largest, std::string allowed = "") const
+    {
+        if (allowed.empty()) {
+            allowed = "a whole number from " + std::to_string(smallest) + " to " +
+                      std::to_string(largest);
+        }
+        const json &value = Get(member, allowed);
+        // A number that no 64 bits hold is read as a floating-point one.
+        const bool fits =
+            value.is_number_unsigned()
+                ? value.get<std::uint64_t>() <= std::uint64_t{std::numeric_limits<int>::max()}
+                : value.is_number_integer();
+        const std::int64_t number = fits ? value.get<std::int64_t>() : 0;
+        if (!fits || number < smallest || number > largest) {
+            Refuse(member, allowed);
+        }
+        return static_cast<int>(number);
+    }
+
+private:
+    static json Parse(std::string_view message)
+    {
+        try {
+            return json::parse(message);
+        } catch (const json::parse_error &failure) {
+            throw Refusal(ControlError::BadMessage, "the message is no JSON from byte " +
+                                                        std::to_string(failure.byte) +
+                                                        " on; send one object, in UTF-8");
+        } catch (const json::exception &) {
+            throw Refusal(ControlError::BadMessage,
+                          "the message has a number that is too large; send one JSON object");
+        }
+    }
+
+    void CheckVersion() const
+    {
+        const auto version = mObject.find("version");
+        if (version != mObject.end() && *version != kControlVersion) {
+            throw Refusal(ControlError::UnsupportedVersion,
+                          "\"version\" is " + Quoted(*version) +
+                              "; allowed: " + std::to_string(kControlVersion));
+        }
+    }
+
+    static std::string Names()
+    {
+        std::string names;
+        for (const char *name : kNames) {
+            names += (names.empty() ? "" : ", ") + std::string(name);
+        }
+        return names;
+    }
+
+    static constexpr std::array kNames = {"status",  "set",  "link",  "memory",
+                                          "battery", "quit", "record"};
+
+    json mObject;
+    std::string mName;
+};
+
+/** Carries one request out. */
+class Execution
+{
+public:
+    Execution(ControlledParts &parts, std::int64_t sinceMs, int peerPid)
+        : mParts(parts), mSinceMs(sinceMs), mPid(peerPid)
+    {}
+
+    ControlAnswer Run(const Request &request)
+    {
+        const std::string &name = request.Name();
+        if (name == "status") {
+            request.AllowOnly({});
+            return {StatusMessage(mParts, mSinceMs, ControlServer::kMaxReplyBytes), false, nullptr};
+        }
+        if (name == "set") {
+            return Set(request);
+        }
+        if (name == "link") {
+            return SetLink(request);
+        }
+        if (name == "record") {
+            request.AllowOnly({});
+            return {DoneMessage(), true, nullptr};
+        }
+        return End(request);
+    }
+
+private:
+    ControlAnswer Set(const Request &request)
+    {
+        constexpr std::array kItems = {"heart_rate", "steps", "activity", "gesture"};
+        switch (request.Choice("item", kItems)) {
+        case 0:
+            return SetHeartRate(request);
+        case 1:
+            return AddSteps(request);
+        case 2:
+            return SetActivity(request);
+        default:
+            return MakeGesture(request);
+        }
+    }
+
+    ControlAnswer SetHeartRate(const Request &request)
+    {
+        const std::string allowed = "a whole number of beats per minute from 0 to " +
+                                    std::to_string(kLargestHeartRate) + ", \"off-wrist\"";
+        request.AllowOnly({"item", "value"});
+        const bool isOffWrist = request.Get("value", allowed) == "off-wrist";
+        const int rate = isOffWrist ? ManualSource::kNotWorn
+                                    : request.WholeNumber("value", 0, kLargestHeartRate, allowed);
+        ManualSource &source = Manual(ContextItem::HeartRate);
+        LogInfo("control: process %d sets the heart rate to %d", mPid, rate);
+        source.SetHeartRate(rate);
+        return Done();
+    }
+
+    ControlAnswer AddSteps(const Request &request)
+    {
+        request.AllowOnly({"item", "add"});
+        const int steps = request.WholeNumber("add", 0, std::numeric_limits<int>::max());
+        ManualSource &source = Manual(ContextItem::Pedometer);
+        LogInfo("control: process %d adds %d steps", mPid, steps);
+        source.AddSteps(steps);
+        return Done();
+    }
+
+    ControlAnswer SetActivity(const Request &request)
+    {
+        request.AllowOnly({"item", "value"});
+        const std::size_t activity = request.Choice("value", kActivities);
+        ManualSource &source = Manual(ContextItem::Activity);
+        LogInfo("control: process %d sets the activity to %s", mPid, kActivities[activity]);
+        source.SetActivity(static_cast<int>(activity));
+        return Done();
+    }
+
+    ControlAnswer MakeGesture(const Request &request)
+    {
+        request.AllowOnly({"item", "value"});
+        const int gesture = request.WholeNumber("value", std::numeric_limits<int>::min(),
+                                                std::numeric_limits<int>::max());
+        ManualSource &source = Manual(ContextItem::Gesture);
+        LogInfo("control: process %d makes the gesture %d", mPid, gesture);
+        source.MakeGesture(gesture);
+        return Done();
+    }
+
+    /** The source that can be set, if it serves the item. */
+    ManualSource &Manual(ContextItem item)
+    {
+        SourceKind kind = SourceKind::None;
+        for (const ContextManager::ItemStatus &status : mParts.mContext.Status()) {
+            if (status.mItem == item) {
+                kind = status.mSource;
+            }
+        }
+        ManualSource *source = mParts.mContext.Manual();
+        if (kind != SourceKind::Manual || source == nullptr) {
+            const std::string name = NameOf(item);
+            throw Refusal(ControlError::NotManual,
+                          name + " has the source " + NameOf(kind) +
+                              "; only the source manual can be set (" + name +
+                              "=manual in section [sensors] of platform.conf)");
+        }
+        return *source;
+    }
+
+    ControlAnswer SetLink(const Request &request)
+    {
+        constexpr std::array kStates = {"up", "down"};
+        request.AllowOnly({"state"});
+        if (request.Choice("state", kStates) == 0) {
+            LogInfo("control: process %d wants the link up", mPid);
+            mParts.mLink.BringUp();
+        } else {
+            LogInfo("control: process %d wants the link down", mPid);
+            mParts.mLink.TakeDown();
+        }
+        return Done();
+    }
+
+    /** What ends the service, or is likely to: told first, done then. */
+    ControlAnswer End(const Request &request)
+    {
+        constexpr std::array kStates = {"low"};
+        LifecycleEvents &events = mParts.mEvents;
+        if (request.Name() == "quit") {
+            request.AllowOnly({});
+            LogInfo("control: process %d ends the service", mPid);
+            return {DoneMessage(), false, [&events] { events.OnQuit(); }};
+        }
+        request.AllowOnly({"state"});
+        request.Choice("state", kStates);
+        LogInfo("control: process %d says that the %s is low", mPid, request.Name().c_str());
+        if (request.Name() == "memory") {
+            return {DoneMessage(), false, [&events] { events.OnLowMemory(); }};
+        }
+        return {DoneMessage(), false, [&events] { events.OnLowBattery(); }};
+    }
+
+    static ControlAnswer Done() { return {DoneMessage(), false, nullptr}; }
+
+    ControlledParts &mParts;
+    std::int64_t mSinceMs;
+    int mPid;
+};
+
+} // namespace
+
+ControlCommands::ControlCommands(ControlledParts parts)
+    : mParts(std::move(parts)), mSinceMs(mParts.mClock.WallMs())
+{}
+
+ControlAnswer ControlCommands::Answer(std::string_view message, int peerPid)
+{
+    try {
+        return Execution(mParts, mSinceMs, peerPid).Run(Request(message));
+    } catch (const Refusal &refusal) {
+        return {ErrorMessage(refusal.Error(), refusal.what()), false, nullptr};
+    }
+}
+
+} // namespace ParvanePlatform

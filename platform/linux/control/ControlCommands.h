@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "control/ControlHandler.h"
+#include "control/StatusReport.h"
+
+namespace ParvanePlatform {
+
+/**
+ * The requests of docs/control.md, carried out on the parts of the runtime. What changes something is
+ * logged, with the process that wanted it.
+ */
+class ControlCommands : public ControlHandler
+{
+public:
+    /** @param parts  borrowed for the life of this object, which begins with the service's */
+    explicit ControlCommands(ControlledParts parts);
+
+    ControlAnswer Answer(std::string_view message, int peerPid) override;
+
+private:
+    ControlledParts mParts;
+    std::int64_t mSinceMs;
+};
+
+} // namespace ParvanePlatform

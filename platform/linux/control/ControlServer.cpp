@@ -1,0 +1,284 @@
+#include "ControlServer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "base/Files.h"
+#include "base/RuntimeLog.h"
+#include "control/ControlMessages.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+constexpr GIOCondition kReadEvents = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR);
+constexpr GIOCondition kAllEvents = static_cast<GIOCondition>(kReadEvents | G_IO_OUT);
+
+} // namespace
+
+ControlServer::ControlServer(const std::string &runtimeDirectory,
+                             std::unique_ptr<ControlHandler> handler, ContextManager &context,
+                             const Clock &clock, RecordingTextFactory makeText)
+    : mClock(clock),
+      mContext(context),
+      mHandler(std::move(handler)),
+      mMakeText(std::move(makeText)),
+      mListener(runtimeDirectory + '/' + kSocketName),
+      mBuffer(kMaxRequestBytes)
+{
+    WatchListener();
+}
+
+ControlServer::~ControlServer()
+{
+    mContext.SetTap(nullptr);
+    try {
+        for (Client &client : mClients) {
+            if (client.mText && !client.mIsEnding && !client.mIsGone) {
+                Enqueue(client, EndMessage());
+            }
+        }
+    } catch (const std::exception &failure) {
+        LogError("control: %s", failure.what());
+    }
+}
+
+std::size_t ControlServer::ClientCount() const
+{
+    return static_cast<std::size_t>(std::count_if(
+        mClients.begin(), mClients.end(), [](const Client &client) { return !client.mIsGone; }));
+}
+
+void ControlServer::WatchListener()
+{
+    mListenerSource = LoopSource::WatchFd(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
+}
+
+void ControlServer::OnListenerReady()
+{
+    UniqueFd connection;
+    if (const int error = mListener.Accept(connection); error != 0) {
+        OnAcceptFailed(error);
+        return;
+    }
+    HostSocket socket(std::move(connection));
+    const HostSocket::Peer peer = socket.GetPeer();
+    const auto count = ClientCount();
+    if (!peer.IsTrusted()) {
+        LogWarning("control: a client of user %u is refused", peer.mUid);
+    } else if (count >= kMaxClients) {
+        const std::string reply =
+            ErrorMessage(ControlError::Busy,
+                         std::to_string(count) + " clients are connected, no more are allowed");
+        socket.Send(reply.data(), reply.size());
+    } else {
+        TakeClient(std::move(socket), peer.mPid);
+    }
+}
+
+void ControlServer::OnAcceptFailed(int error)
+{
+    if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
+        return;
+    }
+    // The connection stays in the queue and the socket readable: without a pause the loop would spin.
+    LogError("control: cannot take a connection: %s", ErrorText(error).c_str());
+    mListenerSource.Remove();
+    mAcceptTimer.Arm(mClock.MonotonicUs() + kAcceptPauseMs * 1000, [this] { WatchListener(); });
+}
+
+void ControlServer::TakeClient(HostSocket socket, int pid)
+{
+    if (const int error = socket.Prepare(); error != 0) {
+        LogError("control: cannot prepare a connection: %s", ErrorText(error).c_str());
+        return;
+    }
+    Client &client = mClients.emplace_back();
+    client.mSocket = std::move(socket);
+    client.mPid = pid;
+    Watch(client);
+}
+
+void ControlServer::Watch(Client &client)
+{
+    const GIOCondition events = client.mQueue.empty() ? kReadEvents : kAllEvents;
+    client.mSource = LoopSource::WatchFd(client.mSocket.Fd(), events,
+                                         [this, &client] { OnClientReady(client); });
+}
+
+void ControlServer::OnClientReady(Client &client)
+{
+    for (int i = 0; i < kMessagesPerTurn && ReadMessage(client); ++i) {
+    }
+    if (client.mIsGone || client.mQueue.empty()) {
+        return;
+    }
+    Flush(client);
+    if (!client.mIsGone && client.mQueue.empty()) {
+        Watch(client);
+    }
+}
+
+bool ControlServer::ReadMessage(Client &client)
+{
+    std::size_t size = 0;
+    switch (client.mSocket.Receive(mBuffer, size)) {
+    case HostSocket::Received::Message:
+        Serve(client, {reinterpret_cast<const char *>(mBuffer.data()), size});
+        break;
+    case HostSocket::Received::Empty:
+        Reply(client,
+              ErrorMessage(ControlError::BadMessage, "the message is empty; send one JSON object"));
+        break;
+    case HostSocket::Received::TooLong:
+        Reply(client, ErrorMessage(ControlError::BadMessage, "the message is too long; at most " +
+                                                                 std::to_string(kMaxRequestBytes) +
+                                                                 " bytes are allowed"));
+        break;
+    case HostSocket::Received::Error:
+        break;
+    case HostSocket::Received::Nothing:
+        return false;
+    case HostSocket::Received::End:
+        Drop(client);
+        break;
+    }
+    return !client.mIsGone;
+}
+
+void ControlServer::Serve(Client &client, std::string_view message)
+{
+    if (client.mText) {
+        Reply(client, ErrorMessage(ControlError::Recording,
+                                   "this connection records; make another one for requests"));
+        return;
+    }
+    ControlAnswer answer;
+    try {
+        answer = mHandler->Answer(message, client.mPid);
+    } catch (const std::exception &failure) {
+        LogError("control: %s", failure.what());
+        answer = {
+            ErrorMessage(ControlError::Failed, "the service could not do it; its log says why"),
+            false, nullptr};
+    }
+    Reply(client, answer.mReply);
+    if (answer.mStartsRecording && !client.mIsGone) {
+        StartRecording(client);
+    }
+    if (answer.mAfterwards) {
+        answer.mAfterwards();
+    }
+}
+
+void ControlServer::Reply(Client &client, const std::string &reply)
+{
+    if (client.mText) {
+        Enqueue(client, reply); // in its place among the rows
+        return;
+    }
+    const int error = client.mSocket.Send(reply.data(), reply.size());
+    if (error == 0) {
+        return;
+    }
+    if (error == EAGAIN) {
+        LogWarning("control: process %d does not read its replies and is dropped", client.mPid);
+    }
+    Drop(client);
+}
+
+void ControlServer::StartRecording(Client &client)
+{
+    LogInfo("control: process %d records", client.mPid);
+    client.mText = mMakeText();
+    client.mStartUs = mClock.MonotonicUs();
+    Enqueue(client, HeaderMessage(client.mText->Header(mClock.WallMs())));
+    mContext.SetTap(
+        [this](ContextItem item, const SensorReading &reading) { Record(item, reading); });
+}
+
+void ControlServer::Record(ContextItem item, const SensorReading &reading)
+{
+    for (Client &client : mClients) {
+        if (!client.mText || client.mIsEnding || client.mIsGone) {
+            continue;
+        }
+        const std::int64_t timeMs = (mClock.MonotonicUs() - client.mStartUs) / 1000;
+        const RecordingText::Row row = client.mText->MakeRow(timeMs, item, reading);
+        Enqueue(client, row.mError.empty() ? RowMessage(row.mText) : LeftOutMessage(row.mError));
+    }
+}
+
+void ControlServer::Enqueue(Client &client, std::string message)
+{
+    if (client.mIsEnding || client.mIsGone) {
+        return;
+    }
+    if (client.mQueuedBytes + message.size() > kMaxQueuedBytes) {
+        LogWarning("control: process %d does not keep up with its recording and is dropped",
+                   client.mPid);
+        client.mIsEnding = true;
+        client.mEndTimer.Arm(mClock.MonotonicUs() + kEndWaitMs * 1000,
+                             [this, &client] { Drop(client); });
+        message = ErrorMessage(ControlError::TooSlow,
+                               "the recording ends here: its rows were not taken in time");
+    }
+    const bool wasEmpty = client.mQueue.empty();
+    client.mQueuedBytes += message.size();
+    client.mQueue.push_back(std::move(message));
+    if (wasEmpty) {
+        Flush(client);
+        if (!client.mIsGone && !client.mQueue.empty()) {
+            Watch(client); // for room
+        }
+    }
+}
+
+void ControlServer::Flush(Client &client)
+{
+    while (!client.mQueue.empty()) {
+        const std::string &message = client.mQueue.front();
+        const int error = client.mSocket.Send(message.data(), message.size());
+        if (error == EAGAIN) {
+            return;
+        }
+        if (error != 0) {
+            if (error != EPIPE && error != ECONNRESET) {
+                LogWarning("control: process %d is dropped: %s", client.mPid,
+                           ErrorText(error).c_str());
+            }
+            Drop(client);
+            return;
+        }
+        client.mQueuedBytes -= message.size();
+        client.mQueue.pop_front();
+    }
+    if (client.mIsEnding) {
+        Drop(client);
+    }
+}
+
+void ControlServer::Drop(Client &client)
+{
+    // Not taken out here: the caller, or the tap, is in the middle of it or of the list.
+    client.mIsGone = true;
+    client.mSource.Remove();
+    client.mEndTimer.Disarm();
+    if (!mSweep.IsActive()) {
+        mSweep = LoopSource::Post([this] { Sweep(); });
+    }
+}
+
+void ControlServer::Sweep()
+{
+    std::erase_if(mClients, [](const Client &client) { return client.mIsGone; });
+    const bool records = std::any_of(mClients.begin(), mClients.end(),
+                                     [](const Client &client) { return client.mText != nullptr; });
+    if (!records) {
+        mContext.SetTap(nullptr);
+    }
+}
+
+} // namespace ParvanePlatform

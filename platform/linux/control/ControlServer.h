@@ -1,0 +1,115 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Clock.h"
+#include "base/LoopSource.h"
+#include "context_manager/ContextManager.h"
+#include "control/ControlHandler.h"
+#include "control/RecordingText.h"
+#include "tal_client/LinkSocket.h"
+
+namespace ParvanePlatform {
+
+/**
+ * The socket "control.sock" of the run-time directory (docs/control.md): several clients at once, one
+ * message of the socket per request and per reply.
+ *
+ * Served are processes of this user and of root. A reply that does not fit the client's socket drops
+ * the client; the rows of a recording wait in a queue, and a client that lets that fill up is told so
+ * after the last row that it gets. Nothing wakes the main loop unless a client does. Main-loop thread
+ * only.
+ */
+class ControlServer
+{
+public:
+    static constexpr char kSocketName[] = "control.sock";
+    static constexpr std::size_t kMaxClients = 8;
+    static constexpr std::size_t kMaxRequestBytes = 8192;
+    static constexpr std::size_t kMaxReplyBytes = 65536;
+
+    /** The most bytes of messages that wait for one client that records. */
+    static constexpr std::size_t kMaxQueuedBytes = 1048576;
+
+    /** How long a client that has let its queue fill up has for what is in it. */
+    static constexpr std::int64_t kEndWaitMs = 10000;
+
+    /** Messages of one client that are read in one turn of the main loop. */
+    static constexpr int kMessagesPerTurn = 8;
+
+    /** How long no connection is taken when the system has run out of descriptors or memory. */
+    static constexpr std::int64_t kAcceptPauseMs = 1000;
+
+    /**
+     * @param runtimeDirectory  exists, and is used by this process alone
+     * @param context           whose readings are recorded; it and `clock` are borrowed for the life
+     *                          of the server, which sets the context manager's tap
+     * @throws StartupError when there can be no socket
+     */
+    ControlServer(const std::string &runtimeDirectory, std::unique_ptr<ControlHandler> handler,
+                  ContextManager &context, const Clock &clock,
+                  RecordingTextFactory makeText = MakeRecordingText);
+
+    /** Tells those who record of the end, and closes all connections. */
+    ~ControlServer();
+
+    ControlServer(const ControlServer &) = delete;
+    ControlServer &operator=(const ControlServer &) = delete;
+
+    /** How many clients there are. */
+    std::size_t ClientCount() const;
+
+private:
+    struct Client
+    {
+        HostSocket mSocket;
+        int mPid = 0;
+        LoopSource mSource;
+        /** Set while the client records. */
+        std::unique_ptr<RecordingText> mText;
+        std::int64_t mStartUs = 0;
+        std::deque<std::string> mQueue;
+        std::size_t mQueuedBytes = 0;
+        /** Nothing is added to the queue any more; the client goes when it is empty. */
+        bool mIsEnding = false;
+        /** Taken out in the next turn of the loop. */
+        bool mIsGone = false;
+        LoopTimer mEndTimer;
+    };
+
+    void WatchListener();
+    void OnListenerReady();
+    void OnAcceptFailed(int error);
+    void TakeClient(HostSocket socket, int pid);
+    void Watch(Client &client);
+    void OnClientReady(Client &client);
+    /** Takes one message. @return false when there is nothing left to take in this turn */
+    bool ReadMessage(Client &client);
+    void Serve(Client &client, std::string_view message);
+    void Reply(Client &client, const std::string &reply);
+    void StartRecording(Client &client);
+    void Record(ContextItem item, const SensorReading &reading);
+    void Enqueue(Client &client, std::string message);
+    void Flush(Client &client);
+    void Drop(Client &client);
+    void Sweep();
+
+    const Clock &mClock;
+    ContextManager &mContext;
+    std::unique_ptr<ControlHandler> mHandler;
+    RecordingTextFactory mMakeText;
+    ListeningSocket mListener;
+    std::vector<unsigned char> mBuffer;
+    std::list<Client> mClients;
+    LoopSource mListenerSource;
+    LoopTimer mAcceptTimer;
+    LoopSource mSweep;
+};
+
+} // namespace ParvanePlatform

@@ -1,0 +1,242 @@
+#include "StatusReport.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <unistd.h>
+#include <variant>
+#include <vector>
+
+#include "control/ControlMessages.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::int64_t kMsPerSecond = 1000;
+
+/** "2026-01-31T12:34:56.789Z" */
+std::string IsoTime(std::int64_t wallMs)
+{
+    const auto seconds = static_cast<std::time_t>(wallMs / kMsPerSecond);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    std::array<char, 32> day{};
+    std::strftime(day.data(), day.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+    std::array<char, 48> text{};
+    std::snprintf(text.data(), text.size(), "%s.%03dZ", day.data(),
+                  static_cast<int>(wallMs % kMsPerSecond));
+    return text.data();
+}
+
+/** What the power locks tell of one of them; a field that they do not tell is empty. */
+struct LockStatus
+{
+    std::optional<int> mState;
+    std::optional<std::string> mBackend;
+    std::optional<std::int64_t> mTakenMs;
+    std::optional<std::int64_t> mEndUs;
+};
+
+std::vector<LockStatus> LocksOf(const PowerLocks &power)
+{
+    return std::vector<LockStatus>(power.Count());
+}
+
+const char *HostStateName(AccessoryLink::HostState state)
+{
+    switch (state) {
+    case AccessoryLink::HostState::None:
+        return "none";
+    case AccessoryLink::HostState::Waiting:
+        return "waiting";
+    case AccessoryLink::HostState::Indicated:
+        return "indicated";
+    case AccessoryLink::HostState::Open:
+        return "open";
+    case AccessoryLink::HostState::Gone:
+        return "ending";
+    }
+    return "?";
+}
+
+/** Makes the parts of a status at one instant. */
+class Reporter
+{
+public:
+    explicit Reporter(const ControlledParts &parts)
+        : mParts(parts), mNowMs(parts.mClock.WallMs()), mNowUs(parts.mClock.MonotonicUs())
+    {}
+
+    json Service(std::int64_t sinceMs) const
+    {
+        json service = Since(sinceMs);
+        service["pid"] = ::getpid();
+        service["user"] = ::geteuid();
+        return service;
+    }
+
+    json Host(const AccessoryLink::LinkStatus &link) const
+    {
+        if (link.mConnectedWallMs == 0) {
+            return nullptr;
+        }
+        json host = Since(link.mConnectedWallMs);
+        host["pid"] = link.mPeer.mPid;
+        host["user"] = link.mPeer.mUid;
+        return host;
+    }
+
+    json Link(const AccessoryLink::LinkStatus &link) const
+    {
+        int key = 0;
+        const bool hasKey = mParts.mKeys.GetInt(AccessoryLink::kStatusKey, key) == 0;
+        const AccessoryLink::Statistics &counts = link.mStatistics;
+        return {{"state", link.mIsDown ? "down" : "up"},
+                {"key", hasKey ? json(key) : json(nullptr)},
+                {"host_state", HostStateName(link.mHostState)},
+                {"packets_in", counts.mPacketsIn},
+                {"bytes_in", counts.mBytesIn},
+                {"packets_out", counts.mPacketsOut},
+                {"bytes_out", counts.mBytesOut},
+                {"refused_hosts", counts.mRefusedHosts},
+                {"queue_full", counts.mQueueFull}};
+    }
+
+    json Items() const
+    {
+        json items = json::array();
+        for (const ContextManager::ItemStatus &item : mParts.mContext.Status()) {
+            items.push_back(Item(item));
+        }
+        return items;
+    }
+
+    json PowerLocksHeld() const
+    {
+        json locks = json::array();
+        for (const LockStatus &lock : LocksOf(mParts.mPower)) {
+            json entry = lock.mTakenMs ? Since(*lock.mTakenMs) : json::object();
+            entry["state"] = lock.mState ? json(*lock.mState) : json(nullptr);
+            entry["held_by"] = lock.mBackend ? json(*lock.mBackend) : json(nullptr);
+            if (lock.mEndUs) {
+                const std::int64_t leftMs = std::max<std::int64_t>(*lock.mEndUs - mNowUs, 0) / 1000;
+                entry["ends"] = IsoTime(mNowMs + leftMs);
+                entry["ends_in_ms"] = leftMs;
+            }
+            locks.push_back(std::move(entry));
+        }
+        return locks;
+    }
+
+    std::string Now() const { return IsoTime(mNowMs); }
+
+private:
+    /** An instant of the past, and how long ago it was; the clock may have been set since. */
+    json Since(std::int64_t wallMs) const
+    {
+        return {{"since", IsoTime(wallMs)}, {"for_ms", std::max<std::int64_t>(mNowMs - wallMs, 0)}};
+    }
+
+    json Item(const ContextManager::ItemStatus &status) const
+    {
+        json item = {{"item", NameOf(status.mItem)},     {"number", static_cast<int>(status.mItem)},
+                     {"source", NameOf(status.mSource)}, {"subscription", nullptr},
+                     {"last_reading", nullptr},          {"delivered", status.mDelivered}};
+        if (status.mRequestId) {
+            item["subscription"] = Since(status.mSubscribedWallMs);
+            item["subscription"]["request_id"] = *status.mRequestId;
+        }
+        if (status.mLastReading) {
+            json values = json::object();
+            for (const SensorValue &value : *status.mLastReading) {
+                std::visit([&](auto number) { values[value.mKey] = number; }, value.mValue);
+            }
+            item["last_reading"] = {
+                {"time", IsoTime(status.mLastReadingWallMs)},
+                {"age_ms", std::max<std::int64_t>(mNowUs - status.mLastReadingUs, 0) / 1000},
+                {"values", std::move(values)}};
+        }
+        return item;
+    }
+
+    const ControlledParts &mParts;
+    std::int64_t mNowMs;
+    std::int64_t mNowUs;
+};
+
+std::string TextOf(const json &message)
+{
+    return message.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+/** Adds the preferences that fit; null stands for a store that cannot be read. */
+void AddPreferences(json &status, PreferenceStore &store, std::size_t room)
+{
+    constexpr std::size_t kPunctuation = 16;
+    std::map<std::string, PreferenceValue> all;
+    if (store.GetAll(all) != 0) {
+        status["preferences"] = nullptr;
+        return;
+    }
+    json preferences = json::object();
+    std::size_t leftOut = 0;
+    for (const auto &[key, value] : all) {
+        json shown;
+        std::visit([&shown](const auto &content) { shown = content; }, value);
+        const std::size_t size = TextOf(json(key)).size() + TextOf(shown).size() + kPunctuation;
+        if (size > room) {
+            ++leftOut;
+            continue;
+        }
+        room -= size;
+        preferences[key] = std::move(shown);
+    }
+    status["preferences"] = std::move(preferences);
+    if (leftOut > 0) {
+        status["preferences_left_out"] = leftOut;
+    }
+}
+
+} // namespace
+
+const char *NameOf(ContextItem item)
+{
+    switch (item) {
+    case ContextItem::Gesture:
+        return "gesture";
+    case ContextItem::Pedometer:
+        return "pedometer";
+    case ContextItem::HeartRate:
+        return "heart_rate";
+    case ContextItem::Activity:
+        return "activity";
+    }
+    return "?";
+}
+
+std::string StatusMessage(const ControlledParts &parts, std::int64_t sinceMs, std::size_t maxBytes)
+{
+    constexpr std::size_t kReserve = 128; // for what stands around the preferences
+    const Reporter reporter(parts);
+    const AccessoryLink::LinkStatus link = parts.mLink.Status();
+    json status = {
+        {"time", reporter.Now()},
+        {"service", reporter.Service(sinceMs)},
+        {"directories", {{"state", parts.mStateDirectory}, {"runtime", parts.mRuntimeDirectory}}},
+        {"host", reporter.Host(link)},
+        {"link", reporter.Link(link)},
+        {"items", reporter.Items()},
+        {"power_locks", reporter.PowerLocksHeld()}};
+    const std::size_t used = TextOf(status).size() + kReserve;
+    AddPreferences(status, parts.mPreferences, maxBytes > used ? maxBytes - used : 0);
+    return TextOf({{"version", kControlVersion}, {"ok", true}, {"status", std::move(status)}});
+}
+
+} // namespace ParvanePlatform
