@@ -65,6 +65,9 @@ void ControlServer::OnListenerReady()
     }
     HostSocket socket(std::move(connection));
     const HostSocket::Peer peer = socket.GetPeer();
+    if (ClientCount() >= kMaxClients) {
+        ServeThoseWhoHaveGone();
+    }
     const auto count = ClientCount();
     if (!peer.IsTrusted()) {
         LogWarning("control: a client of user %u is refused", peer.mUid);
@@ -75,6 +78,15 @@ void ControlServer::OnListenerReady()
         socket.Send(reply.data(), reply.size());
     } else {
         TakeClient(std::move(socket), peer.mPid);
+    }
+}
+
+void ControlServer::ServeThoseWhoHaveGone()
+{
+    for (Client &client : mClients) {
+        if (!client.mIsGone && client.mSocket.HasHungUp()) {
+            OnClientReady(client);
+        }
     }
 }
 

@@ -85,6 +85,8 @@ private:
 
     void WatchListener();
     void OnListenerReady();
+    /** Makes room of clients whose end has not had its turn of the loop yet. */
+    void ServeThoseWhoHaveGone();
     void OnAcceptFailed(int error);
     void TakeClient(HostSocket socket, int pid);
     void Watch(Client &client);

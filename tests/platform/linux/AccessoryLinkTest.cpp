@@ -773,6 +773,119 @@ TEST_F(AccessoryLinkTest, PauseDoesNotSpin)
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
 }
 
+TEST_F(AccessoryLinkTest, TakingTheLinkDownEndsTheHostAsIfItHadGone)
+{
+    StartService();
+    const RawHost host(Socket());
+    WaitFor("connected");
+
+    mLink->TakeDown();
+
+    EXPECT_THAT(WaitFor("key 0"), ElementsAre("terminated", "key 0"));
+    EXPECT_TRUE(host.IsClosed());
+    EXPECT_EQ(Status(), 0);
+    EXPECT_TRUE(mLink->Status().mIsDown);
+}
+
+TEST_F(AccessoryLinkTest, NoHostIsTakenUntilTheLinkIsUpAgain)
+{
+    StartService();
+    mLink->TakeDown();
+    EXPECT_THAT(WaitFor("key 0"), ElementsAre("key 0"));
+    const RawHost host(Socket());
+    host.Send("hello");
+    RunWhileBusy();
+    EXPECT_THAT(TakeEvents(), IsEmpty());
+    EXPECT_EQ(host.Receive(), "nothing");
+    EXPECT_EQ(Status(), 0);
+
+    mLink->BringUp();
+
+    EXPECT_THAT(WaitFor("data hello"),
+                ElementsAre("key 1", "confirm 0", "connected", "data hello"));
+}
+
+TEST_F(AccessoryLinkTest, LinkThatGoesDownAndUpAtOnceShowsBothToTheWatchers)
+{
+    StartService();
+    const RawHost host(Socket());
+    WaitFor("connected");
+
+    mLink->TakeDown();
+    mLink->BringUp();
+
+    EXPECT_THAT(WaitFor("confirm 0"), ElementsAre("terminated", "key 0", "key 1", "confirm 0"));
+    const RawHost next(Socket());
+    EXPECT_THAT(WaitFor("connected"), ElementsAre("connected"));
+}
+
+TEST_F(AccessoryLinkTest, HostThatTheServiceDoesNotKnowYetIsClosedWithoutAWord)
+{
+    const RawHost host(Socket());
+    ASSERT_TRUE(RunUntil(
+        [this] { return mLink->Status().mHostState == AccessoryLink::HostState::Waiting; }));
+
+    mLink->TakeDown();
+
+    EXPECT_TRUE(host.IsClosed());
+    EXPECT_THAT(TakeEvents(), IsEmpty());
+}
+
+TEST_F(AccessoryLinkTest, TakingDownOrBringingUpTwiceIsOnce)
+{
+    StartService();
+    mLink->BringUp();
+    RunWhileBusy();
+    EXPECT_THAT(TakeEvents(), IsEmpty());
+
+    mLink->TakeDown();
+    mLink->TakeDown();
+    EXPECT_THAT(WaitFor("key 0"), ElementsAre("key 0"));
+    mLink->BringUp();
+    mLink->BringUp();
+    EXPECT_THAT(WaitFor("confirm 0"), ElementsAre("key 1", "confirm 0"));
+}
+
+TEST_F(AccessoryLinkTest, LinkThatIsDownWakesNobody)
+{
+    StartService();
+    mLink->TakeDown();
+    WaitFor("key 0");
+    const RawHost host(Socket());
+    RunWhileBusy();
+    EXPECT_EQ(NextWakeMs(), -1);
+}
+
+TEST_F(AccessoryLinkTest, WhatCrossesTheLinkIsCounted)
+{
+    StartService();
+    EXPECT_EQ(mLink->Status().mPeer.mPid, 0);
+    const RawHost host(Socket());
+    WaitFor("connected");
+    const RawHost second(Socket());
+    ASSERT_TRUE(RunUntil([&] { return second.IsClosed(); }));
+    host.Send("four");
+    host.Send("sixsix");
+    WaitFor("data sixsix");
+    EXPECT_EQ(Send("abc"), 0);
+    std::uint64_t sent = 1;
+    while (Send("abc") == 0) {
+        ++sent;
+    }
+
+    const AccessoryLink::LinkStatus status = mLink->Status();
+    EXPECT_EQ(status.mHostState, AccessoryLink::HostState::Open);
+    EXPECT_EQ(status.mPeer.mPid, getpid());
+    EXPECT_EQ(status.mPeer.mUid, geteuid());
+    EXPECT_EQ(status.mConnectedWallMs, mClock.mWallMs);
+    EXPECT_EQ(status.mStatistics.mPacketsIn, 2U);
+    EXPECT_EQ(status.mStatistics.mBytesIn, 10U);
+    EXPECT_EQ(status.mStatistics.mPacketsOut, sent);
+    EXPECT_EQ(status.mStatistics.mBytesOut, 3 * sent);
+    EXPECT_EQ(status.mStatistics.mRefusedHosts, 1U);
+    EXPECT_EQ(status.mStatistics.mQueueFull, 1U);
+}
+
 TEST_F(AccessoryLinkTest, HostOfAnotherUserIsRefused)
 {
     if (geteuid() != 0) {
