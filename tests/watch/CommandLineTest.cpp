@@ -1,0 +1,118 @@
+#include "CommandLine.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace ParvaneWatch {
+namespace {
+
+using nlohmann::json;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+const char *NoVariable(const char * /*name*/)
+{
+    return nullptr;
+}
+
+Invocation Parsed(const std::vector<std::string> &arguments)
+{
+    auto parsed = ParseCommandLine(arguments, NoVariable);
+    const auto *ending = std::get_if<Ending>(&parsed);
+    EXPECT_EQ(ending, nullptr) << ending->mError;
+    return std::get<Invocation>(parsed);
+}
+
+json RequestOf(const std::vector<std::string> &arguments)
+{
+    return Parsed(arguments).mRequest;
+}
+
+std::string ErrorOf(const std::vector<std::string> &arguments)
+{
+    const auto parsed = ParseCommandLine(arguments, NoVariable);
+    const auto *ending = std::get_if<Ending>(&parsed);
+    if (ending == nullptr) {
+        return "none";
+    }
+    EXPECT_EQ(ending->mCode, ExitCode::BadUsage);
+    EXPECT_THAT(ending->mError, EndsWith("\nTry 'parvane-watch --help'.\n"));
+    return ending->mError.substr(0, ending->mError.find('\n'));
+}
+
+TEST(CommandLineTest, EachCommandIsItsRequest)
+{
+    EXPECT_EQ(RequestOf({"status"}), json({{"version", 1}, {"request", "status"}}));
+    EXPECT_EQ(RequestOf({"set", "hr", "72"}),
+              json({{"version", 1}, {"request", "set"}, {"item", "heart_rate"}, {"value", 72}}));
+    EXPECT_EQ(RequestOf({"set", "hr", "off-wrist"}).at("value"), "off-wrist");
+    EXPECT_EQ(RequestOf({"set", "steps", "+10"}),
+              json({{"version", 1}, {"request", "set"}, {"item", "steps"}, {"add", 10}}));
+    EXPECT_EQ(RequestOf({"set", "activity", "walking"}).at("value"), "walking");
+    EXPECT_EQ(RequestOf({"set", "gesture", "3"}).at("value"), 3);
+    EXPECT_EQ(RequestOf({"link", "down"}),
+              json({{"version", 1}, {"request", "link"}, {"state", "down"}}));
+    EXPECT_EQ(RequestOf({"memory", "low"}),
+              json({{"version", 1}, {"request", "memory"}, {"state", "low"}}));
+    EXPECT_EQ(RequestOf({"battery", "low"}).at("request"), "battery");
+    EXPECT_EQ(RequestOf({"quit"}), json({{"version", 1}, {"request", "quit"}}));
+}
+
+TEST(CommandLineTest, RecordTakesAFileThatMayHaveToBeNew)
+{
+    const Invocation careful = Parsed({"record", "a.csv"});
+    EXPECT_EQ(careful.mAction, Invocation::Action::Record);
+    EXPECT_EQ(careful.mFile, "a.csv");
+    EXPECT_FALSE(careful.mForce);
+    EXPECT_TRUE(Parsed({"record", "--force", "a.csv"}).mForce);
+}
+
+TEST(CommandLineTest, GlobalOptionsMayFollowTheSubcommand)
+{
+    const Invocation invocation = Parsed({"status", "--json", "--socket", "/x/control.sock"});
+    EXPECT_TRUE(invocation.mJson);
+    EXPECT_EQ(invocation.mSocketPath, "/x/control.sock");
+    EXPECT_EQ(Parsed({"status"}).mSocketPath, "/run/parvane/control.sock");
+}
+
+TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
+{
+    EXPECT_EQ(ErrorOf({}), "parvane-watch: no subcommand given; allowed: status, set, link, "
+                           "memory, battery, quit, record");
+    EXPECT_THAT(ErrorOf({"frob"}), HasSubstr("unknown subcommand 'frob'; allowed: status"));
+    EXPECT_EQ(ErrorOf({"set"}),
+              "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");
+    EXPECT_EQ(ErrorOf({"set", "pulse", "7"}),
+              "parvane-watch: set: unknown item 'pulse'; allowed: hr, steps, activity, gesture");
+    EXPECT_EQ(ErrorOf({"set", "hr", "7x"}), "parvane-watch: set hr: unknown value '7x'; allowed: "
+                                            "a whole number of beats per minute, off-wrist");
+    EXPECT_EQ(ErrorOf({"set", "hr", "99999999999999999999"}),
+              "parvane-watch: set hr: unknown value '99999999999999999999'; allowed: a whole "
+              "number of beats per minute, off-wrist");
+    for (const char *steps : {"10", "+", "+-1", "++1", "+1.5", "+ 1"}) {
+        EXPECT_EQ(ErrorOf({"set", "steps", steps}), "parvane-watch: set steps: unknown value '" +
+                                                        std::string(steps) +
+                                                        "'; allowed: steps to add, as in +10");
+    }
+    EXPECT_EQ(ErrorOf({"set", "activity"}), "parvane-watch: set activity: no value given; "
+                                            "allowed: walking, running, still, other");
+    EXPECT_EQ(ErrorOf({"link", "off"}),
+              "parvane-watch: link: unknown state 'off'; allowed: up, down");
+    EXPECT_EQ(ErrorOf({"memory"}), "parvane-watch: memory: no state given; allowed: low");
+    EXPECT_EQ(ErrorOf({"record"}),
+              "parvane-watch: record: no file given; allowed: the path of a file that is made");
+    EXPECT_THAT(ErrorOf({"--socket", std::string(108, 'x'), "status"}),
+                HasSubstr("has 108 bytes; at most 107 are allowed"));
+    EXPECT_THAT(ErrorOf({"--socket", "", "status"}), HasSubstr("the path is empty"));
+}
+
+TEST(CommandLineTest, HelpListsTheExitCodes)
+{
+    const auto parsed = ParseCommandLine({"--help"}, NoVariable);
+    EXPECT_EQ(std::get<Ending>(parsed).mCode, ExitCode::Success);
+    EXPECT_THAT(std::get<Ending>(parsed).mOutput,
+                HasSubstr("  3  the service cannot be reached\n"));
+}
+
+} // namespace
+} // namespace ParvaneWatch

@@ -1,0 +1,270 @@
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Program.h"
+#include "ScriptedService.h"
+
+namespace ParvaneWatch {
+namespace {
+
+using nlohmann::json;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const std::string kDone = R"({"version":1,"ok":true})";
+
+class CommandTest : public testing::Test
+{
+protected:
+    [[nodiscard]] std::vector<std::string> Arguments(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), {"--socket", mService.Path()});
+        return arguments;
+    }
+
+    /** Accepts the program, whose recording begins. */
+    void StartRecording()
+    {
+        EXPECT_EQ(json::parse(mService.AcceptRequest()),
+                  json({{"version", 1}, {"request", "record"}}));
+        mService.Send(kDone);
+        mService.Send(R"({"header":"# head\nt_ms\n"})");
+    }
+
+    [[nodiscard]] std::string File() const { return mService / "file"; }
+
+    [[nodiscard]] std::string Content() const
+    {
+        std::ostringstream content;
+        content << std::ifstream(File()).rdbuf();
+        return content.str();
+    }
+
+    /** Waits until the file holds `text`. */
+    [[nodiscard]] bool ContentBecomes(const std::string &text) const
+    {
+        for (int i = 0; i < 4000 && Content() != text; ++i) {
+            ::usleep(5000);
+        }
+        return Content() == text;
+    }
+
+    ScriptedService mService;
+};
+
+TEST_F(CommandTest, StatusInJsonIsTheObjectOfTheService)
+{
+    Program watch(Arguments({"status", "--json"}));
+    EXPECT_EQ(json::parse(mService.AcceptRequest()), json({{"version", 1}, {"request", "status"}}));
+    mService.Send(R"({"version":1,"ok":true,"status":{"time":"2026-01-31T11:34:59.789Z"}})");
+
+    EXPECT_EQ(watch.ReadOutput(), "{\"time\":\"2026-01-31T11:34:59.789Z\"}\n");
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, StatusForPeopleIsLines)
+{
+    Program watch(Arguments({"status"}));
+    mService.AcceptRequest();
+    mService.Send(R"({"version":1,"ok":true,"status":{"host":null,"link":{"state":"down"}}})");
+
+    EXPECT_THAT(watch.ReadOutput(), HasSubstr("\nhost        none\nlink        down, key ?"));
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, ARequestThatIsServedIsSilent)
+{
+    Program watch(Arguments({"set", "hr", "72"}));
+    mService.AcceptRequest();
+    mService.Send(kDone);
+
+    EXPECT_EQ(watch.ReadOutput(), "");
+    EXPECT_EQ(watch.ReadErrors(), "");
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, ARefusalIsTheServicesWordsAndExitCodeOne)
+{
+    Program watch(Arguments({"link", "up"}));
+    mService.AcceptRequest();
+    mService.Send(R"({"version":1,"ok":false,"error":{"code":"bad-value","message":"no link"}})");
+
+    EXPECT_EQ(watch.ReadErrors(), "parvane-watch: no link\n");
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
+TEST_F(CommandTest, ABrokenReplyIsExitCodeOne)
+{
+    Program watch(Arguments({"quit"}));
+    mService.AcceptRequest();
+    mService.Send("hello");
+
+    EXPECT_THAT(watch.ReadErrors(), StartsWith("parvane-watch: the service broke the protocol"));
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
+TEST_F(CommandTest, WrongUsageIsExitCodeTwo)
+{
+    Program watch({"set", "steps", "10"});
+    EXPECT_THAT(watch.ReadErrors(), EndsWith("\nTry 'parvane-watch --help'.\n"));
+    EXPECT_EQ(watch.Wait(), 2);
+}
+
+TEST_F(CommandTest, NoServiceIsExitCodeThree)
+{
+    Program watch({"status"}, {.mEnvironment = {{"RUNTIME_DIRECTORY", "/nonexistent"}}});
+    EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot connect to /nonexistent/control.sock: No "
+                                  "such file or directory (is the watch service running?)\n");
+    EXPECT_EQ(watch.Wait(), 3);
+}
+
+TEST_F(CommandTest, ASignalEndsACommandThatWaits)
+{
+    Program watch(Arguments({"status"}));
+    mService.AcceptRequest();
+    watch.Signal(SIGINT);
+    EXPECT_EQ(watch.Wait(), -SIGINT);
+}
+
+TEST_F(CommandTest, VersionGoesToStandardOutput)
+{
+    Program watch({"--version"});
+    EXPECT_EQ(watch.ReadOutput(), "parvane-watch " PARVANE_WATCH_VERSION "\n");
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
+{
+    Program watch(Arguments({"status", "--json"}), {.mEnvironment = {}, .mOutputToFull = true});
+    mService.AcceptRequest();
+    mService.Send(R"({"version":1,"ok":true,"status":{}})");
+
+    EXPECT_EQ(watch.ReadErrors(),
+              "parvane-watch: cannot write to standard output: No space left on device\n");
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
+TEST_F(CommandTest, EachRowIsInTheFileWhenItComesAndASignalEndsTheRecordingWell)
+{
+    Program watch(Arguments({"record", File()}));
+    StartRecording();
+    mService.Send(R"({"row":"1\n"})");
+    EXPECT_TRUE(ContentBecomes("# head\nt_ms\n1\n"));
+    mService.Send(R"({"row":"2\n"})");
+    watch.Signal(SIGTERM);
+
+    EXPECT_EQ(watch.Wait(), 0);
+    EXPECT_EQ(Content(), "# head\nt_ms\n1\n2\n");
+    EXPECT_EQ(watch.ReadErrors(), "");
+}
+
+TEST_F(CommandTest, TheEndOfTheServiceEndsTheRecordingWell)
+{
+    Program watch(Arguments({"record", File()}));
+    StartRecording();
+    mService.Send(R"({"row":"1\n"})");
+    mService.Send(R"({"end":"service-ended"})");
+
+    EXPECT_EQ(watch.Wait(), 0);
+    EXPECT_EQ(Content(), "# head\nt_ms\n1\n");
+}
+
+TEST_F(CommandTest, ARecordingThatMayLackRowsIsAFailure)
+{
+    const std::vector<std::pair<std::string, std::string>> endings = {
+        {"", "parvane-watch: the service has gone; the recording may lack its last rows\n"},
+        {R"({"version":1,"ok":false,"error":{"code":"too-slow","message":"too slow"}})",
+         "parvane-watch: too slow\n"},
+        {"hello", "parvane-watch: the service broke the protocol: a message that is no JSON "
+                  "object\n"}};
+    for (const auto &[message, complaint] : endings) {
+        Program watch(Arguments({"record", "--force", File()}));
+        StartRecording();
+        mService.Send(R"({"row":"1\n"})");
+        if (!message.empty()) {
+            mService.Send(message);
+        }
+        mService.HangUp();
+
+        EXPECT_EQ(watch.ReadErrors(), complaint);
+        EXPECT_EQ(watch.Wait(), 1);
+        EXPECT_EQ(Content(), "# head\nt_ms\n1\n");
+    }
+}
+
+TEST_F(CommandTest, AReadingThatIsLeftOutIsSaidAndIsAFailureInTheEnd)
+{
+    Program watch(Arguments({"record", File()}));
+    StartRecording();
+    mService.Send(R"({"left_out":"first"})");
+    mService.Send(R"({"left_out":"second"})");
+    mService.Send(R"({"row":"1\n"})");
+    mService.Send(R"({"end":"service-ended"})");
+
+    EXPECT_EQ(watch.ReadErrors(), "parvane-watch: a reading is left out: first\n"
+                                  "parvane-watch: 2 readings were left out\n");
+    EXPECT_EQ(watch.Wait(), 1);
+    EXPECT_EQ(Content(), "# head\nt_ms\n1\n");
+}
+
+TEST_F(CommandTest, AFileThatExistsIsKeptUnlessForced)
+{
+    std::ofstream(File()) << "precious";
+    Program watch(Arguments({"record", File()}));
+    StartRecording();
+    EXPECT_EQ(watch.ReadErrors(),
+              "parvane-watch: cannot make " + File() + ": File exists (--force overwrites it)\n");
+    EXPECT_EQ(watch.Wait(), 1);
+    EXPECT_EQ(Content(), "precious");
+
+    Program forced(Arguments({"record", "--force", File()}));
+    StartRecording();
+    mService.Send(R"({"end":"service-ended"})");
+    EXPECT_EQ(forced.Wait(), 0);
+    EXPECT_EQ(Content(), "# head\nt_ms\n");
+}
+
+TEST_F(CommandTest, AServiceThatRefusesToRecordCostsNobodyAFile)
+{
+    std::ofstream(File()) << "precious";
+    Program watch(Arguments({"record", "--force", File()}));
+    mService.AcceptRequest();
+    mService.Send(R"({"version":1,"ok":false,"error":{"code":"busy","message":"full"}})");
+
+    EXPECT_EQ(watch.Wait(), 1);
+    EXPECT_EQ(Content(), "precious");
+}
+
+TEST_F(CommandTest, AFullDiskEndsTheRecordingAtOnce)
+{
+    Program watch(Arguments({"record", "--force", "/dev/full"}));
+    StartRecording();
+    EXPECT_EQ(watch.ReadErrors(),
+              "parvane-watch: cannot write to /dev/full: No space left on device\n");
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
+TEST_F(CommandTest, RowsAreCountedOnATerminalOnly)
+{
+    Program watch(Arguments({"record", File()}),
+                  {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
+    StartRecording();
+    mService.Send(R"({"row":"1\n"})");
+    mService.Send(R"({"row":"2\n"})");
+    mService.Send(R"({"end":"service-ended"})");
+
+    EXPECT_THAT(watch.ReadErrors(), EndsWith("\r\033[K2 rows\r\n"));
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+} // namespace
+} // namespace ParvaneWatch

@@ -1,0 +1,267 @@
+#include "CommandLine.h"
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "ControlClient.h"
+
+namespace ParvaneWatch {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr const char *kProgram = "parvane-watch";
+constexpr const char *kSubcommands = "status, set, link, memory, battery, quit, record";
+
+/** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
+struct Texts
+{
+    std::optional<std::string> mSocket;
+    std::optional<std::string> mItem;
+    std::optional<std::string> mValue;
+    std::optional<std::string> mState;
+    std::optional<std::string> mFile;
+    bool mForce = false;
+    bool mJson = false;
+};
+
+/** Wrong usage: its text says what was wrong and what is allowed. */
+class UsageError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+constexpr const char *kFooter = "Exit codes:\n"
+                                "  0  done\n"
+                                "  1  the service has refused it, or a file could not be written\n"
+                                "  2  bad usage\n"
+                                "  3  the service cannot be reached";
+
+void AddSubcommands(CLI::App &app, Texts &texts)
+{
+    CLI::App *status = app.add_subcommand("status", "Say what the service is doing");
+
+    CLI::App *set =
+        app.add_subcommand("set", "Set what the manual source reports:\n"
+                                  "set hr BPM|off-wrist, set steps +N,\n"
+                                  "set activity walking|running|still|other, set gesture N");
+    set->add_option("item", texts.mItem, "hr, steps, activity or gesture");
+    set->add_option("value", texts.mValue, "Its value");
+
+    CLI::App *link = app.add_subcommand("link", "Take the accessory link down, or bring it up");
+    link->add_option("state", texts.mState, "up or down");
+
+    CLI::App *memory = app.add_subcommand("memory", "Tell the service that memory is low");
+    memory->add_option("state", texts.mState, "low");
+
+    CLI::App *battery = app.add_subcommand("battery", "Tell the service that the battery is low");
+    battery->add_option("state", texts.mState, "low");
+
+    CLI::App *quit = app.add_subcommand("quit", "End the service in order");
+
+    CLI::App *record = app.add_subcommand(
+        "record", "Write every reading of the sensors to a file that the replay\n"
+                  "source plays, until Ctrl-C, SIGTERM or the service's end");
+    record->add_option("file", texts.mFile, "The recording");
+    record->add_flag("--force", texts.mForce, "Overwrite a file that exists");
+
+    for (CLI::App *subcommand : {status, set, link, memory, battery, quit, record}) {
+        subcommand->footer("The options of 'parvane-watch --help' are allowed here, too.");
+    }
+}
+
+void AddOptions(CLI::App &app, Texts &texts)
+{
+    app.add_option("--socket", texts.mSocket,
+                   "The control socket (default: control.sock in\n"
+                   "$RUNTIME_DIRECTORY, else in $XDG_RUNTIME_DIR/parvane,\n"
+                   "else in /run/parvane)")
+        ->type_name("PATH");
+    app.add_flag("--json", texts.mJson, "Print one JSON object; see docs/control.md");
+    app.set_version_flag("--version", std::string(kProgram) + " " + PARVANE_WATCH_VERSION,
+                         "Print the version and exit");
+}
+
+std::string Quoted(const std::string &text)
+{
+    return "'" + text + "'";
+}
+
+/** What is wrong with a word of the command line, and what is allowed. */
+UsageError Wrong(const std::string &where, const std::string &what,
+                 const std::optional<std::string> &text, const std::string &allowed)
+{
+    const std::string problem =
+        text ? "unknown " + what + " " + Quoted(*text) : "no " + what + " given";
+    return UsageError(where + ": " + problem + "; allowed: " + allowed);
+}
+
+std::int64_t ParseNumber(const std::string &where, const std::optional<std::string> &text,
+                         std::size_t from, const std::string &allowed)
+{
+    std::int64_t number = 0;
+    if (text && from < text->size()) {
+        const char *const end = text->data() + text->size();
+        const auto parsed = std::from_chars(text->data() + from, end, number);
+        if (parsed.ec == std::errc{} && parsed.ptr == end) {
+            return number;
+        }
+    }
+    throw Wrong(where, "value", text, allowed);
+}
+
+json SetRequest(const Texts &texts)
+{
+    json request = {{"request", "set"}};
+    const std::string item = texts.mItem.value_or("");
+    const std::string where = "set " + item;
+    if (item == "hr") {
+        request["item"] = "heart_rate";
+        if (texts.mValue == "off-wrist") {
+            request["value"] = "off-wrist";
+        } else {
+            request["value"] = ParseNumber(where, texts.mValue, 0,
+                                           "a whole number of beats per minute, off-wrist");
+        }
+    } else if (item == "steps") {
+        const std::string allowed = "steps to add, as in +10";
+        // "+-10" is no number of steps, and "10" could be meant as a total.
+        const bool hasSign =
+            texts.mValue && texts.mValue->starts_with("+") && !texts.mValue->starts_with("+-");
+        if (!hasSign) {
+            throw Wrong(where, "value", texts.mValue, allowed);
+        }
+        request["item"] = "steps";
+        request["add"] = ParseNumber(where, texts.mValue, 1, allowed);
+    } else if (item == "activity") {
+        const std::string value = texts.mValue.value_or("");
+        if (value != "walking" && value != "running" && value != "still" && value != "other") {
+            throw Wrong(where, "value", texts.mValue, "walking, running, still, other");
+        }
+        request["item"] = "activity";
+        request["value"] = value;
+    } else if (item == "gesture") {
+        request["item"] = "gesture";
+        request["value"] = ParseNumber(where, texts.mValue, 0, "the number of a gesture");
+    } else {
+        throw Wrong("set", "item", texts.mItem, "hr, steps, activity, gesture");
+    }
+    return request;
+}
+
+json StateRequest(const std::string &name, const Texts &texts)
+{
+    const std::string state = texts.mState.value_or("");
+    if (name == "link" && state != "up" && state != "down") {
+        throw Wrong(name, "state", texts.mState, "up, down");
+    }
+    if (name != "link" && state != "low") {
+        throw Wrong(name, "state", texts.mState, "low");
+    }
+    return {{"request", name}, {"state", state}};
+}
+
+std::string CheckedPath(std::string path)
+{
+    if (path.empty()) {
+        throw UsageError("--socket: the path is empty; give the path of the control socket");
+    }
+    if (path.size() > ControlClient::LongestPath()) {
+        throw UsageError("socket path " + Quoted(path) + " has " + std::to_string(path.size()) +
+                         " bytes; at most " + std::to_string(ControlClient::LongestPath()) +
+                         " are allowed");
+    }
+    return path;
+}
+
+/** What to say about a command line without a subcommand, of which `words` were not understood. */
+std::string SubcommandText(const std::vector<std::string> &words)
+{
+    const std::string allowed = std::string("; allowed: ") + kSubcommands;
+    if (words.empty()) {
+        return "no subcommand given" + allowed;
+    }
+    if (words.front().starts_with('-')) {
+        return "unknown option " + Quoted(words.front());
+    }
+    return "unknown subcommand " + Quoted(words.front()) + allowed;
+}
+
+Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment &environment)
+{
+    const std::string name = app.get_subcommands().front()->get_name();
+    Invocation invocation;
+    invocation.mJson = texts.mJson;
+    invocation.mSocketPath =
+        CheckedPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment));
+    if (name == "status") {
+        invocation.mAction = Invocation::Action::Status;
+        invocation.mRequest = {{"request", name}};
+    } else if (name == "record") {
+        if (texts.mFile.value_or("").empty()) {
+            throw UsageError("record: no file given; allowed: the path of a file that is made");
+        }
+        invocation.mAction = Invocation::Action::Record;
+        invocation.mRequest = {{"request", name}};
+        invocation.mFile = *texts.mFile;
+        invocation.mForce = texts.mForce;
+    } else {
+        invocation.mAction = Invocation::Action::Request;
+        if (name == "set") {
+            invocation.mRequest = SetRequest(texts);
+        } else if (name == "quit") {
+            invocation.mRequest = {{"request", name}};
+        } else {
+            invocation.mRequest = StateRequest(name, texts);
+        }
+    }
+    invocation.mRequest["version"] = ControlClient::kVersion;
+    return invocation;
+}
+
+Ending BadUsage(const std::string &text)
+{
+    return {ExitCode::BadUsage, "",
+            std::string(kProgram) + ": " + text + "\nTry '" + kProgram + " --help'.\n"};
+}
+
+} // namespace
+
+std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
+                                                  const Environment &environment)
+{
+    Texts texts;
+    CLI::App app("Looks into a running Parvane watch service, and steers it.", kProgram);
+    app.fallthrough(); // global options may follow the subcommand
+    app.require_subcommand(1);
+    AddOptions(app, texts);
+    AddSubcommands(app, texts);
+    app.footer(kFooter);
+
+    try {
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+        return Interpret(app, texts, environment);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {
+            const bool noSubcommand =
+                app.get_subcommands().empty() && error.get_name() == "RequiredError";
+            return BadUsage(noSubcommand ? SubcommandText(app.remaining()) : error.what());
+        }
+        std::ostringstream output;
+        app.exit(error, output, output);
+        return Ending{ExitCode::Success, output.str(), ""};
+    } catch (const UsageError &error) {
+        return BadUsage(error.what());
+    }
+}
+
+} // namespace ParvaneWatch

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "ExitCode.h"
+#include "SocketPath.h"
+
+namespace ParvaneWatch {
+
+/** One run of the command, as it was asked for. */
+struct Invocation
+{
+    enum class Action {
+        Status,
+        Request, // whose reply says just whether it was served
+        Record,
+    };
+
+    Action mAction = Action::Status;
+    std::string mSocketPath;
+    bool mJson = false;
+    nlohmann::json mRequest; // of every action
+    std::string mFile;       // Record
+    bool mForce = false;     // Record: an existing file may be overwritten
+};
+
+/** A run that is over before it begins: help, version, or wrong usage. */
+struct Ending
+{
+    ExitCode mCode = ExitCode::Success;
+    std::string mOutput; // for standard output
+    std::string mError;  // for standard error
+};
+
+/**
+ * Reads the command line.
+ *
+ * Values are looked at for their form only; their ranges are the service's to check.
+ *
+ * @param arguments    without the program's name
+ * @param environment  for the default of the socket's path
+ */
+std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
+                                                  const Environment &environment);
+
+} // namespace ParvaneWatch

@@ -1,0 +1,231 @@
+#include "CommandRunner.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <optional>
+#include <poll.h>
+#include <string_view>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+#include "StatusText.h"
+
+namespace ParvaneWatch {
+
+namespace {
+
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+std::string ErrnoText(int code)
+{
+    return std::generic_category().message(code);
+}
+
+std::string TextOf(const json &value)
+{
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+/** A member that is a text; empty when it is not there or no text. */
+std::string TextMember(const json &object, const char *key)
+{
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+/** Whether progress makes sense: a terminal that can erase a line. */
+bool CanShowProgress()
+{
+    const char *const term = std::getenv("TERM");
+    return ::isatty(STDERR_FILENO) == 1 && term != nullptr && *term != '\0' &&
+           std::string_view(term) != "dumb";
+}
+
+} // namespace
+
+int WriteAll(int fd, const std::string &text)
+{
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        const ssize_t written = ::write(fd, rest.data(), rest.size());
+        if (written >= 0) {
+            rest.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EAGAIN) {
+            pollfd polled{fd, POLLOUT, 0};
+            ::poll(&polled, 1, -1); // a failure shows in the next write
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+CommandRunner::CommandRunner(Invocation invocation, const Signals &signals)
+    : mInvocation(std::move(invocation)), mSignals(signals), mFile(mInvocation.mFile)
+{}
+
+Outcome CommandRunner::Run()
+{
+    try {
+        return Execute();
+    } catch (const Interrupted &) {
+        return {ExitCode::Failure, mSignals.Take()};
+    } catch (const Unreachable &failure) {
+        Complain(failure.what());
+        return {ExitCode::Unreachable};
+    } catch (const ProtocolError &failure) {
+        Complain(failure.what());
+        return {ExitCode::Failure};
+    }
+}
+
+Outcome CommandRunner::Execute()
+{
+    ControlClient client(mInvocation.mSocketPath, mSignals.Fd());
+    const json reply = client.Ask(mInvocation.mRequest);
+    if (!reply.at("ok").get<bool>()) {
+        return Refused(reply);
+    }
+    if (mInvocation.mAction == Invocation::Action::Record) {
+        return Record(client);
+    }
+    if (mInvocation.mAction == Invocation::Action::Request) {
+        return mInvocation.mJson ? Print(TextOf(reply) + '\n') : Outcome{};
+    }
+    const json status = reply.value("status", json::object());
+    if (mInvocation.mJson) {
+        return Print(TextOf(status) + '\n');
+    }
+    std::string text;
+    for (const std::string &line : StatusText(status)) {
+        text += line + '\n';
+    }
+    return Print(text);
+}
+
+Outcome CommandRunner::Record(ControlClient &client)
+{
+    // Only now, so that a service that cannot be reached or refuses costs nobody a file.
+    if (const int error = mFile.Open(mInvocation.mForce); error != 0) {
+        Complain("cannot make " + mFile.Path() + ": " + ErrnoText(error) +
+                 (error == EEXIST ? " (--force overwrites it)" : ""));
+        return {ExitCode::Failure};
+    }
+    mShowsProgress = CanShowProgress();
+    ShowProgress(false);
+    try {
+        for (bool goesOn = true; goesOn;) {
+            const auto message = client.Next();
+            if (!message) {
+                Complain("the service has gone; the recording may lack its last rows");
+                mRecordingOutcome.mCode = ExitCode::Failure;
+            }
+            goesOn = message && TakeMessage(*message);
+        }
+    } catch (const Interrupted &) {
+        // Asked for: the end of a recording is no failure.
+        [[maybe_unused]] const int signal = mSignals.Take();
+        // What was delivered before the signal is part of the recording.
+        constexpr std::chrono::seconds kAtMost{1};
+        const Clock::time_point end = Clock::now() + kAtMost;
+        for (bool goesOn = true; goesOn && Clock::now() < end;) {
+            const auto message = client.NextAtOnce();
+            goesOn = message && TakeMessage(*message);
+        }
+    } catch (const std::runtime_error &failure) {
+        Complain(failure.what());
+        mRecordingOutcome.mCode = ExitCode::Failure;
+    }
+    return FinishRecording();
+}
+
+bool CommandRunner::TakeMessage(const json &message)
+{
+    if (message.contains("header")) {
+        return WriteRow(TextMember(message, "header"));
+    }
+    if (message.contains("row")) {
+        const bool isWritten = WriteRow(TextMember(message, "row"));
+        mRows += isWritten ? 1 : 0;
+        ShowProgress(false);
+        return isWritten;
+    }
+    if (message.contains("left_out")) {
+        if (mLeftOut++ == 0) {
+            Complain("a reading is left out: " + TextMember(message, "left_out"));
+        }
+        mRecordingOutcome.mCode = ExitCode::Failure;
+        return true;
+    }
+    if (message.contains("error")) {
+        mRecordingOutcome = Refused(message);
+        return false;
+    }
+    // Messages of a later version are not for this program; only the end matters.
+    return !message.contains("end");
+}
+
+bool CommandRunner::WriteRow(const std::string &lines)
+{
+    const int error = mFile.Write(lines);
+    if (error != 0) {
+        Complain("cannot write to " + mFile.Path() + ": " + ErrnoText(error));
+        mRecordingOutcome.mCode = ExitCode::Failure;
+    }
+    return error == 0;
+}
+
+Outcome CommandRunner::FinishRecording()
+{
+    const int error = mFile.Close();
+    ShowProgress(true);
+    if (error != 0) {
+        Complain("cannot write to " + mFile.Path() + ": " + ErrnoText(error));
+        mRecordingOutcome.mCode = ExitCode::Failure;
+    }
+    if (mLeftOut > 1) {
+        Complain(std::to_string(mLeftOut) + " readings were left out");
+    }
+    return mRecordingOutcome;
+}
+
+void CommandRunner::ShowProgress(bool isLast)
+{
+    constexpr std::chrono::milliseconds kPeriod{100};
+    const Clock::time_point now = Clock::now();
+    if (!mShowsProgress || (!isLast && now - mShownAt < kPeriod)) {
+        return;
+    }
+    mShownAt = now;
+    WriteAll(STDERR_FILENO, "\r\033[K" + std::to_string(mRows) + (mRows == 1 ? " row" : " rows") +
+                                (isLast ? "\n" : ""));
+}
+
+Outcome CommandRunner::Refused(const json &message)
+{
+    const json error = message.value("error", json::object());
+    const std::string text = error.is_object() ? TextMember(error, "message") : "";
+    Complain(text.empty() ? "the service has refused it" : text);
+    return {ExitCode::Failure};
+}
+
+Outcome CommandRunner::Print(const std::string &text)
+{
+    const int error = WriteAll(STDOUT_FILENO, text);
+    // A reader that has gone wants no more.
+    if (error == 0 || error == EPIPE) {
+        return {};
+    }
+    Complain("cannot write to standard output: " + ErrnoText(error));
+    return {ExitCode::Failure};
+}
+
+void CommandRunner::Complain(const std::string &text)
+{
+    WriteAll(STDERR_FILENO, (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + text) + '\n');
+}
+
+} // namespace ParvaneWatch

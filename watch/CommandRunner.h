@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "CommandLine.h"
+#include "ControlClient.h"
+#include "ExitCode.h"
+#include "RecordingFile.h"
+#include "Signals.h"
+
+namespace ParvaneWatch {
+
+/** How a run ended. */
+struct Outcome
+{
+    ExitCode mCode = ExitCode::Success;
+    int mSignal = 0; // when not 0: the process is to end by this signal
+};
+
+/** Writes `text` to a descriptor, all of it. @return 0 or an errno value */
+int WriteAll(int fd, const std::string &text);
+
+/**
+ * Does what an Invocation says: answers on standard output, errors and progress on standard error.
+ * Borrows the signals, which must outlive it. Use once.
+ */
+class CommandRunner
+{
+public:
+    CommandRunner(Invocation invocation, const Signals &signals);
+
+    Outcome Run();
+
+private:
+    Outcome Execute();
+    Outcome Record(ControlClient &client);
+    /** Takes one message of a recording. @return false when the recording is over */
+    bool TakeMessage(const nlohmann::json &message);
+    bool WriteRow(const std::string &lines);
+    Outcome FinishRecording();
+    void ShowProgress(bool isLast);
+    Outcome Refused(const nlohmann::json &message);
+    Outcome Print(const std::string &text);
+    void Complain(const std::string &text);
+
+    Invocation mInvocation;
+    const Signals &mSignals;
+    RecordingFile mFile;
+    Outcome mRecordingOutcome;
+    std::uint64_t mRows = 0;
+    std::uint64_t mLeftOut = 0;
+    bool mShowsProgress = false;
+    std::chrono::steady_clock::time_point mShownAt;
+};
+
+} // namespace ParvaneWatch

@@ -1,0 +1,46 @@
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <unistd.h>
+#include <variant>
+#include <vector>
+
+#include "CommandLine.h"
+#include "CommandRunner.h"
+#include "Signals.h"
+
+namespace {
+
+using ParvaneWatch::ExitCode;
+using ParvaneWatch::WriteAll;
+
+ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
+{
+    const ParvaneWatch::Signals signals;
+    auto parsed = ParvaneWatch::ParseCommandLine(
+        arguments, [](const char *name) { return static_cast<const char *>(std::getenv(name)); });
+    if (const auto *ending = std::get_if<ParvaneWatch::Ending>(&parsed)) {
+        WriteAll(STDOUT_FILENO, ending->mOutput);
+        WriteAll(STDERR_FILENO, ending->mError);
+        return {ending->mCode};
+    }
+    ParvaneWatch::CommandRunner runner(std::move(std::get<ParvaneWatch::Invocation>(parsed)),
+                                       signals);
+    return runner.Run();
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        const auto outcome = Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
+        if (outcome.mSignal != 0) {
+            ParvaneWatch::Signals::Die(outcome.mSignal);
+        }
+        return static_cast<int>(outcome.mCode);
+    } catch (const std::exception &error) {
+        WriteAll(STDERR_FILENO, "parvane-watch: " + std::string(error.what()) + "\n");
+        return static_cast<int>(ExitCode::Failure);
+    }
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <csignal>
+
+#include "UniqueFd.h"
+
+namespace ParvaneWatch {
+
+/**
+ * SIGINT and SIGTERM as a descriptor that becomes readable; SIGPIPE is ignored. What was before comes
+ * back at the end. One object at a time in a process.
+ */
+class Signals
+{
+public:
+    /** @throws std::system_error when the system has no descriptor left */
+    Signals();
+    ~Signals();
+
+    Signals(const Signals &) = delete;
+    Signals &operator=(const Signals &) = delete;
+
+    /** Readable once a signal has come; owned here. */
+    [[nodiscard]] int Fd() const noexcept { return mFd.Get(); }
+
+    /** Takes the next signal that has come; 0 for none. */
+    [[nodiscard]] int Take() const noexcept;
+
+    /** Ends the process by `signal`, as if it had never been held back. */
+    [[noreturn]] static void Die(int signal) noexcept;
+
+private:
+    sigset_t mOldMask = {};
+    struct sigaction mOldPipeAction = {};
+    UniqueFd mFd;
+};
+
+} // namespace ParvaneWatch

@@ -1,0 +1,319 @@
+#include "StatusText.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstddef>
+#include <cstdio>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace ParvaneWatch {
+
+namespace {
+
+using nlohmann::json;
+using Lines = std::vector<std::string>;
+
+/** A member of an object; null for one that is not there, or of what is no object. */
+const json &At(const json &object, const char *key)
+{
+    static const json kNull;
+    if (!object.is_object()) {
+        return kNull;
+    }
+    const auto found = object.find(key);
+    return found != object.end() ? *found : kNull;
+}
+
+/** Text from outside, on one line. */
+std::string Printable(const std::string &text)
+{
+    std::string result;
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= 0x20 && byte != 0x7F) {
+            result += character;
+        } else {
+            std::array<char, 8> escaped{};
+            std::snprintf(escaped.data(), escaped.size(), "\\x%02X", static_cast<unsigned>(byte));
+            result += escaped.data();
+        }
+    }
+    return result;
+}
+
+/** A value as it is, without the quotes of a string; "?" for none. */
+std::string Plain(const json &value)
+{
+    if (value.is_string()) {
+        return Printable(value.get_ref<const std::string &>());
+    }
+    return value.is_null() ? "?" : value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::int64_t Whole(const json &value)
+{
+    return value.is_number_integer() ? value.get<std::int64_t>() : 0;
+}
+
+/** A number without a needless exponent or decimals. */
+std::string Number(const json &value)
+{
+    if (!value.is_number_float()) {
+        return Plain(value);
+    }
+    std::array<char, 400> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), value.get<double>(),
+                                   std::chars_format::fixed);
+    return {text.data(), end.ptr};
+}
+
+/** "no readings", "1 reading", "2 readings" */
+std::string Counted(const json &count, const char *what)
+{
+    return (count == 0 ? "no" : Plain(count)) + " " + what + (count == 1 ? "" : "s");
+}
+
+/** The instant of "2026-01-31T12:34:56.789Z", to the second, in this time zone. */
+std::optional<std::tm> LocalTime(const json &value)
+{
+    std::tm utc{};
+    if (!value.is_string() || ::strptime(value.get_ref<const std::string &>().c_str(),
+                                         "%Y-%m-%dT%H:%M:%S", &utc) == nullptr) {
+        return std::nullopt;
+    }
+    const std::time_t seconds = ::timegm(&utc);
+    std::tm local{};
+    if (::localtime_r(&seconds, &local) == nullptr) {
+        return std::nullopt;
+    }
+    return local;
+}
+
+/** What the readings of one item consist of: the value that says it all, and the others. */
+struct Detail
+{
+    const char *mKey;
+    const char *mUnit;
+};
+
+std::string ActivityName(const json &value)
+{
+    constexpr std::array kNames = {"other", "still", "walking", "running"};
+    const std::int64_t number = Whole(value);
+    const bool isKnown = number >= 0 && number < static_cast<std::int64_t>(kNames.size());
+    return isKnown ? kNames[static_cast<std::size_t>(number)] : "activity " + Number(value);
+}
+
+std::string MainValue(const std::string &key, const json &value)
+{
+    constexpr int kNotWorn = -3;
+    if (key == "hrm/heart_rate") {
+        return value == kNotWorn ? "off wrist" : Number(value) + " /min";
+    }
+    if (key == "pedometer/total_steps") {
+        return Number(value) + (value == 1 ? " step" : " steps");
+    }
+    if (key == "activity/status") {
+        return ActivityName(value);
+    }
+    return key == "motion/action" ? "gesture " + Number(value) : "";
+}
+
+std::string OtherValue(const std::string &key, const json &value)
+{
+    constexpr std::array kDetails = {Detail{"hrm/peak_to_peak", " ms peak to peak"},
+                                     Detail{"hrm/spo2", " % oxygen"},
+                                     Detail{"pedometer/walk_steps", " walking"},
+                                     Detail{"pedometer/run_steps", " running"},
+                                     Detail{"pedometer/distance", " m"},
+                                     Detail{"pedometer/calories", " kcal"},
+                                     Detail{"pedometer/speed", " km/h"},
+                                     Detail{"activity/accuracy", " accuracy"}};
+    const auto *const found =
+        std::find_if(kDetails.begin(), kDetails.end(),
+                     [&key](const Detail &detail) { return key == detail.mKey; });
+    return found != kDetails.end() ? Number(value) + found->mUnit
+                                   : Printable(key) + " " + Number(value);
+}
+
+std::string ValuesText(const json &values)
+{
+    std::string main;
+    std::string others;
+    if (values.is_object()) {
+        for (const auto &[key, value] : values.items()) {
+            if (std::string text = MainValue(key, value); !text.empty() && main.empty()) {
+                main = std::move(text);
+            } else {
+                others += (others.empty() ? "" : ", ") + OtherValue(key, value);
+            }
+        }
+    }
+    if (main.empty() || others.empty()) {
+        return main + others;
+    }
+    return main + " (" + others + ")";
+}
+
+/** Lays a status out in lines: a label, and what there is to say. */
+class Layout
+{
+public:
+    explicit Layout(const json &status) : mStatus(status), mNow(LocalTime(At(status, "time"))) {}
+
+    Lines Take()
+    {
+        AddService();
+        AddLink();
+        for (const json &item : At(mStatus, "items")) {
+            AddItem(item);
+        }
+        AddPowerLocks();
+        AddPreferences();
+        return std::move(mLines);
+    }
+
+private:
+    void Add(const std::string &label, const std::string &text)
+    {
+        constexpr std::size_t kWidth = 12;
+        mLines.push_back(label + std::string(kWidth - std::min(label.size(), kWidth - 2), ' ') +
+                         text);
+    }
+
+    /** " since 12:34:56 (3 s)", with the day unless that is today; empty when it is not told. */
+    std::string Since(const json &object) const
+    {
+        const auto time = LocalTime(At(object, "since"));
+        if (!time) {
+            return "";
+        }
+        const bool isToday =
+            mNow && mNow->tm_year == time->tm_year && mNow->tm_yday == time->tm_yday;
+        std::array<char, 64> text{};
+        std::strftime(text.data(), text.size(), isToday ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &*time);
+        return std::string(" since ") + text.data() + " (" +
+               LengthText(Whole(At(object, "for_ms"))) + ")";
+    }
+
+    void AddService()
+    {
+        const json &service = At(mStatus, "service");
+        const json &directories = At(mStatus, "directories");
+        Add("service", "process " + Plain(At(service, "pid")) + ", user " +
+                           Plain(At(service, "user")) + "," + Since(service));
+        Add("state", Plain(At(directories, "state")));
+        Add("run-time", Plain(At(directories, "runtime")));
+    }
+
+    void AddLink()
+    {
+        const json &link = At(mStatus, "link");
+        const json &host = At(mStatus, "host");
+        const auto count = [&link](const char *key) { return Plain(At(link, key)); };
+        Add("host", host.is_object() ? "process " + Plain(At(host, "pid")) + ", user " +
+                                           Plain(At(host, "user")) + "," + Since(host)
+                                     : "none");
+        Add("link",
+            count("state") + ", key " + count("key") + ", host state " + count("host_state"));
+        Add("traffic", "in " + Counted(At(link, "packets_in"), "packet") + " of " +
+                           Counted(At(link, "bytes_in"), "byte") + ", out " +
+                           Counted(At(link, "packets_out"), "packet") + " of " +
+                           Counted(At(link, "bytes_out"), "byte") + ", " +
+                           Counted(At(link, "refused_hosts"), "host") + " refused, queue full " +
+                           Counted(At(link, "queue_full"), "time"));
+    }
+
+    void AddItem(const json &item)
+    {
+        const json &subscription = At(item, "subscription");
+        const json &reading = At(item, "last_reading");
+        std::string text = "off";
+        if (subscription.is_object()) {
+            text =
+                "on" + Since(subscription) + " by request " + Plain(At(subscription, "request_id"));
+        }
+        text += ", source " + Plain(At(item, "source"));
+        if (reading.is_object()) {
+            text += ", last " + ValuesText(At(reading, "values")) + " " +
+                    LengthText(Whole(At(reading, "age_ms")), true) + " ago";
+        }
+        text += ", " + Counted(At(item, "delivered"), "reading");
+        std::string label = Plain(At(item, "item"));
+        std::replace(label.begin(), label.end(), '_', ' ');
+        Add(label, text);
+    }
+
+    void AddPowerLocks()
+    {
+        const json &locks = At(mStatus, "power_locks");
+        for (const json &lock : locks) {
+            const json &endsInMs = At(lock, "ends_in_ms");
+            std::string text = "state " + Plain(At(lock, "state")) + ", held by " +
+                               Plain(At(lock, "held_by")) + Since(lock);
+            if (endsInMs.is_number()) {
+                text += ", ends in " + LengthText(Whole(endsInMs));
+            }
+            Add("power lock", text);
+        }
+        if (locks.empty()) {
+            Add("power lock", "none");
+        }
+    }
+
+    void AddPreferences()
+    {
+        const json &preferences = At(mStatus, "preferences");
+        if (!preferences.is_object() || preferences.empty()) {
+            Add("preference", preferences.is_object() ? "none" : "cannot be read");
+            return;
+        }
+        for (const auto &[key, value] : preferences.items()) {
+            Add("preference", Printable(key) + " = " +
+                                  value.dump(-1, ' ', false, json::error_handler_t::replace));
+        }
+        if (const json &leftOut = At(mStatus, "preferences_left_out"); leftOut.is_number()) {
+            Add("preference", "(" + Plain(leftOut) + " more that are too long)");
+        }
+    }
+
+    const json &mStatus;
+    std::optional<std::tm> mNow;
+    Lines mLines;
+};
+
+} // namespace
+
+std::string LengthText(std::int64_t ms, bool isFine)
+{
+    constexpr std::int64_t kSecond = 1000;
+    constexpr std::int64_t kMinute = 60 * kSecond;
+    constexpr std::int64_t kHour = 60 * kMinute;
+    constexpr std::int64_t kDay = 24 * kHour;
+    const auto number = [](std::int64_t value) { return std::to_string(value); };
+    if (isFine && ms < 10 * kSecond) {
+        return number(ms / kSecond) + "." + number(ms % kSecond / 100) + " s";
+    }
+    if (ms < kMinute) {
+        return number(ms / kSecond) + " s";
+    }
+    if (ms < kHour) {
+        return number(ms / kMinute) + " min " + number(ms % kMinute / kSecond) + " s";
+    }
+    if (ms < kDay) {
+        return number(ms / kHour) + " h " + number(ms % kHour / kMinute) + " min";
+    }
+    return number(ms / kDay) + " d " + number(ms % kDay / kHour) + " h";
+}
+
+std::vector<std::string> StatusText(const json &status)
+{
+    return Layout(status).Take();
+}
+
+} // namespace ParvaneWatch
