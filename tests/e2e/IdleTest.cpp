@@ -56,11 +56,13 @@ TEST_F(IdleTest, ServiceWithoutAHostIsOneThreadThatSleepsForAMinute)
     ExpectAsleep();
 }
 
-TEST_F(IdleTest, ServiceWithAHostThatAsksNothingSleepsForAMinute)
+TEST_F(IdleTest, ServiceWithAHostAndAViewerThatAskNothingSleepsForAMinute)
 {
     StartService({{"PARVANE_TRACE", PARVANE_RECORDING}});
     const Host host(LinkPath());
     ASSERT_EQ(host.Ask({0x01, 0x00, 0x00, 0x00}, 5).size(), 5U);
+    const Host viewer(mRunDirectory / "control.sock"); // it is a socket of the same kind
+    ASSERT_EQ(viewer.Ask({'{', '}'}, 1).size(), 1U);
 
     ExpectAsleep();
 }
