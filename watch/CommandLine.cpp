@@ -5,6 +5,7 @@
 #include <CLI/Formatter.hpp>
 #include <charconv>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -200,31 +201,33 @@ Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment 
 {
     const std::string name = app.get_subcommands().front()->get_name();
     Invocation invocation;
+    json request;
     invocation.mJson = texts.mJson;
     invocation.mSocketPath =
         CheckedPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment));
     if (name == "status") {
         invocation.mAction = Invocation::Action::Status;
-        invocation.mRequest = {{"request", name}};
+        request = {{"request", name}};
     } else if (name == "record") {
         if (texts.mFile.value_or("").empty()) {
             throw UsageError("record: no file given; allowed: the path of a file that is made");
         }
         invocation.mAction = Invocation::Action::Record;
-        invocation.mRequest = {{"request", name}};
+        request = {{"request", name}};
         invocation.mFile = *texts.mFile;
         invocation.mForce = texts.mForce;
     } else {
         invocation.mAction = Invocation::Action::Request;
         if (name == "set") {
-            invocation.mRequest = SetRequest(texts);
+            request = SetRequest(texts);
         } else if (name == "quit") {
-            invocation.mRequest = {{"request", name}};
+            request = {{"request", name}};
         } else {
-            invocation.mRequest = StateRequest(name, texts);
+            request = StateRequest(name, texts);
         }
     }
-    invocation.mRequest["version"] = ControlClient::kVersion;
+    request["version"] = ControlClient::kVersion;
+    invocation.mRequest = request.dump(-1, ' ', false, json::error_handler_t::replace);
     return invocation;
 }
 

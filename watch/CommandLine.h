@@ -1,6 +1,5 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
 #include <string>
 #include <variant>
 #include <vector>
@@ -22,9 +21,9 @@ struct Invocation
     Action mAction = Action::Status;
     std::string mSocketPath;
     bool mJson = false;
-    nlohmann::json mRequest; // of every action
-    std::string mFile;       // Record
-    bool mForce = false;     // Record: an existing file may be overwritten
+    std::string mRequest; // of every action: its JSON
+    std::string mFile;    // Record
+    bool mForce = false;  // Record: an existing file may be overwritten
 };
 
 /** A run that is over before it begins: help, version, or wrong usage. */

@@ -223,7 +223,7 @@ Outcome CommandRunner::Print(const std::string &text)
     return {ExitCode::Failure};
 }
 
-void CommandRunner::Complain(const std::string &text)
+void CommandRunner::Complain(const std::string &text) const
 {
     WriteAll(STDERR_FILENO, (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + text) + '\n');
 }

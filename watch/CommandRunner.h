@@ -44,7 +44,7 @@ private:
     void ShowProgress(bool isLast);
     Outcome Refused(const nlohmann::json &message);
     Outcome Print(const std::string &text);
-    void Complain(const std::string &text);
+    void Complain(const std::string &text) const;
 
     Invocation mInvocation;
     const Signals &mSignals;

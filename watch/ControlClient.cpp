@@ -44,13 +44,12 @@ ControlClient::ControlClient(std::string path, int interruptFd, milliseconds ans
     Connect();
 }
 
-json ControlClient::Ask(const json &request)
+json ControlClient::Ask(const std::string &request)
 {
-    const std::string text = request.dump();
     if (WaitFor(POLLOUT, mAnswerTime, true) == Wait::TimedOut) {
         throw Unreachable(Timeout());
     }
-    const ssize_t sent = ::send(mSocket.Get(), text.data(), text.size(), MSG_NOSIGNAL);
+    const ssize_t sent = ::send(mSocket.Get(), request.data(), request.size(), MSG_NOSIGNAL);
     // A service that takes no more clients says so and hangs up, perhaps before it is asked.
     if (sent < 0 && errno != EPIPE && errno != ECONNRESET) {
         throw Unreachable("the connection " + mPath + " failed: " + ErrnoText(errno));

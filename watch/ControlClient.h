@@ -51,11 +51,11 @@ public:
                   std::chrono::milliseconds answerTime = kAnswerTime);
 
     /**
-     * Sends a request and waits for its reply, an object whose "ok" says whether it was served.
+     * Sends a request, a JSON text, and waits for its reply, an object whose "ok" says whether it was served.
      *
      * @throws Unreachable, ProtocolError, Interrupted
      */
-    nlohmann::json Ask(const nlohmann::json &request);
+    nlohmann::json Ask(const std::string &request);
 
     /**
      * Waits for the next message, an object; for streams.

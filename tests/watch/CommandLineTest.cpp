@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include <nlohmann/json.hpp>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,7 +27,7 @@ Invocation Parsed(const std::vector<std::string> &arguments)
 
 json RequestOf(const std::vector<std::string> &arguments)
 {
-    return Parsed(arguments).mRequest;
+    return json::parse(Parsed(arguments).mRequest);
 }
 
 std::string ErrorOf(const std::vector<std::string> &arguments)

@@ -42,9 +42,7 @@ TEST(ControlClientTest, AServiceThatDoesNotAnswerIsUnreachable)
 {
     const ScriptedService service;
     ControlClient client(service.Path(), -1, 10ms);
-    EXPECT_EQ(TextOfFailure<Unreachable>([&client] {
-                  client.Ask({{"request", "status"}});
-              }),
+    EXPECT_EQ(TextOfFailure<Unreachable>([&client] { client.Ask(R"({"request":"status"})"); }),
               "no answer on " + service.Path() + " within 10 ms");
 }
 
@@ -54,9 +52,7 @@ TEST(ControlClientTest, AServiceThatHangsUpIsUnreachable)
     ControlClient client(service.Path(), -1);
     service.Accept();
     service.HangUp();
-    EXPECT_EQ(TextOfFailure<Unreachable>([&client] {
-                  client.Ask({{"request", "status"}});
-              }),
+    EXPECT_EQ(TextOfFailure<Unreachable>([&client] { client.Ask(R"({"request":"status"})"); }),
               "the service closed the connection " + service.Path() +
                   ": it ends, or does not serve this user");
 }
@@ -68,7 +64,7 @@ TEST(ControlClientTest, WhatAServiceSaysBeforeItHangsUpIsHeard)
     service.Accept();
     service.Send(R"({"version":1,"ok":false,"error":{"code":"busy","message":"full"}})");
     service.HangUp();
-    EXPECT_EQ(client.Ask({{"request", "status"}}).at("error").at("code"), "busy");
+    EXPECT_EQ(client.Ask(R"({"request":"status"})").at("error").at("code"), "busy");
 }
 
 TEST(ControlClientTest, AReplyThatIsNoneBreaksTheProtocol)
@@ -82,9 +78,7 @@ TEST(ControlClientTest, AReplyThatIsNoneBreaksTheProtocol)
         if (*reply == '\0') {
             continue; // an empty message cannot be told from the end
         }
-        EXPECT_NE(TextOfFailure<ProtocolError>([&client] {
-                      client.Ask({{"request", "quit"}});
-                  }),
+        EXPECT_NE(TextOfFailure<ProtocolError>([&client] { client.Ask(R"({"request":"quit"})"); }),
                   "no failure")
             << reply;
     }

@@ -16,6 +16,9 @@ namespace {
 
 class RecordingFileTest : public testing::Test
 {
+public:
+    ~RecordingFileTest() override { std::filesystem::remove_all(mDirectory); }
+
 protected:
     RecordingFileTest()
     {
@@ -23,8 +26,6 @@ protected:
         EXPECT_NE(::mkdtemp(pattern.data()), nullptr);
         mDirectory = pattern;
     }
-    ~RecordingFileTest() override { std::filesystem::remove_all(mDirectory); }
-
     std::string Path() const { return mDirectory / "file"; }
 
     std::string Content() const

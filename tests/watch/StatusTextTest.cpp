@@ -17,18 +17,19 @@ using testing::ElementsAre;
 /** In a time zone an hour east of Greenwich. */
 class StatusTextTest : public testing::Test
 {
-protected:
-    StatusTextTest()
-    {
-        ::setenv("TZ", "XYZ-1", 1);
-        ::tzset();
-    }
+public:
     ~StatusTextTest() override
     {
         ::unsetenv("TZ");
         ::tzset();
     }
 
+protected:
+    StatusTextTest()
+    {
+        ::setenv("TZ", "XYZ-1", 1);
+        ::tzset();
+    }
     static json Item(const json &values, const json &subscription = nullptr)
     {
         return {{"item", "heart_rate"},

@@ -280,7 +280,7 @@ private:
     }
 
     /** The source that can be set, if it serves the item. */
-    ManualSource &Manual(ContextItem item)
+    ManualSource &Manual(ContextItem item) const
     {
         SourceKind kind = SourceKind::None;
         for (const ContextManager::ItemStatus &status : mParts.mContext.Status()) {
