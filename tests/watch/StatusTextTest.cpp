@@ -30,6 +30,7 @@ protected:
         ::setenv("TZ", "XYZ-1", 1);
         ::tzset();
     }
+
     static json Item(const json &values, const json &subscription = nullptr)
     {
         return {{"item", "heart_rate"},

@@ -31,7 +31,6 @@ namespace ParvanePlatform {
 namespace {
 
 using nlohmann::json;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
