@@ -20,7 +20,8 @@ namespace {
 using nlohmann::json;
 
 constexpr const char *kProgram = "parvane-watch";
-constexpr const char *kSubcommands = "status, set, link, memory, battery, quit, record";
+constexpr const char *kSubcommands =
+    "status, set, link, memory, battery, quit, record, check-config";
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
 struct Texts
@@ -41,11 +42,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-constexpr const char *kFooter = "Exit codes:\n"
-                                "  0  done\n"
-                                "  1  the service has refused it, or a file could not be written\n"
-                                "  2  bad usage\n"
-                                "  3  the service cannot be reached";
+constexpr const char *kFooter =
+    "Exit codes:\n"
+    "  0  done\n"
+    "  1  the service has refused it, a file could not be written, or a\n"
+    "     configuration file is one that the service would not start with\n"
+    "  2  bad usage, or a configuration file that cannot be read\n"
+    "  3  the service cannot be reached";
 
 void AddSubcommands(CLI::App &app, Texts &texts)
 {
@@ -75,7 +78,12 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     record->add_option("file", texts.mFile, "The recording");
     record->add_flag("--force", texts.mForce, "Overwrite a file that exists");
 
-    for (CLI::App *subcommand : {status, set, link, memory, battery, quit, record}) {
+    CLI::App *check = app.add_subcommand(
+        "check-config", "Say what is wrong with a configuration file, without a service;\n"
+                        "it would start with a file that is checked with exit code 0");
+    check->add_option("file", texts.mFile, "The configuration file");
+
+    for (CLI::App *subcommand : {status, set, link, memory, battery, quit, record, check}) {
         subcommand->footer("The options of 'parvane-watch --help' are allowed here, too.");
     }
 }
@@ -203,6 +211,15 @@ Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment 
     Invocation invocation;
     json request;
     invocation.mJson = texts.mJson;
+    if (name == "check-config") {
+        if (texts.mFile.value_or("").empty()) {
+            throw UsageError(
+                "check-config: no file given; allowed: the path of a configuration file");
+        }
+        invocation.mAction = Invocation::Action::CheckConfig;
+        invocation.mFile = *texts.mFile;
+        return invocation;
+    }
     invocation.mSocketPath =
         CheckedPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment));
     if (name == "status") {

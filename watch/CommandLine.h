@@ -16,13 +16,14 @@ struct Invocation
         Status,
         Request, // whose reply says just whether it was served
         Record,
+        CheckConfig, // which needs no service
     };
 
     Action mAction = Action::Status;
     std::string mSocketPath;
     bool mJson = false;
-    std::string mRequest; // of every action: its JSON
-    std::string mFile;    // Record
+    std::string mRequest; // of every action that needs the service: its JSON
+    std::string mFile;    // Record, CheckConfig
     bool mForce = false;  // Record: an existing file may be overwritten
 };
 

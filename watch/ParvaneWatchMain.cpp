@@ -1,10 +1,12 @@
 #include <cstdlib>
 #include <exception>
+#include <iostream>
 #include <string>
 #include <unistd.h>
 #include <variant>
 #include <vector>
 
+#include "CheckConfig.h"
 #include "CommandLine.h"
 #include "CommandRunner.h"
 #include "Signals.h"
@@ -24,8 +26,12 @@ ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
         WriteAll(STDERR_FILENO, ending->mError);
         return {ending->mCode};
     }
-    ParvaneWatch::CommandRunner runner(std::move(std::get<ParvaneWatch::Invocation>(parsed)),
-                                       signals);
+    auto &invocation = std::get<ParvaneWatch::Invocation>(parsed);
+    if (invocation.mAction == ParvaneWatch::Invocation::Action::CheckConfig) {
+        return {static_cast<ExitCode>(
+            ParvaneWatch::CheckConfig(invocation.mFile, invocation.mJson, std::cout, std::cerr))};
+    }
+    ParvaneWatch::CommandRunner runner(std::move(invocation), signals);
     return runner.Run();
 }
 

@@ -80,7 +80,7 @@ TEST(CommandLineTest, GlobalOptionsMayFollowTheSubcommand)
 TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
 {
     EXPECT_EQ(ErrorOf({}), "parvane-watch: no subcommand given; allowed: status, set, link, "
-                           "memory, battery, quit, record");
+                           "memory, battery, quit, record, check-config");
     EXPECT_THAT(ErrorOf({"frob"}), HasSubstr("unknown subcommand 'frob'; allowed: status"));
     EXPECT_EQ(ErrorOf({"set"}),
               "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");

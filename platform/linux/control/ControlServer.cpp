@@ -20,11 +20,10 @@ constexpr GIOCondition kAllEvents = static_cast<GIOCondition>(kReadEvents | G_IO
 
 ControlServer::ControlServer(const std::string &runtimeDirectory,
                              std::unique_ptr<ControlHandler> handler, ContextManager &context,
-                             const Clock &clock, RecordingTextFactory makeText)
+                             const Clock &clock)
     : mClock(clock),
       mContext(context),
       mHandler(std::move(handler)),
-      mMakeText(std::move(makeText)),
       mListener(runtimeDirectory + '/' + kSocketName),
       mBuffer(kMaxRequestBytes)
 {
@@ -36,7 +35,7 @@ ControlServer::~ControlServer()
     mContext.SetTap(nullptr);
     try {
         for (Client &client : mClients) {
-            if (client.mText && !client.mIsEnding && !client.mIsGone) {
+            if (client.mWriter && !client.mIsEnding && !client.mIsGone) {
                 Enqueue(client, EndMessage());
             }
         }
@@ -162,7 +161,7 @@ bool ControlServer::ReadMessage(Client &client)
 
 void ControlServer::Serve(Client &client, std::string_view message)
 {
-    if (client.mText) {
+    if (client.mWriter) {
         Reply(client, ErrorMessage(ControlError::Recording,
                                    "this connection records; make another one for requests"));
         return;
@@ -187,7 +186,7 @@ void ControlServer::Serve(Client &client, std::string_view message)
 
 void ControlServer::Reply(Client &client, const std::string &reply)
 {
-    if (client.mText) {
+    if (client.mWriter) {
         Enqueue(client, reply); // in its place among the rows
         return;
     }
@@ -204,9 +203,9 @@ void ControlServer::Reply(Client &client, const std::string &reply)
 void ControlServer::StartRecording(Client &client)
 {
     LogInfo("control: process %d records", client.mPid);
-    client.mText = mMakeText();
+    client.mWriter.emplace();
     client.mStartUs = mClock.MonotonicUs();
-    Enqueue(client, HeaderMessage(client.mText->Header(mClock.WallMs())));
+    Enqueue(client, HeaderMessage(RecordingWriter::Header(mClock.WallMs())));
     mContext.SetTap(
         [this](ContextItem item, const SensorReading &reading) { Record(item, reading); });
 }
@@ -214,11 +213,11 @@ void ControlServer::StartRecording(Client &client)
 void ControlServer::Record(ContextItem item, const SensorReading &reading)
 {
     for (Client &client : mClients) {
-        if (!client.mText || client.mIsEnding || client.mIsGone) {
+        if (!client.mWriter || client.mIsEnding || client.mIsGone) {
             continue;
         }
         const std::int64_t timeMs = (mClock.MonotonicUs() - client.mStartUs) / 1000;
-        const RecordingText::Row row = client.mText->MakeRow(timeMs, item, reading);
+        const RecordingWriter::Row row = client.mWriter->MakeRow(timeMs, item, reading);
         Enqueue(client, row.mError.empty() ? RowMessage(row.mText) : LeftOutMessage(row.mError));
     }
 }
@@ -286,8 +285,9 @@ void ControlServer::Drop(Client &client)
 void ControlServer::Sweep()
 {
     std::erase_if(mClients, [](const Client &client) { return client.mIsGone; });
-    const bool records = std::any_of(mClients.begin(), mClients.end(),
-                                     [](const Client &client) { return client.mText != nullptr; });
+    const bool records = std::any_of(mClients.begin(), mClients.end(), [](const Client &client) {
+        return client.mWriter.has_value();
+    });
     if (!records) {
         mContext.SetTap(nullptr);
     }

@@ -5,14 +5,15 @@
 #include <deque>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Clock.h"
 #include "base/LoopSource.h"
 #include "context_manager/ContextManager.h"
+#include "context_manager/RecordingWriter.h"
 #include "control/ControlHandler.h"
-#include "control/RecordingText.h"
 #include "tal_client/LinkSocket.h"
 
 namespace ParvanePlatform {
@@ -53,8 +54,7 @@ public:
      * @throws StartupError when there can be no socket
      */
     ControlServer(const std::string &runtimeDirectory, std::unique_ptr<ControlHandler> handler,
-                  ContextManager &context, const Clock &clock,
-                  RecordingTextFactory makeText = MakeRecordingText);
+                  ContextManager &context, const Clock &clock);
 
     /** Tells those who record of the end, and closes all connections. */
     ~ControlServer();
@@ -72,7 +72,7 @@ private:
         int mPid = 0;
         LoopSource mSource;
         /** Set while the client records. */
-        std::unique_ptr<RecordingText> mText;
+        std::optional<RecordingWriter> mWriter;
         std::int64_t mStartUs = 0;
         std::deque<std::string> mQueue;
         std::size_t mQueuedBytes = 0;
@@ -105,7 +105,6 @@ private:
     const Clock &mClock;
     ContextManager &mContext;
     std::unique_ptr<ControlHandler> mHandler;
-    RecordingTextFactory mMakeText;
     ListeningSocket mListener;
     std::vector<unsigned char> mBuffer;
     std::list<Client> mClients;

@@ -35,20 +35,6 @@ std::string IsoTime(std::int64_t wallMs)
     return text.data();
 }
 
-/** What the power locks tell of one of them; a field that they do not tell is empty. */
-struct LockStatus
-{
-    std::optional<int> mState;
-    std::optional<std::string> mBackend;
-    std::optional<std::int64_t> mTakenMs;
-    std::optional<std::int64_t> mEndUs;
-};
-
-std::vector<LockStatus> LocksOf(const PowerLocks &power)
-{
-    return std::vector<LockStatus>(power.Count());
-}
-
 const char *HostStateName(AccessoryLink::HostState state)
 {
     switch (state) {
@@ -121,15 +107,13 @@ public:
     json PowerLocksHeld() const
     {
         json locks = json::array();
-        for (const LockStatus &lock : LocksOf(mParts.mPower)) {
-            json entry = lock.mTakenMs ? Since(*lock.mTakenMs) : json::object();
-            entry["state"] = lock.mState ? json(*lock.mState) : json(nullptr);
-            entry["held_by"] = lock.mBackend ? json(*lock.mBackend) : json(nullptr);
-            if (lock.mEndUs) {
-                const std::int64_t leftMs = std::max<std::int64_t>(*lock.mEndUs - mNowUs, 0) / 1000;
-                entry["ends"] = IsoTime(mNowMs + leftMs);
-                entry["ends_in_ms"] = leftMs;
-            }
+        for (const PowerLocks::Status &lock : mParts.mPower.List()) {
+            const std::int64_t leftMs = std::max<std::int64_t>(lock.mEndUs - mNowUs, 0) / 1000;
+            json entry = Since(lock.mTakenMs);
+            entry["state"] = lock.mState;
+            entry["held_by"] = lock.mBackend;
+            entry["ends"] = IsoTime(mNowMs + leftMs);
+            entry["ends_in_ms"] = leftMs;
             locks.push_back(std::move(entry));
         }
         return locks;

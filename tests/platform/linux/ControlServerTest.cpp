@@ -125,21 +125,14 @@ private:
     std::vector<std::string> &mEvents;
 };
 
-/** A recording whose header is its start, and whose rows are their times and values. */
-class ShortText : public RecordingText
-{
-public:
-    std::string Header(std::int64_t wallMs) override { return std::to_string(wallMs) + "\n"; }
+/** What follows the heart rate in a row that has nothing else, and the row's end, as JSON. */
+constexpr char kRest[] = ",,,,,,,,,,,,\\n";
 
-    Row MakeRow(std::int64_t timeMs, ContextItem item, const SensorReading &reading) override
-    {
-        const int value = std::get<int>(reading.begin()->mValue);
-        if (value < 0) {
-            return {"", "item " + std::to_string(static_cast<int>(item)) + " is negative"};
-        }
-        return {std::to_string(timeMs) + "," + std::to_string(value) + "\n", ""};
-    }
-};
+/** The message of a row with a heart rate. */
+std::string HeartRateRow(std::int64_t timeMs, int rate)
+{
+    return "{\"row\":\"" + std::to_string(timeMs) + "," + std::to_string(rate) + kRest + "\"}";
+}
 
 /** An error reply. */
 class ErrorOf
@@ -165,6 +158,7 @@ protected:
         Start();
         int requestId = 0;
         EXPECT_EQ(mContext.Subscribe(7, nullptr, FreeReading, nullptr, requestId), 0);
+        EXPECT_EQ(mContext.Subscribe(23, nullptr, FreeReading, nullptr, requestId), 0);
         RunWhileBusy();
     }
 
@@ -172,6 +166,7 @@ protected:
     {
         SensorSources sources;
         sources.Assign(ContextItem::HeartRate, SourceKind::Manual, mManual);
+        sources.Assign(ContextItem::Activity, SourceKind::Manual, mManual);
         return sources;
     }
 
@@ -185,8 +180,7 @@ protected:
     {
         mServer.reset();
         mServer = std::make_unique<ControlServer>(
-            mDirectory.Path(), std::make_unique<EchoHandler>(mEvents), mContext, mClock,
-            [] { return std::make_unique<ShortText>(); });
+            mDirectory.Path(), std::make_unique<EchoHandler>(mEvents), mContext, mClock);
     }
 
     std::string Socket() const { return mDirectory / "control.sock"; }
@@ -196,7 +190,7 @@ protected:
     {
         auto client = std::make_unique<RawClient>(Socket());
         EXPECT_EQ(client->Ask("record"), "echo record");
-        EXPECT_EQ(client->Receive(), R"({"header":"1769862896789\n"})");
+        EXPECT_THAT(client->Receive(), HasSubstr("# start_epoch_s: 1769862896\\n"));
         return client;
     }
 
@@ -380,8 +374,8 @@ TEST_F(ControlServerTest, ARecordingIsItsHeaderAndARowForEachReading)
     mClock.mMonotonicUs = 1500000;
     mManual->SetHeartRate(73);
 
-    EXPECT_EQ(client->Receive(), R"({"row":"0,72\n"})");
-    EXPECT_EQ(client->Receive(), R"({"row":"1500,73\n"})");
+    EXPECT_EQ(client->Receive(), HeartRateRow(0, 72));
+    EXPECT_EQ(client->Receive(), HeartRateRow(1500, 73));
     EXPECT_EQ(client->TryReceive(), std::nullopt);
 }
 
@@ -393,15 +387,15 @@ TEST_F(ControlServerTest, EachRecordingHasItsOwnBeginning)
 
     mManual->SetHeartRate(72);
 
-    EXPECT_EQ(first->Receive(), R"({"row":"1000,72\n"})");
-    EXPECT_EQ(second->Receive(), R"({"row":"0,72\n"})");
+    EXPECT_EQ(first->Receive(), HeartRateRow(1000, 72));
+    EXPECT_EQ(second->Receive(), HeartRateRow(0, 72));
 }
 
 TEST_F(ControlServerTest, AReadingThatARecordingCannotHoldIsTold)
 {
     const auto client = Recorder();
-    mManual->SetHeartRate(-3);
-    EXPECT_EQ(client->Receive(), R"({"left_out":"item 7 is negative"})");
+    mManual->SetActivity(4);
+    EXPECT_EQ(client->Receive(), R"({"left_out":"activity: 4 is not an activity from 0 to 3"})");
 }
 
 TEST_F(ControlServerTest, AConnectionThatRecordsRefusesRequestsAndGoesOn)
@@ -409,7 +403,7 @@ TEST_F(ControlServerTest, AConnectionThatRecordsRefusesRequestsAndGoesOn)
     const auto client = Recorder();
     EXPECT_EQ(ErrorOf(client->Ask("hello")).Code(), "recording");
     mManual->SetHeartRate(72);
-    EXPECT_EQ(client->Receive(), R"({"row":"0,72\n"})");
+    EXPECT_EQ(client->Receive(), HeartRateRow(0, 72));
 }
 
 TEST_F(ControlServerTest, TheEndOfTheServiceEndsTheRecordingAfterItsLastRow)
@@ -418,7 +412,7 @@ TEST_F(ControlServerTest, TheEndOfTheServiceEndsTheRecordingAfterItsLastRow)
     mManual->SetHeartRate(72);
     mServer.reset();
 
-    EXPECT_EQ(client->Receive(), R"({"row":"0,72\n"})");
+    EXPECT_EQ(client->Receive(), HeartRateRow(0, 72));
     EXPECT_EQ(client->Receive(), R"({"end":"service-ended"})");
     EXPECT_EQ(client->Receive(), "end");
     mManual->SetHeartRate(73); // nobody listens any more
@@ -431,12 +425,12 @@ TEST_F(ControlServerTest, ARecordingThatIsReadLateLacksNoRow)
         mManual->SetHeartRate(rate);
     }
     for (int rate = 0; rate < 10000; ++rate) {
-        ASSERT_EQ(client->Receive(), "{\"row\":\"0," + std::to_string(rate) + "\\n\"}");
+        ASSERT_EQ(client->Receive(), HeartRateRow(0, rate));
     }
     RunWhileBusy();
     EXPECT_EQ(NextWakeMs(), -1);
     mManual->SetHeartRate(1);
-    EXPECT_EQ(client->Receive(), R"({"row":"0,1\n"})");
+    EXPECT_EQ(client->Receive(), HeartRateRow(0, 1));
 }
 
 TEST_F(ControlServerTest, ARecordingThatIsNotReadEndsAfterItsLastWholeRowAndSaysSo)
@@ -449,7 +443,7 @@ TEST_F(ControlServerTest, ARecordingThatIsNotReadEndsAfterItsLastWholeRowAndSays
     int rows = 0;
     std::string message = client->Receive();
     for (; message.starts_with("{\"row\""); message = client->Receive()) {
-        ASSERT_THAT(message, HasSubstr("," + std::to_string(rows) + "\\n"));
+        ASSERT_THAT(message, HasSubstr("," + std::to_string(rows) + kRest));
         ++rows;
     }
     EXPECT_GT(rows, 10000);
@@ -478,11 +472,11 @@ TEST_F(ControlServerTest, ARecorderThatGoesInTheMiddleLeavesTheOthersTheirRows)
     going.reset();
     mManual->SetHeartRate(72); // before the server has heard of the end
 
-    EXPECT_EQ(staying->Receive(), R"({"row":"0,72\n"})");
+    EXPECT_EQ(staying->Receive(), HeartRateRow(0, 72));
     RunWhileBusy();
     EXPECT_EQ(mServer->ClientCount(), 1U);
     mManual->SetHeartRate(73);
-    EXPECT_EQ(staying->Receive(), R"({"row":"0,73\n"})");
+    EXPECT_EQ(staying->Receive(), HeartRateRow(0, 73));
 }
 
 } // namespace ParvanePlatform
