@@ -1,6 +1,7 @@
 #include "BusParts.h"
 
 #include <dlfcn.h>
+#include <filesystem>
 #include <new>
 #include <string>
 
@@ -17,6 +18,19 @@ constexpr char kModule[] = "parvane-platform-bus.so";
     const char *reason = ::dlerror();
     throw StartupError(std::string("cannot load ") + kModule + ": " +
                        (reason != nullptr ? reason : "unknown reason"));
+}
+
+/**
+ * The module beside the library that this code lies in: by its whole path, since the loader looks up
+ * a bare name from the caller of dlopen, which a sanitizer puts itself in the place of.
+ */
+std::filesystem::path ModulePath()
+{
+    Dl_info library = {};
+    if (::dladdr(&kModule, &library) == 0 || library.dli_fname == nullptr) {
+        return kModule;
+    }
+    return std::filesystem::path(library.dli_fname).replace_filename(kModule);
 }
 
 } // namespace
@@ -36,7 +50,7 @@ bool NeedsBus(const Settings &settings)
 std::unique_ptr<BusParts> LoadBusParts()
 {
     // For good: GIO cannot be unloaded.
-    void *module = ::dlopen(kModule, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    void *module = ::dlopen(ModulePath().c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (module == nullptr) {
         Refuse();
     }

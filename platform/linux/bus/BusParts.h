@@ -46,7 +46,7 @@ constexpr char kMakeBusPartsSymbol[] = "parvane_make_bus_parts";
 bool NeedsBus(const Settings &settings);
 
 /**
- * Loads the module.
+ * Loads the module, which lies beside the platform's library.
  *
  * @throws StartupError that names the module and what the loader says
  */
