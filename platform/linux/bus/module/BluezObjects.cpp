@@ -172,19 +172,18 @@ bool BluezObjects::IsPowered(const std::string &adapter) const
 
 std::vector<std::string> BluezObjects::FindStraps(const BleSettings &settings) const
 {
-    std::vector<std::string> straps;
+    std::vector<std::string> connected;
+    std::vector<std::string> others;
     for (const auto &[path, device] : mDevices) {
         const bool isMeant =
             settings.mDevice.empty() ? device.mIsStrap : IsSame(device.mAddress, settings.mDevice);
         const std::string adapter = AdapterOf(path);
         if (isMeant && IsNamed(adapter, settings.mAdapter) && IsPowered(adapter)) {
-            straps.push_back(path);
+            (device.mIsConnected ? connected : others).push_back(path);
         }
     }
-    std::stable_partition(straps.begin(), straps.end(), [this](const std::string &path) {
-        return FindDevice(path)->mIsConnected;
-    });
-    return straps;
+    connected.insert(connected.end(), others.begin(), others.end());
+    return connected;
 }
 
 const BluezObjects::Device *BluezObjects::FindDevice(const std::string &path) const
