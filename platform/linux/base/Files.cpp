@@ -29,6 +29,27 @@ int WriteAll(int fd, std::string_view content)
     return 0;
 }
 
+/** Opens a regular file that exists. Returns 0, an errno value or kNotARegularFile. */
+int OpenRegularFile(const std::string &path, int flags, UniqueFd &file)
+{
+    struct stat status = {};
+    const bool isFollowed = (flags & O_NOFOLLOW) == 0;
+    if ((isFollowed ? ::stat(path.c_str(), &status) : ::lstat(path.c_str(), &status)) != 0) {
+        return errno;
+    }
+    if (S_ISREG(status.st_mode)) {
+        // Not blocking: a FIFO that takes the file's place just now must not hold the caller up.
+        file.Reset(::open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (!file || ::fstat(file.Get(), &status) != 0) {
+            return errno;
+        }
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return EISDIR;
+    }
+    return S_ISREG(status.st_mode) ? 0 : kNotARegularFile;
+}
+
 int WriteNewFile(const std::string &path, std::string_view content, Durability durability)
 {
     const UniqueFd file(
@@ -75,20 +96,9 @@ int MakeDirectories(const std::string &path)
 
 int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content)
 {
-    // Not blocking: a FIFO in the file's place must not hold the caller up.
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!file) {
-        return errno;
-    }
-    struct stat status = {};
-    if (::fstat(file.Get(), &status) != 0) {
-        return errno;
-    }
-    if (S_ISDIR(status.st_mode)) {
-        return EISDIR;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return EINVAL;
+    UniqueFd file;
+    if (const int error = OpenRegularFile(path, O_RDONLY, file); error != 0) {
+        return error;
     }
     std::string read;
     for (;;) {
@@ -112,6 +122,13 @@ int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &co
     return 0;
 }
 
+int WriteInPlace(const std::string &path, std::string_view content)
+{
+    UniqueFd file;
+    const int error = OpenRegularFile(path, O_WRONLY | O_NOFOLLOW, file);
+    return error != 0 ? error : WriteAll(file.Get(), content);
+}
+
 int WriteFileAtomically(const std::string &path, std::string_view content, Durability durability)
 {
     const std::string directory = ParentOf(path);
@@ -129,7 +146,8 @@ int WriteFileAtomically(const std::string &path, std::string_view content, Durab
 
 std::string ErrorText(int error)
 {
-    return std::generic_category().message(error);
+    return error == kNotARegularFile ? "it is not a regular file"
+                                     : std::generic_category().message(error);
 }
 
 int SyncDirectory(const std::string &path)

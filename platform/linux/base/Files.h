@@ -10,6 +10,12 @@ namespace ParvanePlatform {
 enum class Durability { FileSystem, Disk };
 
 /**
+ * What stands for an errno value where something else than a regular file is in a file's place. None
+ * that the system has will do: drivers return each of them when their files are read or written.
+ */
+inline constexpr int kNotARegularFile = -1;
+
+/**
  * Makes a directory and those above it that are missing, each with mode 0700.
  *
  * @return 0, also when it exists already, or an errno value
@@ -17,11 +23,21 @@ enum class Durability { FileSystem, Disk };
 int MakeDirectories(const std::string &path);
 
 /**
- * Reads a regular file of at most `maxBytes` bytes.
+ * Reads a regular file of at most `maxBytes` bytes. Anything else is not even opened: that alone
+ * makes some devices do something.
  *
- * @return 0, or an errno value; EFBIG when the file is longer, EINVAL when it is not a regular file
+ * @return 0, or an errno value; EFBIG when the file is longer, EISDIR for a directory,
+ *         kNotARegularFile for what is neither
  */
 int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content);
+
+/**
+ * Writes to the beginning of a regular file that exists, such as an attribute of sysfs. A symbolic
+ * link is not followed.
+ *
+ * @return 0, or an errno value; EISDIR and kNotARegularFile as from ReadWholeFile()
+ */
+int WriteInPlace(const std::string &path, std::string_view content);
 
 /**
  * Writes a file of mode 0600 so that a reader sees the old content or the new one, never a part:
@@ -31,7 +47,7 @@ int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &co
  */
 int WriteFileAtomically(const std::string &path, std::string_view content, Durability durability);
 
-/** The text of an errno value. */
+/** The text of an errno value, kNotARegularFile included. */
 std::string ErrorText(int error);
 
 /** Makes what happened to the names in a directory durable. Returns 0 or an errno value. */

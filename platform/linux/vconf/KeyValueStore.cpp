@@ -71,7 +71,7 @@ int KeyValueStore::GetInt(std::string_view key, int &value) const
         return ErrorCode::kNotFound;
     case EFBIG:
     case EISDIR:
-    case EINVAL:
+    case kNotARegularFile:
         return ErrorCode::kBadContent;
     default:
         return ErrorCode::kInputOutput;

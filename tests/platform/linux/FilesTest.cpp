@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -62,9 +63,44 @@ TEST_F(FilesTest, OnlyRegularFilesAreRead)
 {
     std::string content;
     ASSERT_EQ(mkfifo((mDirectory / "fifo").c_str(), 0600), 0);
-    EXPECT_EQ(ReadWholeFile(mDirectory / "fifo", 10, content), EINVAL);
+    EXPECT_EQ(ReadWholeFile(mDirectory / "fifo", 10, content), kNotARegularFile);
     EXPECT_EQ(ReadWholeFile(mDirectory.Path(), 10, content), EISDIR);
     EXPECT_EQ(ReadWholeFile(mDirectory / "none", 10, content), ENOENT);
+}
+
+TEST_F(FilesTest, DeviceIsNotEvenOpened)
+{
+    // This one has nothing behind it: to open it is an error of its own.
+    if (mknod((mDirectory / "device").c_str(), S_IFCHR | 0600, makedev(240, 0)) != 0) {
+        GTEST_SKIP() << "only root can make a device";
+    }
+    std::string content;
+    EXPECT_EQ(ReadWholeFile(mDirectory / "device", 10, content), kNotARegularFile);
+    EXPECT_EQ(WriteInPlace(mDirectory / "device", "1"), kNotARegularFile);
+}
+
+TEST_F(FilesTest, WriteInPlaceChangesARegularFileThatIsThere)
+{
+    WriteFile(mDirectory / "f", "0\n");
+    EXPECT_EQ(WriteInPlace(mDirectory / "f", "1"), 0);
+    EXPECT_EQ(ReadFile(mDirectory / "f"), "1\n");
+    EXPECT_EQ(WriteInPlace(mDirectory / "none", "1"), ENOENT);
+    EXPECT_FALSE(FileExists(mDirectory / "none"));
+    EXPECT_EQ(WriteInPlace(mDirectory.Path(), "1"), EISDIR);
+}
+
+TEST_F(FilesTest, WriteInPlaceFollowsNoLink)
+{
+    WriteFile(mDirectory / "elsewhere", "0\n");
+    ASSERT_EQ(symlink("elsewhere", (mDirectory / "link").c_str()), 0);
+    EXPECT_EQ(WriteInPlace(mDirectory / "link", "1"), kNotARegularFile);
+    EXPECT_EQ(ReadFile(mDirectory / "elsewhere"), "0\n");
+}
+
+TEST_F(FilesTest, ErrorTextSaysWhatIsNoRegularFile)
+{
+    EXPECT_EQ(ErrorText(kNotARegularFile), "it is not a regular file");
+    EXPECT_EQ(ErrorText(EINVAL), "Invalid argument");
 }
 
 TEST_F(FilesTest, ParentIsThePartBeforeTheLastSlash)
