@@ -51,10 +51,61 @@ TEST(IioCounterTest, WrapOf16BitsCountsNothingAndTheCountGoesOn)
 TEST(IioCounterTest, SeveralResetsAddUp)
 {
     IioCounter counter(kLimit);
-    for (const double value : {100.0, 5.0, 15.0, 0.0, 20.0}) {
+    for (const double value : {100.0, 5.0, 15.0, 0.0, 10.0, 20.0}) {
         counter.Take(value);
     }
     EXPECT_EQ(counter.Count(), 130.0);
+}
+
+TEST(IioCounterTest, ValueThatIsLowForAMomentCountsNothing)
+{
+    IioCounter counter(kLimit);
+    counter.Take(10000.0);
+    EXPECT_EQ(counter.Take(0.0), Step::Back);
+    EXPECT_EQ(counter.Take(10000.0), Step::On);
+    EXPECT_EQ(counter.Count(), 10000.0);
+    counter.Take(9000.0);
+    counter.Take(10005.0);
+    EXPECT_EQ(counter.Count(), 10005.0);
+}
+
+TEST(IioCounterTest, ValueThatIsLowForLongerCountsNothingEither)
+{
+    IioCounter counter(kLimit);
+    for (const double value : {10000.0, 7.0, 0.0, 0.0, 0.0, 10001.0}) {
+        counter.Take(value);
+    }
+    EXPECT_EQ(counter.Count(), 10001.0);
+}
+
+TEST(IioCounterTest, CounterThatIsResetTwiceInARowIsCountedFromTheLowerValue)
+{
+    IioCounter counter(kLimit);
+    for (const double value : {500.0, 20.0, 3.0, 3.0, 13.0}) {
+        counter.Take(value);
+    }
+    EXPECT_EQ(counter.Count(), 510.0);
+}
+
+TEST(IioCounterTest, OfSeveralFallsInARowOnlyTheFirstIsBack)
+{
+    IioCounter counter(kLimit);
+    counter.Take(500.0);
+    EXPECT_EQ(counter.Take(400.0), Step::Back);
+    EXPECT_EQ(counter.Take(300.0), Step::On);
+    EXPECT_EQ(counter.Take(200.0), Step::On);
+    EXPECT_EQ(counter.Take(250.0), Step::On);
+    EXPECT_EQ(counter.Take(100.0), Step::Back);
+}
+
+TEST(IioCounterTest, AnotherCounterIsNotTakenForTheReturnFromAFall)
+{
+    IioCounter counter(kLimit);
+    counter.Take(100.0);
+    counter.Take(0.0);
+    counter.Rebase();
+    counter.Take(5000.0);
+    EXPECT_EQ(counter.Count(), 100.0);
 }
 
 TEST(IioCounterTest, CountNeverGoesDownWithFractionsEither)
