@@ -54,7 +54,9 @@ protected:
 
     StderrCapture mCapture;
     IioTree mTree;
-    std::unique_ptr<IioActivity> mActivity = std::make_unique<IioActivity>(mTree.Settings());
+    IioSwitches mSwitches;
+    std::unique_ptr<IioActivity> mActivity =
+        std::make_unique<IioActivity>(mTree.Settings(), mSwitches);
 };
 
 TEST_F(IioActivityTest, MostLikelyOneIsTaken)
@@ -109,6 +111,7 @@ TEST_F(IioActivityTest, DeviceThatIsTakenAwayPieceByPieceTellsNothing)
     EXPECT_EQ(Read(), 1);
     EXPECT_EQ(mTree.Shortened(mCapture.Take()),
               "I platform: iio: in_activity_*_input is read from iio:device0 (no name)\n"
+              "W platform: iio: iio:device0/in_activity_still_input has gone\n"
               "W platform: iio: no device has in_activity_*_input\n"
               "I platform: iio: in_activity_*_input is read from iio:device5 (no name)\n");
 }
@@ -137,6 +140,16 @@ TEST_F(IioActivityTest, PollingEnablesWhatIsRead)
     EXPECT_EQ(mTree.Read(0, "in_activity_running_en"), "1\n");
     mActivity->SetPolled(false);
     EXPECT_EQ(mTree.Read(0, "in_activity_still_en"), "0\n");
+}
+
+TEST_F(IioActivityTest, PollingEnablesTheStepCounterOfTheDevice)
+{
+    mTree.Add(0, {{kStill, "60\n"}, {"in_steps_en", "0\n"}});
+    mActivity->SetPolled(true);
+    Read();
+    EXPECT_EQ(mTree.Read(0, "in_steps_en"), "1\n");
+    mActivity->SetPolled(false);
+    EXPECT_EQ(mTree.Read(0, "in_steps_en"), "0\n");
 }
 
 } // namespace ParvanePlatform

@@ -180,6 +180,8 @@ TEST_F(IioChannelTest, FifoInItsPlaceDoesNotHang)
     ASSERT_EQ(mkfifo(mTree.Path(0, kFile).c_str(), 0600), 0);
     StderrCapture capture;
     EXPECT_EQ(mChannel.Read(mTree.Path(0)).mState, State::Unreadable);
+    EXPECT_EQ(mTree.Shortened(capture.Take()), "W platform: iio: cannot read iio:device0/"
+                                               "in_steps_input: it is not a regular file\n");
 }
 
 TEST_F(IioChannelTest, DirectoryInItsPlaceIsUnreadable)

@@ -26,13 +26,14 @@ protected:
     {
         mDevice = std::make_unique<IioDevice>(
             mTree.Settings(wanted),
-            IioDevice::Inputs{"an input", {"in_a_input", "in_b_input"}, {"in_c_input"}});
+            IioDevice::Inputs{"an input", {"in_a_input", "in_b_input"}, {"in_c_input"}}, mSwitches);
     }
 
     Presence Look() const { return mDevice->Look(); }
 
     StderrCapture mCapture;
     IioTree mTree;
+    IioSwitches mSwitches;
     std::unique_ptr<IioDevice> mDevice;
 };
 
@@ -87,7 +88,8 @@ TEST_F(IioDeviceTest, WithoutDevicesThereIsOneLine)
 
 TEST_F(IioDeviceTest, MissingTreeIsJustNoDevice)
 {
-    IioDevice device({"/nowhere/at/all", "watch", 1000}, {"an input", {"in_a_input"}, {}});
+    IioDevice device({"/nowhere/at/all", "watch", 1000}, {"an input", {"in_a_input"}, {}},
+                     mSwitches);
     EXPECT_EQ(device.Look(), Presence::Absent);
     EXPECT_EQ(mCapture.Take(), "W platform: iio: no device named 'watch' has an input\n");
 }
@@ -146,8 +148,77 @@ TEST_F(IioDeviceTest, LostDeviceIsLookedForAnew)
     mTree.Add(0, {{"in_a_input", "1"}});
     Make();
     Look();
-    mDevice->Lose();
+    mDevice->Lose("in_b_input");
     EXPECT_EQ(Look(), Presence::Found);
+    EXPECT_EQ(mTree.Shortened(mCapture.Take()),
+              "I platform: iio: an input is read from iio:device0 (no name)\n"
+              "W platform: iio: iio:device0/in_b_input has gone\n"
+              "I platform: iio: an input is read from iio:device0 (no name)\n");
+}
+
+TEST_F(IioDeviceTest, SecondDeviceOfTheSameNameIsAnotherOne)
+{
+    mTree.Attach(0, "bus/1-0068", {{"name", "chip\n"}, {"in_a_input", "1"}});
+    mTree.Attach(1, "bus/1-0069", {{"name", "chip\n"}, {"in_a_input", "1"}});
+    Make();
+    EXPECT_EQ(Look(), Presence::Found);
+    std::filesystem::remove(mTree.Path(0));
+    EXPECT_EQ(Look(), Presence::Replaced);
+    EXPECT_EQ(mDevice->Path(), mTree.Path(1));
+}
+
+TEST_F(IioDeviceTest, DeviceThatReturnsToItsPlaceIsTheSameOne)
+{
+    mTree.Attach(0, "bus/1-0068", {{"name", "chip\n"}, {"in_a_input", "1"}});
+    Make();
+    Look();
+    std::filesystem::remove(mTree.Path(0));
+    EXPECT_EQ(Look(), Presence::Absent);
+    mTree.Attach(3, "bus/1-0068", {{"name", "chip\n"}, {"in_a_input", "1"}});
+    EXPECT_EQ(Look(), Presence::Found);
+}
+
+TEST_F(IioDeviceTest, WhatKeepsItFromSeeingADeviceIsToldOnce)
+{
+    mTree.Add(0, {{"in_a_input", "1"}});
+    // A test run by root is somebody else inside, who must get as far as the device.
+    std::filesystem::permissions(mTree.Settings().mRoot, std::filesystem::perms(0755));
+    Make();
+    {
+        const ClosedDirectory closed(mTree.Path(0));
+        EXPECT_EQ(Look(), Presence::Absent);
+        EXPECT_EQ(Look(), Presence::Absent);
+    }
+    mTree.Remove(0);
+    EXPECT_EQ(Look(), Presence::Absent);
+    EXPECT_EQ(
+        mTree.Shortened(mCapture.Take()),
+        "W platform: iio: no device has an input (iio:device0/in_a_input: Permission denied)\n"
+        "W platform: iio: no device has an input\n");
+}
+
+TEST_F(IioDeviceTest, NameThatCannotBeReadIsTold)
+{
+    mTree.Add(0, {{"in_a_input", "1"}});
+    std::filesystem::create_directory(mTree.Path(0, "name"));
+    Make("watch");
+    EXPECT_EQ(Look(), Presence::Absent);
+    EXPECT_EQ(mTree.Shortened(mCapture.Take()),
+              "W platform: iio: no device named 'watch' has an input (iio:device0/name: Is a "
+              "directory)\n");
+}
+
+TEST_F(IioDeviceTest, ClosedDirectoryOfTheDevicesIsTold)
+{
+    mTree.Add(0, {{"in_a_input", "1"}});
+    const std::string devices = mTree.Path(0).substr(0, mTree.Path(0).rfind('/'));
+    Make();
+    {
+        const ClosedDirectory closed(devices);
+        EXPECT_EQ(Look(), Presence::Absent);
+    }
+    EXPECT_EQ(mCapture.Take(),
+              "W platform: iio: no device has an input (" + devices + ": Permission denied)\n");
 }
 
 TEST_F(IioDeviceTest, EnablingWritesOneAndZeroWhereTheFilesAre)
@@ -196,6 +267,44 @@ TEST_F(IioDeviceTest, DeviceThatReturnsIsEnabledAgain)
     mTree.Add(3, {{"in_a_input", "1"}, {"in_a_en", "0\n"}});
     Look();
     EXPECT_EQ(mTree.Read(3, "in_a_en"), "1\n");
+}
+
+TEST_F(IioDeviceTest, WhatWasOnBeforeStaysOn)
+{
+    mTree.Add(0, {{"in_a_input", "1"}, {"in_a_en", "1\n"}, {"in_c_en", "0\n"}});
+    Make();
+    Look();
+    mDevice->SetEnabled(true);
+    mDevice->SetEnabled(false);
+    EXPECT_EQ(mTree.Read(0, "in_a_en"), "1\n");
+    EXPECT_EQ(mTree.Read(0, "in_c_en"), "0\n");
+}
+
+TEST_F(IioDeviceTest, DeviceThatIsLostButThereIsSwitchedOff)
+{
+    mTree.Add(0, {{"in_a_input", "1"}, {"in_a_en", "0\n"}});
+    Make();
+    Look();
+    mDevice->SetEnabled(true);
+    mDevice->Lose("in_c_input");
+    EXPECT_EQ(mTree.Read(0, "in_a_en"), "0\n");
+    Look();
+    EXPECT_EQ(mTree.Read(0, "in_a_en"), "1\n");
+    mDevice->SetEnabled(false);
+    EXPECT_EQ(mTree.Read(0, "in_a_en"), "0\n");
+}
+
+TEST_F(IioDeviceTest, AnotherDeviceInItsPlaceIsNotSwitchedOff)
+{
+    mTree.Add(0, {{"name", "watch\n"}, {"in_a_input", "1"}, {"in_a_en", "0\n"}});
+    mTree.Add(1, {{"name", "other\n"}, {"in_a_input", "1"}, {"in_a_en", "1\n"}});
+    Make();
+    Look();
+    mDevice->SetEnabled(true);
+    mTree.Remove(0);
+    mTree.Renumber(1, 0);
+    mDevice->SetEnabled(false);
+    EXPECT_EQ(mTree.Read(0, "in_a_en"), "1\n");
 }
 
 TEST_F(IioDeviceTest, EndOfTheObjectDisables)

@@ -29,7 +29,7 @@ protected:
 
     void Make(const std::string &device = {})
     {
-        mPedometer = std::make_unique<IioPedometer>(mTree.Settings(device));
+        mPedometer = std::make_unique<IioPedometer>(mTree.Settings(device), mSwitches);
     }
 
     std::string Read() const
@@ -54,6 +54,7 @@ protected:
 
     std::unique_ptr<StderrCapture> mCapture = std::make_unique<StderrCapture>();
     IioTree mTree;
+    IioSwitches mSwitches;
     std::unique_ptr<IioPedometer> mPedometer;
 };
 
@@ -110,7 +111,27 @@ TEST_F(IioPedometerTest, CounterThatGoesBackIsCountedOnWithOneLine)
     EXPECT_EQ(Read(), "pedometer/total_steps=65530");
     EXPECT_EQ(ReadWith(kSteps, "14\n"), "pedometer/total_steps=65540");
     EXPECT_EQ(TakeLog(), "W platform: iio: iio:device0/in_steps_input has gone back from 65530 to "
-                         "4: it is counted on from there\n");
+                         "4: that counts nothing\n");
+}
+
+TEST_F(IioPedometerTest, CounterThatKeepsFallingIsOneLine)
+{
+    mTree.Add(0, {{kSteps, "500\n"}});
+    Read();
+    TakeLog();
+    for (const char *text : {"400\n", "300\n", "200\n"}) {
+        EXPECT_EQ(ReadWith(kSteps, text), "pedometer/total_steps=500");
+    }
+    EXPECT_EQ(TakeLog(), "W platform: iio: iio:device0/in_steps_input has gone back from 500 to "
+                         "400: that counts nothing\n");
+}
+
+TEST_F(IioPedometerTest, CounterThatIsLowForAMomentInventsNoSteps)
+{
+    mTree.Add(0, {{kSteps, "10000\n"}});
+    Read();
+    EXPECT_EQ(ReadWith(kSteps, "0\n"), "pedometer/total_steps=10000");
+    EXPECT_EQ(ReadWith(kSteps, "10000\n"), "pedometer/total_steps=10000");
 }
 
 TEST_F(IioPedometerTest, DistanceAndEnergyThatGoBackAreCountedOn)
@@ -213,7 +234,7 @@ TEST_F(IioPedometerTest, DeviceThatGoesAndReturnsAnywhereIsCountedOn)
                          "W platform: iio: no device has in_steps_input\n"
                          "I platform: iio: in_steps_input is read from iio:device1 (watch)\n"
                          "W platform: iio: iio:device1/in_steps_input has gone back from 130 to 2: "
-                         "it is counted on from there\n");
+                         "that counts nothing\n");
 }
 
 TEST_F(IioPedometerTest, StepsOfADeviceOfAnotherNameAreNotCredited)
@@ -236,7 +257,8 @@ TEST_F(IioPedometerTest, ChannelThatGoesWithoutItsDeviceIsPickedUpAgain)
     EXPECT_EQ(Read(), "none");
     EXPECT_EQ(Read(), "none");
     EXPECT_EQ(ReadWith(kSteps, "105\n"), "pedometer/total_steps=105");
-    EXPECT_EQ(TakeLog(), "W platform: iio: no device has in_steps_input\n"
+    EXPECT_EQ(TakeLog(), "W platform: iio: iio:device0/in_steps_input has gone\n"
+                         "W platform: iio: no device has in_steps_input\n"
                          "I platform: iio: in_steps_input is read from iio:device0 (no name)\n");
 }
 
@@ -262,6 +284,40 @@ TEST_F(IioPedometerTest, PollingEnablesWhatIsRead)
     }
     mPedometer->SetPolled(false);
     EXPECT_EQ(mTree.Read(0, "in_steps_en"), "0\n");
+}
+
+TEST_F(IioPedometerTest, WhatASwitchedOffDeviceSaysIsNotCounted)
+{
+    mTree.Add(0, {{kSteps, "0\n"}, {kDistance, "0\n"}, {"in_steps_en", "0\n"}});
+    EXPECT_EQ(Read(), "none");
+    mPedometer->SetPolled(true);
+    EXPECT_EQ(ReadWith(kSteps, "100\n"), "pedometer/total_steps=100 pedometer/distance=0");
+    mPedometer->SetPolled(false);
+    TakeLog();
+    EXPECT_EQ(ReadWith(kSteps, "3\n"), "pedometer/total_steps=100 pedometer/distance=0");
+    EXPECT_EQ(ReadWith(kSteps, "90\n"), "pedometer/total_steps=100 pedometer/distance=0");
+    EXPECT_EQ(TakeLog(), "");
+    mPedometer->SetPolled(true);
+    EXPECT_EQ(ReadWith(kSteps, "110\n"), "pedometer/total_steps=110 pedometer/distance=0");
+}
+
+TEST_F(IioPedometerTest, DistanceThatWasSwitchedOffWhenTheStepsWereToldBeginsAtZero)
+{
+    mTree.Add(0, {{kSteps, "5\n"}, {kDistance, "0\n"}, {"in_distance_en", "0\n"}});
+    EXPECT_EQ(Read(), "pedometer/total_steps=5");
+    mPedometer->SetPolled(true);
+    EXPECT_EQ(ReadWith(kDistance, "5000\n"), "pedometer/total_steps=5 pedometer/distance=0");
+}
+
+TEST_F(IioPedometerTest, StepsOfASecondDeviceOfTheSameNameAreNotCredited)
+{
+    mTree.Attach(0, "bus/1-0068", {{"name", "chip\n"}, {kSteps, "100\n"}});
+    mTree.Attach(1, "bus/1-0069", {{"name", "chip\n"}, {kSteps, "70000\n"}});
+    EXPECT_EQ(Read(), "pedometer/total_steps=100");
+    mTree.Remove(0);
+    EXPECT_EQ(Read(), "pedometer/total_steps=100");
+    mTree.Write(1, kSteps, "70010\n");
+    EXPECT_EQ(Read(), "pedometer/total_steps=110");
 }
 
 } // namespace ParvanePlatform

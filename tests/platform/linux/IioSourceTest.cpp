@@ -339,6 +339,18 @@ TEST_F(IioSourceTest, DevicesWorkWhileTheirItemIsStarted)
     EXPECT_EQ(mTree.Read(0, "in_steps_en"), "0\n");
 }
 
+TEST_F(IioSourceTest, StepCounterWorksForAsLongAsOneOfTheItemsNeedsIt)
+{
+    mTree.Add(0, {{kSteps, "10\n"}, {kWalking, "80\n"}, {"in_steps_en", "0\n"}});
+    mSource->Start(ContextItem::Pedometer);
+    mSource->Start(ContextItem::Activity);
+    AdvanceTo(0);
+    mSource->Stop(ContextItem::Pedometer);
+    EXPECT_EQ(mTree.Read(0, "in_steps_en"), "1\n");
+    mSource->Stop(ContextItem::Activity);
+    EXPECT_EQ(mTree.Read(0, "in_steps_en"), "0\n");
+}
+
 TEST_F(IioSourceTest, EndOfTheSourceSwitchesTheDevicesOff)
 {
     AddWatch();

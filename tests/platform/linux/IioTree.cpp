@@ -38,6 +38,17 @@ void IioTree::Add(int device, const std::map<std::string, std::string> &files) c
     }
 }
 
+void IioTree::Attach(int device, const std::string &place,
+                     const std::map<std::string, std::string> &files) const
+{
+    const std::string real = mRoot.Path() + '/' + place + "/iio:device" + std::to_string(device);
+    std::filesystem::create_directories(real);
+    std::filesystem::create_directory_symlink(real, Path(device));
+    for (const auto &[file, text] : files) {
+        Write(device, file, text);
+    }
+}
+
 void IioTree::Write(int device, const std::string &file, const std::string &text) const
 {
     WriteFile(Path(device, file), text);

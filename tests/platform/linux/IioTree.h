@@ -24,6 +24,14 @@ public:
     /** Makes a device; `files` are names with contents. */
     void Add(int device, const std::map<std::string, std::string> &files) const;
 
+    /**
+     * Makes a device the way the kernel does: as a link.
+     *
+     * @param place  the directory above the real one, below the root
+     */
+    void Attach(int device, const std::string &place,
+                const std::map<std::string, std::string> &files) const;
+
     void Write(int device, const std::string &file, const std::string &text) const;
     std::string Read(int device, const std::string &file) const;
     void Remove(int device) const;

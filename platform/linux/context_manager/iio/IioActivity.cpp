@@ -10,6 +10,8 @@ constexpr char kStill[] = "in_activity_still_input";
 constexpr char kWalking[] = "in_activity_walking_input";
 constexpr char kJogging[] = "in_activity_jogging_input";
 constexpr char kRunning[] = "in_activity_running_input";
+/** Many devices tell activities by their step counter, and only while that is on. */
+constexpr char kSteps[] = "in_steps_input";
 
 constexpr int kStatusOther = 0;
 constexpr int kStatusStill = 1;
@@ -21,8 +23,9 @@ constexpr IioChannel::Range kPercent = {0.0, 100.0};
 
 } // namespace
 
-IioActivity::IioActivity(const IioSettings &settings)
-    : mDevice(settings, {"in_activity_*_input", {kStill, kWalking, kJogging, kRunning}, {}}),
+IioActivity::IioActivity(const IioSettings &settings, IioSwitches &switches)
+    : mDevice(settings, {"in_activity_*_input", {kStill, kWalking, kJogging, kRunning}, {kSteps}},
+              switches),
       mCandidates{Candidate{IioChannel(kStill, kPercent), kStatusStill},
                   Candidate{IioChannel(kWalking, kPercent), kStatusWalking},
                   Candidate{IioChannel(kJogging, kPercent), kStatusRunning},
@@ -36,14 +39,16 @@ std::optional<SensorReading> IioActivity::Read()
         return std::nullopt;
     }
     bool isComplete = true;
-    bool hasLost = false;
+    std::optional<std::string> lost;
     int status = kStatusOther;
     double highest = 0.0;
     for (Candidate &candidate : mCandidates) {
         const IioChannel::Value value = candidate.mChannel.Read(mDevice.Path());
         const bool isThere = value.mState != IioChannel::State::Missing;
         const bool wasThere = presence == IioDevice::Presence::Same && candidate.mIsKnown;
-        hasLost = hasLost || (wasThere && !isThere);
+        if (wasThere && !isThere) {
+            lost = candidate.mChannel.File();
+        }
         candidate.mIsKnown = isThere;
         if (value.mState != IioChannel::State::Good) {
             isComplete = isComplete && !isThere;
@@ -52,11 +57,11 @@ std::optional<SensorReading> IioActivity::Read()
             status = candidate.mStatus;
         }
     }
-    if (hasLost) {
+    if (lost) {
         // A device that is just being taken away: what is left of it tells nothing.
-        mDevice.Lose();
+        mDevice.Lose(*lost);
     }
-    if (hasLost || !isComplete) {
+    if (lost || !isComplete) {
         return std::nullopt;
     }
     SensorReading reading;

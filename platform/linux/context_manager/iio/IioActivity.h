@@ -19,8 +19,8 @@ namespace ParvanePlatform {
 class IioActivity : public IioReader
 {
 public:
-    /** Touches no file. */
-    explicit IioActivity(const IioSettings &settings);
+    /** `switches` is borrowed for the life of the reader. Touches no file. */
+    IioActivity(const IioSettings &settings, IioSwitches &switches);
 
     std::optional<SensorReading> Read() override;
     void SetPolled(bool isPolled) override;

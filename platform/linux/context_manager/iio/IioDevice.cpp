@@ -1,18 +1,17 @@
 #include "IioDevice.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <dirent.h>
-#include <fcntl.h>
 #include <memory>
 #include <string_view>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 
 #include "base/Files.h"
 #include "base/Numbers.h"
 #include "base/RuntimeLog.h"
-#include "base/UniqueFd.h"
 
 namespace ParvanePlatform {
 
@@ -27,12 +26,21 @@ struct DirectoryClose
     void operator()(DIR *directory) const noexcept { ::closedir(directory); }
 };
 
+/** Keeps the first error that is more than a missing file. */
+void NoteObstacle(const std::string &path, int error, std::string &obstacle)
+{
+    if (obstacle.empty() && error != ENOENT && error != ENOTDIR) {
+        obstacle = path + ": " + ErrorText(error);
+    }
+}
+
 /** The numbers of the devices, ascending. */
-std::vector<unsigned> DeviceNumbers(const std::string &directory)
+std::vector<unsigned> DeviceNumbers(const std::string &directory, std::string &obstacle)
 {
     std::vector<unsigned> numbers;
     const std::unique_ptr<DIR, DirectoryClose> entries(::opendir(directory.c_str()));
     if (!entries) {
+        NoteObstacle(directory, errno, obstacle);
         return numbers;
     }
     while (const dirent *entry = ::readdir(entries.get())) {
@@ -50,32 +58,38 @@ std::vector<unsigned> DeviceNumbers(const std::string &directory)
 }
 
 /** What the attribute "name" says; empty when there is none. */
-std::string NameOf(const std::string &device)
+std::string NameOf(const std::string &device, std::string &obstacle)
 {
+    const std::string path = device + "/name";
     std::string name;
-    if (ReadWholeFile(device + "/name", kMaxNameBytes, name) != 0) {
+    if (const int error = ReadWholeFile(path, kMaxNameBytes, name); error != 0) {
+        NoteObstacle(path, error, obstacle);
         return {};
     }
     return name.substr(0, name.find('\n'));
 }
 
-void WriteAttribute(const std::string &path, char value)
+/** The real path of the directory above a device's own, which bus/iio/devices has as a link. */
+std::string PlaceOf(const std::string &device)
 {
-    const UniqueFd file(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat status = {};
-    if (!file || ::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return;
-    }
-    // A driver that refuses leaves the readings to tell.
-    [[maybe_unused]] const ssize_t written = ::write(file.Get(), &value, 1);
+    const std::unique_ptr<char, decltype(&std::free)> path(::realpath(device.c_str(), nullptr),
+                                                           &std::free);
+    return path ? ParentOf(path.get()) : std::string();
+}
+
+/** The attribute that switches an input on and off. */
+std::string SwitchOf(const std::string &device, const std::string &input)
+{
+    return device + '/' + input.substr(0, input.size() - kInputEnd.size()) + "_en";
 }
 
 } // namespace
 
-IioDevice::IioDevice(const IioSettings &settings, Inputs inputs)
+IioDevice::IioDevice(const IioSettings &settings, Inputs inputs, IioSwitches &switches)
     : mDirectory(settings.mRoot + "/bus/iio/devices"),
       mWantedName(settings.mDevice),
-      mInputs(std::move(inputs))
+      mInputs(std::move(inputs)),
+      mSwitches(switches)
 {}
 
 IioDevice::~IioDevice()
@@ -88,36 +102,48 @@ IioDevice::Presence IioDevice::Look()
     if (!mPath.empty() && IsStillThere()) {
         return Presence::Same;
     }
+    SwitchOff();
     mPath.clear();
-    const auto before = mName;
-    if (!Find()) {
-        Lose();
+    const auto nameBefore = mName;
+    const std::string placeBefore = mPlace;
+    std::string obstacle;
+    if (!Find(obstacle)) {
+        TellAbsence("no device" + (mWantedName.empty() ? "" : " named '" + mWantedName + "'") +
+                    " has " + mInputs.mLabel + (obstacle.empty() ? "" : " (" + obstacle + ")"));
         return Presence::Absent;
     }
-    mHasToldAbsence = false;
+    mToldAbsence.clear();
     LogInfo("iio: %s is read from %s (%s)", mInputs.mLabel.c_str(), mPath.c_str(),
             mName->empty() ? "no name" : mName->c_str());
     if (mIsEnabled) {
-        Switch('1');
+        SwitchOn();
     }
-    return before && *before != *mName ? Presence::Replaced : Presence::Found;
+    const bool isAnother = nameBefore && (*nameBefore != *mName || placeBefore != mPlace);
+    return isAnother ? Presence::Replaced : Presence::Found;
 }
 
-void IioDevice::Lose()
+void IioDevice::Lose(const std::string &file)
 {
+    TellAbsence(mPath + '/' + file + " has gone");
+    SwitchOff();
     mPath.clear();
-    if (std::exchange(mHasToldAbsence, true)) {
-        return;
-    }
-    const std::string which = mWantedName.empty() ? "" : " named '" + mWantedName + "'";
-    LogWarning("iio: no device%s has %s", which.c_str(), mInputs.mLabel.c_str());
 }
 
 void IioDevice::SetEnabled(bool isEnabled)
 {
-    if (std::exchange(mIsEnabled, isEnabled) != isEnabled && !mPath.empty()) {
-        Switch(isEnabled ? '1' : '0');
+    if (std::exchange(mIsEnabled, isEnabled) == isEnabled) {
+        return;
     }
+    if (!isEnabled) {
+        SwitchOff();
+    } else if (!mPath.empty()) {
+        SwitchOn();
+    }
+}
+
+bool IioDevice::IsOff(const std::string &input) const
+{
+    return IioSwitches::IsOff(SwitchOf(mPath, input));
 }
 
 bool IioDevice::IsStillThere() const
@@ -127,15 +153,19 @@ bool IioDevice::IsStillThere() const
            status.st_ino == mInode;
 }
 
-bool IioDevice::Find()
+bool IioDevice::Find(std::string &obstacle)
 {
-    for (const unsigned number : DeviceNumbers(mDirectory)) {
+    for (const unsigned number : DeviceNumbers(mDirectory, obstacle)) {
         const std::string path = mDirectory + '/' + std::string(kPrefix) + std::to_string(number);
         struct stat status = {};
-        if (::stat(path.c_str(), &status) != 0 || !HasRequired(path)) {
+        if (::stat(path.c_str(), &status) != 0) {
+            NoteObstacle(path, errno, obstacle);
             continue;
         }
-        std::string name = NameOf(path);
+        if (!HasRequired(path, obstacle)) {
+            continue;
+        }
+        std::string name = NameOf(path, obstacle);
         if (!mWantedName.empty() && name != mWantedName) {
             continue;
         }
@@ -143,26 +173,53 @@ bool IioDevice::Find()
         mFileSystem = status.st_dev;
         mInode = status.st_ino;
         mName = std::move(name);
+        mPlace = PlaceOf(path);
         return true;
     }
     return false;
 }
 
-bool IioDevice::HasRequired(const std::string &path) const
+bool IioDevice::HasRequired(const std::string &path, std::string &obstacle) const
 {
-    return std::any_of(mInputs.mRequired.begin(), mInputs.mRequired.end(),
-                       [&path](const std::string &input) {
-                           return ::access((path + '/' + input).c_str(), F_OK) == 0;
-                       });
+    for (const std::string &input : mInputs.mRequired) {
+        const std::string file = std::string(path).append("/").append(input);
+        struct stat status = {};
+        if (::stat(file.c_str(), &status) == 0) {
+            return true;
+        }
+        NoteObstacle(file, errno, obstacle);
+    }
+    return false;
 }
 
-void IioDevice::Switch(char state) const
+void IioDevice::SwitchOn()
 {
     for (const auto *inputs : {&mInputs.mRequired, &mInputs.mOptional}) {
         for (const std::string &input : *inputs) {
-            const std::string channel = input.substr(0, input.size() - kInputEnd.size());
-            WriteAttribute(mPath + '/' + channel + "_en", state);
+            const std::string path = SwitchOf(mPath, input);
+            if (mSwitches.Use(path)) {
+                mSwitchedOn.push_back(path);
+            }
         }
+    }
+}
+
+void IioDevice::SwitchOff()
+{
+    const bool isThere = !mSwitchedOn.empty() && IsStillThere();
+    for (const std::string &path : std::exchange(mSwitchedOn, {})) {
+        if (isThere) {
+            mSwitches.Leave(path);
+        } else {
+            mSwitches.Forget(path);
+        }
+    }
+}
+
+void IioDevice::TellAbsence(const std::string &line)
+{
+    if (std::exchange(mToldAbsence, line) != line) {
+        LogWarning("iio: %s", line.c_str());
     }
 }
 

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "context_manager/iio/IioSwitches.h"
 #include "service_app/Settings.h"
 
 namespace ParvanePlatform {
@@ -26,7 +27,7 @@ public:
         std::string mLabel;
         /** A device that has one of them will do. */
         std::vector<std::string> mRequired;
-        /** Read besides, where they are. */
+        /** Those that are to work besides, where they are. */
         std::vector<std::string> mOptional;
     };
 
@@ -34,14 +35,14 @@ public:
     enum class Presence {
         Absent,
         Same,
-        /** The first one, or one of the same name as the one before. */
+        /** The first one, or the same one as before: of the same name at the same place. */
         Found,
-        /** One of another name than the one before. */
+        /** Another one than before. Its name alone is no proof: it is that of the chip. */
         Replaced
     };
 
-    /** Touches no file. */
-    IioDevice(const IioSettings &settings, Inputs inputs);
+    /** `switches` is borrowed for the life of the object. Touches no file. */
+    IioDevice(const IioSettings &settings, Inputs inputs, IioSwitches &switches);
     /** Switches off what SetEnabled() has switched on. */
     ~IioDevice();
 
@@ -54,25 +55,37 @@ public:
     /** The directory of the device that Look() has found. */
     const std::string &Path() const { return mPath; }
 
-    /** Gives up a device that lacks what it had; the next Look() looks for one anew. */
-    void Lose();
+    /**
+     * Gives up a device that lacks an attribute which it had; the next Look() looks for one anew.
+     *
+     * @param file  the attribute's name
+     */
+    void Lose(const std::string &file);
 
     /**
      * Whether the device is to work: 1 or 0 in those attributes that switch the inputs on and off
      * ("in_steps_en" for "in_steps_input"), now and whenever a device is found. A device that has no
-     * such attribute, or does not let us write it, works or does not without us.
+     * such attribute, or does not let us write it, works or does not without us. One that was at work
+     * before is left so.
      */
     void SetEnabled(bool isEnabled);
 
+    /** Whether an input of the device is switched off just now. */
+    bool IsOff(const std::string &input) const;
+
 private:
     bool IsStillThere() const;
-    bool Find();
-    bool HasRequired(const std::string &path) const;
-    void Switch(char state) const;
+    /** `obstacle` becomes the first thing that kept it from seeing a device; or stays empty. */
+    bool Find(std::string &obstacle);
+    bool HasRequired(const std::string &path, std::string &obstacle) const;
+    void SwitchOn();
+    void SwitchOff();
+    void TellAbsence(const std::string &line);
 
     const std::string mDirectory;
     const std::string mWantedName;
     const Inputs mInputs;
+    IioSwitches &mSwitches;
     /** Empty while there is no device. */
     std::string mPath;
     /** Which directory it was, because another device may come under the same number. */
@@ -80,8 +93,13 @@ private:
     ino_t mInode = 0;
     /** The name of the last device; empty when it has none. */
     std::optional<std::string> mName;
+    /** The real path of the directory above its own: the bus and the address where it is attached. */
+    std::string mPlace;
     bool mIsEnabled = false;
-    bool mHasToldAbsence = false;
+    /** What has a user more because of this device. */
+    std::vector<std::string> mSwitchedOn;
+    /** What was said last about there being no device; empty while there is one. */
+    std::string mToldAbsence;
 };
 
 } // namespace ParvanePlatform

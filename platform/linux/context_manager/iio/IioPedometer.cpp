@@ -38,11 +38,13 @@ double KilometresPerHour(double metresPerSecond)
 
 } // namespace
 
-IioPedometer::IioPedometer(const IioSettings &settings)
-    : mDevice(settings, {kSteps,
-                         {kSteps},
-                         {kDistance, kEnergy, kMagnitude, kPlaneMagnitude, kVelocityX, kVelocityY,
-                          kVelocityZ}}),
+IioPedometer::IioPedometer(const IioSettings &settings, IioSwitches &switches)
+    : mDevice(
+          settings,
+          {kSteps,
+           {kSteps},
+           {kDistance, kEnergy, kMagnitude, kPlaneMagnitude, kVelocityX, kVelocityY, kVelocityZ}},
+          switches),
       mSteps{{kSteps, kStepRange}, IioCounter(kMaxSteps)},
       mDistance{{kDistance, {0.0, kMaxMetres}}, IioCounter(kMaxMetres)},
       mEnergy{{kEnergy, {0.0, kMaxJoules}}, IioCounter(kMaxJoules)},
@@ -65,12 +67,15 @@ std::optional<SensorReading> IioPedometer::Read()
     }
     const IioChannel::Value steps = mSteps.mChannel.Read(mDevice.Path());
     if (steps.mState == IioChannel::State::Missing) {
-        mDevice.Lose();
+        mDevice.Lose(kSteps);
     }
     if (steps.mState != IioChannel::State::Good) {
         return std::nullopt;
     }
     Take(mSteps, steps.mNumber);
+    if (!mSteps.mCounter.Count()) {
+        return std::nullopt;
+    }
     TakeOptional(mDistance);
     TakeOptional(mEnergy);
 
@@ -91,14 +96,18 @@ std::optional<SensorReading> IioPedometer::Read()
 
 void IioPedometer::SetPolled(bool isPolled)
 {
+    mIsPolled = isPolled;
     mDevice.SetEnabled(isPolled);
 }
 
 void IioPedometer::Take(Counted &counted, double value) const
 {
+    if (!mIsPolled && mDevice.IsOff(counted.mChannel.File())) {
+        return;
+    }
     const double last = counted.mCounter.Last();
     if (counted.mCounter.Take(value) == IioCounter::Step::Back) {
-        LogWarning("iio: %s/%s has gone back from %.15g to %.15g: it is counted on from there",
+        LogWarning("iio: %s/%s has gone back from %.15g to %.15g: that counts nothing",
                    mDevice.Path().c_str(), counted.mChannel.File().c_str(), last, value);
     }
 }
@@ -108,7 +117,8 @@ void IioPedometer::TakeOptional(Counted &counted)
     const IioChannel::Value value = counted.mChannel.ReadOptional(mDevice.Path());
     if (value.mState == IioChannel::State::Good) {
         Take(counted, value.mNumber);
-    } else {
+    }
+    if (!counted.mCounter.Count()) {
         counted.mCounter.BeginAtZero();
     }
 }

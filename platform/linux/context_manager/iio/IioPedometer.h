@@ -16,13 +16,14 @@ namespace ParvanePlatform {
  * another device may be that to an obstacle.
  *
  * Without steps there is no reading. The counts of steps, distance and energy never go down, whatever
- * becomes of the device; a distance or energy that cannot be read just now keeps its last value.
+ * becomes of the device; a distance or energy that cannot be read just now keeps its last value. So
+ * does a count whose input is switched off while it is not polled.
  */
 class IioPedometer : public IioReader
 {
 public:
-    /** Touches no file. */
-    explicit IioPedometer(const IioSettings &settings);
+    /** `switches` is borrowed for the life of the reader. Touches no file. */
+    IioPedometer(const IioSettings &settings, IioSwitches &switches);
 
     std::optional<SensorReading> Read() override;
     void SetPolled(bool isPolled) override;
@@ -35,6 +36,7 @@ private:
         IioCounter mCounter;
     };
 
+    /** Takes what an input says into its count, unless it is switched off and says nothing. */
     void Take(Counted &counted, double value) const;
     void TakeOptional(Counted &counted);
     /** In metres per second. */
@@ -42,6 +44,7 @@ private:
     std::optional<double> SpeedOfAxes();
 
     IioDevice mDevice;
+    bool mIsPolled = false;
     Counted mSteps;
     Counted mDistance;
     Counted mEnergy;

@@ -15,7 +15,8 @@ public:
     /**
      * Reads the attributes as they are now. Never waits.
      *
-     * @return empty when there is no device, or what it says cannot be used; the log says why
+     * @return empty when there is no device, or what it says cannot be used; the log says why. Empty
+     *         also when it is switched off and has told nothing yet
      */
     virtual std::optional<SensorReading> Read() = 0;
 

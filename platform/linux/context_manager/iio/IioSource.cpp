@@ -28,8 +28,8 @@ IioSource::IioSource(const IioSettings &settings, const Clock &clock, std::uniqu
     : mClock(clock),
       mTimer(std::move(timer)),
       mPeriodUs(std::max(settings.mPeriodMs, 1) * kUsPerMs),
-      mTracks{Track{ContextItem::Pedometer, std::make_unique<IioPedometer>(settings)},
-              Track{ContextItem::Activity, std::make_unique<IioActivity>(settings)}}
+      mTracks{Track{ContextItem::Pedometer, std::make_unique<IioPedometer>(settings, mSwitches)},
+              Track{ContextItem::Activity, std::make_unique<IioActivity>(settings, mSwitches)}}
 {}
 
 void IioSource::SetListener(SensorListener *listener)

@@ -9,6 +9,7 @@
 #include "base/LoopSource.h"
 #include "context_manager/SensorSource.h"
 #include "context_manager/iio/IioReader.h"
+#include "context_manager/iio/IioSwitches.h"
 #include "service_app/Settings.h"
 
 namespace ParvanePlatform {
@@ -59,6 +60,7 @@ private:
     SensorListener *mListener = nullptr;
     /** When all that is started is read next. */
     std::int64_t mNextUs = 0;
+    IioSwitches mSwitches;
     std::array<Track, 2> mTracks;
 };
 
