@@ -13,6 +13,7 @@ const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};
 const Bytes kStartActivity = {0x23, 0x00, 0x00, 0x01, 0x00};
 
 constexpr char kSteps[] = "in_steps_input";
+constexpr char kVelocity[] = "in_velocity_x_input";
 constexpr char kWalking[] = "in_activity_walking_input";
 constexpr char kRunning[] = "in_activity_running_input";
 
@@ -60,6 +61,18 @@ protected:
             }
         }
         return false;
+    }
+
+    /**
+     * Receives the two readings that follow the first request, none of which counts a step: the
+     * baseline, and half a second later the answer to a query. Steps before that count twice.
+     */
+    static bool BaselineHasCome(const Host &host)
+    {
+        if (!HasCome(host, kMeasureCommand, 0.0F)) {
+            return false;
+        }
+        return HasCome(host, kMeasureCommand, 0.0F);
     }
 
     /** Receives pushes of steps until one counts more than `steps`; none may count less. */
@@ -119,11 +132,34 @@ TEST_F(IioDirectoryTest, StepsReachTheHost)
     Start();
     const Host host(LinkPath());
     host.Send(kMeasureSteps);
-    ASSERT_TRUE(HasCome(host, kMeasureCommand, 0.0F)); // the first reading is the baseline
+    ASSERT_TRUE(BaselineHasCome(host));
 
     Set("iio:device0", kSteps, "1025\n");
 
     EXPECT_TRUE(HasCome(host, kMeasureCommand, 25.0F));
+}
+
+TEST_F(IioDirectoryTest, VelocityThatVariesOverConstantStepsDoesNotGrowTheTotal)
+{
+    Add("iio:device0", {{kSteps, "1000\n"}, {kVelocity, "1\n"}});
+    Start();
+    const Host host(LinkPath());
+    host.Send(kMeasureSteps);
+    ASSERT_TRUE(BaselineHasCome(host));
+    Set("iio:device0", kSteps, "1010\n");
+    ASSERT_EQ(MoreStepsThan(host, 0.0F), 10.0F);
+
+    for (int times = 1; times <= 3; ++times) {
+        // The line of a value that is good again proves that this one has been read.
+        Set("iio:device0", kVelocity, "x" + std::to_string(times) + "\n");
+        ASSERT_TRUE(mService->HasLogged(": 'x" + std::to_string(times) + "' is not a number"));
+        Set("iio:device0", kVelocity, std::to_string(times + 1) + "\n");
+        ASSERT_TRUE(Eventually([&] { return TimesLogged("is good again") == times; }));
+    }
+    Set("iio:device0", kSteps, "1011\n");
+
+    // The 10 from before and 11 since the baseline; each reading in between would have added 10.
+    EXPECT_EQ(MoreStepsThan(host, 10.0F), 21.0F);
 }
 
 TEST_F(IioDirectoryTest, ActivityReachesTheHost)
@@ -145,7 +181,7 @@ TEST_F(IioDirectoryTest, DeviceThatIsPulledMidMeasurementIsPickedUpAgainAndTheTo
     Start();
     const Host host(LinkPath());
     host.Send(kMeasureSteps);
-    ASSERT_TRUE(HasCome(host, kMeasureCommand, 0.0F));
+    ASSERT_TRUE(BaselineHasCome(host));
     Set("iio:device0", kSteps, "1010\n");
     const float before = MoreStepsThan(host, 0.0F);
     ASSERT_EQ(before, 10.0F);
@@ -182,7 +218,7 @@ TEST_F(IioDirectoryTest, RubbishInTheFilesIsSkipped)
     Start();
     const Host host(LinkPath());
     host.Send(kMeasureSteps);
-    ASSERT_TRUE(HasCome(host, kMeasureCommand, 0.0F));
+    ASSERT_TRUE(BaselineHasCome(host));
 
     int times = 0;
     for (const std::string text : {"nan", "-1", "18446744073709551616", "12abc", ""}) {
@@ -223,7 +259,7 @@ TEST_F(IioMockedSysfsTest, StepsAndActivityReachTheHostThroughALossOfTheDevice)
     StartOn("", mSysfs->Variables());
     const Host host(LinkPath());
     host.Send(kMeasureSteps);
-    ASSERT_TRUE(HasCome(host, kMeasureCommand, 0.0F));
+    ASSERT_TRUE(BaselineHasCome(host));
     EXPECT_EQ(mSysfs->Attribute("iio:device0", "in_steps_en"), "1\n");
     mSysfs->SetAttribute("iio:device0", kSteps, "520\n");
     const float before = MoreStepsThan(host, 0.0F);

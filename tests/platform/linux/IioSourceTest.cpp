@@ -139,17 +139,35 @@ TEST_F(IioSourceTest, FirstReadingComesAtOnceButNotFromTheCall)
     EXPECT_EQ(DueMs(), 1000);
 }
 
-TEST_F(IioSourceTest, ReadingsComeWhenAValueChanges)
+TEST_F(IioSourceTest, PedometerIsReportedWhenTheStepsChange)
 {
     AddWatch();
     mSource->Start(ContextItem::Pedometer);
     AdvanceTo(2500);
     mTree.Write(0, kSteps, "12\n");
     AdvanceTo(4500);
-    mTree.Write(0, "in_distance_input", "3\n");
-    AdvanceTo(6500);
-    EXPECT_THAT(Take(), ElementsAre("0: pedometer/total_steps=10", "3000: pedometer/total_steps=12",
-                                    "5000: pedometer/total_steps=12 pedometer/distance=0"));
+    EXPECT_THAT(Take(),
+                ElementsAre("0: pedometer/total_steps=10", "3000: pedometer/total_steps=12"));
+}
+
+TEST_F(IioSourceTest, OtherValuesOfThePedometerComeAlongWithTheSteps)
+{
+    AddWatch();
+    mTree.Write(0, "in_velocity_x_input", "1\n");
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(500);
+    EXPECT_THAT(Take(), ElementsAre("0: pedometer/total_steps=10 pedometer/speed=3.6"));
+    mTree.Write(0, "in_velocity_x_input", "2\n");
+    AdvanceTo(1500);
+    mTree.Remove(0, "in_velocity_x_input");
+    AdvanceTo(2500);
+    mTree.Write(0, "in_velocity_x_input", "5\n");
+    AdvanceTo(3500);
+    EXPECT_THAT(Take(), IsEmpty());
+    EXPECT_EQ(Latest(ContextItem::Pedometer), "pedometer/total_steps=10 pedometer/speed=18");
+    mTree.Write(0, kSteps, "11\n");
+    AdvanceTo(4500);
+    EXPECT_THAT(Take(), ElementsAre("4000: pedometer/total_steps=11 pedometer/speed=18"));
 }
 
 TEST_F(IioSourceTest, ActivityComesWhenItsStateChanges)
@@ -303,10 +321,39 @@ TEST_F(IioSourceTest, QueryOfAStartedItemIsAnsweredWithTheNewestReading)
     mSource->Start(ContextItem::Pedometer);
     EXPECT_EQ(Latest(ContextItem::Pedometer), "pedometer/total_steps=10");
     AdvanceTo(0);
+    mTree.Write(0, kSteps, "12\n");
+    EXPECT_EQ(Latest(ContextItem::Pedometer), "pedometer/total_steps=10");
+    AdvanceTo(1000);
+    EXPECT_EQ(Latest(ContextItem::Pedometer), "pedometer/total_steps=12");
+}
+
+TEST_F(IioSourceTest, QueryOfAStartedItemIsNotAnsweredWhileTheDeviceIsAway)
+{
+    AddWatch();
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(0);
     mTree.Remove(0);
     AdvanceTo(2000);
+    EXPECT_EQ(Latest(ContextItem::Pedometer), "none");
+    mTree.Add(0, {{kSteps, "10\n"}});
+    AdvanceTo(3000);
     EXPECT_EQ(Latest(ContextItem::Pedometer), "pedometer/total_steps=10");
     EXPECT_THAT(Take(), ElementsAre("0: pedometer/total_steps=10"));
+}
+
+TEST_F(IioSourceTest, QueryInTheOtherItemsReadingIsAnsweredBeforeTheFirstPoll)
+{
+    AddWatch();
+    mSource->Start(ContextItem::Pedometer);
+    mSource->Start(ContextItem::Activity);
+    std::string answer;
+    mOnReading = [&](ContextItem item) {
+        if (item == ContextItem::Pedometer) {
+            answer = Latest(ContextItem::Activity);
+        }
+    };
+    mTimer->Fire();
+    EXPECT_EQ(answer, "activity/status=2");
 }
 
 TEST_F(IioSourceTest, CountGoesOnOverQueriesAndSubscriptions)

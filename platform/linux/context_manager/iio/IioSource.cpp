@@ -1,8 +1,8 @@
 #include "IioSource.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
+#include <variant>
 
 #include "base/ErrorCode.h"
 #include "context_manager/iio/IioActivity.h"
@@ -14,12 +14,10 @@ namespace {
 
 constexpr std::int64_t kUsPerMs = 1000;
 
-bool IsSame(const SensorReading &one, const SensorReading &other)
+/** What a reading is about: a reader puts it first. */
+int MainValueOf(const SensorReading &reading)
 {
-    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                      [](const SensorValue &a, const SensorValue &b) {
-                          return std::strcmp(a.mKey, b.mKey) == 0 && a.mValue == b.mValue;
-                      });
+    return std::get<int>(reading.begin()->mValue);
 }
 
 } // namespace
@@ -73,7 +71,8 @@ std::optional<SensorReading> IioSource::Latest(ContextItem item) const
     if (track == nullptr) {
         return std::nullopt;
     }
-    return track->mReported ? track->mReported : track->mReader->Read();
+    const bool isPolled = track->mIsStarted && !track->mIsBeginning;
+    return isPolled ? track->mNewest : track->mReader->Read();
 }
 
 IioSource::Track *IioSource::TrackOf(ContextItem item)
@@ -105,8 +104,7 @@ void IioSource::Poll()
         mNextUs += ((nowUs - mNextUs) / mPeriodUs + 1) * mPeriodUs;
     }
     for (Track &track : mTracks) {
-        const bool isBeginning = std::exchange(track.mIsBeginning, false);
-        track.mIsDue = track.mIsStarted && (isForAll || isBeginning);
+        track.mIsDue = track.mIsStarted && (isForAll || track.mIsBeginning);
     }
     // Before the readings: whatever comes of them, the polling goes on.
     SetTimer();
@@ -120,14 +118,15 @@ void IioSource::Poll()
 
 void IioSource::Poll(Track &track)
 {
+    track.mIsBeginning = false;
     track.mReader->SetPolled(true);
-    const auto reading = track.mReader->Read();
-    if (!reading || (track.mReported && IsSame(*track.mReported, *reading))) {
+    track.mNewest = track.mReader->Read();
+    if (!track.mNewest || track.mReported == MainValueOf(*track.mNewest)) {
         return;
     }
-    track.mReported = reading;
+    track.mReported = MainValueOf(*track.mNewest);
     if (mListener != nullptr) {
-        mListener->OnReading(track.mItem, *reading);
+        mListener->OnReading(track.mItem, *track.mNewest);
     }
 }
 
@@ -137,8 +136,9 @@ void IioSource::SetTimer()
         mTimer->Disarm();
         return;
     }
-    const bool isBeginning = std::any_of(mTracks.begin(), mTracks.end(),
-                                         [](const Track &track) { return track.mIsBeginning; });
+    const bool isBeginning = std::any_of(mTracks.begin(), mTracks.end(), [](const Track &track) {
+        return track.mIsBeginning && !track.mIsDue;
+    });
     mTimer->Arm(isBeginning ? mClock.MonotonicUs() : mNextUs, [this] { Poll(); });
 }
 

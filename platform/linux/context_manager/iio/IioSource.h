@@ -19,7 +19,9 @@ namespace ParvanePlatform {
  *
  * The kernel does not tell when such an attribute changes, so the items that are started are read
  * again and again: at once, and then at fixed distances from the first start, all with one timer.
- * What has not changed is not reported. Times that were missed are left out.
+ * Reported is the first reading, and then one in which the steps or the activity have changed: who
+ * counts the steps of each reading must not be told of a distance alone. Times that were missed are
+ * left out.
  */
 class IioSource : public SensorSource
 {
@@ -30,7 +32,7 @@ public:
     void SetListener(SensorListener *listener) override;
     int Start(ContextItem item) override;
     void Stop(ContextItem item) override;
-    /** Reads the files when the item is not started. */
+    /** What the last poll has given, nothing included; reads the files when there was none yet. */
     std::optional<SensorReading> Latest(ContextItem item) const override;
 
 private:
@@ -43,8 +45,10 @@ private:
         bool mIsBeginning = false;
         /** To be read in the poll that is going on. */
         bool mIsDue = false;
-        /** What was reported last; empty when nothing was since the start. */
-        std::optional<SensorReading> mReported = std::nullopt;
+        /** What the last poll has given. */
+        std::optional<SensorReading> mNewest = std::nullopt;
+        /** The steps or the activity that were reported last; empty when none was since the start. */
+        std::optional<int> mReported = std::nullopt;
     };
 
     Track *TrackOf(ContextItem item);
