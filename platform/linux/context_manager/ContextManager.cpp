@@ -70,14 +70,24 @@ int ContextManager::Subscribe(int item, const context_option *option, context_ch
         subscription.mStates = GetOptionInts(option, CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER);
     }
     subscription.mReceiver = Receiver{callback, userData, NewRequestId()};
-    requestId = subscription.mReceiver.mRequestId;
+    const int newRequestId = subscription.mReceiver.mRequestId;
     mSubscriptions.insert_or_assign(*known, std::move(subscription));
-    const int result = source->Start(*known);
-    if (result != 0) {
-        source->Stop(*known);
+    const int before = std::exchange(requestId, newRequestId);
+    const auto takeBack = [&] {
+        requestId = before;
         mSubscriptions.erase(*known);
+        source->Stop(*known);
+    };
+    try {
+        const int result = source->Start(*known);
+        if (result != 0) {
+            takeBack();
+        }
+        return result;
+    } catch (...) {
+        takeBack();
+        throw;
     }
-    return result;
 }
 
 int ContextManager::Unsubscribe(int item)

@@ -35,7 +35,8 @@ public:
     ContextManager &operator=(const ContextManager &) = delete;
 
     /**
-     * Subscribes to an item; a subscription that the item has already is replaced.
+     * Subscribes to an item; a subscription that the item has already is replaced, and ended too when
+     * the source refuses the new one.
      *
      * `option` may be null. For the activity item its values of
      * CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER, when there are any, name the only states that
@@ -43,7 +44,7 @@ public:
      *
      * @return 0; -22 for a null callback or a bad option; -95 for an unknown item, or one that no
      *         source serves; the code of the source when it cannot serve the item now. `requestId` is
-     *         set before the source is asked
+     *         set before the source is asked, and is as it was when the call fails
      */
     int Subscribe(int item, const context_option *option, context_changed_cb callback,
                   void *userData, int &requestId);

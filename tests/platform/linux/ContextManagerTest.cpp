@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <set>
 #include <string>
 #include <utility>
@@ -328,6 +329,7 @@ TEST_F(ContextManagerTest, SourceThatRefusesMakesTheSubscriptionFailWithItsCode)
     int requestId = -5;
     EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), -61);
 
+    EXPECT_EQ(requestId, -5);
     EXPECT_THAT(mSource->mStarted, IsEmpty());
     EXPECT_EQ(StatusOf(ContextItem::HeartRate).mRequestId, std::nullopt);
     mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
@@ -342,6 +344,22 @@ TEST_F(ContextManagerTest, RequestIdIsWrittenBeforeTheSourceIsAsked)
     EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), 0);
     EXPECT_GT(seen, 0);
     EXPECT_EQ(seen, requestId);
+
+    // Also when it refuses, and the id is taken back.
+    mSource->mStartResult = -61;
+    EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), -61);
+    EXPECT_NE(seen, requestId);
+}
+
+TEST_F(ContextManagerTest, SourceThatThrowsLeavesNeitherASubscriptionNorARequestId)
+{
+    mSource->mOnStart = [] { throw std::bad_alloc(); };
+    int requestId = -5;
+    EXPECT_THROW(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId),
+                 std::bad_alloc);
+    EXPECT_EQ(requestId, -5);
+    EXPECT_THAT(mSource->mStarted, IsEmpty());
+    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mRequestId, std::nullopt);
 }
 
 TEST_F(ContextManagerTest, RefusedSubscriptionEndsTheOneBefore)
@@ -350,6 +368,7 @@ TEST_F(ContextManagerTest, RefusedSubscriptionEndsTheOneBefore)
     mSource->mStartResult = -95;
     int requestId = -5;
     EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), -95);
+    EXPECT_EQ(requestId, -5);
     EXPECT_THAT(mSource->mStarted, IsEmpty());
     mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
     EXPECT_THAT(Take(), IsEmpty());
@@ -358,12 +377,14 @@ TEST_F(ContextManagerTest, RefusedSubscriptionEndsTheOneBefore)
 
 TEST_F(ContextManagerTest, RefusalIsNoneForTheNextSubscription)
 {
+    const int first = Subscribe(7);
     mSource->mStartResult = -61;
-    int requestId = -5;
+    int requestId = first;
     EXPECT_EQ(mManager->Subscribe(7, nullptr, Receiver::OnChanged, &mReceiver, requestId), -61);
+    EXPECT_EQ(requestId, first);
     mSource->mStartResult = 0;
     const int second = Subscribe(7);
-    EXPECT_GT(second, requestId);
+    EXPECT_GT(second, first);
     mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
     EXPECT_THAT(Take(), ElementsAre(Delivery{0, 7, second, 72, mClock.mWallMs}));
 }
