@@ -10,6 +10,7 @@
 #include <glib.h>
 
 #include "base/Files.h"
+#include "base/Printable.h"
 #include "base/StartupError.h"
 #include "service_app/ConfigSchema.h"
 
@@ -18,13 +19,12 @@ namespace ParvanePlatform {
 namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-/** More of a text than this does not help whoever reads the message. */
-constexpr std::size_t kMaxQuotedBytes = 200;
 
 struct KeyFileFree
 {
     void operator()(GKeyFile *file) const noexcept { g_key_file_free(file); }
 };
+using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
 struct GFree
 {
     void operator()(char *text) const noexcept { g_free(text); }
@@ -38,27 +38,6 @@ struct ErrorFree
     void operator()(GError *error) const noexcept { g_error_free(error); }
 };
 using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
-
-/** Foreign UTF-8 text for a message: control characters as \xHH, and the end cut off. */
-std::string Printable(std::string_view text)
-{
-    std::string printable;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char character = text[i];
-        const bool beginsCharacter = (static_cast<unsigned char>(character) & 0xC0U) != 0x80U;
-        if (beginsCharacter && i >= kMaxQuotedBytes) {
-            return printable + "...";
-        }
-        if (g_ascii_iscntrl(character)) {
-            constexpr char kDigits[] = "0123456789ABCDEF";
-            const auto byte = static_cast<unsigned char>(character);
-            printable += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 0xFU]};
-        } else {
-            printable += character;
-        }
-    }
-    return printable;
-}
 
 std::string_view Trim(std::string_view text)
 {
@@ -89,25 +68,57 @@ int LineAt(std::string_view text, std::size_t offset)
     return 1 + static_cast<int>(std::count(before.begin(), before.end(), '\n'));
 }
 
-std::string Join(const std::vector<std::string> &words)
+void AddToList(std::string &list, const std::string &word)
 {
-    std::string joined;
-    for (const std::string &word : words) {
-        joined += (joined.empty() ? "" : ", ") + word;
-    }
-    return joined;
+    list.append(list.empty() ? "" : ", ").append(word);
 }
 
-/** The keys of a section, empty for a section that there is not. */
-std::vector<std::string> KeysOf(const std::string &section)
+/** The keys of each section, as a list for a message. */
+std::map<std::string, std::string> KeysOfSections()
 {
-    std::vector<std::string> keys;
+    std::map<std::string, std::string> keys;
     for (const ConfigKey &key : ConfigSchema()) {
-        if (key.mSection == section) {
-            keys.push_back(key.mName);
-        }
+        AddToList(keys[key.mSection], key.mName);
     }
     return keys;
+}
+
+std::string ListOfSections()
+{
+    std::string list;
+    for (const std::string &section : ConfigSections()) {
+        AddToList(list, section);
+    }
+    return list;
+}
+
+/** Reads a key file into `file`. Returns why it is none, or nothing. */
+std::string ReadKeyFile(std::string_view text, KeyFilePtr &file)
+{
+    file.reset(g_key_file_new());
+    GError *failure = nullptr;
+    g_key_file_load_from_data(file.get(), text.data(), text.size(), G_KEY_FILE_KEEP_TRANSLATIONS,
+                              &failure);
+    const ErrorPtr owned(failure);
+    return owned ? Printable(owned->message) : std::string();
+}
+
+/**
+ * The line for which a text is no key file. GLib does not tell it, but takes every beginning of the
+ * text that ends before that line and no other, so that halving finds it.
+ */
+int LineOfFailure(std::string_view text)
+{
+    std::vector<std::size_t> ends;
+    for (std::size_t end = text.find('\n'); end != text.npos; end = text.find('\n', end + 1)) {
+        ends.push_back(end + 1);
+    }
+    const auto isGood = [text](std::size_t end) {
+        KeyFilePtr file;
+        return ReadKeyFile(text.substr(0, end), file).empty();
+    };
+    const auto bad = std::partition_point(ends.begin(), ends.end(), isGood);
+    return 1 + static_cast<int>(bad - ends.begin());
 }
 
 /** Reads one text. */
@@ -142,7 +153,10 @@ private:
 
     const std::string &mPath;
     const std::string &mTrace;
-    std::unique_ptr<GKeyFile, KeyFileFree> mFile{g_key_file_new()};
+    KeyFilePtr mFile;
+    /** The keys that there are, by section. */
+    const std::map<std::string, std::string> mKnown = KeysOfSections();
+    const std::string mSections = ListOfSections();
     /** What has been told to be unknown. */
     std::set<Name> mUnknown;
     std::set<Name> mRefused;
@@ -191,14 +205,11 @@ bool Reader::LoadKeyFile(const std::vector<std::string_view> &lines)
     for (const std::string_view line : lines) {
         text.append(line) += '\n';
     }
-    GError *failure = nullptr;
-    g_key_file_load_from_data(mFile.get(), text.data(), text.size(), G_KEY_FILE_KEEP_TRANSLATIONS,
-                              &failure);
-    const ErrorPtr owned(failure);
-    if (owned) {
-        Add(Severity::Error, 0, {}, Printable(owned->message));
+    const std::string failure = ReadKeyFile(text, mFile);
+    if (!failure.empty()) {
+        Add(Severity::Error, LineOfFailure(text), {}, failure);
     }
-    return !owned;
+    return failure.empty();
 }
 
 /** GLib does not tell where a key stands; what it has accepted is easily found. */
@@ -222,25 +233,25 @@ void Reader::FindKeys(const std::vector<std::string_view> &lines)
 
 void Reader::FindSection(int line, const std::string &section)
 {
-    if (!KeysOf(section).empty() || !mUnknown.insert({section, ""}).second) {
+    if (mKnown.contains(section) || !mUnknown.insert({section, ""}).second) {
         return;
     }
     Add(Severity::Warning, line, {section, ""},
-        "unknown section [" + Printable(section) + "]; known are " + Join(ConfigSections()));
+        "unknown section [" + Printable(section) + "]; known are " + mSections);
 }
 
 void Reader::FindKey(int line, const Name &name)
 {
     const auto &[section, key] = name;
-    const std::vector<std::string> known = KeysOf(section);
-    if (known.empty()) {
+    const auto known = mKnown.find(section);
+    if (known == mKnown.end()) {
         return; // the section has been told to be unknown
     }
-    if (std::find(known.begin(), known.end(), key) == known.end()) {
+    if (FindConfigKey(section, key) == nullptr) {
         if (mUnknown.insert(name).second) {
             Add(Severity::Warning, line, name,
                 "unknown key '" + Printable(key) + "' in [" + section + "]; known are " +
-                    Join(known));
+                    known->second);
         }
         return;
     }
@@ -369,7 +380,7 @@ std::string ToString(const std::string &path, const ConfigProblem &problem)
 {
     const std::string line =
         problem.mLine > 0 ? "line " + std::to_string(problem.mLine) + ": " : std::string();
-    return path + ": " + line + problem.mText;
+    return PrintablePath(path) + ": " + line + problem.mText;
 }
 
 const ConfigProblem *Configuration::FirstError() const
@@ -397,7 +408,8 @@ Configuration LoadConfiguration(const std::string &path, IfMissing ifMissing,
         const std::string reason = error == EFBIG    ? "it is longer than 1 MiB"
                                    : error == EINVAL ? "it is not a regular file"
                                                      : ErrorText(error);
-        throw StartupError("cannot read the configuration file " + path + ": " + reason);
+        throw StartupError("cannot read the configuration file " + PrintablePath(path) + ": " +
+                           reason);
     }
     return ParseConfiguration(path, text, trace);
 }

@@ -325,14 +325,23 @@ const std::vector<ConfigKey> &ConfigSchema()
     return schema;
 }
 
-const ConfigKey &ConfigKeyOf(const std::string &section, const std::string &name)
+const ConfigKey *FindConfigKey(std::string_view section, std::string_view name)
 {
     for (const ConfigKey &key : ConfigSchema()) {
         if (key.mSection == section && key.mName == name) {
-            return key;
+            return &key;
         }
     }
-    throw std::logic_error("no such key: [" + section + "] " + name);
+    return nullptr;
+}
+
+const ConfigKey &ConfigKeyOf(const std::string &section, const std::string &name)
+{
+    const ConfigKey *key = FindConfigKey(section, name);
+    if (key == nullptr) {
+        throw std::logic_error("no such key: [" + section + "] " + name);
+    }
+    return *key;
 }
 
 std::vector<std::string> ConfigSections()

@@ -3,6 +3,7 @@
 #include <array>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "service_app/Settings.h"
@@ -27,6 +28,9 @@ struct ConfigKey
 
 /** All keys there are, section by section. */
 const std::vector<ConfigKey> &ConfigSchema();
+
+/** A key, by its names; null when there is none. */
+const ConfigKey *FindConfigKey(std::string_view section, std::string_view name);
 
 /** A key that there is. */
 const ConfigKey &ConfigKeyOf(const std::string &section, const std::string &name);

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "base/Printable.h"
 #include "base/RuntimeLog.h"
 #include "base/StartupError.h"
 #include "service_app/ConfigFile.h"
@@ -104,7 +105,8 @@ void Judge(const std::string &path, const Configuration &configuration)
         }
     }
     if (warnings > kMaxConfigWarnings) {
-        LogWarning("%s: %d more warnings", path.c_str(), warnings - kMaxConfigWarnings);
+        LogWarning("%s: %d more warnings", PrintablePath(path).c_str(),
+                   warnings - kMaxConfigWarnings);
     }
     if (const ConfigProblem *error = configuration.FirstError(); error != nullptr) {
         throw StartupError(ToString(path, *error));

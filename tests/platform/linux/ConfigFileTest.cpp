@@ -270,20 +270,55 @@ TEST(ConfigFileTest, BadRecordingsAreOneProblemAndNotTwo)
                             "with ; between them"));
 }
 
-TEST(ConfigFileTest, WhatIsNoKeyFileIsToldInGLibsWords)
+TEST(ConfigFileTest, WhatIsNoKeyFileIsToldInGLibsWordsWithItsLine)
 {
     EXPECT_THAT(
         ProblemsOf("[iio]\nroot\n"),
-        ElementsAre("E p.conf: Key file contains line \xE2\x80\x9Croot\xE2\x80\x9D which is "
-                    "not a key-value pair, group, or comment"));
+        ElementsAre(
+            "E p.conf: line 2: Key file contains line \xE2\x80\x9Croot\xE2\x80\x9D which is "
+            "not a key-value pair, group, or comment"));
     EXPECT_THAT(ProblemsOf("root=/sys\n"),
-                ElementsAre("E p.conf: Key file does not start with a group"));
+                ElementsAre("E p.conf: line 1: Key file does not start with a group"));
+    EXPECT_THAT(ProblemsOf("\n# c\n\nroot=/sys\n[iio]\n"),
+                ElementsAre("E p.conf: line 4: Key file does not start with a group"));
     EXPECT_THAT(ProblemsOf("[iio\nroot=/sys\n"),
-                ElementsAre(StartsWith("E p.conf: Key file contains line")));
-    EXPECT_THAT(ProblemsOf("[]\n"), ElementsAre("E p.conf: Invalid group name: "));
-    EXPECT_THAT(ProblemsOf("[iio]\na]=1\n"), ElementsAre("E p.conf: Invalid key name: a]"));
+                ElementsAre(StartsWith("E p.conf: line 1: Key file contains line")));
+    EXPECT_THAT(ProblemsOf("[]\n"), ElementsAre("E p.conf: line 1: Invalid group name: "));
+    EXPECT_THAT(ProblemsOf("[iio]\na]=1\n"), ElementsAre("E p.conf: line 2: Invalid key name: a]"));
     EXPECT_THAT(ProblemsOf("[iio]\n=1\n"),
-                ElementsAre(StartsWith("E p.conf: Key file contains line")));
+                ElementsAre(StartsWith("E p.conf: line 2: Key file contains line")));
+}
+
+TEST(ConfigFileTest, LineOfTheMistakeIsFoundWhereverItIs)
+{
+    for (int before = 0; before < 40; ++before) {
+        std::string text = "[iio]\n";
+        for (int i = 0; i < before; ++i) {
+            text += i % 2 == 0 ? "# comment\n" : "root=/x\n";
+        }
+        text += "here it is\n\nand again\n[";
+        EXPECT_THAT(ProblemsOf(text),
+                    ElementsAre(StartsWith("E p.conf: line " + std::to_string(before + 2) + ": ")));
+    }
+}
+
+TEST(ConfigFileTest, ManyUnknownKeysAreToldEachWithItsLine)
+{
+    std::string text = "[control]\n";
+    constexpr int kKeys = 50000;
+    for (int i = 0; i < kKeys; ++i) {
+        text += "k" + std::to_string(i) + "=1\n";
+    }
+    const std::vector<std::string> problems = ProblemsOf(text);
+    ASSERT_THAT(problems, SizeIs(kKeys));
+    EXPECT_EQ(problems.back(),
+              "W p.conf: line 50001: unknown key 'k49999' in [control]; known are enabled");
+}
+
+TEST(ConfigFileTest, NameOfTheFileIsPrintable)
+{
+    EXPECT_EQ(ToString("a\nb\x1b[31m.conf", {ConfigProblem::Severity::Error, 3, "", "", "wrong"}),
+              "a\\x0Ab\\x1B[31m.conf: line 3: wrong");
 }
 
 TEST(ConfigFileTest, NulBytesAreRefusedWithTheirLine)
