@@ -64,6 +64,13 @@ INSTANTIATE_TEST_SUITE_P(Texts, IioChannelBadTextTest,
                                          "1E5\n", "12abc", "abc\n", "0x10", "+5", "1 2", "12\n13\n",
                                          "12.5", "--1", "1,5", std::string("12\0", 3), "\xff\xfe"));
 
+TEST_F(IioChannelTest, ContentIsQuotedInOneShortPrintableLine)
+{
+    EXPECT_EQ(LogOf(std::string("1\0\x1b[31m\nx", 9)),
+              "W platform: iio: iio:device0/in_steps_input: '1\\x00\\x1B[31m\\x0Ax' is not a whole "
+              "number\n");
+}
+
 /** A number beyond what is allowed. */
 class IioChannelRangeTest : public IioChannelTest, public testing::WithParamInterface<std::string>
 {};

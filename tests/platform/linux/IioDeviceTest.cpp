@@ -5,6 +5,7 @@
 #include <string>
 #include <sys/stat.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "IioTree.h"
@@ -92,6 +93,17 @@ TEST_F(IioDeviceTest, MissingTreeIsJustNoDevice)
                      mSwitches);
     EXPECT_EQ(device.Look(), Presence::Absent);
     EXPECT_EQ(mCapture.Take(), "W platform: iio: no device named 'watch' has an input\n");
+}
+
+TEST_F(IioDeviceTest, NamesAreLoggedInOnePrintableLine)
+{
+    Make("wa\ttch\x1b[31m");
+    EXPECT_EQ(Look(), Presence::Absent);
+    EXPECT_EQ(mCapture.Take(),
+              "W platform: iio: no device named 'wa\\x09tch\\x1B[31m' has an input\n");
+    mTree.Add(0, {{"name", "wa\ttch\x1b[31m\n"}, {"in_a_input", "1"}});
+    EXPECT_EQ(Look(), Presence::Found);
+    EXPECT_THAT(mCapture.Take(), testing::EndsWith(" (wa\\x09tch\\x1B[31m)\n"));
 }
 
 TEST_F(IioDeviceTest, DeviceThatGoesAndReturnsIsFoundUnderAnotherNumber)

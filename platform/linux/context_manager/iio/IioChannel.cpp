@@ -1,6 +1,5 @@
 #include "IioChannel.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <string_view>
@@ -8,6 +7,7 @@
 
 #include "base/Files.h"
 #include "base/Numbers.h"
+#include "base/Printable.h"
 #include "base/RuntimeLog.h"
 
 namespace ParvanePlatform {
@@ -27,12 +27,9 @@ std::string_view WithoutBlanks(std::string_view text)
     return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-/** With a NUL as '?', where the log line would end otherwise. */
 std::string Quoted(std::string_view text)
 {
-    std::string quoted = "'" + std::string(text) + "'";
-    std::replace(quoted.begin(), quoted.end(), '\0', '?');
-    return quoted;
+    return "'" + Printable(text) + "'";
 }
 
 } // namespace

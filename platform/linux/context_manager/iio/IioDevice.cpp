@@ -11,6 +11,7 @@
 
 #include "base/Files.h"
 #include "base/Numbers.h"
+#include "base/Printable.h"
 #include "base/RuntimeLog.h"
 
 namespace ParvanePlatform {
@@ -108,13 +109,14 @@ IioDevice::Presence IioDevice::Look()
     const std::string placeBefore = mPlace;
     std::string obstacle;
     if (!Find(obstacle)) {
-        TellAbsence("no device" + (mWantedName.empty() ? "" : " named '" + mWantedName + "'") +
+        TellAbsence("no device" +
+                    (mWantedName.empty() ? "" : " named '" + Printable(mWantedName) + "'") +
                     " has " + mInputs.mLabel + (obstacle.empty() ? "" : " (" + obstacle + ")"));
         return Presence::Absent;
     }
     mToldAbsence.clear();
     LogInfo("iio: %s is read from %s (%s)", mInputs.mLabel.c_str(), mPath.c_str(),
-            mName->empty() ? "no name" : mName->c_str());
+            mName->empty() ? "no name" : Printable(*mName).c_str());
     if (mIsEnabled) {
         SwitchOn();
     }
