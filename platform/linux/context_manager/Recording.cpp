@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "base/Files.h"
 #include "base/Numbers.h"
+#include "base/Printable.h"
 #include "base/StartupError.h"
 
 namespace ParvanePlatform {
@@ -16,6 +19,7 @@ namespace {
 
 constexpr std::size_t kMaxFileBytes = std::size_t{256} * 1024 * 1024;
 constexpr std::int64_t kSingleRowMs = 1000;
+constexpr unsigned kAllFields = (1U << kPedometerFields) - 1;
 
 std::string ColumnNames(std::size_t first, std::size_t end)
 {
@@ -28,14 +32,15 @@ std::string ColumnNames(std::size_t first, std::size_t end)
 
 std::string Quoted(std::string_view text)
 {
-    return std::string("'").append(text).append("'");
+    return "'" + Printable(text) + "'";
 }
 
 /** Reads the text line by line, and knows where it is. */
 class Parser
 {
 public:
-    Parser(const std::string &name, std::string_view text) : mName(name), mRest(text) {}
+    Parser(const std::string &name, std::string_view text) : mName(PrintablePath(name)), mRest(text)
+    {}
 
     Recording Parse();
 
@@ -44,6 +49,7 @@ private:
     void ParseColumnNames(std::string_view line);
     RecordingRow ParseRow(std::string_view line);
     void ParseCell(RecordingRow &row, std::size_t position);
+    void NoteFirstCounts(const RecordingRow &row);
     std::int64_t ParseTime(std::string_view cell) const;
     double ParseValue(std::size_t column, std::string_view cell) const;
     void SetValue(RecordingRow &row, std::size_t column, double value) const;
@@ -52,7 +58,7 @@ private:
     [[noreturn]] void FailAtLine(const std::string &reason) const;
     [[noreturn]] void FailAtColumn(const std::string &reason) const;
 
-    const std::string &mName;
+    const std::string mName;
     std::string_view mRest;
     std::size_t mLine = 0;
     /** Position of the cell that is read, from 1, and what its column is. */
@@ -65,6 +71,7 @@ private:
     /** The cells of the row that is read. */
     std::vector<std::string_view> mCells;
     RecordingRow mLast;
+    PedometerCounts mFirst;
 };
 
 std::int64_t LoopLength(const std::vector<RecordingRow> &rows)
@@ -112,6 +119,7 @@ Recording Parser::Parse()
     }
     recording.mRows.shrink_to_fit();
     recording.mLoopMs = LoopLength(recording.mRows);
+    recording.mFirst = mFirst;
     return recording;
 }
 
@@ -183,7 +191,9 @@ RecordingRow Parser::ParseRow(std::string_view line)
     ForEachCell(line, [this](std::string_view cell) { mCells.push_back(cell); });
     RecordingRow row;
     row.mPedometer = mLast.mPedometer;
+    row.mToldPedometer = mLast.mToldPedometer;
     row.mKnownPedometer = mLast.mKnownPedometer;
+    row.mForgottenPedometer = mLast.mForgottenPedometer;
     row.mIsRestarted = mLast.mIsRestarted;
     // Before the counters, wherever it is: they may go down then.
     if (mRestartPosition < mCells.size()) {
@@ -194,8 +204,18 @@ RecordingRow Parser::ParseRow(std::string_view line)
             ParseCell(row, position);
         }
     }
+    NoteFirstCounts(row);
     mLast = row;
     return row;
+}
+
+void Parser::NoteFirstCounts(const RecordingRow &row)
+{
+    for (std::size_t field = 0; field < kPedometerCounters; ++field) {
+        if (!mFirst[field] && (row.mToldPedometer & (1U << field)) != 0) {
+            mFirst[field] = row.mPedometer[field];
+        }
+    }
 }
 
 void Parser::ParseCell(RecordingRow &row, std::size_t position)
@@ -270,9 +290,13 @@ void Parser::SetValue(RecordingRow &row, std::size_t column, double value) const
         row.mHasGesture = true;
         break;
     case kRestartColumn:
-        row.mPedometer = {};
+        if (static_cast<RestartMark>(value) == RestartMark::Anew) {
+            row.mPedometer = {};
+            row.mToldPedometer = 0;
+            row.mIsRestarted = true;
+        }
         row.mKnownPedometer = 0;
-        row.mIsRestarted = true;
+        row.mForgottenPedometer = kAllFields;
         break;
     default:
         SetPedometer(row, column - kFirstPedometerColumn, value);
@@ -283,10 +307,13 @@ void Parser::SetValue(RecordingRow &row, std::size_t column, double value) const
 void Parser::SetPedometer(RecordingRow &row, std::size_t field, double value) const
 {
     if (field < kPedometerCounters && value < row.mPedometer[field]) {
-        FailAtColumn("the counter goes down to " + std::string(mCells[mPosition - 1]));
+        FailAtColumn("the counter goes down to " + Printable(mCells[mPosition - 1]));
     }
+    const unsigned bit = 1U << field;
     row.mPedometer[field] = value;
-    row.mKnownPedometer = static_cast<std::uint8_t>(row.mKnownPedometer | (1U << field));
+    row.mToldPedometer = static_cast<std::uint8_t>(row.mToldPedometer | bit);
+    row.mKnownPedometer = static_cast<std::uint8_t>(row.mKnownPedometer | bit);
+    row.mForgottenPedometer = static_cast<std::uint8_t>(row.mForgottenPedometer & ~bit);
     row.mHasPedometer = true;
 }
 
@@ -314,16 +341,22 @@ void Append(Recording &all, Recording added, const std::string &path)
     }
     const std::int64_t beginMs = all.mLoopMs;
     if (added.mRows.back().mTimeMs > kMaxRecordingMs - beginMs) {
-        throw StartupError(path + ": it begins at " + std::to_string(beginMs) +
+        throw StartupError(PrintablePath(path) + ": it begins at " + std::to_string(beginMs) +
                            " ms of the recordings that are played in turn, which would end after " +
                            std::to_string(kMaxRecordingMs) + " ms");
     }
     const RecordingRow before = all.mRows.back();
+    const PedometerCounts first = added.mFirst;
     all.mRows.reserve(all.mRows.size() + added.mRows.size());
     for (RecordingRow &row : added.mRows) {
         row.mTimeMs += beginMs;
-        GoOnFrom(before, row);
+        GoOnFrom(before, first, row);
         all.mRows.push_back(row);
+    }
+    for (std::size_t field = 0; field < kPedometerCounters; ++field) {
+        if (!all.mFirst[field]) {
+            all.mFirst[field] = first[field];
+        }
     }
     all.mLoopMs = beginMs + added.mLoopMs;
 }
@@ -333,12 +366,30 @@ std::string ReadRecordingFile(const std::string &path, std::size_t maxBytes)
     std::string text;
     if (const int error = ReadWholeFile(path, maxBytes, text); error != 0) {
         const bool isOneOfSeveral = maxBytes < kMaxFileBytes;
-        throw StartupError("cannot read the recording " + path + ": " +
-                           (error == EFBIG && isOneOfSeveral
-                                ? "the recordings have more than 256 MiB together"
-                                : ErrorText(error)));
+        const std::string reason = error == EFBIG && isOneOfSeveral
+                                       ? "the recordings have more than 256 MiB together"
+                                   : error == EINVAL ? "it is not a regular file"
+                                                     : ErrorText(error);
+        throw StartupError("cannot read the recording " + PrintablePath(path) + ": " + reason);
     }
     return text;
+}
+
+/** Appends what a file has to what is there; returns the bytes of the file. */
+std::size_t AppendFile(Recording &all, const std::string &path, std::size_t maxBytes)
+{
+    const char *reason = nullptr;
+    try {
+        const std::string text = ReadRecordingFile(path, maxBytes);
+        Append(all, ParseRecording(path, text), path);
+        return text.size();
+    } catch (const std::bad_alloc &) {
+        reason = "there is not enough memory for it";
+    } catch (const std::length_error &) {
+        // Where a pointer has 4 bytes.
+        reason = "it has more rows than fit into memory";
+    }
+    throw StartupError("cannot read the recording " + PrintablePath(path) + ": " + reason);
 }
 
 } // namespace
@@ -358,22 +409,27 @@ bool HasReading(const RecordingRow &row, ContextItem item)
     return false;
 }
 
-void GoOnFrom(const RecordingRow &before, RecordingRow &row)
+void GoOnFrom(const RecordingRow &before, const PedometerCounts &first, RecordingRow &row)
 {
     if (row.mIsRestarted) {
         return;
     }
     for (std::size_t field = 0; field < kPedometerFields; ++field) {
         const unsigned bit = 1U << field;
-        const bool isKnown = (row.mKnownPedometer & bit) != 0;
-        const bool wasKnown = (before.mKnownPedometer & bit) != 0;
-        if (!isKnown) {
-            row.mPedometer[field] = before.mPedometer[field];
-        } else if (wasKnown && field < kPedometerCounters) {
-            row.mPedometer[field] += before.mPedometer[field];
+        const double last = before.mPedometer[field];
+        if ((row.mToldPedometer & bit) == 0) {
+            row.mPedometer[field] = last;
+        } else if ((before.mToldPedometer & bit) != 0 && field < kPedometerCounters) {
+            row.mPedometer[field] =
+                std::min(last + (row.mPedometer[field] - first[field].value_or(0.0)),
+                         InfoOf(kFirstPedometerColumn + field).mRule.mMax);
         }
     }
-    row.mKnownPedometer = static_cast<std::uint8_t>(row.mKnownPedometer | before.mKnownPedometer);
+    const unsigned stillKnown = before.mKnownPedometer & ~unsigned{row.mForgottenPedometer};
+    const unsigned stillForgotten = before.mForgottenPedometer & ~unsigned{row.mKnownPedometer};
+    row.mToldPedometer = static_cast<std::uint8_t>(row.mToldPedometer | before.mToldPedometer);
+    row.mKnownPedometer = static_cast<std::uint8_t>(row.mKnownPedometer | stillKnown);
+    row.mForgottenPedometer = static_cast<std::uint8_t>(row.mForgottenPedometer | stillForgotten);
     row.mIsRestarted = before.mIsRestarted;
 }
 
@@ -384,7 +440,7 @@ Recording ParseRecording(const std::string &name, std::string_view text)
 
 Recording LoadRecording(const std::string &path)
 {
-    return ParseRecording(path, ReadRecordingFile(path, kMaxFileBytes));
+    return LoadRecordings({path});
 }
 
 Recording LoadRecordings(const std::vector<std::string> &paths)
@@ -395,9 +451,7 @@ Recording LoadRecordings(const std::vector<std::string> &paths)
     Recording all;
     std::size_t leftBytes = kMaxFileBytes;
     for (const std::string &path : paths) {
-        const std::string text = ReadRecordingFile(path, leftBytes);
-        leftBytes -= text.size();
-        Append(all, ParseRecording(path, text), path);
+        leftBytes -= AppendFile(all, path, leftBytes);
     }
     return all;
 }

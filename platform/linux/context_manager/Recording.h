@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,7 +15,7 @@ namespace ParvanePlatform {
 struct RecordingRow
 {
     std::int64_t mTimeMs = 0;
-    /** Each field's value of this row, or its last value before. */
+    /** Each field's value of this row, or its last value since the pedometer began anew. */
     std::array<double, kPedometerFields> mPedometer = {};
     double mPeakToPeak = 0.0;
     double mSpo2 = 0.0;
@@ -22,8 +23,12 @@ struct RecordingRow
     int mActivity = 0;
     int mActivityAccuracy = 0;
     int mGesture = 0;
-    /** Bit n: field n of mPedometer has had a value in this row or before. */
+    /** Bit n: field n of mPedometer has had a value. */
+    std::uint8_t mToldPedometer = 0;
+    /** Bit n: a reading of this row has field n; it has had a value and is not forgotten. */
     std::uint8_t mKnownPedometer = 0;
+    /** Bit n: what was known of field n is forgotten, and no value has come since. */
+    std::uint8_t mForgottenPedometer = 0;
     /** Some field of mPedometer has a value in this row itself. */
     bool mHasPedometer = false;
     bool mHasHeartRate = false;
@@ -32,18 +37,22 @@ struct RecordingRow
     bool mHasActivity = false;
     bool mHasActivityAccuracy = false;
     bool mHasGesture = false;
-    /** The pedometer has begun anew in this row or before; what was known before that is forgotten. */
+    /** The pedometer has begun anew in this row or before; what it told before that is forgotten. */
     bool mIsRestarted = false;
 };
+
+/** A value of each counter of the pedometer; none for one that has had none. */
+using PedometerCounts = std::array<std::optional<double>, kPedometerCounters>;
 
 /** True when a row is a reading of an item. */
 bool HasReading(const RecordingRow &row, ContextItem item);
 
 /**
  * Lets the pedometer of a row go on from a row that was played before the first one of its
- * recording: counters are added to, and what the row does not know is as it was.
+ * recording. A counter goes on by what it has counted since its first value, in `first`, up to the
+ * most that its column allows; what the row does not know, and has not forgotten, is as it was.
  */
-void GoOnFrom(const RecordingRow &before, RecordingRow &row);
+void GoOnFrom(const RecordingRow &before, const PedometerCounts &first, RecordingRow &row);
 
 /** A recording of the sensors, in order of time; at least one row. docs/storage.md has its form. */
 struct Recording
@@ -54,20 +63,24 @@ struct Recording
      * distance of two rows of its file, which is 1 ms at least and 1000 ms when it has one row.
      */
     std::int64_t mLoopMs = 0;
+    /** The first value of each counter. */
+    PedometerCounts mFirst;
 };
 
 /**
  * Reads a recording from its text.
  *
  * @param name  what the text is called in messages
- * @throws StartupError "NAME: line N, column N (COLUMN): REASON", the parts that there are
+ * @throws StartupError "NAME: line N, column N (COLUMN): REASON", the parts that there are; one
+ *         printable line, whatever name and text are
  */
 Recording ParseRecording(const std::string &name, std::string_view text);
 
 /**
  * Reads a recording from a file of at most 256 MiB.
  *
- * @throws StartupError that names the path and the reason, or as ParseRecording() does
+ * @throws StartupError that names the path and the reason, also when there is no memory for it, or as
+ *         ParseRecording() does
  */
 Recording LoadRecording(const std::string &path);
 

@@ -22,7 +22,7 @@ constexpr CellRule kAmount = {false, 0.0, 1e9, "a decimal number from 0 to 10000
 constexpr CellRule kDecimal = {false, kMinInt, kMaxInt,
                                "a decimal number from -2147483648 to 2147483647"};
 constexpr CellRule kActivity = {true, 0.0, 3.0, "an activity from 0 to 3"};
-constexpr CellRule kMark = {true, 1.0, 1.0, "1"};
+constexpr CellRule kMark = {true, 1.0, 2.0, "1 or 2"};
 
 } // namespace
 

@@ -42,6 +42,14 @@ enum RecordingColumn : std::size_t {
 /** The last moment of a recording, in milliseconds since its start. */
 constexpr std::int64_t kMaxRecordingMs = 1'000'000'000'000;
 
+/** What the column restart says of the pedometer; a row that says nothing goes on. */
+enum class RestartMark {
+    /** It begins anew in this row: what it told before is forgotten, its counters may be lower. */
+    Anew = 1,
+    /** It tells just the values of this row from here on; its counters go on. */
+    Forget = 2
+};
+
 /** What a cell may hold. */
 struct CellRule
 {

@@ -113,10 +113,7 @@ RecordingWriter::Row RecordingWriter::MakeRow(std::int64_t timeMs, ContextItem i
         return {"", std::move(error)};
     }
     if (item == ContextItem::Pedometer) {
-        if (BeginsAnew(cells)) {
-            cells[kRestartColumn] = 1.0;
-        }
-        std::copy_n(cells.begin() + kFirstPedometerColumn, kPedometerFields, mPedometer.begin());
+        TakePedometer(cells);
     }
     mLastMs = timeMs;
 
@@ -144,16 +141,36 @@ std::string RecordingWriter::CheckTime(std::int64_t timeMs) const
     return {};
 }
 
-bool RecordingWriter::BeginsAnew(const Cells &cells) const
+void RecordingWriter::TakePedometer(Cells &cells)
 {
-    for (std::size_t field = 0; field < kPedometerFields; ++field) {
-        const std::optional<double> &before = mPedometer[field];
-        const std::optional<double> &now = cells[kFirstPedometerColumn + field];
-        if (before && (!now || (field < kPedometerCounters && *now < *before))) {
-            return true;
+    if (const auto mark = MarkOf(cells)) {
+        cells[kRestartColumn] = static_cast<double>(*mark);
+        if (*mark == RestartMark::Anew) {
+            mCounts = {};
         }
     }
-    return false;
+    for (std::size_t field = 0; field < kPedometerFields; ++field) {
+        const std::optional<double> &now = cells[kFirstPedometerColumn + field];
+        mIsTold[field] = now.has_value();
+        if (now && field < kPedometerCounters) {
+            mCounts[field] = *now;
+        }
+    }
+}
+
+std::optional<RestartMark> RecordingWriter::MarkOf(const Cells &cells) const
+{
+    std::optional<RestartMark> mark;
+    for (std::size_t field = 0; field < kPedometerFields; ++field) {
+        const std::optional<double> &now = cells[kFirstPedometerColumn + field];
+        if (now && field < kPedometerCounters && *now < mCounts[field]) {
+            return RestartMark::Anew;
+        }
+        if (!now && mIsTold[field]) {
+            mark = RestartMark::Forget;
+        }
+    }
+    return mark;
 }
 
 } // namespace ParvanePlatform

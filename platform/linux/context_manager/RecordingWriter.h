@@ -14,10 +14,10 @@ namespace ParvanePlatform {
  * Writes readings down as a recording, which ReplaySource plays back to the same readings in the
  * same order: whoever reads a key from them, as an int or as a double, gets the same answer.
  *
- * Makes text only, line by line; the header and the rows in their order are the file. Where the
- * pedometer counts down or has no longer told a value, which the format takes for a mistake
- * otherwise, the row says that the pedometer begins anew. The locale of the process has no part in
- * it. One object writes one recording.
+ * Makes text only, line by line; the header and the rows in their order are the file. Where a
+ * counter of the pedometer goes down, which the format takes for a mistake otherwise, or a value is
+ * no longer told, which it takes for the one before, the row says so (RestartMark). The locale of
+ * the process has no part in it. One object writes one recording.
  */
 class RecordingWriter
 {
@@ -54,12 +54,16 @@ private:
     using Cells = std::array<std::optional<double>, kRecordingColumns>;
 
     std::string CheckTime(std::int64_t timeMs) const;
-    /** True when the reading cannot come after those before without a new beginning. */
-    bool BeginsAnew(const Cells &cells) const;
+    /** Marks a reading of the pedometer where it has to be, and remembers it. */
+    void TakePedometer(Cells &cells);
+    /** The mark without which the reading cannot come after those before. */
+    std::optional<RestartMark> MarkOf(const Cells &cells) const;
 
     std::int64_t mLastMs = 0;
-    /** The pedometer's values of the last row that had some. */
-    std::array<std::optional<double>, kPedometerFields> mPedometer;
+    /** Which of its values the pedometer's last reading has told. */
+    std::array<bool, kPedometerFields> mIsTold = {};
+    /** The last value of each of its counters since it began anew, told in that reading or before. */
+    std::array<double, kPedometerCounters> mCounts = {};
 };
 
 } // namespace ParvanePlatform

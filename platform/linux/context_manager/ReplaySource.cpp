@@ -180,6 +180,18 @@ void ReplaySource::DeliverDue()
     const std::int64_t nowUs = mClock.MonotonicUs();
     SkipWholeRounds(nowUs);
     mDeliveryUs = nowUs;
+    try {
+        DeliverUntil(nowUs);
+    } catch (...) {
+        // The rows after this one come all the same.
+        EndDelivery();
+        throw;
+    }
+    EndDelivery();
+}
+
+void ReplaySource::DeliverUntil(std::int64_t nowUs)
+{
     for (Track *track = FirstTrack(); track != nullptr && DueUs(*track, track->mNext) <= nowUs;
          track = FirstTrack()) {
         const SensorReading reading = ReadingOf(*track, track->mNext);
@@ -188,6 +200,10 @@ void ReplaySource::DeliverDue()
             mListener->OnReading(track->mItem, reading);
         }
     }
+}
+
+void ReplaySource::EndDelivery()
+{
     mDeliveryUs.reset();
     SetTimer();
 }
@@ -233,17 +249,31 @@ SensorReading ReplaySource::ReadingOf(const Track &track, std::int64_t entry) co
     return reading;
 }
 
+RecordingRow ReplaySource::EndOfRounds(std::int64_t rounds) const
+{
+    RecordingRow end = mRecording.mRows.back();
+    // A recording in which the counters begin anew ends each round with the same counts.
+    if (!end.mIsRestarted) {
+        for (std::size_t field = 0; field < kPedometerCounters; ++field) {
+            double &count = end.mPedometer[field];
+            const double counted = count - mRecording.mFirst[field].value_or(0.0);
+            count = std::min(count + static_cast<double>(rounds - 1) * counted,
+                             InfoOf(kFirstPedometerColumn + field).mRule.mMax);
+        }
+    }
+    return end;
+}
+
 SensorReading ReplaySource::PedometerReading(RecordingRow row, std::int64_t round) const
 {
     if (round > 0) {
-        RecordingRow before = mRecording.mRows.back();
-        // A recording in which the counters begin anew ends each round with the same counts.
-        if (!before.mIsRestarted) {
+        GoOnFrom(EndOfRounds(round), mRecording.mFirst, row);
+        if (const RecordingRow end = EndOfRounds(round + 1); !end.mIsRestarted) {
+            // The sums are rounded: none may be more than what the next round begins with.
             for (std::size_t field = 0; field < kPedometerCounters; ++field) {
-                before.mPedometer[field] *= static_cast<double>(round);
+                row.mPedometer[field] = std::min(row.mPedometer[field], end.mPedometer[field]);
             }
         }
-        GoOnFrom(before, row);
     }
     SensorReading reading;
     for (std::size_t field = 0; field < kPedometerFields; ++field) {

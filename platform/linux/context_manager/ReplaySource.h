@@ -29,9 +29,13 @@ struct ReplayOptions
  * Rows that are due when the timer comes late are delivered all; when an item is more than a whole
  * round behind, the whole rounds are left out.
  *
- * In round n (from 0) n times the last value of each counter is added to it, so that counters do not
- * go down. An empty cell keeps its field's last value, across rounds as well. From a row on in which
- * the pedometer begins anew its values are those of the recording, in each round.
+ * In round n (from 0) n times what a round counts, its last value less its first, is added to each
+ * counter, so that counters go on without a jump; at the most that their columns allow they stop. An
+ * empty cell keeps its field's last value, across rounds as well, unless it is forgotten. From a row on
+ * in which the pedometer begins anew its values are those of the recording, in each round.
+ *
+ * Without a loop an item that has had its last row can still be started and stays silent: what it
+ * said last holds, and Latest() has it.
  *
  * Rows that are due at the same time come in their order; of the values of one row first the heart
  * rate, then pedometer, activity and gesture.
@@ -71,8 +75,12 @@ private:
     Track *FirstTrack();
     void SkipWholeRounds(std::int64_t nowUs);
     void DeliverDue();
+    void DeliverUntil(std::int64_t nowUs);
+    void EndDelivery();
     void SetTimer();
     SensorReading ReadingOf(const Track &track, std::int64_t entry) const;
+    /** The last row as it is played in round `rounds` - 1; at least one round. */
+    RecordingRow EndOfRounds(std::int64_t rounds) const;
     SensorReading PedometerReading(RecordingRow row, std::int64_t round) const;
 
     const Recording mRecording;

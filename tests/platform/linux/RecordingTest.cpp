@@ -1,7 +1,13 @@
 #include "context_manager/Recording.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -15,6 +21,9 @@ namespace ParvanePlatform {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Lt;
+using testing::SizeIs;
 
 constexpr char kNames[] = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,"
                           "calories_kcal,speed,activity,gesture\n";
@@ -31,6 +40,27 @@ std::string FurtherText(const std::string &rows)
     const std::string names = kNames;
     return names.substr(0, names.size() - 1) + ",peak_to_peak,spo2,activity_accuracy,restart\n" +
            rows;
+}
+
+constexpr bool IsSanitized()
+{
+#if defined(__SANITIZE_ADDRESS__)
+    return true;
+#elif defined(__has_feature)
+    return __has_feature(address_sanitizer);
+#else
+    return false;
+#endif
+}
+
+/** Leaves the process `bytes` more of address space than it has now. */
+void LimitMemoryTo(rlim_t bytes)
+{
+    rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + bytes;
+    const rlimit both = {limit, limit};
+    setrlimit(RLIMIT_AS, &both);
 }
 
 std::string ErrorOf(const std::string &text)
@@ -244,6 +274,19 @@ TEST(RecordingTest, RestartForgetsWhatThePedometerHadTold)
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b001001);
 }
 
+TEST(RecordingTest, ForgettingKeepsTheCountersGoingOn)
+{
+    const Recording recording = ParseRecording(
+        "f.csv", FurtherText("0,,90,,,50,,3,,,,,,\n1,,95,,,,,,,,,,,2\n2,,96,,,50.5,,,,,,,,\n"));
+    EXPECT_FALSE(recording.mRows[2].mIsRestarted);
+    EXPECT_EQ(recording.mRows[1].mKnownPedometer, 0b000001);
+    EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b001001);
+    EXPECT_EQ(ErrorOf(FurtherText("0,,90,,,50,,3,,,,,,\n1,,80,,,,,,,,,,,2\n")),
+              "f.csv: line 3, column 3 (total_steps): the counter goes down to 80");
+    EXPECT_EQ(ErrorOf(FurtherText("0,,90,,,50,,3,,,,,,\n1,,91,,,,,,,,,,,2\n2,,,,,49,,,,,,,,\n")),
+              "f.csv: line 4, column 6 (distance_m): the counter goes down to 49");
+}
+
 TEST(RecordingTest, RestartCountsWhereverItsColumnIs)
 {
     const std::string names = "restart,t_ms,gesture,activity,speed,calories_kcal,distance_m,"
@@ -266,9 +309,22 @@ TEST(RecordingTest, FurtherColumnsAreCheckedToo)
         ErrorOf(FurtherText("0,,,,,,,,,,,,0.5,\n")),
         "f.csv: line 2, column 13 (activity_accuracy): '0.5' is not a whole number of 32 bits");
     EXPECT_EQ(ErrorOf(FurtherText("0,,,,,,,,,,,,,0\n")),
-              "f.csv: line 2, column 14 (restart): '0' is not 1");
+              "f.csv: line 2, column 14 (restart): '0' is not 1 or 2");
     EXPECT_EQ(ErrorOf(FurtherText("0,,,,,,,,,\n")),
               "f.csv: line 2: the row has 10 cells instead of 14");
+}
+
+TEST(RecordingTest, ForeignTextIsQuotedInOneShortPrintableLine)
+{
+    EXPECT_EQ(ErrorOf(Text(std::string("0,6\0\x1b[31m\xE4\x80,,,,,,,,\n", 20))),
+              "f.csv: line 3, column 2 (heart_rate): '6\\x00\\x1B[31m\\xE4\\x80' is not a whole "
+              "number of 32 bits");
+    const std::string longText(1000000, '0');
+    for (const std::string &text :
+         {Text("0," + longText + "x,,,,,,,,\n"), "t_ms," + longText + "\n",
+          Text("0,,9,,,,,,,\n1,," + longText + "1,,,,,,,\n")}) {
+        EXPECT_THAT(ErrorOf(text), testing::AllOf(HasSubstr("000..."), SizeIs(Lt(500U))));
+    }
 }
 
 /** Several files in turn. */
@@ -316,22 +372,24 @@ TEST_F(RecordingsTest, PedometerGoesOnOverTheSeams)
 {
     Write(Text("0,,5,,,1.5,,3,,\n1000,,9,,,2.5,,,,\n"));
     Write(Text("0,,0,,,,4,,,\n1000,,6,,,,,2,,\n"));
-    Write(Text("0,,1,,,0.25,,,,\n"));
+    Write(Text("0,,1,,,0.25,,,,\n1000,,4,,,1,,,,\n"));
     const Recording recording = LoadRecordings(mPaths);
     EXPECT_THAT(recording.mRows[2].mPedometer, ElementsAre(9.0, 0.0, 0.0, 2.5, 4.0, 3.0));
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b111001);
     EXPECT_THAT(recording.mRows[3].mPedometer, ElementsAre(15.0, 0.0, 0.0, 2.5, 4.0, 2.0));
-    EXPECT_THAT(recording.mRows[4].mPedometer, ElementsAre(16.0, 0.0, 0.0, 2.75, 4.0, 2.0));
+    EXPECT_THAT(recording.mRows[4].mPedometer, ElementsAre(15.0, 0.0, 0.0, 2.5, 4.0, 2.0));
+    EXPECT_THAT(recording.mRows[5].mPedometer, ElementsAre(18.0, 0.0, 0.0, 3.25, 4.0, 2.0));
     EXPECT_EQ(recording.mRows[4].mKnownPedometer, 0b111001);
 }
 
 TEST_F(RecordingsTest, AfterARestartTheNextFileGoesOnFromTheNewCounts)
 {
     Write(FurtherText("0,,500,,,7,,,,,,,,\n1,,20,,,,,,,,,,,1\n"));
-    Write(Text("0,,3,,,,,,,\n"));
+    Write(Text("0,,3,,,,,,,\n1000,,7,,,1.5,,,,\n"));
     const Recording recording = LoadRecordings(mPaths);
-    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 23.0);
+    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 20.0);
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
+    EXPECT_THAT(recording.mRows[3].mPedometer, ElementsAre(24.0, 0.0, 0.0, 1.5, 0.0, 0.0));
 }
 
 TEST_F(RecordingsTest, RestartInALaterFileTakesNothingFromTheOneBefore)
@@ -339,16 +397,48 @@ TEST_F(RecordingsTest, RestartInALaterFileTakesNothingFromTheOneBefore)
     Write(Text("0,,500,,,7,,,,\n"));
     Write(FurtherText("0,,3,,,,,,,,,,,\n1,,4,,,,,,,,,,,1\n"));
     const Recording recording = LoadRecordings(mPaths);
-    EXPECT_THAT(recording.mRows[1].mPedometer, ElementsAre(503.0, 0.0, 0.0, 7.0, 0.0, 0.0));
+    EXPECT_THAT(recording.mRows[1].mPedometer, ElementsAre(500.0, 0.0, 0.0, 7.0, 0.0, 0.0));
     EXPECT_THAT(recording.mRows[2].mPedometer, ElementsAre(4.0, 0.0, 0.0, 0.0, 0.0, 0.0));
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
 }
 
 TEST_F(RecordingsTest, SameFileMayBePlayedAgain)
 {
-    Write(Text("0,,5,,,,,,,\n"));
+    Write(Text("0,,5000,,,,,,,\n1000,,5010,,,,,,,\n"));
     mPaths.push_back(mPaths.front());
-    EXPECT_EQ(LoadRecordings(mPaths).mRows[1].mPedometer[kTotalSteps], 10.0);
+    const Recording recording = LoadRecordings(mPaths);
+    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 5010.0);
+    EXPECT_EQ(recording.mRows[3].mPedometer[kTotalSteps], 5020.0);
+}
+
+TEST_F(RecordingsTest, CountersStopAtTheMostThatTheirColumnsAllow)
+{
+    Write(Text("0,,0,,,0,0,,,\n1000,,2147483640,,,999999999,999999998.5,,,\n"));
+    Write(Text("0,,1,,,0,0,,,\n1000,,100,,,0.5,50,,,\n"));
+    const Recording recording = LoadRecordings(mPaths);
+    EXPECT_THAT(recording.mRows[3].mPedometer,
+                ElementsAre(2147483647.0, 0.0, 0.0, 999999999.5, 1e9, 0.0));
+}
+
+TEST_F(RecordingsTest, WhatAFileHasForgottenTheNextOneTellsAgainOnlyWithAValue)
+{
+    Write(FurtherText("0,,5,,,2.5,,3,,,,,,\n1000,,6,,,,,,,,,,,2\n"));
+    Write(Text("0,,1,,,,,,,\n1000,,2,,,0.5,,,,\n2000,,2,,,1.5,,,,\n"));
+    const Recording recording = LoadRecordings(mPaths);
+    EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
+    EXPECT_EQ(recording.mRows[3].mKnownPedometer, 0b001001);
+    EXPECT_THAT(recording.mRows[3].mPedometer, ElementsAre(7.0, 0.0, 0.0, 2.5, 0.0, 3.0));
+    EXPECT_EQ(recording.mRows[4].mPedometer[kDistanceM], 3.5);
+}
+
+TEST_F(RecordingsTest, AFileThatForgetsDoesNotTellWhatTheOneBeforeKnew)
+{
+    Write(Text("0,,5,,,2.5,,3,,\n"));
+    Write(FurtherText("0,,1,,,,,,,,,,,\n1000,,2,,,,,,,,,,,2\n"));
+    const Recording recording = LoadRecordings(mPaths);
+    EXPECT_EQ(recording.mRows[1].mKnownPedometer, 0b101001);
+    EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
+    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 6.0);
 }
 
 TEST_F(RecordingsTest, FileWithAMistakeIsNamed)
@@ -365,6 +455,43 @@ TEST_F(RecordingsTest, MissingFileIsNamed)
     mPaths.push_back(mDirectory / "none.csv");
     EXPECT_EQ(Error(),
               "cannot read the recording " + mPaths.back() + ": No such file or directory");
+}
+
+TEST_F(RecordingsTest, AFifoInTheirPlaceIsNamedAndHoldsNobodyUp)
+{
+    mPaths.push_back(mDirectory / "fifo.csv");
+    ASSERT_EQ(mkfifo(mPaths.back().c_str(), 0600), 0);
+    EXPECT_EQ(Error(), "cannot read the recording " + mPaths.back() + ": it is not a regular file");
+}
+
+TEST_F(RecordingsTest, NamesArePrintable)
+{
+    mPaths.push_back("/no\nW such \x1b[31mfile");
+    EXPECT_EQ(Error(), "cannot read the recording /no\\x0AW such \\x1B[31mfile: No such file or "
+                       "directory");
+    mPaths = {mDirectory / "a\nb.csv"};
+    WriteFile(mPaths.back(), Text(""));
+    EXPECT_EQ(Error(), (mDirectory / "a\\x0Ab.csv") + ": there are no rows");
+}
+
+TEST_F(RecordingsTest, TooLittleMemoryIsToldWithThePath)
+{
+    if (IsSanitized()) {
+        GTEST_SKIP() << "a sanitizer does not live with a limit of the memory";
+    }
+    std::string rows;
+    for (int i = 0; i < 300000; ++i) {
+        rows += "0,1,,,,,,,,\n";
+    }
+    const std::string path = Write(Text(rows));
+    const auto loadWithoutMemory = [this] {
+        LimitMemoryTo(12 << 20);
+        const std::string error = Error();
+        std::fputs(error.c_str(), stderr);
+        std::_Exit(0);
+    };
+    EXPECT_EXIT(loadWithoutMemory(), testing::ExitedWithCode(0),
+                "^cannot read the recording " + path + ": there is not enough memory for it$");
 }
 
 TEST_F(RecordingsTest, TheyMayNotLastLongerThanOneMay)

@@ -325,14 +325,37 @@ TEST_F(RecordingWriterTest, CounterThatGoesDownBeginsAnew)
     EXPECT_EQ(Steps(3, 100), "3,,100,,,,,,,,,,,");
 }
 
-TEST_F(RecordingWriterTest, ValueThatIsNoLongerToldBeginsAnew)
+TEST_F(RecordingWriterTest, ValueThatIsNoLongerToldIsForgotten)
 {
     const Value steps = {CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, 5};
     const Value speed = {CONTEXT_PEDOMETER_SPEED, 4.0};
     EXPECT_EQ(Row(0, ContextItem::Pedometer, {steps, speed}), "0,,5,,,,,4,,,,,,");
-    EXPECT_EQ(Row(1, ContextItem::Pedometer, {steps}), "1,,5,,,,,,,,,,,1");
+    EXPECT_EQ(Row(1, ContextItem::Pedometer, {steps}), "1,,5,,,,,,,,,,,2");
     EXPECT_EQ(Row(2, ContextItem::Pedometer, {steps}), "2,,5,,,,,,,,,,,");
     EXPECT_EQ(Row(3, ContextItem::Pedometer, {steps, speed}), "3,,5,,,,,4,,,,,,");
+}
+
+TEST_F(RecordingWriterTest, ForgottenCounterThatComesBackLowerBeginsAnew)
+{
+    const Value steps = {CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, 5};
+    const auto distance = [](double metres) {
+        return Value(CONTEXT_PEDOMETER_CUMULATIVE_DISTANCE, metres);
+    };
+    EXPECT_EQ(Row(0, ContextItem::Pedometer, {steps, distance(9.5)}), "0,,5,,,9.5,,,,,,,,");
+    EXPECT_EQ(Row(1, ContextItem::Pedometer, {steps}), "1,,5,,,,,,,,,,,2");
+    EXPECT_EQ(Row(2, ContextItem::Pedometer, {steps, distance(9.5)}), "2,,5,,,9.5,,,,,,,,");
+    EXPECT_EQ(Row(3, ContextItem::Pedometer, {steps}), "3,,5,,,,,,,,,,,2");
+    EXPECT_EQ(Row(4, ContextItem::Pedometer, {steps, distance(9.25)}), "4,,5,,,9.25,,,,,,,,1");
+}
+
+TEST_F(RecordingWriterTest, CounterThatGoesDownOutweighsAValueThatIsForgotten)
+{
+    const Value speed = {CONTEXT_PEDOMETER_SPEED, 4.0};
+    EXPECT_EQ(
+        Row(0, ContextItem::Pedometer, {{CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, 5}, speed}),
+        "0,,5,,,,,4,,,,,,");
+    EXPECT_EQ(Steps(1, 4), "1,,4,,,,,,,,,,,1");
+    EXPECT_EQ(Steps(2, 4), "2,,4,,,,,,,,,,,");
 }
 
 TEST_F(RecordingWriterTest, SpeedMayGoDown)

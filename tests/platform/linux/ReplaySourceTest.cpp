@@ -3,6 +3,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -230,11 +231,56 @@ TEST_F(ReplaySourceTest, CountersGoOnInTheNextRound)
     AdvanceTo(7000);
     EXPECT_THAT(
         Take(),
-        ElementsAre("3000: 2 pedometer/total_steps=9 pedometer/distance=8.5 pedometer/speed=3",
-                    "4000: 2 pedometer/total_steps=16 pedometer/distance=8.5 pedometer/speed=4",
-                    "5000: 2 pedometer/total_steps=18 pedometer/distance=16 pedometer/speed=4",
-                    "6000: 2 pedometer/total_steps=18 pedometer/distance=16.5 pedometer/speed=3",
-                    "7000: 2 pedometer/total_steps=25 pedometer/distance=16.5 pedometer/speed=4"));
+        ElementsAre("3000: 2 pedometer/total_steps=9 pedometer/distance=8 pedometer/speed=3",
+                    "4000: 2 pedometer/total_steps=16 pedometer/distance=8 pedometer/speed=4",
+                    "5000: 2 pedometer/total_steps=18 pedometer/distance=15.5 pedometer/speed=4",
+                    "6000: 2 pedometer/total_steps=18 pedometer/distance=15.5 pedometer/speed=3",
+                    "7000: 2 pedometer/total_steps=25 pedometer/distance=15.5 pedometer/speed=4"));
+}
+
+TEST_F(ReplaySourceTest, RecordingThatDoesNotBeginAtZeroHasNoJumpAtItsSeams)
+{
+    Play("0,,5000,,,,,,,\n1000,,5010,,,,,,,\n");
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(5000);
+    EXPECT_THAT(
+        Take(),
+        ElementsAre("0: 2 pedometer/total_steps=5000", "1000: 2 pedometer/total_steps=5010",
+                    "2000: 2 pedometer/total_steps=5010", "3000: 2 pedometer/total_steps=5020",
+                    "4000: 2 pedometer/total_steps=5020", "5000: 2 pedometer/total_steps=5030"));
+}
+
+TEST_F(ReplaySourceTest, CountersStopAtTheMostThatTheirColumnsAllow)
+{
+    Play("0,,0,,,0,,,,\n1000,,2147483000,,,400000000,,,,\n");
+    const auto stepsAndDistanceAt = [this](double ms) {
+        AdvanceTo(ms);
+        std::vector<double> values;
+        for (const SensorValue &value : *mSource->Latest(ContextItem::Pedometer)) {
+            values.push_back(std::get<double>(value.mValue));
+        }
+        return values;
+    };
+    EXPECT_THAT(stepsAndDistanceAt(3000), ElementsAre(2147483647.0, 800000000.0));
+    EXPECT_THAT(stepsAndDistanceAt(4000), ElementsAre(2147483647.0, 800000000.0));
+    EXPECT_THAT(stepsAndDistanceAt(5000), ElementsAre(2147483647.0, 1e9));
+    EXPECT_THAT(stepsAndDistanceAt(2e12), ElementsAre(2147483647.0, 1e9));
+}
+
+TEST_F(ReplaySourceTest, FractionsDoNotMakeACounterGoDownAtASeam)
+{
+    Play("0,,,,,0.1,,,,\n1000,,,,,0.30000000000000004,,,,\n2000,,,,,12.7,,,,\n");
+    double last = 0.0;
+    for (int round = 0; round < 20000; ++round) {
+        for (const double rowMs : {0.0, 1000.0, 2000.0}) {
+            AdvanceTo(round * 3000.0 + rowMs);
+            const SensorReading reading = *mSource->Latest(ContextItem::Pedometer);
+            const double distance = std::get<double>(reading.begin()->mValue);
+            ASSERT_GE(distance, last) << "round " << round << ", " << rowMs << " ms";
+            last = distance;
+        }
+    }
+    EXPECT_NEAR(last, 12.7 + 19999 * 12.6, 1e-6);
 }
 
 TEST_F(ReplaySourceTest, FieldThatStartsLateIsKnownFromTheRoundBefore)
@@ -246,7 +292,7 @@ TEST_F(ReplaySourceTest, FieldThatStartsLateIsKnownFromTheRoundBefore)
         Take(),
         ElementsAre("0: 2 pedometer/total_steps=1",
                     "1000: 2 pedometer/total_steps=2 pedometer/calories=5 pedometer/speed=6",
-                    "2000: 2 pedometer/total_steps=3 pedometer/calories=5 "
+                    "2000: 2 pedometer/total_steps=2 pedometer/calories=5 "
                     "pedometer/speed=6"));
 }
 
@@ -259,8 +305,19 @@ TEST_F(ReplaySourceTest, WithoutLoopItEndsAfterTheLastRow)
     EXPECT_EQ(DueUs(), -1);
     AdvanceTo(1e9);
     EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61");
-    mSource->Start(ContextItem::HeartRate);
+}
+
+TEST_F(ReplaySourceTest, ItemThatHasHadItsLastRowIsStartedAndSilent)
+{
+    Play("0,60,,,,,,,1,\n1000,61,,,,,,,,\n", {1.0, false});
+    AdvanceTo(500);
+    EXPECT_EQ(mSource->Start(ContextItem::Activity), 0);
     EXPECT_EQ(DueUs(), -1);
+    EXPECT_EQ(Latest(ContextItem::Activity), "23 activity/status=1");
+    AdvanceTo(1e9);
+    EXPECT_EQ(mSource->Start(ContextItem::HeartRate), 0);
+    EXPECT_EQ(DueUs(), -1);
+    EXPECT_THAT(Take(), IsEmpty());
 }
 
 TEST_F(ReplaySourceTest, LateTimerDeliversAllThatIsDue)
@@ -277,12 +334,12 @@ TEST_F(ReplaySourceTest, LateTimerDeliversAllThatIsDue)
 
 TEST_F(ReplaySourceTest, WholeRoundsThatWereMissedAreLeftOut)
 {
-    Play("0,60,1,,,,,,,\n1000,61,5,,,,,,,\n"); // a round takes 2000 ms and counts 5 steps
+    Play("0,60,1,,,,,,,\n1000,61,5,,,,,,,\n"); // a round takes 2000 ms and counts 4 steps
     mSource->Start(ContextItem::HeartRate);
     mSource->Start(ContextItem::Pedometer);
     FireLateAt(2'000'000'000 + 500); // in round 1000000
     EXPECT_THAT(Take(),
-                ElementsAre("2e+09: 7 hrm/heart_rate=60", "2e+09: 2 pedometer/total_steps=5e+06"));
+                ElementsAre("2e+09: 7 hrm/heart_rate=60", "2e+09: 2 pedometer/total_steps=4e+06"));
     EXPECT_EQ(DueUs(), 2'000'001'000'000);
 }
 
@@ -315,16 +372,16 @@ TEST_F(ReplaySourceTest, LatestIsTheNewestRowWithAValue)
 
 TEST_F(ReplaySourceTest, LatestIsRightAtTheEdgesOfManyRounds)
 {
-    Play("0,60,1,,,,,,,\n7,61,3,,,,,,,\n20,62,4,,,,,,,\n", {7.0, true}); // rounds of 33 ms
+    // Rounds of 33 ms, of 3 steps each.
+    Play("0,60,1,,,,,9,,\n7,61,3,,,,,,,\n20,62,4,,,,,8,,\n", {7.0, true});
     for (std::int64_t round = 0; round < 2000; ++round) {
         const double roundMs = static_cast<double>(round) * 33.0;
         mClock.mMonotonicUs = kStartUs + static_cast<std::int64_t>(std::ceil(roundMs * 1000 / 7.0));
-        const std::string total = std::to_string(round * 4 + 1);
-        ASSERT_EQ(Latest(ContextItem::Pedometer), "2 pedometer/total_steps=" + total);
+        const std::string steps = "2 pedometer/total_steps=" + std::to_string(round * 3 + 1);
+        ASSERT_EQ(Latest(ContextItem::Pedometer), steps + " pedometer/speed=9");
         --mClock.mMonotonicUs;
         if (round > 0) {
-            const std::string before = std::to_string(round * 4);
-            ASSERT_EQ(Latest(ContextItem::Pedometer), "2 pedometer/total_steps=" + before);
+            ASSERT_EQ(Latest(ContextItem::Pedometer), steps + " pedometer/speed=8");
         }
     }
 }
@@ -366,12 +423,12 @@ TEST_F(ReplaySourceTest, FilesArePlayedWithoutAGapAndRoundAgain)
                             "2000: 2 pedometer/total_steps=9 pedometer/distance=1.5",
                             "2500: 2 pedometer/total_steps=13 pedometer/distance=1.5"));
     AdvanceTo(5999);
-    EXPECT_THAT(Take(), ElementsAre("3000: 2 pedometer/total_steps=18 pedometer/distance=1.5",
-                                    "4000: 2 pedometer/total_steps=22 pedometer/distance=1.5",
-                                    "5000: 2 pedometer/total_steps=22 pedometer/distance=3",
-                                    "5500: 2 pedometer/total_steps=26 pedometer/distance=3"));
+    EXPECT_THAT(Take(), ElementsAre("3000: 2 pedometer/total_steps=13 pedometer/distance=1.5",
+                                    "4000: 2 pedometer/total_steps=17 pedometer/distance=1.5",
+                                    "5000: 2 pedometer/total_steps=17 pedometer/distance=1.5",
+                                    "5500: 2 pedometer/total_steps=21 pedometer/distance=1.5"));
     AdvanceTo(6000);
-    EXPECT_THAT(Take(), ElementsAre("6000: 2 pedometer/total_steps=31 pedometer/distance=3"));
+    EXPECT_THAT(Take(), ElementsAre("6000: 2 pedometer/total_steps=21 pedometer/distance=1.5"));
 }
 
 TEST_F(ReplaySourceTest, WithoutLoopTheLastFileIsTheEnd)
@@ -393,10 +450,43 @@ TEST_F(ReplaySourceTest, PedometerThatBeginsAnewDoesSoInEachRound)
     EXPECT_THAT(Take(),
                 ElementsAre("0: 2 pedometer/total_steps=90 pedometer/distance=5",
                             "1000: 2 pedometer/total_steps=2", "2000: 2 pedometer/total_steps=7",
-                            "3000: 2 pedometer/total_steps=97 pedometer/distance=5",
+                            "3000: 2 pedometer/total_steps=7 pedometer/distance=5",
                             "4000: 2 pedometer/total_steps=2", "5000: 2 pedometer/total_steps=7",
-                            "6000: 2 pedometer/total_steps=97 pedometer/distance=5",
+                            "6000: 2 pedometer/total_steps=7 pedometer/distance=5",
                             "7000: 2 pedometer/total_steps=2", "8000: 2 pedometer/total_steps=7"));
+}
+
+TEST_F(ReplaySourceTest, CountersGoOnAfterAValueWasForgottenAndItIsSoInEachRound)
+{
+    PlayAll(
+        {std::string(kAllNames) + "0,,5,,,,,3,,,,,,\n1000,,6,,,,,,,,,,,2\n2000,,9,,,,,,,,,,,\n"});
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(7000);
+    EXPECT_THAT(Take(),
+                ElementsAre("0: 2 pedometer/total_steps=5 pedometer/speed=3",
+                            "1000: 2 pedometer/total_steps=6", "2000: 2 pedometer/total_steps=9",
+                            "3000: 2 pedometer/total_steps=9 pedometer/speed=3",
+                            "4000: 2 pedometer/total_steps=10", "5000: 2 pedometer/total_steps=13",
+                            "6000: 2 pedometer/total_steps=13 pedometer/speed=3",
+                            "7000: 2 pedometer/total_steps=14"));
+}
+
+TEST_F(ReplaySourceTest, ListenerThatThrowsDoesNotEndTheReplay)
+{
+    Play("0,60,1,,,,,,,\n1000,61,2,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    mSource->Start(ContextItem::Pedometer);
+    mOnReading = [](ContextItem item) {
+        if (item == ContextItem::HeartRate) {
+            throw std::bad_alloc();
+        }
+    };
+    EXPECT_THROW(FireLateAt(0), std::bad_alloc);
+    mOnReading = nullptr;
+    AdvanceTo(1000);
+    EXPECT_THAT(Take(),
+                ElementsAre("0: 7 hrm/heart_rate=60", "0: 2 pedometer/total_steps=1",
+                            "1000: 7 hrm/heart_rate=61", "1000: 2 pedometer/total_steps=2"));
 }
 
 TEST_F(ReplaySourceTest, ListenerMayStopTheItemInItsCall)
