@@ -1,16 +1,14 @@
 #include "CheckConfig.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <fcntl.h>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <ostream>
-#include <sys/stat.h>
+#include <utility>
+#include <vector>
 
-#include "base/Files.h"
+#include "base/Printable.h"
 #include "base/StartupError.h"
-#include "base/UniqueFd.h"
+#include "context_manager/Recording.h"
 #include "service_app/ConfigFile.h"
 #include "service_app/ConfigSchema.h"
 
@@ -33,20 +31,36 @@ const char *NameOf(Severity severity)
     return severity == Severity::Warning ? "warning" : "error";
 }
 
-/** Why a recording cannot be read; empty when it can be. */
-std::string ReasonAgainst(const std::string &recording)
+/** Why recordings cannot be played in turn; empty when they can be. */
+std::string ReasonAgainst(const std::vector<std::string> &recordings)
 {
-    // Not blocking: a FIFO in the file's place must not hold the check up.
-    const ParvanePlatform::UniqueFd file(
-        ::open(recording.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat status = {};
-    if (!file || ::fstat(file.Get(), &status) != 0) {
-        return ParvanePlatform::ErrorText(errno);
+    try {
+        ParvanePlatform::LoadRecordings(recordings);
+        return {};
+    } catch (const ParvanePlatform::StartupError &failure) {
+        return failure.what();
     }
-    return S_ISREG(status.st_mode) ? "" : "it is not a regular file";
 }
 
-/** Adds the recordings that the service would not find. */
+/** Why the service would not play recordings: what is wrong with each, else with all together. */
+std::vector<std::string> ReasonsAgainst(const std::vector<std::string> &recordings)
+{
+    std::vector<std::string> reasons;
+    const auto judge = [&reasons](const std::vector<std::string> &some) {
+        if (std::string reason = ReasonAgainst(some); !reason.empty()) {
+            reasons.push_back(std::move(reason));
+        }
+    };
+    for (const std::string &recording : recordings) {
+        judge({recording});
+    }
+    if (reasons.empty() && recordings.size() > 1) {
+        judge(recordings);
+    }
+    return reasons;
+}
+
+/** Adds what is wrong with the recordings that the service would play. */
 void CheckRecordings(Configuration &configuration)
 {
     using ParvanePlatform::kSensorItems;
@@ -59,12 +73,9 @@ void CheckRecordings(Configuration &configuration)
         return;
     }
     const int line = configuration.mLines.at({"replay", "files"});
-    for (const std::string &file : settings.mReplay.mFiles) {
-        if (const std::string reason = ReasonAgainst(file); !reason.empty()) {
-            std::string text = "[replay] files: cannot read ";
-            text.append(file).append(": ").append(reason);
-            configuration.mProblems.push_back({Severity::Error, line, "replay", "files", text});
-        }
+    for (const std::string &reason : ReasonsAgainst(settings.mReplay.mFiles)) {
+        configuration.mProblems.push_back(
+            {Severity::Error, line, "replay", "files", "[replay] files: " + reason});
     }
     std::stable_sort(configuration.mProblems.begin(), configuration.mProblems.end(),
                      [](const auto &left, const auto &right) { return left.mLine < right.mLine; });
@@ -104,7 +115,7 @@ void PrintText(const std::string &path, const Configuration &configuration, bool
         const ParvanePlatform::SourceKind source = configuration.mSettings.mSensors.*item.mSource;
         out << item.mKey << ": " << ParvanePlatform::NameOf(source) << '\n';
     }
-    out << path << ": ok\n";
+    out << ParvanePlatform::PrintablePath(path) << ": ok\n";
 }
 
 } // namespace

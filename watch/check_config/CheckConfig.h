@@ -6,8 +6,8 @@
 namespace ParvaneWatch {
 
 /**
- * Checks a configuration file as the service does at its start, by itself: the variables of the
- * environment, which would override it, do not count.
+ * Checks a configuration file, and the recordings that it lets be played, as the service does at its
+ * start. By itself: the variables of the environment, which would override it, do not count.
  *
  * Prints its problems to `err`, one a line; and to `out`, when the service would start with it, the
  * source of each item and "PATH: ok". As JSON it prints one object to `out` and nothing else:

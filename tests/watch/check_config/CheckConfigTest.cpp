@@ -17,6 +17,14 @@ namespace {
 
 const std::string kSilent = "heart_rate: none\npedometer: none\nactivity: none\ngesture: none\n";
 
+/** A recording of these rows. */
+std::string Recording(const std::string &rows)
+{
+    return "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,calories_kcal,speed,"
+           "activity,gesture\n" +
+           rows;
+}
+
 } // namespace
 
 /** A folder with a configuration file, and what the check of it has printed. */
@@ -69,7 +77,7 @@ TEST_F(CheckConfigTest, AnEmptyFileIsFineAndTellsTheSources)
 
 TEST_F(CheckConfigTest, SourcesAreThoseThatTheServiceWouldUse)
 {
-    Write("run.csv", "");
+    Write("run.csv", Recording("0,60,,,,,,,,\n"));
     EXPECT_EQ(CheckText("[sensors]\nheart_rate=ble\npedometer=iio\ngesture=manual\n"
                         "[replay]\nfiles=run.csv\n"),
               0);
@@ -113,17 +121,56 @@ TEST_F(CheckConfigTest, RecordingsThatCannotBeReadAreErrors)
 {
     std::filesystem::create_directory(mFolder / "folder");
     EXPECT_EQ(CheckText("[replay]\nfiles=no.csv;folder\nx=1\n"), 1);
-    EXPECT_EQ(mErr.str(), "error: " + mPath.string() + ": line 2: [replay] files: cannot read " +
-                              mFolder.string() +
-                              "/no.csv: No such file or directory\n"
-                              "error: " +
-                              mPath.string() + ": line 2: [replay] files: cannot read " +
-                              mFolder.string() +
-                              "/folder: it is not a regular file\n"
-                              "warning: " +
-                              mPath.string() +
+    const std::string cannot =
+        "error: " + mPath.string() + ": line 2: [replay] files: cannot read the recording ";
+    EXPECT_EQ(mErr.str(), cannot + mFolder.string() + "/no.csv: No such file or directory\n" +
+                              cannot + mFolder.string() + "/folder: Is a directory\n" +
+                              "warning: " + mPath.string() +
                               ": line 3: unknown key 'x' in [replay]; known are files, speed, "
                               "loop\n");
+}
+
+TEST_F(CheckConfigTest, RecordingsThatTheServiceWouldNotPlayAreErrors)
+{
+    Write("empty.csv", "");
+    Write("bad.csv", Recording("0,60,,,,,,,,\n1,6x,,,,,,,,\n"));
+    EXPECT_EQ(CheckText("[replay]\nfiles=empty.csv;bad.csv\n"), 1);
+    const std::string error =
+        "error: " + mPath.string() + ": line 2: [replay] files: " + mFolder.string();
+    EXPECT_EQ(mErr.str(), error + "/empty.csv: there is no line of column names\n" + error +
+                              "/bad.csv: line 3, column 2 (heart_rate): '6x' is not a whole number "
+                              "of 32 bits\n");
+    EXPECT_EQ(mOut.str(), "");
+}
+
+TEST_F(CheckConfigTest, RecordingsThatAreFineButNotInTurnAreAnError)
+{
+    Write("long.csv", Recording("999999999999,60,,,,,,,,\n"));
+    EXPECT_EQ(CheckText("[replay]\nfiles=long.csv\n"), 0);
+    EXPECT_EQ(CheckText("[replay]\nfiles=long.csv;long.csv\n"), 1);
+    EXPECT_EQ(mErr.str(), "error: " + mPath.string() +
+                              ": line 2: [replay] files: " + mFolder.string() +
+                              "/long.csv: it begins at 1000000000999 ms of the recordings that are "
+                              "played in turn, which would end after 1000000000000 ms\n");
+}
+
+TEST_F(CheckConfigTest, NamesOfFilesCannotForgeALine)
+{
+    mPath = mFolder / "a\nerror: b.conf";
+    std::ofstream(mPath) << "[replay]\nfiles=run\\nok: \x1b[31m.csv\n";
+    EXPECT_EQ(Check(), 1);
+    const std::string folder = mFolder.string();
+    EXPECT_EQ(mErr.str(), "error: " + folder +
+                              "/a\\x0Aerror: b.conf: line 2: [replay] files: cannot read the "
+                              "recording " +
+                              folder + "/run\\x0Aok: \\x1B[31m.csv: No such file or directory\n");
+    std::ofstream(mPath) << "";
+    EXPECT_EQ(Check(), 0);
+    EXPECT_EQ(mOut.str(), kSilent + folder + "/a\\x0Aerror: b.conf: ok\n");
+    mPath = mFolder / "no\nsuch";
+    EXPECT_EQ(Check(), 2);
+    EXPECT_EQ(mErr.str(), "error: cannot read the configuration file " + folder +
+                              "/no\\x0Asuch: No such file or directory\n");
 }
 
 TEST_F(CheckConfigTest, RecordingsThatNobodyPlaysAreNotLookedFor)
@@ -136,7 +183,8 @@ TEST_F(CheckConfigTest, RecordingsThatNobodyPlaysAreNotLookedFor)
 TEST_F(CheckConfigTest, AFileThatIsNoKeyFileIsAnError)
 {
     EXPECT_EQ(CheckText("root=/sys\n"), 1);
-    EXPECT_EQ(mErr.str(), "error: " + mPath.string() + ": Key file does not start with a group\n");
+    EXPECT_EQ(mErr.str(),
+              "error: " + mPath.string() + ": line 1: Key file does not start with a group\n");
 }
 
 TEST_F(CheckConfigTest, AFileThatCannotBeReadIsTold)
