@@ -4,6 +4,9 @@
 #include <ctime>
 #include <filesystem>
 #include <map>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "ServiceFixture.h"
 
@@ -48,6 +51,19 @@ std::string ZoneAtNoon()
     std::tm utc = {};
     gmtime_r(&now, &utc);
     return "NOON" + std::to_string(utc.tm_hour - 12);
+}
+
+/** The rows of a recording without their times. */
+std::vector<std::string> RowsOf(const std::string &path)
+{
+    std::vector<std::string> rows;
+    std::istringstream text(ReadFile(path));
+    for (std::string line; std::getline(text, line);) {
+        if (!line.starts_with('#') && !line.starts_with("t_ms")) {
+            rows.push_back(line.substr(line.find(',')));
+        }
+    }
+    return rows;
 }
 
 std::vector<Bytes> FirstOf(std::vector<Bytes> packets, std::size_t count)
@@ -162,6 +178,13 @@ protected:
             host, [count](Readings &all) { return all[kActivity].size() >= count; })[kActivity];
     }
 
+    /** A host that awaits `count` packets of the steps, which it has opted in to before. */
+    static std::vector<Bytes> FollowSteps(const Host &host, std::size_t count)
+    {
+        return Collect(host,
+                       [count](Readings &all) { return all[kSteps].size() >= count; })[kSteps];
+    }
+
     std::string RecordingPath() const { return (mFolder.Path() / "recorded.csv").string(); }
     std::filesystem::path OtherState() const { return mFolder.Path() / "other-state"; }
 
@@ -248,4 +271,31 @@ TEST_F(RecordReplayTest, ChangesOfTheActivityComeBackInTheirOrder)
     }
     EXPECT_THAT(values, ElementsAre(0.0F, 1.0F, 2.0F, 0.0F, 2.0F, 1.0F, 1.0F, 2.0F));
     EXPECT_EQ(replayed, original);
+}
+
+TEST_F(RecordReplayTest, ResetsAndForgottenValuesOfThePedometerComeBackTheSame)
+{
+    const std::string recording =
+        WriteRecording({"3000,,5000,,,100,,4,,,", "3100,,5010,,,110,,,,,", "3200,,5020,,,,,,,,2",
+                        "3300,,5030,,,120,,,,,", "3400,,7,,,2,,,,,1", "3500,,9,,,3,,5,,,"},
+                       ",restart");
+    constexpr std::size_t kPackets = 6;
+    OptInToSteps();
+    StartRun(recording, "1", "0");
+    std::vector<Bytes> original;
+    {
+        const Host host(LinkPath());
+        StartRecording();
+        ASSERT_EQ(host.Receive(0ms), std::nullopt) << "the recording has begun too late";
+        original = FollowSteps(host, kPackets);
+    }
+    EndRecording();
+    EXPECT_THAT(RowsOf(RecordingPath()),
+                ElementsAre(",,5000,,,100,,4,,,,,,", ",,5010,,,110,,4,,,,,,", ",,5020,,,,,,,,,,,2",
+                            ",,5030,,,120,,,,,,,,", ",,7,,,2,,,,,,,,1", ",,9,,,3,,5,,,,,,"));
+
+    StartRun(RecordingPath(), "1", "0");
+    const Host host(LinkPath());
+    EXPECT_EQ(FollowSteps(host, kPackets), original);
+    EXPECT_GT(ValueOf(original.back()), 0.0F);
 }

@@ -57,10 +57,12 @@ int ServiceFixture::StopService()
     return mService->WaitForEnd().value_or(-1);
 }
 
-std::string ServiceFixture::WriteRecording(const std::vector<std::string> &rows) const
+std::string ServiceFixture::WriteRecording(const std::vector<std::string> &rows,
+                                           const std::string &more) const
 {
     std::string text = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,calories_kcal,"
-                       "speed,activity,gesture\n";
+                       "speed,activity,gesture" +
+                       more + "\n";
     for (const std::string &row : rows) {
         text += row + "\n";
     }

@@ -24,8 +24,9 @@ protected:
     /** Ends the running service in order; its exit status. */
     int StopService();
 
-    /** Writes a recording; `rows` without the line of column names. */
-    std::string WriteRecording(const std::vector<std::string> &rows) const;
+    /** Writes a recording; `rows` without the line of column names, `more` names that it has too. */
+    std::string WriteRecording(const std::vector<std::string> &rows,
+                               const std::string &more = {}) const;
 
     std::filesystem::path LinkPath() const { return mRunDirectory / "link.sock"; }
     Environment BaseEnvironment() const;
