@@ -31,7 +31,7 @@ std::string ManagedDirectory(const Environment &environment, const std::string &
     const std::string value = Value(environment, name);
     std::string path = value.substr(0, value.find(':'));
     if (!value.empty() && !IsAbsolute(path)) {
-        throw StartupError(name + " is '" + value + "': it must be an absolute path");
+        throw StartupError(name + " is '" + Printable(value) + "': it must be an absolute path");
     }
     return path;
 }
@@ -81,7 +81,7 @@ void Override(const Environment &environment, const std::string &variable, const
 {
     const std::string text = Value(environment, variable);
     if (!text.empty() && !key.mApply({text}, settings)) {
-        throw StartupError(variable + " is '" + text + "': it must be " + key.mAllowed);
+        throw StartupError(variable + " is '" + Printable(text) + "': it must be " + key.mAllowed);
     }
 }
 
@@ -89,7 +89,7 @@ bool TraceLoop(const Environment &environment, bool configured)
 {
     const std::string text = Value(environment, "PARVANE_LOOP");
     if (!text.empty() && text != "0" && text != "1") {
-        throw StartupError("PARVANE_LOOP is '" + text + "': it must be 0 or 1");
+        throw StartupError("PARVANE_LOOP is '" + Printable(text) + "': it must be 0 or 1");
     }
     return text.empty() ? configured : text == "1";
 }

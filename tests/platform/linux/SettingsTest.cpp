@@ -128,6 +128,17 @@ TEST(SettingsTest, BadLoopIsRefused)
     EXPECT_EQ(ErrorOf({{"PARVANE_LOOP", "yes"}}), "PARVANE_LOOP is 'yes': it must be 0 or 1");
 }
 
+TEST(SettingsTest, VariablesAreQuotedInOneShortPrintableLine)
+{
+    EXPECT_EQ(ErrorOf({{"PARVANE_LOOP", "no\n\x1b[31m"}}),
+              "PARVANE_LOOP is 'no\\x0A\\x1B[31m': it must be 0 or 1");
+    EXPECT_EQ(ErrorOf({{"RUNTIME_DIRECTORY", "a\nb"}}),
+              "RUNTIME_DIRECTORY is 'a\\x0Ab': it must be an absolute path");
+    const std::string cut = std::string(200, '9') + "...";
+    EXPECT_EQ(ErrorOf({{"PARVANE_SPEED", std::string(1000, '9')}}),
+              "PARVANE_SPEED is '" + cut + "': it must be a decimal number from 0.001 to 100000");
+}
+
 TEST(SettingsTest, BluetoothAddressBecomesUpperCase)
 {
     EXPECT_EQ(Read({{"PARVANE_BT_ADDRESS", "aa:bb:cc:dd:ee:0f"}}).mBluetooth.mAddress,
