@@ -6,8 +6,6 @@
 
 namespace ParvanePlatform {
 
-using std::string_view_literals::operator""sv;
-
 TEST(PrintableTest, OrdinaryTextStaysAsItIs)
 {
     EXPECT_EQ(Printable(""), "");
@@ -17,6 +15,7 @@ TEST(PrintableTest, OrdinaryTextStaysAsItIs)
 
 TEST(PrintableTest, ControlCharactersBecomeTheirBytes)
 {
+    using std::string_view_literals::operator""sv;
     EXPECT_EQ(Printable("a\0b\n\t\x1b[31m\x7f"sv), "a\\x00b\\x0A\\x09\\x1B[31m\\x7F");
     EXPECT_EQ(Printable("\u0085"), "\\xC2\\x85");
 }

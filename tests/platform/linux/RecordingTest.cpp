@@ -466,7 +466,7 @@ TEST_F(RecordingsTest, AFifoInTheirPlaceIsNamedAndHoldsNobodyUp)
 
 TEST_F(RecordingsTest, NamesArePrintable)
 {
-    mPaths.push_back("/no\nW such \x1b[31mfile");
+    mPaths.emplace_back("/no\nW such \x1b[31mfile");
     EXPECT_EQ(Error(), "cannot read the recording /no\\x0AW such \\x1B[31mfile: No such file or "
                        "directory");
     mPaths = {mDirectory / "a\nb.csv"};

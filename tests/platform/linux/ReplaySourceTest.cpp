@@ -256,7 +256,8 @@ TEST_F(ReplaySourceTest, CountersStopAtTheMostThatTheirColumnsAllow)
     const auto stepsAndDistanceAt = [this](double ms) {
         AdvanceTo(ms);
         std::vector<double> values;
-        for (const SensorValue &value : *mSource->Latest(ContextItem::Pedometer)) {
+        const auto reading = mSource->Latest(ContextItem::Pedometer);
+        for (const SensorValue &value : *reading) {
             values.push_back(std::get<double>(value.mValue));
         }
         return values;
