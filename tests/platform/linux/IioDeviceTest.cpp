@@ -95,13 +95,18 @@ TEST_F(IioDeviceTest, MissingTreeIsJustNoDevice)
     EXPECT_EQ(mCapture.Take(), "W platform: iio: no device named 'watch' has an input\n");
 }
 
-TEST_F(IioDeviceTest, NamesAreLoggedInOnePrintableLine)
+TEST_F(IioDeviceTest, NameThatIsMissedIsLoggedInOnePrintableLine)
 {
     Make("wa\ttch\x1b[31m");
     EXPECT_EQ(Look(), Presence::Absent);
     EXPECT_EQ(mCapture.Take(),
               "W platform: iio: no device named 'wa\\x09tch\\x1B[31m' has an input\n");
+}
+
+TEST_F(IioDeviceTest, NameThatIsFoundIsLoggedInOnePrintableLine)
+{
     mTree.Add(0, {{"name", "wa\ttch\x1b[31m\n"}, {"in_a_input", "1"}});
+    Make();
     EXPECT_EQ(Look(), Presence::Found);
     EXPECT_THAT(mCapture.Take(), testing::EndsWith(" (wa\\x09tch\\x1B[31m)\n"));
 }
