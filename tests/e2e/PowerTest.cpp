@@ -5,10 +5,10 @@
 #include <optional>
 #include <string>
 
+#include "PrivateBus.h"
 #include "ServiceFixture.h"
-#include "linux/bus/MockBus.h"
 
-using ParvanePlatform::MockBus;
+using ParvanePlatform::PrivateBus;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -26,10 +26,10 @@ class PowerTest : public ServiceFixture
 protected:
     void SetUp() override
     {
-        if (const auto missing = MockBus::Missing()) {
-            GTEST_SKIP() << *missing;
+        if (const std::string reason = PrivateBus::WhyNot(); !reason.empty()) {
+            GTEST_SKIP() << reason;
         }
-        mBus = std::make_unique<MockBus>();
+        mBus = std::make_unique<PrivateBus>();
     }
 
     void StartConfigured()
@@ -71,7 +71,7 @@ protected:
                           "uint32 " + std::to_string(level));
     }
 
-    std::unique_ptr<MockBus> mBus;
+    std::unique_ptr<PrivateBus> mBus;
 };
 
 TEST_F(PowerTest, MeasurementKeepsTheDeviceAwakeUntilTheLocksTimeOut)

@@ -16,7 +16,7 @@ public:
     /**
      * Gets the address, "AA:BB:CC:DD:EE:FF" in upper case.
      *
-     * @return 0; kOperationFailed, also without an adapter; kNotPowered. May take half a second.
+     * @return 0; kOperationFailed, also without an adapter; kNotPowered. May take a second.
      */
     virtual int GetAddress(std::string &address) = 0;
 };

@@ -30,10 +30,12 @@ SensorReading ReadingOf(const HeartRateMeasurement &measurement)
 
 BleSource::BleSource(std::shared_ptr<SystemBus> bus, BleSettings settings, const Clock &clock,
                      std::unique_ptr<Timer> timer)
-    : mBus(std::move(bus)),
-      mSettings(std::move(settings)),
+    : mSettings(std::move(settings)),
       mClock(clock),
-      mRetry(clock, std::move(timer))
+      mRetry(clock, std::move(timer)),
+      mBus(
+          mRetry, [bus = std::move(bus)] { return bus->Share(); },
+          [this](GDBusConnection *connection) { WatchBluez(connection); }, [this] { OnBusLost(); })
 {}
 
 BleSource::~BleSource()
@@ -49,7 +51,7 @@ int BleSource::Start(ContextItem item)
     if (!mIsStarted) {
         mIsStarted = true;
         mRetry.Reset();
-        OpenBus();
+        mBus.Start();
     }
     return 0;
 }
@@ -62,7 +64,7 @@ void BleSource::Stop(ContextItem item)
     mIsStarted = false;
     mSession.reset();
     mBluez.reset();
-    mRetry.Cancel();
+    mBus.Stop();
 }
 
 std::optional<SensorReading> BleSource::Latest(ContextItem item) const
@@ -71,16 +73,11 @@ std::optional<SensorReading> BleSource::Latest(ContextItem item) const
     return item == ContextItem::HeartRate && isFresh ? mLatest : std::nullopt;
 }
 
-void BleSource::OpenBus()
+void BleSource::WatchBluez(GDBusConnection *connection)
 {
-    GDBusConnection *connection = mBus->Connection();
-    if (connection == nullptr) {
-        mRetry.Schedule([this] { OpenBus(); });
-        return;
-    }
     mBluez = std::make_unique<BusScope>(connection, Bluez::kName);
-    mBluez->WatchEnd([this] { OnBusLost(); });
-    mBluez->WatchOwner([this](const std::string &owner) { OnOwner(owner); });
+    mBluez->WatchOwner(BusScope::AutoStart::No,
+                       [this](const std::string &owner) { OnOwner(owner); });
 }
 
 void BleSource::OnBusLost()
@@ -88,7 +85,6 @@ void BleSource::OnBusLost()
     AbandonSession();
     mBluez.reset();
     OnState(Severity::Trouble, "the system bus is lost");
-    mRetry.Schedule([this] { OpenBus(); });
 }
 
 void BleSource::OnOwner(const std::string &owner)

@@ -9,6 +9,7 @@
 #include "base/Clock.h"
 #include "base/LoopSource.h"
 #include "bus/module/BusScope.h"
+#include "bus/module/BusWatch.h"
 #include "bus/module/HeartRateMeasurement.h"
 #include "bus/module/RetryTimer.h"
 #include "bus/module/StrapSession.h"
@@ -54,7 +55,7 @@ public:
     std::optional<SensorReading> Latest(ContextItem item) const override;
 
 private:
-    void OpenBus();
+    void WatchBluez(GDBusConnection *connection);
     void OnBusLost();
     void OnOwner(const std::string &owner);
     void AbandonSession();
@@ -63,7 +64,6 @@ private:
     void OnStrapLost() override { mLatest.reset(); }
     void OnState(Severity severity, const std::string &state) override;
 
-    std::shared_ptr<SystemBus> mBus;
     const BleSettings mSettings;
     const Clock &mClock;
     SensorListener *mListener = nullptr;
@@ -73,7 +73,8 @@ private:
     std::string mState;
     bool mHasSentMalformed = false;
     RetryTimer mRetry;
-    /** Who BlueZ is, and whether the bus stands. */
+    BusWatch mBus;
+    /** Who BlueZ is. */
     std::unique_ptr<BusScope> mBluez;
     std::unique_ptr<StrapSession> mSession;
 };

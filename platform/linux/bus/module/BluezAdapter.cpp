@@ -5,14 +5,13 @@
 
 #include "base/RuntimeLog.h"
 #include "bluetooth/BluetoothAddress.h"
+#include "bus/module/BluezObjects.h"
 #include "bus/module/BusCalls.h"
 
 namespace ParvanePlatform {
 
 namespace {
 
-constexpr char kService[] = "org.bluez";
-constexpr char kAdapterInterface[] = "org.bluez.Adapter1";
 /** What an adapter has until its firmware has given it an address. */
 constexpr char kNoAddress[] = "00:00:00:00:00:00";
 
@@ -52,10 +51,10 @@ BluezAdapter::Answer BluezAdapter::Ask() const
         return {kOperationFailed, "", "no system bus"};
     }
     GError *error = nullptr;
-    const GVariantPtr answer(
-        g_dbus_connection_call_sync(connection, kService, "/", "org.freedesktop.DBus.ObjectManager",
-                                    "GetManagedObjects", nullptr, G_VARIANT_TYPE("(a{oa{sa{sv}}})"),
-                                    G_DBUS_CALL_FLAGS_NONE, kLongestWaitMs, nullptr, &error));
+    const GVariantPtr answer(g_dbus_connection_call_sync(
+        connection, Bluez::kName, "/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects",
+        nullptr, G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE, kLongestWaitMs, nullptr,
+        &error));
     const GErrorPtr failure(error);
     if (!answer) {
         return {kOperationFailed, "", error != nullptr ? error->message : "no answer from BlueZ"};
@@ -74,7 +73,7 @@ BluezAdapter::Answer BluezAdapter::FindAdapter(GVariant *objects) const
         const GVariantPtr path(g_variant_get_child_value(object.get(), 0));
         const GVariantPtr interfaces(g_variant_get_child_value(object.get(), 1));
         GVariantPtr adapter(
-            g_variant_lookup_value(interfaces.get(), kAdapterInterface, G_VARIANT_TYPE_VARDICT));
+            g_variant_lookup_value(interfaces.get(), Bluez::kAdapter, G_VARIANT_TYPE_VARDICT));
         const std::string text = g_variant_get_string(path.get(), nullptr);
         const bool isWanted = mName.empty() || text == wanted;
         if (adapter && isWanted && (found.empty() || IsBefore(text, found))) {

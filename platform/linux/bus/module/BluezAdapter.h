@@ -19,8 +19,9 @@ public:
     BluezAdapter(std::shared_ptr<SystemBus> bus, const BluetoothSettings &settings);
 
     /**
-     * Waits for BlueZ, for half a second at most. Without a name in the settings the first adapter
-     * counts, by its number. What is wrong is logged once per change.
+     * Waits for BlueZ, for half a second at most, and as long for a connection that has to be made.
+     * Without a name in the settings the first adapter counts, by its number. What is wrong is
+     * logged once per change.
      */
     int GetAddress(std::string &address) override;
 

@@ -19,8 +19,7 @@ class Parts : public BusParts
 public:
     std::unique_ptr<SensorSource> MakeBleSource(const BleSettings &settings) override
     {
-        static const SystemClock clock;
-        return std::make_unique<BleSource>(mBus, settings, clock, std::make_unique<LoopTimer>());
+        return std::make_unique<BleSource>(mBus, settings, Time(), std::make_unique<LoopTimer>());
     }
 
     std::unique_ptr<PowerBackend> MakeLogindBackend() override
@@ -30,12 +29,12 @@ public:
 
     std::unique_ptr<AlertMonitor> MakeGlibMemoryMonitor() override
     {
-        return std::make_unique<GlibMemoryMonitor>();
+        return std::make_unique<GlibMemoryMonitor>(mBus, Time(), std::make_unique<LoopTimer>());
     }
 
     std::unique_ptr<AlertMonitor> MakeUPowerMonitor() override
     {
-        return std::make_unique<UPowerMonitor>(mBus);
+        return std::make_unique<UPowerMonitor>(mBus, Time(), std::make_unique<LoopTimer>());
     }
 
     std::unique_ptr<AddressSource> MakeBluezAdapter(const BluetoothSettings &settings) override
@@ -44,6 +43,13 @@ public:
     }
 
 private:
+    /** The clock of the parts, which may outlive this object. */
+    static const Clock &Time()
+    {
+        static const SystemClock clock;
+        return clock;
+    }
+
     /** Shared by the parts, each of which keeps its own reference. */
     std::shared_ptr<SystemBus> mBus = std::make_shared<SystemBus>();
 };

@@ -1,6 +1,7 @@
 #include "BusScope.h"
 
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "base/RuntimeLog.h"
@@ -11,18 +12,6 @@ namespace {
 
 /** Longer than BlueZ takes to give a connection up. */
 constexpr int kCallTimeoutMs = 60'000;
-
-template <typename Function>
-void Guarded(const Function &function) noexcept
-{
-    try {
-        function();
-    } catch (const std::exception &failure) {
-        LogError("system bus: %s", failure.what());
-    } catch (...) {
-        LogError("system bus: unknown exception");
-    }
-}
 
 /** What travels with a callback; `mScopeEnd` is cancelled when the scope has ended. */
 template <typename Handler>
@@ -38,9 +27,29 @@ struct Registration
     Handler mHandler;
 };
 
-using PendingCall = Registration<BusScope::ReplyHandler>;
 using OwnerWatch = Registration<BusScope::OwnerHandler>;
-using EndWatch = Registration<std::function<void()>>;
+
+/** A method of an object, which is sent without waiting for the reply. */
+struct Message
+{
+    void Send(GDBusConnection *connection) const
+    {
+        g_dbus_connection_call(connection, mPeer.c_str(), mPath.c_str(), mInterface, mMethod,
+                               nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs,
+                               nullptr, nullptr, nullptr);
+    }
+
+    std::string mPeer;
+    std::string mPath;
+    const char *mInterface;
+    const char *mMethod;
+};
+
+struct PendingCall : Registration<BusScope::ReplyHandler>
+{
+    using Registration::Registration;
+    std::optional<Message> mUndo;
+};
 
 struct Subscription : Registration<BusScope::SignalHandler>
 {
@@ -51,13 +60,15 @@ struct Subscription : Registration<BusScope::SignalHandler>
 void OnReply(GObject *connection, GAsyncResult *result, gpointer user_data) noexcept
 {
     const std::unique_ptr<PendingCall> call(static_cast<PendingCall *>(user_data));
+    GDBusConnection *bus = G_DBUS_CONNECTION(connection);
     GError *failure = nullptr;
-    const GVariantPtr reply(
-        g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
+    const GVariantPtr reply(g_dbus_connection_call_finish(bus, result, &failure));
     const GErrorPtr error(failure);
     const bool isBusLost = g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE;
     if (!call->HasEnded() && !isBusLost) {
-        Guarded([&] { call->mHandler(reply.get(), error.get()); });
+        RunBusHandler([&] { call->mHandler(reply.get(), error.get()); });
+    } else if (call->HasEnded() && reply && call->mUndo) {
+        call->mUndo->Send(bus);
     }
 }
 
@@ -68,7 +79,7 @@ void OnSignal(GDBusConnection * /*connection*/, const gchar * /*sender*/, const 
     const auto *subscription = static_cast<Subscription *>(user_data);
     if (!subscription->HasEnded() &&
         g_variant_is_of_type(arguments, subscription->mType) != FALSE) {
-        Guarded([&] { subscription->mHandler(path, arguments); });
+        RunBusHandler([&] { subscription->mHandler(path, arguments); });
     }
 }
 
@@ -77,7 +88,7 @@ void OnOwnerAppeared(GDBusConnection * /*connection*/, const gchar * /*name*/, c
 {
     const auto *watch = static_cast<OwnerWatch *>(user_data);
     if (!watch->HasEnded()) {
-        Guarded([&] { watch->mHandler(owner); });
+        RunBusHandler([&] { watch->mHandler(owner); });
     }
 }
 
@@ -87,16 +98,7 @@ void OnOwnerVanished(GDBusConnection *connection, const gchar * /*name*/,
     const auto *watch = static_cast<OwnerWatch *>(user_data);
     // Without a connection it is the bus that is gone.
     if (connection != nullptr && !watch->HasEnded()) {
-        Guarded([&] { watch->mHandler(std::string()); });
-    }
-}
-
-void OnClosed(GDBusConnection * /*connection*/, gboolean /*remotePeerVanished*/, GError * /*error*/,
-              gpointer user_data) noexcept
-{
-    const auto *watch = static_cast<EndWatch *>(user_data);
-    if (!watch->HasEnded()) {
-        Guarded(watch->mHandler);
+        RunBusHandler([&] { watch->mHandler(std::string()); });
     }
 }
 
@@ -106,12 +108,18 @@ void Delete(gpointer registration) noexcept
     delete static_cast<T *>(registration);
 }
 
-void DeleteEndWatch(gpointer registration, GClosure * /*closure*/) noexcept
-{
-    delete static_cast<EndWatch *>(registration);
-}
-
 } // namespace
+
+void RunBusHandler(const std::function<void()> &handler) noexcept
+{
+    try {
+        handler();
+    } catch (const std::exception &failure) {
+        LogError("system bus: %s", failure.what());
+    } catch (...) {
+        LogError("system bus: unknown exception");
+    }
+}
 
 BusScope::BusScope(GDBusConnection *connection, std::string peer)
     : mConnection(G_DBUS_CONNECTION(g_object_ref(connection))),
@@ -128,51 +136,47 @@ BusScope::~BusScope()
     if (mOwnerWatch != 0) {
         g_bus_unwatch_name(mOwnerWatch);
     }
-    if (mEndWatch != 0) {
-        g_signal_handler_disconnect(mConnection.get(), mEndWatch);
-    }
 }
 
 void BusScope::Call(const std::string &path, const char *interface, const char *method,
-                    GVariant *arguments, const char *replyType, ReplyHandler handler)
+                    GVariant *arguments, const char *replyType, ReplyHandler handler,
+                    const char *undo)
 {
     auto call = std::make_unique<PendingCall>(mCancellable.get(), std::move(handler));
+    // A call that may have to be undone is waited for to its end.
+    GCancellable *cancellable = undo == nullptr ? mCancellable.get() : nullptr;
+    if (undo != nullptr) {
+        call->mUndo = Message{mPeer, path, interface, undo};
+    }
     // OnReply takes it back, also when the call is cancelled.
     g_dbus_connection_call(mConnection.get(), mPeer.c_str(), path.c_str(), interface, method,
                            arguments, G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                           kCallTimeoutMs, mCancellable.get(), OnReply, call.release());
+                           kCallTimeoutMs, cancellable, OnReply, call.release());
 }
 
 void BusScope::Send(const std::string &path, const char *interface, const char *method) const
 {
-    g_dbus_connection_call(mConnection.get(), mPeer.c_str(), path.c_str(), interface, method,
-                           nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs,
-                           nullptr, nullptr, nullptr);
+    Message{mPeer, path, interface, method}.Send(mConnection.get());
 }
 
-void BusScope::Subscribe(const char *interface, const char *signal, const char *firstArgument,
-                         const char *type, SignalHandler handler)
+void BusScope::Subscribe(const Signals &signals, SignalHandler handler)
 {
     auto subscription = std::make_unique<Subscription>(mCancellable.get(), std::move(handler));
-    subscription->mType = G_VARIANT_TYPE(type);
+    subscription->mType = G_VARIANT_TYPE(signals.mType);
     mSubscriptions.push_back(g_dbus_connection_signal_subscribe(
-        mConnection.get(), mPeer.c_str(), interface, signal, nullptr, firstArgument,
-        G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, subscription.release(), Delete<Subscription>));
+        mConnection.get(), mPeer.c_str(), signals.mInterface, signals.mName, signals.mPath,
+        signals.mFirstArgument, G_DBUS_SIGNAL_FLAGS_NONE, OnSignal, subscription.release(),
+        Delete<Subscription>));
 }
 
-void BusScope::WatchOwner(OwnerHandler handler)
+void BusScope::WatchOwner(AutoStart autoStart, OwnerHandler handler)
 {
     auto watch = std::make_unique<OwnerWatch>(mCancellable.get(), std::move(handler));
     mOwnerWatch = g_bus_watch_name_on_connection(
-        mConnection.get(), mPeer.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE, OnOwnerAppeared,
-        OnOwnerVanished, watch.release(), Delete<OwnerWatch>);
-}
-
-void BusScope::WatchEnd(std::function<void()> handler)
-{
-    auto watch = std::make_unique<EndWatch>(mCancellable.get(), std::move(handler));
-    mEndWatch = g_signal_connect_data(mConnection.get(), "closed", G_CALLBACK(OnClosed),
-                                      watch.release(), DeleteEndWatch, GConnectFlags{});
+        mConnection.get(), mPeer.c_str(),
+        autoStart == AutoStart::Yes ? G_BUS_NAME_WATCHER_FLAGS_AUTO_START
+                                    : G_BUS_NAME_WATCHER_FLAGS_NONE,
+        OnOwnerAppeared, OnOwnerVanished, watch.release(), Delete<OwnerWatch>);
 }
 
 } // namespace ParvanePlatform

@@ -9,6 +9,9 @@
 
 namespace ParvanePlatform {
 
+/** Runs what came from the bus; nothing leaves it: what is thrown is logged. */
+void RunBusHandler(const std::function<void()> &handler) noexcept;
+
 /**
  * Calls to one peer on the bus and subscriptions to its signals, which end together: once the scope
  * is gone nothing of it is called back, and the bus is told to send no more signals.
@@ -23,11 +26,27 @@ public:
     /** Gets the reply, or the error; one of the two is null, both are borrowed. */
     using ReplyHandler = std::function<void(GVariant *reply, const GError *error)>;
 
+    /** Which signals of the peer, by strings that live as long as the process. */
+    struct Signals
+    {
+        const char *mInterface = nullptr;
+        const char *mName = nullptr;
+        /** Of the arguments; a signal with others is not delivered. */
+        const char *mType = nullptr;
+        /** Only those of this object; null for all. */
+        const char *mPath = nullptr;
+        /** Only those whose first argument is this string; null for all. */
+        const char *mFirstArgument = nullptr;
+    };
+
     /** Gets the path of the sender's object and the signal's arguments, both borrowed. */
     using SignalHandler = std::function<void(const char *path, GVariant *arguments)>;
 
     /** Gets the unique name of who owns a name now; empty when nobody does. */
     using OwnerHandler = std::function<void(const std::string &owner)>;
+
+    /** Whether a peer that is not there is started, where the bus can do that. */
+    enum class AutoStart { No, Yes };
 
     /** @param peer  the name on the bus that is called and listened to */
     BusScope(GDBusConnection *connection, std::string peer);
@@ -41,27 +60,20 @@ public:
      *
      * @param arguments  a tuple, which is taken over when it is floating; null for none
      * @param handler  called once, unless the scope or the connection ends before
+     * @param undo  a method without arguments, which is sent when the call succeeds although the
+     *              scope has ended: for what the peer refuses to take back before it has answered
      */
     void Call(const std::string &path, const char *interface, const char *method,
-              GVariant *arguments, const char *replyType, ReplyHandler handler);
+              GVariant *arguments, const char *replyType, ReplyHandler handler,
+              const char *undo = nullptr);
 
     /** Calls a method whose reply nobody waits for; the end of the scope does not take it back. */
     void Send(const std::string &path, const char *interface, const char *method) const;
 
-    /**
-     * Subscribes to a signal of any of the peer's objects.
-     *
-     * @param firstArgument  only signals whose first argument is this string; null for all
-     * @param type  signals with arguments of another type are not delivered
-     */
-    void Subscribe(const char *interface, const char *signal, const char *firstArgument,
-                   const char *type, SignalHandler handler);
+    void Subscribe(const Signals &signals, SignalHandler handler);
 
-    /** Tells who owns the peer's name, at first and at each change; it is not started for that. */
-    void WatchOwner(OwnerHandler handler);
-
-    /** Calls `handler` when the connection is lost. */
-    void WatchEnd(std::function<void()> handler);
+    /** Tells who owns the peer's name, soon and then at each change. Once in a scope. */
+    void WatchOwner(AutoStart autoStart, OwnerHandler handler);
 
     /** The connection, borrowed for the life of the scope. */
     GDBusConnection *Connection() const { return mConnection.get(); }
@@ -72,7 +84,6 @@ private:
     GObjectPtr<GCancellable> mCancellable;
     std::vector<guint> mSubscriptions;
     guint mOwnerWatch = 0;
-    gulong mEndWatch = 0;
 };
 
 } // namespace ParvanePlatform

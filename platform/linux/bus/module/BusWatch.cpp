@@ -1,40 +1,31 @@
 #include "BusWatch.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <utility>
 
-#include "bus/module/Subscription.h"
+#include "bus/module/BusScope.h"
 
 namespace ParvanePlatform {
 
-namespace {
-
-constexpr int kFirstRetrySeconds = 1;
-constexpr int kLongestRetrySeconds = 60;
-constexpr std::int64_t kUsPerSecond = 1'000'000;
-
-} // namespace
-
-BusWatch::BusWatch(Connect connect, Up up, Down down)
-    : mConnect(std::move(connect)), mUp(std::move(up)), mDown(std::move(down))
+BusWatch::BusWatch(RetryTimer &retry, Connect connect, Up up, Down down)
+    : mRetry(retry), mConnect(std::move(connect)), mUp(std::move(up)), mDown(std::move(down))
 {}
-
-BusWatch::~BusWatch()
-{
-    Disconnect();
-}
 
 void BusWatch::Start()
 {
     mConnection = mConnect();
     if (!mConnection) {
-        RetryLater();
+        mRetry.Schedule([this] { Start(); });
         return;
     }
-    mRetrySeconds = 0;
+    mRetry.Reset();
     mClosed = g_signal_connect(mConnection.get(), "closed", G_CALLBACK(OnClosed), this);
     mUp(mConnection.get());
+}
+
+void BusWatch::Stop()
+{
+    Disconnect();
+    mRetry.Cancel();
 }
 
 void BusWatch::OnClosed(GDBusConnection * /*connection*/, gboolean /*byPeer*/, GError * /*error*/,
@@ -44,7 +35,7 @@ void BusWatch::OnClosed(GDBusConnection * /*connection*/, gboolean /*byPeer*/, G
     RunBusHandler([self] {
         self->mDown();
         self->Disconnect();
-        self->RetryLater();
+        self->mRetry.Schedule([self] { self->Start(); });
     });
 }
 
@@ -54,14 +45,6 @@ void BusWatch::Disconnect()
         g_signal_handler_disconnect(mConnection.get(), mClosed);
         mConnection.reset();
     }
-}
-
-void BusWatch::RetryLater()
-{
-    mRetrySeconds =
-        mRetrySeconds == 0 ? kFirstRetrySeconds : std::min(mRetrySeconds * 2, kLongestRetrySeconds);
-    mRetry =
-        LoopSource::At(g_get_monotonic_time() + mRetrySeconds * kUsPerSecond, [this] { Start(); });
 }
 
 } // namespace ParvanePlatform

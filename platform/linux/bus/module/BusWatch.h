@@ -2,15 +2,14 @@
 
 #include <functional>
 
-#include "base/LoopSource.h"
 #include "bus/module/GObjectPtr.h"
+#include "bus/module/RetryTimer.h"
 
 namespace ParvanePlatform {
 
 /**
  * Keeps something on the bus up, over the loss of the connection: tells of the connection, of its
- * end, and of the next one, for which it asks after 1 second, then 2, 4 ... at most 60. Main-loop
- * thread only.
+ * end, and of the next one, for which it asks after a pause. Main-loop thread only.
  */
 class BusWatch
 {
@@ -21,17 +20,21 @@ public:
     using Down = std::function<void()>;
 
     /**
+     * @param retry  the pauses, borrowed; nobody else's while there is no connection
      * @param up    called with each new connection, which is borrowed until `down` is called
      * @param down  called when the connection has been lost
      */
-    BusWatch(Connect connect, Up up, Down down);
-    ~BusWatch();
+    BusWatch(RetryTimer &retry, Connect connect, Up up, Down down);
+    ~BusWatch() { Stop(); }
 
     BusWatch(const BusWatch &) = delete;
     BusWatch &operator=(const BusWatch &) = delete;
 
     /** Tries to connect, once at once. Calls `up` in the call when that works. */
     void Start();
+
+    /** Lets the connection go, or asks for none any more; `down` is not called. */
+    void Stop();
 
     /** The connection; null while there is none. */
     GDBusConnection *Connection() const { return mConnection.get(); }
@@ -40,15 +43,13 @@ private:
     static void OnClosed(GDBusConnection *connection, gboolean byPeer, GError *error,
                          gpointer user_data) noexcept;
     void Disconnect();
-    void RetryLater();
 
+    RetryTimer &mRetry;
     Connect mConnect;
     Up mUp;
     Down mDown;
     GObjectPtr<GDBusConnection> mConnection;
     gulong mClosed = 0;
-    LoopSource mRetry;
-    int mRetrySeconds = 0;
 };
 
 } // namespace ParvanePlatform

@@ -4,7 +4,7 @@
 
 #include "base/RuntimeLog.h"
 #include "bus/module/BusCalls.h"
-#include "bus/module/Subscription.h"
+#include "bus/module/BusScope.h"
 
 namespace ParvanePlatform {
 
@@ -12,8 +12,12 @@ namespace {
 
 constexpr char kService[] = "org.freedesktop.LowMemoryMonitor";
 
-GObjectPtr<GDBusConnection> ConnectShared()
+GObjectPtr<GDBusConnection> ConnectShared(SystemBus &bus)
 {
+    // GLib waits for a bus that does not answer for as long as that lasts.
+    if (bus.Connection() == nullptr) {
+        return nullptr;
+    }
     GObjectPtr<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     if (!connection) {
         return nullptr;
@@ -37,9 +41,12 @@ GObjectPtr<GMemoryMonitor> MakeMonitor()
 
 } // namespace
 
-GlibMemoryMonitor::GlibMemoryMonitor()
-    : mBus(
-          ConnectShared, [this](GDBusConnection * /*connection*/) { Watch(); }, [this] { Drop(); })
+GlibMemoryMonitor::GlibMemoryMonitor(std::shared_ptr<SystemBus> bus, const Clock &clock,
+                                     std::unique_ptr<Timer> timer)
+    : mRetry(clock, std::move(timer)),
+      mBus(
+          mRetry, [bus = std::move(bus)] { return ConnectShared(*bus); },
+          [this](GDBusConnection * /*connection*/) { Watch(); }, [this] { Drop(); })
 {}
 
 GlibMemoryMonitor::~GlibMemoryMonitor()

@@ -1,8 +1,14 @@
 #pragma once
 
+#include <memory>
+
 #include <gio/gio.h>
 
+#include "base/Clock.h"
+#include "base/LoopSource.h"
 #include "bus/module/BusWatch.h"
+#include "bus/module/RetryTimer.h"
+#include "bus/module/SystemBus.h"
 #include "service_app/AlertMonitor.h"
 
 namespace ParvanePlatform {
@@ -12,12 +18,18 @@ namespace ParvanePlatform {
  * warning alerts: the service warns again only after a while.
  *
  * GLib's monitor uses the connection that GLib shares within the process, and not that of
- * SystemBus; its end does not end the process. A new connection gets a monitor of its own.
+ * SystemBus, which only shows whether the bus answers; its end does not end the process. A new
+ * connection gets a monitor of its own.
  */
 class GlibMemoryMonitor : public AlertMonitor
 {
 public:
-    GlibMemoryMonitor();
+    /**
+     * @param clock  borrowed for the life of this object
+     * @param timer  when a bus that is away is asked for again
+     */
+    GlibMemoryMonitor(std::shared_ptr<SystemBus> bus, const Clock &clock,
+                      std::unique_ptr<Timer> timer);
     ~GlibMemoryMonitor() override;
 
     GlibMemoryMonitor(const GlibMemoryMonitor &) = delete;
@@ -27,7 +39,7 @@ public:
 
     /**
      * Returns false when the low-memory service is neither there nor can be started, or there is no
-     * bus; waits for both then. Waits for the bus, for a second at most.
+     * bus; waits for both then. Waits for the bus, for a second and a half at most.
      */
     bool Start(Alert alert) override;
 
@@ -40,6 +52,7 @@ private:
     Alert mAlert;
     GObjectPtr<GMemoryMonitor> mMonitor;
     gulong mWarning = 0;
+    RetryTimer mRetry;
     /** Last, so that it ends first. */
     BusWatch mBus;
 };

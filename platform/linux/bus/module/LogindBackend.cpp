@@ -41,6 +41,9 @@ UniqueFd Inhibit(GDBusConnection *connection, GErrorPtr &failure)
     }
     gint32 index = 0;
     g_variant_get(answer.get(), "(h)", &index);
+    if (index < 0 || index >= g_unix_fd_list_get_length(descriptors.get())) {
+        return UniqueFd();
+    }
     UniqueFd fd(g_unix_fd_list_get(descriptors.get(), index, &error));
     if (error != nullptr) {
         failure.reset(error);

@@ -21,7 +21,10 @@ public:
 
     const char *Name() const override { return "logind"; }
 
-    /** Waits for logind, for half a second at most. */
+    /**
+     * Waits for logind, for half a second at most, and as long for a connection that has to be
+     * made.
+     */
     std::unique_ptr<PowerHold> Hold(int timeoutMs) override;
 
 private:

@@ -11,6 +11,7 @@ constexpr char kRoot[] = "/";
 constexpr char kObjectManager[] = "org.freedesktop.DBus.ObjectManager";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr char kNoReply[] = "()";
+constexpr char kStopSearch[] = "StopDiscovery";
 
 GVariantPtr Child(GVariant *tuple, gsize index)
 {
@@ -47,15 +48,19 @@ GVariant *DiscoveryFilter()
 
 StrapSession::StrapSession(GDBusConnection *connection, const std::string &owner,
                            const BleSettings &settings, RetryTimer &retry, StrapObserver &observer)
-    : mSettings(settings), mRetry(retry), mObserver(observer), mScope(connection, owner)
+    : mSettings(settings),
+      mRetry(retry),
+      mObserver(observer),
+      mOwner(owner),
+      mScope(connection, owner)
 {
-    mScope.Subscribe(kObjectManager, "InterfacesAdded", nullptr, "(oa{sa{sv}})",
+    mScope.Subscribe({kObjectManager, "InterfacesAdded", "(oa{sa{sv}})"},
                      [this](const char * /*path*/, GVariant *arguments) { OnAdded(arguments); });
-    mScope.Subscribe(kObjectManager, "InterfacesRemoved", nullptr, "(oas)",
+    mScope.Subscribe({kObjectManager, "InterfacesRemoved", "(oas)"},
                      [this](const char * /*path*/, GVariant *arguments) { OnRemoved(arguments); });
     for (const char *interface : {Bluez::kAdapter, Bluez::kDevice, Bluez::kCharacteristic}) {
         mScope.Subscribe(
-            kProperties, "PropertiesChanged", interface, "(sa{sv}as)",
+            {kProperties, "PropertiesChanged", "(sa{sv}as)", nullptr, interface},
             [this](const char *path, GVariant *arguments) { OnChanged(path, arguments); });
     }
     LoadObjects();
@@ -70,7 +75,7 @@ StrapSession::~StrapSession()
 
 void StrapSession::Abandon()
 {
-    mSearching.clear();
+    mSearch.reset();
     mMeasurement.clear();
     mIsOurConnection = false;
 }
@@ -173,8 +178,8 @@ void StrapSession::OnNotificationsEnded()
 
 void StrapSession::Advance()
 {
-    if (!mSearching.empty() && !mObjects.IsPowered(mSearching)) {
-        mSearching.clear(); // the search has ended with the adapter
+    if (mSearch && !mObjects.IsPowered(mSearch->mAdapter)) {
+        mSearch.reset(); // it has ended with the adapter
     }
     CheckStrap();
     if (mStrap.empty()) {
@@ -212,7 +217,7 @@ void StrapSession::Choose()
 {
     const std::vector<std::string> straps = mObjects.FindStraps(mSettings);
     if (straps.empty()) {
-        Search();
+        StartSearch();
         return;
     }
     StopSearch();
@@ -340,9 +345,9 @@ void StrapSession::PauseThenRetry()
     }
 }
 
-void StrapSession::Search()
+void StrapSession::StartSearch()
 {
-    if (!mSearching.empty()) {
+    if (mSearch) {
         return;
     }
     const std::string adapter = mObjects.PoweredAdapter(mSettings.mAdapter);
@@ -356,36 +361,35 @@ void StrapSession::Search()
         PauseThenRetry();
         return;
     }
-    mSearching = adapter;
+    mSearch = std::make_unique<Search>(mScope.Connection(), mOwner, adapter);
     // Its reply does not matter: without the filter the search finds straps among the rest.
-    mScope.Call(adapter, Bluez::kAdapter, "SetDiscoveryFilter", DiscoveryFilter(), kNoReply,
-                [](GVariant * /*reply*/, const GError * /*error*/) {});
-    mScope.Call(adapter, Bluez::kAdapter, "StartDiscovery", nullptr, kNoReply,
-                [this, attempt = mAttempt](GVariant * /*reply*/, const GError *error) {
-                    if (attempt == mAttempt && !mSearching.empty()) {
-                        OnSearchStarted(error);
-                    }
-                });
+    mSearch->mScope.Call(adapter, Bluez::kAdapter, "SetDiscoveryFilter", DiscoveryFilter(),
+                         kNoReply, [](GVariant * /*reply*/, const GError * /*error*/) {});
+    // BlueZ refuses to stop a search that it has not started yet.
+    mSearch->mScope.Call(
+        adapter, Bluez::kAdapter, "StartDiscovery", nullptr, kNoReply,
+        [this](GVariant * /*reply*/, const GError *error) { OnSearchStarted(error); }, kStopSearch);
 }
 
 void StrapSession::OnSearchStarted(const GError *error)
 {
     if (error == nullptr) {
+        mSearch->mIsOn = true;
         mObserver.OnState(StrapObserver::Severity::Ordinary, "no strap is there yet, searching");
         return;
     }
     TellTrouble("the search is refused: " + Reason(error));
-    mAside.insert(mSearching);
-    mSearching.clear();
+    mAside.insert(mSearch->mAdapter);
+    mSearch.reset();
     PauseThenRetry();
 }
 
 void StrapSession::StopSearch()
 {
-    if (!mSearching.empty()) {
-        mScope.Send(mSearching, Bluez::kAdapter, "StopDiscovery");
-        mSearching.clear();
+    if (mSearch && mSearch->mIsOn) {
+        mScope.Send(mSearch->mAdapter, Bluez::kAdapter, kStopSearch);
     }
+    mSearch.reset();
 }
 
 void StrapSession::TellLoss()

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <set>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "bus/module/BluezObjects.h"
 #include "bus/module/BusScope.h"
@@ -62,6 +64,19 @@ public:
 private:
     enum class Step { Connecting, Resolving, Subscribing, Receiving };
 
+    /** An adapter's search for straps. */
+    struct Search
+    {
+        Search(GDBusConnection *connection, const std::string &owner, std::string adapter)
+            : mAdapter(std::move(adapter)), mScope(connection, owner)
+        {}
+
+        std::string mAdapter;
+        /** False until BlueZ has said so. */
+        bool mIsOn = false;
+        BusScope mScope;
+    };
+
     void LoadObjects();
     void OnAdded(GVariant *arguments);
     void OnRemoved(GVariant *arguments);
@@ -87,7 +102,7 @@ private:
     void PauseThenRetry();
     bool IsAside(const std::string &path) const { return mAside.contains(path); }
 
-    void Search();
+    void StartSearch();
     void OnSearchStarted(const GError *error);
     void StopSearch();
 
@@ -97,6 +112,7 @@ private:
     const BleSettings &mSettings;
     RetryTimer &mRetry;
     StrapObserver &mObserver;
+    const std::string mOwner;
     BusScope mScope;
     BluezObjects mObjects;
     bool mAreObjectsLoaded = false;
@@ -109,8 +125,8 @@ private:
     /** The characteristic, from the call of StartNotify on. */
     std::string mMeasurement;
     bool mHasSentValues = false;
-    /** The adapter that searches for this session; empty when none does. */
-    std::string mSearching;
+    /** Null while none is asked for. */
+    std::unique_ptr<Search> mSearch;
     /** Tells the replies of the present steps from those of steps that were given up. */
     unsigned mAttempt = 0;
 

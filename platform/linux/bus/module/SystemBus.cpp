@@ -1,34 +1,14 @@
 #include "SystemBus.h"
 
 #include "base/RuntimeLog.h"
+#include "bus/module/BusCalls.h"
 
 namespace ParvanePlatform {
-
-namespace {
-
-GObjectPtr<GDBusConnection> Connect(GErrorPtr &failure)
-{
-    GError *error = nullptr;
-    char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-    GDBusConnection *connection = nullptr;
-    if (address != nullptr) {
-        connection = g_dbus_connection_new_for_address_sync(
-            address,
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &error);
-        g_free(address);
-    }
-    failure.reset(error);
-    return GObjectPtr<GDBusConnection>(connection);
-}
-
-} // namespace
 
 SystemBus::~SystemBus()
 {
     if (mConnection) {
-        g_dbus_connection_flush_sync(mConnection.get(), nullptr, nullptr);
+        Flush(mConnection.get());
     }
 }
 
@@ -42,7 +22,7 @@ GDBusConnection *SystemBus::Connection()
         mIsMissing = true;
     }
     GErrorPtr failure;
-    mConnection = Connect(failure);
+    mConnection = ConnectToSystemBus(failure);
     if (!mConnection && !mIsMissing) {
         LogWarning("system bus: %s", failure ? failure->message : "no connection");
     } else if (mConnection && mIsMissing) {
@@ -50,6 +30,13 @@ GDBusConnection *SystemBus::Connection()
     }
     mIsMissing = !mConnection;
     return mConnection.get();
+}
+
+GObjectPtr<GDBusConnection> SystemBus::Share()
+{
+    GDBusConnection *connection = Connection();
+    return GObjectPtr<GDBusConnection>(
+        connection != nullptr ? static_cast<GDBusConnection *>(g_object_ref(connection)) : nullptr);
 }
 
 } // namespace ParvanePlatform

@@ -15,7 +15,7 @@ class SystemBus
 public:
     SystemBus() = default;
 
-    /** Lets what was sent last leave the process; waits for the socket of the bus, no further. */
+    /** Lets the bus have what was sent last; waits for half a second at most. */
     ~SystemBus();
 
     SystemBus(const SystemBus &) = delete;
@@ -23,9 +23,12 @@ public:
 
     /**
      * The connection, borrowed until the next call; null when there is no bus, which is logged once
-     * per change of state. May block for the time that connecting to a local socket takes.
+     * per change of state. May block for half a second when it has to be made.
      */
     GDBusConnection *Connection();
+
+    /** The same connection, with a reference of the caller's own. */
+    GObjectPtr<GDBusConnection> Share();
 
 private:
     GObjectPtr<GDBusConnection> mConnection;

@@ -18,19 +18,14 @@ constexpr char kWarningLevel[] = "WarningLevel";
 constexpr guint32 kLevelLow = 3;
 constexpr guint32 kLevelAction = 5;
 
-GObjectPtr<GDBusConnection> Shared(SystemBus &bus)
-{
-    GDBusConnection *connection = bus.Connection();
-    return GObjectPtr<GDBusConnection>(
-        connection != nullptr ? static_cast<GDBusConnection *>(g_object_ref(connection)) : nullptr);
-}
-
 } // namespace
 
-UPowerMonitor::UPowerMonitor(std::shared_ptr<SystemBus> bus)
-    : mShared(std::move(bus)),
-      mBus([this] { return Shared(*mShared); },
-           [this](GDBusConnection *connection) { Watch(connection); }, [this] { Drop(); })
+UPowerMonitor::UPowerMonitor(std::shared_ptr<SystemBus> bus, const Clock &clock,
+                             std::unique_ptr<Timer> timer)
+    : mRetry(clock, std::move(timer)),
+      mBus(
+          mRetry, [bus = std::move(bus)] { return bus->Share(); },
+          [this](GDBusConnection *connection) { Watch(connection); }, [this] { mUPower.reset(); })
 {}
 
 bool UPowerMonitor::Start(Alert alert)
@@ -42,47 +37,43 @@ bool UPowerMonitor::Start(Alert alert)
 
 void UPowerMonitor::Watch(GDBusConnection *connection)
 {
-    mChanges.emplace(connection,
-                     SignalSubscription::Match{kService, kDevice, kProperties, "PropertiesChanged",
-                                               kDeviceInterface},
-                     [this](GVariant *parameters) { OnChanged(parameters); });
-    const auto appeared = [this, connection] {
-        if (std::exchange(mIsAway, false)) {
-            LogInfo("battery: UPower is there again");
-        }
-        Ask(connection);
-    };
-    const auto vanished = [this] {
-        mCall.reset();
-        if (!std::exchange(mIsAway, true)) {
-            LogWarning("battery: UPower is not there");
-        }
-    };
-    mName.emplace(connection, kService, appeared, vanished);
+    mUPower = std::make_unique<BusScope>(connection, kService);
+    mUPower->Subscribe(
+        {kProperties, "PropertiesChanged", "(sa{sv}as)", kDevice, kDeviceInterface},
+        [this](const char * /*path*/, GVariant *arguments) { OnChanged(arguments); });
+    mUPower->WatchOwner(BusScope::AutoStart::Yes,
+                        [this](const std::string &owner) { OnOwner(owner); });
 }
 
-void UPowerMonitor::Drop()
+void UPowerMonitor::OnOwner(const std::string &owner)
 {
-    mCall.reset();
-    mChanges.reset();
-    mName.reset();
+    const bool isAway = owner.empty();
+    const bool wasAway = std::exchange(mIsAway, isAway);
+    if (isAway && !wasAway) {
+        LogWarning("battery: UPower is not there");
+    } else if (!isAway && wasAway) {
+        LogInfo("battery: UPower is there again");
+    }
+    if (!isAway) {
+        Ask();
+    }
 }
 
-void UPowerMonitor::Ask(GDBusConnection *connection)
+void UPowerMonitor::Ask()
 {
-    mCall = std::make_unique<PendingCall>(
-        connection, PendingCall::Method{kService, kDevice, kProperties, "Get"},
-        g_variant_new("(ss)", kDeviceInterface, kWarningLevel),
-        [this](GVariant *answer, const GError *failure) { OnAnswer(answer, failure); });
+    mUPower->Call(kDevice, kProperties, "Get",
+                  g_variant_new("(ss)", kDeviceInterface, kWarningLevel), "(v)",
+                  [this, question = ++mQuestion](GVariant *answer, const GError *failure) {
+                      if (question == mQuestion) {
+                          OnAnswer(answer, failure);
+                      }
+                  });
 }
 
 void UPowerMonitor::OnAnswer(GVariant *answer, const GError *failure)
 {
     if (failure != nullptr) {
         LogWarning("battery: no warning level from UPower: %s", failure->message);
-        return;
-    }
-    if (g_variant_is_of_type(answer, G_VARIANT_TYPE("(v)")) == FALSE) {
         return;
     }
     GVariant *value = nullptr;
@@ -93,16 +84,12 @@ void UPowerMonitor::OnAnswer(GVariant *answer, const GError *failure)
     }
 }
 
-void UPowerMonitor::OnChanged(GVariant *parameters)
+void UPowerMonitor::OnChanged(GVariant *arguments)
 {
-    if (g_variant_is_of_type(parameters, G_VARIANT_TYPE("(sa{sv}as)")) == FALSE) {
-        return;
-    }
-    const GVariantPtr changed(g_variant_get_child_value(parameters, 1));
+    const GVariantPtr changed(g_variant_get_child_value(arguments, 1));
     guint32 level = 0;
     if (g_variant_lookup(changed.get(), kWarningLevel, "u", &level) != FALSE) {
-        // An answer that is on its way is older than this, or the same.
-        mCall.reset();
+        ++mQuestion; // an answer that is on its way is older than this, or the same
         SetLevel(level);
     }
 }

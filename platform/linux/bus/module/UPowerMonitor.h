@@ -1,10 +1,13 @@
 #pragma once
 
 #include <memory>
-#include <optional>
+#include <string>
 
+#include "base/Clock.h"
+#include "base/LoopSource.h"
+#include "bus/module/BusScope.h"
 #include "bus/module/BusWatch.h"
-#include "bus/module/Subscription.h"
+#include "bus/module/RetryTimer.h"
 #include "bus/module/SystemBus.h"
 #include "service_app/AlertMonitor.h"
 
@@ -18,32 +21,36 @@ namespace ParvanePlatform {
 class UPowerMonitor : public AlertMonitor
 {
 public:
-    explicit UPowerMonitor(std::shared_ptr<SystemBus> bus);
+    /**
+     * @param clock  borrowed for the life of this object
+     * @param timer  when a bus that is away is asked for again
+     */
+    UPowerMonitor(std::shared_ptr<SystemBus> bus, const Clock &clock, std::unique_ptr<Timer> timer);
 
     const char *Name() const override { return "upower"; }
 
     /**
      * Returns false when UPower is neither there nor can be started, or there is no bus; waits for
-     * both then. Waits for the bus, for a second at most. A battery that is low already alerts when
-     * UPower has said so, from the loop.
+     * both then. Waits for the bus, for a second and a half at most. A battery that is low already
+     * alerts when UPower has said so, from the loop.
      */
     bool Start(Alert alert) override;
 
 private:
     void Watch(GDBusConnection *connection);
-    void Drop();
-    void Ask(GDBusConnection *connection);
+    void OnOwner(const std::string &owner);
+    void Ask();
     void OnAnswer(GVariant *answer, const GError *failure);
-    void OnChanged(GVariant *parameters);
+    void OnChanged(GVariant *arguments);
     void SetLevel(guint32 level);
 
-    std::shared_ptr<SystemBus> mShared;
     Alert mAlert;
     bool mIsLow = false;
     bool mIsAway = false;
-    std::unique_ptr<PendingCall> mCall;
-    std::optional<SignalSubscription> mChanges;
-    std::optional<NameWatch> mName;
+    /** Tells the answer to the last question from those that are outdated. */
+    unsigned mQuestion = 0;
+    std::unique_ptr<BusScope> mUPower;
+    RetryTimer mRetry;
     /** Last, so that it ends first. */
     BusWatch mBus;
 };

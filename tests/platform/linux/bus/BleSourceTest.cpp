@@ -13,8 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "MockedBluez.h"
-#include "PrivateBus.h"
-#include "TestSupport.h"
+#include "linux/bus/BusTest.h"
 
 namespace ParvanePlatform {
 
@@ -38,23 +37,6 @@ std::string ToText(const SensorReading &reading)
     return text.str();
 }
 
-/** Turns the main loop until `done`, which is also asked while the loop has nothing to do. */
-bool Eventually(const std::function<bool()> &done)
-{
-    constexpr std::int64_t kDeadlineUs = 30'000'000;
-    constexpr std::int64_t kPauseUs = 2'000;
-    const std::int64_t deadline = g_get_monotonic_time() + kDeadlineUs;
-    while (!done()) {
-        const std::int64_t now = g_get_monotonic_time();
-        if (now > deadline) {
-            return false;
-        }
-        const LoopSource wake = LoopSource::At(now + kPauseUs, [] {});
-        g_main_context_iteration(nullptr, TRUE);
-    }
-    return true;
-}
-
 int CountIn(const std::string &text, const std::string &part)
 {
     int count = 0;
@@ -67,15 +49,12 @@ int CountIn(const std::string &text, const std::string &part)
 } // namespace
 
 /** A source on a bus of its own, with BlueZ and straps that do what the test says. */
-class BleSourceTest : public testing::Test, public SensorListener
+class BleSourceTest : public BusTest, public SensorListener
 {
 protected:
     void SetUp() override
     {
-        if (const std::string reason = PrivateBus::WhyNot(); !reason.empty()) {
-            GTEST_SKIP() << reason;
-        }
-        mBus = std::make_unique<PrivateBus>();
+        BusTest::SetUp();
         mSystemBus = std::make_shared<SystemBus>();
         MakeSource();
     }
@@ -165,7 +144,6 @@ protected:
         }
     }
 
-    std::unique_ptr<PrivateBus> mBus;
     std::unique_ptr<MockedBluez> mBluez;
     std::shared_ptr<SystemBus> mSystemBus;
     ManualClock mClock;

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -9,7 +10,7 @@
 #include "base/LoopSource.h"
 #include "bus/module/GObjectPtr.h"
 #include "linux/TestSupport.h"
-#include "linux/bus/MockBus.h"
+#include "linux/bus/PrivateBus.h"
 
 namespace ParvanePlatform {
 
@@ -19,10 +20,10 @@ class BusTest : public testing::Test
 protected:
     void SetUp() override
     {
-        if (const auto missing = MockBus::Missing()) {
-            GTEST_SKIP() << *missing;
+        if (const std::string reason = PrivateBus::WhyNot(); !reason.empty()) {
+            GTEST_SKIP() << reason;
         }
-        mBus = std::make_unique<MockBus>();
+        mBus = std::make_unique<PrivateBus>();
     }
 
     /**
@@ -55,7 +56,7 @@ protected:
         });
     }
 
-    std::unique_ptr<MockBus> mBus;
+    std::unique_ptr<PrivateBus> mBus;
 };
 
 } // namespace ParvanePlatform

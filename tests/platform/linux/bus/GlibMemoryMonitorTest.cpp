@@ -1,13 +1,15 @@
 #include "bus/module/GlibMemoryMonitor.h"
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "base/Clock.h"
 #include "bus/module/BusCalls.h"
-#include "bus/module/Subscription.h"
+#include "bus/module/BusScope.h"
 #include "linux/bus/BusTest.h"
 
 namespace ParvanePlatform {
@@ -28,7 +30,8 @@ protected:
         if (mBus && IsSharedConnectionStale()) {
             GTEST_SKIP() << "GLib keeps a lost connection in this process";
         }
-        mMonitor = std::make_unique<GlibMemoryMonitor>();
+        mMonitor = std::make_unique<GlibMemoryMonitor>(std::make_shared<SystemBus>(), mClock,
+                                                       std::make_unique<LoopTimer>());
     }
 
     void TearDown() override
@@ -55,13 +58,13 @@ protected:
             g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
         ASSERT_NE(connection, nullptr);
         int got = 0;
-        const SignalSubscription warnings(connection.get(),
-                                          {nullptr, nullptr, kService, "LowMemoryWarning", nullptr},
-                                          [&got](GVariant *parameters) {
-                                              guchar level = 0;
-                                              g_variant_get(parameters, "(y)", &level);
-                                              got = level;
-                                          });
+        BusScope service(connection.get(), kService);
+        service.Subscribe({kService, "LowMemoryWarning", "(y)"},
+                          [&got](const char * /*path*/, GVariant *arguments) {
+                              guchar level = 0;
+                              g_variant_get(arguments, "(y)", &level);
+                              got = level;
+                          });
         // An answer of the bus: it has the subscription then.
         ASSERT_TRUE(IsServiceThere(connection.get(), kService));
         for (const int level : levels) {
@@ -81,6 +84,7 @@ protected:
         });
     }
 
+    SystemClock mClock;
     std::unique_ptr<GlibMemoryMonitor> mMonitor;
     int mAlerts = 0;
 };
@@ -148,6 +152,18 @@ TEST_F(GlibMemoryMonitorTest, LossOfTheBusEndsNothingAndItsReturnIsHeard)
     }
     service = mBus->Run("low_memory_monitor");
     EXPECT_TRUE(IsHeard());
+}
+
+TEST_F(GlibMemoryMonitorTest, BusThatNeverAnswersHoldsNobodyUp)
+{
+    mBus->Stop();
+    const SilentBus silent(mBus->Folder() + "/bus");
+    const StderrCapture quiet;
+    const auto start = std::chrono::steady_clock::now();
+
+    EXPECT_FALSE(Start());
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST_F(GlibMemoryMonitorTest, NoBusIsNothingToWatch)

@@ -6,11 +6,16 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 namespace ParvanePlatform {
 
@@ -19,6 +24,12 @@ namespace {
 constexpr char kVariable[] = "DBUS_SYSTEM_BUS_ADDRESS";
 constexpr char kDaemon[] = "/usr/bin/dbus-daemon";
 constexpr char kMockModule[] = "/usr/lib/python3/dist-packages/dbusmock";
+
+const std::map<std::string, std::string> kNames = {
+    {"logind", "org.freedesktop.login1"},
+    {"upower", "org.freedesktop.UPower"},
+    {"low_memory_monitor", "org.freedesktop.LowMemoryMonitor"},
+    {"bluez5", "org.bluez"}};
 
 constexpr int kDeadlineMs = 30'000;
 constexpr gulong kPauseUs = 5'000;
@@ -74,6 +85,38 @@ void Companion::Kill()
     }
 }
 
+void Companion::Pause() const
+{
+    kill(mPid, SIGSTOP);
+}
+
+void Companion::Resume() const
+{
+    kill(mPid, SIGCONT);
+}
+
+MockedService::MockedService(const PrivateBus &bus, const std::string &busTemplate,
+                             const std::string &parameters)
+    : mBus(bus), mName(kNames.at(busTemplate))
+{
+    mProcess.Start({PrivateBus::kPython, "-m", "dbusmock", "--template", busTemplate,
+                    "--parameters", parameters},
+                   bus.Folder() + '/' + busTemplate + ".out");
+    PrivateBus::WaitFor(mName, [this] { return mBus.HasOwner(mName); });
+}
+
+MockedService::~MockedService()
+{
+    mProcess.Kill();
+    if (mBus.IsRunning()) {
+        try {
+            PrivateBus::WaitFor("end of " + mName, [this] { return !mBus.HasOwner(mName); });
+        } catch (const std::runtime_error &failure) {
+            ADD_FAILURE() << failure.what();
+        }
+    }
+}
+
 std::string PrivateBus::WhyNot()
 {
     if (access(kDaemon, X_OK) != 0) {
@@ -94,16 +137,27 @@ PrivateBus::PrivateBus()
     mFolder = name;
     mAddress = "unix:path=" + mFolder + "/bus";
     std::ofstream(mFolder + "/bus.conf")
-        << "<busconfig><listen>" << mAddress << "</listen><auth>EXTERNAL</auth>"
+        << "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
+        << " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
+        << "<busconfig><type>session</type><listen>" << mAddress << "</listen>"
+        << "<auth>EXTERNAL</auth><servicedir>" << mFolder << "/services</servicedir>"
         << "<policy context='default'><allow send_destination='*'/><allow receive_sender='*'/>"
         << "<allow own='*'/></policy></busconfig>\n";
+    std::filesystem::create_directory(mFolder + "/services");
     Start();
+    if (const char *old = std::getenv(kVariable); old != nullptr) {
+        mOldAddress = old;
+    }
     setenv(kVariable, mAddress.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus()
 {
-    unsetenv(kVariable);
+    if (mOldAddress) {
+        setenv(kVariable, mOldAddress->c_str(), 1);
+    } else {
+        unsetenv(kVariable);
+    }
     Stop();
     std::error_code ignored;
     std::filesystem::remove_all(mFolder, ignored);
@@ -126,6 +180,18 @@ void PrivateBus::Stop()
     std::filesystem::remove(mFolder + "/bus");
 }
 
+void PrivateBus::AddStartable(const std::string &name) const
+{
+    std::ofstream(mFolder + "/services/" + name + ".service")
+        << "[D-BUS Service]\nName=" << name << "\nExec=/bin/false\n";
+}
+
+std::unique_ptr<MockedService> PrivateBus::Run(const std::string &busTemplate,
+                                               const std::string &parameters) const
+{
+    return std::make_unique<MockedService>(*this, busTemplate, parameters);
+}
+
 GVariantPtr PrivateBus::Call(const std::string &name, const std::string &path,
                              const char *interface, const char *method, GVariant *arguments) const
 {
@@ -137,6 +203,30 @@ GVariantPtr PrivateBus::Call(const std::string &name, const std::string &path,
         Throw(std::string(method) + " of " + path, error);
     }
     return reply;
+}
+
+std::string PrivateBus::Call(const std::string &name, const std::string &path,
+                             const char *interface, const char *method,
+                             const std::string &arguments) const
+{
+    GError *error = nullptr;
+    const GVariantPtr tuple(g_variant_parse(nullptr, arguments.c_str(), nullptr, nullptr, &error));
+    if (!tuple) {
+        Throw(arguments, error);
+    }
+    const GVariantPtr reply = Call(name, path, interface, method, tuple.get());
+    char *text = g_variant_print(reply.get(), FALSE);
+    std::string result = text;
+    g_free(text);
+    return result;
+}
+
+void PrivateBus::SetProperty(const std::string &name, const std::string &path,
+                             const std::string &interface, const std::string &property,
+                             const std::string &value) const
+{
+    Call(name, path, "org.freedesktop.DBus.Properties", "Set",
+         "('" + interface + "', '" + property + "', <" + value + ">)");
 }
 
 bool PrivateBus::HasOwner(const std::string &name) const
@@ -158,6 +248,23 @@ void PrivateBus::WaitFor(const std::string &what, const std::function<bool()> &c
         }
         g_usleep(kPauseUs);
     }
+}
+
+SilentBus::SilentBus(const std::string &path)
+    : mSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (bind(mSocket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        listen(mSocket, 8) != 0) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+}
+
+SilentBus::~SilentBus()
+{
+    close(mSocket);
 }
 
 } // namespace ParvanePlatform

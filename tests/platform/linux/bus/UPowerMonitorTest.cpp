@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/Clock.h"
 #include "linux/bus/BusTest.h"
 
 namespace ParvanePlatform {
@@ -36,8 +37,10 @@ protected:
         return RunUntil([this, expected] { return mAlerts == expected; });
     }
 
+    SystemClock mClock;
     std::shared_ptr<SystemBus> mSystemBus = std::make_shared<SystemBus>();
-    std::unique_ptr<UPowerMonitor> mMonitor = std::make_unique<UPowerMonitor>(mSystemBus);
+    std::unique_ptr<UPowerMonitor> mMonitor =
+        std::make_unique<UPowerMonitor>(mSystemBus, mClock, std::make_unique<LoopTimer>());
     int mAlerts = 0;
 };
 
