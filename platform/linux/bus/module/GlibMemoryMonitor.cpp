@@ -27,16 +27,24 @@ GObjectPtr<GDBusConnection> ConnectShared(SystemBus &bus)
     return g_dbus_connection_is_closed(connection.get()) == FALSE ? std::move(connection) : nullptr;
 }
 
-/** A monitor on the connection that there is now: GLib's default one keeps its first for good. */
+/**
+ * A monitor that ends with its owner. GLib's default one, which is chosen in the same way, lives as
+ * long as the process, and what it was asking a bus that is lost may keep the lost connection.
+ */
 GObjectPtr<GMemoryMonitor> MakeMonitor()
 {
-    const GObjectPtr<GMemoryMonitor> standard(g_memory_monitor_dup_default());
-    if (!standard) {
-        return nullptr;
+    // Returns nothing; what it does is to load the extensions of GIO, which the next call does not.
+    const GObjectPtr<GProxy> none(g_proxy_get_default_for_protocol("none"));
+    GIOExtensionPoint *point = g_io_extension_point_lookup(G_MEMORY_MONITOR_EXTENSION_POINT_NAME);
+    const GList *kind = point != nullptr ? g_io_extension_point_get_extensions(point) : nullptr;
+    for (; kind != nullptr; kind = kind->next) {
+        const GType type = g_io_extension_get_type(static_cast<GIOExtension *>(kind->data));
+        gpointer made = g_initable_new(type, nullptr, nullptr, nullptr, nullptr);
+        if (made != nullptr) {
+            return GObjectPtr<GMemoryMonitor>(static_cast<GMemoryMonitor *>(made));
+        }
     }
-    gpointer made =
-        g_initable_new(G_OBJECT_TYPE(standard.get()), nullptr, nullptr, nullptr, nullptr);
-    return GObjectPtr<GMemoryMonitor>(static_cast<GMemoryMonitor *>(made));
+    return nullptr;
 }
 
 } // namespace

@@ -41,18 +41,18 @@ protected:
     }
 
     /**
-     * Whether GLib's shared connection is one to a bus that is gone, for good: GLib gives it out for
-     * as long as anything of it is in use, a proxy that was being made at the time for example.
+     * Waits until GLib's shared connection is not one to the bus of an earlier test: GLib gives it
+     * out for as long as anything of it is in use.
      */
-    static bool IsSharedConnectionStale()
+    static bool IsSharedConnectionFresh()
     {
-        return !Eventually([] {
+        return Eventually([] {
             const GObjectPtr<GDBusConnection> connection(
                 g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
             if (connection) {
                 g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
             }
-            return !connection || g_dbus_connection_is_closed(connection.get()) == FALSE;
+            return connection && g_dbus_connection_is_closed(connection.get()) == FALSE;
         });
     }
 
