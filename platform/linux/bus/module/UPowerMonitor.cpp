@@ -25,7 +25,7 @@ UPowerMonitor::UPowerMonitor(std::shared_ptr<SystemBus> bus, const Clock &clock,
     : mRetry(clock, std::move(timer)),
       mBus(
           mRetry, [bus = std::move(bus)] { return bus->Share(); },
-          [this](GDBusConnection *connection) { Watch(connection); }, [this] { mUPower.reset(); })
+          [this](GDBusConnection *connection) { Watch(connection); }, [this] { Drop(); })
 {}
 
 bool UPowerMonitor::Start(Alert alert)
@@ -38,11 +38,14 @@ bool UPowerMonitor::Start(Alert alert)
 void UPowerMonitor::Watch(GDBusConnection *connection)
 {
     mUPower = std::make_unique<BusScope>(connection, kService);
-    mUPower->Subscribe(
-        {kProperties, "PropertiesChanged", "(sa{sv}as)", kDevice, kDeviceInterface},
-        [this](const char * /*path*/, GVariant *arguments) { OnChanged(arguments); });
     mUPower->WatchOwner(BusScope::AutoStart::Yes,
                         [this](const std::string &owner) { OnOwner(owner); });
+}
+
+void UPowerMonitor::Drop()
+{
+    mDevice.reset();
+    mUPower.reset();
 }
 
 void UPowerMonitor::OnOwner(const std::string &owner)
@@ -54,14 +57,20 @@ void UPowerMonitor::OnOwner(const std::string &owner)
     } else if (!isAway && wasAway) {
         LogInfo("battery: UPower is there again");
     }
+    mDevice.reset();
     if (!isAway) {
+        // By the owner's own name: what others send under UPower's name does not count.
+        mDevice = std::make_unique<BusScope>(mUPower->Connection(), owner);
+        mDevice->Subscribe(
+            {kProperties, "PropertiesChanged", "(sa{sv}as)", kDevice, kDeviceInterface},
+            [this](const char * /*path*/, GVariant *arguments) { OnChanged(arguments); });
         Ask();
     }
 }
 
 void UPowerMonitor::Ask()
 {
-    mUPower->Call(kDevice, kProperties, "Get",
+    mDevice->Call(kDevice, kProperties, "Get",
                   g_variant_new("(ss)", kDeviceInterface, kWarningLevel), "(v)",
                   [this, question = ++mQuestion](GVariant *answer, const GError *failure) {
                       if (question == mQuestion) {

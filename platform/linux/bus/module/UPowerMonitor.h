@@ -38,6 +38,7 @@ public:
 
 private:
     void Watch(GDBusConnection *connection);
+    void Drop();
     void OnOwner(const std::string &owner);
     void Ask();
     void OnAnswer(GVariant *answer, const GError *failure);
@@ -49,7 +50,10 @@ private:
     bool mIsAway = false;
     /** Tells the answer to the last question from those that are outdated. */
     unsigned mQuestion = 0;
+    /** Who UPower is. */
     std::unique_ptr<BusScope> mUPower;
+    /** The display device, for as long as one UPower lives. */
+    std::unique_ptr<BusScope> mDevice;
     RetryTimer mRetry;
     /** Last, so that it ends first. */
     BusWatch mBus;

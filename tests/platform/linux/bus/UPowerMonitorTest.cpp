@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Clock.h"
+#include "bus/module/BusCalls.h"
 #include "linux/bus/BusTest.h"
 
 namespace ParvanePlatform {
@@ -32,6 +33,18 @@ protected:
                           "uint32 " + std::to_string(level));
     }
 
+    /** Lets the monitor get to where it listens, which takes it a few answers. */
+    void Settle()
+    {
+        for (int i = 0; i < 5; ++i) {
+            const GVariantPtr reply(g_dbus_connection_call_sync(
+                mSystemBus->Connection(), kService, "/", "org.freedesktop.DBus.Peer", "Ping",
+                nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr));
+            ASSERT_NE(reply, nullptr);
+            RunWhileBusy();
+        }
+    }
+
     bool Alerts(int expected)
     {
         return RunUntil([this, expected] { return mAlerts == expected; });
@@ -49,6 +62,7 @@ TEST_F(UPowerMonitorTest, EachChangeToLowAlertsOnce)
     const auto upower = mBus->Run("upower");
     StderrCapture capture;
     ASSERT_TRUE(Start());
+    Settle();
     for (int round = 1; round <= 2; ++round) {
         for (const int level : {3, 4, 5, 1}) {
             SetLevel(level);
@@ -66,6 +80,7 @@ TEST_F(UPowerMonitorTest, OtherLevelsAreNotLow)
     const auto upower = mBus->Run("upower");
     const StderrCapture quiet;
     ASSERT_TRUE(Start());
+    Settle();
     for (const int level : {0, 1, 2, 6, 1000}) {
         SetLevel(level);
     }
@@ -116,6 +131,7 @@ TEST_F(UPowerMonitorTest, UPowerThatGoesAndReturnsAlertsForANewChangeOnly)
     upower.reset();
     upower = mBus->Run("upower");
     SetLevel(3);
+    Settle();
     SetLevel(1);
     SetLevel(4);
     EXPECT_TRUE(Alerts(2));
@@ -135,7 +151,7 @@ TEST_F(UPowerMonitorTest, BusThatGoesAndReturnsIsHeardAgain)
     SetLevel(3);
     ASSERT_TRUE(Alerts(1));
     SetLevel(1);
-    RunWhileBusy();
+    Settle();
     mBus->Stop();
     upower.reset();
     mBus->Start();
@@ -160,10 +176,33 @@ TEST_F(UPowerMonitorTest, LevelThatIsNoNumberIsIgnored)
     const auto upower = mBus->Run("upower");
     const StderrCapture quiet;
     ASSERT_TRUE(Start());
+    Settle();
     mBus->SetProperty(kService, "/org/freedesktop/UPower/devices/DisplayDevice",
                       "org.freedesktop.UPower.Device", "WarningLevel", "'high'");
     SetLevel(3);
     EXPECT_TRUE(Alerts(1));
+}
+
+TEST_F(UPowerMonitorTest, LevelThatSomebodyElseTellsDoesNotCount)
+{
+    const auto upower = mBus->Run("upower");
+    StderrCapture capture;
+    ASSERT_TRUE(Start());
+    Settle();
+    SystemBus stranger;
+    ASSERT_NE(stranger.Connection(), nullptr);
+    GVariant *changed = g_variant_new_parsed(
+        "('org.freedesktop.UPower.Device', {'WarningLevel': <uint32 5>}, @as [])");
+    ASSERT_TRUE(g_dbus_connection_emit_signal(
+        stranger.Connection(), g_dbus_connection_get_unique_name(mSystemBus->Connection()),
+        "/org/freedesktop/UPower/devices/DisplayDevice", "org.freedesktop.DBus.Properties",
+        "PropertiesChanged", changed, nullptr));
+    Flush(stranger.Connection());
+
+    SetLevel(3);
+
+    EXPECT_TRUE(Alerts(1));
+    EXPECT_EQ(capture.Take(), "W platform: battery: low, warning level 3\n");
 }
 
 TEST_F(UPowerMonitorTest, MonitorMayEndInItsAlert)
