@@ -31,15 +31,18 @@ std::string Reason(const GError *error)
     return copy->message;
 }
 
-/** What BlueZ shall search for: heart-rate straps, which are low-energy devices. */
-GVariant *DiscoveryFilter()
+/**
+ * What BlueZ shall search for: low-energy devices, and unless the settings name one, those that say
+ * that they have the heart-rate service.
+ */
+GVariant *DiscoveryFilter(const BleSettings &settings)
 {
-    GVariantBuilder uuids;
-    g_variant_builder_init(&uuids, G_VARIANT_TYPE_STRING_ARRAY);
-    g_variant_builder_add(&uuids, "s", Bluez::kHeartRateService);
     GVariantBuilder filter;
     g_variant_builder_init(&filter, G_VARIANT_TYPE_VARDICT);
-    g_variant_builder_add(&filter, "{sv}", "UUIDs", g_variant_builder_end(&uuids));
+    if (settings.mDevice.empty()) {
+        const char *uuids[] = {Bluez::kHeartRateService, nullptr};
+        g_variant_builder_add(&filter, "{sv}", "UUIDs", g_variant_new_strv(uuids, -1));
+    }
     g_variant_builder_add(&filter, "{sv}", "Transport", g_variant_new_string("le"));
     return g_variant_new("(a{sv})", &filter);
 }
@@ -220,13 +223,16 @@ void StrapSession::Choose()
         StartSearch();
         return;
     }
-    StopSearch();
     const auto next = std::find_if(straps.begin(), straps.end(),
                                    [this](const std::string &strap) { return !IsAside(strap); });
     if (next != straps.end()) {
+        StopSearch();
         Take(*next);
-    } else {
-        PauseThenRetry();
+        return;
+    }
+    PauseThenRetry();
+    if (mSettings.mDevice.empty()) {
+        StartSearch(); // the straps that BlueZ remembers may be at home, and a new one worn
     }
 }
 
@@ -363,7 +369,7 @@ void StrapSession::StartSearch()
     }
     mSearch = std::make_unique<Search>(mScope.Connection(), mOwner, adapter);
     // Its reply does not matter: without the filter the search finds straps among the rest.
-    mSearch->mScope.Call(adapter, Bluez::kAdapter, "SetDiscoveryFilter", DiscoveryFilter(),
+    mSearch->mScope.Call(adapter, Bluez::kAdapter, "SetDiscoveryFilter", DiscoveryFilter(mSettings),
                          kNoReply, [](GVariant * /*reply*/, const GError * /*error*/) {});
     // BlueZ refuses to stop a search that it has not started yet.
     mSearch->mScope.Call(
@@ -373,12 +379,19 @@ void StrapSession::StartSearch()
 
 void StrapSession::OnSearchStarted(const GError *error)
 {
+    // Else what is told is why the straps that are known do not measure.
+    const bool isOnlyWay = mObjects.FindStraps(mSettings).empty();
     if (error == nullptr) {
         mSearch->mIsOn = true;
-        mObserver.OnState(StrapObserver::Severity::Ordinary, "no strap is there yet, searching");
+        if (isOnlyWay) {
+            mObserver.OnState(StrapObserver::Severity::Ordinary,
+                              "no strap is there yet, searching");
+        }
         return;
     }
-    TellTrouble("the search is refused: " + Reason(error));
+    if (isOnlyWay) {
+        TellTrouble("the search is refused: " + Reason(error));
+    }
     mAside.insert(mSearch->mAdapter);
     mSearch.reset();
     PauseThenRetry();

@@ -38,7 +38,8 @@ public:
  *
  * What to do next follows from what BlueZ's objects say at the moment (Advance()), so that an object
  * that comes or goes at any time needs no case of its own. A step that fails puts the strap aside;
- * when all straps are, there is a pause. While there is no strap at all, BlueZ searches for one.
+ * when all straps are, there is a pause. While there is no strap that may be tried, BlueZ searches for
+ * one, unless it is there and the settings allow no other.
  *
  * The end of the session ends its calls and takes back what it asked of BlueZ: notifications, the
  * search, and the connection if it was the session that made it. Main-loop thread only.

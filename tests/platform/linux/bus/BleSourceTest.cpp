@@ -419,9 +419,60 @@ TEST_F(BleSourceTest, StopEndsTheSearch)
 
     mSource->Stop(ContextItem::HeartRate);
 
-    ASSERT_TRUE(Settle());
-    EXPECT_EQ(mBluez->Count("StopDiscovery"), 1);
+    EXPECT_TRUE(Eventually([this] { return mBluez->Count("StopDiscovery") == 1; }));
     EXPECT_EQ(NextWakeMs(), -1);
+}
+
+TEST_F(BleSourceTest, SearchThatBeginsAfterTheStopIsEnded)
+{
+    StartBluez();
+    mBluez->RefuseSearch(kAdapter, true);
+    const StderrCapture quiet;
+    ASSERT_EQ(mSource->Start(ContextItem::HeartRate), 0);
+    ASSERT_TRUE(HasTimer());
+    mBluez->RefuseSearch(kAdapter, false);
+    const int refused = mBluez->Count("StartDiscovery");
+    mTimer->Fire(); // asks for the search
+
+    mSource->Stop(ContextItem::HeartRate);
+
+    EXPECT_TRUE(Eventually([this] { return mBluez->Count("StopDiscovery") == 1; }));
+    EXPECT_EQ(mBluez->Count("StartDiscovery"), refused + 1);
+    EXPECT_EQ(mBluez->Calls().back(), "StopDiscovery");
+}
+
+TEST_F(BleSourceTest, NewStrapIsFoundWhileThoseThatBluezRemembersAreOutOfReach)
+{
+    StartBluezWithStrap();
+    mBluez->SetReachable(mStrap, false);
+    StderrCapture log;
+    ASSERT_EQ(mSource->Start(ContextItem::HeartRate), 0);
+    ASSERT_TRUE(Eventually([this] { return mBluez->Count("StartDiscovery") == 1; }));
+    ASSERT_TRUE(HasTimer());
+
+    mStrap = mBluez->AddStrap(kAdapter, "C0:FF:EE:00:00:02");
+
+    ASSERT_TRUE(StartsNotifying());
+    EXPECT_EQ(ReadingOfValue({0x00, 61}), "heart_rate=61");
+    EXPECT_EQ(mBluez->Count("StopDiscovery"), 1);
+    EXPECT_FALSE(mTimer->mDueUs);
+    EXPECT_EQ(CountIn(log.Take(), "searching"), 0);
+}
+
+TEST_F(BleSourceTest, NothingIsSearchedForWhileTheConfiguredStrapIsKnown)
+{
+    StartBluezWithStrap();
+    mBluez->SetReachable(mStrap, false);
+    BleSettings settings;
+    settings.mDevice = kAddress;
+    MakeSource(settings);
+    const StderrCapture quiet;
+
+    ASSERT_EQ(mSource->Start(ContextItem::HeartRate), 0);
+
+    ASSERT_TRUE(HasTimer());
+    ASSERT_TRUE(Settle());
+    EXPECT_EQ(mBluez->Count("StartDiscovery"), 0);
 }
 
 TEST_F(BleSourceTest, RefusedSearchIsTriedAgainAfterAPause)
