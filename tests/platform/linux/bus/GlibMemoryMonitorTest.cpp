@@ -179,6 +179,27 @@ TEST_F(GlibMemoryMonitorTest, BusThatDiesWhileGlibBeginsToListenLeavesNobodyDeaf
     }
 }
 
+TEST_F(GlibMemoryMonitorTest, MonitorMayEndInItsAlert)
+{
+    const auto service = mBus->Run("low_memory_monitor");
+    const StderrCapture quiet;
+    ASSERT_TRUE(mMonitor->Start([this] { mMonitor.reset(); }));
+    EXPECT_TRUE(Eventually([this] {
+        Warn(50);
+        return mMonitor == nullptr;
+    }));
+}
+
+TEST_F(GlibMemoryMonitorTest, MonitorMayEndBeforeGlibListens)
+{
+    const auto service = mBus->Run("low_memory_monitor");
+    const StderrCapture quiet;
+    ASSERT_TRUE(Start());
+    mMonitor.reset();
+    WarnAndWait({255});
+    EXPECT_EQ(mAlerts, 0);
+}
+
 TEST_F(GlibMemoryMonitorTest, BusThatNeverAnswersHoldsNobodyUp)
 {
     mBus->Stop();
