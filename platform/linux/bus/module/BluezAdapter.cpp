@@ -96,11 +96,12 @@ BluezAdapter::Answer BluezAdapter::ReadAdapter(const std::string &path, GVariant
     }
     gboolean isPowered = FALSE;
     const gboolean hasPower = g_variant_lookup(properties, "Powered", "b", &isPowered);
+    // Before the address, which some adapters have only while they are powered.
+    if (hasPower != FALSE && isPowered == FALSE) {
+        return {kNotPowered, "", path + " is not powered"};
+    }
     if (!address || *address == kNoAddress || hasPower == FALSE) {
         return {kOperationFailed, "", path + " has no address"};
-    }
-    if (isPowered == FALSE) {
-        return {kNotPowered, "", path + " is not powered"};
     }
     return {0, std::move(*address), ""};
 }

@@ -83,6 +83,16 @@ TEST_F(BluezAdapterTest, AdapterWithoutPowerHasACodeOfItsOwn)
                               "I platform: bluetooth: the adapter's address can be read again\n");
 }
 
+TEST_F(BluezAdapterTest, AdapterThatHasNoAddressForWantOfPowerIsWithoutPower)
+{
+    const auto bluez = mBus->Run("bluez5");
+    AddAdapter("hci0");
+    Set("hci0", "Powered", "false");
+    Set("hci0", "Address", "'00:00:00:00:00:00'");
+    const StderrCapture quiet;
+    EXPECT_EQ(Ask(mFirst), "-32510");
+}
+
 TEST_F(BluezAdapterTest, AddressIsUpperCase)
 {
     const auto bluez = mBus->Run("bluez5");
