@@ -9,6 +9,7 @@
 #include "ServiceFixture.h"
 
 using ParvanePlatform::PrivateBus;
+using ParvanePlatform::SilentBus;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -200,4 +201,18 @@ TEST_F(PowerTest, ServiceRunsWhereNothingOfThisIsThere)
 
     EXPECT_THAT(host.Ask({0x04, 0x00, 0x00, 0x01}, 1), ElementsAre(Bytes{0x04, 0x02, 0x00, 0x01}));
     EXPECT_EQ(StopService(), 0);
+}
+
+TEST_F(PowerTest, ServiceRunsOnABusThatNeverAnswers)
+{
+    mBus->Stop();
+    const SilentBus silent(mBus->Folder() + "/bus");
+    StartConfigured();
+    const Host host(LinkPath());
+
+    EXPECT_EQ(host.Ask({0x01, 0x00, 0x00, 0x00}, 5).size(), 5U);
+    EXPECT_THAT(host.Ask({0x04, 0x00, 0x00, 0x01}, 1), ElementsAre(Bytes{0x04, 0x02, 0x00, 0x01}));
+
+    EXPECT_EQ(StopService(), 0);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("system bus: it does not answer"));
 }
