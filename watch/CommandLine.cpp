@@ -21,7 +21,7 @@ using nlohmann::json;
 
 constexpr const char *kProgram = "parvane-watch";
 constexpr const char *kSubcommands =
-    "status, set, link, memory, battery, quit, record, check-config";
+    "status, set, steps, activity, gesture, link, memory, battery, quit, record, check-config";
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
 struct Texts
@@ -61,6 +61,14 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     set->add_option("item", texts.mItem, "hr, steps, activity or gesture");
     set->add_option("value", texts.mValue, "Its value");
 
+    // The same in fewer words; "hr" alone could be taken for a question.
+    CLI::App *steps = app.add_subcommand("steps", "Short for set steps");
+    steps->add_option("value", texts.mValue, "+N");
+    CLI::App *activity = app.add_subcommand("activity", "Short for set activity");
+    activity->add_option("value", texts.mValue, "walking, running, still or other");
+    CLI::App *gesture = app.add_subcommand("gesture", "Short for set gesture");
+    gesture->add_option("value", texts.mValue, "The number of a gesture");
+
     CLI::App *link = app.add_subcommand("link", "Take the accessory link down, or bring it up");
     link->add_option("state", texts.mState, "up or down");
 
@@ -83,7 +91,8 @@ void AddSubcommands(CLI::App &app, Texts &texts)
                         "it would start with a file that is checked with exit code 0");
     check->add_option("file", texts.mFile, "The configuration file");
 
-    for (CLI::App *subcommand : {status, set, link, memory, battery, quit, record, check}) {
+    for (CLI::App *subcommand :
+         {status, set, steps, activity, gesture, link, memory, battery, quit, record, check}) {
         subcommand->footer("The options of 'parvane-watch --help' are allowed here, too.");
     }
 }
@@ -128,11 +137,10 @@ std::int64_t ParseNumber(const std::string &where, const std::optional<std::stri
     throw Wrong(where, "value", text, allowed);
 }
 
-json SetRequest(const Texts &texts)
+/** @param where  the words of the command line that name the item */
+json SetRequest(const std::string &where, const std::string &item, const Texts &texts)
 {
     json request = {{"request", "set"}};
-    const std::string item = texts.mItem.value_or("");
-    const std::string where = "set " + item;
     if (item == "hr") {
         request["item"] = "heart_rate";
         if (texts.mValue == "off-wrist") {
@@ -236,7 +244,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment 
     } else {
         invocation.mAction = Invocation::Action::Request;
         if (name == "set") {
-            request = SetRequest(texts);
+            const std::string item = texts.mItem.value_or("");
+            request = SetRequest(name + " " + item, item, texts);
+        } else if (name == "steps" || name == "activity" || name == "gesture") {
+            request = SetRequest(name, name, texts);
         } else if (name == "quit") {
             request = {{"request", name}};
         } else {

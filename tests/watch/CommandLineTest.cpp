@@ -60,6 +60,17 @@ TEST(CommandLineTest, EachCommandIsItsRequest)
     EXPECT_EQ(RequestOf({"quit"}), json({{"version", 1}, {"request", "quit"}}));
 }
 
+TEST(CommandLineTest, StepsActivityAndGestureNeedNoSet)
+{
+    EXPECT_EQ(RequestOf({"steps", "+10"}), RequestOf({"set", "steps", "+10"}));
+    EXPECT_EQ(RequestOf({"activity", "running"}), RequestOf({"set", "activity", "running"}));
+    EXPECT_EQ(RequestOf({"gesture", "-3"}), RequestOf({"set", "gesture", "-3"}));
+    EXPECT_EQ(ErrorOf({"steps", "10"}),
+              "parvane-watch: steps: unknown value '10'; allowed: steps to add, as in +10");
+    EXPECT_EQ(ErrorOf({"activity"}), "parvane-watch: activity: no value given; allowed: walking, "
+                                     "running, still, other");
+}
+
 TEST(CommandLineTest, RecordTakesAFileThatMayHaveToBeNew)
 {
     const Invocation careful = Parsed({"record", "a.csv"});
@@ -79,8 +90,9 @@ TEST(CommandLineTest, GlobalOptionsMayFollowTheSubcommand)
 
 TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
 {
-    EXPECT_EQ(ErrorOf({}), "parvane-watch: no subcommand given; allowed: status, set, link, "
-                           "memory, battery, quit, record, check-config");
+    EXPECT_EQ(ErrorOf({}), "parvane-watch: no subcommand given; allowed: status, set, steps, "
+                           "activity, gesture, link, memory, battery, quit, record, "
+                           "check-config");
     EXPECT_THAT(ErrorOf({"frob"}), HasSubstr("unknown subcommand 'frob'; allowed: status"));
     EXPECT_EQ(ErrorOf({"set"}),
               "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");
