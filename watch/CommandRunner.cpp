@@ -4,12 +4,12 @@
 #include <cstddef>
 #include <cstdlib>
 #include <optional>
-#include <poll.h>
 #include <string_view>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
 
+#include "Output.h"
 #include "StatusText.h"
 
 namespace ParvaneWatch {
@@ -46,25 +46,8 @@ bool CanShowProgress()
 
 } // namespace
 
-int WriteAll(int fd, const std::string &text)
-{
-    std::string_view rest = text;
-    while (!rest.empty()) {
-        const ssize_t written = ::write(fd, rest.data(), rest.size());
-        if (written >= 0) {
-            rest.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EAGAIN) {
-            pollfd polled{fd, POLLOUT, 0};
-            ::poll(&polled, 1, -1); // a failure shows in the next write
-        } else if (errno != EINTR) {
-            return errno;
-        }
-    }
-    return 0;
-}
-
 CommandRunner::CommandRunner(Invocation invocation, const Signals &signals)
-    : mInvocation(std::move(invocation)), mSignals(signals), mFile(mInvocation.mFile)
+    : mInvocation(std::move(invocation)), mSignals(signals), mFile(mInvocation.mFile, signals.Fd())
 {}
 
 Outcome CommandRunner::Run()
@@ -87,7 +70,11 @@ Outcome CommandRunner::Execute()
     ControlClient client(mInvocation.mSocketPath, mSignals.Fd());
     const json reply = client.Ask(mInvocation.mRequest);
     if (!reply.at("ok").get<bool>()) {
-        return Refused(reply);
+        const Outcome refused = Refused(reply);
+        if (mInvocation.mJson) {
+            Print(TextOf(reply) + '\n'); // for its code
+        }
+        return refused;
     }
     if (mInvocation.mAction == Invocation::Action::Record) {
         return Record(client);
@@ -111,7 +98,9 @@ Outcome CommandRunner::Record(ControlClient &client)
     // Only now, so that a service that cannot be reached or refuses costs nobody a file.
     if (const int error = mFile.Open(mInvocation.mForce); error != 0) {
         Complain("cannot make " + mFile.Path() + ": " + ErrnoText(error) +
-                 (error == EEXIST ? " (--force overwrites it)" : ""));
+                 (error == EEXIST  ? " (--force overwrites it)"
+                  : error == ENXIO ? " (nobody reads from it)"
+                                   : ""));
         return {ExitCode::Failure};
     }
     mShowsProgress = CanShowProgress();
@@ -128,6 +117,7 @@ Outcome CommandRunner::Record(ControlClient &client)
     } catch (const Interrupted &) {
         // Asked for: the end of a recording is no failure.
         [[maybe_unused]] const int signal = mSignals.Take();
+        mFile.HurryUp();
         // What was delivered before the signal is part of the recording.
         constexpr std::chrono::seconds kAtMost{1};
         const Clock::time_point end = Clock::now() + kAtMost;
@@ -172,7 +162,10 @@ bool CommandRunner::WriteRow(const std::string &lines)
 {
     const int error = mFile.Write(lines);
     if (error != 0) {
-        Complain("cannot write to " + mFile.Path() + ": " + ErrnoText(error));
+        const bool isStuck = error == EINTR || error == ETIMEDOUT;
+        Complain(
+            "cannot write to " + mFile.Path() + ": " +
+            (isStuck ? "its reader takes no more; the recording lacks rows" : ErrnoText(error)));
         mRecordingOutcome.mCode = ExitCode::Failure;
     }
     return error == 0;
@@ -181,6 +174,9 @@ bool CommandRunner::WriteRow(const std::string &lines)
 Outcome CommandRunner::FinishRecording()
 {
     const int error = mFile.Close();
+    // A signal that came while a row was written has had its effect, which is not this process's death.
+    while (mSignals.Take() != 0) {
+    }
     ShowProgress(true);
     if (error != 0) {
         Complain("cannot write to " + mFile.Path() + ": " + ErrnoText(error));
@@ -188,6 +184,10 @@ Outcome CommandRunner::FinishRecording()
     }
     if (mLeftOut > 1) {
         Complain(std::to_string(mLeftOut) + " readings were left out");
+    }
+    if (mInvocation.mJson) {
+        const Outcome printed = Print(TextOf({{"rows", mRows}, {"left_out", mLeftOut}}) + '\n');
+        return printed.mCode == ExitCode::Success ? mRecordingOutcome : printed;
     }
     return mRecordingOutcome;
 }
@@ -200,8 +200,11 @@ void CommandRunner::ShowProgress(bool isLast)
         return;
     }
     mShownAt = now;
-    WriteAll(STDERR_FILENO, "\r\033[K" + std::to_string(mRows) + (mRows == 1 ? " row" : " rows") +
-                                (isLast ? "\n" : ""));
+    // A terminal that was stopped must not hold the recording up.
+    WriteAll(STDERR_FILENO,
+             "\r\033[K" + std::to_string(mRows) + (mRows == 1 ? " row" : " rows") +
+                 (isLast ? "\n" : ""),
+             {-1, 0});
 }
 
 Outcome CommandRunner::Refused(const json &message)
@@ -214,7 +217,10 @@ Outcome CommandRunner::Refused(const json &message)
 
 Outcome CommandRunner::Print(const std::string &text)
 {
-    const int error = WriteAll(STDOUT_FILENO, text);
+    const int error = WriteAll(STDOUT_FILENO, text, {mSignals.Fd()});
+    if (error == EINTR) {
+        throw Interrupted{};
+    }
     // A reader that has gone wants no more.
     if (error == 0 || error == EPIPE) {
         return {};
@@ -225,7 +231,9 @@ Outcome CommandRunner::Print(const std::string &text)
 
 void CommandRunner::Complain(const std::string &text) const
 {
-    WriteAll(STDERR_FILENO, (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + text) + '\n');
+    constexpr int kLimitMs = 1000;
+    WriteAll(STDERR_FILENO, (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + text) + '\n',
+             {-1, kLimitMs});
 }
 
 } // namespace ParvaneWatch

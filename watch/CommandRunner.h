@@ -20,9 +20,6 @@ struct Outcome
     int mSignal = 0; // when not 0: the process is to end by this signal
 };
 
-/** Writes `text` to a descriptor, all of it. @return 0 or an errno value */
-int WriteAll(int fd, const std::string &text);
-
 /**
  * Does what an Invocation says: answers on standard output, errors and progress on standard error.
  * Borrows the signals, which must outlive it. Use once.

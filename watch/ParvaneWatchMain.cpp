@@ -1,6 +1,8 @@
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <variant>
@@ -9,6 +11,7 @@
 #include "CheckConfig.h"
 #include "CommandLine.h"
 #include "CommandRunner.h"
+#include "Output.h"
 #include "Signals.h"
 
 namespace {
@@ -16,20 +19,40 @@ namespace {
 using ParvaneWatch::ExitCode;
 using ParvaneWatch::WriteAll;
 
+ParvaneWatch::Outcome CannotWrite()
+{
+    WriteAll(STDERR_FILENO, "parvane-watch: cannot write to standard output\n");
+    return {ExitCode::Failure};
+}
+
+ParvaneWatch::Outcome End(const ParvaneWatch::Ending &ending)
+{
+    const int error = WriteAll(STDOUT_FILENO, ending.mOutput);
+    WriteAll(STDERR_FILENO, ending.mError);
+    return error == 0 || error == EPIPE ? ParvaneWatch::Outcome{ending.mCode} : CannotWrite();
+}
+
+ParvaneWatch::Outcome CheckConfig(const ParvaneWatch::Invocation &invocation)
+{
+    std::ostringstream output;
+    const int code =
+        ParvaneWatch::CheckConfig(invocation.mFile, invocation.mJson, output, std::cerr);
+    const int error = WriteAll(STDOUT_FILENO, output.str());
+    return error == 0 || error == EPIPE ? ParvaneWatch::Outcome{static_cast<ExitCode>(code)}
+                                        : CannotWrite();
+}
+
 ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
 {
     const ParvaneWatch::Signals signals;
     auto parsed = ParvaneWatch::ParseCommandLine(
         arguments, [](const char *name) { return static_cast<const char *>(std::getenv(name)); });
     if (const auto *ending = std::get_if<ParvaneWatch::Ending>(&parsed)) {
-        WriteAll(STDOUT_FILENO, ending->mOutput);
-        WriteAll(STDERR_FILENO, ending->mError);
-        return {ending->mCode};
+        return End(*ending);
     }
     auto &invocation = std::get<ParvaneWatch::Invocation>(parsed);
     if (invocation.mAction == ParvaneWatch::Invocation::Action::CheckConfig) {
-        return {static_cast<ExitCode>(
-            ParvaneWatch::CheckConfig(invocation.mFile, invocation.mJson, std::cout, std::cerr))};
+        return CheckConfig(invocation);
     }
     ParvaneWatch::CommandRunner runner(std::move(invocation), signals);
     return runner.Run();

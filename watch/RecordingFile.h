@@ -4,6 +4,7 @@
 #include <string_view>
 #include <sys/types.h>
 
+#include "Output.h"
 #include "UniqueFd.h"
 
 namespace ParvaneWatch {
@@ -12,20 +13,33 @@ namespace ParvaneWatch {
 class RecordingFile
 {
 public:
-    explicit RecordingFile(std::string path) : mPath(std::move(path)) {}
+    /** How long the reader of a pipe has to take what there is, once the recording is to end. */
+    static constexpr int kGraceMs = 500;
+
+    /** @param interruptFd  borrowed; readable once the recording is to end, -1 for never */
+    explicit RecordingFile(std::string path, int interruptFd = -1)
+        : mPath(std::move(path)), mPatience{interruptFd, -1, kGraceMs}
+    {}
 
     /**
      * Makes the file.
      *
      * @param mayReplace  whether what is there already may be overwritten
-     * @return 0 or an errno value; EEXIST
+     * @return 0 or an errno value; EEXIST; ENXIO for a FIFO that nobody reads
      */
     int Open(bool mayReplace);
 
     [[nodiscard]] bool IsOpen() const { return static_cast<bool>(mFd); }
 
-    /** Appends whole lines, or nothing at all. @return 0 or an errno value */
+    /**
+     * Appends whole lines, or, in a file that has an end to cut, nothing at all.
+     *
+     * @return 0 or an errno value; EINTR or ETIMEDOUT when a pipe's reader did not take them in time
+     */
     int Write(std::string_view lines);
+
+    /** The recording is to end, also when the interrupt descriptor is readable no more. */
+    void HurryUp() { mPatience.mLimitMs = kGraceMs; }
 
     /** Makes everything durable and closes the file. @return 0 or an errno value */
     int Close();
@@ -34,6 +48,7 @@ public:
 
 private:
     std::string mPath;
+    Patience mPatience;
     UniqueFd mFd;
     off_t mSize = 0;
 };

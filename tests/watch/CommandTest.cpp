@@ -1,9 +1,12 @@
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -31,12 +34,18 @@ protected:
         return arguments;
     }
 
-    /** Accepts the program, whose recording begins. */
-    void StartRecording()
+    /** Accepts the program, which may record; it may go at once. */
+    void AcceptRecording()
     {
         EXPECT_EQ(json::parse(mService.AcceptRequest()),
                   json({{"version", 1}, {"request", "record"}}));
         mService.Send(kDone);
+    }
+
+    /** Accepts the program, whose recording begins. */
+    void StartRecording()
+    {
+        AcceptRecording();
         mService.Send(R"({"header":"# head\nt_ms\n"})");
     }
 
@@ -102,6 +111,19 @@ TEST_F(CommandTest, ARefusalIsTheServicesWordsAndExitCodeOne)
     EXPECT_EQ(watch.Wait(), 1);
 }
 
+TEST_F(CommandTest, ARefusalInJsonIsTheReplyToo)
+{
+    const std::string reply =
+        R"({"error":{"code":"bad-value","message":"no link"},"ok":false,"version":1})";
+    Program watch(Arguments({"--json", "link", "up"}));
+    mService.AcceptRequest();
+    mService.Send(reply);
+
+    EXPECT_EQ(watch.ReadOutput(), reply + "\n");
+    EXPECT_EQ(watch.ReadErrors(), "parvane-watch: no link\n");
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
 TEST_F(CommandTest, ABrokenReplyIsExitCodeOne)
 {
     Program watch(Arguments({"quit"}));
@@ -153,6 +175,33 @@ TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
     EXPECT_EQ(watch.Wait(), 1);
 }
 
+TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailureWithoutAServiceToo)
+{
+    std::ofstream(File()) << "[sensors]\n";
+    const std::vector<std::vector<std::string>> commands = {{"--help"}, {"check-config", File()}};
+    for (const auto &command : commands) {
+        Program watch(command, {.mEnvironment = {}, .mOutputToFull = true});
+        EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot write to standard output\n");
+        EXPECT_EQ(watch.Wait(), 1);
+    }
+}
+
+TEST_F(CommandTest, ASignalEndsTheWaitForAReaderThatTakesNothing)
+{
+    Program watch(Arguments({"status", "--json"}));
+    mService.AcceptRequest();
+    // Written out they are three times as long, more than a pipe holds.
+    std::string numbers = "9e9";
+    for (int i = 0; i < 15000; ++i) {
+        numbers += ",9e9";
+    }
+    mService.Send(R"({"version":1,"ok":true,"status":{"numbers":[)" + numbers + "]}}");
+    ASSERT_FALSE(watch.ReadSome().empty());
+    watch.Signal(SIGINT);
+
+    EXPECT_EQ(watch.Wait(), -SIGINT);
+}
+
 TEST_F(CommandTest, EachRowIsInTheFileWhenItComesAndASignalEndsTheRecordingWell)
 {
     Program watch(Arguments({"record", File()}));
@@ -176,6 +225,19 @@ TEST_F(CommandTest, TheEndOfTheServiceEndsTheRecordingWell)
 
     EXPECT_EQ(watch.Wait(), 0);
     EXPECT_EQ(Content(), "# head\nt_ms\n1\n");
+}
+
+TEST_F(CommandTest, ARecordingInJsonCountsWhatItHasAndWhatItLacks)
+{
+    Program watch(Arguments({"--json", "record", File()}));
+    StartRecording();
+    mService.Send(R"({"left_out":"first"})");
+    mService.Send(R"({"row":"1\n"})");
+    mService.Send(R"({"row":"2\n"})");
+    mService.Send(R"({"end":"service-ended"})");
+
+    EXPECT_EQ(watch.ReadOutput(), "{\"left_out\":1,\"rows\":2}\n");
+    EXPECT_EQ(watch.Wait(), 1);
 }
 
 TEST_F(CommandTest, ARecordingThatMayLackRowsIsAFailure)
@@ -220,7 +282,7 @@ TEST_F(CommandTest, AFileThatExistsIsKeptUnlessForced)
 {
     std::ofstream(File()) << "precious";
     Program watch(Arguments({"record", File()}));
-    StartRecording();
+    AcceptRecording();
     EXPECT_EQ(watch.ReadErrors(),
               "parvane-watch: cannot make " + File() + ": File exists (--force overwrites it)\n");
     EXPECT_EQ(watch.Wait(), 1);
@@ -250,6 +312,38 @@ TEST_F(CommandTest, AFullDiskEndsTheRecordingAtOnce)
     StartRecording();
     EXPECT_EQ(watch.ReadErrors(),
               "parvane-watch: cannot write to /dev/full: No space left on device\n");
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
+TEST_F(CommandTest, AFifoThatNobodyReadsIsAnErrorAndHoldsNothingUp)
+{
+    ASSERT_EQ(::mkfifo(File().c_str(), 0600), 0);
+    Program watch(Arguments({"record", "--force", File()}));
+    AcceptRecording();
+
+    EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot make " + File() +
+                                      ": No such device or address (nobody reads from it)\n");
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
+TEST_F(CommandTest, ASignalEndsARecordingWhoseReaderTakesNothing)
+{
+    ASSERT_EQ(::mkfifo(File().c_str(), 0600), 0);
+    const UniqueFd reader(::open(File().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_TRUE(reader);
+    Program watch(Arguments({"record", "--force", File()}));
+    StartRecording();
+    const std::string row = std::string(16000, '1');
+    for (int i = 0; i < 6; ++i) {
+        mService.Send(R"({"row":")" + row + R"(\n"})");
+    }
+    pollfd polled{reader.Get(), POLLIN, 0};
+    ASSERT_EQ(::poll(&polled, 1, 20000), 1); // it has begun
+    watch.Signal(SIGINT);
+    watch.Signal(SIGTERM);
+
+    EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot write to " + File() +
+                                      ": its reader takes no more; the recording lacks rows\n");
     EXPECT_EQ(watch.Wait(), 1);
 }
 

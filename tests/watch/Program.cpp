@@ -166,6 +166,13 @@ std::string Program::ReadLine()
     return line;
 }
 
+std::string Program::ReadSome()
+{
+    std::string some;
+    ReadMore(mOutput.Get(), some, 1);
+    return some;
+}
+
 std::string Program::ReadOutput()
 {
     return ReadAll(mOutput.Get());

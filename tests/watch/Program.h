@@ -35,6 +35,9 @@ public:
     /** The next line of standard output, without its line feed; empty at the end. */
     std::string ReadLine();
 
+    /** The next bytes of standard output, which need not be many; empty at the end. */
+    std::string ReadSome();
+
     /** What standard output brings from here to its end. */
     std::string ReadOutput();
 
