@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Output.h"
+#include "Printable.h"
 #include "StatusText.h"
 
 namespace ParvaneWatch {
@@ -232,7 +233,8 @@ Outcome CommandRunner::Print(const std::string &text)
 void CommandRunner::Complain(const std::string &text) const
 {
     constexpr int kLimitMs = 1000;
-    WriteAll(STDERR_FILENO, (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + text) + '\n',
+    WriteAll(STDERR_FILENO,
+             (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + Printable(text)) + '\n',
              {-1, kLimitMs});
 }
 

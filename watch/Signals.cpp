@@ -21,10 +21,12 @@ Signals::Signals()
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, &mOldPipeAction);
+    sigaction(SIGXFSZ, &ignore, &mOldFileSizeAction);
 }
 
 Signals::~Signals()
 {
+    sigaction(SIGXFSZ, &mOldFileSizeAction, nullptr);
     sigaction(SIGPIPE, &mOldPipeAction, nullptr);
     pthread_sigmask(SIG_SETMASK, &mOldMask, nullptr);
 }

@@ -7,8 +7,8 @@
 namespace ParvaneWatch {
 
 /**
- * SIGINT and SIGTERM as a descriptor that becomes readable; SIGPIPE is ignored. What was before comes
- * back at the end. One object at a time in a process.
+ * SIGINT and SIGTERM as a descriptor that becomes readable; SIGPIPE and SIGXFSZ are ignored, so that
+ * the write itself fails. What was before comes back at the end. One object at a time in a process.
  */
 class Signals
 {
@@ -32,6 +32,7 @@ public:
 private:
     sigset_t mOldMask = {};
     struct sigaction mOldPipeAction = {};
+    struct sigaction mOldFileSizeAction = {};
     UniqueFd mFd;
 };
 

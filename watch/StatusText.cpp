@@ -8,8 +8,9 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <string_view>
 #include <utility>
+
+#include "Printable.h"
 
 namespace ParvaneWatch {
 
@@ -29,30 +30,14 @@ const json &At(const json &object, const char *key)
     return found != object.end() ? *found : kNull;
 }
 
-/** Text from outside, on one line. */
-std::string Printable(const std::string &text)
-{
-    std::string result;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte != 0x7F) {
-            result += character;
-        } else {
-            std::array<char, 8> escaped{};
-            std::snprintf(escaped.data(), escaped.size(), "\\x%02X", static_cast<unsigned>(byte));
-            result += escaped.data();
-        }
-    }
-    return result;
-}
-
 /** A value as it is, without the quotes of a string; "?" for none. */
 std::string Plain(const json &value)
 {
     if (value.is_string()) {
         return Printable(value.get_ref<const std::string &>());
     }
-    return value.is_null() ? "?" : value.dump(-1, ' ', false, json::error_handler_t::replace);
+    return value.is_null() ? "?"
+                           : Printable(value.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 std::int64_t Whole(const json &value)
@@ -274,8 +259,9 @@ private:
             return;
         }
         for (const auto &[key, value] : preferences.items()) {
-            Add("preference", Printable(key) + " = " +
-                                  value.dump(-1, ' ', false, json::error_handler_t::replace));
+            Add("preference",
+                Printable(key + " = " +
+                          value.dump(-1, ' ', false, json::error_handler_t::replace)));
         }
         if (const json &leftOut = At(mStatus, "preferences_left_out"); leftOut.is_number()) {
             Add("preference", "(" + Plain(leftOut) + " more that are too long)");

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sstream>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -312,6 +313,35 @@ TEST_F(CommandTest, AFullDiskEndsTheRecordingAtOnce)
     StartRecording();
     EXPECT_EQ(watch.ReadErrors(),
               "parvane-watch: cannot write to /dev/full: No space left on device\n");
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
+TEST_F(CommandTest, ALimitOfTheSizeOfFilesIsAnErrorLikeAFullDisk)
+{
+    rlimit limit = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small = {20, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0); // what is started inherits it
+    Program watch(Arguments({"record", File()}));
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    StartRecording();
+    mService.Send(R"({"row":"12345\n"})");
+    mService.Send(R"({"row":"67890\n"})");
+
+    EXPECT_EQ(watch.ReadErrors(),
+              "parvane-watch: cannot write to " + File() + ": File too large\n");
+    EXPECT_EQ(watch.Wait(), 1);
+    EXPECT_EQ(Content(), "# head\nt_ms\n12345\n");
+}
+
+TEST_F(CommandTest, WhatTheServiceSaysCannotSteerTheTerminal)
+{
+    Program watch(Arguments({"quit"}));
+    mService.AcceptRequest();
+    mService.Send(
+        R"({"version":1,"ok":false,"error":{"code":"failed","message":"\u001b[2J\u009b2J"}})");
+
+    EXPECT_EQ(watch.ReadErrors(), "parvane-watch: \\x1B[2J\\xC2\\x9B2J\n");
     EXPECT_EQ(watch.Wait(), 1);
 }
 
