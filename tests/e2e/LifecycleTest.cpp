@@ -1,4 +1,5 @@
 #include <csignal>
+#include <sys/resource.h>
 
 #include "ServiceFixture.h"
 
@@ -37,6 +38,20 @@ TEST_F(StartTest, LogLinesHaveTimePriorityAndTagButNoColoursInAFile)
     EXPECT_THAT(mService->StandardError(),
                 HasSubstr(" I Parvane: ParvaneMain: app_create(41) >  ###\n"));
     EXPECT_THAT(mService->StandardError(), Not(HasSubstr("\033")));
+}
+
+TEST_F(StartTest, ALimitOfTheSizeOfFilesIsAFullDiskAndEndsNothing)
+{
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small = {20000, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0); // what is started inherits it
+    StartService();
+    setrlimit(RLIMIT_FSIZE, &limit);
+
+    EXPECT_EQ(Host(LinkPath()).Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+    EXPECT_THAT(mService->StandardError(), HasSubstr("preferences.db cannot be"));
+    EXPECT_EQ(StopService(), 0);
 }
 
 TEST_F(StartTest, SecondInstanceLeavesTheFirstAlone)

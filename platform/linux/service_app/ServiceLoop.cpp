@@ -28,12 +28,14 @@ SignalGuard::SignalGuard()
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, &mOldPipeAction);
+    sigaction(SIGXFSZ, &ignore, &mOldFileSizeAction);
 }
 
 SignalGuard::~SignalGuard()
 {
     mSource.Remove();
     Take();
+    sigaction(SIGXFSZ, &mOldFileSizeAction, nullptr);
     sigaction(SIGPIPE, &mOldPipeAction, nullptr);
     pthread_sigmask(SIG_SETMASK, &mOldMask, nullptr);
 }

@@ -16,8 +16,9 @@
 namespace ParvanePlatform {
 
 /**
- * Holds SIGTERM and SIGINT back and tells the main loop of them; ignores SIGPIPE. The end of the
- * object restores what was before, and forgets the signals that came meanwhile.
+ * Holds SIGTERM and SIGINT back and tells the main loop of them; ignores SIGPIPE and SIGXFSZ: what
+ * cannot be written is told by the write. The end of the object restores what was before, and forgets
+ * the signals that came meanwhile.
  *
  * The signals arrive through a descriptor, because that needs no thread.
  */
@@ -40,6 +41,7 @@ private:
 
     sigset_t mOldMask = {};
     struct sigaction mOldPipeAction = {};
+    struct sigaction mOldFileSizeAction = {};
     UniqueFd mFd;
     LoopSource mSource;
 };

@@ -212,13 +212,16 @@ TEST_F(ServiceAppTest, SignalDuringCreateEndsTheLoop)
 TEST_F(ServiceAppTest, SignalsAreAsBeforeAfterwards)
 {
     signal(SIGPIPE, SIG_DFL);
+    signal(SIGXFSZ, SIG_DFL);
     mTerminate = [] { return raise(SIGTERM) == 0 && raise(SIGINT) == 0; };
     RunWith([] {
         EXPECT_TRUE(IsBlocked(SIGTERM) && IsBlocked(SIGINT));
         EXPECT_EQ(HandlerOf(SIGPIPE), SIG_IGN);
+        EXPECT_EQ(HandlerOf(SIGXFSZ), SIG_IGN);
     });
     EXPECT_FALSE(IsBlocked(SIGTERM) || IsBlocked(SIGINT));
     EXPECT_EQ(HandlerOf(SIGPIPE), SIG_DFL);
+    EXPECT_EQ(HandlerOf(SIGXFSZ), SIG_DFL);
 }
 
 TEST_F(ServiceAppTest, NoThreadIsStarted)
