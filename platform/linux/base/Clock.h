@@ -15,6 +15,9 @@ public:
 
     /** Milliseconds since the epoch, UTC. */
     virtual std::int64_t WallMs() const = 0;
+
+    /** Microseconds on a steady time scale that counts suspension, for how long ago something was. */
+    virtual std::int64_t BootUs() const { return MonotonicUs(); }
 };
 
 /** The clocks of the system. */
@@ -23,6 +26,7 @@ class SystemClock : public Clock
 public:
     std::int64_t MonotonicUs() const override;
     std::int64_t WallMs() const override;
+    std::int64_t BootUs() const override;
 };
 
 } // namespace ParvanePlatform

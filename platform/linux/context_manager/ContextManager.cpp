@@ -66,6 +66,7 @@ int ContextManager::Subscribe(int item, const context_option *option, context_ch
     }
     Subscription subscription;
     subscription.mSinceWallMs = mClock.WallMs();
+    subscription.mSinceUs = mClock.BootUs();
     if (option != nullptr && *known == ContextItem::Activity) {
         subscription.mStates = GetOptionInts(option, CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER);
     }
@@ -132,7 +133,7 @@ void ContextManager::OnReading(ContextItem item, const SensorReading &reading)
     History &history = mHistory[item];
     history.mLastReading = reading;
     history.mLastReadingWallMs = mClock.WallMs();
-    history.mLastReadingUs = mClock.MonotonicUs();
+    history.mLastReadingUs = mClock.BootUs();
     if (mTap) {
         mTap(item, reading);
     }
@@ -157,6 +158,7 @@ std::vector<ContextManager::ItemStatus> ContextManager::Status() const
         if (const auto found = mSubscriptions.find(item); found != mSubscriptions.end()) {
             status.mRequestId = found->second.mReceiver.mRequestId;
             status.mSubscribedWallMs = found->second.mSinceWallMs;
+            status.mSubscribedUs = found->second.mSinceUs;
         }
         if (const auto found = mHistory.find(item); found != mHistory.end()) {
             status.mLastReading = found->second.mLastReading;

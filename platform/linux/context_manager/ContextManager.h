@@ -74,10 +74,12 @@ public:
         std::optional<int> mRequestId;
         /** When the subscription began, in milliseconds since the epoch. */
         std::int64_t mSubscribedWallMs = 0;
+        /** The same on Clock::BootUs(). */
+        std::int64_t mSubscribedUs = 0;
         /** The last reading that came from the source, since the start of the service. */
         std::optional<SensorReading> mLastReading;
         std::int64_t mLastReadingWallMs = 0;
-        /** On the monotonic clock. */
+        /** The same on Clock::BootUs(). */
         std::int64_t mLastReadingUs = 0;
         /** Readings that reached a callback, since the start of the service; queries not counted. */
         std::uint64_t mDelivered = 0;
@@ -108,6 +110,7 @@ private:
         Receiver mReceiver;
         std::vector<int> mStates;
         std::int64_t mSinceWallMs = 0;
+        std::int64_t mSinceUs = 0;
     };
 
     /** What is remembered of an item, subscribed or not. */

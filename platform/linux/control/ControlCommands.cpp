@@ -194,8 +194,8 @@ private:
 class Execution
 {
 public:
-    Execution(ControlledParts &parts, std::int64_t sinceMs, int peerPid)
-        : mParts(parts), mSinceMs(sinceMs), mPid(peerPid)
+    Execution(ControlledParts &parts, const ServiceStart &start, int peerPid)
+        : mParts(parts), mStart(start), mPid(peerPid)
     {}
 
     ControlAnswer Run(const Request &request)
@@ -203,7 +203,7 @@ public:
         const std::string &name = request.Name();
         if (name == "status") {
             request.AllowOnly({});
-            return {StatusMessage(mParts, mSinceMs, ControlServer::kMaxReplyBytes), false, nullptr};
+            return {StatusMessage(mParts, mStart, ControlServer::kMaxReplyBytes), false, nullptr};
         }
         if (name == "set") {
             return Set(request);
@@ -335,20 +335,20 @@ private:
     static ControlAnswer Done() { return {DoneMessage(), false, nullptr}; }
 
     ControlledParts &mParts;
-    std::int64_t mSinceMs;
+    const ServiceStart &mStart;
     int mPid;
 };
 
 } // namespace
 
 ControlCommands::ControlCommands(ControlledParts parts)
-    : mParts(std::move(parts)), mSinceMs(mParts.mClock.WallMs())
+    : mParts(std::move(parts)), mStart{mParts.mClock.WallMs(), mParts.mClock.BootUs()}
 {}
 
 ControlAnswer ControlCommands::Answer(std::string_view message, int peerPid)
 {
     try {
-        return Execution(mParts, mSinceMs, peerPid).Run(Request(message));
+        return Execution(mParts, mStart, peerPid).Run(Request(message));
     } catch (const Refusal &refusal) {
         return {ErrorMessage(refusal.Error(), refusal.what()), false, nullptr};
     }

@@ -22,7 +22,7 @@ public:
 
 private:
     ControlledParts mParts;
-    std::int64_t mSinceMs;
+    ServiceStart mStart;
 };
 
 } // namespace ParvanePlatform

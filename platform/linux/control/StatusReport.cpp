@@ -57,12 +57,15 @@ class Reporter
 {
 public:
     explicit Reporter(const ControlledParts &parts)
-        : mParts(parts), mNowMs(parts.mClock.WallMs()), mNowUs(parts.mClock.MonotonicUs())
+        : mParts(parts),
+          mNowMs(parts.mClock.WallMs()),
+          mNowUs(parts.mClock.BootUs()),
+          mLoopNowUs(parts.mClock.MonotonicUs())
     {}
 
-    json Service(std::int64_t sinceMs) const
+    json Service(const ServiceStart &start) const
     {
-        json service = Since(sinceMs);
+        json service = Since(start.mWallMs, start.mUs);
         service["pid"] = ::getpid();
         service["user"] = ::geteuid();
         return service;
@@ -73,7 +76,7 @@ public:
         if (link.mConnectedWallMs == 0) {
             return nullptr;
         }
-        json host = Since(link.mConnectedWallMs);
+        json host = Since(link.mConnectedWallMs, link.mConnectedUs);
         host["pid"] = link.mPeer.mPid;
         host["user"] = link.mPeer.mUid;
         return host;
@@ -108,8 +111,8 @@ public:
     {
         json locks = json::array();
         for (const PowerLocks::Status &lock : mParts.mPower.List()) {
-            const std::int64_t leftMs = std::max<std::int64_t>(lock.mEndUs - mNowUs, 0) / 1000;
-            json entry = Since(lock.mTakenMs);
+            const std::int64_t leftMs = std::max<std::int64_t>(lock.mEndUs - mLoopNowUs, 0) / 1000;
+            json entry = Since(lock.mTakenMs, lock.mTakenUs);
             entry["state"] = lock.mState;
             entry["held_by"] = lock.mBackend;
             entry["ends"] = IsoTime(mNowMs + leftMs);
@@ -122,10 +125,15 @@ public:
     std::string Now() const { return IsoTime(mNowMs); }
 
 private:
-    /** An instant of the past, and how long ago it was; the clock may have been set since. */
-    json Since(std::int64_t wallMs) const
+    /** An instant of the past, and how long ago it was, which is true also if the time was set since. */
+    json Since(std::int64_t wallMs, std::int64_t us) const
     {
-        return {{"since", IsoTime(wallMs)}, {"for_ms", std::max<std::int64_t>(mNowMs - wallMs, 0)}};
+        return {{"since", IsoTime(wallMs)}, {"for_ms", AgeMs(us)}};
+    }
+
+    std::int64_t AgeMs(std::int64_t us) const
+    {
+        return std::max<std::int64_t>(mNowUs - us, 0) / 1000;
     }
 
     json Item(const ContextManager::ItemStatus &status) const
@@ -134,7 +142,7 @@ private:
                      {"source", NameOf(status.mSource)}, {"subscription", nullptr},
                      {"last_reading", nullptr},          {"delivered", status.mDelivered}};
         if (status.mRequestId) {
-            item["subscription"] = Since(status.mSubscribedWallMs);
+            item["subscription"] = Since(status.mSubscribedWallMs, status.mSubscribedUs);
             item["subscription"]["request_id"] = *status.mRequestId;
         }
         if (status.mLastReading) {
@@ -142,10 +150,9 @@ private:
             for (const SensorValue &value : *status.mLastReading) {
                 std::visit([&](auto number) { values[value.mKey] = number; }, value.mValue);
             }
-            item["last_reading"] = {
-                {"time", IsoTime(status.mLastReadingWallMs)},
-                {"age_ms", std::max<std::int64_t>(mNowUs - status.mLastReadingUs, 0) / 1000},
-                {"values", std::move(values)}};
+            item["last_reading"] = {{"time", IsoTime(status.mLastReadingWallMs)},
+                                    {"age_ms", AgeMs(status.mLastReadingUs)},
+                                    {"values", std::move(values)}};
         }
         return item;
     }
@@ -153,6 +160,8 @@ private:
     const ControlledParts &mParts;
     std::int64_t mNowMs;
     std::int64_t mNowUs;
+    /** On the time scale of the main loop, on which locks end. */
+    std::int64_t mLoopNowUs;
 };
 
 std::string TextOf(const json &message)
@@ -205,14 +214,15 @@ const char *NameOf(ContextItem item)
     return "?";
 }
 
-std::string StatusMessage(const ControlledParts &parts, std::int64_t sinceMs, std::size_t maxBytes)
+std::string StatusMessage(const ControlledParts &parts, const ServiceStart &start,
+                          std::size_t maxBytes)
 {
     constexpr std::size_t kReserve = 128; // for what stands around the preferences
     const Reporter reporter(parts);
     const AccessoryLink::LinkStatus link = parts.mLink.Status();
     json status = {
         {"time", reporter.Now()},
-        {"service", reporter.Service(sinceMs)},
+        {"service", reporter.Service(start)},
         {"directories", {{"state", parts.mStateDirectory}, {"runtime", parts.mRuntimeDirectory}}},
         {"host", reporter.Host(link)},
         {"link", reporter.Link(link)},

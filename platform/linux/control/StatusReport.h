@@ -28,15 +28,22 @@ struct ControlledParts
     std::string mRuntimeDirectory;
 };
 
+/** When the service was started: in milliseconds since the epoch, and on Clock::BootUs(). */
+struct ServiceStart
+{
+    std::int64_t mWallMs = 0;
+    std::int64_t mUs = 0;
+};
+
 /** The names of the items on the control socket and in the configuration: "heart_rate" ... */
 const char *NameOf(ContextItem item);
 
 /**
  * Makes the reply to "status" (docs/control.md).
  *
- * @param sinceMs   when the service was started, in milliseconds since the epoch
  * @param maxBytes  preferences that would make the reply longer are left out and counted
  */
-std::string StatusMessage(const ControlledParts &parts, std::int64_t sinceMs, std::size_t maxBytes);
+std::string StatusMessage(const ControlledParts &parts, const ServiceStart &start,
+                          std::size_t maxBytes);
 
 } // namespace ParvanePlatform

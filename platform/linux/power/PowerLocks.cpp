@@ -33,6 +33,7 @@ int PowerLocks::Lock(int state, int timeoutMs)
     mIsRefused = false;
     held->mStatus.mState = state;
     held->mStatus.mTakenMs = mClock.WallMs();
+    held->mStatus.mTakenUs = mClock.BootUs();
     held->mStatus.mEndUs = mClock.MonotonicUs() + std::int64_t{timeoutMs} * 1000;
     held->mEnd = LoopSource::At(held->mStatus.mEndUs, [this, held] {
         LogInfo("power: state %d released", held->mStatus.mState);

@@ -29,6 +29,8 @@ public:
         std::string mBackend;
         /** Milliseconds since the epoch, UTC. */
         std::int64_t mTakenMs = 0;
+        /** The same on Clock::BootUs(). */
+        std::int64_t mTakenUs = 0;
         /** Microseconds of the monotonic clock. */
         std::int64_t mEndUs = 0;
     };

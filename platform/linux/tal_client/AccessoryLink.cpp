@@ -196,6 +196,7 @@ AccessoryLink::LinkStatus AccessoryLink::Status() const
     if (mHost) {
         status.mPeer = mPeer;
         status.mConnectedWallMs = mConnectedWallMs;
+        status.mConnectedUs = mConnectedUs;
     }
     return status;
 }
@@ -258,6 +259,7 @@ void AccessoryLink::TakeHost(HostSocket host)
     }
     mPeer = host.GetPeer();
     mConnectedWallMs = mClock.WallMs();
+    mConnectedUs = mClock.BootUs();
     mHost = std::move(host);
     mHostState = HostState::Waiting;
     mConnectionId = NextId(mConnectionId);

@@ -161,6 +161,8 @@ public:
         /** Who is connected, and since when, in milliseconds since the epoch; for no host unset. */
         HostSocket::Peer mPeer;
         std::int64_t mConnectedWallMs = 0;
+        /** The same on Clock::BootUs(). */
+        std::int64_t mConnectedUs = 0;
         Statistics mStatistics;
     };
 
@@ -205,6 +207,7 @@ private:
     HostSocket mHost;
     HostSocket::Peer mPeer;
     std::int64_t mConnectedWallMs = 0;
+    std::int64_t mConnectedUs = 0;
     Statistics mStatistics;
     bool mIsDown = false;
     /** The link was taken down, and the key has not been set to 1 since. */
