@@ -150,14 +150,24 @@ public:
     }
 
 private:
+    /** @param byte  the first that is wrong, counted from 1 */
+    static Refusal NoJson(std::size_t byte)
+    {
+        return {ControlError::BadMessage, "the message is no JSON from byte " +
+                                              std::to_string(byte) +
+                                              " on; send one object, in UTF-8"};
+    }
+
     static json Parse(std::string_view message)
     {
+        // The parser takes a zero byte for the end, whatever comes after it.
+        if (const std::size_t zero = message.find('\0'); zero != std::string_view::npos) {
+            throw NoJson(zero + 1);
+        }
         try {
             return json::parse(message);
         } catch (const json::parse_error &failure) {
-            throw Refusal(ControlError::BadMessage, "the message is no JSON from byte " +
-                                                        std::to_string(failure.byte) +
-                                                        " on; send one object, in UTF-8");
+            throw NoJson(failure.byte);
         } catch (const json::exception &) {
             throw Refusal(ControlError::BadMessage,
                           "the message has a number that is too large; send one JSON object");

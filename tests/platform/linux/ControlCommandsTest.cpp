@@ -346,6 +346,17 @@ TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
     EXPECT_THAT(mEvents.mNotes, IsEmpty());
 }
 
+TEST_F(ControlCommandsTest, AZeroByteIsNotTheEndOfAMessage)
+{
+    using namespace std::string_literals;
+    for (const std::string &message :
+         {"{\"request\":\"quit\"}\0"s, "{\"request\":\"quit\"}\0, or rather not"s}) {
+        EXPECT_EQ(Refused(message),
+                  "bad-message: the message is no JSON from byte 19 on; send one object, in UTF-8");
+    }
+    EXPECT_THAT(mEvents.mNotes, IsEmpty());
+}
+
 TEST_F(ControlCommandsTest, AForeignValueIsQuotedShort)
 {
     const std::string reply = Refused("{\"request\":\"" + std::string(5000, 'x') + "\"}");
