@@ -368,8 +368,7 @@ std::string ReadRecordingFile(const std::string &path, std::size_t maxBytes)
         const bool isOneOfSeveral = maxBytes < kMaxFileBytes;
         const std::string reason = error == EFBIG && isOneOfSeveral
                                        ? "the recordings have more than 256 MiB together"
-                                   : error == EINVAL ? "it is not a regular file"
-                                                     : ErrorText(error);
+                                       : ErrorText(error);
         throw StartupError("cannot read the recording " + PrintablePath(path) + ": " + reason);
     }
     return text;

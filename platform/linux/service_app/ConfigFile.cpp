@@ -405,9 +405,7 @@ Configuration LoadConfiguration(const std::string &path, IfMissing ifMissing,
     std::string text;
     const int error = ReadWholeFile(path, kMaxConfigBytes, text);
     if (error != 0 && (error != ENOENT || ifMissing == IfMissing::Fail)) {
-        const std::string reason = error == EFBIG    ? "it is longer than 1 MiB"
-                                   : error == EINVAL ? "it is not a regular file"
-                                                     : ErrorText(error);
+        const std::string reason = error == EFBIG ? "it is longer than 1 MiB" : ErrorText(error);
         throw StartupError("cannot read the configuration file " + PrintablePath(path) + ": " +
                            reason);
     }
