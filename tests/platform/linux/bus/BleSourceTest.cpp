@@ -420,6 +420,7 @@ TEST_F(BleSourceTest, StopEndsTheSearch)
     mSource->Stop(ContextItem::HeartRate);
 
     EXPECT_TRUE(Eventually([this] { return mBluez->Count("StopDiscovery") == 1; }));
+    ASSERT_TRUE(Settle());
     EXPECT_EQ(NextWakeMs(), -1);
 }
 
