@@ -12,6 +12,8 @@ namespace ParvanePlatform {
 namespace {
 
 constexpr double kUsPerMs = 1000.0;
+// How long rows are delivered in one turn of the main loop: a host that asks waits no longer.
+constexpr std::int64_t kTurnUs = 5000;
 
 std::int64_t SizeOf(const std::vector<std::uint32_t> &rows)
 {
@@ -67,7 +69,9 @@ void ReplaySource::Stop(ContextItem item)
 std::optional<SensorReading> ReplaySource::Latest(ContextItem item) const
 {
     const Track &track = TrackOf(item);
-    const std::int64_t count = CountBefore(track, mClock.MonotonicUs() + 1);
+    // What is late is still to come: a counter must not be ahead of it.
+    const std::int64_t count =
+        track.mIsStarted ? track.mNext : CountBefore(track, mClock.MonotonicUs() + 1);
     if (count == 0) {
         return std::nullopt;
     }
@@ -198,6 +202,9 @@ void ReplaySource::DeliverUntil(std::int64_t nowUs)
         ++track->mNext;
         if (mListener != nullptr) {
             mListener->OnReading(track->mItem, reading);
+        }
+        if (mClock.MonotonicUs() - nowUs >= kTurnUs) {
+            return; // the timer is due at once for what is left
         }
     }
 }

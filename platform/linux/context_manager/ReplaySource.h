@@ -26,8 +26,9 @@ struct ReplayOptions
  * Plays a recording, from the moment of construction on, whether or not anybody listens.
  *
  * There is one timer, for the next row of the items that are started, and none when no item is.
- * Rows that are due when the timer comes late are delivered all; when an item is more than a whole
- * round behind, the whole rounds are left out.
+ * Rows that are due when the timer comes late are delivered all, in several turns of the main loop
+ * where delivering takes long: whoever else wants a turn gets one, even if rows become due faster than
+ * they can be delivered. When an item is more than a whole round behind, the whole rounds are left out.
  *
  * In round n (from 0) n times what a round counts, its last value less its first, is added to each
  * counter, so that counters go on without a jump; at the most that their columns allow they stop. An

@@ -333,6 +333,21 @@ TEST_F(ReplaySourceTest, LateTimerDeliversAllThatIsDue)
     EXPECT_EQ(DueUs(), 3'000'000);
 }
 
+TEST_F(ReplaySourceTest, RowsThatTakeLongAreSpreadOverTurns)
+{
+    Play("0,60,,,,,,,,\n1,61,,,,,,,,\n2,62,,,,,,,,\n1000,63,,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    mOnReading = [this](ContextItem) { mClock.mMonotonicUs += 3000; };
+    FireLateAt(10);
+    EXPECT_THAT(Take(), ElementsAre("10: 7 hrm/heart_rate=60", "13: 7 hrm/heart_rate=61"));
+    EXPECT_EQ(DueUs(), 2000); // at once
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61");
+
+    mTimer->Fire();
+    EXPECT_THAT(Take(), ElementsAre("16: 7 hrm/heart_rate=62"));
+    EXPECT_EQ(DueUs(), 1'000'000);
+}
+
 TEST_F(ReplaySourceTest, WholeRoundsThatWereMissedAreLeftOut)
 {
     Play("0,60,1,,,,,,,\n1000,61,5,,,,,,,\n"); // a round takes 2000 ms and counts 4 steps
