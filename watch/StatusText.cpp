@@ -51,10 +51,16 @@ std::string Number(const json &value)
     if (!value.is_number_float()) {
         return Plain(value);
     }
+    constexpr int kDecimals = 2; // no sensor is better; sums of steps have a tail of binary dust
     std::array<char, 400> text{};
     const auto end = std::to_chars(text.data(), text.data() + text.size(), value.get<double>(),
-                                   std::chars_format::fixed);
-    return {text.data(), end.ptr};
+                                   std::chars_format::fixed, kDecimals);
+    std::string number(text.data(), end.ptr);
+    number.erase(number.find_last_not_of('0') + 1);
+    if (number.back() == '.') {
+        number.pop_back();
+    }
+    return number;
 }
 
 /** "no readings", "1 reading", "2 readings" */

@@ -63,9 +63,30 @@ TEST_F(StartTest, SecondInstanceLeavesTheFirstAlone)
     Process second({PARVANE_PROGRAM}, BaseEnvironment(), mFolder.Path());
 
     EXPECT_EQ(second.WaitForEnd(), 0);
+    EXPECT_THAT(second.StandardError(),
+                HasSubstr("platform: another process uses the run-time directory " +
+                          LinkPath().parent_path().string() + "\n"));
     EXPECT_THAT(second.StandardError(), HasSubstr("main(114) > APP_ERROR_ALREADY_RUNNING"));
     EXPECT_THAT(second.StandardError(), HasSubstr("main(116) > app running is failed = [-114]"));
     EXPECT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+}
+
+TEST_F(StartTest, ArgumentsAreAnsweredAndStartNothing)
+{
+    Process help({PARVANE_PROGRAM, "--help"}, BaseEnvironment(), mFolder.Path());
+    EXPECT_EQ(help.WaitForEnd(), 0);
+    EXPECT_THAT(help.StandardOutput(), HasSubstr("Usage: parvane\n"));
+
+    Process version({PARVANE_PROGRAM, "--version"}, BaseEnvironment(), mFolder.Path());
+    EXPECT_EQ(version.WaitForEnd(), 0);
+    EXPECT_THAT(version.StandardOutput(), ContainsRegex("^parvane [0-9]+\\.[0-9]+\\.[0-9]+\n$"));
+
+    Process other({PARVANE_PROGRAM, "--daemon\n"}, BaseEnvironment(), mFolder.Path());
+    EXPECT_EQ(other.WaitForEnd(), 2);
+    EXPECT_EQ(other.StandardError(),
+              "parvane: unknown argument --daemon\\x0A; it takes none but --help and --version\n");
+    EXPECT_FALSE(std::filesystem::exists(LinkPath()));
+    EXPECT_FALSE(std::filesystem::exists(mStateDirectory));
 }
 
 TEST_F(StartTest, KilledServiceLeavesNothingThatKeepsTheNextFromStarting)

@@ -85,6 +85,8 @@ TEST_F(StatusTextTest, EveryValueOfAReadingIsShown)
               "345 steps (12.5 kcal, 251.25 m, 45 running, 6.25 km/h, 300 walking)");
     EXPECT_EQ(values({{"pedometer/total_steps", 1}}), "1 step");
     EXPECT_EQ(values({{"pedometer/distance", 2.5}}), "2.5 m");
+    EXPECT_EQ(values({{"pedometer/distance", 25186.329999999998}}), "25186.33 m");
+    EXPECT_EQ(values({{"pedometer/distance", 300.0}}), "300 m");
     EXPECT_EQ(values({{"activity/status", 2}}), "walking");
     EXPECT_EQ(values({{"activity/status", 17}}), "activity 17");
     EXPECT_EQ(values({{"motion/action", 4}}), "gesture 4");

@@ -104,6 +104,14 @@ std::string AbsolutePath(const std::string &text)
     return path;
 }
 
+/** A socket's path has 107 bytes, "/control.sock" included. */
+std::string SocketDirectory(const std::string &text)
+{
+    constexpr std::size_t kMostBytes = 94;
+    const std::string path = AbsolutePath(text);
+    return path.size() <= kMostBytes ? path : std::string();
+}
+
 /** BlueZ's name of an adapter is the end of a D-Bus object path. */
 std::string AdapterName(const std::string &text)
 {
@@ -304,7 +312,7 @@ std::vector<ConfigKey> OtherKeys()
                 "directories", "state", kPath, AbsolutePath,
                 [](Settings & s) -> auto & { return s.mStateDirectory; }),
             OptionalText(
-                "directories", "runtime", kPath, AbsolutePath,
+                "directories", "runtime", "an absolute path of at most 94 bytes", SocketDirectory,
                 [](Settings & s) -> auto & { return s.mRuntimeDirectory; })};
 }
 

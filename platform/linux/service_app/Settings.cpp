@@ -50,8 +50,8 @@ std::string StateDirectory(const Environment &environment, const std::string &co
     const std::string home = Value(environment, "HOME");
     if (!IsAbsolute(home)) {
         throw StartupError(
-            "there is no place for the state: set STATE_DIRECTORY, XDG_STATE_HOME or "
-            "HOME to an absolute path");
+            "there is no place for the state: set STATE_DIRECTORY, XDG_STATE_HOME, [directories] "
+            "state or HOME to an absolute path");
     }
     return home + "/.local/state/parvane";
 }

@@ -1,12 +1,16 @@
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <new>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include <platform/service_app.h>
 
 #include "Runtime.h"
 #include "base/ErrorCode.h"
+#include "base/Printable.h"
 #include "base/RuntimeLog.h"
 #include "base/StartupError.h"
 #include "service_app/Directories.h"
@@ -40,10 +44,38 @@ private:
     ServiceLoop mLoop;
 };
 
+constexpr int kBadUsage = 2;
+
+/** A program's name, from the path under which it was started. */
+std::string ProgramName(const char *path)
+{
+    const std::string_view text = path != nullptr ? path : "service";
+    return std::string(text.substr(text.rfind('/') + 1));
+}
+
 bool AreValid(int argc, char **argv, const service_app_callbacks *callbacks)
 {
     return argc >= 1 && argv != nullptr && callbacks != nullptr && callbacks->create != nullptr &&
            callbacks->terminate != nullptr && callbacks->app_control != nullptr;
+}
+
+/** Arguments are for people who look for help: the service takes none. Does not return. */
+[[noreturn]] void AnswerArguments(const std::string &program, const std::string &argument)
+{
+    if (argument == "--version") {
+        std::printf("%s %s\n", program.c_str(), PARVANE_PLATFORM_VERSION);
+    } else if (argument == "--help" || argument == "-h") {
+        std::printf("Usage: %s\n"
+                    "Runs the service in the foreground until SIGTERM or SIGINT. It takes no "
+                    "arguments: its settings\n"
+                    "are platform.conf, see parvane-platform.conf(5), and the environment.\n",
+                    program.c_str());
+    } else {
+        std::fprintf(stderr, "%s: unknown argument %s; it takes none but --help and --version\n",
+                     program.c_str(), Printable(argument).c_str());
+        std::exit(kBadUsage);
+    }
+    std::exit(std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
 int RunService(const service_app_callbacks &callbacks, void *userData)
@@ -51,8 +83,11 @@ int RunService(const service_app_callbacks &callbacks, void *userData)
     ReserveStandardDescriptors();
     // Before the runtime: a signal during its construction must wait until there is a loop to end.
     CurrentLoop loop(callbacks, userData);
-    Runtime runtime(ReadSettings(ProcessEnvironment), loop.Events());
+    const Settings settings = ReadSettings(ProcessEnvironment);
+    Runtime runtime(settings, loop.Events());
     if (!runtime.IsOnlyInstance()) {
+        LogError("another process uses the run-time directory %s",
+                 settings.mRuntimeDirectory.c_str());
         return ErrorCode::kAlready;
     }
     loop.Run();
@@ -74,7 +109,7 @@ void Exit() noexcept
  * Returns 0 also when create returned false; -22 for bad arguments, -12 without memory, -1 when the
  * call comes from inside another or the system refuses what a loop needs, -114 when another process
  * uses the run-time directory. A setting or path that cannot be used ends the process: one error
- * line, status 1.
+ * line, status 1. So do arguments: --help and --version with status 0, others with 2.
  */
 extern "C" int service_app_main(int argc, char **argv, service_app_callbacks *callbacks,
                                 void *user_data)
@@ -86,6 +121,9 @@ extern "C" int service_app_main(int argc, char **argv, service_app_callbacks *ca
         return ErrorCode::kInvalidContext;
     }
     try {
+        if (argc > 1 && argv[1] != nullptr) {
+            AnswerArguments(ProgramName(argv[0]), argv[1]);
+        }
         return RunService(*callbacks, user_data);
     } catch (const StartupError &failure) {
         LogError("%s", failure.what());

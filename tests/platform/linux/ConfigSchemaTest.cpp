@@ -218,9 +218,12 @@ const std::vector<KeyCase> kCases = {
      {"state", "a:/b"},
      kPathAllowed,
      [](const Settings &s) { return s.mStateDirectory; }},
-    {"directories", "runtime", kOptionalPaths, {"run"}, kPathAllowed, [](const Settings &s) {
-         return s.mRuntimeDirectory;
-     }}};
+    {"directories",
+     "runtime",
+     {{"/x/", "/x"}, {"", ""}, {"/" + std::string(93, 'r'), "/" + std::string(93, 'r')}},
+     {"run", "/" + std::string(94, 'r')},
+     "it must be an absolute path of at most 94 bytes",
+     [](const Settings &s) { return s.mRuntimeDirectory; }}};
 
 } // namespace
 

@@ -89,8 +89,8 @@ TEST(SettingsTest, RelativeManagedDirectoriesAreRefused)
 TEST(SettingsTest, StateNeedsAPlace)
 {
     EXPECT_EQ(ErrorOf({{"HOME", ""}}),
-              "there is no place for the state: set STATE_DIRECTORY, XDG_STATE_HOME or HOME to an "
-              "absolute path");
+              "there is no place for the state: set STATE_DIRECTORY, XDG_STATE_HOME, [directories] "
+              "state or HOME to an absolute path");
 }
 
 TEST(SettingsTest, WithoutVariablesNothingIsPlayed)
