@@ -23,6 +23,48 @@ constexpr int64_t kMidnight = 1769817600;
 constexpr int kRows = 5000;
 constexpr const char *kRowsPerSecond = "1000";
 constexpr std::size_t kReadingSize = 18;
+constexpr std::size_t kSensorOffset = 3;
+constexpr uint8_t kPedometer = 2;
+/** How often a run of many kills tells where it is. */
+constexpr unsigned kKillsOfAReport = 1000;
+
+const std::string kStatusRequest = R"({"request":"status"})";
+const std::string kRecordRequest = R"({"request":"record"})";
+
+/** Everything that a host can ask for but steps, which would count the newest reading once more. */
+const std::vector<Bytes> kRequests = {
+    {0x01, 0x00, 0x00, 0x00},       // the list
+    {0x02, 0x00, 0x00, 0x01},       // activity, once
+    {0x03, 0x00, 0x00, 0x01, 0x00}, // activity, from now on
+    {0x04, 0x00, 0x00, 0x01},       // no more of it
+    {0x02, 0x00, 0x00, 0x03},       // heart rate
+    {0x02, 0x00, 0x00, 0x04},       // worn state
+    {0x0F, 0xFF},                   // nothing that exists
+};
+
+/** The moments at which a service is killed. */
+enum class Moment { AtAPacket, UnderLoad, WhileItStarts, WhileItEnds };
+
+Moment ChooseMoment(std::mt19937 &random)
+{
+    switch (random() % 8) {
+    case 0:
+        return Moment::WhileItStarts;
+    case 1:
+        return Moment::WhileItEnds;
+    case 2:
+    case 3:
+    case 4:
+        return Moment::UnderLoad;
+    default:
+        return Moment::AtAPacket;
+    }
+}
+
+bool IsPushOfSteps(const Bytes &packet)
+{
+    return packet.size() == kReadingSize && packet[kSensorOffset] == kPedometer;
+}
 
 unsigned NumberFrom(const char *variable, unsigned otherwise)
 {
@@ -45,12 +87,18 @@ uint32_t TimeOf(const Bytes &packet)
 } // namespace
 
 /**
- * A service that is killed while it pushes steps, a thousand readings a second, and started again.
+ * A service that is killed while it pushes steps, a thousand readings a second, and started again:
+ * under requests of its host, of a client that looks at its status and of one that records; at the
+ * arrival of a packet, at any other moment, before it serves, and while it ends in order.
  *
  * Which total belongs to which time is known beforehand. The clock shows the row of the recording, in
  * seconds after the time that was stored before the run, and each row counts one step more. The
  * day's total takes the steps since the subscription with each reading, so that the reading that is
  * n rows after the first one of its run has added 1 + 2 + ... + n to the total before.
+ *
+ * So after each kill it can be told of what is stored that it is a total of this run with the time
+ * that belongs to it, the last one that the host has got or a newer one; that SQLite finds nothing
+ * wrong with the file; and, by the next run, that the service starts on it and goes on from there.
  */
 class KillTest : public ServiceFixture
 {
@@ -58,7 +106,9 @@ protected:
     /** A state in which the host has asked for steps once; `mBefore` is what is stored in it. */
     void BeginState()
     {
+        mService.reset();
         std::filesystem::remove_all(mStateDirectory);
+        RemoveOutput();
         StartWithClock(kMidnight, WriteRecording({"0,,0,0,0,,,,,"}));
         const Host host(LinkPath());
         host.Send({0x02, 0x00, 0x00, 0x02});
@@ -70,12 +120,23 @@ protected:
         mRecording = WriteRecording(Rows());
     }
 
+    /** Removes what the services so far have logged. */
+    void RemoveOutput() const
+    {
+        for (const auto &entry : std::filesystem::directory_iterator(mFolder.Path())) {
+            if (entry.path().extension() == ".err" || entry.path().extension() == ".out") {
+                std::filesystem::remove(entry.path());
+            }
+        }
+    }
+
     static std::vector<std::string> Rows()
     {
         std::vector<std::string> rows;
         rows.reserve(kRows);
         for (int row = 0; row < kRows; ++row) {
-            rows.push_back(std::to_string(row * 1000) + ",," + std::to_string(row) + ",,,,,,,");
+            rows.push_back(std::to_string(row * 1000) + ",72," + std::to_string(row) + ",,,,,," +
+                           std::to_string(row / 100 % 4) + ",");
         }
         return rows;
     }
@@ -120,12 +181,23 @@ protected:
         mLastPushed = reading;
     }
 
-    void TakeNextPush(const Host &host)
+    /** Takes a packet of this run; a reply to a request says nothing of steps. */
+    void TakePacket(const Bytes &packet)
+    {
+        if (IsPushOfSteps(packet)) {
+            ASSERT_NO_FATAL_FAILURE(TakePush(packet));
+        }
+    }
+
+    void AwaitPush(const Host &host)
     {
         std::optional<Bytes> packet;
         // Asked without a pause, so that the kill comes as close behind the packet as it can.
-        ASSERT_TRUE(WithoutPause([&] { return (packet = host.Receive(kAtOnce)).has_value(); }));
-        mLastPacket = std::move(*packet);
+        ASSERT_TRUE(WithoutPause([&] {
+            packet = host.Receive(kAtOnce);
+            return packet && IsPushOfSteps(*packet);
+        }));
+        ASSERT_NO_FATAL_FAILURE(TakePush(*packet));
     }
 
     template <typename Condition>
@@ -140,29 +212,78 @@ protected:
         return true;
     }
 
+    static std::chrono::microseconds UpTo(std::mt19937 &random, unsigned most)
+    {
+        return std::chrono::microseconds(random() % most);
+    }
+
     /** One run: from the start of the service to its death, and what the host has got of it. */
     void RunAndKill(std::mt19937 &random)
     {
         mLastPushed = -1;
         mFirstTime = 0;
         StartWithClock(mBefore.mTime, mRecording);
+        const Moment moment = ChooseMoment(random);
+        if (moment == Moment::WhileItStarts) {
+            std::this_thread::sleep_for(UpTo(random, kStartUs));
+            Kill();
+        } else {
+            ASSERT_NO_FATAL_FAILURE(ServeAndKill(random, moment));
+        }
+    }
+
+    /** The part of a run in which the service has a host. */
+    void ServeAndKill(std::mt19937 &random, Moment moment)
+    {
         const Host host(LinkPath());
-        ASSERT_NO_FATAL_FAILURE(TakeNextPush(host));
-        if (random() % 2 == 0) {
-            // At the very moment at which one of the next packets arrives.
+        const Host viewer(mRunDirectory / "control.sock");
+        const Host recorder(mRunDirectory / "control.sock");
+        recorder.TrySend(Bytes(kRecordRequest.begin(), kRecordRequest.end()));
+        ASSERT_NO_FATAL_FAILURE(AwaitPush(host));
+        if (moment == Moment::AtAPacket) {
             for (auto more = random() % 8; more > 0; --more) {
-                ASSERT_NO_FATAL_FAILURE(TakePush(mLastPacket));
-                ASSERT_NO_FATAL_FAILURE(TakeNextPush(host));
+                host.TrySend(kRequests[random() % kRequests.size()]);
+                ASSERT_NO_FATAL_FAILURE(AwaitPush(host));
             }
         } else {
-            std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
+            ASSERT_NO_FATAL_FAILURE(LoadFor(UpTo(random, 30000), random, host, viewer, recorder));
         }
-        mService->Signal(SIGKILL);
-        ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
-        ASSERT_NO_FATAL_FAILURE(TakePush(mLastPacket));
+        if (moment == Moment::WhileItEnds) {
+            mService->Signal(SIGTERM);
+            std::this_thread::sleep_for(UpTo(random, kEndUs));
+        }
+        Kill();
         while (const auto packet = host.Receive(kAtOnce)) {
-            ASSERT_NO_FATAL_FAILURE(TakePush(*packet));
+            ASSERT_NO_FATAL_FAILURE(TakePacket(*packet));
         }
+    }
+
+    /** Requests of all three clients without a pause, more than the service can answer in the time. */
+    void LoadFor(std::chrono::microseconds time, std::mt19937 &random, const Host &host,
+                 const Host &viewer, const Host &recorder)
+    {
+        const auto end = std::chrono::steady_clock::now() + time;
+        while (std::chrono::steady_clock::now() < end) {
+            host.TrySend(kRequests[random() % kRequests.size()]);
+            viewer.TrySend(Bytes(kStatusRequest.begin(), kStatusRequest.end()));
+            for (int i = 0; i < kPacketsOfATurn; ++i) {
+                const auto packet = host.Receive(kAtOnce);
+                if (!packet) {
+                    break;
+                }
+                ASSERT_NO_FATAL_FAILURE(TakePacket(*packet));
+            }
+            viewer.Receive(kAtOnce);
+            recorder.Receive(kAtOnce);
+        }
+    }
+
+    /** Kills the service; one that has been told to end may be quicker. */
+    void Kill()
+    {
+        mService->Signal(SIGKILL);
+        const int status = mService->WaitForEnd().value_or(-1);
+        ASSERT_TRUE(status == 128 + SIGKILL || status == 0) << status;
     }
 
     void CheckWhatIsStored()
@@ -170,6 +291,12 @@ protected:
         const StoredSteps stored = StoredSteps::Read(mStateDirectory, mFolder.Path());
         ASSERT_EQ(stored.mIntegrity, "ok");
         int64_t reading = -1;
+        if (mLastPushed == -1 && stored.mTime == mBefore.mTime) {
+            // Killed before its first reading.
+            ASSERT_EQ(stored.mTotal, mBefore.mTotal);
+            ++mWithoutReading;
+            return;
+        }
         ASSERT_NO_FATAL_FAILURE(Place(stored.mTotal, stored.mTime, reading));
         ASSERT_GE(reading, mLastPushed) << "the host has seen more than is stored";
         mNewer += reading > mLastPushed ? 1 : 0;
@@ -180,16 +307,21 @@ protected:
     }
 
     static constexpr std::chrono::milliseconds kAtOnce{0};
+    /** A start and the first readings take about as long; so does an orderly end. */
+    static constexpr unsigned kStartUs = 25000;
+    static constexpr unsigned kEndUs = 4000;
+    static constexpr int kPacketsOfATurn = 8;
 
     std::string mRecording;
     StoredSteps mBefore;
-    Bytes mLastPacket;
     /** Place of the last reading that the host has got in this run; -1 for none. */
     int64_t mLastPushed = -1;
     /** The time of this run's first reading, as the first push that has come tells it. */
     int64_t mFirstTime = 0;
     /** Runs in which something was stored that the host had not got yet. */
     int mNewer = 0;
+    /** Runs that came to no reading. */
+    int mWithoutReading = 0;
 };
 
 TEST_F(KillTest, WhatTheHostHasSeenIsStoredWholeAfterEveryKill)
@@ -198,6 +330,7 @@ TEST_F(KillTest, WhatTheHostHasSeenIsStoredWholeAfterEveryKill)
     const unsigned kills = NumberFrom("PARVANE_KILLS", KILLS_BY_DEFAULT);
     std::cout << kills << " kills, PARVANE_KILL_SEED=" << seed << std::endl;
     std::mt19937 random(seed);
+    const auto begin = std::chrono::steady_clock::now();
     for (unsigned kill = 0; kill < kills; ++kill) {
         SCOPED_TRACE("kill " + std::to_string(kill));
         if (kill % kKillsOfAState == 0 || mBefore.mTotal > kLargeTotal) {
@@ -205,7 +338,12 @@ TEST_F(KillTest, WhatTheHostHasSeenIsStoredWholeAfterEveryKill)
         }
         ASSERT_NO_FATAL_FAILURE(RunAndKill(random));
         ASSERT_NO_FATAL_FAILURE(CheckWhatIsStored());
+        if ((kill + 1) % kKillsOfAReport == 0) {
+            const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begin;
+            std::cout << kill + 1 << " kills, " << static_cast<int>(passed.count()) << " s"
+                      << std::endl;
+        }
     }
-    std::cout << "after " << mNewer << " of them more was stored than the host had got"
-              << std::endl;
+    std::cout << "after " << mNewer << " of them more was stored than the host had got, before "
+              << mWithoutReading << " of them there was no reading" << std::endl;
 }
