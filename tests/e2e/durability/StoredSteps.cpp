@@ -46,11 +46,11 @@ StoredSteps StoredSteps::Read(const std::filesystem::path &stateDirectory,
     const Database database(opened, sqlite3_close);
     StoredSteps stored;
     stored.mIntegrity = Ask(opened, "PRAGMA integrity_check");
-    const std::string total =
+    stored.mText =
         Ask(opened, "SELECT value FROM preferences WHERE key = 'Parvane/data/pedometer/value'");
     const std::string time =
         Ask(opened, "SELECT value FROM preferences WHERE key = 'Parvane/data/pedometer/time'");
-    stored.mTotal = std::strtoll(total.c_str(), nullptr, 10);
+    stored.mTotal = std::strtoll(stored.mText.c_str(), nullptr, 10);
     stored.mTime = std::strtoll(time.c_str(), nullptr, 10);
     return stored;
 }

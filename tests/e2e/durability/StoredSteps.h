@@ -10,6 +10,8 @@ struct StoredSteps
     /** What SQLite says of the file: "ok", or what is wrong. */
     std::string mIntegrity;
     int64_t mTotal = -1;
+    /** The value as it is stored, of which the total is the first number. */
+    std::string mText;
     int64_t mTime = -1;
 
     /**
