@@ -80,7 +80,8 @@ std::optional<std::size_t> BytesInUse()
     std::array<void *, kSizes *kHeldReady> taken = {};
     std::size_t takenBytes = 0;
     for (std::size_t i = 0; i < taken.size(); ++i) {
-        taken.at(i) = std::malloc(i / kHeldReady * 16 + sizeof(std::size_t));
+        // The blocks' sizes go up by two words and begin with four, of which one is the library's.
+        taken.at(i) = std::malloc(((i / kHeldReady + 1) * 2 + 1) * sizeof(std::size_t));
         takenBytes += malloc_usable_size(taken.at(i)) + sizeof(std::size_t);
     }
     const std::size_t bytes = mallinfo2().uordblks - takenBytes;

@@ -59,6 +59,9 @@ constexpr int64_t kResidentKiBOfAShortDay = 512;
 /** With so many moments a day the log has begun anew on the first one. */
 constexpr int kMomentsOfALongDay = 200;
 
+/** An instrumented service keeps memory of its own. */
+constexpr bool kIsInstrumented = SOAK_IN_INSTRUMENTED_PROGRAM;
+
 int Setting(const char *name, int otherwise)
 {
     const char *const text = std::getenv(name);
@@ -128,7 +131,7 @@ protected:
         mWorld = static_cast<WatchWorld *>(mapped);
     }
 
-    ~RuntimeSoakTest() override
+    void TearDown() override
     {
         if (mWorld != nullptr) {
             munmap(mWorld, sizeof(WatchWorld));
@@ -158,16 +161,16 @@ protected:
     void SetWorld(const WatchMoment &moment)
     {
         const Parvane::PedometerCounts &counts = moment.mCounts;
-        if (std::string(mWorld->zone) != moment.mZone->mName) {
-            std::string(moment.mZone->mName).copy(mWorld->zone, sizeof mWorld->zone - 1);
-            mWorld->zone[std::string(moment.mZone->mName).size()] = '\0';
-            ++mWorld->zoneChanges;
+        if (std::string(mWorld->mZone) != moment.mZone->mName) {
+            std::string(moment.mZone->mName).copy(mWorld->mZone, sizeof mWorld->mZone - 1);
+            mWorld->mZone[std::string(moment.mZone->mName).size()] = '\0';
+            ++mWorld->mZoneChanges;
         }
-        mWorld->clock = moment.mClock;
+        mWorld->mClock = moment.mClock;
         const std::array<double, WATCH_COUNTS> values = {counts.mTotalSteps, counts.mRunSteps,
                                                          counts.mWalkSteps,  counts.mDistance,
                                                          counts.mCalories,   counts.mSpeed};
-        std::copy(values.begin(), values.end(), mWorld->counts);
+        std::copy(values.begin(), values.end(), mWorld->mCounts);
         mNow = moment;
     }
 
@@ -381,7 +384,7 @@ TEST_F(RuntimeSoakTest, EveryTotalIsWhatTheRulesGiveAndNothingGrowsAfterTheFirst
     }
     std::cout << "after the first day: " << mFirstDay << "\nafter day " << days << ": " << mLastDay
               << std::endl;
-    if (!SOAK_IN_INSTRUMENTED_PROGRAM) { // whose runtime keeps memory of its own
+    if (!kIsInstrumented) {
         EXPECT_LE(mLastDay.mOwnKiB, mFirstDay.mOwnKiB + kOwnKiB);
         EXPECT_LE(mLastDay.mResidentKiB,
                   mFirstDay.mResidentKiB +

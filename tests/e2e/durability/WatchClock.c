@@ -38,9 +38,9 @@ static const struct WatchWorld *World(void)
 static void FollowZone(const struct WatchWorld *world)
 {
     static uint32_t gChanges = 0;
-    if (gChanges != world->zoneChanges) {
-        gChanges = world->zoneChanges;
-        setenv("TZ", world->zone, 1);
+    if (gChanges != world->mZoneChanges) {
+        gChanges = world->mZoneChanges;
+        setenv("TZ", world->mZone, 1);
         tzset();
     }
 }
@@ -49,7 +49,7 @@ time_t time(time_t *result)
 {
     const struct WatchWorld *const world = World();
     FollowZone(world);
-    const time_t now = (time_t)world->clock;
+    const time_t now = (time_t)world->mClock;
     if (result != NULL) {
         *result = now;
     }
@@ -63,7 +63,7 @@ int clock_gettime(clockid_t id, struct timespec *now)
         return -1;
     }
     if (id == CLOCK_REALTIME) {
-        now->tv_sec = (time_t)World()->clock;
+        now->tv_sec = (time_t)World()->mClock;
     } else if (id == CLOCK_MONOTONIC) {
         const int64_t nanoseconds = ((int64_t)now->tv_sec * 1000000000 + now->tv_nsec);
         // From a day on, as after a start of the machine, so that the product fits.
@@ -99,7 +99,7 @@ int context_context_data_get_double(context_data *data, const char *key, double 
     };
     for (int i = 0; data != NULL && i < WATCH_COUNTS; ++i) {
         if (strcmp(key, *kKeys[i]) == 0) {
-            *value = World()->counts[i];
+            *value = World()->mCounts[i];
             return 0;
         }
     }

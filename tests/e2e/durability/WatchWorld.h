@@ -1,6 +1,6 @@
 #pragma once
 
-#include <stdint.h>
+#include <stdint.h> // NOLINT(modernize-deprecated-headers): C reads it, too
 
 /** How many times faster time passes for the service's timers. */
 #define WATCH_SPEED 1000
@@ -11,10 +11,10 @@
 struct WatchWorld
 {
     /** What the clock shows: seconds since 1970. */
-    int64_t clock;
+    int64_t mClock;
     /** A name of the time zone database; counted up with each change of it. */
-    char zone[56];
-    uint32_t zoneChanges;
+    char mZone[56];
+    uint32_t mZoneChanges;
     /** The pedometer's total, run and walked steps, metres, kilocalories and speed. */
-    double counts[WATCH_COUNTS];
+    double mCounts[WATCH_COUNTS];
 };

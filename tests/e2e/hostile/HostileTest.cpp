@@ -220,18 +220,18 @@ protected:
         std::cout << std::fixed << std::setprecision(2) << result.mSent << " requests in "
                   << seconds << " s, " << static_cast<double>(result.mSent) / seconds
                   << " per second; " << result.mReceived << " answers\n"
-                  << mTimes->turns << " turns of the main loop, the longest "
-                  << Milliseconds(mTimes->longestOwn) << " ms, with other programs in between "
-                  << Milliseconds(mTimes->longest) << " ms, the most work "
-                  << Milliseconds(mTimes->mostWork) << " ms; another client was answered within "
+                  << mTimes->mTurns << " turns of the main loop, the longest "
+                  << Milliseconds(mTimes->mLongestOwn) << " ms, with other programs in between "
+                  << Milliseconds(mTimes->mLongest) << " ms, the most work "
+                  << Milliseconds(mTimes->mMostWork) << " ms; another client was answered within "
                   << Milliseconds(longestAnswer.count()) << " ms" << std::endl;
     }
 
     /** No turn of the main loop has been long; the processors may have run others meanwhile. */
     void ExpectNoStall() const
     {
-        EXPECT_GT(mTimes->turns, 0);
-        EXPECT_LT(Milliseconds(mTimes->longestOwn), Setting("PARVANE_HOSTILE_STALL_MS", kStallMs));
+        EXPECT_GT(mTimes->mTurns, 0);
+        EXPECT_LT(Milliseconds(mTimes->mLongestOwn), Setting("PARVANE_HOSTILE_STALL_MS", kStallMs));
     }
 
     LoopTimes *mTimes = nullptr;
@@ -301,9 +301,9 @@ TEST_F(HostileTest, CrowdThatPushesInBesideAHostIsSentAwayAndTheHostNoticesNothi
     const Host host(LinkPath());
     ASSERT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
     for (int round = 0; round < 10; ++round) {
-        std::vector<std::unique_ptr<Host>> crowd;
-        for (int guest = 0; guest < 20; ++guest) {
-            crowd.push_back(std::make_unique<Host>(LinkPath()));
+        std::array<std::unique_ptr<Host>, 20> crowd;
+        for (std::unique_ptr<Host> &guest : crowd) {
+            guest = std::make_unique<Host>(LinkPath());
         }
         for (const auto &guest : crowd) {
             EXPECT_TRUE(guest->IsClosed());

@@ -72,11 +72,11 @@ int poll(struct pollfd *fds, nfds_t count, int timeoutMs)
         const int64_t length = Now(CLOCK_MONOTONIC) - gBegin;
         const int64_t work = Now(CLOCK_THREAD_CPUTIME_ID) - gWorkBegin;
         const int64_t own = length - kept;
-        ++times->turns;
-        times->total += length;
-        times->longest = length > times->longest ? length : times->longest;
-        times->longestOwn = own > times->longestOwn ? own : times->longestOwn;
-        times->mostWork = work > times->mostWork ? work : times->mostWork;
+        ++times->mTurns;
+        times->mTotal += length;
+        times->mLongest = length > times->mLongest ? length : times->mLongest;
+        times->mLongestOwn = own > times->mLongestOwn ? own : times->mLongestOwn;
+        times->mMostWork = work > times->mMostWork ? work : times->mMostWork;
     }
     struct timespec limit = {timeoutMs / 1000, (long)(timeoutMs % 1000) * 1000000};
     const int result = (int)syscall(SYS_ppoll, fds, count, timeoutMs < 0 ? NULL : &limit, NULL, 0);
