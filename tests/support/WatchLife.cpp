@@ -14,6 +14,20 @@ constexpr int64_t kNewYear = 1609412400;
 /** Days that change their offset or their year are lived by the right time, at home. */
 constexpr std::array kPlainDays = {1, 12, 13, 29};
 
+/** A time for which the watch is switched off. */
+struct Sleep
+{
+    int64_t mFrom;
+    int64_t mTo;
+};
+
+/**
+ * On the days that change their offset, from the change to a moment that is another day by the one
+ * offset and the same by the other: 00:30 of the day after the summer's first, whose last second was
+ * told by winter time, and 23:20 of its last, told by summer time.
+ */
+constexpr std::array<Sleep, 2> kSleeps = {{{1608386400, 1608463800}, {1610805600, 1610882400}}};
+
 bool IsPlainDay(int day)
 {
     return std::find(kPlainDays.begin(), kPlainDays.end(), day) != kPlainDays.end();
@@ -59,6 +73,11 @@ WatchMoment WatchLife::Next()
         // Now and then the watch lies switched off for some hours.
         const bool isOff = mTrueTime - kBirth > kSecondsOfADay && Random(0, 99) == 0;
         mTrueTime += isOff ? Random(1, 9) * kSecondsOfAnHour : Random(mPause / 2, mPause * 3 / 2);
+    }
+    for (const Sleep &sleep : kSleeps) {
+        if (sleep.mFrom <= mTrueTime && mTrueTime < sleep.mTo) {
+            mTrueTime = sleep.mTo;
+        }
     }
     const int day = static_cast<int>((mTrueTime - kBirth) / kSecondsOfADay);
     if (IsPlainDay(day)) {

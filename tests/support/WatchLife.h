@@ -43,8 +43,8 @@ struct WatchMoment
  * A watch's life, moment by moment, the same for the same seed.
  *
  * It begins in Fiji on 2020-12-19 at 00:00 and has, in its first thirty days, a change to summer time
- * on the second day, the end of a year after the thirteenth, and a change back on the last. All that can
- * happen does so on the first day, by the time of which everything has run once.
+ * on the second day, the end of a year after the thirteenth, and a change back on the last, both slept
+ * through. All that can happen does so on the first day, by the end of which everything has run once.
  */
 class WatchLife
 {
