@@ -67,9 +67,10 @@ int poll(struct pollfd *fds, nfds_t count, int timeoutMs)
     // A poll() that does not wait is a part of some turn.
     const int isLoop = timeoutMs != 0 || count > 1;
     if (isLoop && gBegin != 0) {
-        // Asked for within the time that is measured: rather too little is taken off than too much.
-        const int64_t kept = Kept() - gKeptBegin;
+        // The clock first, here and below: it is read without a system call, at whose end the
+        // processor likes to go to others.
         const int64_t length = Now(CLOCK_MONOTONIC) - gBegin;
+        const int64_t kept = Kept() - gKeptBegin;
         const int64_t work = Now(CLOCK_THREAD_CPUTIME_ID) - gWorkBegin;
         const int64_t own = length - kept;
         ++times->mTurns;
