@@ -1,0 +1,126 @@
+#include <array>
+#include <cstdint>
+#include <fstream>
+#include <systemd/sd-bus.h>
+
+#include "Peers.h"
+#include "Replies.h"
+
+namespace ParvaneBench {
+
+namespace {
+
+constexpr char kConfiguration[] =
+    "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+    " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+    "<busconfig><listen>unix:path=SOCKET</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+    "<allow own=\"*\"/><allow send_destination=\"*\"/><allow receive_sender=\"*\"/>"
+    "</policy></busconfig>\n";
+
+struct BusUnref
+{
+    void operator()(sd_bus *bus) const noexcept { sd_bus_flush_close_unref(bus); }
+};
+
+/** A message bus for the life of the object. */
+class MessageBus
+{
+public:
+    explicit MessageBus(const Setting &setting)
+        : mFolder(std::filesystem::temp_directory_path()), mChild(MakeStart(setting))
+    {
+        WaitForListener(Socket());
+    }
+
+    std::string Address() const { return "unix:path=" + Socket().string(); }
+
+private:
+    std::filesystem::path Socket() const { return mFolder.Path() / "bus.sock"; }
+
+    Child::Start MakeStart(const Setting &setting) const
+    {
+        std::string text = kConfiguration;
+        text.replace(text.find("SOCKET"), 6, Socket().string());
+        const auto file = mFolder.Path() / "bus.conf";
+        std::ofstream(file) << text;
+        Child::Start start;
+        start.mArguments = {"dbus-daemon", "--nofork", "--nopidfile",
+                            "--config-file=" + file.string()};
+        start.mLog = mFolder.Path() / "log";
+        start.mCpu = setting.mServerCpu;
+        return start;
+    }
+
+    TemporaryFolder mFolder;
+    Child mChild;
+};
+
+void Check(int result, const char *what)
+{
+    if (result < 0) {
+        Fail(std::string(what) + " failed: " + std::to_string(result));
+    }
+}
+
+class BusPeer : public Peer
+{
+public:
+    explicit BusPeer(const Setting &setting) : mBus(setting), mChild(MakeStart(setting))
+    {
+        sd_bus *bus = nullptr;
+        Check(sd_bus_new(&bus), "sd_bus_new");
+        mClient.reset(bus);
+        Check(sd_bus_set_address(bus, mBus.Address().c_str()), "sd_bus_set_address");
+        Check(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
+        Check(sd_bus_start(bus), "sd_bus_start");
+        WaitUntil("the D-Bus service", 1000,
+                  [bus] { return sd_bus_get_name_creds(bus, kBusName, 0, nullptr) >= 0; });
+    }
+
+    void AskForReading() override { Ask(kReadingByte, kReadingBytes); }
+    void AskForList() override { Ask(kListByte, kListBytes); }
+
+private:
+    Child::Start MakeStart(const Setting &setting) const
+    {
+        Child::Start start;
+        start.mArguments = {setting.Yardstick("parvane-bench-bus"), mBus.Address()};
+        start.mCpu = setting.mServerCpu;
+        return start;
+    }
+
+    void Ask(unsigned char what, std::size_t bytes)
+    {
+        const std::array<std::uint8_t, 4> request = {what, 0, 0, 1};
+        sd_bus_message *message = nullptr;
+        sd_bus_message *reply = nullptr;
+        Check(sd_bus_message_new_method_call(mClient.get(), &message, kBusName, kBusPath, kBusName,
+                                             "Ask"),
+              "a D-Bus call");
+        Check(sd_bus_message_append_array(message, 'y', request.data(), request.size()),
+              "a D-Bus call");
+        const int result = sd_bus_call(mClient.get(), message, 0, nullptr, &reply);
+        sd_bus_message_unref(message);
+        Check(result, "a D-Bus call");
+        const void *answer = nullptr;
+        std::size_t size = 0;
+        Check(sd_bus_message_read_array(reply, 'y', &answer, &size), "a D-Bus reply");
+        sd_bus_message_unref(reply);
+        if (size != bytes) {
+            Fail("a D-Bus reply has the wrong size");
+        }
+    }
+
+    MessageBus mBus;
+    Child mChild;
+    std::unique_ptr<sd_bus, BusUnref> mClient;
+};
+
+} // namespace
+
+std::unique_ptr<Peer> MakeBusPeer(const Setting &setting)
+{
+    return std::make_unique<BusPeer>(setting);
+}
+
+} // namespace ParvaneBench

@@ -1,0 +1,201 @@
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Measurements.h"
+
+namespace ParvaneBench {
+
+namespace {
+
+constexpr std::int64_t kDays = 7;
+constexpr std::int64_t kDayMs = 86'400'000;
+constexpr std::int64_t kActivityMs = 10'000;
+constexpr std::int64_t kStepsMs = 300'000;
+
+/** A week of a watch: what the wearer does every 10 seconds, steps every 5 minutes. */
+void WriteWeek(const std::filesystem::path &file)
+{
+    // One that the activity's subscription does not leave out: still, walking, running in turn.
+    constexpr std::int64_t kActivities = 3;
+    std::ofstream out(file);
+    out << "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,calories_kcal,speed,activity,"
+           "gesture\n";
+    // Something to answer the host with when it subscribes, and time for it to do so.
+    out << "0,70,0,0,0,0,0,0,1,\n";
+    constexpr std::int64_t kLeadMs = 5 * kDayMs;
+    std::int64_t steps = 0;
+    for (std::int64_t ms = 0; ms < kDays * kDayMs; ms += kActivityMs) {
+        out << kLeadMs + ms << ",70,";
+        if (ms % kStepsMs == 0) {
+            steps += 250;
+            out << steps << ',' << steps << ",0," << steps << ".5," << steps / 25 << ",4,";
+        } else {
+            out << ",,,,,,";
+        }
+        out << 1 + ms / kActivityMs % kActivities << ",\n";
+    }
+}
+
+/** Microseconds of a processor that the process has had. */
+double CpuUs(const Service &service)
+{
+    std::ifstream stream(service.Proc("schedstat"));
+    double nanoseconds = 0;
+    stream >> nanoseconds;
+    return nanoseconds / 1000;
+}
+
+/** What the readings have cost up to a moment. */
+struct Spent
+{
+    double mCpuUs = 0;
+    double mReadings = 0;
+};
+
+/** Asks through the control socket how many readings the service was given. */
+Spent SpentBy(const Service &service, const Fd &control)
+{
+    constexpr char kStatus[] = R"({"request":"status"})";
+    constexpr std::string_view kMember = "\"delivered\":";
+    constexpr std::size_t kLongestReply = 65536;
+    Spent spent;
+    spent.mCpuUs = CpuUs(service);
+    SendMessage(control, kStatus, sizeof kStatus - 1);
+    std::string reply(kLongestReply, '\0');
+    const ssize_t length = read(control.Get(), reply.data(), reply.size());
+    reply.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    for (std::size_t at = reply.find(kMember); at != std::string::npos;
+         at = reply.find(kMember, at + 1)) {
+        spent.mReadings += std::strtod(reply.c_str() + at + kMember.size(), nullptr);
+    }
+    return spent;
+}
+
+/** Takes what comes until then: a host that does not read is not sent everything. */
+void ReadUntil(const Host &host, Clock::time_point end)
+{
+    std::array<std::uint8_t, 64> packet;
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (left <= 0) {
+            return;
+        }
+        pollfd ready = {host.Peer().Get(), POLLIN, 0};
+        if (poll(&ready, 1, static_cast<int>(left)) > 0 &&
+            recv(ready.fd, packet.data(), packet.size(), 0) <= 0) {
+            Fail("the service has gone");
+        }
+    }
+}
+
+/** A memory file system, so that the disk does not set the pace, where there is one. */
+std::filesystem::path FastFolder()
+{
+    constexpr char kMemory[] = "/dev/shm";
+    return access(kMemory, W_OK) == 0 ? std::filesystem::path(kMemory)
+                                      : std::filesystem::temp_directory_path();
+}
+
+} // namespace
+
+std::vector<Row> MeasureDurableUpdate(const Setting &setting)
+{
+    Service::Options options;
+    options.mConfiguration = "[sensors]\npedometer=manual\n";
+    const Service service(setting, options);
+    const Host host(service.ConnectHost());
+    host.OptInToSteps();
+    const Fd control = service.ConnectControl();
+
+    const TemporaryFolder folder(setting.mDisk);
+    const auto path = folder.Path() / "value";
+    const Fd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    // As long as what is stored of an update: the text of the six measurements, and the time.
+    const std::string bytes = "8123 0 8123 6092.25 324 4" + std::string(sizeof(std::int32_t), 't');
+
+    constexpr char kSteps[] = R"({"request":"set","item":"steps","add":7})";
+    const int rounds = setting.mIsQuick ? 60 : 400;
+    std::vector<double> updates;
+    std::vector<double> writes;
+    std::vector<double> ratios;
+    std::array<char, 256> reply;
+    for (int round = -5; round < rounds; ++round) {
+        auto begin = Clock::now();
+        SendMessage(control, kSteps, sizeof kSteps - 1);
+        host.AwaitReading();
+        const double update = MicrosSince(begin);
+        if (read(control.Get(), reply.data(), reply.size()) <= 0) {
+            FailErrno("the control socket");
+        }
+        begin = Clock::now();
+        if (pwrite(file.Get(), bytes.data(), bytes.size(), 0) < 0 || fdatasync(file.Get()) != 0) {
+            FailErrno(path.string());
+        }
+        const double written = MicrosSince(begin);
+        if (round >= 0) {
+            updates.push_back(update);
+            writes.push_back(written);
+            ratios.push_back(update / written);
+        }
+    }
+    Row row;
+    row.mName = "steps stored and in the host's hands";
+    row.mUnit = "us";
+    row.mValue = Summarize(updates);
+    row.mYardstick = "pwrite + fdatasync";
+    row.mYardstickValue = Summarize(writes);
+    row.mRatio = Summarize(ratios);
+    row.mBudget = Budget{Budget::Kind::AtMost, 2.2, 2, true};
+    return {row};
+}
+
+std::vector<Row> MeasureWeek(const Setting &setting)
+{
+    const TemporaryFolder folder(FastFolder());
+    const auto recording = folder.Path() / "week.csv";
+    WriteWeek(recording);
+    const std::int64_t speed = setting.mIsQuick ? 100'000 : 50'000;
+    Service::Options options;
+    options.mState = folder.Path() / "state";
+    options.mEnvironment = {"PARVANE_TRACE=" + recording.string(), "PARVANE_LOOP=0",
+                            "PARVANE_SPEED=" + std::to_string(speed)};
+    const Service service(setting, options);
+    const Host host(service.ConnectHost());
+    host.OptInToSteps();
+    host.StartActivity();
+
+    const Fd control = service.ConnectControl();
+    host.AwaitReading();
+    std::vector<double> costs;
+    const auto begin = Clock::now();
+    Spent before = SpentBy(service, control);
+    for (std::int64_t day = 1; day <= kDays; ++day) {
+        ReadUntil(host, begin + std::chrono::milliseconds(day * kDayMs / speed));
+        const Spent now = SpentBy(service, control);
+        costs.push_back((now.mCpuUs - before.mCpuUs) / (now.mReadings - before.mReadings));
+        before = now;
+    }
+    Row row;
+    row.mName = "CPU time per reading, a week at speed: last day / first day";
+    row.mUnit = "us";
+    row.mValue = Summarize({costs.back()});
+    row.mYardstick = "first day";
+    row.mYardstickValue = Summarize({costs.front()});
+    row.mRatio = Summarize({costs.back() / costs.front()});
+    row.mBudget = Budget{Budget::Kind::AtMost, 1.15, 2, true};
+    Row all;
+    all.mName = "the same, of the seven days";
+    all.mUnit = "us";
+    all.mValue = Summarize(costs);
+    return {row, all};
+}
+
+} // namespace ParvaneBench
