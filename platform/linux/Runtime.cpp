@@ -48,7 +48,8 @@ Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
     auto bus = NeedsBus(settings) ? LoadBusParts() : nullptr;
     SensorSources sources(settings, mClock, bus.get());
     PrepareDirectory(settings.mStateDirectory, "state");
-    PrepareDirectory(settings.mRuntimeDirectory, "run-time");
+    // Its content ends with the process: a start does not wait for the disk because of it.
+    PrepareDirectory(settings.mRuntimeDirectory, "run-time", Durability::FileSystem);
     mLock = std::make_unique<InstanceLock>(settings.mRuntimeDirectory);
     if (!mLock->IsHeld()) {
         return;

@@ -68,13 +68,15 @@ int WriteNewFile(const std::string &path, std::string_view content, Durability d
 
 } // namespace
 
-int MakeDirectories(const std::string &path)
+int MakeDirectories(const std::string &path, Durability durability)
 {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string part = path.substr(0, end);
         if (::mkdir(part.c_str(), 0700) == 0) {
             // What is kept in it would be lost with its name. Where that cannot be had it goes on.
-            SyncDirectory(ParentOf(part));
+            if (durability == Durability::Disk) {
+                SyncDirectory(ParentOf(part));
+            }
         } else if (errno != EEXIST) {
             // A directory above may exist and yet be closed to us, or lie on a read-only disk.
             const int error = errno;

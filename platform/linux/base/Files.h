@@ -18,9 +18,10 @@ inline constexpr int kNotARegularFile = -1;
 /**
  * Makes a directory and those above it that are missing, each with mode 0700.
  *
+ * @param durability  Disk where what is kept in it outlives the system's end
  * @return 0, also when it exists already, or an errno value
  */
-int MakeDirectories(const std::string &path);
+int MakeDirectories(const std::string &path, Durability durability = Durability::Disk);
 
 /**
  * Reads a regular file of at most `maxBytes` bytes. Anything else is not even opened: that alone

@@ -20,9 +20,9 @@ namespace {
 
 } // namespace
 
-void PrepareDirectory(const std::string &path, const std::string &purpose)
+void PrepareDirectory(const std::string &path, const std::string &purpose, Durability durability)
 {
-    if (const int error = MakeDirectories(path); error != 0) {
+    if (const int error = MakeDirectories(path, durability); error != 0) {
         Refuse(path, purpose, error);
     }
     if (::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK | X_OK, AT_EACCESS) != 0) {

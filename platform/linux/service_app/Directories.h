@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "base/Files.h"
 #include "base/UniqueFd.h"
 
 namespace ParvanePlatform {
@@ -12,9 +13,11 @@ namespace ParvanePlatform {
  *
  * @param path     absolute
  * @param purpose  what it is for, for the message: "state" or "run-time"
+ * @param durability  Disk where what is kept in it outlives the system's end
  * @throws StartupError that names the path and the reason
  */
-void PrepareDirectory(const std::string &path, const std::string &purpose);
+void PrepareDirectory(const std::string &path, const std::string &purpose,
+                      Durability durability = Durability::Disk);
 
 /**
  * Opens /dev/null in the place of standard input, output or error when the process was started

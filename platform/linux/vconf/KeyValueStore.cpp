@@ -96,11 +96,11 @@ int KeyValueStore::SetInt(std::string_view key, int value, std::function<void()>
     int current = 0;
     if (GetInt(key, current) != 0 || current != value) {
         const std::string path = PathOf(key);
-        error = MakeDirectories(ParentOf(path));
+        const auto durability =
+            key.starts_with(kMemoryPrefix) ? Durability::FileSystem : Durability::Disk;
+        error = MakeDirectories(ParentOf(path), durability);
         if (error == 0) {
-            const bool inMemory = key.starts_with(kMemoryPrefix);
-            error = WriteFileAtomically(path, std::to_string(value) + '\n',
-                                        inMemory ? Durability::FileSystem : Durability::Disk);
+            error = WriteFileAtomically(path, std::to_string(value) + '\n', durability);
         }
         if (error != 0) {
             LogError("cannot set %s to %d: %s", path.c_str(), value, ErrorText(error).c_str());
