@@ -95,6 +95,9 @@ GSource *MakeSource(std::unique_ptr<Work> work, int priority)
     GSource *source = g_source_new(&gWorkFunctions, sizeof(WorkSource));
     reinterpret_cast<WorkSource *>(source)->mWork = work.release();
     g_source_set_priority(source, priority);
+    // The loop is never run from inside a handler. Told so, GLib does not take the descriptor out of
+    // the loop and put it back around each call, which would wake the loop once more each time.
+    g_source_set_can_recurse(source, TRUE);
     return source;
 }
 
