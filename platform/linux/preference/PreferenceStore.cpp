@@ -101,6 +101,7 @@ int RenameIfThere(const std::string &from, const std::string &to)
 PreferenceStore::PreferenceStore(const std::string &stateDirectory, const Clock &clock)
     : mClock(clock), mDirectory(stateDirectory), mPath(stateDirectory + kFileName)
 {
+    SqliteUseLittleMemory();
     Open();
     mTurnSource = LoopSource::BeforeSleep([this] { EndTurn(); });
 }

@@ -83,4 +83,13 @@ std::string SqliteErrorText(sqlite3 *database, int result)
     return text;
 }
 
+void SqliteUseLittleMemory()
+{
+    constexpr int kSmallBlockBytes = 128;
+    constexpr int kSmallBlocks = 64;
+    // Pages one by one instead of 20 at once.
+    sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
+    sqlite3_config(SQLITE_CONFIG_LOOKASIDE, kSmallBlockBytes, kSmallBlocks);
+}
+
 } // namespace ParvanePlatform

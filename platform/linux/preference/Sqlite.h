@@ -62,4 +62,10 @@ bool IsSqliteCorruption(int result);
 /** Says what an error code means, with the system's own error where there is one. */
 std::string SqliteErrorText(sqlite3 *database, int result);
 
+/**
+ * Keeps SQLite from setting memory aside for more pages and statements than the preferences need.
+ * Before the first database is opened; later it changes nothing.
+ */
+void SqliteUseLittleMemory();
+
 } // namespace ParvanePlatform
