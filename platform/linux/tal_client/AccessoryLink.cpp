@@ -29,7 +29,7 @@ AccessoryLink::AccessoryLink(const std::string &runtimeDirectory, KeyValueStore 
     : mKeys(keys),
       mClock(clock),
       mListener(runtimeDirectory + '/' + kSocketName),
-      mReceiveBuffer(HostSocket::kMaxReceiveBytes)
+      mReceiveBuffer(std::make_unique_for_overwrite<unsigned char[]>(HostSocket::kMaxReceiveBytes))
 {
     mKeys.SetInt(kStatusKey, 1);
     WatchListener();
@@ -292,9 +292,17 @@ void AccessoryLink::OnWaitingHostHungUp()
 
 void AccessoryLink::OnHostReady()
 {
-    for (int i = 0; i < kMessagesPerTurn; ++i) {
+    // A host that waits for each answer before it asks again has one message a turn: looking for a
+    // second one would be a call in vain for each.
+    const bool isAlone = mLoneMessages >= kLoneMessages && mLoneMessages % kLoneMessages != 0;
+    ++mLoneMessages;
+    for (int i = 0; i < (isAlone ? 1 : kMessagesPerTurn); ++i) {
         std::size_t size = 0;
-        const HostSocket::Received received = mHost.Receive(mReceiveBuffer, size);
+        const HostSocket::Received received =
+            mHost.Receive({mReceiveBuffer.get(), HostSocket::kMaxReceiveBytes}, size);
+        if (i > 0 && received != HostSocket::Received::Nothing) {
+            mLoneMessages = 0;
+        }
         if (!OnReceived(received, size)) {
             return;
         }
@@ -331,7 +339,7 @@ bool AccessoryLink::DeliverMessage(std::size_t size)
     mStatistics.mBytesIn += size;
     if (mNotifications->dataReceived != nullptr) {
         mNotifications->dataReceived(connectionId, mAgent->mChannels.front(),
-                                     static_cast<int>(size), mReceiveBuffer.data());
+                                     static_cast<int>(size), mReceiveBuffer.get());
     }
     // The service may have closed the connection, or stopped listening.
     return mHostState == HostState::Open && mConnectionId == connectionId && mNotifications;

@@ -43,6 +43,9 @@ public:
     /** Messages that are read in one turn of the main loop, so that all else has its turn too. */
     static constexpr int kMessagesPerTurn = 32;
 
+    /** After that many turns with one message each, a second one is looked for as rarely. */
+    static constexpr unsigned kLoneMessages = 8;
+
     /** How long a host that has gone before the service was ready is kept for its messages. */
     static constexpr std::int64_t kReadyWaitMs = 10000;
 
@@ -214,7 +217,10 @@ private:
     bool mKeyIsDown = false;
     int mConnectionId = 0;
     int mLastAgentId = 0;
-    std::vector<unsigned char> mReceiveBuffer;
+    /** Not cleared: a message touches as much of it as it has bytes. */
+    std::unique_ptr<unsigned char[]> mReceiveBuffer;
+    /** Turns since the last one that has found more than one message. */
+    unsigned mLoneMessages = 0;
     LoopSource mListenerSource;
     LoopSource mHostSource;
     LoopSource mWork;

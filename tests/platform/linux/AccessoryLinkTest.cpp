@@ -731,6 +731,28 @@ TEST_F(AccessoryLinkTest, FloodOfMessagesLeavesTheLoopToOthers)
     EXPECT_EQ(std::count_if(mEvents.begin(), mEvents.end(), isData), 100);
 }
 
+TEST_F(AccessoryLinkTest, AfterLoneMessagesABunchIsReadInFewTurnsAgain)
+{
+    StartService();
+    const RawHost host(Socket());
+    WaitFor("connected");
+    const auto isData = [](const std::string &event) { return event == "data x"; };
+    for (int i = 0; i < 50; ++i) {
+        host.Send("x");
+        RunWhileBusy();
+    }
+    EXPECT_EQ(std::count_if(mEvents.begin(), mEvents.end(), isData), 50);
+
+    for (int i = 0; i < AccessoryLink::kMessagesPerTurn; ++i) {
+        host.Send("x");
+    }
+    for (unsigned turn = 0; turn < AccessoryLink::kLoneMessages; ++turn) {
+        g_main_context_iteration(nullptr, FALSE);
+    }
+    EXPECT_EQ(std::count_if(mEvents.begin(), mEvents.end(), isData),
+              50 + AccessoryLink::kMessagesPerTurn);
+}
+
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kIsSanitized = true;
 #else
