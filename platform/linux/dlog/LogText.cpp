@@ -1,6 +1,6 @@
 #include "LogText.h"
 
-#include <cstdio>
+#include <algorithm>
 
 namespace ParvanePlatform {
 
@@ -34,6 +34,13 @@ bool IsLineTail(std::string_view text)
 bool IsControl(unsigned char byte)
 {
     return byte < 0x20 || byte == 0x7f;
+}
+
+/** True for control characters, and for the first byte of those that have two. */
+bool MayBeControl(char character)
+{
+    const auto byte = static_cast<unsigned char>(character);
+    return IsControl(byte) || byte == 0xc2;
 }
 
 void AddEscaped(LogText &line, unsigned char byte)
@@ -71,13 +78,29 @@ bool IsUpperControl(std::string_view text)
 void LogText::AddNumber(unsigned value, int width)
 {
     char digits[12];
-    const int length = std::snprintf(digits, sizeof digits, "%0*u", width, value);
-    Add(std::string_view(digits, static_cast<std::size_t>(length)));
+    char *const end = digits + sizeof digits;
+    char *begin = end;
+    do {
+        *--begin = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    while (end - begin < width && begin > digits) {
+        *--begin = '0';
+    }
+    Add(std::string_view(begin, static_cast<std::size_t>(end - begin)));
 }
 
 void LogText::AddMessage(std::string_view text, LogColours colours)
 {
     while (!text.empty()) {
+        // Most of a message is neither a control character nor the beginning of one.
+        const auto plain = static_cast<std::size_t>(
+            std::find_if(text.begin(), text.end(), MayBeControl) - text.begin());
+        Add(text.substr(0, plain));
+        text.remove_prefix(plain);
+        if (text.empty()) {
+            break;
+        }
         std::size_t taken = 1;
         const auto byte = static_cast<unsigned char>(text.front());
         if (const std::size_t colour = ColourLength(text); colour != 0) {

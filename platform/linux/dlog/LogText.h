@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 namespace ParvanePlatform {
@@ -24,9 +26,10 @@ public:
 
     void Add(std::string_view text)
     {
-        for (const char character : text) {
-            Add(character);
+        if (mNeeded < mSize) {
+            std::memcpy(mBuffer + mNeeded, text.data(), std::min(text.size(), mSize - mNeeded));
         }
+        mNeeded += text.size();
     }
 
     /** Adds decimal digits, at least `width` of them. */
