@@ -234,8 +234,16 @@ std::string ConnectionManager::FormatTrace(const uint8_t *data, int32_t size)
         trace.reserve(static_cast<std::size_t>(size) * kCharactersPerByte);
     }
     for (int32_t position = 0; position < size; ++position) {
-        if (position < 10) {
-            trace += '0';
+        if (position < 100) {
+            // Most messages have no more; in one go for each byte, because this is done for every one.
+            const char text[] = {static_cast<char>('0' + position / 10),
+                                 static_cast<char>('0' + position % 10),
+                                 ' ',
+                                 kDigits[data[position] >> 4U],
+                                 kDigits[data[position] & 0x0FU],
+                                 ' '};
+            trace.append(text, sizeof text);
+            continue;
         }
         trace += std::to_string(position);
         trace += ' ';
