@@ -3,10 +3,11 @@
  * How fast and how small the service is, next to the least that a program on the same system needs.
  *
  * Usage: parvane-bench SERVICE [--disk DIRECTORY] [--armhf EXECUTABLE] [--quick] [--check]
- *                      [--json|--markdown]
+ *                      [--only TEXT] [--json|--markdown]
  *   --disk      where what has to be durable is written; default: the working directory
  *   --armhf     the stripped executable whose size is told
  *   --quick     fewer rounds
+ *   --only      only the measurements whose progress line has TEXT in it
  *   --check     budgets with head-room, for machines that do other work as well
  *
  * Progress goes to standard error, the table to standard output. Exit status: 0 when every budget is
@@ -31,6 +32,7 @@ struct CommandLine
 {
     Setting mSetting;
     std::filesystem::path mArmhf;
+    std::string mOnly;
     Format mFormat = Format::Text;
     bool mIsCheck = false;
 };
@@ -50,6 +52,9 @@ bool ReadOption(CommandLine &line, std::string_view option, const char *value, i
         ++i;
     } else if (option == "--armhf" && value != nullptr) {
         line.mArmhf = value;
+        ++i;
+    } else if (option == "--only" && value != nullptr) {
+        line.mOnly = value;
         ++i;
     } else {
         return false;
@@ -109,6 +114,9 @@ std::vector<Row> MeasureAll(CommandLine &line)
     const auto begin = Clock::now();
     std::vector<Row> rows;
     for (const Step &step : kSteps) {
+        if (std::string_view(step.mName).find(line.mOnly) == std::string_view::npos) {
+            continue;
+        }
         for (const bool isOnOne : {true, false}) {
             if (!(isOnOne ? step.mOnOne : step.mOnTwo && (cpus.size() > 1 || !step.mOnOne))) {
                 continue;
@@ -129,7 +137,7 @@ int Run(int argc, char **argv)
     CommandLine line;
     if (!ReadCommandLine(line, argc, argv)) {
         std::fprintf(stderr, "usage: parvane-bench SERVICE [--disk DIRECTORY] [--armhf EXECUTABLE] "
-                             "[--quick] [--check] [--json|--markdown]\n");
+                             "[--only TEXT] [--quick] [--check] [--json|--markdown]\n");
         return 2;
     }
     const std::vector<Row> rows = MeasureAll(line);

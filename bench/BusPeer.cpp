@@ -1,6 +1,7 @@
 #include <array>
 #include <cstdint>
 #include <fstream>
+#include <iterator>
 #include <systemd/sd-bus.h>
 
 #include "Peers.h"
@@ -77,8 +78,8 @@ public:
                   [bus] { return sd_bus_get_name_creds(bus, kBusName, 0, nullptr) >= 0; });
     }
 
-    void AskForReading() override { Ask(kReadingByte, kReadingBytes); }
-    void AskForList() override { Ask(kListByte, kListBytes); }
+    void AskForReading() override { Ask(kReadingByte, 1); }
+    void AskForList() override { Ask(kListByte, std::size(kListSizes)); }
 
 private:
     Child::Start MakeStart(const Setting &setting) const
@@ -89,7 +90,7 @@ private:
         return start;
     }
 
-    void Ask(unsigned char what, std::size_t bytes)
+    void Ask(unsigned char what, std::size_t messages)
     {
         const std::array<std::uint8_t, 4> request = {what, 0, 0, 1};
         sd_bus_message *message = nullptr;
@@ -102,12 +103,27 @@ private:
         const int result = sd_bus_call(mClient.get(), message, 0, nullptr, &reply);
         sd_bus_message_unref(message);
         Check(result, "a D-Bus call");
-        const void *answer = nullptr;
-        std::size_t size = 0;
-        Check(sd_bus_message_read_array(reply, 'y', &answer, &size), "a D-Bus reply");
         sd_bus_message_unref(reply);
-        if (size != bytes) {
-            Fail("a D-Bus reply has the wrong size");
+        for (std::size_t i = 1; i < messages; ++i) {
+            TakePacket();
+        }
+    }
+
+    /** Takes one of the messages that came ahead of the reply. */
+    void TakePacket()
+    {
+        sd_bus_message *packet = nullptr;
+        do {
+            const int worked = sd_bus_process(mClient.get(), &packet);
+            Check(worked, "sd_bus_process");
+            if (worked == 0) {
+                Fail("a D-Bus answer has too few messages");
+            }
+        } while (packet == nullptr);
+        const bool isPacket = sd_bus_message_is_signal(packet, kBusName, "Packet") > 0;
+        sd_bus_message_unref(packet);
+        if (!isPacket) {
+            TakePacket();
         }
     }
 

@@ -153,11 +153,12 @@ std::vector<Row> MeasureAllocations(const Setting &setting)
         const double listCost = counts.Allocations() - list;
         return (list - before - listCost) / kSteadyRequests;
     };
+    const int more = setting.mIsQuick ? 20 : 100;
     std::vector<double> early;
     std::vector<double> late;
+    late.reserve(static_cast<std::size_t>(more));
     early.push_back(perRequest());
     const double liveBefore = counts.Live();
-    const int more = setting.mIsQuick ? 20 : 100;
     for (int i = 0; i < more; ++i) {
         late.push_back(perRequest());
     }

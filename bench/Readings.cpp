@@ -82,7 +82,7 @@ Spent SpentBy(const Service &service, const Fd &control)
 /** Takes what comes until then: a host that does not read is not sent everything. */
 void ReadUntil(const Host &host, Clock::time_point end)
 {
-    std::array<std::uint8_t, 64> packet;
+    std::array<std::uint8_t, 64> packet{};
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
         if (left <= 0) {
@@ -94,6 +94,72 @@ void ReadUntil(const Host &host, Clock::time_point end)
             Fail("the service has gone");
         }
     }
+}
+
+/** A file that is written without any service. */
+class PlainFile
+{
+public:
+    enum class Place { AtTheBeginning, AtTheEnd };
+
+    explicit PlainFile(const Setting &setting)
+        : mFolder(setting.mDisk),
+          mFile(open((mFolder.Path() / "value").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {}
+
+    /** Writes what is stored of an update: the text of the six measurements, and the time. */
+    void Write(Place place) const
+    {
+        const std::string bytes = "8123 0 8123 6092.25 324 4" + std::string(sizeof(int), 't');
+        const off_t offset = place == Place::AtTheEnd ? lseek(mFile.Get(), 0, SEEK_END) : 0;
+        if (pwrite(mFile.Get(), bytes.data(), bytes.size(), offset) < 0 ||
+            fdatasync(mFile.Get()) != 0) {
+            FailErrno("a file in " + mFolder.Path().string());
+        }
+    }
+
+private:
+    TemporaryFolder mFolder;
+    Fd mFile;
+};
+
+/** Makes steps and waits for them. @return how long that took, in microseconds */
+double Update(const Host &host, const Fd &control)
+{
+    constexpr char kSteps[] = R"({"request":"set","item":"steps","add":7})";
+    std::array<char, 256> reply{};
+    const auto begin = Clock::now();
+    SendMessage(control, kSteps, sizeof kSteps - 1);
+    host.AwaitReading();
+    const double time = MicrosSince(begin);
+    if (read(control.Get(), reply.data(), reply.size()) <= 0) {
+        FailErrno("the control socket");
+    }
+    return time;
+}
+
+Row CompareUpdates(const Host &host, const Fd &control, const PlainFile &file, int rounds,
+                   PlainFile::Place place)
+{
+    std::vector<double> updates;
+    std::vector<double> writes;
+    std::vector<double> ratios;
+    for (int round = 0; round < rounds; ++round) {
+        const double update = Update(host, control);
+        const auto begin = Clock::now();
+        file.Write(place);
+        const double write = MicrosSince(begin);
+        updates.push_back(update);
+        writes.push_back(write);
+        ratios.push_back(update / write);
+    }
+    Row row;
+    row.mUnit = "us";
+    row.mValue = Summarize(updates);
+    row.mYardstickValue = Summarize(writes);
+    row.mRatio = Summarize(ratios);
+    row.mBudget = Budget{Budget::Kind::AtMost, 2.2, 2, false};
+    return row;
 }
 
 /** A memory file system, so that the disk does not set the pace, where there is one. */
@@ -113,48 +179,24 @@ std::vector<Row> MeasureDurableUpdate(const Setting &setting)
     const Service service(setting, options);
     const Host host(service.ConnectHost());
     host.OptInToSteps();
+    ReadUntil(host, Clock::now() + std::chrono::seconds(1)); // what the subscription began with
     const Fd control = service.ConnectControl();
+    const PlainFile file(setting);
 
-    const TemporaryFolder folder(setting.mDisk);
-    const auto path = folder.Path() / "value";
-    const Fd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    // As long as what is stored of an update: the text of the six measurements, and the time.
-    const std::string bytes = "8123 0 8123 6092.25 324 4" + std::string(sizeof(std::int32_t), 't');
-
-    constexpr char kSteps[] = R"({"request":"set","item":"steps","add":7})";
-    const int rounds = setting.mIsQuick ? 60 : 400;
-    std::vector<double> updates;
-    std::vector<double> writes;
-    std::vector<double> ratios;
-    std::array<char, 256> reply;
-    for (int round = -5; round < rounds; ++round) {
-        auto begin = Clock::now();
-        SendMessage(control, kSteps, sizeof kSteps - 1);
-        host.AwaitReading();
-        const double update = MicrosSince(begin);
-        if (read(control.Get(), reply.data(), reply.size()) <= 0) {
-            FailErrno("the control socket");
-        }
-        begin = Clock::now();
-        if (pwrite(file.Get(), bytes.data(), bytes.size(), 0) < 0 || fdatasync(file.Get()) != 0) {
-            FailErrno(path.string());
-        }
-        const double written = MicrosSince(begin);
-        if (round >= 0) {
-            updates.push_back(update);
-            writes.push_back(written);
-            ratios.push_back(update / written);
-        }
+    // The log of the preferences grows to 100 pages, then it is written over from its beginning.
+    constexpr int kGrowing = 60;
+    constexpr int kUntilFull = 60;
+    Row growing = CompareUpdates(host, control, file, kGrowing, PlainFile::Place::AtTheEnd);
+    growing.mName = "steps stored and in the host's hands, first 60 of a start";
+    growing.mYardstick = "pwrite at the end + fdatasync";
+    for (int i = 0; i < kUntilFull; ++i) {
+        Update(host, control);
     }
-    Row row;
-    row.mName = "steps stored and in the host's hands";
-    row.mUnit = "us";
-    row.mValue = Summarize(updates);
-    row.mYardstick = "pwrite + fdatasync";
-    row.mYardstickValue = Summarize(writes);
-    row.mRatio = Summarize(ratios);
-    row.mBudget = Budget{Budget::Kind::AtMost, 2.2, 2, true};
-    return {row};
+    Row later = CompareUpdates(host, control, file, setting.mIsQuick ? 60 : 400,
+                               PlainFile::Place::AtTheBeginning);
+    later.mName = "steps stored and in the host's hands, later";
+    later.mYardstick = "pwrite in place + fdatasync";
+    return {later, growing};
 }
 
 std::vector<Row> MeasureWeek(const Setting &setting)

@@ -45,7 +45,7 @@ std::vector<double> Divide(const std::vector<double> &values, const std::vector<
 std::vector<Contender> MakeContenders(const Setting &setting)
 {
     constexpr int kFast = 100;
-    constexpr int kSlow = 20;
+    constexpr int kSlow = 40;
     std::vector<Contender> contenders(5);
     contenders[kService] = {"service", MakeServicePeer(setting), kFast, {}, {}};
     contenders[kPoll] = {"bare poll echo", MakeEchoPeer(setting, "poll"), kFast, {}, {}};
@@ -60,9 +60,9 @@ std::string OnCpus(const Setting &setting)
     return setting.mClientCpu == setting.mServerCpu ? ", one core" : ", two cores";
 }
 
-/** Compares the service with one of the others; `times` chooses what of both is compared. */
+/** Compares the service with another; `times` chooses what of both is compared. */
 Row Compare(const std::string &name, const Contender &service, const Contender &other,
-            std::vector<double> Contender::*times, std::optional<Budget> budget)
+            std::vector<double> Contender::*times, std::optional<Budget> budget, bool isBroker)
 {
     Row row;
     row.mName = name;
@@ -76,8 +76,7 @@ Row Compare(const std::string &name, const Contender &service, const Contender &
     row.mValue = Summarize(service.*times);
     row.mYardstickValue = Summarize(other.*times);
     // How many times as long as a bare echo it takes, and how many times as fast as a broker it is.
-    const bool isFaster = budget && budget->mKind == Budget::Kind::AtLeast;
-    row.mRatio = Summarize(isFaster ? Divide(other.*times, service.*times)
+    row.mRatio = Summarize(isBroker ? Divide(other.*times, service.*times)
                                     : Divide(service.*times, other.*times));
     return row;
 }
@@ -88,7 +87,7 @@ std::vector<Row> MeasureRoundTrips(const Setting &setting)
 {
     const bool onOne = setting.mClientCpu == setting.mServerCpu;
     std::vector<Contender> contenders = MakeContenders(setting);
-    const int rounds = setting.mIsQuick ? 51 : 301;
+    const int rounds = setting.mIsQuick ? 51 : 201;
     constexpr int kWarmUpRounds = 3;
     for (int round = -kWarmUpRounds; round < rounds; ++round) {
         for (Contender &contender : contenders) {
@@ -107,19 +106,21 @@ std::vector<Row> MeasureRoundTrips(const Setting &setting)
     const auto atMost = [onOne](double limit) {
         return onOne ? std::optional(Budget{Budget::Kind::AtMost, limit, 2, true}) : std::nullopt;
     };
-    const Budget atLeast3 = {Budget::Kind::AtLeast, 3, 2, true};
+    // Across cores all of them wait for the system's wake-ups, which say nothing about a server.
+    const auto atLeast3 =
+        onOne ? std::optional(Budget{Budget::Kind::AtLeast, 3, 2, true}) : std::nullopt;
     const Contender &service = contenders[kService];
     const std::string measure = "measure once, activity" + OnCpus(setting);
     const std::string list = "sensor list, 5 packets" + OnCpus(setting);
     return {
-        Compare(measure, service, contenders[kGlib], &Contender::mReadings, atMost(1.15)),
-        Compare(measure, service, contenders[kPoll], &Contender::mReadings, std::nullopt),
-        Compare(measure, service, contenders[kBus], &Contender::mReadings, atLeast3),
-        Compare(measure, service, contenders[kTopics], &Contender::mReadings, atLeast3),
-        Compare(list, service, contenders[kGlib], &Contender::mLists, atMost(1.3)),
-        Compare(list, service, contenders[kPoll], &Contender::mLists, std::nullopt),
-        Compare(list, service, contenders[kBus], &Contender::mLists, atLeast3),
-        Compare(list, service, contenders[kTopics], &Contender::mLists, atLeast3),
+        Compare(measure, service, contenders[kGlib], &Contender::mReadings, atMost(1.15), false),
+        Compare(measure, service, contenders[kPoll], &Contender::mReadings, std::nullopt, false),
+        Compare(measure, service, contenders[kBus], &Contender::mReadings, atLeast3, true),
+        Compare(measure, service, contenders[kTopics], &Contender::mReadings, atLeast3, true),
+        Compare(list, service, contenders[kGlib], &Contender::mLists, atMost(1.3), false),
+        Compare(list, service, contenders[kPoll], &Contender::mLists, std::nullopt, false),
+        Compare(list, service, contenders[kBus], &Contender::mLists, atLeast3, true),
+        Compare(list, service, contenders[kTopics], &Contender::mLists, atLeast3, true),
     };
 }
 
@@ -158,7 +159,8 @@ std::vector<Row> MeasureManyInFlight(const Setting &setting)
     row.mYardstickValue = Summarize(echoRates);
     row.mRatio = Summarize(Divide(rates, echoRates));
     if (onOne) {
-        row.mBudget = Budget{Budget::Kind::AtLeast, 0.9, 2, true};
+        // Two processes on one core: how they are scheduled varies from machine to machine.
+        row.mBudget = Budget{Budget::Kind::AtLeast, 0.9, 3, true};
     }
     return {row};
 }

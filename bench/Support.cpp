@@ -174,7 +174,7 @@ void SendMessage(const Fd &peer, const void *data, std::size_t size)
 
 void ReceiveMessage(const Fd &peer, std::size_t size)
 {
-    std::array<std::uint8_t, 4096> buffer;
+    std::array<std::uint8_t, 64> buffer{};
     const ssize_t length = recv(peer.Get(), buffer.data(), buffer.size(), 0);
     if (length < 0) {
         FailErrno("recv");

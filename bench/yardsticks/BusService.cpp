@@ -1,7 +1,7 @@
 /**
  * @file
- * A D-Bus service, by sd-bus, that answers a request of a few bytes with as many bytes as the service
- * does.
+ * A D-Bus service, by sd-bus, that answers a request of a few bytes with as many messages, of as many
+ * bytes, as the service does.
  *
  * Usage: parvane-bench-bus ADDRESS
  */
@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <systemd/sd-bus.h>
 
 #include "Replies.h"
@@ -16,6 +17,18 @@
 using namespace ParvaneBench;
 
 namespace {
+
+/** Sends `bytes` bytes in a message, and gives up the reference to that. */
+int Send(sd_bus_message *message, unsigned bytes)
+{
+    static const std::array<std::uint8_t, kLargestReply> content{};
+    int result = sd_bus_message_append_array(message, 'y', content.data(), bytes);
+    if (result >= 0) {
+        result = sd_bus_send(nullptr, message, nullptr);
+    }
+    sd_bus_message_unref(message);
+    return result < 0 ? result : 1;
+}
 
 int OnRequest(sd_bus_message *message, void * /*data*/, sd_bus_error * /*error*/) noexcept
 {
@@ -25,19 +38,27 @@ int OnRequest(sd_bus_message *message, void * /*data*/, sd_bus_error * /*error*/
         result < 0 || size == 0) {
         return result;
     }
-    static const std::array<std::uint8_t, kListBytes> bytes{};
     const bool isList = *static_cast<const std::uint8_t *>(request) == kListByte;
+    if (isList) {
+        // All but the last packet go ahead of the reply, to the one who has asked.
+        for (std::size_t i = 0; i + 1 < std::size(kListSizes); ++i) {
+            sd_bus_message *packet = nullptr;
+            sd_bus *bus = sd_bus_message_get_bus(message);
+            int result = sd_bus_message_new_signal(bus, &packet, kBusPath, kBusName, "Packet");
+            if (result >= 0) {
+                result = sd_bus_message_set_destination(packet, sd_bus_message_get_sender(message));
+            }
+            if (result < 0) {
+                return result;
+            }
+            if (result = Send(packet, kListSizes[i]); result < 0) {
+                return result;
+            }
+        }
+    }
     sd_bus_message *reply = nullptr;
-    int result = sd_bus_message_new_method_return(message, &reply);
-    if (result >= 0) {
-        result = sd_bus_message_append_array(reply, 'y', bytes.data(),
-                                             isList ? kListBytes : kReadingBytes);
-    }
-    if (result >= 0) {
-        result = sd_bus_send(nullptr, reply, nullptr);
-    }
-    sd_bus_message_unref(reply);
-    return result < 0 ? result : 1;
+    const int result = sd_bus_message_new_method_return(message, &reply);
+    return result < 0 ? result : Send(reply, isList ? kListSizes[4] : kReadingSizes[0]);
 }
 
 const sd_bus_vtable kMethods[] = {

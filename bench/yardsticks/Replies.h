@@ -7,9 +7,10 @@ namespace ParvaneBench {
 constexpr unsigned char kListByte = 1;
 constexpr unsigned char kReadingByte = 2;
 
-/** Bytes of an answer: a reading, and the five packets of a sensor list as one. */
-constexpr unsigned kReadingBytes = 18;
-constexpr unsigned kListBytes = 13 + 4 * 25;
+/** Bytes of the messages of an answer: a reading, and a sensor list. */
+constexpr unsigned kReadingSizes[] = {18};
+constexpr unsigned kListSizes[] = {13, 25, 25, 25, 25};
+constexpr unsigned kLargestReply = 25;
 
 constexpr char kBusName[] = "org.parvane.Bench";
 constexpr char kBusPath[] = "/org/parvane/Bench";

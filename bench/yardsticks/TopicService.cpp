@@ -1,7 +1,7 @@
 /**
  * @file
- * A client of an MQTT broker that answers each message of one topic with one of another, of as many
- * bytes as the service's answer has.
+ * A client of an MQTT broker that answers each message of one topic with as many of another, of as
+ * many bytes, as the service does.
  *
  * Usage: parvane-bench-topic SOCKET
  */
@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <mosquitto.h>
+#include <span>
 
 #include "Replies.h"
 
@@ -19,14 +20,18 @@ namespace {
 
 void OnMessage(mosquitto *client, void * /*data*/, const mosquitto_message *message) noexcept
 {
-    static std::array<std::uint8_t, kListBytes> bytes{};
+    static std::array<std::uint8_t, kLargestReply> bytes{};
     if (message->payloadlen < 2) {
         return;
     }
     const auto *request = static_cast<const std::uint8_t *>(message->payload);
     bytes[0] = request[1]; // the request's number
-    const unsigned size = request[0] == kListByte ? kListBytes : kReadingBytes;
-    mosquitto_publish(client, nullptr, kReplyTopic, static_cast<int>(size), bytes.data(), 0, false);
+    const bool isList = request[0] == kListByte;
+    for (const unsigned size : isList ? std::span<const unsigned>(kListSizes)
+                                      : std::span<const unsigned>(kReadingSizes)) {
+        mosquitto_publish(client, nullptr, kReplyTopic, static_cast<int>(size), bytes.data(), 0,
+                          false);
+    }
 }
 
 } // namespace
