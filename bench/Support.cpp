@@ -25,6 +25,7 @@ constexpr int kAnswerTimeoutSeconds = 20;
 std::vector<char *> PointersTo(std::vector<std::string> &texts)
 {
     std::vector<char *> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string &text : texts) {
         pointers.push_back(text.data());
     }
