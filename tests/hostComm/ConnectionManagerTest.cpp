@@ -367,6 +367,45 @@ TEST_F(ConnectionManagerTest, FailedRetryLeavesTheRegistrationThatTheKeyMade)
     EXPECT_EQ(1, mListener.mReleased);
 }
 
+// A key that changes inside a call of the registration.
+
+TEST_F(ConnectionManagerTest, LinkThatBouncesInsideTheRegistrationDoesNotRegisterInIt)
+{
+    for (int call = 1; call <= 2; ++call) {
+        SCOPED_TRACE("call " + std::to_string(call));
+        mPlatform.OnAnyCall(call, ScriptedPlatform::Moment::After, [this] {
+            mPlatform.ChangeKey(kStatusKey, 0);
+            mPlatform.ChangeKey(kStatusKey, 1);
+        });
+
+        ScriptedPlatform::AsService([this] { mManager.InitializeTALConnection(); });
+
+        // The link has the record of the one agent and looks at it until that is deregistered.
+        const std::vector<std::string> calls = mPlatform.TakeCalls();
+        EXPECT_THAT(calls, Contains("registerNotifications()").Times(1));
+        EXPECT_THAT(calls, Contains("registerServiceAgent()").Times(1));
+        ASSERT_NE(nullptr, mPlatform.Service());
+        EXPECT_STREQ("sensor_zolt", mPlatform.Service()->serviceName);
+        LinkDown();
+    }
+}
+
+TEST_F(ConnectionManagerTest, LinkThatGoesInsideARenewedRegistrationComesBack)
+{
+    for (int call = 1; call <= 2; ++call) {
+        SCOPED_TRACE("call " + std::to_string(call));
+        ConnectHost();
+        mPlatform.OnAnyCall(call, ScriptedPlatform::Moment::After, [this] { LinkDown(); });
+
+        ScriptedPlatform::AsService([this] { mManager.InitializeTALConnection(); });
+
+        LinkUp();
+        mPlatform.Forget();
+        LinkDown();
+        EXPECT_THAT(mPlatform.TakeCalls(), Contains("deregisterNotifications()"));
+    }
+}
+
 // The link-status key.
 
 TEST_F(ConnectionManagerTest, KeyOneRegisters)

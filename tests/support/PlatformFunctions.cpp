@@ -239,6 +239,7 @@ void PlatformCalls::AddLogLine(ScriptedPlatform &platform, LogLine line)
         std::fprintf(stderr, "%s\n", line.mText.c_str());
     }
     platform.mLog.push_back(std::move(line));
+    platform.RunAnyCallHook();
 }
 
 int PlatformCalls::RunMainLoop(ScriptedPlatform &platform, const service_app_callbacks &callbacks,

@@ -103,6 +103,7 @@ ScriptedPlatform::ScriptedPlatform()
         std::abort();
     }
     Process().mActive = this;
+    PlatformScope::SetReturnHook(RunReturnHook);
     setenv("TZ", "UTC0", 1);
     tzset();
 }
@@ -120,6 +121,10 @@ ScriptedPlatform::~ScriptedPlatform()
     for (const auto &hook : mHooks) {
         ADD_FAILURE() << "the hook of " << hook.first << " was set and never ran";
     }
+    if (mAnyCallHook.mHook || mReturnHook) {
+        ADD_FAILURE() << "the hook of a call was set and never ran";
+    }
+    PlatformScope::SetReturnHook(nullptr);
     for (const Timer &timer : mTimers) {
         Process().mAbandonedTimerData.push_back(timer.mData);
     }
@@ -217,9 +222,19 @@ void ScriptedPlatform::FailAnyCall(int n, int code)
     AddFailure({"", n, false, code});
 }
 
+void ScriptedPlatform::FailAnyCallFrom(int n, int code)
+{
+    AddFailure({"", n, true, code});
+}
+
 void ScriptedPlatform::SucceedAgain()
 {
     mFailures.clear();
+}
+
+bool ScriptedPlatform::CanFail(const std::string &call)
+{
+    return Knows(kFallible, call.substr(0, call.find('(')));
 }
 
 void ScriptedPlatform::FailAllocation(int n)
@@ -230,6 +245,11 @@ void ScriptedPlatform::FailAllocation(int n)
 void ScriptedPlatform::FailAllocationOfSize(std::size_t least, std::size_t most)
 {
     Allocation::FailSize(least, most);
+}
+
+void ScriptedPlatform::FailAllocationsFrom(int n)
+{
+    Allocation::FailFrom(n);
 }
 
 void ScriptedPlatform::AsService(const std::function<void()> &call)
@@ -263,13 +283,41 @@ void ScriptedPlatform::RunHooks(const std::string &name)
     }
 }
 
+void ScriptedPlatform::OnAnyCall(int n, Moment moment, std::function<void()> hook)
+{
+    mAnyCallHook = {n, moment, std::move(hook)};
+}
+
+void ScriptedPlatform::RunAnyCallHook()
+{
+    ++mHookableCallCount;
+    if (mAnyCallHook.mRemaining == 0 || --mAnyCallHook.mRemaining != 0) {
+        return;
+    }
+    const std::function<void()> hook = std::exchange(mAnyCallHook.mHook, nullptr);
+    if (mAnyCallHook.mMoment == Moment::After) {
+        mReturnHook = hook;
+        return;
+    }
+    hook();
+}
+
+void ScriptedPlatform::RunReturnHook()
+{
+    ScriptedPlatform *const platform = Find();
+    if (platform != nullptr && platform->mReturnHook) {
+        std::exchange(platform->mReturnHook, nullptr)();
+    }
+}
+
 int ScriptedPlatform::TakeFailure(const std::string &name)
 {
     int code = 0;
     for (auto failure = mFailures.begin(); failure != mFailures.end();) {
         const bool concerned = failure->mName.empty() || failure->mName == name;
         if (concerned && failure->mEvery) {
-            code = failure->mCode;
+            failure->mRemaining = std::max(failure->mRemaining - 1, 0);
+            code = failure->mRemaining == 0 ? failure->mCode : code;
         } else if (concerned && --failure->mRemaining == 0) {
             code = failure->mCode;
             failure = mFailures.erase(failure);
@@ -284,12 +332,20 @@ int ScriptedPlatform::Answer(const std::string &name, const std::string &call)
 {
     mCalls.push_back(call);
     if (!Knows(kFallible, name)) {
+        if (name != "g_timeout_add") {
+            ++mExitRequests;
+        }
         RunHooks(name);
+        RunAnyCallHook();
         return 0;
     }
     ++mCallCount;
     const int code = TakeFailure(name);
+    if (code != 0) {
+        mFailedCalls.push_back({call, code, mLog.size()});
+    }
     RunHooks(name);
+    RunAnyCallHook();
     return code;
 }
 

@@ -63,6 +63,14 @@ struct ContextRequest
     int mRequestId = -1;
 };
 
+/** One call that was made to fail. */
+struct FailedCall
+{
+    std::string mCall;
+    int mCode = 0;
+    std::size_t mLogLines = 0; // how many lines the log had by then
+};
+
 /**
  * The platform as a test scripts it: every C function of platform/include, g_timeout_add(), time()
  * and the memory that the service asks for.
@@ -105,6 +113,9 @@ public:
     std::vector<std::string> TakeCallsOf(const std::string &name);
     std::vector<LogLine> TakeLog();
 
+    /** What TakeLog() would hand over. */
+    const std::vector<LogLine> &Log() const { return mLog; }
+
     /** The bytes of each sendData(). */
     std::vector<Bytes> TakeSent();
 
@@ -138,8 +149,17 @@ public:
     /** Makes every line for the log return `code`; it is recorded all the same. */
     void FailLog(int code) { mLogCode = code; }
 
-    /** Ends everything that was asked for with the four operations above. */
+    /** Makes the `n`-th call from now and every later one fail, whichever functions they are. */
+    void FailAnyCallFrom(int n, int code);
+
+    /** Ends everything that was asked for with the operations above. */
     void SucceedAgain();
+
+    /** The calls that have failed so far, failures of unknown requests and keys not counted. */
+    const std::vector<FailedCall> &FailedCalls() const { return mFailedCalls; }
+
+    /** Whether the function of a recorded call, "power_lock_state(2, 16000)", is one that can fail. */
+    static bool CanFail(const std::string &call);
 
     /** The number of calls so far that FailAnyCall() can make fail. */
     int CallCount() const { return mCallCount; }
@@ -159,13 +179,31 @@ public:
     /** Runs `call` as a part of the service: for operations that a test calls itself. */
     static void AsService(const std::function<void()> &call);
 
-    /** Ends both; false when the allocation that was to fail has not been made. */
+    /** Makes the `n`-th allocation of the service from now fail, and every later one too. */
+    void FailAllocationsFrom(int n);
+
+    /** Ends all of it; false when the allocation that was to fail has not been made. */
     bool StopFailingAllocations();
 
     // Hooks: what happens elsewhere while a call is under way. They run after the call has been
     // recorded and before it has any effect.
 
     void OnNextCall(const std::string &name, std::function<void()> hook);
+
+    /** When within a call the hook of OnAnyCall() runs. */
+    enum class Moment {
+        Before, // the call has been recorded and has had no effect
+        After   // the call has had its effect and is about to return
+    };
+
+    /**
+     * Runs `hook` inside the `n`-th call of the service from now, whichever it is; lines for the log
+     * count. A test that calls the service itself does so with AsService().
+     */
+    void OnAnyCall(int n, Moment moment, std::function<void()> hook);
+
+    /** The number of calls so far that OnAnyCall() counts. */
+    int HookableCallCount() const { return mHookableCallCount; }
 
     // Time.
 
@@ -260,6 +298,9 @@ public:
     /** What service_app_main() does with the callbacks and the user data that it gets. */
     void SetMainLoop(std::function<int(const service_app_callbacks &, void *)> loop);
 
+    /** How often the service has asked for its end. */
+    int ExitRequests() const { return mExitRequests; }
+
 private:
     friend struct PlatformCalls;
 
@@ -267,8 +308,15 @@ private:
     {
         std::string mName; // empty: any call
         int mRemaining = 1;
-        bool mEvery = false;
+        bool mEvery = false; // from the call on that mRemaining tells, for all functions
         int mCode = 0;
+    };
+
+    struct AnyCallHook
+    {
+        int mRemaining = 0;
+        Moment mMoment = Moment::Before;
+        std::function<void()> mHook;
     };
 
     struct Timer
@@ -290,6 +338,8 @@ private:
     int Answer(const std::string &name, const std::string &call);
     int TakeFailure(const std::string &name);
     void RunHooks(const std::string &name);
+    void RunAnyCallHook();
+    static void RunReturnHook();
     void DeliverPending(int item);
     void AddFailure(Failure failure);
 
@@ -299,7 +349,12 @@ private:
     std::optional<int> mLogCode;
     std::vector<SentMessage> mSent;
     int mCallCount = 0;
+    int mHookableCallCount = 0;
+    int mExitRequests = 0;
     std::vector<Failure> mFailures;
+    std::vector<FailedCall> mFailedCalls;
+    AnyCallHook mAnyCallHook;
+    std::function<void()> mReturnHook;
     std::vector<std::pair<std::string, std::function<void()>>> mHooks;
     int64_t mWallMillis = kStartSeconds * 1000;
     int64_t mLoopMillis = 0;

@@ -120,6 +120,11 @@ void ConnectionManager::Initialize()
 
 void ConnectionManager::InitializeTALConnection()
 {
+    if (mIsInitializing) {
+        return; // the link comes up within a call below
+    }
+    mIsInitializing = true;
+    mIsTerminatedMeanwhile = false;
     try {
         auto notifications = CreateTALNotification();
         if (registerNotifications(*notifications) != 0) {
@@ -130,16 +135,21 @@ void ConnectionManager::InitializeTALConnection()
         if (registerServiceAgent(service.get()) != 0) {
             ThrowFailure(__func__, "registerServiceAgent failed");
         }
-        mRetryDelay = 0;
-        mIsInitialized = true;
+        // From here on the link looks at the records, whatever has happened within the calls.
         mNotifications = std::move(notifications);
         mService = std::move(service);
         mChannel = std::move(channel);
+        if (mIsTerminatedMeanwhile) {
+            ThrowFailure(__func__, "terminated meanwhile");
+        }
+        mRetryDelay = 0;
+        mIsInitialized = true;
     } catch (const std::exception &error) {
         PARVANE_ERROR("TALConnect initialize fail [%s]", error.what());
         mRetryDelay += kRetryStepMs;
         g_timeout_add(mRetryDelay, OnRetryTimer, nullptr);
     }
+    mIsInitializing = false;
 }
 
 PlatformPtr<tal_notifications> ConnectionManager::CreateTALNotification()
@@ -260,6 +270,7 @@ void ConnectionManager::TerminateTALConnection()
         return; // the link tells of its end from within a call below
     }
     mIsTerminating = true;
+    mIsTerminatedMeanwhile = true;
     const bool isAgentKnown = mLocalAgentId != -1;
     if (mConnectionId != -1) {
         const int result = terminateServiceConnection(std::exchange(mConnectionId, -1));

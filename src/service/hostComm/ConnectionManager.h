@@ -45,7 +45,8 @@ public:
     /**
      * Registers notifications and the service agent with the link.
      *
-     * A failure is logged and tried again after 5 ms, then 10, 15 and so on until it succeeds.
+     * A failure is logged and tried again after 5 ms, then 10, 15 and so on until it succeeds; so is
+     * a registration that the link ends from within. During a registration it does nothing.
      */
     void InitializeTALConnection();
 
@@ -95,7 +96,11 @@ private:
     uint32_t mRetryDelay = 0;
     int32_t mFindPeerCount = 0;
 
+    bool mIsInitializing = false;
     bool mIsTerminating = false;
+
+    /** The registration under way has been ended from within one of its calls. */
+    bool mIsTerminatedMeanwhile = false;
 
     // What the link was given: the records of the registration that is, or was last, in force.
     PlatformPtr<tal_notifications> mNotifications;
