@@ -1,0 +1,136 @@
+#include "Sweep.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "ChildProcess.h"
+
+namespace Parvane {
+
+namespace {
+
+int Stride()
+{
+    const char *const text = std::getenv("PARVANE_SWEEP_STRIDE");
+    const int stride = text == nullptr ? 1 : std::atoi(text);
+    return stride < 1 ? 1 : stride;
+}
+
+std::string Digits(const Bytes &bytes)
+{
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        text += (text.empty() ? "" : " ") + std::to_string(byte);
+    }
+    return text;
+}
+
+// One line for each thing, its kind first.
+std::string ToText(const LifeRecord &record)
+{
+    std::string text;
+    for (const std::string &call : record.mCalls) {
+        text += "C" + call + "\n";
+    }
+    for (const std::string &sent : SentOf(record)) {
+        text += "S" + sent + "\n";
+    }
+    for (const std::string &reply : record.mReplies) {
+        text += "R" + reply + "\n";
+    }
+    text += "H" + std::to_string(record.mHookableCalls) + "\n";
+    text += "A" + std::to_string(record.mAllocations) + "\n";
+    return text;
+}
+
+Reference FromText(const std::string &text)
+{
+    Reference reference;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string rest = line.substr(1);
+        switch (line[0]) {
+        case 'C':
+            reference.mCalls.push_back(rest);
+            break;
+        case 'S':
+            reference.mSent.push_back(rest);
+            break;
+        case 'R':
+            reference.mReplies.push_back(rest);
+            break;
+        case 'H':
+            reference.mHookableCalls = std::stoi(rest);
+            break;
+        case 'A':
+            reference.mAllocations = std::stoi(rest);
+            break;
+        default:
+            ADD_FAILURE() << line;
+        }
+    }
+    return reference;
+}
+
+} // namespace
+
+std::vector<std::string> SentOf(const LifeRecord &record)
+{
+    std::vector<std::string> sent;
+    for (const Bytes &message : record.mSent) {
+        sent.push_back(Digits(message));
+    }
+    return sent;
+}
+
+const Reference &ReferenceOf(const Scenario &scenario)
+{
+    static std::map<std::string, Reference> references;
+    const auto known = references.find(scenario.mName);
+    if (known != references.end()) {
+        return known->second;
+    }
+    const std::string text = InChildProcess(std::string(scenario.mName) + " undisturbed",
+                                            [&scenario] { return ToText(Live(scenario, {})); });
+    return references[scenario.mName] = FromText(text);
+}
+
+const std::vector<std::string> &FreshReplies()
+{
+    return ReferenceOf(Scenarios().front()).mReplies;
+}
+
+Sweep::Sweep(std::string what, std::string scenario)
+    : mWhat(std::move(what)), mScenario(std::move(scenario))
+{}
+
+Sweep::~Sweep()
+{
+    std::printf("swept %s: %d of %d %s", mScenario.c_str(), mLived, mPoints, mWhat.c_str());
+    for (const auto &[outcome, count] : mOutcomes) {
+        std::printf(", %d %s", count, outcome.c_str());
+    }
+    std::printf("\n");
+}
+
+bool Sweep::Point(const std::string &name, const Scenario &scenario, const Disturbance &disturbance,
+                  const std::function<std::string(const LifeRecord &)> &check)
+{
+    static const int stride = Stride();
+    if (mPoints++ % stride != 0) {
+        return true;
+    }
+    ++mLived;
+    const std::string outcome = InChildProcess(scenario.mName + (", " + name),
+                                               [&] { return check(Live(scenario, disturbance)); });
+    if (!outcome.empty()) {
+        ++mOutcomes[outcome];
+    }
+    return !testing::Test::HasFailure();
+}
+
+} // namespace Parvane
