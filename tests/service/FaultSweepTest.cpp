@@ -11,8 +11,9 @@
 #include "RunningService.h"
 #include "ScriptedPlatform.h"
 
-// Every failure, everywhere: the same day is lived again and again, each time with another call or
-// another allocation failing, and after it the service has to work as if nothing had happened.
+// One day in one process, with a whole function or one allocation failing, and after it the service
+// has to work as if nothing had happened, even where it has asked for its end and nobody ends it.
+// The sweeps (CallSweepTest.cpp, AllocationSweepTest.cpp) go through every single call.
 
 namespace Parvane {
 namespace {
@@ -92,41 +93,6 @@ void ExpectAGoodDay(ScriptedPlatform &platform)
     ASSERT_THAT(sent, SizeIs(1));
     EXPECT_EQ((Bytes{0x42, 0x90, 0x00, 0x00}), Bytes(sent[0].begin() + 13, sent[0].begin() + 17));
 }
-
-// How many calls a day has that can fail, the start of the service included.
-int CallsOfADay()
-{
-    ScriptedPlatform platform;
-    LeadLinkBack(platform);
-    const int before = platform.CallCount();
-    const RunningService service(platform);
-    LiveADay(platform);
-    return platform.CallCount() - before;
-}
-
-class FailingCallTest : public testing::TestWithParam<int>
-{};
-
-TEST_P(FailingCallTest, DayWithOneFailureIsFollowedByAGoodOne)
-{
-    const int calls = CallsOfADay();
-    ASSERT_GT(calls, 50);
-    for (int n = 2; n <= calls; ++n) { // the first one runs the main loop
-        SCOPED_TRACE("call " + std::to_string(n));
-        ScriptedPlatform platform;
-        LeadLinkBack(platform);
-        platform.FailAnyCall(n, GetParam());
-        const RunningService service(platform);
-        LiveADay(platform);
-        platform.SucceedAgain();
-        ExpectAGoodDay(platform);
-        if (testing::Test::HasFailure()) {
-            return;
-        }
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Codes, FailingCallTest, testing::Values(-1, 1, 3, -126, -32508));
 
 // Whole functions that never succeed on the day.
 class FailingFunctionTest : public testing::TestWithParam<const char *>

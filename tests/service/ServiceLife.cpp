@@ -352,6 +352,10 @@ LifeRecord Live(const Scenario &scenario, const Disturbance &disturbance)
             record.mReplies = Replies(life);
         }
         record.mHasEnded = life.HasEnded();
+        // A started controller lives by its own parts, as long as the process.
+        static auto *const forever =
+            new std::shared_ptr<ParvaneController>(life.Controller().shared_from_this());
+        EXPECT_NE(nullptr, *forever);
         ScriptedPlatform::AsService([&] { callbacks.terminate(cell); });
         return 0;
     };
@@ -367,10 +371,11 @@ LifeRecord Live(const Scenario &scenario, const Disturbance &disturbance)
     });
     EXPECT_EQ(0, status);
     if (!record.mWasRun) {
-        record.mAllocations = Allocation::Count() - allocationsBefore;
         record.mHasEnded = platform.ExitRequests() != 0;
-        platform.SucceedAgain();
         platform.StopFailingAllocations();
+    }
+    if (!record.mWasRun || record.mHasEnded) {
+        platform.SucceedAgain(); // what was to fail later does not any more
     }
     record.mExitRequests = platform.ExitRequests();
     record.mFailedCalls = platform.FailedCalls();

@@ -1,0 +1,40 @@
+#include "ChildProcess.h"
+
+#include <cstdlib>
+
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+
+namespace Parvane {
+namespace {
+
+TEST(ChildProcessTest, ResultOfTheChildIsHandedOver)
+{
+    const std::string text(100000, 'x');
+    EXPECT_EQ(text, InChildProcess("point", [&text] { return text; }));
+}
+
+TEST(ChildProcessTest, ChildThatDiesFailsTheTestWithItsPoint)
+{
+    EXPECT_NONFATAL_FAILURE(InChildProcess("point 7", []() -> std::string { std::_Exit(9); }),
+                            "point 7 ended with status 9");
+}
+
+TEST(ChildProcessTest, LeakOfTheChildFailsTheTest)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_NONFATAL_FAILURE(InChildProcess("point 7",
+                                           [] {
+                                               static void *volatile lost = nullptr;
+                                               lost = std::malloc(100);
+                                               lost = nullptr;
+                                               return "";
+                                           }),
+                            "point 7 leaked memory");
+#else
+    GTEST_SKIP() << "no leak sanitizer in this build";
+#endif
+}
+
+} // namespace
+} // namespace Parvane
