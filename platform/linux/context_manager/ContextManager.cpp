@@ -4,11 +4,13 @@
 #include <array>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <optional>
 #include <utility>
 #include <variant>
 
 #include "base/ErrorCode.h"
+#include "base/RuntimeLog.h"
 #include "context_manager/ContextBlock.h"
 
 namespace ParvanePlatform {
@@ -186,7 +188,15 @@ void ContextManager::AnswerQueries()
 void ContextManager::Deliver(const Receiver &receiver, ContextItem item,
                              const SensorReading &reading) const
 {
-    context_data *data = MakeContextData(mClock.WallMs(), reading);
+    context_data *data = nullptr;
+    try {
+        data = MakeContextData(mClock.WallMs(), reading);
+    } catch (const std::bad_alloc &) {
+        // Not passed on: other readings and answers are waiting behind this one.
+        LogError("context manager: a reading of item %d is lost: out of memory",
+                 static_cast<int>(item));
+        return;
+    }
     receiver.mCallback(0, static_cast<int>(item), data, receiver.mUserData, receiver.mRequestId);
 }
 
