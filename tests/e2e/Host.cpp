@@ -24,7 +24,7 @@ bool IsReadable(int fd, std::chrono::milliseconds limit)
 
 } // namespace
 
-Host::Host(const std::filesystem::path &socketPath)
+Host::Host(const std::filesystem::path &socketPath, std::chrono::milliseconds limit)
 {
     const std::string path = socketPath.string();
     sockaddr_un address{};
@@ -33,14 +33,16 @@ Host::Host(const std::filesystem::path &socketPath)
         throw std::invalid_argument("too long for a socket: " + path);
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const bool isConnected = Eventually([&] {
-        mFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        if (connect(mFd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0) {
-            return true;
-        }
-        Disconnect();
-        return false;
-    });
+    const bool isConnected = Eventually(
+        [&] {
+            mFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+            if (connect(mFd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0) {
+                return true;
+            }
+            Disconnect();
+            return false;
+        },
+        limit);
     if (!isConnected) {
         throw std::runtime_error("no link at " + path);
     }

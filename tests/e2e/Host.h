@@ -12,8 +12,9 @@ using Bytes = std::vector<uint8_t>;
 class Host
 {
 public:
-    /** Connects, waiting a few seconds for the socket to appear. */
-    explicit Host(const std::filesystem::path &socketPath);
+    /** Connects, waiting for the socket to appear. @throws std::runtime_error if it does not */
+    explicit Host(const std::filesystem::path &socketPath,
+                  std::chrono::milliseconds limit = std::chrono::seconds(20));
     Host(const Host &) = delete;
     Host &operator=(const Host &) = delete;
     ~Host();

@@ -1,0 +1,247 @@
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "FailingMalloc.h"
+#include "ServiceFixture.h"
+#include "StoredSteps.h"
+
+namespace {
+
+const Bytes kList = {0x01};
+const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};
+const Bytes kMeasureHeartRate = {0x02, 0x00, 0x00, 0x03};
+const Bytes kStartActivity = {0x03, 0x00, 0x00, 0x01, 0x00};
+const Bytes kStopActivity = {0x04, 0x00, 0x00, 0x01};
+
+constexpr int kStopMessage = 4; // the low half of an acknowledgement's first byte
+constexpr int kSteps = 2;       // the category of a reading of steps
+constexpr std::size_t kReadingSize = 18;
+constexpr std::size_t kCategoryOffset = 3;
+
+/** A whole run of the program: long enough for a slow machine, short for a loop without end. */
+constexpr std::chrono::seconds kLimit(20);
+
+int Stride()
+{
+    const char *const text = std::getenv("PARVANE_SWEEP_STRIDE");
+    const int stride = text == nullptr ? ALLOCATIONS_BETWEEN_FAILURES : std::atoi(text);
+    return std::max(stride, 1);
+}
+
+} // namespace
+
+/** "" fails one allocation, "+" it and all later ones. */
+class AllocationFailureTest : public ServiceFixture,
+                              public testing::WithParamInterface<const char *>
+{
+protected:
+    AllocationFailureTest()
+    {
+        std::vector<std::string> rows;
+        for (int i = 0; i < 200; ++i) {
+            const std::string steps = std::to_string(i * 10);
+            rows.push_back(steps + ",70," + steps + "," + steps + ",0,,,,2,");
+        }
+        mRecording = WriteRecording(rows);
+    }
+
+    struct Run
+    {
+        std::optional<int> mStatus; // nothing if it has not ended in time
+        bool mHasAnswered = false;  // the last request was answered, at the third attempt at worst
+        int64_t mPushedSteps = 0;   // the largest total that reached the host
+        std::string mLog;
+        FailingMallocReport mReport{};
+    };
+
+    /** Starts the service, asks it for all it has as long as it is there, and ends it in order. */
+    Run RunService(const std::string &failing)
+    {
+        const std::filesystem::path file = mFolder.Path() / "report";
+        WriteFile(file, std::string(sizeof(FailingMallocReport), '\0'));
+        std::filesystem::remove_all(mRunDirectory);
+        Environment more = {{"PARVANE_TRACE", mRecording},
+                            {"LD_PRELOAD", FAILING_MALLOC_LIBRARY},
+                            {"PARVANE_MALLOC_REPORT", file.string()}};
+        if (!failing.empty()) {
+            more["PARVANE_FAIL_MALLOC"] = failing;
+        }
+        StartService(more);
+        Run run;
+        const bool hasBegun = Eventually(
+            [&] {
+                run.mStatus = mService->WaitForEnd(std::chrono::seconds(0));
+                return run.mStatus.has_value() || std::filesystem::exists(LinkPath());
+            },
+            kLimit);
+        EXPECT_TRUE(hasBegun);
+        if (!run.mStatus) {
+            Talk(run);
+        }
+        if (!run.mStatus) {
+            mService->Signal(SIGTERM);
+            run.mStatus = mService->WaitForEnd(kLimit);
+        }
+        run.mLog = mService->StandardError();
+        std::memcpy(&run.mReport, ReadFile(file).data(), sizeof run.mReport);
+        return run;
+    }
+
+    std::string mRecording;
+
+private:
+    void Talk(Run &run)
+    {
+        std::optional<Host> host;
+        const auto hasConnected = [&] {
+            run.mStatus = mService->WaitForEnd(std::chrono::seconds(0));
+            try {
+                host.emplace(LinkPath(), std::chrono::milliseconds(0));
+            } catch (const std::runtime_error &) {
+                host.reset();
+            }
+            return run.mStatus.has_value() || host.has_value();
+        };
+        EXPECT_TRUE(Eventually(hasConnected, kLimit));
+        if (run.mStatus || !host) {
+            return;
+        }
+        for (const Bytes &request :
+             {kList, kMeasureSteps, kMeasureSteps, kStartActivity, kMeasureHeartRate}) {
+            host->TrySend(request);
+        }
+        for (int packets = 0; packets < 9; ++packets) {
+            Receive(*host, run, std::chrono::milliseconds(50));
+        }
+        // Memory may have run out where this one was received: nobody waits for an answer then.
+        for (int attempt = 0; attempt < 3 && !run.mHasAnswered; ++attempt) {
+            if (!host->TrySend(kStopActivity)) {
+                return;
+            }
+            const auto isAnswered = [&] {
+                return !Receive(*host, run, std::chrono::milliseconds(500)) || run.mHasAnswered;
+            };
+            EXPECT_TRUE(Eventually(isAnswered, kLimit));
+        }
+    }
+
+    /** Receives one packet and notes what it tells; false if there is none. */
+    static bool Receive(const Host &host, Run &run, std::chrono::milliseconds limit)
+    {
+        const auto packet = host.Receive(limit);
+        if (!packet || packet->size() <= kCategoryOffset) {
+            return false;
+        }
+        if ((packet->front() & 0x0FU) == kStopMessage) {
+            run.mHasAnswered = true;
+        } else if (packet->size() == kReadingSize && packet->at(kCategoryOffset) == kSteps) {
+            const auto total = static_cast<int64_t>(std::llround(ValueOf(*packet)));
+            run.mPushedSteps = std::max(run.mPushedSteps, total);
+        }
+        return true;
+    }
+};
+
+namespace {
+
+bool Contains(const std::string &text, const char *part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+/**
+ * What became of a run, in a word; nothing if it did not end as it may.
+ *
+ * GLib ends the process when there is no memory for what it allocates itself: for the sources of the
+ * main loop, the timers and the reading of the configuration. It does so with a line and a trap, and
+ * when there is no memory for the line either, its attempt to say so uses up the stack.
+ */
+template <typename Run>
+std::optional<std::string> OutcomeOf(const Run &run)
+{
+    switch (run.mStatus.value_or(-1)) {
+    case 0:
+        if (Contains(run.mLog, "ParvaneMain: out_of_memory(34)")) {
+            return "ended in order";
+        }
+        if (Contains(run.mLog, "APP_ERROR_OUT_OF_MEMORY")) {
+            return "not started";
+        }
+        return run.mHasAnswered ? std::optional<std::string>("went on") : std::nullopt;
+    case EXIT_FAILURE:
+        return Contains(run.mLog, " E platform: ") ? std::optional<std::string>("refused to start")
+                                                   : std::nullopt;
+    case 128 + SIGTRAP:
+    case 128 + SIGABRT:
+        if (Contains(run.mLog, "GLib-ERROR") || Contains(run.mLog, "GLib (gthread-posix.c)") ||
+            Contains(run.mLog, "GSlice: failed to allocate")) {
+            return "ended by GLib";
+        }
+        return std::nullopt;
+    case 128 + SIGSEGV:
+        if (run.mReport.has_failed_glib != 0 && run.mReport.has_used_up_stack != 0) {
+            return "ended by GLib without a word";
+        }
+        return std::nullopt;
+    default:
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+TEST_P(AllocationFailureTest, ServiceEndsInOrderOrGoesOnAndItsStepsAreWhole)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a sanitizer does not give its malloc() away";
+#endif
+    ASSERT_EQ(RunService("").mStatus, 0);
+    const std::filesystem::path seed = mFolder.Path() / "seed";
+    std::filesystem::copy(mStateDirectory, seed, std::filesystem::copy_options::recursive);
+    const int64_t seedTotal = StoredSteps::Read(seed, mFolder.Path()).mTotal;
+    ASSERT_GT(seedTotal, 0);
+    const Run sound = RunService("");
+    ASSERT_TRUE(sound.mHasAnswered);
+    ASSERT_GT(sound.mReport.count, 500);
+
+    std::map<std::string, int> outcomes;
+    int points = 0;
+    for (int64_t n = 1; n <= sound.mReport.count; n += Stride(), ++points) {
+        SCOPED_TRACE("allocation " + std::to_string(n) + GetParam());
+        std::filesystem::remove_all(mStateDirectory);
+        std::filesystem::copy(seed, mStateDirectory, std::filesystem::copy_options::recursive);
+
+        const Run run = RunService(std::to_string(n) + GetParam());
+
+        const std::optional<std::string> outcome = OutcomeOf(run);
+        ASSERT_TRUE(outcome.has_value())
+            << "status " << run.mStatus.value_or(-1) << ", answered " << run.mHasAnswered << "\n"
+            << run.mLog;
+        ++outcomes[*outcome];
+        const StoredSteps stored = StoredSteps::Read(mStateDirectory, mFolder.Path());
+        ASSERT_EQ(stored.mIntegrity, "ok");
+        ASSERT_GE(stored.mTotal, std::max(seedTotal, run.mPushedSteps)) << run.mLog;
+        ASSERT_GT(stored.mTime, 0);
+        for (const auto &entry : std::filesystem::directory_iterator(mStateDirectory)) {
+            ASSERT_FALSE(Contains(entry.path().string(), ".corrupt-")) << "set aside\n" << run.mLog;
+        }
+    }
+    std::cout << "swept the real service: " << points << " of " << sound.mReport.count
+              << " allocations failing" << (*GetParam() == '+' ? " with all after them" : "");
+    for (const auto &[outcome, count] : outcomes) {
+        std::cout << ", " << count << " " << outcome;
+    }
+    std::cout << std::endl;
+    EXPECT_EQ(RunService("").mStatus, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Failing, AllocationFailureTest, testing::Values("", "+"),
+                         [](const auto &mode) { return *mode.param == '+' ? "From" : "One"; });

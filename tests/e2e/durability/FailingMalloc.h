@@ -1,0 +1,24 @@
+#ifndef PARVANE_FAILING_MALLOC_H
+#define PARVANE_FAILING_MALLOC_H
+
+#include <stdint.h>
+
+/**
+ * @file
+ * What the preloaded library FailingMalloc.c tells, in the file that PARVANE_MALLOC_REPORT names; it
+ * is right even when the process dies.
+ *
+ * Which allocations fail is in PARVANE_FAIL_MALLOC: "N" for the N-th from the start of the process,
+ * "N+" for it and all later ones.
+ */
+struct FailingMallocReport
+{
+    /** Allocations so far. */
+    int64_t count;
+    /** Whether one that GLib itself had asked for has failed. */
+    int64_t has_failed_glib;
+    /** Whether the stack has been used up. */
+    int64_t has_used_up_stack;
+};
+
+#endif
