@@ -139,6 +139,12 @@ void ContextManager::OnReading(ContextItem item, const SensorReading &reading)
     if (mTap) {
         mTap(item, reading);
     }
+    // Or a counter would seem to go back: the subscriber hears of this reading before its answer.
+    for (PendingQuery &query : mQueries) {
+        if (query.mItem == item) {
+            query.mReading = reading;
+        }
+    }
     const auto subscription = mSubscriptions.find(item);
     if (subscription == mSubscriptions.end() ||
         IsFilteredOut(subscription->second.mStates, reading)) {

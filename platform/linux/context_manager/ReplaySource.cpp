@@ -69,9 +69,11 @@ void ReplaySource::Stop(ContextItem item)
 std::optional<SensorReading> ReplaySource::Latest(ContextItem item) const
 {
     const Track &track = TrackOf(item);
-    // What is late is still to come: a counter must not be ahead of it.
-    const std::int64_t count =
-        track.mIsStarted ? track.mNext : CountBefore(track, mClock.MonotonicUs() + 1);
+    std::int64_t count = CountBefore(track, mClock.MonotonicUs() + 1);
+    if (track.mIsStarted) {
+        // Not ahead of the rows that are due and on their way: counters would seem to go back.
+        count = std::min(count, std::max<std::int64_t>(track.mNext, 1));
+    }
     if (count == 0) {
         return std::nullopt;
     }

@@ -309,13 +309,20 @@ int PreferenceStore::Lookup(std::string_view key, std::optional<PreferenceValue>
     if (!Open()) {
         return ErrorCode::kInputOutput;
     }
-    mSelect.BindText(1, key);
-    const int result = mSelect.Step();
     int code = 0;
-    if (result == SQLITE_ROW) {
-        code = ReadRow(mSelect, value);
+    int result = SQLITE_NOMEM;
+    // Twice when memory is short: what cannot be read counts as lost, and is soon written over.
+    for (int attempt = 0; attempt < 2 && (result & 0xff) == SQLITE_NOMEM; ++attempt) {
+        mSelect.BindText(1, key);
+        result = mSelect.Step();
+        if (result == SQLITE_ROW) {
+            code = ReadRow(mSelect, value);
+            // A value that cannot be fetched for want of memory tells of it only so.
+            const int error = sqlite3_errcode(mDatabase.get());
+            result = (error & 0xff) == SQLITE_NOMEM ? error : result;
+        }
+        mSelect.Reset();
     }
-    mSelect.Reset();
     if (result != SQLITE_ROW && result != SQLITE_DONE) {
         OnFailure("cannot be read", result);
         return ErrorCode::kInputOutput;

@@ -215,6 +215,21 @@ TEST_F(ContextManagerTest, QueryIsAnsweredInTheNextTurn)
     EXPECT_THAT(Take(), ElementsAre(Delivery{0, 7, query, 72, mClock.mWallMs}));
 }
 
+TEST_F(ContextManagerTest, AnswerIsNoOlderThanWhatTheSubscriberHasHeardBeforeIt)
+{
+    const int subscription = Subscribe(7);
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    Take();
+    const int query = Query(7);
+    mSource->Report(ContextItem::Gesture, CONTEXT_MOTION_ACTION, 4);
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 80);
+
+    RunWhileBusy();
+
+    EXPECT_THAT(Take(), ElementsAre(Delivery{0, 7, subscription, 80, mClock.mWallMs},
+                                    Delivery{0, 7, query, 80, mClock.mWallMs}));
+}
+
 TEST_F(ContextManagerTest, QueryWithoutAValueFails)
 {
     int requestId = -5;

@@ -545,6 +545,17 @@ TEST_F(ReplaySourceTest, ListenerMayStartAnotherItemInItsCall)
                 ElementsAre("1000: 7 hrm/heart_rate=61", "1000: 2 pedometer/total_steps=2"));
 }
 
+TEST_F(ReplaySourceTest, LatestOfAStartedItemIsNotAheadOfItsReadings)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n2000,62,,,,,,,,\n");
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(0);
+    mClock.mMonotonicUs = kStartUs + 2'000'000; // the timer is late
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=60");
+    mTimer->Fire();
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=62");
+}
+
 TEST_F(ReplaySourceTest, WithoutAListenerNothingBreaks)
 {
     Play("0,60,,,,,,,,\n");
