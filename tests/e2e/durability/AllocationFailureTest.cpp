@@ -86,6 +86,9 @@ protected:
         if (!run.mStatus) {
             Talk(run);
         }
+        if (!run.mStatus && !run.mHasAnswered) {
+            run.mStatus = mService->WaitForEnd(std::chrono::seconds(3)); // it is ending by itself
+        }
         if (!run.mStatus) {
             mService->Signal(SIGTERM);
             run.mStatus = mService->WaitForEnd(kLimit);
@@ -168,6 +171,11 @@ template <typename Run>
 std::optional<std::string> OutcomeOf(const Run &run)
 {
     switch (run.mStatus.value_or(-1)) {
+    case 128 + SIGTERM: // it was on its way out already
+        return Contains(run.mLog, "ParvaneMain: app_terminate(56)") &&
+                       Contains(run.mLog, "ParvaneMain: out_of_memory(34)")
+                   ? std::optional<std::string>("ended in order")
+                   : std::nullopt;
     case 0:
         if (Contains(run.mLog, "ParvaneMain: out_of_memory(34)")) {
             return "ended in order";
@@ -187,7 +195,7 @@ std::optional<std::string> OutcomeOf(const Run &run)
         }
         return std::nullopt;
     case 128 + SIGSEGV:
-        if (run.mReport.has_failed_glib != 0 && run.mReport.has_used_up_stack != 0) {
+        if (run.mReport.has_overflown_in_glib != 0) {
             return "ended by GLib without a word";
         }
         return std::nullopt;

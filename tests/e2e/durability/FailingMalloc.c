@@ -26,14 +26,34 @@ static int64_t last_to_fail;
 static uintptr_t stack_start;
 static uintptr_t stack_size;
 
+static int IsInGlib(const void *address)
+{
+    Dl_info where;
+    return dladdr(address, &where) != 0 && where.dli_fname != NULL &&
+           strstr(where.dli_fname, "libglib-2.0") != NULL;
+}
+
+/* Whether GLib called itself where the stack ended: its return addresses are all over the place. */
+static int IsFullOfGlib(uintptr_t end_of_stack)
+{
+    enum { WORDS = 1024, ENOUGH = 16 };
+    const uintptr_t page = (uintptr_t)sysconf(_SC_PAGESIZE);
+    void *const *word = (void *const *)((end_of_stack + page) / page * page);
+    int found = 0;
+    for (int i = 0; i < WORDS && found < ENOUGH; ++i) {
+        found += IsInGlib(word[i]);
+    }
+    return found == ENOUGH;
+}
+
 /* Runs on a stack of its own; when it returns, the instruction fails again and ends the process. */
 static void OnFault(int number, siginfo_t *info, void *context)
 {
     (void)context;
     const uintptr_t address = (uintptr_t)info->si_addr;
     if (address < stack_start && stack_start - address > stack_size - stack_size / 8 &&
-        stack_start - address < stack_size + stack_size / 8) {
-        report->has_used_up_stack = 1;
+        stack_start - address < stack_size + stack_size / 8 && IsFullOfGlib(address)) {
+        report->has_overflown_in_glib = 1;
     }
     signal(number, SIG_DFL);
 }
@@ -80,16 +100,11 @@ __attribute__((constructor)) static void Arm(void)
     unsetenv("LD_PRELOAD");
 }
 
-static int Fails(const void *caller)
+static int Fails(void)
 {
     const int64_t number = ++report->count;
     if (number < first_to_fail || number > last_to_fail) {
         return 0;
-    }
-    Dl_info where;
-    if (report->has_failed_glib == 0 && dladdr(caller, &where) != 0 && where.dli_fname != NULL &&
-        strstr(where.dli_fname, "libglib-2.0") != NULL) {
-        report->has_failed_glib = 1;
     }
     errno = ENOMEM;
     return 1;
@@ -97,27 +112,27 @@ static int Fails(const void *caller)
 
 void *malloc(size_t size)
 {
-    return Fails(__builtin_return_address(0)) ? NULL : __libc_malloc(size);
+    return Fails() ? NULL : __libc_malloc(size);
 }
 
 void *calloc(size_t count, size_t size)
 {
-    return Fails(__builtin_return_address(0)) ? NULL : __libc_calloc(count, size);
+    return Fails() ? NULL : __libc_calloc(count, size);
 }
 
 void *realloc(void *block, size_t size)
 {
-    return Fails(__builtin_return_address(0)) ? NULL : __libc_realloc(block, size);
+    return Fails() ? NULL : __libc_realloc(block, size);
 }
 
 void *aligned_alloc(size_t alignment, size_t size)
 {
-    return Fails(__builtin_return_address(0)) ? NULL : __libc_memalign(alignment, size);
+    return Fails() ? NULL : __libc_memalign(alignment, size);
 }
 
 int posix_memalign(void **block, size_t alignment, size_t size)
 {
-    void *made = Fails(__builtin_return_address(0)) ? NULL : __libc_memalign(alignment, size);
+    void *made = Fails() ? NULL : __libc_memalign(alignment, size);
     if (made == NULL) {
         return ENOMEM;
     }

@@ -15,10 +15,8 @@ struct FailingMallocReport
 {
     /** Allocations so far. */
     int64_t count;
-    /** Whether one that GLib itself had asked for has failed. */
-    int64_t has_failed_glib;
-    /** Whether the stack has been used up. */
-    int64_t has_used_up_stack;
+    /** Whether the stack has been used up by GLib, which calls itself. */
+    int64_t has_overflown_in_glib;
 };
 
 #endif
