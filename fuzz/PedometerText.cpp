@@ -51,17 +51,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     ParvaneFuzz::Input input(data, size);
     const std::int32_t time = input.Int();
     const std::string text(ParvaneFuzz::TextOf(data, size).substr(std::min<std::size_t>(size, 4)));
+    const std::string storable = text.substr(0, text.find('\0'));
     const PedometerData stored = Read(text);
     Require(std::isfinite(stored.mDistance) && std::isfinite(stored.mSpeed),
             "what is read is finite");
     Require(AreEqual(Read(Write(stored)), stored), "what is written is read as the same");
 
     ScriptedPlatform platform;
-    platform.SetPreference(kValueKey, text.c_str());
+    platform.SetPreference(kValueKey, storable.c_str());
     platform.SetPreference(kTimeKey, time);
     const auto controller = std::make_shared<PedometerController>(nullptr);
     const PedometerData restored = controller->RestorePedometerData();
-    Require(AreEqual(restored, Read(text.c_str())) && restored.mTimestamp == time,
+    Require(AreEqual(restored, Read(storable)) && restored.mTimestamp == time,
             "the controller restores what is stored");
 
     const PedometerData step(10, 7.5F, 1, time, 10, 0, 5);

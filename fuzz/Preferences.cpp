@@ -25,7 +25,7 @@ void Place(const std::string &directory, const std::uint8_t *data, std::size_t s
     std::filesystem::remove_all(directory);
     std::filesystem::create_directory(directory);
     ParvaneFuzz::Input input(data, size);
-    const std::uint64_t databaseBytes = input.Number(4);
+    const auto databaseBytes = static_cast<std::size_t>(input.Number(4));
     const std::string_view files =
         ParvaneFuzz::TextOf(data, size).substr(std::min<std::size_t>(size, 4));
     const std::string_view database = files.substr(0, databaseBytes);

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdio>
@@ -254,7 +255,7 @@ private:
     std::string Text()
     {
         const Bytes bytes = mInput.Bytes();
-        return std::string(bytes.begin(), bytes.end()).c_str(); // up to a NUL
+        return std::string(bytes.begin(), std::find(bytes.begin(), bytes.end(), 0));
     }
 
     ContextValues Steps()
@@ -326,7 +327,7 @@ private:
 
     void AskAtLength()
     {
-        const std::size_t length = mInput.Number(2);
+        const auto length = static_cast<std::size_t>(mInput.Number(2));
         Ask(Bytes(length, mInput.Byte()));
     }
 
