@@ -19,9 +19,6 @@ public:
     bool IsAtEnd() const { return mAt >= mSize; }
     std::uint8_t Byte() { return IsAtEnd() ? std::uint8_t{0} : mData[mAt++]; }
 
-    /** Takes the last byte back. */
-    void Back() { mAt -= mAt > 0 ? 1 : 0; }
-
     /** A number of `bytes` bytes, 8 at most. */
     std::uint64_t Number(int bytes)
     {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -108,6 +109,7 @@ public:
         mZone.reset();
         mPlatform.SucceedAgain();
         mPlatform.StopFailingAllocations();
+        mPlatform.ForgetPlans();
         mPlatform.FailLog(0);
         mPlatform.SetBluetoothAddress("AA:BB:CC:DD:EE:0F");
         mPlatform.SetTime(ScriptedPlatform::kStartSeconds);
@@ -128,7 +130,11 @@ private:
     // One step. A letter that none of them has does nothing.
     void Step()
     {
-        switch (mInput.Byte()) {
+        const std::uint8_t letter = mInput.Byte();
+        switch (letter) {
+        case 'I': // the next step happens inside the next call of a function: the function
+            PlanStep();
+            break;
         case 'p': // a packet from the host: its length, its bytes
             Ask(mInput.Bytes());
             break;
@@ -157,7 +163,7 @@ private:
             AnswerQuery();
             break;
         case 't': // milliseconds pass
-            mPlatform.AdvanceTime(static_cast<std::int64_t>(mInput.Number(2)));
+            Wait(static_cast<std::int64_t>(mInput.Number(2)));
             break;
         case 'c': // the wall clock is set
             mPlatform.SetTime(mInput.Int());
@@ -167,15 +173,14 @@ private:
             mZone = std::make_unique<ScopedTimeZone>(kZones[mInput.Byte() % kZones.size()]);
             break;
         default:
-            mInput.Back();
-            LinkStep();
+            LinkStep(letter);
             break;
         }
     }
 
-    void LinkStep()
+    void LinkStep(std::uint8_t letter)
     {
-        switch (mInput.Byte()) {
+        switch (letter) {
         case 'k': // the link comes or goes
             mPlatform.ChangeKey(kLinkStatusKey, static_cast<std::int8_t>(mInput.Byte()));
             break;
@@ -200,15 +205,14 @@ private:
             Notify([this] { mPlatform.ReportServiceTerminated(kConnection); });
             break;
         default:
-            mInput.Back();
-            FailureStep();
+            FailureStep(letter);
             break;
         }
     }
 
-    void FailureStep()
+    void FailureStep(std::uint8_t letter)
     {
-        switch (mInput.Byte()) {
+        switch (letter) {
         case 'f': // the n-th call of a function fails: the function, n, the code
             FailCall();
             break;
@@ -369,6 +373,25 @@ private:
         }
     }
 
+    void PlanStep()
+    {
+        mPlatform.OnNextCall(Function(), [this] {
+            const bool wasInside = std::exchange(mIsInsideCall, true);
+            if (!mInput.IsAtEnd()) {
+                Step();
+            }
+            mIsInsideCall = wasInside;
+        });
+    }
+
+    // No time passes inside a call.
+    void Wait(std::int64_t milliseconds)
+    {
+        if (!mIsInsideCall) {
+            mPlatform.AdvanceTime(milliseconds);
+        }
+    }
+
     void FailCall()
     {
         const char *function = Function();
@@ -399,6 +422,10 @@ private:
     {
         const int n = mInput.Byte();
         const int code = Code();
+        if (mIsInsideCall) {
+            return;
+        }
+        mPlatform.ForgetPlans();
         mService.reset();
         mService = std::make_unique<FuzzedService>(mPlatform, [&] {
             if (n != 0) {
@@ -495,6 +522,7 @@ private:
     std::unique_ptr<ScopedTimeZone> mZone;
     std::unique_ptr<FuzzedService> mService = std::make_unique<FuzzedService>(mPlatform);
     Input mInput;
+    bool mIsInsideCall = false;
 };
 
 } // namespace

@@ -272,6 +272,12 @@ void ScriptedPlatform::OnNextCall(const std::string &name, std::function<void()>
     mHooks.emplace_back(name, std::move(hook));
 }
 
+void ScriptedPlatform::ForgetPlans()
+{
+    mHooks.clear();
+    mPendingReadings.clear();
+}
+
 void ScriptedPlatform::RunHooks(const std::string &name)
 {
     const auto found = std::find_if(mHooks.begin(), mHooks.end(),

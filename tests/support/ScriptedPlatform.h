@@ -205,6 +205,9 @@ public:
     /** The number of calls so far that OnAnyCall() counts. */
     int HookableCallCount() const { return mHookableCallCount; }
 
+    /** Ends the hooks that have not run, and the readings that await a subscription. */
+    void ForgetPlans();
+
     // Time.
 
     /** Moves time on and fires what is due, in order; the wall clock moves along. */
