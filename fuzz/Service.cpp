@@ -124,6 +124,7 @@ public:
         ExpectMeasurement(3, 15000, {0x42, 0x90, 0x00, 0x00});
         ExpectMeasurement(4, 3000, {0x3F, 0x80, 0x00, 0x00});
         ExpectActivity();
+        ExpectSteps();
     }
 
 private:
@@ -224,6 +225,7 @@ private:
             break;
         case 'm': // the n-th allocation: n
             mPlatform.FailAllocation(mInput.Byte() + 1);
+            mHasLackedMemory = true;
             break;
         case 'S': // all is well again
             mPlatform.SucceedAgain();
@@ -518,11 +520,30 @@ private:
                 "an update of a started activity is pushed");
     }
 
+    void ExpectSteps()
+    {
+        if (mHasLackedMemory) {
+            return; // then the service asks for its end, and need not have subscribed
+        }
+        Ask({0x12, 0x00, 0x00, 0x02});
+        mPlatform.AdvanceTime(500);
+        Require(mPlatform.OpenQueries(2) != 0, "steps are asked for");
+        while (mPlatform.OpenQueries(2) != 0) {
+            mPlatform.AnswerQuery(2, {{CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, 1000.0}},
+                                  std::nullopt);
+        }
+        const std::vector<Bytes> sent = mPlatform.TakeSent();
+        Require(sent.size() == 1 && sent[0].size() == 18 && (sent[0][0] & 0x0F) == 0x02 &&
+                    sent[0][3] == 0x02,
+                "the newest question for steps is answered");
+    }
+
     ScriptedPlatform mPlatform;
     std::unique_ptr<ScopedTimeZone> mZone;
     std::unique_ptr<FuzzedService> mService = std::make_unique<FuzzedService>(mPlatform);
     Input mInput;
     bool mIsInsideCall = false;
+    bool mHasLackedMemory = false;
 };
 
 } // namespace
