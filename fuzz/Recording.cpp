@@ -4,6 +4,7 @@
 
 #include "Input.h"
 #include "Require.h"
+#include "TestSupport.h"
 #include "base/StartupError.h"
 
 // The text of a recording.
@@ -37,11 +38,25 @@ void Check(const Recording &recording)
     for (std::size_t i = 1; i < recording.mRows.size(); ++i) {
         CheckStep(recording.mRows[i - 1], recording.mRows[i]);
     }
-    RecordingRow next = recording.mRows.front();
-    GoOnFrom(last, next);
-    Require((next.mKnownPedometer & last.mKnownPedometer) == last.mKnownPedometer ||
-                next.mIsRestarted,
-            "the next round knows what the last row knew");
+}
+
+/** The same recording twice, one after the other. */
+void CheckInTurn(const Recording &once, std::string_view text)
+{
+    static const TemporaryDirectory directory;
+    const std::string path = directory / kName;
+    WriteFile(path, text);
+    try {
+        const Recording twice = LoadRecordings({path, path});
+        Require(twice.mRows.size() == 2 * once.mRows.size(), "every row is played twice");
+        Require(twice.mLoopMs == 2 * once.mLoopMs, "two rounds take twice as long");
+        for (std::size_t i = 1; i < twice.mRows.size(); ++i) {
+            Require(twice.mRows[i - 1].mTimeMs <= twice.mRows[i].mTimeMs, "time does not go back");
+        }
+    } catch (const StartupError &) {
+        Require(once.mRows.back().mTimeMs > kMaxRecordingMs - once.mLoopMs,
+                "only what lasts too long cannot be played twice");
+    }
 }
 
 } // namespace
@@ -49,7 +64,10 @@ void Check(const Recording &recording)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     try {
-        Check(ParseRecording(kName, ParvaneFuzz::TextOf(data, size)));
+        const std::string_view text = ParvaneFuzz::TextOf(data, size);
+        const Recording recording = ParseRecording(kName, text);
+        Check(recording);
+        CheckInTurn(recording, text);
     } catch (const StartupError &error) {
         Require(std::string(error.what()).starts_with(std::string(kName) + ": "),
                 "an error names the recording");
