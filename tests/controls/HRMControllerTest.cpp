@@ -1,6 +1,7 @@
 #include "HRMController.h"
 
 #include <memory>
+#include <new>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -335,6 +336,18 @@ TEST_F(HRMControllerTest, ReplyThatCannotBeCreatedIsAnErrorAndThePeriodIsOver)
                                          "NULL Failed to create HRMData instance\033[0;m")));
     EXPECT_FALSE(mController->IsMeasuring());
     EXPECT_FALSE(mListener->IsRegistered(SensorType::HRM));
+}
+
+TEST_F(HRMControllerTest, ReplyThatRunsOutOfMemoryOnItsWayEndsAtTheTimer)
+{
+    Open();
+    mListener->mInsideSend = [] { throw std::bad_alloc(); };
+
+    mPlatform.AdvanceTime(15000);
+    mPlatform.AdvanceTime(15000);
+
+    EXPECT_THAT(mPlatform.TakeLog(), ElementsAre(ErrorLine("HRMController: OnTimerFired(*)",
+                                                           "reply dropped [std::bad_alloc]")));
 }
 
 TEST_F(HRMControllerTest, StopNeitherEndsThePeriodNorSuppressesItsReply)

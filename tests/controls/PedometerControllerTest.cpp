@@ -1,7 +1,10 @@
 #include "PedometerController.h"
 
 #include <climits>
+#include <locale>
 #include <memory>
+#include <new>
+#include <string>
 #include <tuple>
 
 #include <gmock/gmock.h>
@@ -27,6 +30,26 @@ constexpr const char *kTime = "Parvane/data/pedometer/time";
 // 2014-05-13, the day on which the scripted clock begins, in UTC.
 constexpr int32_t kNoon = 1399982400;
 constexpr int32_t kLastSecond = 1400025599;
+
+// While it lives, the process writes numbers as many countries do: 1.234,5.
+class CommaLocale
+{
+public:
+    CommaLocale() { std::locale::global(std::locale(std::locale::classic(), new Punctuation())); }
+    CommaLocale(const CommaLocale &) = delete;
+    CommaLocale &operator=(const CommaLocale &) = delete;
+    ~CommaLocale() { std::locale::global(mBefore); }
+
+private:
+    class Punctuation : public std::numpunct<char>
+    {
+        char do_decimal_point() const override { return ','; }
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+
+    std::locale mBefore;
+};
 
 class PedometerControllerTest : public ControllerTest
 {
@@ -190,6 +213,23 @@ TEST_F(PedometerControllerTest, StoredRealsHaveSixSignificantDigits)
     Controller().SavePedometerData(PedometerData(1, 1234567.0F, 2, 0, 3, 4, 5));
 
     EXPECT_EQ("1 4 3 1.23457e+06 2 5", mPlatform.StringPreference(kValue));
+}
+
+TEST_F(PedometerControllerTest, StoredTextDoesNotFollowTheLocale)
+{
+    const CommaLocale comma;
+
+    Controller().SavePedometerData(PedometerData(12345, 1.5F, 6789, 0, 0, 0, 0));
+
+    EXPECT_EQ("12345 0 0 1.5 6789 0", mPlatform.StringPreference(kValue));
+}
+
+TEST_F(PedometerControllerTest, StoredTextIsReadTheSameInEveryLocale)
+{
+    const CommaLocale comma;
+    mPlatform.SetPreference(kValue, "12345 0 0 1.5 6789 0.5");
+
+    ExpectMeasurements(Controller().RestorePedometerData(), 12345, 0, 0, 1.5F, 6789, 0.5);
 }
 
 TEST_F(PedometerControllerTest, TotalThatCannotBeWrittenIsAnErrorAndTheTimeIsWrittenAllTheSame)
@@ -758,6 +798,19 @@ TEST_F(PedometerControllerTest, TimerWithoutTargetDoesNothing)
 {
     EXPECT_EQ(FALSE, PedometerController::OnTimerFired(nullptr));
     EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
+}
+
+TEST_F(PedometerControllerTest, FirstQueryThatRunsOutOfMemoryEndsAtTheTimer)
+{
+    mListener->mInsideQuery = [] { throw std::bad_alloc(); };
+    Controller().ProcessReqeust(MakeRequest(2));
+
+    mPlatform.AdvanceTime(500);
+    mPlatform.AdvanceTime(500);
+
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(ErrorLine("PedometerController: OnTimerFired(*)",
+                                      "first query dropped [std::bad_alloc]")));
 }
 
 TEST_F(PedometerControllerTest, EndUnsubscribesByTheControllersAddress)

@@ -55,6 +55,9 @@ public:
     {
         const PlatformScope scope;
         Record("RequestCurrentSensorData", type);
+        if (mInsideQuery) {
+            mInsideQuery();
+        }
     }
 
     void SendSensorData(std::shared_ptr<SensorData> record) override
@@ -62,6 +65,9 @@ public:
         const PlatformScope scope;
         Record("SendSensorData", record->GetSensorType());
         mSent.push_back(std::move(record));
+        if (mInsideSend) {
+            mInsideSend();
+        }
     }
 
     bool IsRegistered(SensorType type) const { return mRegistered.count(type) != 0; }
@@ -81,6 +87,8 @@ public:
     std::vector<const ContextSensorListner *> mUnregistered;
     std::vector<std::shared_ptr<SensorData>> mSent;
     std::function<void(ContextSensorListner &)> mInsideRegistration;
+    std::function<void()> mInsideQuery;
+    std::function<void()> mInsideSend;
 
 private:
     static void Record(const char *name, SensorType type)

@@ -1,6 +1,7 @@
 #include "WearStateController.h"
 
 #include <memory>
+#include <new>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -248,6 +249,18 @@ TEST_F(WearStateControllerTest, ReplyThatCannotBeCreatedAtTheEndIsAnError)
                                       "NULL Failed to create HRMData instance.")));
     mController->ProcessReqeust(MakeRequest(2)); // idle again
     EXPECT_TRUE(mListener->IsRegistered(SensorType::HRM));
+}
+
+TEST_F(WearStateControllerTest, ReplyThatRunsOutOfMemoryOnItsWayEndsAtTheTimer)
+{
+    Open();
+    mListener->mInsideSend = [] { throw std::bad_alloc(); };
+
+    mPlatform.AdvanceTime(3000);
+    mPlatform.AdvanceTime(3000);
+
+    EXPECT_THAT(mPlatform.TakeLog(), ElementsAre(ErrorLine("WearStateController: OnTimerFired(*)",
+                                                           "reply dropped [std::bad_alloc]")));
 }
 
 TEST_F(WearStateControllerTest, NewPeriodIsAnsweredAnew)

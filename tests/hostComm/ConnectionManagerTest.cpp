@@ -35,7 +35,13 @@ public:
         }
     }
 
-    void OnServiceTerminated() override { ++mTerminated; }
+    void OnServiceTerminated() override
+    {
+        ++mTerminated;
+        if (mInsideTerminated) {
+            mInsideTerminated();
+        }
+    }
 
     void OnConnectionReleased() override
     {
@@ -49,6 +55,7 @@ public:
     int mTerminated = 0;
     int mReleased = 0;
     std::function<void()> mInsideReceived;
+    std::function<void()> mInsideTerminated;
     std::function<void()> mInsideReleased;
 };
 
@@ -765,6 +772,7 @@ TEST_F(ConnectionManagerTest, MessageWithoutBytesIsDropped)
     ConnectHost();
 
     mPlatform.Notifications().dataReceived(7, 143, 4, nullptr);
+    mPlatform.Notifications().dataReceived(7, 143, 1, nullptr);
 
     EXPECT_THAT(mListener.mReceived, IsEmpty());
 }
@@ -829,6 +837,19 @@ TEST_F(ConnectionManagerTest, EndOfTheHostsServiceIsReportedAndChangesNothing)
     Send({1}); // still connected
     EXPECT_THAT(mPlatform.TakeSentMessages(), ElementsAre(SentMessage{7, 143, 1, {1}}));
     EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ConnectionManagerTest, ListenerThatRunsOutOfMemoryInsideTheEndOfTheServiceEndsAtTheLink)
+{
+    ConnectHost();
+    mListener.mInsideTerminated = [] { throw std::bad_alloc(); };
+
+    mPlatform.Notifications().serviceTerminated(7);
+
+    EXPECT_EQ(1, mListener.mTerminated);
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(ErrorLine("ConnectionManager: TALNotiOnServiceTerminated(*)",
+                                      "link event dropped [std::bad_alloc]")));
 }
 
 TEST_F(ConnectionManagerTest, EndOfTheHostsServiceWithoutListenerIsNothing)

@@ -21,7 +21,9 @@ TEST_F(LogTest, FileNameHasNeitherDirectoryNorExtension)
 {
     EXPECT_STREQ("ParvaneMain", LogFileName("src/service/ParvaneMain.cpp").data());
     EXPECT_STREQ("ParvaneMain", LogFileName("/a.b/c/ParvaneMain.cpp").data());
+    EXPECT_STREQ("ParvaneMain", LogFileName("/ParvaneMain.cpp").data());
     EXPECT_STREQ("ParvaneMain", LogFileName("ParvaneMain").data());
+    EXPECT_STREQ("", LogFileName("src/service/").data());
 }
 
 void Trace()

@@ -350,6 +350,9 @@ TEST_F(ParvaneMainTest, StartWithoutMemoryAsksForTheExitAndEndsInStatusZero)
     EXPECT_TRUE(mPlatform.StopFailingAllocations());
     EXPECT_EQ(0, result);
     EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("app_efl_exit()"));
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(TraceLine("ParvaneMain: out_of_memory(34)"),
+                            ErrorLine("ParvaneMain: main(*)", "not started [std::bad_alloc]")));
 }
 
 // In a process of its own, since the cell lives as long as the process.
@@ -371,11 +374,19 @@ TEST_F(ParvaneMainTest, StartWithoutMemoryForTheControllerEndsTheSameWay)
 TEST_F(ParvaneMainTest, CreateSurvivesEveryFailedAllocation)
 {
     bool reached = true;
+    int incomplete = 0;
+    const auto isIncomplete =
+        ErrorLine("ParvaneMain: app_create(*)", "start is incomplete [std::bad_alloc]");
     for (int n = 1; reached; ++n) {
-        Run(0, [this, n, &reached](const service_app_callbacks &callbacks, void *userData) {
+        Run(0, [&, n](const service_app_callbacks &callbacks, void *userData) {
             mPlatform.FailAllocation(n);
             ScriptedPlatform::AsService([&] { EXPECT_TRUE(callbacks.create(userData)); });
             reached = mPlatform.StopFailingAllocations();
+            for (const LogLine &line : mPlatform.TakeLog()) {
+                if (testing::Matches(isIncomplete)(line)) {
+                    ++incomplete;
+                }
+            }
             ConnectionManager::GetInstance()->SetListener(nullptr);
             KeepForever(*mCell);
             callbacks.terminate(userData);
@@ -383,6 +394,7 @@ TEST_F(ParvaneMainTest, CreateSurvivesEveryFailedAllocation)
         mPlatform.Forget();
         ASSERT_LT(n, 1000);
     }
+    EXPECT_LT(0, incomplete);
 }
 
 } // namespace

@@ -390,6 +390,7 @@ int preference_get_string(const char *key, char **value)
     const int result =
         PlatformCalls::Answer("preference_get_string", Call("preference_get_string", Text(key)));
     if (result != 0) {
+        *value = strdup("7 7 7 7 7 7"); // to be released, and not to be used
         return result;
     }
     if (PlatformCalls::IsNullString(platform, key)) {
@@ -588,9 +589,8 @@ int bt_adapter_get_address(char **address)
     const PlatformScope scope;
     const int result =
         PlatformCalls::Answer("bt_adapter_get_address", Call("bt_adapter_get_address"));
-    if (result == 0) {
-        *address = strdup(PlatformCalls::BluetoothAddress(ScriptedPlatform::Active()).c_str());
-    }
+    // A failing call's text is to be released, and not to be used.
+    *address = strdup(PlatformCalls::BluetoothAddress(ScriptedPlatform::Active()).c_str());
     return result;
 }
 
