@@ -133,7 +133,8 @@ void LiveWithoutTheWatch(ScriptedPlatform &platform)
 
 TEST_F(ConnectionManagerBirthTest, FailedWatchIsLoggedAndTheLinkStillRegisters)
 {
-    EXPECT_EXIT(LiveWithoutTheWatch(mPlatform), testing::ExitedWithCode(0), "FAIL \\[-6\\]");
+    EXPECT_EXIT(LiveWithoutTheWatch(mPlatform), testing::ExitedWithCode(0),
+                "mvconf_notify_key_changed FAIL \\[-6\\]");
 }
 
 void BeBorn(ScriptedPlatform &platform)
@@ -722,8 +723,10 @@ TEST_F(ConnectionManagerTest, FoundPeerBeginsTheCountAgain)
     EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
     EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 
-    mPlatform.ReportPeer(kAgent, 3);
-    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("findPeerAgent(5)"));
+    for (int i = 0; i < 15; ++i) {
+        mPlatform.ReportPeer(kAgent, 3);
+    }
+    EXPECT_THAT(mPlatform.TakeCallsOf("findPeerAgent"), SizeIs(11));
 }
 
 // Received data.

@@ -137,6 +137,7 @@ TEST_F(ContextActivitySensorTest, StopWithoutStartUnsubscribesAnyway)
 
     EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("context_unset_changed_callback(23)"));
     EXPECT_EQ(-1, mSensor->mChangedRequestId);
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
 TEST_F(ContextActivitySensorTest, FailedUnsubscriptionIsLoggedAndTheSensorIdle)

@@ -105,6 +105,7 @@ TEST_F(ContextGestureSensorTest, StopWithoutStartUnsubscribesAnyway)
 
     EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("context_unset_changed_callback(1)"));
     EXPECT_EQ(-1, mSensor->mChangedRequestId);
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
 TEST_F(ContextGestureSensorTest, FailedUnsubscriptionIsLoggedAndTheSensorIdle)

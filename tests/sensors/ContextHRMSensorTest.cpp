@@ -123,6 +123,7 @@ TEST_F(ContextHRMSensorTest, StopWithoutStartUnsubscribesAnyway)
 
     EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("context_unset_changed_callback(7)"));
     EXPECT_EQ(-1, mSensor->mChangedRequestId);
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
 TEST_F(ContextHRMSensorTest, FailedUnsubscriptionIsLoggedAndTheSensorIdle)

@@ -1,6 +1,7 @@
 #include "ContextManagerProxy.h"
 
 #include <memory>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -67,7 +68,11 @@ TEST_F(ContextManagerProxyTest, TypesWithoutASensorAreRefusedWithALine)
     mProxy.RegisterSensorListner(SensorType(77), mFirst);
 
     EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
-    EXPECT_THAT(mPlatform.TakeLog(), SizeIs(3));
+    const auto refused = [](const std::string &type) {
+        return WarningLine("ContextManagerProxy: RegisterSensorListner(*)",
+                           "Try to register the sensor that is not supported [type: " + type + "]");
+    };
+    EXPECT_THAT(mPlatform.TakeLog(), ElementsAre(refused("5"), refused("0"), refused("77")));
 }
 
 TEST_F(ContextManagerProxyTest, TwoListenersShareOneSensorThatIsStartedOnce)
@@ -340,6 +345,20 @@ TEST_F(ContextManagerProxyTest, ListenerMayUnregisterInsideTheSubscriptionItself
     mProxy.RegisterSensorListner(SensorType::HRM, mFirst);
     mPlatform.DeliverContext(7, HeartRate(65));
     EXPECT_THAT(mFirst->mUpdated, SizeIs(2));
+}
+
+TEST_F(ContextManagerProxyTest, SensorThatLosesItsListenerWhileItStartsIsStoppedWhenItHasStarted)
+{
+    mPlatform.DeliverDuringSubscription(7, HeartRate(64));
+    mFirst->mInsideUpdated = [this] {
+        mProxy.UnregisterSensorListner(SensorType::HRM, mFirst.get());
+        EXPECT_THAT(mPlatform.TakeCallsOf("context_unset_changed_callback"), IsEmpty());
+    };
+
+    mProxy.RegisterSensorListner(SensorType::HRM, mFirst);
+
+    EXPECT_THAT(mFirst->mUpdated, SizeIs(1));
+    EXPECT_THAT(mPlatform.TakeCallsOf("context_unset_changed_callback"), SizeIs(1));
 }
 
 TEST_F(ContextManagerProxyTest, ListenerMayAskAgainInsideTheAnswerToItsQuery)

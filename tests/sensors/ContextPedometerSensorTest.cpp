@@ -139,6 +139,7 @@ TEST_F(ContextPedometerSensorTest, StopWithoutStartUnsubscribesAnyway)
 
     EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("context_unset_changed_callback(2)"));
     EXPECT_EQ(-1, mSensor->mChangedRequestId);
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
 TEST_F(ContextPedometerSensorTest, FailedUnsubscriptionIsLoggedAndTheSensorIdle)
@@ -478,6 +479,7 @@ TEST_F(ContextPedometerSensorTest, OptionHoldsGenderHeightAndWeight)
                             "context_option_add_value_int(CONTEXT_PEDOMETER_GENDER, 2)",
                             "context_option_add_value_double(CONTEXT_PEDOMETER_HEIGHT, 171.5)",
                             "context_option_add_value_double(CONTEXT_PEDOMETER_WEIGHT, 63.25)"));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
     std::free(option);
 }
 
