@@ -131,6 +131,7 @@ ExpectedLine LinkLine(int priority, const char *function, const std::string &mes
 }
 
 // The first line after a failed call; none where a failure is nobody's concern.
+// NOLINTNEXTLINE(readability-function-*): a table of calls and their lines
 std::optional<ExpectedLine> ExpectedFirstLine(const std::string &call, int code)
 {
     const std::string function = NameOf(call);

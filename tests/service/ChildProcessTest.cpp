@@ -11,7 +11,7 @@ namespace {
 TEST(ChildProcessTest, ResultOfTheChildIsHandedOver)
 {
     const std::string text(100000, 'x');
-    EXPECT_EQ(text, InChildProcess("point", [&text] { return text; }));
+    EXPECT_EQ(text, InChildProcess("point", [&text] { return std::string(text); }));
 }
 
 TEST(ChildProcessTest, ChildThatDiesFailsTheTestWithItsPoint)

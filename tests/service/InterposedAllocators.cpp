@@ -30,6 +30,8 @@ void *__wrap_calloc(std::size_t count, std::size_t size)
     return Parvane::Allocation::Fails(count * size) ? nullptr : __real_calloc(count, size);
 }
 
+// NOLINTEND(bugprone-reserved-identifier,readability-*)
+
 } // extern "C"
 
 void *operator new(std::size_t size)
@@ -76,7 +78,7 @@ void operator delete[](void *block, std::size_t /*size*/) noexcept
 
 extern "C" {
 
-// The C library's own, under the names that stay with it.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-*): the C library's own, under their names
 void *__libc_malloc(std::size_t size);
 void *__libc_calloc(std::size_t count, std::size_t size);
 void *__libc_realloc(void *block, std::size_t size);

@@ -321,6 +321,21 @@ void PrintTo(const Scenario &scenario, std::ostream *stream)
     *stream << scenario.mName;
 }
 
+namespace {
+
+/** Whatever has failed, no line of the log and no stored total is made of parts. */
+void ExpectWhole(const std::vector<LogLine> &log, const std::optional<std::string> &total)
+{
+    for (const LogLine &line : log) {
+        EXPECT_TRUE(IsWellFormed(line)) << testing::PrintToString(line);
+    }
+    if (total && total != "damaged 1e") {
+        EXPECT_TRUE(IsWholeValue(*total)) << *total;
+    }
+}
+
+} // namespace
+
 LifeRecord Live(const Scenario &scenario, const Disturbance &disturbance)
 {
     LifeRecord record;
@@ -380,13 +395,7 @@ LifeRecord Live(const Scenario &scenario, const Disturbance &disturbance)
     record.mExitRequests = platform.ExitRequests();
     record.mFailedCalls = platform.FailedCalls();
     record.mLog = platform.TakeLog();
-    for (const LogLine &line : record.mLog) {
-        EXPECT_TRUE(IsWellFormed(line)) << testing::PrintToString(line);
-    }
-    const auto value = platform.StringPreference("Parvane/data/pedometer/value");
-    if (value && value != "damaged 1e") {
-        EXPECT_TRUE(IsWholeValue(*value)) << *value;
-    }
+    ExpectWhole(record.mLog, platform.StringPreference("Parvane/data/pedometer/value"));
     return record;
 }
 

@@ -1,5 +1,6 @@
 #include "Sweep.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -16,8 +17,8 @@ namespace {
 int Stride()
 {
     const char *const text = std::getenv("PARVANE_SWEEP_STRIDE");
-    const int stride = text == nullptr ? 1 : std::atoi(text);
-    return stride < 1 ? 1 : stride;
+    const long stride = text == nullptr ? 1 : std::strtol(text, nullptr, 10);
+    return static_cast<int>(std::max(stride, 1L));
 }
 
 std::string Digits(const Bytes &bytes)

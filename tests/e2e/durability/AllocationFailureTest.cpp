@@ -32,8 +32,9 @@ constexpr std::chrono::seconds kLimit(20);
 int Stride()
 {
     const char *const text = std::getenv("PARVANE_SWEEP_STRIDE");
-    const int stride = text == nullptr ? ALLOCATIONS_BETWEEN_FAILURES : std::atoi(text);
-    return std::max(stride, 1);
+    const long stride =
+        text == nullptr ? ALLOCATIONS_BETWEEN_FAILURES : std::strtol(text, nullptr, 10);
+    return static_cast<int>(std::max(stride, 1L));
 }
 
 } // namespace
@@ -48,7 +49,9 @@ protected:
         std::vector<std::string> rows;
         for (int i = 0; i < 200; ++i) {
             const std::string steps = std::to_string(i * 10);
-            rows.push_back(steps + ",70," + steps + "," + steps + ",0,,,,2,");
+            std::string row = steps;
+            row.append(",70,").append(steps).append(",").append(steps).append(",0,,,,2,");
+            rows.push_back(std::move(row));
         }
         mRecording = WriteRecording(rows);
     }

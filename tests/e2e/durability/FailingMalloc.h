@@ -1,7 +1,7 @@
 #ifndef PARVANE_FAILING_MALLOC_H
 #define PARVANE_FAILING_MALLOC_H
 
-#include <stdint.h>
+#include <stdint.h> // NOLINT(modernize-deprecated-headers): a header of C
 
 /**
  * @file
@@ -11,6 +11,7 @@
  * Which allocations fail is in PARVANE_FAIL_MALLOC: "N" for the N-th from the start of the process,
  * "N+" for it and all later ones.
  */
+// NOLINTBEGIN(readability-identifier-naming): names of C
 struct FailingMallocReport
 {
     /** Allocations so far. */
@@ -18,5 +19,6 @@ struct FailingMallocReport
     /** Whether the stack has been used up by GLib, which calls itself. */
     int64_t has_overflown_in_glib;
 };
+// NOLINTEND(readability-identifier-naming)
 
 #endif
