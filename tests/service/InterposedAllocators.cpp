@@ -30,8 +30,6 @@ void *__wrap_calloc(std::size_t count, std::size_t size)
     return Parvane::Allocation::Fails(count * size) ? nullptr : __real_calloc(count, size);
 }
 
-// NOLINTEND(bugprone-reserved-identifier,readability-*)
-
 } // extern "C"
 
 void *operator new(std::size_t size)
@@ -82,6 +80,7 @@ extern "C" {
 void *__libc_malloc(std::size_t size);
 void *__libc_calloc(std::size_t count, std::size_t size);
 void *__libc_realloc(void *block, std::size_t size);
+// NOLINTEND(bugprone-reserved-identifier,readability-*)
 
 void *malloc(std::size_t size) noexcept
 {
@@ -92,22 +91,22 @@ void *malloc(std::size_t size) noexcept
     return __libc_malloc(size);
 }
 
-void *calloc(std::size_t count, std::size_t size) noexcept
+void *calloc(std::size_t nmemb, std::size_t size) noexcept
 {
-    if (Parvane::Allocation::Fails(count * size)) {
+    if (Parvane::Allocation::Fails(nmemb * size)) {
         errno = ENOMEM;
         return nullptr;
     }
-    return __libc_calloc(count, size);
+    return __libc_calloc(nmemb, size);
 }
 
-void *realloc(void *block, std::size_t size) noexcept
+void *realloc(void *ptr, std::size_t size) noexcept
 {
     if (Parvane::Allocation::Fails(size)) {
         errno = ENOMEM;
         return nullptr;
     }
-    return __libc_realloc(block, size);
+    return __libc_realloc(ptr, size);
 }
 
 } // extern "C"
