@@ -93,7 +93,8 @@ bool Allocate()
     ScriptedPlatform::AsService([&isMade] {
         try {
             const auto block = std::make_unique<std::array<char, 64>>();
-            isMade = block != nullptr;
+            const void *volatile const seen = block.get(); // or it need not be made at all
+            isMade = seen != nullptr;
         } catch (const std::bad_alloc &) {
         }
     });
