@@ -1140,13 +1140,18 @@ TEST_F(ConnectionManagerTest, LinkMayGoDownWhileAMessageIsBeingSent)
 
 TEST_F(ConnectionManagerTest, TraceShowsPositionsInDecimalAndBytesInHexadecimal)
 {
-    const uint8_t bytes[] = {0x14, 0x02, 0xFF};
-    EXPECT_EQ("00 14 01 02 02 ff ", ConnectionManager::FormatTrace(bytes, 3));
-    EXPECT_EQ("", ConnectionManager::FormatTrace(bytes, 0));
-
-    const Bytes longer(11, 0xA5);
+    const auto trace = [](const Bytes &bytes) {
+        std::string text;
+        ConnectionManager::AppendTrace(text, bytes.data(), static_cast<int32_t>(bytes.size()));
+        return text;
+    };
+    EXPECT_EQ("00 14 01 02 02 ff ", trace({0x14, 0x02, 0xFF}));
+    EXPECT_EQ("", trace({}));
     EXPECT_EQ("00 a5 01 a5 02 a5 03 a5 04 a5 05 a5 06 a5 07 a5 08 a5 09 a5 10 a5 ",
-              ConnectionManager::FormatTrace(longer.data(), 11));
+              trace(Bytes(11, 0xA5)));
+
+    const std::string longer = trace(Bytes(102, 0x7E));
+    EXPECT_EQ("98 7e 99 7e 100 7e 101 7e ", longer.substr(longer.find("98 ")));
 }
 
 } // namespace

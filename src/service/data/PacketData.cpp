@@ -21,10 +21,14 @@ void StoreBigEndian(uint8_t *target, uint32_t value, std::size_t length)
 
 uint8_t *PacketData::Allocate(uint32_t size)
 {
-    mBuffer.reset(static_cast<uint8_t *>(std::calloc(size, 1)));
+    // Cleared here: calloc() does not take from the blocks that were given back last.
+    mBuffer.reset(static_cast<uint8_t *>(std::malloc(size)));
     if (!mBuffer && size != 0) {
         mSize = 0;
         throw std::bad_alloc();
+    }
+    if (size != 0) {
+        std::memset(mBuffer.get(), 0, size);
     }
     mSize = size;
     return mBuffer.get();

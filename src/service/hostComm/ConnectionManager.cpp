@@ -1,5 +1,7 @@
 #include "ConnectionManager.h"
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -67,6 +69,25 @@ int ReadConnStatus()
     int status = -1;
     return vconf_get_int(kConnStatusKey, &status) == 0 ? status : -1;
 }
+
+// The trace of a message: "00 14 01 02 " is one of two bytes.
+constexpr int32_t kTwoDigitPositions = 100;
+constexpr std::size_t kCharactersPerByte = 6;
+constexpr std::size_t kDigitsOffset = 3;
+constexpr char kDigits[] = "0123456789abcdef";
+
+using TwoDigitTrace = std::array<char, kTwoDigitPositions * kCharactersPerByte>;
+
+// A trace whose bytes are still blank.
+constexpr TwoDigitTrace kEmptyTrace = [] {
+    TwoDigitTrace trace = {};
+    trace.fill(' ');
+    for (std::size_t position = 0; position < kTwoDigitPositions; ++position) {
+        trace[position * kCharactersPerByte] = static_cast<char>('0' + position / 10);
+        trace[position * kCharactersPerByte + 1] = static_cast<char>('0' + position % 10);
+    }
+    return trace;
+}();
 
 const char *SendFailureText(int result)
 {
@@ -209,7 +230,7 @@ void ConnectionManager::FindAgentPeer()
     }
 }
 
-void ConnectionManager::SendToHost(const uint8_t *data, int32_t size) const
+void ConnectionManager::SendToHost(const uint8_t *data, int32_t size)
 {
     try {
         if (data == nullptr) {
@@ -218,8 +239,8 @@ void ConnectionManager::SendToHost(const uint8_t *data, int32_t size) const
         if (!mIsServiceConnected) {
             ThrowFailure(__func__, "mIsServiceConnected is false");
         }
-        // Never logged; in a debugger it shows the message that is being sent.
-        [[maybe_unused]] const std::string trace = FormatTrace(data, size);
+        mTrace.clear();
+        AppendTrace(mTrace, data, size);
         if (size >= kMaxMessageSize) {
             PARVANE_ERROR("Message goes over max size(%d) but input size (%d)\n",
                           static_cast<int>(kMaxMessageSize), static_cast<int>(size));
@@ -235,33 +256,26 @@ void ConnectionManager::SendToHost(const uint8_t *data, int32_t size) const
     }
 }
 
-std::string ConnectionManager::FormatTrace(const uint8_t *data, int32_t size)
+void ConnectionManager::AppendTrace(std::string &trace, const uint8_t *data, int32_t size)
 {
-    constexpr std::size_t kCharactersPerByte = 6;
-    constexpr const char *kDigits = "0123456789abcdef";
-    std::string trace;
-    if (size > 0) {
-        trace.reserve(static_cast<std::size_t>(size) * kCharactersPerByte);
-    }
-    for (int32_t position = 0; position < size; ++position) {
-        if (position < 100) {
-            // Most messages have no more; in one go for each byte, because this is done for every one.
-            const char text[] = {static_cast<char>('0' + position / 10),
-                                 static_cast<char>('0' + position % 10),
-                                 ' ',
-                                 kDigits[data[position] >> 4U],
-                                 kDigits[data[position] & 0x0FU],
-                                 ' '};
-            trace.append(text, sizeof text);
-            continue;
+    // Most messages are no longer than that; they are written in one go, because each one is traced.
+    const int32_t inOneGo = std::min(size, kTwoDigitPositions);
+    if (inOneGo > 0) {
+        const std::size_t begin = trace.size();
+        trace.append(kEmptyTrace.data(), static_cast<std::size_t>(inOneGo) * kCharactersPerByte);
+        char *digits = trace.data() + begin + kDigitsOffset;
+        for (int32_t position = 0; position < inOneGo; ++position, digits += kCharactersPerByte) {
+            digits[0] = kDigits[data[position] >> 4U];
+            digits[1] = kDigits[data[position] & 0x0FU];
         }
+    }
+    for (int32_t position = kTwoDigitPositions; position < size; ++position) {
         trace += std::to_string(position);
         trace += ' ';
         trace += kDigits[data[position] >> 4U];
         trace += kDigits[data[position] & 0x0FU];
         trace += ' ';
     }
-    return trace;
 }
 
 void ConnectionManager::TerminateTALConnection()

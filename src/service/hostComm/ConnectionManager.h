@@ -59,13 +59,13 @@ public:
      * A null pointer, a missing connection and a message of kMaxMessageSize or more are logged; the
      * send is attempted all the same. Its failure is logged and not reported.
      */
-    void SendToHost(const uint8_t *data, int32_t size) const;
+    void SendToHost(const uint8_t *data, int32_t size);
 
     /** Ends the connection and the registration and tells the listener. */
     void TerminateTALConnection();
 
-    /** Positions in decimal and bytes in hexadecimal, two digits and a blank each. */
-    static std::string FormatTrace(const uint8_t *data, int32_t size);
+    /** Adds positions in decimal and bytes in hexadecimal, two digits and a blank each. */
+    static void AppendTrace(std::string &trace, const uint8_t *data, int32_t size);
 
 private:
     ConnectionManager();
@@ -95,6 +95,9 @@ private:
     ConnectionEventListener *mListener = nullptr;
     uint32_t mRetryDelay = 0;
     int32_t mFindPeerCount = 0;
+
+    /** The message that was sent last. Never logged; it is there for a debugger and a core dump. */
+    std::string mTrace;
 
     bool mIsInitializing = false;
     bool mIsTerminating = false;
