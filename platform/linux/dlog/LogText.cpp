@@ -1,6 +1,6 @@
 #include "LogText.h"
 
-#include <algorithm>
+#include <array>
 
 namespace ParvanePlatform {
 
@@ -31,16 +31,31 @@ bool IsLineTail(std::string_view text)
     return true;
 }
 
-bool IsControl(unsigned char byte)
+constexpr bool IsControl(unsigned char byte)
 {
     return byte < 0x20 || byte == 0x7f;
 }
 
-/** True for control characters, and for the first byte of those that have two. */
-bool MayBeControl(char character)
+constexpr std::array<bool, 256> MakeSpecialBytes()
 {
-    const auto byte = static_cast<unsigned char>(character);
-    return IsControl(byte) || byte == 0xc2;
+    std::array<bool, 256> isSpecial = {};
+    for (unsigned byte = 0; byte < isSpecial.size(); ++byte) {
+        isSpecial[byte] = IsControl(static_cast<unsigned char>(byte)) || byte == 0xc2;
+    }
+    return isSpecial;
+}
+
+/** The control characters, and the first byte of those that have two. */
+constexpr std::array<bool, 256> kIsSpecial = MakeSpecialBytes();
+
+/** How many bytes `text` has before the first one that may be a control character. */
+std::size_t PlainLength(std::string_view text)
+{
+    std::size_t length = 0;
+    while (length < text.size() && !kIsSpecial[static_cast<unsigned char>(text[length])]) {
+        ++length;
+    }
+    return length;
 }
 
 void AddEscaped(LogText &line, unsigned char byte)
@@ -94,8 +109,7 @@ void LogText::AddMessage(std::string_view text, LogColours colours)
 {
     while (!text.empty()) {
         // Most of a message is neither a control character nor the beginning of one.
-        const auto plain = static_cast<std::size_t>(
-            std::find_if(text.begin(), text.end(), MayBeControl) - text.begin());
+        const std::size_t plain = PlainLength(text);
         Add(text.substr(0, plain));
         text.remove_prefix(plain);
         if (text.empty()) {
