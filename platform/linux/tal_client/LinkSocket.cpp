@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -87,13 +88,8 @@ int ListeningSocket::Accept(UniqueFd &connection) const
 
 int HostSocket::Prepare() const
 {
-    const int on = 1;
     const int bytes = kSendBufferBytes;
-    if (::setsockopt(mFd.Get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0 ||
-        ::setsockopt(mFd.Get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) != 0) {
-        return errno;
-    }
-    return 0;
+    return ::setsockopt(mFd.Get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) == 0 ? 0 : errno;
 }
 
 bool HostSocket::Peer::IsTrusted() const
@@ -117,18 +113,18 @@ bool HostSocket::HasHungUp() const
     return ::poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
 }
 
+bool HostSocket::HasEnded() const
+{
+    int bytesLeft = 0;
+    return HasHungUp() && (::ioctl(mFd.Get(), FIONREAD, &bytesLeft) != 0 || bytesLeft == 0);
+}
+
 HostSocket::Received HostSocket::Receive(std::span<unsigned char> buffer, std::size_t &size) const
 {
-    iovec part = {buffer.data(), buffer.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))] = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
     ssize_t count = 0;
     do {
-        count = ::recvmsg(mFd.Get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+        // Told the length of the whole message, which shows when it is longer than the buffer.
+        count = ::recv(mFd.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     } while (count < 0 && errno == EINTR);
     if (count < 0) {
         switch (errno) {
@@ -142,12 +138,11 @@ HostSocket::Received HostSocket::Receive(std::span<unsigned char> buffer, std::s
             return Received::End;
         }
     }
-    if ((message.msg_flags & MSG_TRUNC) != 0) {
-        return Received::TooLong;
-    }
     if (count == 0) {
-        // Every message brings the sender's name, the end of the connection brings nothing.
-        return message.msg_controllen > 0 ? Received::Empty : Received::End;
+        return HasEnded() ? Received::End : Received::Empty;
+    }
+    if (static_cast<std::size_t>(count) > buffer.size()) {
+        return Received::TooLong;
     }
     size = static_cast<std::size_t>(count);
     return Received::Message;

@@ -50,7 +50,7 @@ public:
     explicit operator bool() const { return static_cast<bool>(mFd); }
     void Close() { mFd.Reset(); }
 
-    /** Sets the buffer size, and that messages bring the sender's name. @return 0 or errno */
+    /** Sets the buffer size. @return 0 or errno */
     int Prepare() const;
 
     /** A process at the other end, as it was when it connected. */
@@ -80,7 +80,10 @@ public:
         Nothing,
         /** The host has gone without reading everything; messages of it may follow. */
         Error,
-        /** The host has closed its end, and everything has been read. */
+        /**
+         * The host has closed its end, and everything has been read: everything but messages without
+         * a byte, which look the same when nothing follows them.
+         */
         End
     };
 
@@ -96,6 +99,9 @@ public:
     int Send(const void *data, std::size_t size) const;
 
 private:
+    /** True when the host has closed its end and no byte of it is left. */
+    bool HasEnded() const;
+
     UniqueFd mFd;
 };
 

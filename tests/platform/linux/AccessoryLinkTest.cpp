@@ -562,6 +562,19 @@ TEST_F(AccessoryLinkTest, EmptyMessageIsDroppedAndIsNoEnd)
     EXPECT_THAT(WaitFor("data x"), ElementsAre("data x"));
 }
 
+TEST_F(AccessoryLinkTest, EmptyMessageOfAHostThatHasGoneIsNotTheEndOfWhatItHasSent)
+{
+    StartService();
+    {
+        const RawHost host(Socket());
+        WaitFor("connected");
+        host.Send("");
+        host.Send("x");
+        host.Send("");
+    }
+    EXPECT_THAT(WaitFor("key 0"), ElementsAre("data x", "terminated", "key 0"));
+}
+
 TEST_F(AccessoryLinkTest, MessageThatIsTooLongIsDroppedAndTheHostStays)
 {
     StartService();
