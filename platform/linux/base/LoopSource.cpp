@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "RuntimeLog.h"
+#include "SeldomReady.h"
 
 namespace ParvanePlatform {
 
@@ -103,7 +104,9 @@ GSource *MakeSource(std::unique_ptr<Work> work, int priority)
 
 } // namespace
 
-LoopSource::LoopSource(LoopSource &&other) noexcept : mSource(std::exchange(other.mSource, nullptr))
+LoopSource::LoopSource(LoopSource &&other) noexcept
+    : mSource(std::exchange(other.mSource, nullptr)),
+      mSeldomId(std::exchange(other.mSeldomId, std::nullopt))
 {}
 
 LoopSource &LoopSource::operator=(LoopSource &&other) noexcept
@@ -111,6 +114,7 @@ LoopSource &LoopSource::operator=(LoopSource &&other) noexcept
     if (this != &other) {
         Remove();
         mSource = std::exchange(other.mSource, nullptr);
+        mSeldomId = std::exchange(other.mSeldomId, std::nullopt);
     }
     return *this;
 }
@@ -123,6 +127,13 @@ LoopSource LoopSource::WatchFd(int fd, GIOCondition events, Handler handler)
     g_source_add_unix_fd(source, fd, events);
     g_source_attach(source, nullptr);
     return LoopSource(source);
+}
+
+LoopSource LoopSource::WatchSeldom(int fd, GIOCondition events, const Handler &handler)
+{
+    LoopSource source;
+    source.mSeldomId = SeldomReady::Watch(fd, events, handler);
+    return source.mSeldomId ? std::move(source) : WatchFd(fd, events, handler);
 }
 
 LoopSource LoopSource::Post(Handler handler)
@@ -158,11 +169,14 @@ void LoopSource::Remove()
         g_source_destroy(source);
         g_source_unref(source);
     }
+    if (const auto id = std::exchange(mSeldomId, std::nullopt)) {
+        SeldomReady::Forget(*id);
+    }
 }
 
 bool LoopSource::IsActive() const
 {
-    return mSource != nullptr && g_source_is_destroyed(mSource) == FALSE;
+    return mSeldomId || (mSource != nullptr && g_source_is_destroyed(mSource) == FALSE);
 }
 
 void LoopTimer::Arm(std::int64_t dueUs, std::function<void()> handler)

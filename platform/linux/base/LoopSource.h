@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include <glib.h>
 
@@ -31,6 +32,12 @@ public:
     /** Calls `handler` in each turn of the loop in which one of `events` is true of `fd`. */
     static LoopSource WatchFd(int fd, GIOCondition events, Handler handler);
 
+    /**
+     * The same, for a descriptor that is seldom ready: the loop's turns cost the same however many of
+     * these there are (SeldomReady.h).
+     */
+    static LoopSource WatchSeldom(int fd, GIOCondition events, const Handler &handler);
+
     /** Calls `handler` once, in the next turn of the loop. */
     static LoopSource Post(Handler handler);
 
@@ -50,6 +57,8 @@ private:
     explicit LoopSource(GSource *source) : mSource(source) {}
 
     GSource *mSource = nullptr;
+    /** In place of mSource, for a descriptor that is seldom ready. */
+    std::optional<std::uint64_t> mSeldomId;
 };
 
 /** A one-shot alarm that can be set again and again. An interface, so that tests need no time. */

@@ -52,7 +52,9 @@ std::size_t ControlServer::ClientCount() const
 
 void ControlServer::WatchListener()
 {
-    mListenerSource = LoopSource::WatchFd(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
+    mListenerSource.Remove();
+    mListenerSource =
+        LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
 }
 
 void ControlServer::OnListenerReady()

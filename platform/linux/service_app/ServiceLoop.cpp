@@ -42,7 +42,7 @@ SignalGuard::~SignalGuard()
 
 void SignalGuard::Watch(std::function<void()> handler)
 {
-    mSource = LoopSource::WatchFd(mFd.Get(), G_IO_IN, [this, handler = std::move(handler)] {
+    mSource = LoopSource::WatchSeldom(mFd.Get(), G_IO_IN, [this, handler = std::move(handler)] {
         if (const int signal = Take(); signal != 0) {
             LogInfo("signal %d: ending", signal);
             handler();

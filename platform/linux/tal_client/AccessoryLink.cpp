@@ -203,7 +203,9 @@ AccessoryLink::LinkStatus AccessoryLink::Status() const
 
 void AccessoryLink::WatchListener()
 {
-    mListenerSource = LoopSource::WatchFd(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
+    mListenerSource.Remove();
+    mListenerSource =
+        LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
 }
 
 void AccessoryLink::OnListenerReady()

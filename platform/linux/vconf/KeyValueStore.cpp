@@ -166,7 +166,7 @@ void KeyValueStore::OpenInotify()
                  ErrorText(errno).c_str());
         return;
     }
-    mInotifySource = LoopSource::WatchFd(mInotify.Get(), G_IO_IN, [this] { OnInotify(); });
+    mInotifySource = LoopSource::WatchSeldom(mInotify.Get(), G_IO_IN, [this] { OnInotify(); });
 }
 
 void KeyValueStore::FollowDirectories()

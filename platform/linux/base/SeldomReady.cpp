@@ -1,0 +1,72 @@
+#include "SeldomReady.h"
+
+#include <array>
+#include <sys/epoll.h>
+#include <utility>
+
+namespace ParvanePlatform {
+
+namespace {
+
+/** More than there are at a time; those that are left over are told in the next turn. */
+constexpr int kMostInOneTurn = 8;
+
+} // namespace
+
+std::unique_ptr<SeldomReady> SeldomReady::sInstance;
+SeldomReady::Id SeldomReady::sLastId = 0;
+
+SeldomReady::SeldomReady() : mEpoll(::epoll_create1(EPOLL_CLOEXEC))
+{
+    if (mEpoll) {
+        mSource = LoopSource::WatchFd(mEpoll.Get(), G_IO_IN, [] { CallReady(); });
+    }
+}
+
+std::optional<SeldomReady::Id> SeldomReady::Watch(int fd, GIOCondition events,
+                                                  LoopSource::Handler handler)
+{
+    if (!sInstance) {
+        sInstance.reset(new SeldomReady());
+    }
+    const Id id = ++sLastId;
+    auto &entries = sInstance->mEntries;
+    entries.emplace(id, Entry{fd, std::make_shared<const LoopSource::Handler>(std::move(handler))});
+    epoll_event event = {};
+    event.events = events; // the same bits for poll() and epoll
+    event.data.u64 = id;
+    if (::epoll_ctl(sInstance->mEpoll.Get(), EPOLL_CTL_ADD, fd, &event) == 0) {
+        return id;
+    }
+    entries.erase(id);
+    if (entries.empty()) {
+        sInstance.reset();
+    }
+    return std::nullopt;
+}
+
+void SeldomReady::Forget(Id id)
+{
+    const auto entry = sInstance->mEntries.find(id);
+    ::epoll_ctl(sInstance->mEpoll.Get(), EPOLL_CTL_DEL, entry->second.mFd, nullptr);
+    sInstance->mEntries.erase(entry);
+    if (sInstance->mEntries.empty()) {
+        sInstance.reset();
+    }
+}
+
+void SeldomReady::CallReady()
+{
+    std::array<epoll_event, kMostInOneTurn> ready = {};
+    const int count = ::epoll_wait(sInstance->mEpoll.Get(), ready.data(), kMostInOneTurn, 0);
+    for (int i = 0; i < count && sInstance; ++i) {
+        // An earlier call may have ended this one, and the set with it.
+        const auto entry = sInstance->mEntries.find(ready[static_cast<unsigned>(i)].data.u64);
+        if (entry != sInstance->mEntries.end()) {
+            const auto handler = entry->second.mHandler;
+            (*handler)(); // what it throws is logged above; the others are called in the next turn
+        }
+    }
+}
+
+} // namespace ParvanePlatform
