@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -47,35 +49,20 @@ const std::array kKeys = {CONTEXT_HRM_HEART_RATE,
                           CONTEXT_PEDOMETER_CUMULATIVE_CALORIE,
                           CONTEXT_PEDOMETER_SPEED};
 
-constexpr std::array kFunctions = {"preference_get_boolean",
-                                   "preference_set_boolean",
-                                   "preference_get_int",
-                                   "preference_set_int",
-                                   "preference_get_string",
-                                   "preference_set_string",
-                                   "preference_is_existing",
-                                   "context_set_changed_callback",
-                                   "context_unset_changed_callback",
-                                   "context_get_context",
-                                   "context_option_new",
-                                   "context_option_add_value_int",
-                                   "context_option_add_value_double",
-                                   "context_context_data_get_int",
-                                   "context_context_data_get_double",
-                                   "context_context_data_get_timestamp",
-                                   "vconf_get_int",
-                                   "bt_initialize",
-                                   "bt_deinitialize",
-                                   "bt_adapter_get_address",
-                                   "power_lock_state",
-                                   "registerNotifications",
-                                   "deregisterNotifications",
-                                   "registerServiceAgent",
-                                   "deRegisterServiceAgent",
-                                   "findPeerAgent",
-                                   "acceptServiceConnection",
-                                   "terminateServiceConnection",
-                                   "sendData"};
+/**
+ * The functions that an input may choose: all that can fail, but for the two that a service calls once
+ * in the life of its process, as which this one has many services.
+ */
+const std::vector<const char *> kFunctions = [] {
+    std::vector<const char *> functions;
+    for (const char *const function : ScriptedPlatform::FallibleFunctions()) {
+        const std::string_view name = function;
+        if (name != "service_app_main" && name != "vconf_notify_key_changed") {
+            functions.push_back(function);
+        }
+    }
+    return functions;
+}();
 
 constexpr std::array kZones = {"UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "<+1245>-12:45", "EST5EDT"};
 

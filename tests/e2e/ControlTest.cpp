@@ -9,19 +9,19 @@
 #include <unistd.h>
 #include <vector>
 
+#include "Requests.h"
 #include "ServiceFixture.h"
 
 using nlohmann::json;
+using Parvane::Request::kActivityStopped;
+using Parvane::Request::kMeasureHeartRate;
+using Parvane::Request::kStartActivity;
+using Parvane::Request::kStopActivity;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
 namespace {
-
-const Bytes kStopRequest = {0x04, 0x00, 0x00, 0x01};
-const Bytes kStopReply = {0x04, 0x02, 0x00, 0x01};
-const Bytes kHeartRateRequest = {0x02, 0x00, 0x00, 0x03};
-const Bytes kActivityRequest = {0x03, 0x00, 0x00, 0x01, 0x00};
 
 /** How a run of the command ended, and what it said. */
 struct Said
@@ -113,7 +113,7 @@ TEST_F(ControlTest, StatusSaysWhatKeepsTheHeartRateSensorOnAndSinceWhen)
     StartAndWait({{"PARVANE_TRACE", WriteRecording({"0,70,,,,,,,,", "100,72,,,,,,,,"})}});
     EXPECT_EQ(StatusLine("heart rate"), "heart rate  off, source replay, no readings");
     const Host host(LinkPath());
-    host.Send(kHeartRateRequest);
+    host.Send(kMeasureHeartRate);
     ASSERT_TRUE(Eventually([this] { return Item("heart_rate").at("delivered") > 0; }));
 
     EXPECT_THAT(StatusLine("heart rate"),
@@ -146,7 +146,7 @@ TEST_F(ControlTest, RefusedAndQueuedOutMessagesAreCounted)
 {
     StartAndWait();
     const Host host(LinkPath());
-    ASSERT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    ASSERT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     ASSERT_TRUE(Host(LinkPath()).IsClosed());
     for (int request = 0; request < 2000; ++request) {
         ASSERT_TRUE(Eventually([&] { return host.TrySend({0x01, 0x00, 0x00, 0x00}); }));
@@ -164,19 +164,19 @@ TEST_F(ControlTest, LinkGoesDownForTheHostAndComesBackForTheNext)
     StartAndWait();
     const std::filesystem::path key = mRunDirectory / "memory/private/tal/conn_status";
     const Host host(LinkPath());
-    ASSERT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    ASSERT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
 
     EXPECT_EQ(Watch({"link", "down"}).mStatus, 0);
     EXPECT_TRUE(host.IsClosed());
     EXPECT_EQ(ReadFile(key), "0\n");
     EXPECT_THAT(StatusLine("link"), HasSubstr("down, key 0, host state none"));
     const Host next(LinkPath());
-    next.Send(kStopRequest);
+    next.Send(kStopActivity);
     EXPECT_EQ(Status().at("host"), nullptr);
     EXPECT_EQ(ReadFile(key), "0\n");
 
     EXPECT_EQ(Watch({"link", "up"}).mStatus, 0);
-    EXPECT_EQ(next.Receive(), kStopReply);
+    EXPECT_EQ(next.Receive(), kActivityStopped);
     EXPECT_EQ(ReadFile(key), "1\n");
     EXPECT_EQ(StopService(), 0);
 }
@@ -246,7 +246,7 @@ TEST_F(ControlTest, ARecordingHasEveryReadingAndEndsWithTheService)
     Process record({PARVANE_WATCH_PROGRAM, "record", file}, BaseEnvironment(), mFolder.Path());
     ASSERT_TRUE(mService->HasLogged("records"));
     const Host host(LinkPath());
-    ASSERT_EQ(host.Ask(kActivityRequest, 4).size(), 4U);
+    ASSERT_EQ(host.Ask(kStartActivity, 4).size(), 4U);
     const int delivered = Item("activity").at("delivered");
 
     EXPECT_EQ(Watch({"quit"}).mStatus, 0);
@@ -279,7 +279,7 @@ TEST_F(ManualControlTest, ActivityThatIsSetReachesTheHost)
     StartManual();
     ASSERT_EQ(Watch({"set", "activity", "walking"}).mStatus, 0);
     const Host host(LinkPath());
-    ASSERT_EQ(host.Ask(kActivityRequest, 1).size(), 1U);
+    ASSERT_EQ(host.Ask(kStartActivity, 1).size(), 1U);
     ASSERT_TRUE(Eventually([this] { return Item("activity").at("delivered") > 0; }));
 
     ASSERT_EQ(Watch({"set", "activity", "running"}).mStatus, 0);

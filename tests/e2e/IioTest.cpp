@@ -5,11 +5,13 @@
 #include <vector>
 
 #include "MockedSysfs.h"
+#include "Requests.h"
 #include "ServiceFixture.h"
+
+using Parvane::Request::kMeasureSteps;
 
 namespace {
 
-const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};
 const Bytes kStartActivity = {0x23, 0x00, 0x00, 0x01, 0x00};
 
 constexpr char kSteps[] = "in_steps_input";

@@ -1,14 +1,10 @@
+#include "Requests.h"
 #include "ServiceFixture.h"
 
+using Parvane::Request::kActivityStopped;
+using Parvane::Request::kListSensors;
+using Parvane::Request::kStopActivity;
 using ::testing::ElementsAre;
-
-namespace {
-
-const Bytes kListRequest = {0x01, 0x00, 0x00, 0x00};
-const Bytes kStopRequest = {0x04, 0x00, 0x00, 0x01};
-const Bytes kStopReply = {0x04, 0x02, 0x00, 0x01};
-
-} // namespace
 
 /** Hosts that come, go, push in and stop reading. */
 class LinkTest : public ServiceFixture
@@ -19,7 +15,7 @@ TEST_F(LinkTest, RequestThatIsSentBeforeTheServiceIsReadyIsAnswered)
     StartService();
     const Host host(LinkPath()); // connects at the first moment at which there is a socket
 
-    EXPECT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    EXPECT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
 }
 
 TEST_F(LinkTest, HostCanGoAndComeBackAgainAndAgain)
@@ -27,7 +23,7 @@ TEST_F(LinkTest, HostCanGoAndComeBackAgainAndAgain)
     StartService();
     for (int visit = 0; visit < 50; ++visit) {
         const Host host(LinkPath());
-        ASSERT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply)) << visit;
+        ASSERT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped)) << visit;
     }
     EXPECT_EQ(StopService(), 0);
 }
@@ -48,12 +44,12 @@ TEST_F(LinkTest, SecondHostIsClosedAndTheFirstNoticesNothing)
 {
     StartService();
     const Host first(LinkPath());
-    ASSERT_THAT(first.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    ASSERT_THAT(first.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
 
     const Host second(LinkPath());
 
     EXPECT_TRUE(second.IsClosed());
-    EXPECT_THAT(first.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    EXPECT_THAT(first.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
 }
 
 TEST_F(LinkTest, ActivityStaysStartedOverALinkDropUntilStopped)
@@ -68,7 +64,7 @@ TEST_F(LinkTest, ActivityStaysStartedOverALinkDropUntilStopped)
     ASSERT_EQ(host.Ask({0x03, 0x00, 0x00, 0x01, 0x00}, 1).size(), 1U);
     ASSERT_EQ(host.Receive(std::chrono::milliseconds(500)), std::nullopt);
 
-    EXPECT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    EXPECT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     EXPECT_EQ(host.Ask({0x03, 0x00, 0x00, 0x01, 0x00}, 4).size(), 4U);
 }
 
@@ -78,13 +74,13 @@ TEST_F(LinkTest, HostThatDoesNotReadHoldsNothingUp)
     const Host host(LinkPath());
     // Far more answers than the link's queue takes.
     for (int request = 0; request < 2000; ++request) {
-        ASSERT_TRUE(Eventually([&] { return host.TrySend(kListRequest); }));
+        ASSERT_TRUE(Eventually([&] { return host.TrySend(kListSensors); }));
     }
     ASSERT_TRUE(mService->HasLogged("Buffer full"));
     while (host.Receive(std::chrono::milliseconds(300))) {
     }
 
-    EXPECT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    EXPECT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
 }
 
 TEST_F(LinkTest, LinkStatusKeyTakesTheLinkDownAndTheNextHostBringsItUp)
@@ -92,13 +88,13 @@ TEST_F(LinkTest, LinkStatusKeyTakesTheLinkDownAndTheNextHostBringsItUp)
     StartService();
     const std::filesystem::path key = mRunDirectory / "memory/private/tal/conn_status";
     const Host host(LinkPath());
-    ASSERT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    ASSERT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     ASSERT_EQ(ReadFile(key).substr(0, 1), "1");
 
     WriteFile(key, "0");
 
     EXPECT_TRUE(host.IsClosed());
     const Host next(LinkPath());
-    EXPECT_THAT(next.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    EXPECT_THAT(next.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     EXPECT_EQ(ReadFile(key).substr(0, 1), "1");
 }

@@ -8,8 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "Requests.h"
 #include "ServiceFixture.h"
 
+using Parvane::Request::kMeasureSteps;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
@@ -22,7 +24,6 @@ constexpr uint8_t kActivity = 1;
 constexpr uint8_t kSteps = 2;
 constexpr uint8_t kHeartRate = 3;
 
-const Bytes kMeasureSteps = {0x02, 0x00, 0x00, kSteps};
 const Bytes kStopSteps = {0x04, 0x00, 0x00, kSteps};
 const Bytes kMeasureHeartRate = {0x12, 0x00, 0x00, kHeartRate};
 const Bytes kStartActivity = {0x23, 0x00, 0x00, kActivity, 0x00};

@@ -1,11 +1,12 @@
 #include <csignal>
 
+#include "Requests.h"
 #include "ServiceFixture.h"
 
-namespace {
+using Parvane::Request::kMeasureSteps;
+using Parvane::Request::kStopActivity;
 
-const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};
-const Bytes kStopActivity = {0x04, 0x00, 0x00, 0x01};
+namespace {
 
 // Ten steps every 100 ms; the first reading is the baseline.
 const std::vector<std::string> kWalk = {"0,,0,0,0,,,,,",     "100,,10,10,0,,,,,",

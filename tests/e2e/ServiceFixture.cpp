@@ -11,8 +11,18 @@ namespace {
 constexpr const char *kPassedOn[] = {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX",
                                      "GCOV_PREFIX_STRIP"};
 
-constexpr std::size_t kReadingSize = 18;
+constexpr std::size_t kTimeOffset = 9;
 constexpr std::size_t kValueOffset = 13;
+
+/** The number of four bytes from `offset` on. */
+uint32_t NumberAt(const Bytes &packet, std::size_t offset)
+{
+    uint32_t number = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        number = number << 8U | packet.at(offset + i);
+    }
+    return number;
+}
 
 } // namespace
 
@@ -71,14 +81,18 @@ std::string ServiceFixture::WriteRecording(const std::vector<std::string> &rows,
     return path.string();
 }
 
+bool IsReadingOf(const Bytes &packet, uint8_t sensor)
+{
+    return packet.size() == kReadingSize && packet[kSensorOffset] == sensor;
+}
+
 float ValueOf(const Bytes &packet)
 {
-    if (packet.size() != kReadingSize) {
-        return std::numeric_limits<float>::quiet_NaN();
-    }
-    uint32_t bits = 0;
-    for (std::size_t i = 0; i < 4; ++i) {
-        bits = (bits << 8U) | packet[kValueOffset + i];
-    }
-    return std::bit_cast<float>(bits);
+    return packet.size() == kReadingSize ? std::bit_cast<float>(NumberAt(packet, kValueOffset))
+                                         : std::numeric_limits<float>::quiet_NaN();
+}
+
+uint32_t TimeOf(const Bytes &packet)
+{
+    return NumberAt(packet, kTimeOffset);
 }

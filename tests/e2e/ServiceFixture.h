@@ -37,5 +37,15 @@ protected:
     std::unique_ptr<Process> mService;
 };
 
+/** Bytes of a packet that carries a reading, and the place of its sensor in them. */
+constexpr std::size_t kReadingSize = 18;
+constexpr std::size_t kSensorOffset = 3;
+
+/** Whether it is a reading packet of this sensor. */
+bool IsReadingOf(const Bytes &packet, uint8_t sensor);
+
 /** The value of a reading packet, or NaN if it is none. */
 float ValueOf(const Bytes &packet);
+
+/** The time of a reading packet: milliseconds since 1970, modulo 2^32. @throws std::out_of_range */
+uint32_t TimeOf(const Bytes &packet);

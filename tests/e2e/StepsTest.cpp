@@ -1,10 +1,11 @@
 #include <csignal>
 
+#include "Requests.h"
 #include "ServiceFixture.h"
 
-namespace {
+using Parvane::Request::kMeasureSteps;
 
-const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};
+namespace {
 
 // The recording counts ten steps every 100 ms; the first reading is the baseline.
 const std::vector<std::string> kWalk = {"0,,0,0,0,,,,,",     "100,,10,10,0,,,,,",

@@ -1,7 +1,10 @@
 #include "MockedBluez.h"
 #include "PrivateBus.h"
+#include "Requests.h"
 #include "ServiceFixture.h"
 
+using Parvane::Request::kMeasureHeartRate;
+using Parvane::Request::kMeasureWearState;
 using ParvanePlatform::MockedBluez;
 using ParvanePlatform::PrivateBus;
 using ::testing::HasSubstr;
@@ -10,9 +13,6 @@ namespace {
 
 constexpr char kAdapter[] = "hci0";
 constexpr char kAddress[] = "C0:FF:EE:00:00:01";
-
-const Bytes kMeasureHeartRate = {0x02, 0x00, 0x00, 0x03};
-const Bytes kMeasureWornState = {0x02, 0x00, 0x00, 0x04};
 
 } // namespace
 
@@ -69,7 +69,7 @@ TEST_F(StrapTest, HeartRateReachesThePhone)
 TEST_F(StrapTest, StrapWithContactIsWorn)
 {
     const Host host(LinkPath());
-    host.Send(kMeasureWornState);
+    host.Send(kMeasureWearState);
     ASSERT_TRUE(Calls("StartNotify", 1));
 
     mBluez->Notify(mStrap, {0x06, 72});
@@ -82,7 +82,7 @@ TEST_F(StrapTest, StrapWithContactIsWorn)
 TEST_F(StrapTest, StrapThatHasLostContactIsNotWorn)
 {
     const Host host(LinkPath());
-    host.Send(kMeasureWornState);
+    host.Send(kMeasureWearState);
     ASSERT_TRUE(Calls("StartNotify", 1));
 
     mBluez->Notify(mStrap, {0x04, 72});

@@ -1,19 +1,20 @@
 #include <memory>
 
 #include "GestureController.h"
+#include "Requests.h"
 #include "ServiceLife.h"
 
 namespace Parvane {
 
 namespace {
 
-const Bytes kList = {0x01};
-const Bytes kMeasureActivity = {0x12, 0x00, 0x00, 0x01};
-const Bytes kMeasureSteps = {0x12, 0x00, 0x00, 0x02};
-const Bytes kMeasureHeartRate = {0x12, 0x00, 0x00, 0x03};
-const Bytes kMeasureWearState = {0x12, 0x00, 0x00, 0x04};
-const Bytes kStartActivity = {0x13, 0x00, 0x00, 0x01, 0x00};
-const Bytes kStopActivity = {0x14, 0x00, 0x00, 0x01};
+using FlaggedRequest::kMeasureActivity;
+using FlaggedRequest::kMeasureHeartRate;
+using FlaggedRequest::kMeasureSteps;
+using FlaggedRequest::kMeasureWearState;
+using FlaggedRequest::kStartActivity;
+using FlaggedRequest::kStopActivity;
+using Request::kListInOneByte;
 
 constexpr int64_t kSecondsPerDay = 86400;
 
@@ -36,7 +37,7 @@ void Nothing(ServiceLife & /*life*/) {}
 void ListTheSensors(ServiceLife &life)
 {
     life.BringUpLink();
-    life.Ask(kList);
+    life.Ask(kListInOneByte);
     life.Ask({0x31, 0x00});
 }
 
@@ -225,7 +226,7 @@ void Launched(ServiceLife &life)
     life.Launch();
     life.BringUpLink();
     life.Launch();
-    life.Ask(kList);
+    life.Ask(kListInOneByte);
 }
 
 // The key registers while a retry is waiting, which then registers again.

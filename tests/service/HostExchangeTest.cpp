@@ -9,6 +9,7 @@
 
 #include "LinkTest.h"
 #include "LogMatchers.h"
+#include "Requests.h"
 #include "RunningService.h"
 #include "ScriptedPlatform.h"
 
@@ -18,18 +19,17 @@
 namespace Parvane {
 namespace {
 
+using FlaggedRequest::kMeasureActivity;
+using FlaggedRequest::kMeasureHeartRate;
+using FlaggedRequest::kMeasureSteps;
+using FlaggedRequest::kMeasureWearState;
+using FlaggedRequest::kStartActivity;
+using FlaggedRequest::kStopActivity;
+using Request::kListInOneByte;
 using testing::ElementsAre;
 using testing::Ge;
 using testing::IsEmpty;
 using testing::SizeIs;
-
-const Bytes kMeasureActivity = {0x12, 0x00, 0x00, 0x01};
-const Bytes kMeasurePedometer = {0x12, 0x00, 0x00, 0x02};
-const Bytes kMeasureHRM = {0x12, 0x00, 0x00, 0x03};
-const Bytes kMeasureWear = {0x12, 0x00, 0x00, 0x04};
-const Bytes kStartActivity = {0x13, 0x00, 0x00, 0x01, 0x00};
-const Bytes kStopActivity = {0x14, 0x00, 0x00, 0x01};
-const Bytes kSensorList = {0x01};
 
 // A reading packet of the clock's first second, without its value.
 Bytes Reading(uint8_t header, uint8_t sensor, const Bytes &value)
@@ -90,7 +90,7 @@ TEST_F(HostExchangeTest, ListAfterAFreshStartIsFivePackets)
 {
     Connect();
 
-    Ask(kSensorList);
+    Ask(kListInOneByte);
 
     EXPECT_THAT(
         mPlatform.TakeSent(),
@@ -110,7 +110,7 @@ TEST_F(HostExchangeTest, ListLogsTheTwoTypesThatTheHostCannotAskFor)
 {
     Connect();
 
-    Ask(kSensorList);
+    Ask(kListInOneByte);
 
     const LogLine warning = {5, "Parvane",
                              "ParvaneController: GetControllInstanceByType(130) > "
@@ -136,7 +136,7 @@ TEST_F(HostExchangeTest, ListWithoutBluetoothHasAnAddressOfZeros)
     Connect();
     mPlatform.FailNext("bt_initialize", -32508);
 
-    Ask(kSensorList);
+    Ask(kListInOneByte);
 
     EXPECT_EQ((Bytes{0x81, 0x80, 0x0A, 0x03, 0, 0, 0, 0, 0, 0, 0, 0, 0x04}),
               mPlatform.TakeSent().at(0));
@@ -145,10 +145,10 @@ TEST_F(HostExchangeTest, ListWithoutBluetoothHasAnAddressOfZeros)
 TEST_F(HostExchangeTest, SecondListIsTheSame)
 {
     Connect();
-    Ask(kSensorList);
+    Ask(kListInOneByte);
     const std::vector<Bytes> first = mPlatform.TakeSent();
 
-    Ask(kSensorList);
+    Ask(kListInOneByte);
 
     EXPECT_EQ(first, mPlatform.TakeSent());
 }
@@ -159,7 +159,7 @@ TEST_F(HostExchangeTest, HeartRateIsAnsweredAfterFifteenSeconds)
 {
     Connect();
 
-    Ask(kMeasureHRM);
+    Ask(kMeasureHeartRate);
     ReadHeartRate(70);
     ReadHeartRate(72);
     ReadHeartRate(0);
@@ -177,7 +177,7 @@ TEST_F(HostExchangeTest, HeartRateMeasuringAsksThePlatformInItsOrder)
 {
     Connect();
 
-    Ask(kMeasureHRM);
+    Ask(kMeasureHeartRate);
     EXPECT_THAT(mPlatform.TakeCalls(),
                 ElementsAre("g_timeout_add(15000)", "context_set_changed_callback(7)",
                             "power_lock_state(2, 16000)"));
@@ -191,7 +191,7 @@ TEST_F(HostExchangeTest, HeartRateWithoutReadingIsZero)
 {
     Connect();
 
-    Ask(kMeasureHRM);
+    Ask(kMeasureHeartRate);
     mPlatform.AdvanceTime(15000);
 
     EXPECT_THAT(mPlatform.TakeSent(),
@@ -239,7 +239,7 @@ TEST_F(HostExchangeTest, WornWatchIsReportedAtTheFirstReading)
 {
     Connect();
 
-    Ask(kMeasureWear);
+    Ask(kMeasureWearState);
     ReadHeartRate(0);
     ReadHeartRate(-3);
 
@@ -250,7 +250,7 @@ TEST_F(HostExchangeTest, UnwornWatchIsReportedAtTheFirstReading)
 {
     Connect();
 
-    Ask(kMeasureWear);
+    Ask(kMeasureWearState);
     ReadHeartRate(-3);
 
     EXPECT_THAT(mPlatform.TakeSent(), ElementsAre(Reading(0x12, 0x04, {0x00, 0x00, 0x00, 0x00})));
@@ -260,7 +260,7 @@ TEST_F(HostExchangeTest, SilentSensorMeansUnwornAfterThreeSeconds)
 {
     Connect();
 
-    Ask(kMeasureWear);
+    Ask(kMeasureWearState);
     mPlatform.AdvanceTime(3000);
 
     EXPECT_THAT(mPlatform.TakeSent(),
@@ -273,8 +273,8 @@ TEST_F(HostExchangeTest, HeartRateAndWornStateShareTheSensor)
 {
     Connect();
 
-    Ask(kMeasureHRM);
-    Ask(kMeasureWear);
+    Ask(kMeasureHeartRate);
+    Ask(kMeasureWearState);
     EXPECT_THAT(mPlatform.TakeCallsOf("context_set_changed_callback"), SizeIs(1));
     ReadHeartRate(72);
     EXPECT_THAT(mPlatform.TakeSent(), ElementsAre(Reading(0x12, 0x04, {0x3F, 0x80, 0x00, 0x00})));
@@ -292,7 +292,7 @@ TEST_F(HostExchangeTest, FirstQuestionForStepsIsAnsweredHalfASecondLater)
 {
     Connect();
 
-    Ask(kMeasurePedometer);
+    Ask(kMeasureSteps);
     EXPECT_TRUE(mPlatform.IsSubscribed(2));
     EXPECT_EQ(0U, mPlatform.OpenQueries(2));
     mPlatform.AdvanceTime(500);
@@ -306,7 +306,7 @@ TEST_F(HostExchangeTest, FirstQuestionForStepsIsAnsweredHalfASecondLater)
 TEST_F(HostExchangeTest, EveryUpdateIsAddedToTheDayAndPushed)
 {
     Connect();
-    Ask(kMeasurePedometer);
+    Ask(kMeasureSteps);
     mPlatform.DeliverContext(2, Steps(1000)); // the baseline: 0
     mPlatform.DeliverContext(2, Steps(1010)); // 10 above it
     mPlatform.DeliverContext(2, Steps(1005)); // 5 above it
@@ -320,7 +320,7 @@ TEST_F(HostExchangeTest, EveryUpdateIsAddedToTheDayAndPushed)
 TEST_F(HostExchangeTest, LaterQuestionsForStepsAreAskedAtOnce)
 {
     Connect();
-    Ask(kMeasurePedometer);
+    Ask(kMeasureSteps);
     mPlatform.AdvanceTime(500);
     mPlatform.AnswerQuery(2, Steps(1000));
     mPlatform.Forget();
@@ -347,7 +347,7 @@ TEST_F(HostExchangeTest, StepsArePushedUnderMeasureOnceEvenAfterAStart)
 TEST_F(HostExchangeTest, StepsArePushedAfterAStopToo)
 {
     Connect();
-    Ask(kMeasurePedometer);
+    Ask(kMeasureSteps);
     Ask({0x14, 0x00, 0x00, 0x02});
     mPlatform.Forget();
 
@@ -359,7 +359,7 @@ TEST_F(HostExchangeTest, StepsArePushedAfterAStopToo)
 TEST_F(HostExchangeTest, OptInSurvivesARestartWithoutAnyRequest)
 {
     Connect();
-    Ask(kMeasurePedometer);
+    Ask(kMeasureSteps);
     mPlatform.DeliverContext(2, Steps(1000));
     mPlatform.DeliverContext(2, Steps(1010));
 
@@ -496,7 +496,7 @@ TEST_F(HostExchangeTest, LinkThatGoesDownStopsTheActivityAndKeepsTheSteps)
 {
     Connect();
     Ask(kStartActivity);
-    Ask(kMeasurePedometer);
+    Ask(kMeasureSteps);
 
     LinkDown();
 
@@ -538,7 +538,7 @@ TEST_F(HostExchangeTest, HostThatComesBackStopsTheActivityBeforeItStartsItAgain)
 TEST_F(HostExchangeTest, ReplyOfAnOpenPeriodIsTriedThoughTheLinkIsDown)
 {
     Connect();
-    Ask(kMeasureHRM);
+    Ask(kMeasureHeartRate);
     ReadHeartRate(72);
     LinkDown();
     mPlatform.Forget();
@@ -556,7 +556,7 @@ TEST_F(HostExchangeTest, ReplyOfAnOpenPeriodIsTriedThoughTheLinkIsDown)
 TEST_F(HostExchangeTest, ReplyOfAnOpenPeriodReachesTheHostThatIsBackInTime)
 {
     Connect();
-    Ask(kMeasureHRM);
+    Ask(kMeasureHeartRate);
     ReadHeartRate(72);
     LinkDown();
     ConnectHost();
@@ -598,16 +598,16 @@ TEST_F(HostExchangeTest, FirstReadingsInsideTheSubscriptionsDoNoHarm)
 {
     Connect();
     mPlatform.DeliverDuringSubscription(7, {{CONTEXT_HRM_HEART_RATE, 72}});
-    Ask(kMeasureWear);
+    Ask(kMeasureWearState);
     EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
     mPlatform.AdvanceTime(3000);
 
     mPlatform.DeliverDuringSubscription(7, {{CONTEXT_HRM_HEART_RATE, 72}});
-    Ask(kMeasureHRM);
+    Ask(kMeasureHeartRate);
     mPlatform.AdvanceTime(15000);
 
     mPlatform.DeliverDuringSubscription(2, Steps(1000));
-    Ask(kMeasurePedometer);
+    Ask(kMeasureSteps);
 
     mPlatform.DeliverDuringSubscription(23, {{CONTEXT_ACTIVITY_STATUS, 2}}, 1000);
     Ask(kStartActivity);
@@ -619,7 +619,7 @@ TEST_F(HostExchangeTest, HeartRateReadInsideTheSubscriptionIsTheAnswer)
     Connect();
     mPlatform.DeliverDuringSubscription(7, {{CONTEXT_HRM_HEART_RATE, 72}});
 
-    Ask(kMeasureHRM);
+    Ask(kMeasureHeartRate);
     mPlatform.AdvanceTime(15000);
 
     const std::vector<Bytes> sent = mPlatform.TakeSent();
@@ -644,8 +644,8 @@ TEST_F(HostExchangeTest, HostMayStopTheActivityInsideAnUpdate)
 TEST_F(HostExchangeTest, HostMayAskForTheListInsideAReading)
 {
     Connect();
-    Ask(kMeasureWear);
-    mPlatform.OnNextCall("context_context_data_get_int", [this] { Ask(kSensorList); });
+    Ask(kMeasureWearState);
+    mPlatform.OnNextCall("context_context_data_get_int", [this] { Ask(kListInOneByte); });
 
     ReadHeartRate(72);
 
@@ -667,8 +667,8 @@ TEST_F(HostExchangeTest, LinkMayGoDownInsideAnUpdate)
 TEST_F(HostExchangeTest, LinkMayGoDownInsideAReadingOfASharedSensor)
 {
     Connect();
-    Ask(kMeasureHRM);
-    Ask(kMeasureWear);
+    Ask(kMeasureHeartRate);
+    Ask(kMeasureWearState);
     mPlatform.OnNextCall("sendData", [this] { LinkDown(); });
 
     ReadHeartRate(72);
@@ -683,11 +683,11 @@ TEST_F(HostExchangeTest, LinkMayGoDownInTheMiddleOfAList)
     Connect();
     mPlatform.OnNextCall("sendData", [this] { LinkDown(); });
 
-    Ask(kSensorList);
+    Ask(kListInOneByte);
 
     EXPECT_THAT(mPlatform.TakeCallsOf("sendData"), SizeIs(5));
     ConnectHost();
-    Ask(kSensorList);
+    Ask(kListInOneByte);
     EXPECT_THAT(mPlatform.TakeSent(), SizeIs(5));
 }
 
@@ -706,7 +706,7 @@ TEST_F(HostExchangeTest, LogThatFailsChangesNothing)
     Connect();
     mPlatform.FailLog(-1);
 
-    Ask(kSensorList);
+    Ask(kListInOneByte);
 
     EXPECT_THAT(mPlatform.TakeSent(), SizeIs(5));
 }

@@ -14,8 +14,10 @@
 
 #include "LinkTest.h"
 #include "PedometerModel.h"
+#include "Requests.h"
 #include "RunningService.h"
 #include "ScriptedPlatform.h"
+#include "Setting.h"
 #include "WatchLife.h"
 
 // A watch's life in scripted time: midnights, a summer's beginning and end, a year's end, clocks and
@@ -24,6 +26,13 @@
 
 namespace Parvane {
 namespace {
+
+using Request::kListSensors;
+using Request::kMeasureHeartRate;
+using Request::kMeasureSteps;
+using Request::kMeasureWearState;
+using Request::kStartActivity;
+using Request::kStopActivity;
 
 constexpr const char *kValueKey = "Parvane/data/pedometer/value";
 constexpr const char *kTimeKey = "Parvane/data/pedometer/time";
@@ -34,20 +43,6 @@ constexpr const char *kTimeKey = "Parvane/data/pedometer/time";
  * days, and one that is lost with each event of a kind shows in a run with more moments.
  */
 constexpr std::size_t kOwnLists = 2048;
-
-const Bytes kAskList = {0x01, 0x00, 0x00, 0x00};
-const Bytes kAskSteps = {0x02, 0x00, 0x00, 0x02};
-const Bytes kAskHeartRate = {0x02, 0x00, 0x00, 0x03};
-const Bytes kAskWear = {0x02, 0x00, 0x00, 0x04};
-const Bytes kStartActivity = {0x03, 0x00, 0x00, 0x01, 0x00};
-const Bytes kStopActivity = {0x04, 0x00, 0x00, 0x01};
-
-int Setting(const char *name, int otherwise)
-{
-    const char *const text = std::getenv(name);
-    const int value = text == nullptr ? 0 : static_cast<int>(std::strtol(text, nullptr, 10));
-    return value > 0 ? value : otherwise;
-}
 
 /** Whether the system knows the zones as the tests do. */
 bool KnowsZone(const WatchZone &zone)
@@ -123,7 +118,7 @@ protected:
     {
         SetClock(moment);
         mLast = moment.mCounts;
-        mPlatform.DeliverFromHost(kAskSteps);
+        mPlatform.DeliverFromHost(kMeasureSteps);
         mPlatform.AdvanceTime(500);
         AnswerSteps(*moment.mZone);
     }
@@ -169,18 +164,18 @@ protected:
         switch (moment.mEvent) {
         case WatchEvent::ListIsAsked:
             mPlatform.Forget();
-            mPlatform.DeliverFromHost(kAskList);
+            mPlatform.DeliverFromHost(kListSensors);
             EXPECT_EQ(mPlatform.TakeSent().size(), 5U);
             break;
         case WatchEvent::StepsAreAsked:
-            mPlatform.DeliverFromHost(kAskSteps);
+            mPlatform.DeliverFromHost(kMeasureSteps);
             AnswerSteps(*moment.mZone);
             break;
         case WatchEvent::HeartRateIsMeasured:
             MeasureHeartRate();
             break;
         case WatchEvent::WearIsAsked:
-            mPlatform.DeliverFromHost(kAskWear);
+            mPlatform.DeliverFromHost(kMeasureWearState);
             mPlatform.DeliverContext(7, {{CONTEXT_HRM_HEART_RATE, 70}});
             mPlatform.AdvanceTime(3000);
             break;
@@ -193,8 +188,8 @@ protected:
             break;
         case WatchEvent::HostVanishes:
             // In the middle of everything: the timers fire when it has gone.
-            mPlatform.DeliverFromHost(kAskHeartRate);
-            mPlatform.DeliverFromHost(kAskWear);
+            mPlatform.DeliverFromHost(kMeasureHeartRate);
+            mPlatform.DeliverFromHost(kMeasureWearState);
             mPlatform.DeliverFromHost(kStartActivity);
             LoseHost();
             break;
@@ -218,7 +213,7 @@ protected:
 
     void MeasureHeartRate()
     {
-        mPlatform.DeliverFromHost(kAskHeartRate);
+        mPlatform.DeliverFromHost(kMeasureHeartRate);
         mPlatform.DeliverContext(7, {{CONTEXT_HRM_HEART_RATE, 72}});
         mPlatform.Forget();
         mPlatform.AdvanceTime(15000);

@@ -1,25 +1,17 @@
 #include "Sweep.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <sstream>
 #include <utility>
 
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
+#include "Setting.h"
 
 namespace Parvane {
 
 namespace {
-
-int Stride()
-{
-    const char *const text = std::getenv("PARVANE_SWEEP_STRIDE");
-    const long stride = text == nullptr ? 1 : std::strtol(text, nullptr, 10);
-    return static_cast<int>(std::max(stride, 1L));
-}
 
 std::string Digits(const Bytes &bytes)
 {
@@ -121,7 +113,7 @@ Sweep::~Sweep()
 bool Sweep::Point(const std::string &name, const Scenario &scenario, const Disturbance &disturbance,
                   const std::function<std::string(const LifeRecord &)> &check)
 {
-    static const int stride = Stride();
+    static const int stride = Setting("PARVANE_SWEEP_STRIDE", 1);
     if (mPoints++ % stride != 0) {
         return true;
     }

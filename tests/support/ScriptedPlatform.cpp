@@ -38,7 +38,7 @@ ProcessState &Process()
     return *state;
 }
 
-const std::array kFallible = {
+constexpr std::array kFallible = {
     "service_app_main",
     "preference_get_boolean",
     "preference_set_boolean",
@@ -230,6 +230,11 @@ void ScriptedPlatform::FailAnyCallFrom(int n, int code)
 void ScriptedPlatform::SucceedAgain()
 {
     mFailures.clear();
+}
+
+std::span<const char *const> ScriptedPlatform::FallibleFunctions()
+{
+    return kFallible;
 }
 
 bool ScriptedPlatform::CanFail(const std::string &call)

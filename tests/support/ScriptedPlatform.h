@@ -7,6 +7,7 @@
 #include <iosfwd>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <variant>
@@ -157,6 +158,9 @@ public:
 
     /** The calls that have failed so far, failures of unknown requests and keys not counted. */
     const std::vector<FailedCall> &FailedCalls() const { return mFailedCalls; }
+
+    /** The functions whose calls can be made to fail, always in the same order. */
+    static std::span<const char *const> FallibleFunctions();
 
     /** Whether the function of a recorded call, "power_lock_state(2, 16000)", is one that can fail. */
     static bool CanFail(const std::string &call);

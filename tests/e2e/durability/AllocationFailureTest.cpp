@@ -10,32 +10,25 @@
 #include <string>
 
 #include "FailingMalloc.h"
+#include "Requests.h"
 #include "ServiceFixture.h"
+#include "Setting.h"
 #include "StoredSteps.h"
+
+using Parvane::Setting;
+using Parvane::Request::kListInOneByte;
+using Parvane::Request::kMeasureHeartRate;
+using Parvane::Request::kMeasureSteps;
+using Parvane::Request::kStartActivity;
+using Parvane::Request::kStopActivity;
 
 namespace {
 
-const Bytes kList = {0x01};
-const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};
-const Bytes kMeasureHeartRate = {0x02, 0x00, 0x00, 0x03};
-const Bytes kStartActivity = {0x03, 0x00, 0x00, 0x01, 0x00};
-const Bytes kStopActivity = {0x04, 0x00, 0x00, 0x01};
-
 constexpr int kStopMessage = 4; // the low half of an acknowledgement's first byte
-constexpr int kSteps = 2;       // the category of a reading of steps
-constexpr std::size_t kReadingSize = 18;
-constexpr std::size_t kCategoryOffset = 3;
+constexpr uint8_t kSteps = 2;
 
 /** A whole run of the program: long enough for a slow machine, short for a loop without end. */
 constexpr std::chrono::seconds kLimit(20);
-
-int Stride()
-{
-    const char *const text = std::getenv("PARVANE_SWEEP_STRIDE");
-    const long stride =
-        text == nullptr ? ALLOCATIONS_BETWEEN_FAILURES : std::strtol(text, nullptr, 10);
-    return static_cast<int>(std::max(stride, 1L));
-}
 
 } // namespace
 
@@ -121,7 +114,7 @@ private:
             return;
         }
         for (const Bytes &request :
-             {kList, kMeasureSteps, kMeasureSteps, kStartActivity, kMeasureHeartRate}) {
+             {kListInOneByte, kMeasureSteps, kMeasureSteps, kStartActivity, kMeasureHeartRate}) {
             host->TrySend(request);
         }
         for (int packets = 0; packets < 9; ++packets) {
@@ -143,12 +136,12 @@ private:
     static bool Receive(const Host &host, Run &run, std::chrono::milliseconds limit)
     {
         const auto packet = host.Receive(limit);
-        if (!packet || packet->size() <= kCategoryOffset) {
+        if (!packet || packet->size() <= kSensorOffset) {
             return false;
         }
         if ((packet->front() & 0x0FU) == kStopMessage) {
             run.mHasAnswered = true;
-        } else if (packet->size() == kReadingSize && packet->at(kCategoryOffset) == kSteps) {
+        } else if (IsReadingOf(*packet, kSteps)) {
             const auto total = static_cast<int64_t>(std::llround(ValueOf(*packet)));
             run.mPushedSteps = std::max(run.mPushedSteps, total);
         }
@@ -225,7 +218,8 @@ TEST_P(AllocationFailureTest, ServiceEndsInOrderOrGoesOnAndItsStepsAreWhole)
 
     std::map<std::string, int> outcomes;
     int points = 0;
-    for (int64_t n = 1; n <= sound.mReport.count; n += Stride(), ++points) {
+    const int stride = Setting("PARVANE_SWEEP_STRIDE", ALLOCATIONS_BETWEEN_FAILURES);
+    for (int64_t n = 1; n <= sound.mReport.count; n += stride, ++points) {
         SCOPED_TRACE("allocation " + std::to_string(n) + GetParam());
         std::filesystem::remove_all(mStateDirectory);
         std::filesystem::copy(seed, mStateDirectory, std::filesystem::copy_options::recursive);

@@ -4,12 +4,13 @@
 #include <sstream>
 #include <unistd.h>
 
+#include "Requests.h"
 #include "ServiceFixture.h"
 
-namespace {
+using Parvane::Request::kListSensors;
+using Parvane::Request::kMeasureSteps;
 
-const Bytes kMeasureSteps = {0x02, 0x00, 0x00, 0x02};
-const Bytes kListRequest = {0x01, 0x00, 0x00, 0x00};
+namespace {
 
 // The recording counts ten steps every 100 ms.
 const std::vector<std::string> kWalk = {"0,72,0,0,0,,,,,", "100,72,10,10,0,,,,,",
@@ -143,10 +144,10 @@ TEST_F(SystemCallTest, AnswersThatStoreNothingWaitForNoDisk)
     StartTraced();
     {
         const Host host(LinkPath());
-        ASSERT_EQ(host.Ask(kListRequest, 5).size(), 5U);
+        ASSERT_EQ(host.Ask(kListSensors, 5).size(), 5U);
         ASSERT_EQ(host.Ask({0x02, 0x00, 0x00, 0x04}, 1).size(), 1U); // worn state
         ASSERT_EQ(host.Ask({0x02, 0x00, 0x00, 0x03}, 1).size(), 1U); // heart rate
-        ASSERT_EQ(host.Ask(kListRequest, 5).size(), 5U);
+        ASSERT_EQ(host.Ask(kListSensors, 5).size(), 5U);
     }
     const int answers = 5 + 1 + 1 + 5;
     int sent = 0;
@@ -216,7 +217,7 @@ TEST_F(FullDiskTest, StepsWaitForRoomWhileEverythingElseIsAnswered)
         last = ValueOf(*push);
     }
 
-    const auto list = host.Ask(kListRequest, 5); // nothing but the list: no push comes between
+    const auto list = host.Ask(kListSensors, 5); // nothing but the list: no push comes between
     ASSERT_EQ(list.size(), 5U);
     EXPECT_EQ(list[0].size(), 13U);
     EXPECT_EQ(list[4].size(), 25U);

@@ -1,19 +1,20 @@
-#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 #include <random>
 #include <string>
 #include <thread>
 
 #include "ServiceFixture.h"
+#include "Setting.h"
 #include "StoredSteps.h"
+
+using Parvane::Setting;
 
 namespace {
 
-constexpr unsigned kSeed = 20260131;
+constexpr int kSeed = 20260131;
 /** A new state after so many kills, */
 constexpr int kKillsOfAState = 100;
 /** and long before the totals leave the whole numbers that a push can carry. */
@@ -22,11 +23,9 @@ constexpr int64_t kLargeTotal = 8'000'000;
 constexpr int64_t kMidnight = 1769817600;
 constexpr int kRows = 5000;
 constexpr const char *kRowsPerSecond = "1000";
-constexpr std::size_t kReadingSize = 18;
-constexpr std::size_t kSensorOffset = 3;
 constexpr uint8_t kPedometer = 2;
 /** How often a run of many kills tells where it is. */
-constexpr unsigned kKillsOfAReport = 1000;
+constexpr int kKillsOfAReport = 1000;
 
 const std::string kStatusRequest = R"({"request":"status"})";
 const std::string kRecordRequest = R"({"request":"record"})";
@@ -59,29 +58,6 @@ Moment ChooseMoment(std::mt19937 &random)
     default:
         return Moment::AtAPacket;
     }
-}
-
-bool IsPushOfSteps(const Bytes &packet)
-{
-    return packet.size() == kReadingSize && packet[kSensorOffset] == kPedometer;
-}
-
-unsigned NumberFrom(const char *variable, unsigned otherwise)
-{
-    const char *const text = std::getenv(variable);
-    return text == nullptr || *text == '\0'
-               ? otherwise
-               : static_cast<unsigned>(std::strtoul(text, nullptr, 10));
-}
-
-/** The time that a reading packet carries: milliseconds, modulo 2^32. */
-uint32_t TimeOf(const Bytes &packet)
-{
-    uint32_t time = 0;
-    for (std::size_t i = 9; i < 13; ++i) {
-        time = time << 8U | packet.at(i);
-    }
-    return time;
 }
 
 } // namespace
@@ -184,7 +160,7 @@ protected:
     /** Takes a packet of this run; a reply to a request says nothing of steps. */
     void TakePacket(const Bytes &packet)
     {
-        if (IsPushOfSteps(packet)) {
+        if (IsReadingOf(packet, kPedometer)) {
             ASSERT_NO_FATAL_FAILURE(TakePush(packet));
         }
     }
@@ -195,7 +171,7 @@ protected:
         // Asked without a pause, so that the kill comes as close behind the packet as it can.
         ASSERT_TRUE(WithoutPause([&] {
             packet = host.Receive(kAtOnce);
-            return packet && IsPushOfSteps(*packet);
+            return packet && IsReadingOf(*packet, kPedometer);
         }));
         ASSERT_NO_FATAL_FAILURE(TakePush(*packet));
     }
@@ -326,12 +302,12 @@ protected:
 
 TEST_F(KillTest, WhatTheHostHasSeenIsStoredWholeAfterEveryKill)
 {
-    const unsigned seed = NumberFrom("PARVANE_KILL_SEED", kSeed);
-    const unsigned kills = NumberFrom("PARVANE_KILLS", KILLS_BY_DEFAULT);
+    const int seed = Setting("PARVANE_KILL_SEED", kSeed);
+    const int kills = Setting("PARVANE_KILLS", KILLS_BY_DEFAULT);
     std::cout << kills << " kills, PARVANE_KILL_SEED=" << seed << std::endl;
-    std::mt19937 random(seed);
+    std::mt19937 random(static_cast<unsigned>(seed));
     const auto begin = std::chrono::steady_clock::now();
-    for (unsigned kill = 0; kill < kills; ++kill) {
+    for (int kill = 0; kill < kills; ++kill) {
         SCOPED_TRACE("kill " + std::to_string(kill));
         if (kill % kKillsOfAState == 0 || mBefore.mTotal > kLargeTotal) {
             ASSERT_NO_FATAL_FAILURE(BeginState());

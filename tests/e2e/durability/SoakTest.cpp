@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
@@ -12,7 +11,9 @@
 #include <unistd.h>
 
 #include "PedometerModel.h"
+#include "Requests.h"
 #include "ServiceFixture.h"
+#include "Setting.h"
 #include "StoredSteps.h"
 #include "WatchLife.h"
 #include "WatchWorld.h"
@@ -22,24 +23,20 @@
 // PARVANE_SOAK_MOMENTS, the readings of a day, make it longer; PARVANE_SOAK_SEED makes it another.
 
 using Parvane::PedometerModel;
+using Parvane::Setting;
 using Parvane::WatchEvent;
 using Parvane::WatchLife;
 using Parvane::WatchMoment;
 using Parvane::WatchZone;
+using Parvane::Request::kActivityStopped;
+using Parvane::Request::kListSensors;
+using Parvane::Request::kMeasureHeartRate;
+using Parvane::Request::kMeasureSteps;
+using Parvane::Request::kMeasureWearState;
+using Parvane::Request::kStartActivity;
+using Parvane::Request::kStopActivity;
 
 namespace {
-
-constexpr std::size_t kReadingSize = 18;
-constexpr std::size_t kSensorOffset = 3;
-constexpr std::size_t kTimeOffset = 9;
-
-const Bytes kAskList = {0x01, 0x00, 0x00, 0x00};
-const Bytes kAskSteps = {0x02, 0x00, 0x00, 0x02};
-const Bytes kAskHeartRate = {0x02, 0x00, 0x00, 0x03};
-const Bytes kAskWear = {0x02, 0x00, 0x00, 0x04};
-const Bytes kStartActivity = {0x03, 0x00, 0x00, 0x01, 0x00};
-const Bytes kStopActivity = {0x04, 0x00, 0x00, 0x01};
-const Bytes kActivityStopped = {0x04, 0x02, 0x00, 0x01};
 
 /** The database, its log of 512 KiB at most with the log's index, and a dozen small files. */
 constexpr uintmax_t kFilesKiB = 1024;
@@ -62,13 +59,6 @@ constexpr int kMomentsOfALongDay = 200;
 /** An instrumented service keeps memory of its own. */
 constexpr bool kIsInstrumented = SOAK_IN_INSTRUMENTED_PROGRAM;
 
-int Setting(const char *name, int otherwise)
-{
-    const char *const text = std::getenv(name);
-    const int value = text == nullptr ? 0 : static_cast<int>(std::strtol(text, nullptr, 10));
-    return value > 0 ? value : otherwise;
-}
-
 /** Whether the system knows the zones as the tests do; the fixture's process keeps its own zone. */
 bool KnowsZones()
 {
@@ -78,20 +68,6 @@ bool KnowsZones()
         }
     }
     return true;
-}
-
-bool IsReadingOf(const Bytes &packet, uint8_t sensor)
-{
-    return packet.size() == kReadingSize && packet[kSensorOffset] == sensor;
-}
-
-uint32_t TimeOf(const Bytes &packet)
-{
-    uint32_t time = 0;
-    for (std::size_t i = 0; i < 4; ++i) {
-        time = time << 8U | packet.at(kTimeOffset + i);
-    }
-    return time;
 }
 
 /** What the service has of the machine. */
@@ -152,7 +128,7 @@ protected:
         mControl = std::make_unique<Host>(mRunDirectory / "control.sock");
         Connect();
         Tell(R"({"request":"set","item":"heart_rate","value":72})");
-        mHost->Send(kAskSteps);
+        mHost->Send(kMeasureSteps);
         // The count that the subscription begins with, and the answer half a second later.
         ASSERT_NO_FATAL_FAILURE(TakeSteps(moment));
         ASSERT_NO_FATAL_FAILURE(TakeSteps(moment));
@@ -239,9 +215,9 @@ protected:
             break;
         case WatchEvent::HostVanishes:
             ASSERT_NO_FATAL_FAILURE(Connect());
-            mHost->Send(kAskHeartRate);
+            mHost->Send(kMeasureHeartRate);
             mHost->Send(kStartActivity);
-            mHost->Send(kAskList);
+            mHost->Send(kListSensors);
             mHost.reset();
             break;
         case WatchEvent::HostLeaves:
@@ -282,18 +258,18 @@ protected:
     void Ask(WatchEvent event)
     {
         if (event == WatchEvent::ListIsAsked) {
-            mHost->Send(kAskList);
+            mHost->Send(kListSensors);
             for (int packets = 0; packets < 5; ++packets) {
                 const Bytes packet = Await([](const Bytes &bytes) { return bytes[0] == 0x81; });
                 ASSERT_EQ(packet.size(), packets == 0 ? 13U : 25U);
             }
         } else if (event == WatchEvent::StepsAreAsked) {
-            mHost->Send(kAskSteps);
+            mHost->Send(kMeasureSteps);
             ASSERT_NO_FATAL_FAILURE(TakeSteps(mNow));
         } else if (event == WatchEvent::HeartRateIsMeasured) {
-            EXPECT_TRUE(IsMeasured(kAskHeartRate));
+            EXPECT_TRUE(IsMeasured(kMeasureHeartRate));
         } else if (event == WatchEvent::WearIsAsked) {
-            EXPECT_TRUE(IsMeasured(kAskWear));
+            EXPECT_TRUE(IsMeasured(kMeasureWearState));
         } else {
             mHost->Send(kStartActivity);
             Tell(R"({"request":"set","item":"activity","value":"walking"})");

@@ -21,20 +21,23 @@
 
 #include "Flood.h"
 #include "LoopTimes.h"
+#include "Requests.h"
 #include "ServiceFixture.h"
+#include "Setting.h"
 
 // What a host of the service's own user can do to it, and what others can. The floods last 2 seconds;
 // PARVANE_HOSTILE_SECONDS makes them longer, PARVANE_HOSTILE_STALL_MS is the longest time for which
 // the main loop may be busy with one turn, PARVANE_HOSTILE_PROGRAM another build of the service.
 
+using Parvane::Setting;
+using Parvane::Request::kActivityStopped;
+using Parvane::Request::kListSensors;
+using Parvane::Request::kStopActivity;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace {
 
-const Bytes kListRequest = {0x01, 0x00, 0x00, 0x00};
-const Bytes kStopRequest = {0x04, 0x00, 0x00, 0x01};
-const Bytes kStopReply = {0x04, 0x02, 0x00, 0x01};
 const std::string kLinkIsUp = R"({"request":"link","state":"up"})";
 const std::string kStatus = R"({"request":"status"})";
 
@@ -49,13 +52,6 @@ constexpr int kSeconds = 2;
 /** KiB by which the service may have grown when the hostile host has gone. */
 constexpr int64_t kGrowthKiB = 1024;
 constexpr int kVisits = 500;
-
-int Setting(const char *name, int otherwise)
-{
-    const char *const text = std::getenv(name);
-    const int value = text == nullptr ? 0 : static_cast<int>(std::strtol(text, nullptr, 10));
-    return value > 0 ? value : otherwise;
-}
 
 Bytes BytesOf(const std::string &text)
 {
@@ -84,7 +80,7 @@ Visit VisitAsNobody(const std::filesystem::path &socketPath)
             connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
             _exit(static_cast<int>(Visit::Refused));
         }
-        send(fd, kListRequest.data(), kListRequest.size(), MSG_NOSIGNAL);
+        send(fd, kListSensors.data(), kListSensors.size(), MSG_NOSIGNAL);
         char byte = 0;
         _exit(static_cast<int>(recv(fd, &byte, 1, 0) > 0 ? Visit::Served : Visit::Closed));
     }
@@ -155,12 +151,12 @@ protected:
     void ExpectHostIsServed() const
     {
         const Host host(LinkPath());
-        host.Send(kListRequest);
+        host.Send(kListSensors);
         std::size_t packets = 0;
-        host.Send(kStopRequest);
+        host.Send(kStopActivity);
         while (const auto packet = host.Receive()) {
             packets += (*packet)[0] == 0x81 ? 1U : 0U;
-            if (*packet == kStopReply) {
+            if (*packet == kActivityStopped) {
                 break;
             }
         }
@@ -249,7 +245,7 @@ protected:
 
 TEST_F(HostileTest, FloodOfRequestsIsAnsweredAndHoldsNobodyUp)
 {
-    const FloodResult result = RunFlood(kStopRequest, true);
+    const FloodResult result = RunFlood(kStopActivity, true);
 
     EXPECT_FALSE(result.mWasClosed);
     // A host whose turn comes late may let the link run full, which loses answers.
@@ -260,7 +256,7 @@ TEST_F(HostileTest, FloodOfRequestsIsAnsweredAndHoldsNobodyUp)
 
 TEST_F(HostileTest, FloodOfTheLongestAnswersHoldsNobodyUp)
 {
-    const FloodResult result = RunFlood(kListRequest, true);
+    const FloodResult result = RunFlood(kListSensors, true);
 
     EXPECT_FALSE(result.mWasClosed);
     EXPECT_GT(result.mReceived, 100);
@@ -269,7 +265,7 @@ TEST_F(HostileTest, FloodOfTheLongestAnswersHoldsNobodyUp)
 
 TEST_F(HostileTest, FloodOfAHostThatNeverReadsHoldsNobodyUp)
 {
-    const FloodResult result = RunFlood(kListRequest, false);
+    const FloodResult result = RunFlood(kListSensors, false);
 
     EXPECT_FALSE(result.mWasClosed);
     EXPECT_GT(result.mSent, 100);
@@ -289,7 +285,7 @@ TEST_F(HostileTest, HostsThatNeverReadAndGoLeaveNothingBehind)
 {
     for (int visit = 0; visit < kVisits / 10; ++visit) {
         const Host host(LinkPath());
-        for (int request = 0; request < 400 && host.TrySend(kListRequest); ++request) {
+        for (int request = 0; request < 400 && host.TrySend(kListSensors); ++request) {
         }
     }
 }
@@ -326,7 +322,7 @@ TEST_F(HostileTest, ConnectsAndDropsInALoopLeaveNothingBehind)
 TEST_F(HostileTest, CrowdThatPushesInBesideAHostIsSentAwayAndTheHostNoticesNothing)
 {
     const Host host(LinkPath());
-    ASSERT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+    ASSERT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     for (int round = 0; round < 10; ++round) {
         std::array<std::unique_ptr<Host>, 20> crowd;
         for (std::unique_ptr<Host> &guest : crowd) {
@@ -335,7 +331,7 @@ TEST_F(HostileTest, CrowdThatPushesInBesideAHostIsSentAwayAndTheHostNoticesNothi
         for (const auto &guest : crowd) {
             EXPECT_TRUE(guest->IsClosed());
         }
-        EXPECT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+        EXPECT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     }
 }
 
@@ -346,7 +342,7 @@ TEST_F(HostileTest, EmptyLargestAndOverlongMessagesAreBorne)
                                    kLongestMessage, kLongestMessage + 1, 2 * kLongestMessage}) {
         SCOPED_TRACE(size);
         host.Send(Bytes(size, 0x00));
-        EXPECT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+        EXPECT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     }
 }
 
@@ -432,7 +428,7 @@ TEST_F(OtherUserTest, AnotherUsersFloodOfConnectionsHoldsNoHostUp)
         }
     });
     for (int request = 0; request < 1000; ++request) {
-        EXPECT_THAT(host.Ask(kStopRequest, 1), ElementsAre(kStopReply));
+        EXPECT_THAT(host.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
     }
     others.join();
 }
