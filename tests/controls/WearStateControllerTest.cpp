@@ -211,6 +211,17 @@ TEST_F(WearStateControllerTest, ReadingsAfterTheAnswerAreNotLookedAt)
     EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
+TEST_F(WearStateControllerTest, ReadingsAfterAPeriodThatHadNoneAreNotLookedAt)
+{
+    Open();
+    mPlatform.AdvanceTime(3000);
+    EXPECT_EQ(0.0F, TakeStatus());
+
+    Read(70);
+
+    EXPECT_THAT(mListener->mSent, IsEmpty());
+}
+
 TEST_F(WearStateControllerTest, AnswersOfQueriesAreIgnored)
 {
     Open();

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -48,6 +49,19 @@ TEST_F(PacketDataTest, SecondAllocateTakesOver)
 
     EXPECT_EQ(second, mPacket.mBuffer.get());
     EXPECT_EQ(4U, mPacket.mSize);
+}
+
+TEST_F(PacketDataTest, AllocateWithoutMemoryLeavesNoBytes)
+{
+    ScriptedPlatform platform;
+    mPacket.Allocate(18);
+
+    platform.FailAllocation(1);
+    EXPECT_THROW(ScriptedPlatform::AsService([this] { mPacket.Allocate(4); }), std::bad_alloc);
+
+    EXPECT_TRUE(platform.StopFailingAllocations());
+    EXPECT_EQ(nullptr, mPacket.mBuffer);
+    EXPECT_EQ(0U, mPacket.mSize);
 }
 
 TEST_F(PacketDataTest, SetByteStoresTheLowByteOnly)

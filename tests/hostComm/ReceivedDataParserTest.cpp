@@ -108,6 +108,13 @@ TEST_F(ReceivedDataParserTest, OnlyAStartHasAFormat)
     EXPECT_EQ(6, ParseSensor({0x04, 0, 0, 1, 0x02})->mDataFormat);
 }
 
+TEST_F(ReceivedDataParserTest, NoRequestForASensorHasAnOption)
+{
+    EXPECT_EQ(0, ParseSensor({0x02, 0, 0, 1, 0x02})->mDataOption);
+    EXPECT_EQ(0, ParseSensor({0x03, 0, 0, 1, 0x02})->mDataOption);
+    EXPECT_EQ(0, ParseSensor({0x04, 0, 0, 1, 0x02})->mDataOption);
+}
+
 TEST_F(ReceivedDataParserTest, StopNamesTheSensor)
 {
     const auto record = ParseSensor({0x14, 0x00, 0x00, 0x03});

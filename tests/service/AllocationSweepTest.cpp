@@ -1,4 +1,5 @@
 #include <array>
+#include <functional>
 #include <memory>
 #include <new>
 #include <string>
@@ -9,6 +10,8 @@
 
 #include "ChildProcess.h"
 #include "LogMatchers.h"
+#include "PedometerController.h"
+#include "PedometerData.h"
 #include "Sweep.h"
 
 // Every allocation: each scenario is lived through again and again, each time with another
@@ -141,6 +144,57 @@ TEST(OutOfMemoryTest, AllocationsOfLibrariesFailToo)
     });
     EXPECT_TRUE(platform.StopFailingAllocations());
     EXPECT_TRUE(hasFailed);
+}
+
+/** The texts of the day's steps are written and read by the C++ library, which allocates for itself. */
+class StoredStepsWithoutMemoryTest : public testing::Test
+{
+protected:
+    // Does it again and again on a new platform, each time with another allocation failing.
+    static void ForEachAllocation(const std::function<void(ScriptedPlatform &)> &attempt)
+    {
+        int n = 0;
+        for (bool hasFailed = true; hasFailed; ++n) {
+            ScriptedPlatform platform;
+            platform.FailAllocation(n + 1);
+            attempt(platform);
+            hasFailed = platform.StopFailingAllocations();
+        }
+        EXPECT_GT(n, 1);
+    }
+
+    static constexpr const char *kValueKey = "Parvane/data/pedometer/value";
+};
+
+TEST_F(StoredStepsWithoutMemoryTest, TextThatCannotBeBuiltIsNotStoredAndLogged)
+{
+    ForEachAllocation([](ScriptedPlatform &platform) {
+        PedometerController controller(nullptr);
+        const auto update = std::make_shared<PedometerData>(10000, 7500.5F, 400, 0, 8000, 2000, 5);
+        ScriptedPlatform::AsService([&] { controller.OnSensorDataUpdated(update); });
+
+        const auto failure =
+            ErrorLine("PedometerController: SavePedometerData(*)", "Failed to save value..[-12]");
+        const bool isStored = platform.StringPreference(kValueKey).has_value();
+        EXPECT_THAT(platform.TakeLog(), Contains(failure).Times(isStored ? 0 : 1));
+    });
+}
+
+TEST_F(StoredStepsWithoutMemoryTest, TextThatCannotBeReadIsNotTakenForAnotherOne)
+{
+    ForEachAllocation([](ScriptedPlatform &platform) {
+        platform.SetPreference(kValueKey, "1200 200 1000 800.5 60 0");
+        ScriptedPlatform::AsService([] {
+            try {
+                PedometerController controller(nullptr);
+                controller.OnSensorDataUpdated(
+                    std::make_shared<PedometerData>(0, 0, 0, 0, 0, 0, 0));
+            } catch (const std::bad_alloc &) {
+            }
+        });
+
+        EXPECT_EQ("1200 200 1000 800.5 60 0", platform.StringPreference(kValueKey));
+    });
 }
 
 } // namespace
