@@ -13,7 +13,7 @@ constexpr int kMostInOneTurn = 8;
 
 } // namespace
 
-std::unique_ptr<SeldomReady> SeldomReady::sInstance;
+SeldomReady *SeldomReady::sInstance = nullptr;
 SeldomReady::Id SeldomReady::sLastId = 0;
 
 SeldomReady::SeldomReady() : mEpoll(::epoll_create1(EPOLL_CLOEXEC))
@@ -26,8 +26,8 @@ SeldomReady::SeldomReady() : mEpoll(::epoll_create1(EPOLL_CLOEXEC))
 std::optional<SeldomReady::Id> SeldomReady::Watch(int fd, GIOCondition events,
                                                   LoopSource::Handler handler)
 {
-    if (!sInstance) {
-        sInstance.reset(new SeldomReady());
+    if (sInstance == nullptr) {
+        sInstance = new SeldomReady();
     }
     const Id id = ++sLastId;
     auto &entries = sInstance->mEntries;
@@ -39,9 +39,7 @@ std::optional<SeldomReady::Id> SeldomReady::Watch(int fd, GIOCondition events,
         return id;
     }
     entries.erase(id);
-    if (entries.empty()) {
-        sInstance.reset();
-    }
+    EndUnused();
     return std::nullopt;
 }
 
@@ -50,8 +48,13 @@ void SeldomReady::Forget(Id id)
     const auto entry = sInstance->mEntries.find(id);
     ::epoll_ctl(sInstance->mEpoll.Get(), EPOLL_CTL_DEL, entry->second.mFd, nullptr);
     sInstance->mEntries.erase(entry);
+    EndUnused();
+}
+
+void SeldomReady::EndUnused()
+{
     if (sInstance->mEntries.empty()) {
-        sInstance.reset();
+        delete std::exchange(sInstance, nullptr);
     }
 }
 
@@ -59,7 +62,7 @@ void SeldomReady::CallReady()
 {
     std::array<epoll_event, kMostInOneTurn> ready = {};
     const int count = ::epoll_wait(sInstance->mEpoll.Get(), ready.data(), kMostInOneTurn, 0);
-    for (int i = 0; i < count && sInstance; ++i) {
+    for (int i = 0; i < count && sInstance != nullptr; ++i) {
         // An earlier call may have ended this one, and the set with it.
         const auto entry = sInstance->mEntries.find(ready[static_cast<unsigned>(i)].data.u64);
         if (entry != sInstance->mEntries.end()) {

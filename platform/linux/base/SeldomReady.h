@@ -48,8 +48,10 @@ private:
     SeldomReady();
 
     static void CallReady();
+    static void EndUnused();
 
-    static std::unique_ptr<SeldomReady> sInstance;
+    /** Owned by the entries: there while there are any. Nothing is left to the end of the process. */
+    static SeldomReady *sInstance;
     static Id sLastId;
 
     UniqueFd mEpoll;
