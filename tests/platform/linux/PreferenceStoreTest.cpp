@@ -156,7 +156,7 @@ public:
     {
         std::filesystem::create_directory(mPath);
         if (unshare(CLONE_NEWNS) != 0 ||
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("none", mPath.c_str(), "tmpfs", 0, options) != 0) {
             mError = errno;
         }
@@ -178,7 +178,7 @@ public:
     {
         const unsigned long readOnlyFlag = MS_RDONLY;
         const unsigned long flags = MS_REMOUNT | (readOnly ? readOnlyFlag : 0UL);
-        return mount("none", mPath.c_str(), nullptr, flags, nullptr) == 0;
+        return mount("none", mPath.c_str(), "none", flags, nullptr) == 0;
     }
 
 private:

@@ -134,6 +134,12 @@ struct Malformed
 {
     std::string mRows;
     std::string mMessage;
+
+    // Without it the bytes are printed, and those of a short text are not all initialised.
+    friend void PrintTo(const Malformed &malformed, std::ostream *stream)
+    {
+        *stream << testing::PrintToString(malformed.mRows);
+    }
 };
 
 class MalformedRowTest : public testing::TestWithParam<Malformed>
