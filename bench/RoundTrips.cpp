@@ -163,8 +163,7 @@ std::vector<Row> MeasureManyInFlight(const Setting &setting)
     row.mYardstickValue = Summarize(echoRates);
     row.mRatio = Summarize(Divide(rates, echoRates));
     if (onOne) {
-        // Two processes on one core: how they are scheduled varies from machine to machine.
-        row.mBudget = Budget{Budget::Kind::AtLeast, 0.9, 3, true};
+        row.mBudget = Budget{Budget::Kind::AtLeast, 0.9, 2, true};
     }
     return {row};
 }

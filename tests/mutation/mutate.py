@@ -388,7 +388,7 @@ def main():
         print(json.dumps(result, indent=1))
     else:
         print_result(result)
-    return 0 if result["per_cent"] >= options.least else 1
+    return 0 if result["per_cent"] >= options.least and result["unexplained"] == 0 else 1
 
 
 if __name__ == "__main__":

@@ -26,19 +26,24 @@ SeldomReady::SeldomReady() : mEpoll(::epoll_create1(EPOLL_CLOEXEC))
 std::optional<SeldomReady::Id> SeldomReady::Watch(int fd, GIOCondition events,
                                                   LoopSource::Handler handler)
 {
-    if (sInstance == nullptr) {
-        sInstance = new SeldomReady();
-    }
+    Entry entry{fd, std::make_shared<const LoopSource::Handler>(std::move(handler))};
     const Id id = ++sLastId;
-    auto &entries = sInstance->mEntries;
-    entries.emplace(id, Entry{fd, std::make_shared<const LoopSource::Handler>(std::move(handler))});
     epoll_event event = {};
     event.events = events; // the same bits for poll() and epoll
     event.data.u64 = id;
+    if (sInstance == nullptr) {
+        sInstance = new SeldomReady();
+    }
+    try {
+        sInstance->mEntries.emplace(id, std::move(entry));
+    } catch (...) {
+        EndUnused();
+        throw;
+    }
     if (::epoll_ctl(sInstance->mEpoll.Get(), EPOLL_CTL_ADD, fd, &event) == 0) {
         return id;
     }
-    entries.erase(id);
+    sInstance->mEntries.erase(id);
     EndUnused();
     return std::nullopt;
 }

@@ -52,9 +52,10 @@ std::size_t ControlServer::ClientCount() const
 
 void ControlServer::WatchListener()
 {
-    mListenerSource.Remove();
-    mListenerSource =
-        LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
+    if (!mListenerSource.IsActive()) {
+        mListenerSource =
+            LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
+    }
 }
 
 void ControlServer::OnListenerReady()

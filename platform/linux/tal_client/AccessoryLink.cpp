@@ -203,9 +203,10 @@ AccessoryLink::LinkStatus AccessoryLink::Status() const
 
 void AccessoryLink::WatchListener()
 {
-    mListenerSource.Remove();
-    mListenerSource =
-        LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
+    if (!mListenerSource.IsActive()) {
+        mListenerSource =
+            LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
+    }
 }
 
 void AccessoryLink::OnListenerReady()
