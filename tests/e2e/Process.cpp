@@ -17,6 +17,27 @@ namespace {
 
 constexpr std::chrono::milliseconds kPause(5);
 
+constexpr const char *kEmulator = PARVANE_EMULATOR; // words separated by bars, or nothing
+
+/** Puts the emulator before a command of this build, if the build is for another machine. */
+void Emulate(std::vector<std::string> &command, Environment &environment)
+{
+    const std::string emulator = kEmulator;
+    if (emulator.empty() || !command.front().starts_with(PARVANE_BUILD_FOLDER "/")) {
+        return;
+    }
+    std::vector<std::string> words;
+    std::istringstream bars(emulator);
+    for (std::string word; std::getline(bars, word, '|');) {
+        words.push_back(word);
+    }
+    // What is loaded first is for the program, and not for the emulator.
+    if (const auto preload = environment.extract("LD_PRELOAD"); !preload.empty()) {
+        words.insert(words.end(), {"-E", "LD_PRELOAD=" + preload.mapped()});
+    }
+    command.insert(command.begin(), words.begin(), words.end());
+}
+
 std::vector<char *> Pointers(std::vector<std::string> &texts)
 {
     std::vector<char *> pointers;
@@ -76,8 +97,10 @@ Process::Process(const std::vector<std::string> &command, const Environment &env
     mError = folder / (name + ".err");
 
     std::vector<std::string> arguments = command;
+    Environment exactly = environment;
+    Emulate(arguments, exactly);
     std::vector<std::string> variables;
-    for (const auto &[variable, value] : environment) {
+    for (const auto &[variable, value] : exactly) {
         variables.push_back(variable);
         variables.back().append("=").append(value);
     }

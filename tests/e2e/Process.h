@@ -32,7 +32,11 @@ using Environment = std::map<std::string, std::string>;
 class Process
 {
 public:
-    /** Output goes to `folder`, which must exist, under names that no other Process has. */
+    /**
+     * Output goes to `folder`, which must exist, under names that no other Process has. A program of
+     * this build is started by the emulator, if the build is for another machine; it must be the first
+     * word for that.
+     */
     Process(const std::vector<std::string> &command, const Environment &environment,
             const std::filesystem::path &folder);
     Process(const Process &) = delete;
