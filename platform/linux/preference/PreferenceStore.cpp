@@ -566,6 +566,14 @@ int PreferenceStore::CheckPages(Finding &finding)
     if (result != SQLITE_OK) {
         return result;
     }
+    if (statement.Text(0) != "ok") {
+        // A page for which there was no memory is told like a damaged one: a second look tells them
+        // apart. While memory stays short, that look fails.
+        result = FirstRow(statement, "PRAGMA quick_check(1)");
+        if (result != SQLITE_OK) {
+            return result;
+        }
+    }
     if (const std::string answer = statement.Text(0); answer != "ok") {
         finding.mProblem = answer;
         return SQLITE_OK;

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "FailingMalloc.h"
 #include "Requests.h"
@@ -31,11 +32,14 @@ constexpr uint8_t kSteps = 2;
 constexpr std::chrono::seconds kLimit(20);
 constexpr std::chrono::seconds kAttempt(3);
 
+/** Each failure is a run of the program: the parts of a sweep go side by side. */
+constexpr int kParts = 6;
+
 } // namespace
 
-/** "" fails one allocation, "+" it and all later ones. */
+/** Whether one allocation fails or it and all later ones; and which part of the sweep it is. */
 class AllocationFailureTest : public ServiceFixture,
-                              public testing::WithParamInterface<const char *>
+                              public testing::WithParamInterface<std::tuple<bool, int>>
 {
 protected:
     AllocationFailureTest()
@@ -221,12 +225,14 @@ TEST_P(AllocationFailureTest, ServiceEndsInOrderOrGoesOnAndItsStepsAreWhole)
     std::map<std::string, int> outcomes;
     int points = 0;
     const int stride = Setting("PARVANE_SWEEP_STRIDE", ALLOCATIONS_BETWEEN_FAILURES);
-    for (int64_t n = 1; n <= sound.mReport.count; n += stride, ++points) {
-        SCOPED_TRACE("allocation " + std::to_string(n) + GetParam());
+    const auto [allLater, part] = GetParam();
+    const std::string mode = allLater ? "+" : "";
+    for (int64_t n = 1 + part * stride; n <= sound.mReport.count; n += kParts * stride, ++points) {
+        SCOPED_TRACE("allocation " + std::to_string(n) + mode);
         std::filesystem::remove_all(mStateDirectory);
         std::filesystem::copy(seed, mStateDirectory, std::filesystem::copy_options::recursive);
 
-        const Run run = RunService(std::to_string(n) + GetParam());
+        const Run run = RunService(std::to_string(n) + mode);
 
         const std::optional<std::string> outcome = OutcomeOf(run);
         ASSERT_TRUE(outcome.has_value())
@@ -242,7 +248,7 @@ TEST_P(AllocationFailureTest, ServiceEndsInOrderOrGoesOnAndItsStepsAreWhole)
         }
     }
     std::cout << "swept the real service: " << points << " of " << sound.mReport.count
-              << " allocations failing" << (*GetParam() == '+' ? " with all after them" : "");
+              << " allocations failing" << (allLater ? " with all after them" : "");
     for (const auto &[outcome, count] : outcomes) {
         std::cout << ", " << count << " " << outcome;
     }
@@ -250,5 +256,9 @@ TEST_P(AllocationFailureTest, ServiceEndsInOrderOrGoesOnAndItsStepsAreWhole)
     EXPECT_EQ(RunService("").mStatus, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Failing, AllocationFailureTest, testing::Values("", "+"),
-                         [](const auto &mode) { return *mode.param == '+' ? "From" : "One"; });
+INSTANTIATE_TEST_SUITE_P(Failing, AllocationFailureTest,
+                         testing::Combine(testing::Bool(), testing::Range(0, kParts)),
+                         [](const auto &what) {
+                             return (std::get<0>(what.param) ? "From" : "One") +
+                                    std::to_string(std::get<1>(what.param));
+                         });
