@@ -18,6 +18,8 @@ struct Intrusion
 {
     const char *mName;
     std::function<void(ServiceLife &)> mCome;
+    /** Whether the service is to end, once, when it comes; nothing else may end it. */
+    bool mEndsService = false;
 };
 
 void PrintTo(const Intrusion &intrusion, std::ostream *stream)
@@ -125,7 +127,7 @@ std::vector<Intrusion> Intrusions()
              life.Ask({0x04, 0x00, 0x00, 0x01});
          }},
         {"ReadingsDelivered", DeliverReadings},
-        {"LowMemory", [](ServiceLife &life) { life.RunLowOnMemory(); }},
+        {"LowMemory", [](ServiceLife &life) { life.RunLowOnMemory(); }, true},
         {"Launched", [](ServiceLife &life) { life.Launch(); }},
         {"Everything", Everything},
     };
@@ -146,6 +148,19 @@ void PutBackSteps(ServiceLife &life)
 
 // The life whose call is under way; none before the start and after the end of the service.
 ServiceLife *gLife = nullptr;
+bool gHasCome = false;
+
+/** The service has ended if the scenario or the intrusion ends it, and only then. */
+void ExpectRightEnd(const LifeRecord &record, const Reference &reference,
+                    const Intrusion &intrusion)
+{
+    const bool endsByScenario = reference.mReplies.empty();
+    const bool endsByIntrusion = intrusion.mEndsService && gHasCome;
+    EXPECT_EQ(endsByScenario || endsByIntrusion, record.mHasEnded);
+    if (!endsByIntrusion) {
+        EXPECT_EQ(endsByScenario ? 1 : 0, record.mExitRequests);
+    }
+}
 
 class ReentrancySweepTest : public testing::TestWithParam<Intrusion>
 {
@@ -173,6 +188,7 @@ private:
             disturbance.mBegin = [&](ScriptedPlatform &platform) {
                 platform.OnAnyCall(n, moment, [&intrusion] {
                     if (gLife != nullptr) {
+                        gHasCome = true;
                         intrusion.mCome(*gLife);
                     }
                 });
@@ -181,6 +197,7 @@ private:
             disturbance.mEnd = [](ServiceLife & /*life*/) { gLife = nullptr; };
             disturbance.mRepair = PutBackSteps;
             const auto check = [&](const LifeRecord &record) {
+                ExpectRightEnd(record, reference, intrusion);
                 if (!record.mHasEnded) {
                     EXPECT_EQ(FreshReplies(), record.mReplies);
                 }
