@@ -72,6 +72,23 @@ bool IsUnseenByTheHost(const std::string &function)
     return unseen.count(function) != 0;
 }
 
+// The link is up in the end, and the host connected.
+bool LeavesTheHostThere(const Scenario &scenario)
+{
+    static const std::set<std::string> others = {"Start", "LinkDropAndReturn", "LowMemory",
+                                                 "LowBattery"};
+    return others.count(scenario.mName) == 0;
+}
+
+// While these fail there is no way between the service and the host. One failure alone is got over:
+// a registration is tried again, and a connection that was not accepted is there all the same.
+bool CutsTheHostOff(const std::string &function)
+{
+    static const std::set<std::string> cutting = {"registerNotifications", "registerServiceAgent",
+                                                  "acceptServiceConnection"};
+    return cutting.count(function) != 0;
+}
+
 struct ExpectedLine
 {
     int mPriority = 6;
@@ -275,12 +292,14 @@ protected:
         for (const std::string &call : mReference.mCalls) {
             if (ScriptedPlatform::CanFail(call)) {
                 mCalls.push_back(call);
+                mLastCut = CutsTheHostOff(NameOf(call)) ? mCalls.size() - 1 : mLastCut;
             }
         }
     }
 
     const Reference &mReference;
     std::vector<std::string> mCalls;
+    std::size_t mLastCut = 0; // the last call whose failure cuts the host off, if there is one
 };
 
 TEST_P(CallSweepTest, HealthyLifeIsFollowedByTheRepliesOfAFreshService)
@@ -288,6 +307,9 @@ TEST_P(CallSweepTest, HealthyLifeIsFollowedByTheRepliesOfAFreshService)
     EXPECT_THAT(FreshReplies(), Not(IsEmpty()));
     if (!mReference.mReplies.empty()) {
         EXPECT_EQ(FreshReplies(), mReference.mReplies);
+    }
+    if (LeavesTheHostThere(GetParam())) {
+        EXPECT_EQ(5U, mReference.mList.size());
     }
 }
 
@@ -310,6 +332,9 @@ TEST_P(CallSweepTest, EachCallMayFailWithEachCode)
                 ExpectWhatItMustLog(record);
                 if (IsUnseenByTheHost(NameOf(mCalls[i]))) {
                     EXPECT_EQ(mReference.mSent, SentOf(record));
+                }
+                if (LeavesTheHostThere(GetParam())) {
+                    EXPECT_EQ(mReference.mList, ListOf(record));
                 }
                 ExpectHealth(record, mReference);
                 return "";
@@ -334,6 +359,9 @@ TEST_P(CallSweepTest, EachCallAndAllAfterItMayFail)
         disturbance.mEnd = [](ServiceLife &life) { life.Platform().SucceedAgain(); };
         const auto check = [&](const LifeRecord &record) {
             ExpectWhatItMustLog(record);
+            if (LeavesTheHostThere(GetParam()) && i > mLastCut) {
+                EXPECT_EQ(mReference.mList, ListOf(record));
+            }
             ExpectHealth(record, mReference);
             return "";
         };

@@ -334,6 +334,18 @@ void ExpectWhole(const std::vector<LogLine> &log, const std::optional<std::strin
     }
 }
 
+// What the host gets from a service that has gone on, as it is and then cured.
+void LookAtHealth(ServiceLife &life, const Disturbance &disturbance, LifeRecord &record)
+{
+    life.Ask({0x11});
+    record.mList = life.Platform().TakeSent();
+    Recover(life);
+    if (disturbance.mRepair) {
+        disturbance.mRepair(life);
+    }
+    record.mReplies = Replies(life);
+}
+
 } // namespace
 
 LifeRecord Live(const Scenario &scenario, const Disturbance &disturbance)
@@ -360,11 +372,7 @@ LifeRecord Live(const Scenario &scenario, const Disturbance &disturbance)
             disturbance.mEnd(life);
         }
         if (!life.HasEnded()) {
-            Recover(life);
-            if (disturbance.mRepair) {
-                disturbance.mRepair(life);
-            }
-            record.mReplies = Replies(life);
+            LookAtHealth(life, disturbance, record);
         }
         record.mHasEnded = life.HasEnded();
         // A started controller lives by its own parts, as long as the process.

@@ -122,7 +122,8 @@ struct LifeRecord
     std::vector<Bytes> mSent;
     int mHookableCalls = 0;
     int mAllocations = 0;
-    int mExitRequests = 0; // of everything, as the rest
+    std::vector<Bytes> mList; // what a wish for the sensors gets right after it, nothing cured yet
+    int mExitRequests = 0;    // of everything, as the rest
     std::vector<FailedCall> mFailedCalls;
     std::vector<LogLine> mLog;
     std::vector<std::string> mReplies; // to the healthy requests after it

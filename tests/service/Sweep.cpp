@@ -22,6 +22,16 @@ std::string Digits(const Bytes &bytes)
     return text;
 }
 
+std::vector<std::string> DigitsOfEach(const std::vector<Bytes> &messages)
+{
+    std::vector<std::string> texts;
+    texts.reserve(messages.size());
+    for (const Bytes &message : messages) {
+        texts.push_back(Digits(message));
+    }
+    return texts;
+}
+
 // One line for each thing, its kind first.
 std::string ToText(const LifeRecord &record)
 {
@@ -31,6 +41,9 @@ std::string ToText(const LifeRecord &record)
     }
     for (const std::string &sent : SentOf(record)) {
         text += "S" + sent + "\n";
+    }
+    for (const std::string &packet : ListOf(record)) {
+        text += "L" + packet + "\n";
     }
     for (const std::string &reply : record.mReplies) {
         text += "R" + reply + "\n";
@@ -53,6 +66,9 @@ Reference FromText(const std::string &text)
         case 'S':
             reference.mSent.push_back(rest);
             break;
+        case 'L':
+            reference.mList.push_back(rest);
+            break;
         case 'R':
             reference.mReplies.push_back(rest);
             break;
@@ -73,11 +89,12 @@ Reference FromText(const std::string &text)
 
 std::vector<std::string> SentOf(const LifeRecord &record)
 {
-    std::vector<std::string> sent;
-    for (const Bytes &message : record.mSent) {
-        sent.push_back(Digits(message));
-    }
-    return sent;
+    return DigitsOfEach(record.mSent);
+}
+
+std::vector<std::string> ListOf(const LifeRecord &record)
+{
+    return DigitsOfEach(record.mList);
 }
 
 const Reference &ReferenceOf(const Scenario &scenario)

@@ -14,6 +14,7 @@ struct Reference
 {
     std::vector<std::string> mCalls;
     std::vector<std::string> mSent;
+    std::vector<std::string> mList;
     std::vector<std::string> mReplies;
     int mHookableCalls = 0;
     int mAllocations = 0;
@@ -27,6 +28,7 @@ const std::vector<std::string> &FreshReplies();
 
 /** The messages of a life as text, to be compared with those of a reference. */
 std::vector<std::string> SentOf(const LifeRecord &record);
+std::vector<std::string> ListOf(const LifeRecord &record);
 
 /**
  * Counts the points of a sweep and says in the end, in one line, how many there were.
