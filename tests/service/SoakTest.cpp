@@ -285,6 +285,7 @@ TEST_F(SoakTest, EveryTotalIsWhatTheRulesGiveAndMemoryIsThatOfTheFirstDay)
     if (days >= WatchLife::kDays) {
         EXPECT_EQ(life.SummersBegun(), 1);
         EXPECT_EQ(life.SummersEnded(), 1);
+        EXPECT_EQ(life.ChangesWorn(), 2);
         EXPECT_EQ(life.YearsEnded(), 1);
     }
 }

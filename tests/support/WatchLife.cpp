@@ -1,6 +1,7 @@
 #include "WatchLife.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Parvane {
 
@@ -14,19 +15,30 @@ constexpr int64_t kNewYear = 1609412400;
 /** Days that change their offset or their year are lived by the right time, at home. */
 constexpr std::array kPlainDays = {1, 12, 13, 29};
 
-/** A time for which the watch is switched off. */
-struct Sleep
+/** A day that changes its offset, and when the watch is switched off on it. */
+struct ChangeDay
 {
-    int64_t mFrom;
-    int64_t mTo;
+    int64_t mChange;
+    int64_t mSleepsFrom;
+    int64_t mSleepsTo;
 };
 
 /**
- * On the days that change their offset, from the change to a moment that is another day by the one
- * offset and the same by the other: 00:30 of the day after the summer's first, whose last second was
- * told by winter time, and 23:20 of its last, told by summer time.
+ * The watch is worn through the change and until noon. The last that its clock shows then is an hour
+ * before the change once more; and it wakes at a moment that is another day by that hour's offset and
+ * the same by the other: 00:30 of the day after the summer's first, whose last second was told by
+ * winter time, and 23:20 of its last, told by summer time.
  */
-constexpr std::array<Sleep, 2> kSleeps = {{{1608386400, 1608463800}, {1610805600, 1610882400}}};
+constexpr std::array<ChangeDay, 2> kChangeDays = {
+    {{1608386400, 1608418800, 1608463800}, {1610805600, 1610841600, 1610882400}}};
+
+/** Whether the offset changes after `from` and until `to`. */
+bool HasChange(int64_t from, int64_t to)
+{
+    return std::any_of(kChangeDays.begin(), kChangeDays.end(), [&](const ChangeDay &day) {
+        return from < day.mChange && day.mChange <= to;
+    });
+}
 
 bool IsPlainDay(int day)
 {
@@ -72,17 +84,24 @@ WatchMoment WatchLife::Next()
     if (mMoment > 0) {
         // Now and then the watch lies switched off for some hours.
         const bool isOff = mTrueTime - kBirth > kSecondsOfADay && Random(0, 99) == 0;
-        mTrueTime += isOff ? Random(1, 9) * kSecondsOfAnHour : Random(mPause / 2, mPause * 3 / 2);
+        const int rest = isOff ? Random(1, 9) * kSecondsOfAnHour : 0;
+        mTrueTime += isOff && !HasChange(mTrueTime, mTrueTime + rest)
+                         ? rest
+                         : Random(mPause / 2, mPause * 3 / 2);
     }
-    for (const Sleep &sleep : kSleeps) {
-        if (sleep.mFrom <= mTrueTime && mTrueTime < sleep.mTo) {
-            mTrueTime = sleep.mTo;
-        }
+    if (mWakesAt != 0) {
+        mTrueTime = std::exchange(mWakesAt, 0);
     }
     const int day = static_cast<int>((mTrueTime - kBirth) / kSecondsOfADay);
     if (IsPlainDay(day)) {
         mClockError = 0;
         mZone = &WatchZone::kFiji;
+    }
+    for (const ChangeDay &changeDay : kChangeDays) {
+        if (changeDay.mSleepsFrom <= mTrueTime && mTrueTime < changeDay.mSleepsTo) {
+            mClockError = changeDay.mChange - kSecondsOfAnHour - mTrueTime;
+            mWakesAt = changeDay.mSleepsTo;
+        }
     }
     CountPassing(before, mTrueTime);
     WatchEvent event = ChooseEvent();
@@ -139,6 +158,7 @@ void WatchLife::CountPassing(int64_t from, int64_t to)
         return (time + mZone->OffsetAt(time)) / kSecondsOfADay;
     };
     mMidnights += localDay(from) != localDay(to) ? 1 : 0;
+    mChangesWorn += HasChange(from, to) && localDay(from) == localDay(to) ? 1 : 0;
     mSummersBegun += mZone->OffsetAt(from) < mZone->OffsetAt(to) ? 1 : 0;
     mSummersEnded += mZone->OffsetAt(from) > mZone->OffsetAt(to) ? 1 : 0;
     mYearsEnded += from < kNewYear && kNewYear <= to ? 1 : 0;

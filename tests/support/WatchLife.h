@@ -43,8 +43,8 @@ struct WatchMoment
  * A watch's life, moment by moment, the same for the same seed.
  *
  * It begins in Fiji on 2020-12-19 at 00:00 and has, in its first thirty days, a change to summer time
- * on the second day, the end of a year after the thirteenth, and a change back on the last, both slept
- * through. All that can happen does so on the first day, by the end of which everything has run once.
+ * on the second day, the end of a year after the thirteenth, and a change back on the last. All that
+ * can happen does so on the first day, by the end of which everything has run once.
  */
 class WatchLife
 {
@@ -63,6 +63,8 @@ public:
     int Midnights() const { return mMidnights; }
     int SummersBegun() const { return mSummersBegun; }
     int SummersEnded() const { return mSummersEnded; }
+    /** How many of these changes have had readings of the same day on both sides. */
+    int ChangesWorn() const { return mChangesWorn; }
     int YearsEnded() const { return mYearsEnded; }
 
 private:
@@ -76,6 +78,7 @@ private:
     const int mPause;
     int64_t mTrueTime = kBirth;
     int64_t mClockError = 0;
+    int64_t mWakesAt = 0; // 0 while it is not switched off for a change's sake
     const WatchZone *mZone = &WatchZone::kFiji;
     PedometerCounts mCounts;
     int mMoment = 0;
@@ -83,6 +86,7 @@ private:
     int mMidnights = 0;
     int mSummersBegun = 0;
     int mSummersEnded = 0;
+    int mChangesWorn = 0;
     int mYearsEnded = 0;
 };
 
