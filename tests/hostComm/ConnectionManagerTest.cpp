@@ -168,6 +168,21 @@ TEST_F(ConnectionManagerBirthTest, PeerSearchesCountFromZeroBeforeAnyConfirmatio
     EXPECT_EXIT(SearchBeforeAnyConfirmation(mPlatform), testing::ExitedWithCode(0), "");
 }
 
+void SendBeforeAnyHost(ScriptedPlatform &platform)
+{
+    platform.PrintLog();
+    const uint8_t byte = 1;
+    ConnectionManager::GetInstance()->SendToHost(&byte, 1);
+    const std::vector<SentMessage> sent = platform.TakeSentMessages();
+    std::_Exit(sent == std::vector<SentMessage>{{-1, 143, 1, {1}}} ? 0 : 1);
+}
+
+TEST_F(ConnectionManagerBirthTest, NobodyIsConnectedBeforeAnyHost)
+{
+    EXPECT_EXIT(SendBeforeAnyHost(mPlatform), testing::ExitedWithCode(0),
+                "mIsServiceConnected is false");
+}
+
 // Registration.
 
 TEST_F(ConnectionManagerTest, RegistrationHandsOverNotificationsThenTheService)

@@ -168,6 +168,7 @@ TEST_F(ContextPedometerSensorTest, QueryAsksThePlatformForItemTwoWithoutOption)
     EXPECT_EQ(-1, mSensor->mChangedRequestId);
     EXPECT_THAT(mListner->mUpdated, IsEmpty());
     EXPECT_THAT(mListner->mChanged, IsEmpty());
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
 TEST_F(ContextPedometerSensorTest, FailedQueryIsLogged)
