@@ -8,11 +8,10 @@
 #include "Requests.h"
 #include "ServiceFixture.h"
 
+using Parvane::FlaggedRequest::kStartActivity;
 using Parvane::Request::kMeasureSteps;
 
 namespace {
-
-const Bytes kStartActivity = {0x23, 0x00, 0x00, 0x01, 0x00};
 
 constexpr char kSteps[] = "in_steps_input";
 constexpr char kVelocity[] = "in_velocity_x_input";

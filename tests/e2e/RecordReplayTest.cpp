@@ -11,6 +11,8 @@
 #include "Requests.h"
 #include "ServiceFixture.h"
 
+using Parvane::FlaggedRequest::kMeasureHeartRate;
+using Parvane::FlaggedRequest::kStartActivity;
 using Parvane::Request::kMeasureSteps;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
@@ -25,8 +27,6 @@ constexpr uint8_t kSteps = 2;
 constexpr uint8_t kHeartRate = 3;
 
 const Bytes kStopSteps = {0x04, 0x00, 0x00, kSteps};
-const Bytes kMeasureHeartRate = {0x12, 0x00, 0x00, kHeartRate};
-const Bytes kStartActivity = {0x23, 0x00, 0x00, kActivity, 0x00};
 
 /** The command that records; empty when it is not part of this build. */
 std::string WatchProgram()
