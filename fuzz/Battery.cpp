@@ -5,8 +5,8 @@
 
 #include "Input.h"
 #include "Require.h"
+#include "SysfsBatteryMonitor.h"
 #include "TestSupport.h"
-#include "service_app/SysfsBatteryMonitor.h"
 
 // The files of a power supply, with ';' between them: type, status, capacity, scope, present. What
 // the input does not have is not there.

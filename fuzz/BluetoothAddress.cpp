@@ -1,4 +1,4 @@
-#include "bluetooth/BluetoothAddress.h"
+#include "BluetoothAddress.h"
 
 #include "Input.h"
 #include "Require.h"

@@ -3,9 +3,9 @@
 
 #include <glib.h>
 
+#include "ConfigFile.h"
 #include "Input.h"
 #include "Require.h"
-#include "service_app/ConfigFile.h"
 
 // The text of a configuration file.
 

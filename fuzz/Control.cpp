@@ -5,12 +5,12 @@
 #include <set>
 #include <string>
 
+#include "ControlCommands.h"
+#include "ControlMessages.h"
+#include "ControlServer.h"
 #include "Input.h"
 #include "Require.h"
 #include "TestSupport.h"
-#include "control/ControlCommands.h"
-#include "control/ControlMessages.h"
-#include "control/ControlServer.h"
 
 // Requests on the control socket, a line each, to the parts of a runtime whose sensors are set by
 // hand and have a subscriber each.

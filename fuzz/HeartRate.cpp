@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "HeartRateMeasurement.h"
 #include "Input.h"
 #include "Require.h"
-#include "bus/module/HeartRateMeasurement.h"
 
 // The bytes that a heart-rate strap sends.
 

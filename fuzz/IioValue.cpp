@@ -1,11 +1,11 @@
 #include <cmath>
 #include <string>
 
+#include "IioChannel.h"
+#include "IioCounter.h"
 #include "Input.h"
 #include "Require.h"
 #include "TestSupport.h"
-#include "context_manager/iio/IioChannel.h"
-#include "context_manager/iio/IioCounter.h"
 
 // What the files of an industrial-I/O device hold, one after the other, with ';' between them.
 

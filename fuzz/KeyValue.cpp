@@ -2,9 +2,9 @@
 #include <string>
 
 #include "Input.h"
+#include "KeyValueStore.h"
 #include "Require.h"
 #include "TestSupport.h"
-#include "vconf/KeyValueStore.h"
 
 // The file of a key, and the same bytes as the name of a key.
 

@@ -1,12 +1,12 @@
-#include "dlog/LogText.h"
+#include "LogText.h"
 
 #include <algorithm>
 #include <array>
 
 #include "Input.h"
+#include "JournalEntry.h"
+#include "LogPlace.h"
 #include "Require.h"
-#include "dlog/JournalEntry.h"
-#include "dlog/LogPlace.h"
 
 // A message of the service on its way into a line and into an entry of the journal.
 

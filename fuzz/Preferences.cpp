@@ -4,9 +4,9 @@
 #include <string>
 
 #include "Input.h"
+#include "PreferenceStore.h"
 #include "Require.h"
 #include "TestSupport.h"
-#include "preference/PreferenceStore.h"
 
 // The files of the preferences: four bytes that say how long the database is, the database, and its
 // write-ahead log. Whatever they are, the store opens, keeps what it says that it keeps, and loses no

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "Require.h"
-#include "base/RuntimeLog.h"
+#include "RuntimeLog.h"
 
 // The log of the runtime in the fuzz targets: every line is made, so that what it is made of is
 // read, and none is written.

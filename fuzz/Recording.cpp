@@ -1,11 +1,11 @@
-#include "context_manager/Recording.h"
+#include "Recording.h"
 
 #include <string>
 
 #include "Input.h"
 #include "Require.h"
+#include "StartupError.h"
 #include "TestSupport.h"
-#include "base/StartupError.h"
 
 // The text of a recording.
 

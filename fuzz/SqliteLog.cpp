@@ -1,4 +1,4 @@
-#include "preference/SqliteLog.h"
+#include "SqliteLog.h"
 
 #include "Input.h"
 #include "Require.h"

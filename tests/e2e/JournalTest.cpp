@@ -145,7 +145,7 @@ TEST_F(JournalTest, LineOfTheRuntimeHasItsPlaceInTheSource)
     EXPECT_THAT(entry["MESSAGE"], HasSubstr("PARVANE_SPEED is 'fast'"));
     EXPECT_EQ(entry["PRIORITY"], "3");
     EXPECT_EQ(entry["PARVANE_TAG"], "platform");
-    EXPECT_THAT(entry["CODE_FILE"], EndsWith("platform/linux/service_app/service_app.cpp"));
+    EXPECT_THAT(entry["CODE_FILE"], EndsWith("platform/linux/api/service_app.cpp"));
     EXPECT_EQ(entry["CODE_FUNC"], "service_app_main");
     EXPECT_THAT(entry["CODE_LINE"], MatchesRegex("[0-9]+"));
     EXPECT_EQ(entry["_TRANSPORT"], "journal");

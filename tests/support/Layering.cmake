@@ -6,6 +6,8 @@
 
 cmake_minimum_required(VERSION 3.25)
 
+include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
+
 # What each layer may include from the service, besides itself; "base" are the headers beside the
 # folders.
 set(MAY_USE_data "")
@@ -28,15 +30,7 @@ set(STANDARD
     stop_token streambuf string string_view system_error thread tuple type_traits typeindex typeinfo
     unordered_map unordered_set utility valarray variant vector version)
 
-if(NOT IS_DIRECTORY "${SERVICE_DIR}" OR NOT IS_DIRECTORY "${PLATFORM_DIR}")
-    message(FATAL_ERROR "SERVICE_DIR and PLATFORM_DIR have to be folders")
-endif()
-
-file(GLOB_RECURSE sources RELATIVE ${SERVICE_DIR} ${SERVICE_DIR}/*.h ${SERVICE_DIR}/*.cpp)
-list(LENGTH sources count)
-if(count LESS 50)
-    message(FATAL_ERROR "only ${count} files under ${SERVICE_DIR}: this is not the service")
-endif()
+find_sources(${SERVICE_DIR})
 
 # The layer that a file of the service belongs to.
 function(layer_of file result)
@@ -50,18 +44,7 @@ function(layer_of file result)
     endif()
 endfunction()
 
-foreach(file IN LISTS sources)
-    get_filename_component(name ${file} NAME)
-    layer_of(${file} layer)
-    if(name MATCHES "\\.h$")
-        set(LAYER_OF_${name} ${layer})
-    endif()
-endforeach()
-
-set(offenders "")
-macro(offend text)
-    string(APPEND offenders "  ${file}: ${text}\n")
-endmacro()
+find_layers()
 
 foreach(file IN LISTS sources)
     layer_of(${file} layer)
@@ -72,21 +55,12 @@ foreach(file IN LISTS sources)
     file(STRINGS ${SERVICE_DIR}/${file} includes REGEX "^[ \t]*#[ \t]*include")
     foreach(line IN LISTS includes)
         if(line MATCHES "\"([^\"]+)\"")
-            set(header ${CMAKE_MATCH_1})
-            if(header MATCHES "\\.\\.|/")
-                offend("includes \"${header}\": headers have no path")
-            elseif(NOT DEFINED LAYER_OF_${header})
-                offend("includes \"${header}\", which is no header of the service")
-            elseif(NOT LAYER_OF_${header} STREQUAL layer
-                    AND NOT LAYER_OF_${header} IN_LIST MAY_USE_${layer})
-                offend("includes \"${header}\": ${layer} may not use ${LAYER_OF_${header}}")
-            endif()
+            check_own_header(${CMAKE_MATCH_1})
         elseif(line MATCHES "<platform/([^>]+)>")
             if(NOT layer IN_LIST MAY_USE_PLATFORM)
                 offend("includes <platform/${CMAKE_MATCH_1}>: ${layer} may not use the platform")
-            elseif(NOT EXISTS ${PLATFORM_DIR}/${CMAKE_MATCH_1})
-                offend("includes <platform/${CMAKE_MATCH_1}>, which is not in the platform's interface")
             endif()
+            check_platform_header(${CMAKE_MATCH_1})
         elseif(line MATCHES "<glib\\.h>")
             if(NOT layer IN_LIST MAY_USE_GLIB)
                 offend("includes <glib.h>: ${layer} may not use GLib")
@@ -116,7 +90,4 @@ foreach(file IN LISTS sources)
     endforeach()
 endforeach()
 
-if(offenders)
-    message(FATAL_ERROR "the walls between the folders have holes:\n${offenders}")
-endif()
-message(STATUS "${count} files keep to their layers")
+report_walls()

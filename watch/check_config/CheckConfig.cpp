@@ -6,11 +6,11 @@
 #include <utility>
 #include <vector>
 
-#include "base/Printable.h"
-#include "base/StartupError.h"
-#include "context_manager/Recording.h"
-#include "service_app/ConfigFile.h"
-#include "service_app/ConfigSchema.h"
+#include "ConfigFile.h"
+#include "ConfigSchema.h"
+#include "Printable.h"
+#include "Recording.h"
+#include "StartupError.h"
 
 namespace ParvaneWatch {
 

@@ -4,9 +4,9 @@
 #include <string_view>
 #include <utility>
 
-#include "base/Files.h"
-#include "base/RuntimeLog.h"
-#include "bluetooth/BluetoothAddress.h"
+#include "BluetoothAddress.h"
+#include "Files.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "bluetooth/AddressSource.h"
+#include "AddressSource.h"
 
 namespace ParvanePlatform {
 

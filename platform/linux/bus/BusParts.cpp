@@ -5,7 +5,7 @@
 #include <new>
 #include <string>
 
-#include "base/StartupError.h"
+#include "StartupError.h"
 
 namespace ParvanePlatform {
 

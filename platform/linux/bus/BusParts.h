@@ -2,11 +2,11 @@
 
 #include <memory>
 
-#include "bluetooth/AddressSource.h"
-#include "context_manager/SensorSource.h"
-#include "power/PowerBackend.h"
-#include "service_app/AlertMonitor.h"
-#include "service_app/Settings.h"
+#include "AddressSource.h"
+#include "Alerts.h"
+#include "PowerBackends.h"
+#include "SensorSources.h"
+#include "Settings.h"
 
 namespace ParvanePlatform {
 
@@ -17,23 +17,9 @@ namespace ParvanePlatform {
  * thread; all that they call back comes on the main loop. No part fails to be made because a service
  * or the bus is away: that shows in what the part's operations return, and may change.
  */
-class BusParts
+class BusParts : public BusSensorParts, public BusPowerParts, public BusAlertParts
 {
 public:
-    virtual ~BusParts() = default;
-
-    /** Heart rate from a Bluetooth strap, through BlueZ. */
-    virtual std::unique_ptr<SensorSource> MakeBleSource(const BleSettings &settings) = 0;
-
-    /** A power lock as an inhibitor of logind. */
-    virtual std::unique_ptr<PowerBackend> MakeLogindBackend() = 0;
-
-    /** Low memory, from GLib's memory monitor. */
-    virtual std::unique_ptr<AlertMonitor> MakeGlibMemoryMonitor() = 0;
-
-    /** A low battery, from UPower's warning level. */
-    virtual std::unique_ptr<AlertMonitor> MakeUPowerMonitor() = 0;
-
     /** The address of an adapter, from BlueZ. */
     virtual std::unique_ptr<AddressSource> MakeBluezAdapter(const BluetoothSettings &settings) = 0;
 };

@@ -8,7 +8,7 @@
 #include <optional>
 #include <type_traits>
 
-#include "base/ErrorCode.h"
+#include "ErrorCode.h"
 
 namespace {
 

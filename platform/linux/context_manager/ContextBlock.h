@@ -5,7 +5,7 @@
 
 #include <platform/context_manager.h>
 
-#include "context_manager/SensorReading.h"
+#include "SensorReading.h"
 
 namespace ParvanePlatform {
 

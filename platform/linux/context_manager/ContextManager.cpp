@@ -9,9 +9,9 @@
 #include <utility>
 #include <variant>
 
-#include "base/ErrorCode.h"
-#include "base/RuntimeLog.h"
-#include "context_manager/ContextBlock.h"
+#include "ContextBlock.h"
+#include "ErrorCode.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

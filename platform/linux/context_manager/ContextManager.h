@@ -10,10 +10,10 @@
 
 #include <platform/context_manager.h>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "context_manager/SensorSource.h"
-#include "context_manager/SensorSources.h"
+#include "Clock.h"
+#include "LoopSource.h"
+#include "SensorSource.h"
+#include "SensorSources.h"
 
 namespace ParvanePlatform {
 

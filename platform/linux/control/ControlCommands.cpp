@@ -10,10 +10,10 @@
 #include <string>
 #include <utility>
 
-#include "base/RuntimeLog.h"
-#include "context_manager/ManualSource.h"
-#include "control/ControlMessages.h"
-#include "control/ControlServer.h"
+#include "ControlMessages.h"
+#include "ControlServer.h"
+#include "ManualSource.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "control/ControlHandler.h"
-#include "control/StatusReport.h"
+#include "ControlHandler.h"
+#include "StatusReport.h"
 
 namespace ParvanePlatform {
 

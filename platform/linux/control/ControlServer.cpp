@@ -5,9 +5,9 @@
 #include <exception>
 #include <utility>
 
-#include "base/Files.h"
-#include "base/RuntimeLog.h"
-#include "control/ControlMessages.h"
+#include "ControlMessages.h"
+#include "Files.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

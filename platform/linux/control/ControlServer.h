@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "context_manager/ContextManager.h"
-#include "context_manager/RecordingWriter.h"
-#include "control/ControlHandler.h"
-#include "tal_client/LinkSocket.h"
+#include "Clock.h"
+#include "ContextManager.h"
+#include "ControlHandler.h"
+#include "LinkSocket.h"
+#include "LoopSource.h"
+#include "RecordingWriter.h"
 
 namespace ParvanePlatform {
 

@@ -11,7 +11,7 @@
 #include <variant>
 #include <vector>
 
-#include "control/ControlMessages.h"
+#include "ControlMessages.h"
 
 namespace ParvanePlatform {
 
@@ -198,21 +198,6 @@ void AddPreferences(json &status, PreferenceStore &store, std::size_t room)
 }
 
 } // namespace
-
-const char *NameOf(ContextItem item)
-{
-    switch (item) {
-    case ContextItem::Gesture:
-        return "gesture";
-    case ContextItem::Pedometer:
-        return "pedometer";
-    case ContextItem::HeartRate:
-        return "heart_rate";
-    case ContextItem::Activity:
-        return "activity";
-    }
-    return "?";
-}
 
 std::string StatusMessage(const ControlledParts &parts, const ServiceStart &start,
                           std::size_t maxBytes)

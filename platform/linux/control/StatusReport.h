@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <string>
 
-#include "base/Clock.h"
-#include "context_manager/ContextManager.h"
-#include "power/PowerLocks.h"
-#include "preference/PreferenceStore.h"
-#include "service_app/LifecycleEvents.h"
-#include "tal_client/AccessoryLink.h"
-#include "vconf/KeyValueStore.h"
+#include "AccessoryLink.h"
+#include "Clock.h"
+#include "ContextManager.h"
+#include "KeyValueStore.h"
+#include "LifecycleEvents.h"
+#include "PowerLocks.h"
+#include "PreferenceStore.h"
 
 namespace ParvanePlatform {
 
@@ -34,9 +34,6 @@ struct ServiceStart
     std::int64_t mWallMs = 0;
     std::int64_t mUs = 0;
 };
-
-/** The names of the items on the control socket and in the configuration: "heart_rate" ... */
-const char *NameOf(ContextItem item);
 
 /**
  * Makes the reply to "status" (docs/control.md).

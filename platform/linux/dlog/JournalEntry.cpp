@@ -8,9 +8,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "base/SystemdLibrary.h"
-#include "dlog/LogPlace.h"
-#include "dlog/LogText.h"
+#include "LogPlace.h"
+#include "LogText.h"
+#include "SystemdLibrary.h"
 
 namespace ParvanePlatform {
 

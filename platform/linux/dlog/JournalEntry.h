@@ -5,7 +5,7 @@
 #include <string_view>
 #include <sys/uio.h>
 
-#include "base/LogPriority.h"
+#include "LogPriority.h"
 
 namespace ParvanePlatform {
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <sys/stat.h>
 
-#include "base/Numbers.h"
+#include "Numbers.h"
 
 namespace ParvanePlatform {
 

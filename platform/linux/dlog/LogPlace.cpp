@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/Numbers.h"
+#include "Numbers.h"
 
 namespace ParvanePlatform {
 

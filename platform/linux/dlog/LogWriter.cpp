@@ -7,9 +7,9 @@
 #include <memory>
 #include <unistd.h>
 
-#include "base/Clock.h"
-#include "dlog/JournalEntry.h"
-#include "dlog/JournalStream.h"
+#include "Clock.h"
+#include "JournalEntry.h"
+#include "JournalStream.h"
 
 namespace ParvanePlatform {
 

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "base/LogPriority.h"
-#include "dlog/LogText.h"
+#include "LogPriority.h"
+#include "LogText.h"
 
 namespace ParvanePlatform {
 

@@ -1,12 +1,11 @@
 #include "PowerBackends.h"
 
-#include "bus/BusParts.h"
-#include "power/WakeLockBackend.h"
+#include "WakeLockBackend.h"
 
 namespace ParvanePlatform {
 
 std::vector<std::unique_ptr<PowerBackend>> MakePowerBackends(const PowerSettings &settings,
-                                                             BusParts *bus)
+                                                             BusPowerParts *bus)
 {
     using Lock = PowerSettings::Lock;
     std::vector<std::unique_ptr<PowerBackend>> backends;

@@ -3,12 +3,20 @@
 #include <memory>
 #include <vector>
 
-#include "power/PowerBackend.h"
-#include "service_app/Settings.h"
+#include "PowerBackend.h"
+#include "Settings.h"
 
 namespace ParvanePlatform {
 
-class BusParts;
+/** Makes the backend that asks another service over the system bus. */
+class BusPowerParts
+{
+public:
+    virtual ~BusPowerParts() = default;
+
+    /** A power lock as an inhibitor of logind. */
+    virtual std::unique_ptr<PowerBackend> MakeLogindBackend() = 0;
+};
 
 /**
  * Makes what the settings let hold the power locks, in the order in which it is asked.
@@ -17,6 +25,6 @@ class BusParts;
  * @return nothing when locks are to be kept without the system
  */
 std::vector<std::unique_ptr<PowerBackend>> MakePowerBackends(const PowerSettings &settings,
-                                                             BusParts *bus);
+                                                             BusPowerParts *bus);
 
 } // namespace ParvanePlatform

@@ -2,8 +2,8 @@
 
 #include <iterator>
 
-#include "base/ErrorCode.h"
-#include "base/RuntimeLog.h"
+#include "ErrorCode.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "power/PowerBackend.h"
+#include "Clock.h"
+#include "LoopSource.h"
+#include "PowerBackend.h"
 
 namespace ParvanePlatform {
 

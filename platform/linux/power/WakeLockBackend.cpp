@@ -6,9 +6,9 @@
 #include <unistd.h>
 #include <utility>
 
-#include "base/Files.h"
-#include "base/RuntimeLog.h"
-#include "base/UniqueFd.h"
+#include "Files.h"
+#include "RuntimeLog.h"
+#include "UniqueFd.h"
 
 namespace ParvanePlatform {
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "power/PowerBackend.h"
+#include "PowerBackend.h"
 
 namespace ParvanePlatform {
 

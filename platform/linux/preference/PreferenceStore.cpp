@@ -11,11 +11,11 @@
 #include <unistd.h>
 #include <utility>
 
-#include "base/ErrorCode.h"
-#include "base/Files.h"
-#include "base/RuntimeLog.h"
-#include "base/UniqueFd.h"
-#include "preference/SqliteLog.h"
+#include "ErrorCode.h"
+#include "Files.h"
+#include "RuntimeLog.h"
+#include "SqliteLog.h"
+#include "UniqueFd.h"
 
 namespace ParvanePlatform {
 

@@ -7,10 +7,10 @@
 #include <string_view>
 #include <variant>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "preference/Sqlite.h"
-#include "preference/SqliteLog.h"
+#include "Clock.h"
+#include "LoopSource.h"
+#include "Sqlite.h"
+#include "SqliteLog.h"
 
 namespace ParvanePlatform {
 

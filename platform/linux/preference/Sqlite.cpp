@@ -1,6 +1,6 @@
 #include "Sqlite.h"
 
-#include "base/Files.h"
+#include "Files.h"
 
 namespace ParvanePlatform {
 

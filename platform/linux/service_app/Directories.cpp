@@ -5,8 +5,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include "base/Files.h"
-#include "base/StartupError.h"
+#include "Files.h"
+#include "StartupError.h"
 
 namespace ParvanePlatform {
 

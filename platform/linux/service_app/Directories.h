@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "base/Files.h"
-#include "base/UniqueFd.h"
+#include "Files.h"
+#include "UniqueFd.h"
 
 namespace ParvanePlatform {
 

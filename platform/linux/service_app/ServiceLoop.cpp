@@ -6,7 +6,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "base/RuntimeLog.h"
+#include "RuntimeLog.h"
 
 /** A launch request; there is nothing in it. */
 struct app_control

@@ -7,11 +7,11 @@
 
 #include <platform/service_app.h>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "base/UniqueFd.h"
-#include "service_app/LifecycleEvents.h"
-#include "service_app/ServiceManager.h"
+#include "Clock.h"
+#include "LifecycleEvents.h"
+#include "LoopSource.h"
+#include "ServiceManager.h"
+#include "UniqueFd.h"
 
 namespace ParvanePlatform {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "base/RuntimeLog.h"
-#include "base/SystemdLibrary.h"
+#include "RuntimeLog.h"
+#include "SystemdLibrary.h"
 
 namespace ParvanePlatform {
 

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
+#include "Clock.h"
+#include "LoopSource.h"
 
 namespace ParvanePlatform {
 

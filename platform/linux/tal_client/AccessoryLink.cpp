@@ -5,9 +5,9 @@
 #include <limits>
 #include <utility>
 
-#include "base/ErrorCode.h"
-#include "base/Files.h"
-#include "base/RuntimeLog.h"
+#include "ErrorCode.h"
+#include "Files.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -8,10 +8,10 @@
 
 #include <platform/tal_client.h>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "tal_client/LinkSocket.h"
-#include "vconf/KeyValueStore.h"
+#include "Clock.h"
+#include "KeyValueStore.h"
+#include "LinkSocket.h"
+#include "LoopSource.h"
 
 namespace ParvanePlatform {
 

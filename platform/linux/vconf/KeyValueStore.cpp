@@ -7,10 +7,10 @@
 #include <unistd.h>
 #include <utility>
 
-#include "base/ErrorCode.h"
-#include "base/Files.h"
-#include "base/Numbers.h"
-#include "base/RuntimeLog.h"
+#include "ErrorCode.h"
+#include "Files.h"
+#include "Numbers.h"
+#include "RuntimeLog.h"
 
 /** What a callback gets: the key that has changed. */
 struct vconf_node

@@ -12,8 +12,8 @@
 
 #include <platform/vconf.h>
 
-#include "base/LoopSource.h"
-#include "base/UniqueFd.h"
+#include "LoopSource.h"
+#include "UniqueFd.h"
 
 namespace ParvanePlatform {
 

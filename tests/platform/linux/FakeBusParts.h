@@ -4,11 +4,11 @@
 #include <string>
 #include <utility>
 
-#include "bluetooth/AddressSource.h"
-#include "bus/BusParts.h"
-#include "context_manager/SensorSource.h"
-#include "power/PowerBackend.h"
-#include "service_app/AlertMonitor.h"
+#include "AddressSource.h"
+#include "AlertMonitor.h"
+#include "BusParts.h"
+#include "PowerBackend.h"
+#include "SensorSource.h"
 
 namespace ParvanePlatform {
 

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <utility>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
+#include "Clock.h"
+#include "LoopSource.h"
 
 namespace ParvanePlatform {
 

@@ -4,9 +4,9 @@
 
 #include <platform/context_manager.h>
 
-#include "base/ErrorCode.h"
-#include "base/RuntimeLog.h"
-#include "bus/module/BluezObjects.h"
+#include "BluezObjects.h"
+#include "ErrorCode.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -6,15 +6,15 @@
 #include <span>
 #include <string>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "bus/module/BusScope.h"
-#include "bus/module/BusWatch.h"
-#include "bus/module/HeartRateMeasurement.h"
-#include "bus/module/RetryTimer.h"
-#include "bus/module/StrapSession.h"
-#include "bus/module/SystemBus.h"
-#include "context_manager/SensorSource.h"
+#include "BusScope.h"
+#include "BusWatch.h"
+#include "Clock.h"
+#include "HeartRateMeasurement.h"
+#include "LoopSource.h"
+#include "RetryTimer.h"
+#include "SensorSource.h"
+#include "StrapSession.h"
+#include "SystemBus.h"
 
 namespace ParvanePlatform {
 

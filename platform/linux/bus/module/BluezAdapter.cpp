@@ -3,10 +3,10 @@
 #include <optional>
 #include <utility>
 
-#include "base/RuntimeLog.h"
-#include "bluetooth/BluetoothAddress.h"
-#include "bus/module/BluezObjects.h"
-#include "bus/module/BusCalls.h"
+#include "BluetoothAddress.h"
+#include "BluezObjects.h"
+#include "BusCalls.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
-#include "bluetooth/AddressSource.h"
-#include "bus/module/SystemBus.h"
-#include "service_app/Settings.h"
+#include "AddressSource.h"
+#include "Settings.h"
+#include "SystemBus.h"
 
 namespace ParvanePlatform {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "bus/module/GObjectPtr.h"
-#include "service_app/Settings.h"
+#include "GObjectPtr.h"
+#include "Settings.h"
 
 namespace ParvanePlatform {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bus/module/GObjectPtr.h"
+#include "GObjectPtr.h"
 
 namespace ParvanePlatform {
 

@@ -1,14 +1,14 @@
 #include <new>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "bus/BusParts.h"
-#include "bus/module/BleSource.h"
-#include "bus/module/BluezAdapter.h"
-#include "bus/module/GlibMemoryMonitor.h"
-#include "bus/module/LogindBackend.h"
-#include "bus/module/SystemBus.h"
-#include "bus/module/UPowerMonitor.h"
+#include "BleSource.h"
+#include "BluezAdapter.h"
+#include "BusParts.h"
+#include "Clock.h"
+#include "GlibMemoryMonitor.h"
+#include "LogindBackend.h"
+#include "LoopSource.h"
+#include "SystemBus.h"
+#include "UPowerMonitor.h"
 
 namespace ParvanePlatform {
 

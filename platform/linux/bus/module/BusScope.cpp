@@ -4,7 +4,7 @@
 #include <optional>
 #include <utility>
 
-#include "base/RuntimeLog.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

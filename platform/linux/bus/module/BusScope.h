@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/module/GObjectPtr.h"
+#include "GObjectPtr.h"
 
 namespace ParvanePlatform {
 

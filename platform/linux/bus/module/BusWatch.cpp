@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "bus/module/BusScope.h"
+#include "BusScope.h"
 
 namespace ParvanePlatform {
 

@@ -2,8 +2,8 @@
 
 #include <functional>
 
-#include "bus/module/GObjectPtr.h"
-#include "bus/module/RetryTimer.h"
+#include "GObjectPtr.h"
+#include "RetryTimer.h"
 
 namespace ParvanePlatform {
 

@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "base/RuntimeLog.h"
-#include "bus/module/BusCalls.h"
-#include "bus/module/BusScope.h"
+#include "BusCalls.h"
+#include "BusScope.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -4,12 +4,12 @@
 
 #include <gio/gio.h>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
-#include "bus/module/BusWatch.h"
-#include "bus/module/RetryTimer.h"
-#include "bus/module/SystemBus.h"
-#include "service_app/AlertMonitor.h"
+#include "AlertMonitor.h"
+#include "BusWatch.h"
+#include "Clock.h"
+#include "LoopSource.h"
+#include "RetryTimer.h"
+#include "SystemBus.h"
 
 namespace ParvanePlatform {
 

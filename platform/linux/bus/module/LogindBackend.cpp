@@ -4,9 +4,9 @@
 
 #include <gio/gunixfdlist.h>
 
-#include "base/RuntimeLog.h"
-#include "base/UniqueFd.h"
-#include "bus/module/BusCalls.h"
+#include "BusCalls.h"
+#include "RuntimeLog.h"
+#include "UniqueFd.h"
 
 namespace ParvanePlatform {
 

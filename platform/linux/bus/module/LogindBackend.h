@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "bus/module/SystemBus.h"
-#include "power/PowerBackend.h"
+#include "PowerBackend.h"
+#include "SystemBus.h"
 
 namespace ParvanePlatform {
 

@@ -4,8 +4,8 @@
 #include <functional>
 #include <memory>
 
-#include "base/Clock.h"
-#include "base/LoopSource.h"
+#include "Clock.h"
+#include "LoopSource.h"
 
 namespace ParvanePlatform {
 

@@ -7,10 +7,10 @@
 #include <string>
 #include <utility>
 
-#include "bus/module/BluezObjects.h"
-#include "bus/module/BusScope.h"
-#include "bus/module/RetryTimer.h"
-#include "service_app/Settings.h"
+#include "BluezObjects.h"
+#include "BusScope.h"
+#include "RetryTimer.h"
+#include "Settings.h"
 
 namespace ParvanePlatform {
 

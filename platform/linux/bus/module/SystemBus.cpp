@@ -1,7 +1,7 @@
 #include "SystemBus.h"
 
-#include "base/RuntimeLog.h"
-#include "bus/module/BusCalls.h"
+#include "BusCalls.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "base/RuntimeLog.h"
-#include "bus/module/BusCalls.h"
+#include "BusCalls.h"
+#include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 

@@ -1,0 +1,73 @@
+#include "Runtime.h"
+
+#include <utility>
+
+#include "ControlCommands.h"
+#include "PowerBackends.h"
+#include "SensorSources.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+Runtime *gCurrent = nullptr;
+
+/** Null when the address is a kept one. */
+std::unique_ptr<AddressSource> MakeAddressSource(const BluetoothSettings &settings, BusParts *bus)
+{
+    return settings.mAdapter == BluetoothSettings::Adapter::Bluez ? bus->MakeBluezAdapter(settings)
+                                                                  : nullptr;
+}
+
+} // namespace
+
+Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEvents &events,
+                      SensorSources sources, std::unique_ptr<BusParts> bus)
+    : mBus(std::move(bus)),
+      mPreferences(settings.mStateDirectory, clock),
+      mKeys(settings.mRuntimeDirectory, settings.mStateDirectory),
+      mContext(std::move(sources), clock),
+      mBluetooth(settings.mBluetooth.mAddress, settings.mStateDirectory,
+                 MakeAddressSource(settings.mBluetooth, mBus.get())),
+      mPower(clock, MakePowerBackends(settings.mPower, mBus.get())),
+      mLink(settings.mRuntimeDirectory, mKeys, clock),
+      mAlerts(settings, clock, events, mBus.get())
+{
+    if (settings.mControl) {
+        auto commands = std::make_unique<ControlCommands>(
+            ControlledParts{clock, mPreferences, mKeys, mContext, mPower, mLink, events,
+                            settings.mStateDirectory, settings.mRuntimeDirectory});
+        mControl = std::make_unique<ControlServer>(settings.mRuntimeDirectory, std::move(commands),
+                                                   mContext, clock);
+    }
+}
+
+Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
+{
+    // The recording first: what is wrong in it is told before anything is made on the disk.
+    auto bus = NeedsBus(settings) ? LoadBusParts() : nullptr;
+    SensorSources sources(settings, mClock, bus.get());
+    PrepareDirectory(settings.mStateDirectory, "state");
+    // Its content ends with the process: a start does not wait for the disk because of it.
+    PrepareDirectory(settings.mRuntimeDirectory, "run-time", Durability::FileSystem);
+    mLock = std::make_unique<InstanceLock>(settings.mRuntimeDirectory);
+    if (!mLock->IsHeld()) {
+        return;
+    }
+    mParts = std::make_unique<Parts>(settings, mClock, events, std::move(sources), std::move(bus));
+    gCurrent = this;
+}
+
+Runtime::~Runtime()
+{
+    if (gCurrent == this) {
+        gCurrent = nullptr;
+    }
+}
+
+Runtime *Runtime::Current()
+{
+    return gCurrent;
+}
+
+} // namespace ParvanePlatform

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <memory>
+
+#include "AccessoryLink.h"
+#include "Alerts.h"
+#include "BluetoothAdapter.h"
+#include "BusParts.h"
+#include "Clock.h"
+#include "ContextManager.h"
+#include "ControlServer.h"
+#include "Directories.h"
+#include "KeyValueStore.h"
+#include "LifecycleEvents.h"
+#include "PowerLocks.h"
+#include "PreferenceStore.h"
+#include "Settings.h"
+
+namespace ParvanePlatform {
+
+/**
+ * Everything that the C functions work on, for the time between the start of service_app_main() and
+ * its end. At most one at a time; main thread only.
+ */
+class Runtime
+{
+public:
+    /**
+     * Claims the directories and, when no other process has, brings the parts up.
+     *
+     * @param events  borrowed for the life of the runtime
+     * @throws StartupError when a setting, path or file cannot be used
+     */
+    Runtime(const Settings &settings, LifecycleEvents &events);
+    ~Runtime();
+
+    Runtime(const Runtime &) = delete;
+    Runtime &operator=(const Runtime &) = delete;
+
+    /** The runtime that lives; null when there is none, or its process is not the only instance. */
+    static Runtime *Current();
+
+    /** False when another process uses the run-time directory; there are no parts then. */
+    bool IsOnlyInstance() const { return mParts != nullptr; }
+
+    PreferenceStore &Preferences() { return mParts->mPreferences; }
+    KeyValueStore &Keys() { return mParts->mKeys; }
+    ContextManager &Context() { return mParts->mContext; }
+    BluetoothAdapter &Bluetooth() { return mParts->mBluetooth; }
+    PowerLocks &Power() { return mParts->mPower; }
+    AccessoryLink &Link() { return mParts->mLink; }
+    const Alerts &Monitors() const { return mParts->mAlerts; }
+
+private:
+    /** The parts, in the order in which they come up. */
+    struct Parts
+    {
+        Parts(const Settings &settings, const Clock &clock, LifecycleEvents &events,
+              SensorSources sources, std::unique_ptr<BusParts> bus);
+
+        /** Null unless some part is made over the bus. */
+        std::unique_ptr<BusParts> mBus;
+        PreferenceStore mPreferences;
+        KeyValueStore mKeys;
+        ContextManager mContext;
+        BluetoothAdapter mBluetooth;
+        PowerLocks mPower;
+        AccessoryLink mLink;
+        Alerts mAlerts;
+        /** Null when the settings ask for no control socket. */
+        std::unique_ptr<ControlServer> mControl;
+    };
+
+    SystemClock mClock;
+    std::unique_ptr<InstanceLock> mLock;
+    std::unique_ptr<Parts> mParts;
+};
+
+} // namespace ParvanePlatform

@@ -1,0 +1,366 @@
+#include "ConfigSchema.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include <glib.h>
+
+#include "BluetoothAddress.h"
+#include "Numbers.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+/** The words that a key may hold, each with what it stands for. */
+template <typename Value>
+using Words = std::vector<std::pair<std::string, Value>>;
+
+Words<SourceKind> SourceWords(std::initializer_list<SourceKind> kinds)
+{
+    Words<SourceKind> words;
+    for (const SourceKind kind : kinds) {
+        words.emplace_back(NameOf(kind), kind);
+    }
+    return words;
+}
+
+template <typename Value>
+std::string ListOf(const Words<Value> &words)
+{
+    std::string list;
+    for (const auto &[word, value] : words) {
+        list += (list.empty() ? "" : ", ") + word;
+    }
+    return list;
+}
+
+/** A key that holds one of some words; `field` gives the setting in the settings. */
+template <typename Value, typename Field>
+ConfigKey Choice(std::string section, std::string name, Words<Value> words, Field field)
+{
+    std::string allowed = "one of " + ListOf(words);
+    auto apply = [words = std::move(words), field](const std::vector<std::string> &value,
+                                                   Settings &settings) {
+        const auto found = std::find_if(words.begin(), words.end(), [&value](const auto &word) {
+            return word.first == value.front();
+        });
+        if (found == words.end()) {
+            return false;
+        }
+        field(settings) = found->second;
+        return true;
+    };
+    return {std::move(section), std::move(name), std::move(allowed), std::move(apply)};
+}
+
+template <typename Field>
+ConfigKey Boolean(std::string section, std::string name, Field field)
+{
+    const auto apply = [field](const std::vector<std::string> &value, Settings &settings) {
+        const std::string &word = value.front();
+        const bool isTrue = word == "true" || word == "1";
+        if (!isTrue && word != "false" && word != "0") {
+            return false;
+        }
+        field(settings) = isTrue;
+        return true;
+    };
+    return {std::move(section), std::move(name), "true, false, 1 or 0", apply};
+}
+
+/** A whole number from `least` to `most`, a multiple of `step`; `note` ends what is allowed. */
+template <typename Field>
+ConfigKey Number(std::string section, std::string name, int least, int most, int step,
+                 const std::string &note, Field field)
+{
+    const auto apply = [least, most, step, field](const std::vector<std::string> &value,
+                                                  Settings &settings) {
+        const auto number = ParseInteger<int>(value.front());
+        if (!number || *number < least || *number > most || *number % step != 0) {
+            return false;
+        }
+        field(settings) = *number;
+        return true;
+    };
+    return {std::move(section), std::move(name),
+            "a whole number from " + std::to_string(least) + " to " + std::to_string(most) + note,
+            apply};
+}
+
+/** What a text must be like; returns it as it is kept, empty when it is not like that. */
+using Normalise = std::string (*)(const std::string &text);
+
+std::string AbsolutePath(const std::string &text)
+{
+    if (text.empty() || text.front() != '/') {
+        return {};
+    }
+    std::string path = text;
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
+}
+
+/** A socket's path has 107 bytes, "/control.sock" included. */
+std::string SocketDirectory(const std::string &text)
+{
+    constexpr std::size_t kMostBytes = 94;
+    const std::string path = AbsolutePath(text);
+    return path.size() <= kMostBytes ? path : std::string();
+}
+
+/** BlueZ's name of an adapter is the end of a D-Bus object path. */
+std::string AdapterName(const std::string &text)
+{
+    const bool isName = std::all_of(text.begin(), text.end(), [](char character) {
+        return g_ascii_isalnum(character) || character == '_';
+    });
+    return isName ? text : std::string();
+}
+
+std::string DeviceName(const std::string &text)
+{
+    const bool isName = std::none_of(text.begin(), text.end(),
+                                     [](char character) { return g_ascii_iscntrl(character); });
+    return isName ? text : std::string();
+}
+
+std::string Address(const std::string &text)
+{
+    return NormaliseBluetoothAddress(text).value_or(std::string());
+}
+
+/** A text that must not be empty. */
+template <typename Field>
+ConfigKey Text(std::string section, std::string name, std::string allowed, Normalise normalise,
+               Field field)
+{
+    const auto apply = [normalise, field](const std::vector<std::string> &value,
+                                          Settings &settings) {
+        std::string text = normalise(value.front());
+        if (text.empty()) {
+            return false;
+        }
+        field(settings) = std::move(text);
+        return true;
+    };
+    return {std::move(section), std::move(name), std::move(allowed), apply};
+}
+
+/** A text that may be left empty. */
+template <typename Field>
+ConfigKey OptionalText(std::string section, std::string name, std::string allowed,
+                       Normalise normalise, Field field)
+{
+    ConfigKey key = Text(std::move(section), std::move(name), std::move(allowed), normalise, field);
+    key.mApply = [apply = std::move(key.mApply), field](const std::vector<std::string> &value,
+                                                        Settings &settings) {
+        if (value.front().empty()) {
+            field(settings).clear();
+            return true;
+        }
+        return apply(value, settings);
+    };
+    return key;
+}
+
+bool ApplyFiles(const std::vector<std::string> &value, Settings &settings)
+{
+    std::vector<std::string> files;
+    for (const std::string &element : value) {
+        constexpr char kBlanks[] = " \t";
+        const std::size_t begin = element.find_first_not_of(kBlanks);
+        if (begin == std::string::npos) {
+            return false;
+        }
+        files.push_back(element.substr(begin, element.find_last_not_of(kBlanks) + 1 - begin));
+    }
+    settings.mReplay.mFiles = std::move(files);
+    return true;
+}
+
+bool ApplySpeed(const std::vector<std::string> &value, Settings &settings)
+{
+    const auto speed = ParseDecimal(value.front());
+    if (!speed || *speed < kMinTraceSpeed || *speed > kMaxTraceSpeed) {
+        return false;
+    }
+    settings.mReplay.mSpeed = *speed;
+    return true;
+}
+
+constexpr char kPath[] = "an absolute path";
+constexpr char kAdapter[] = "an adapter's name such as hci0, of letters, digits and _";
+constexpr char kAddress[] = "six hexadecimal octets such as AA:BB:CC:DD:EE:FF";
+
+constexpr int kLeastIioPeriodMs = 100;
+constexpr int kMostIioPeriodMs = 3600000;
+constexpr int kLeastBatteryPeriodMs = 1000;
+constexpr int kMostBatteryPeriodMs = 86400000;
+// What the kernel grants to a process without privileges.
+constexpr int kWindowStepMs = 2000;
+constexpr int kMostWindowMs = 10000;
+
+std::vector<ConfigKey> SensorKeys()
+{
+    using enum SourceKind;
+    return {Choice(
+                kSensorSection, "heart_rate", SourceWords({None, Replay, Ble, Manual}),
+                [](Settings & s) -> auto & { return s.mSensors.mHeartRate; }),
+            Choice(
+                kSensorSection, "pedometer", SourceWords({None, Replay, Iio, Manual}),
+                [](Settings & s) -> auto & { return s.mSensors.mPedometer; }),
+            Choice(
+                kSensorSection, "activity", SourceWords({None, Replay, Iio, Manual}),
+                [](Settings & s) -> auto & { return s.mSensors.mActivity; }),
+            Choice(
+                kSensorSection, "gesture", SourceWords({None, Replay, Manual}),
+                [](Settings & s) -> auto & { return s.mSensors.mGesture; })};
+}
+
+std::vector<ConfigKey> SourceKeys()
+{
+    return {{"replay", "files", "a list of files with ; between them", ApplyFiles, true},
+            {"replay", "speed", "a decimal number from 0.001 to 100000", ApplySpeed},
+            Boolean(
+                "replay", "loop", [](Settings & s) -> auto & { return s.mReplay.mLoop; }),
+            Text(
+                "iio", "root", kPath, AbsolutePath,
+                [](Settings & s) -> auto & { return s.mIio.mRoot; }),
+            OptionalText(
+                "iio", "device", "a device's name, without control characters", DeviceName,
+                [](Settings & s) -> auto & { return s.mIio.mDevice; }),
+            Number(
+                "iio", "period_ms", kLeastIioPeriodMs, kMostIioPeriodMs, 1, "",
+                [](Settings & s) -> auto & { return s.mIio.mPeriodMs; }),
+            OptionalText(
+                "ble", "adapter", kAdapter, AdapterName,
+                [](Settings & s) -> auto & { return s.mBle.mAdapter; }),
+            OptionalText(
+                "ble", "device", kAddress, Address,
+                [](Settings & s) -> auto & { return s.mBle.mDevice; })};
+}
+
+std::vector<ConfigKey> PowerKeys()
+{
+    using Lock = PowerSettings::Lock;
+    using Battery = BatterySettings::Monitor;
+    using Memory = MemorySettings::Monitor;
+    const Words<Lock> locks = {{"none", Lock::None},
+                               {"auto", Lock::Auto},
+                               {"logind", Lock::Logind},
+                               {"wake_lock", Lock::WakeLock}};
+    const Words<Memory> memory = {{"none", Memory::None},
+                                  {"auto", Memory::Auto},
+                                  {"glib", Memory::Glib},
+                                  {"pressure", Memory::Pressure}};
+    const Words<Battery> battery = {{"none", Battery::None},
+                                    {"auto", Battery::Auto},
+                                    {"upower", Battery::UPower},
+                                    {"sysfs", Battery::Sysfs}};
+    return {
+        Choice(
+            "power", "lock", locks, [](Settings & s) -> auto & { return s.mPower.mLock; }),
+        Text(
+            "power", "root", kPath, AbsolutePath,
+            [](Settings & s) -> auto & { return s.mPower.mRoot; }),
+        Choice(
+            "memory", "monitor", memory, [](Settings & s) -> auto & { return s.mMemory.mMonitor; }),
+        Text(
+            "memory", "pressure_file", kPath, AbsolutePath,
+            [](Settings & s) -> auto & { return s.mMemory.mPressureFile; }),
+        Number(
+            "memory", "stall_ms", 1, kMostWindowMs - 1, 1, ", less than window_ms",
+            [](Settings & s) -> auto & { return s.mMemory.mStallMs; }),
+        Number(
+            "memory", "window_ms", kWindowStepMs, kMostWindowMs, kWindowStepMs,
+            ", a multiple of " + std::to_string(kWindowStepMs),
+            [](Settings & s) -> auto & { return s.mMemory.mWindowMs; }),
+        Choice(
+            "battery", "monitor", battery,
+            [](Settings & s) -> auto & { return s.mBattery.mMonitor; }),
+        Text(
+            "battery", "root", kPath, AbsolutePath,
+            [](Settings & s) -> auto & { return s.mBattery.mRoot; }),
+        Number(
+            "battery", "low_percent", 1, 100, 1, "",
+            [](Settings & s) -> auto & { return s.mBattery.mLowPercent; }),
+        Number(
+            "battery", "period_ms", kLeastBatteryPeriodMs, kMostBatteryPeriodMs, 1, "",
+            [](Settings & s) -> auto & { return s.mBattery.mPeriodMs; })};
+}
+
+std::vector<ConfigKey> OtherKeys()
+{
+    using Adapter = BluetoothSettings::Adapter;
+    const Words<Adapter> adapters = {{"none", Adapter::None}, {"bluez", Adapter::Bluez}};
+    return {Choice(
+                "bluetooth", "adapter", adapters,
+                [](Settings & s) -> auto & { return s.mBluetooth.mAdapter; }),
+            OptionalText(
+                "bluetooth", "name", kAdapter, AdapterName,
+                [](Settings & s) -> auto & { return s.mBluetooth.mName; }),
+            OptionalText(
+                "bluetooth", "address", kAddress, Address,
+                [](Settings & s) -> auto & { return s.mBluetooth.mAddress; }),
+            Boolean(
+                "control", "enabled", [](Settings & s) -> auto & { return s.mControl; }),
+            OptionalText(
+                "directories", "state", kPath, AbsolutePath,
+                [](Settings & s) -> auto & { return s.mStateDirectory; }),
+            OptionalText(
+                "directories", "runtime", "an absolute path of at most 94 bytes", SocketDirectory,
+                [](Settings & s) -> auto & { return s.mRuntimeDirectory; })};
+}
+
+std::vector<ConfigKey> MakeSchema()
+{
+    std::vector<ConfigKey> schema;
+    for (std::vector<ConfigKey> keys : {SensorKeys(), SourceKeys(), PowerKeys(), OtherKeys()}) {
+        std::move(keys.begin(), keys.end(), std::back_inserter(schema));
+    }
+    return schema;
+}
+
+} // namespace
+
+const std::vector<ConfigKey> &ConfigSchema()
+{
+    static const std::vector<ConfigKey> schema = MakeSchema();
+    return schema;
+}
+
+const ConfigKey *FindConfigKey(std::string_view section, std::string_view name)
+{
+    for (const ConfigKey &key : ConfigSchema()) {
+        if (key.mSection == section && key.mName == name) {
+            return &key;
+        }
+    }
+    return nullptr;
+}
+
+const ConfigKey &ConfigKeyOf(const std::string &section, const std::string &name)
+{
+    const ConfigKey *key = FindConfigKey(section, name);
+    if (key == nullptr) {
+        throw std::logic_error("no such key: [" + section + "] " + name);
+    }
+    return *key;
+}
+
+std::vector<std::string> ConfigSections()
+{
+    std::vector<std::string> sections;
+    for (const ConfigKey &key : ConfigSchema()) {
+        if (sections.empty() || sections.back() != key.mSection) {
+            sections.push_back(key.mSection);
+        }
+    }
+    return sections;
+}
+
+} // namespace ParvanePlatform

@@ -1,0 +1,165 @@
+#include "Settings.h"
+
+#include <cstdlib>
+
+#include "ConfigFile.h"
+#include "ConfigSchema.h"
+#include "Printable.h"
+#include "RuntimeLog.h"
+#include "StartupError.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+/** A file that was meant for something else must not flood the log. */
+constexpr int kMaxConfigWarnings = 20;
+
+std::string Value(const Environment &environment, const std::string &name)
+{
+    return environment(name).value_or(std::string());
+}
+
+bool IsAbsolute(const std::string &path)
+{
+    return !path.empty() && path.front() == '/';
+}
+
+/** The first path of a variable that the service manager sets; empty when it is not set. */
+std::string ManagedDirectory(const Environment &environment, const std::string &name)
+{
+    const std::string value = Value(environment, name);
+    std::string path = value.substr(0, value.find(':'));
+    if (!value.empty() && !IsAbsolute(path)) {
+        throw StartupError(name + " is '" + Printable(value) + "': it must be an absolute path");
+    }
+    return path;
+}
+
+std::string StateDirectory(const Environment &environment, const std::string &configured)
+{
+    if (std::string path = ManagedDirectory(environment, "STATE_DIRECTORY"); !path.empty()) {
+        return path;
+    }
+    if (const std::string base = Value(environment, "XDG_STATE_HOME"); IsAbsolute(base)) {
+        return base + "/parvane";
+    }
+    if (!configured.empty()) {
+        return configured;
+    }
+    const std::string home = Value(environment, "HOME");
+    if (!IsAbsolute(home)) {
+        throw StartupError(
+            "there is no place for the state: set STATE_DIRECTORY, XDG_STATE_HOME, [directories] "
+            "state or HOME to an absolute path");
+    }
+    return home + "/.local/state/parvane";
+}
+
+std::string RuntimeDirectory(const Environment &environment, const std::string &configured)
+{
+    if (std::string path = ManagedDirectory(environment, "RUNTIME_DIRECTORY"); !path.empty()) {
+        return path;
+    }
+    if (const std::string base = Value(environment, "XDG_RUNTIME_DIR"); IsAbsolute(base)) {
+        return base + "/parvane";
+    }
+    return configured.empty() ? "/run/parvane" : configured;
+}
+
+std::string WithoutTrailingSlashes(std::string path)
+{
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
+}
+
+/** Lets a variable that is set have its say in place of a key of the file. */
+void Override(const Environment &environment, const std::string &variable, const ConfigKey &key,
+              Settings &settings)
+{
+    const std::string text = Value(environment, variable);
+    if (!text.empty() && !key.mApply({text}, settings)) {
+        throw StartupError(variable + " is '" + Printable(text) + "': it must be " + key.mAllowed);
+    }
+}
+
+bool TraceLoop(const Environment &environment, bool configured)
+{
+    const std::string text = Value(environment, "PARVANE_LOOP");
+    if (!text.empty() && text != "0" && text != "1") {
+        throw StartupError("PARVANE_LOOP is '" + Printable(text) + "': it must be 0 or 1");
+    }
+    return text.empty() ? configured : text == "1";
+}
+
+/** Logs the warnings about a file, and refuses it with the first of its errors. */
+void Judge(const std::string &path, const Configuration &configuration)
+{
+    int warnings = 0;
+    for (const ConfigProblem &problem : configuration.mProblems) {
+        if (problem.mSeverity == ConfigProblem::Severity::Warning &&
+            ++warnings <= kMaxConfigWarnings) {
+            LogWarning("%s", ToString(path, problem).c_str());
+        }
+    }
+    if (warnings > kMaxConfigWarnings) {
+        LogWarning("%s: %d more warnings", PrintablePath(path).c_str(),
+                   warnings - kMaxConfigWarnings);
+    }
+    if (const ConfigProblem *error = configuration.FirstError(); error != nullptr) {
+        throw StartupError(ToString(path, *error));
+    }
+}
+
+Settings ConfiguredSettings(const Environment &environment, const std::string &systemFile)
+{
+    const std::string named = Value(environment, "PARVANE_PLATFORM_CONF");
+    const std::string &path = named.empty() ? systemFile : named;
+    const Configuration configuration =
+        LoadConfiguration(path, named.empty() ? IfMissing::UseDefaults : IfMissing::Fail,
+                          Value(environment, "PARVANE_TRACE"));
+    Judge(path, configuration);
+    return configuration.mSettings;
+}
+
+} // namespace
+
+std::optional<std::string> ProcessEnvironment(const std::string &name)
+{
+    const char *value = std::getenv(name.c_str());
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+const char *NameOf(SourceKind kind)
+{
+    switch (kind) {
+    case SourceKind::None:
+        return "none";
+    case SourceKind::Replay:
+        return "replay";
+    case SourceKind::Iio:
+        return "iio";
+    case SourceKind::Ble:
+        return "ble";
+    case SourceKind::Manual:
+        return "manual";
+    }
+    return "?";
+}
+
+Settings ReadSettings(const Environment &environment, const std::string &systemFile)
+{
+    Settings settings = ConfiguredSettings(environment, systemFile);
+    settings.mStateDirectory =
+        WithoutTrailingSlashes(StateDirectory(environment, settings.mStateDirectory));
+    settings.mRuntimeDirectory =
+        WithoutTrailingSlashes(RuntimeDirectory(environment, settings.mRuntimeDirectory));
+    Override(environment, "PARVANE_SPEED", ConfigKeyOf("replay", "speed"), settings);
+    settings.mReplay.mLoop = TraceLoop(environment, settings.mReplay.mLoop);
+    Override(environment, "PARVANE_BT_ADDRESS", ConfigKeyOf("bluetooth", "address"), settings);
+    return settings;
+}
+
+} // namespace ParvanePlatform

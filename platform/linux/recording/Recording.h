@@ -1,0 +1,97 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "RecordingFormat.h"
+
+namespace ParvanePlatform {
+
+/** One row of a recording. Which of its values are there is told by the flags. */
+struct RecordingRow
+{
+    std::int64_t mTimeMs = 0;
+    /** Each field's value of this row, or its last value since the pedometer began anew. */
+    std::array<double, kPedometerFields> mPedometer = {};
+    double mPeakToPeak = 0.0;
+    double mSpo2 = 0.0;
+    int mHeartRate = 0;
+    int mActivity = 0;
+    int mActivityAccuracy = 0;
+    int mGesture = 0;
+    /** Bit n: field n of mPedometer has had a value. */
+    std::uint8_t mToldPedometer = 0;
+    /** Bit n: a reading of this row has field n; it has had a value and is not forgotten. */
+    std::uint8_t mKnownPedometer = 0;
+    /** Bit n: what was known of field n is forgotten, and no value has come since. */
+    std::uint8_t mForgottenPedometer = 0;
+    /** Some field of mPedometer has a value in this row itself. */
+    bool mHasPedometer = false;
+    bool mHasHeartRate = false;
+    bool mHasPeakToPeak = false;
+    bool mHasSpo2 = false;
+    bool mHasActivity = false;
+    bool mHasActivityAccuracy = false;
+    bool mHasGesture = false;
+    /** The pedometer has begun anew in this row or before; what it told before that is forgotten. */
+    bool mIsRestarted = false;
+};
+
+/** A value of each counter of the pedometer; none for one that has had none. */
+using PedometerCounts = std::array<std::optional<double>, kPedometerCounters>;
+
+/** True when a row is a reading of an item. */
+bool HasReading(const RecordingRow &row, ContextItem item);
+
+/**
+ * Lets the pedometer of a row go on from a row that was played before the first one of its
+ * recording. A counter goes on by what it has counted since its first value, in `first`, up to the
+ * most that its column allows; what the row does not know, and has not forgotten, is as it was.
+ */
+void GoOnFrom(const RecordingRow &before, const PedometerCounts &first, RecordingRow &row);
+
+/** A recording of the sensors, in order of time; at least one row. docs/storage.md has its form. */
+struct Recording
+{
+    std::vector<RecordingRow> mRows;
+    /**
+     * From the start of one round to the start of the next: the last row's time and the median
+     * distance of two rows of its file, which is 1 ms at least and 1000 ms when it has one row.
+     */
+    std::int64_t mLoopMs = 0;
+    /** The first value of each counter. */
+    PedometerCounts mFirst;
+};
+
+/**
+ * Reads a recording from its text.
+ *
+ * @param name  what the text is called in messages
+ * @throws StartupError "NAME: line N, column N (COLUMN): REASON", the parts that there are; one
+ *         printable line, whatever name and text are
+ */
+Recording ParseRecording(const std::string &name, std::string_view text);
+
+/**
+ * Reads a recording from a file of at most 256 MiB.
+ *
+ * @throws StartupError that names the path and the reason, also when there is no memory for it, or as
+ *         ParseRecording() does
+ */
+Recording LoadRecording(const std::string &path);
+
+/**
+ * Reads recordings that are played one after the other, as one: each begins where the round of the
+ * one before would have ended, and its pedometer goes on from there (GoOnFrom()).
+ *
+ * @throws StartupError that names the path, as LoadRecording() does; also when there is no path,
+ *         when the files have more than 256 MiB together, and when a row would come later than a
+ *         recording may last
+ */
+Recording LoadRecordings(const std::vector<std::string> &paths);
+
+} // namespace ParvanePlatform

@@ -1,0 +1,397 @@
+#include "ControlCommands.h"
+
+#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <platform/context_manager.h>
+
+#include "ControlServer.h"
+#include "ManualSource.h"
+#include "TestSupport.h"
+
+namespace ParvanePlatform {
+
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+/** What a request has asked of the service's life. */
+class NotedEvents : public LifecycleEvents
+{
+public:
+    void OnLowMemory() override { mNotes.emplace_back("low memory"); }
+    void OnLowBattery() override { mNotes.emplace_back("low battery"); }
+    void OnQuit() override { mNotes.emplace_back("quit"); }
+
+    std::vector<std::string> mNotes;
+};
+
+} // namespace
+
+/** The requests on the parts of a runtime whose pedometer alone is not manual. */
+class ControlCommandsTest : public testing::Test
+{
+protected:
+    ControlCommandsTest()
+        : mPreferences(mDirectory.Path(), mClock),
+          mKeys(mDirectory.Path(), mDirectory.Path()),
+          mContext(Sources(), mClock),
+          mPower(mClock),
+          mLink(mDirectory.Path(), mKeys, mClock),
+          mCommands(ControlledParts{mClock, mPreferences, mKeys, mContext, mPower, mLink, mEvents,
+                                    "/state", "/run"})
+    {}
+
+    /** As the settings make them: the manual source is known by itself, too. */
+    SensorSources Sources() const
+    {
+        Settings settings;
+        settings.mSensors = {SourceKind::Manual, SourceKind::None, SourceKind::Manual,
+                             SourceKind::Manual};
+        return {settings, mClock, nullptr};
+    }
+
+    static void Note(int /*error*/, int item, context_data *data, void *userData,
+                     int /*requestId*/) noexcept
+    {
+        const char *key = item == 1   ? CONTEXT_MOTION_ACTION
+                          : item == 7 ? CONTEXT_HRM_HEART_RATE
+                                      : CONTEXT_ACTIVITY_STATUS;
+        int value = -1;
+        context_context_data_get_int(data, key, &value);
+        std::free(data);
+        static_cast<ControlCommandsTest *>(userData)->mReadings.push_back(
+            std::to_string(item) + ": " + std::to_string(value));
+    }
+
+    int Subscribe(int item)
+    {
+        int requestId = 0;
+        EXPECT_EQ(mContext.Subscribe(item, nullptr, Note, this, requestId), 0);
+        RunWhileBusy();
+        return requestId;
+    }
+
+    json Ask(const std::string &message)
+    {
+        ControlAnswer answer = mCommands.Answer(message, 4711);
+        if (answer.mAfterwards) {
+            EXPECT_THAT(mEvents.mNotes, IsEmpty());
+            answer.mAfterwards();
+        }
+        return json::parse(answer.mReply);
+    }
+
+    json Status() { return Ask(R"({"request":"status"})").at("status"); }
+
+    /** "code: message" of a request that has to be refused. */
+    std::string Refused(const std::string &message)
+    {
+        const json reply = Ask(message);
+        EXPECT_EQ(reply.at("version"), 1);
+        EXPECT_EQ(reply.at("ok"), false) << message;
+        return reply.at("error").at("code").get<std::string>() + ": " +
+               reply.at("error").at("message").get<std::string>();
+    }
+
+    void ExpectDone(const std::string &message)
+    {
+        EXPECT_EQ(Ask(message), json({{"version", 1}, {"ok", true}})) << message;
+    }
+
+    TemporaryDirectory mDirectory;
+    ManualClock mClock;
+    NotedEvents mEvents;
+    PreferenceStore mPreferences;
+    KeyValueStore mKeys;
+    ContextManager mContext;
+    PowerLocks mPower;
+    AccessoryLink mLink;
+    ControlCommands mCommands;
+    std::vector<std::string> mReadings;
+    StderrCapture mLog;
+};
+
+TEST_F(ControlCommandsTest, StatusOfAServiceThatDoesNothing)
+{
+    mClock.mWallMs += 5000;
+    mClock.mMonotonicUs += 5000000;
+    const json status = Status();
+
+    EXPECT_EQ(status.at("time"), "2026-01-31T12:35:01.789Z");
+    EXPECT_EQ(status.at("service").at("since"), "2026-01-31T12:34:56.789Z");
+    EXPECT_EQ(status.at("service").at("for_ms"), 5000);
+    EXPECT_EQ(status.at("directories"), json({{"state", "/state"}, {"runtime", "/run"}}));
+    EXPECT_EQ(status.at("host"), nullptr);
+    EXPECT_EQ(status.at("link").at("key"), 1);
+    EXPECT_EQ(status.at("link").at("state"), "up");
+    EXPECT_EQ(status.at("link").at("host_state"), "none");
+    EXPECT_EQ(status.at("power_locks"), json::array());
+    EXPECT_EQ(status.at("preferences"), json::object());
+    ASSERT_EQ(status.at("items").size(), 4U);
+    EXPECT_EQ(status.at("items").at(1), json({{"item", "pedometer"},
+                                              {"number", 2},
+                                              {"source", "none"},
+                                              {"subscription", nullptr},
+                                              {"last_reading", nullptr},
+                                              {"delivered", 0}}));
+}
+
+TEST_F(ControlCommandsTest, StatusTellsWhatKeepsAnItemOnAndWhatItHasReported)
+{
+    const int requestId = Subscribe(7);
+    mClock.mWallMs += 2000;
+    mClock.mMonotonicUs += 2000000;
+    ExpectDone(R"({"request":"set","item":"heart_rate","value":72})");
+    mClock.mWallMs += 400;
+    mClock.mMonotonicUs += 400000;
+
+    EXPECT_EQ(
+        Status().at("items").at(2),
+        json(
+            {{"item", "heart_rate"},
+             {"number", 7},
+             {"source", "manual"},
+             {"subscription",
+              {{"request_id", requestId}, {"since", "2026-01-31T12:34:56.789Z"}, {"for_ms", 2400}}},
+             {"last_reading",
+              {{"time", "2026-01-31T12:34:58.789Z"},
+               {"age_ms", 400},
+               {"values", {{"hrm/heart_rate", 72}}}}},
+             {"delivered", 1}}));
+}
+
+TEST_F(ControlCommandsTest, AClockThatIsSetChangesNoLength)
+{
+    Subscribe(7);
+    ExpectDone(R"({"request":"set","item":"heart_rate","value":72})");
+    mPower.Lock(2, 16000);
+    mClock.mMonotonicUs += 3000000;
+    for (const std::int64_t ms : {std::int64_t{-3600000}, std::int64_t{1'000'000'000'000}}) {
+        mClock.mWallMs += ms;
+        const json status = Status();
+        EXPECT_EQ(status.at("service").at("for_ms"), 3000);
+        EXPECT_EQ(status.at("items").at(2).at("subscription").at("for_ms"), 3000);
+        EXPECT_EQ(status.at("items").at(2).at("last_reading").at("age_ms"), 3000);
+        EXPECT_EQ(status.at("power_locks").at(0).at("for_ms"), 3000);
+        EXPECT_EQ(status.at("power_locks").at(0).at("ends_in_ms"), 13000);
+    }
+}
+
+TEST_F(ControlCommandsTest, StatusShowsAllPreferencesByTheirTypes)
+{
+    mPreferences.Set("a", true);
+    mPreferences.Set("b", -5);
+    mPreferences.Set("c", std::string("text \xFF"));
+
+    EXPECT_EQ(Status().at("preferences"),
+              json({{"a", true}, {"b", -5}, {"c", "text \xEF\xBF\xBD"}}));
+}
+
+TEST_F(ControlCommandsTest, PreferencesThatDoNotFitTheMessageAreLeftOutAndCounted)
+{
+    mPreferences.Set("a", std::string(70000, 'x'));
+    mPreferences.Set("b", std::string(30000, '\n')); // two bytes each in JSON
+    mPreferences.Set("c", std::string(30000, '\n'));
+    mPreferences.Set("d", 1);
+    const ControlAnswer answer = mCommands.Answer(R"({"request":"status"})", 1);
+    const json status = json::parse(answer.mReply).at("status");
+
+    EXPECT_LE(answer.mReply.size(), ControlServer::kMaxReplyBytes);
+    EXPECT_EQ(status.at("preferences").size(), 2U);
+    EXPECT_EQ(status.at("preferences").at("d"), 1);
+    EXPECT_EQ(status.at("preferences_left_out"), 2);
+}
+
+TEST_F(ControlCommandsTest, PreferencesThatCannotBeReadAreNull)
+{
+    const TemporaryDirectory other;
+    ASSERT_TRUE(std::system(("mkdir " + (other / "preferences.db")).c_str()) == 0);
+    PreferenceStore unreadable(other.Path(), mClock);
+    ControlCommands commands(ControlledParts{mClock, unreadable, mKeys, mContext, mPower, mLink,
+                                             mEvents, "/state", "/run"});
+    const json reply = json::parse(commands.Answer(R"({"request":"status"})", 1).mReply);
+    EXPECT_EQ(reply.at("status").at("preferences"), nullptr);
+}
+
+TEST_F(ControlCommandsTest, StatusCountsPowerLocks)
+{
+    mPower.Lock(2, 16000);
+    EXPECT_EQ(Status().at("power_locks").size(), 1U);
+}
+
+TEST_F(ControlCommandsTest, HeartRateCanBeSetAndTakenOffTheWrist)
+{
+    Subscribe(7);
+    ExpectDone(R"({"version":1,"request":"set","item":"heart_rate","value":0})");
+    ExpectDone(R"({"request":"set","item":"heart_rate","value":65535})");
+    ExpectDone(R"({"request":"set","item":"heart_rate","value":"off-wrist"})");
+    EXPECT_THAT(mReadings, ElementsAre("7: 0", "7: 65535", "7: -3"));
+}
+
+TEST_F(ControlCommandsTest, ActivitiesAndGesturesCanBeSet)
+{
+    Subscribe(23);
+    Subscribe(1);
+    for (const char *activity : {"other", "still", "walking", "running"}) {
+        ExpectDone(std::string(R"({"request":"set","item":"activity","value":")") + activity +
+                   "\"}");
+    }
+    ExpectDone(R"({"request":"set","item":"gesture","value":-2147483648})");
+    EXPECT_THAT(mReadings, ElementsAre("23: 0", "23: 1", "23: 2", "23: 3", "1: -2147483648"));
+}
+
+TEST_F(ControlCommandsTest, AnItemThatIsNotManualNamesItsSourceAndItsKey)
+{
+    EXPECT_EQ(Refused(R"({"request":"set","item":"steps","add":10})"),
+              "not-manual: pedometer has the source none; only the source manual can be set "
+              "(pedometer=manual in section [sensors] of platform.conf)");
+}
+
+TEST_F(ControlCommandsTest, WhatEndsTheServiceIsDoneAfterTheReply)
+{
+    ExpectDone(R"({"request":"memory","state":"low"})");
+    EXPECT_THAT(std::exchange(mEvents.mNotes, {}), ElementsAre("low memory"));
+    ExpectDone(R"({"request":"battery","state":"low"})");
+    EXPECT_THAT(std::exchange(mEvents.mNotes, {}), ElementsAre("low battery"));
+    ExpectDone(R"({"request":"quit"})");
+    EXPECT_THAT(mEvents.mNotes, ElementsAre("quit"));
+}
+
+TEST_F(ControlCommandsTest, LinkGoesDownAndUp)
+{
+    ExpectDone(R"({"request":"link","state":"down"})");
+    EXPECT_EQ(Status().at("link").at("state"), "down");
+    EXPECT_EQ(Status().at("link").at("key"), 0);
+
+    ExpectDone(R"({"request":"link","state":"up"})");
+    RunWhileBusy();
+    EXPECT_EQ(Status().at("link").at("state"), "up");
+    EXPECT_EQ(Status().at("link").at("key"), 1);
+}
+
+TEST_F(ControlCommandsTest, RecordStartsARecording)
+{
+    EXPECT_TRUE(mCommands.Answer(R"({"request":"record"})", 1).mStartsRecording);
+    EXPECT_FALSE(mCommands.Answer(R"({"request":"record","a":1})", 1).mStartsRecording);
+}
+
+TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
+{
+    const std::string names = "allowed: status, set, link, memory, battery, quit, record";
+    const std::string rate =
+        "; allowed: a whole number of beats per minute from 0 to 65535, \"off-wrist\"";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"hello", "bad-message: the message is no JSON from byte 1 on; send one object, in UTF-8"},
+        {"{} {}", "bad-message: the message is no JSON from byte 4 on; send one object, in UTF-8"},
+        {"{\"request\":\"st\xFF\"}",
+         "bad-message: the message is no JSON from byte 15 on; send one object, in UTF-8"},
+        {R"({"request":1e999})",
+         "bad-message: the message has a number that is too large; send one JSON object"},
+        {"[1]", "bad-message: the message is no JSON object but array"},
+        {"null", "bad-message: the message is no JSON object but null"},
+        {R"({"version":2,"request":"status"})",
+         "unsupported-version: \"version\" is 2; allowed: 1"},
+        {R"({"version":"1","request":"status"})",
+         "unsupported-version: \"version\" is \"1\"; allowed: 1"},
+        {"{}", "unknown-request: \"request\" is missing; " + names},
+        {R"({"request":"stat"})", "unknown-request: \"request\" is \"stat\"; " + names},
+        {R"({"request":["status"]})", "unknown-request: \"request\" is an array; " + names},
+        {R"({"request":"status","all":1})",
+         "bad-value: \"status\" has no member \"all\"; allowed: version, request"},
+        {R"({"request":"set"})",
+         "bad-value: \"item\" is missing; allowed: heart_rate, steps, activity, gesture"},
+        {R"({"request":"set","item":"hr"})",
+         "bad-value: \"item\" is \"hr\"; allowed: heart_rate, steps, activity, gesture"},
+        {R"({"request":"set","item":"heart_rate"})", "bad-value: \"value\" is missing" + rate},
+        {R"({"request":"set","item":"heart_rate","value":-1})",
+         "bad-value: \"value\" is -1" + rate},
+        {R"({"request":"set","item":"heart_rate","value":65536})",
+         "bad-value: \"value\" is 65536" + rate},
+        {R"({"request":"set","item":"heart_rate","value":72.5})",
+         "bad-value: \"value\" is 72.5" + rate},
+        {R"({"request":"set","item":"heart_rate","value":null})",
+         "bad-value: \"value\" is null" + rate},
+        {R"({"request":"set","item":"steps","add":18446744073709551615})",
+         "bad-value: \"add\" is 18446744073709551615; allowed: a whole number from 0 to "
+         "2147483647"},
+        {R"({"request":"set","item":"steps","add":-9223372036854775808})",
+         "bad-value: \"add\" is -9223372036854775808; allowed: a whole number from 0 to "
+         "2147483647"},
+        {R"({"request":"set","item":"steps","value":1})",
+         "bad-value: \"set\" has no member \"value\"; allowed: version, request, item, add"},
+        {R"({"request":"set","item":"activity","value":"flying"})",
+         "bad-value: \"value\" is \"flying\"; allowed: other, still, walking, running"},
+        {R"({"request":"link","state":"sideways"})",
+         "bad-value: \"state\" is \"sideways\"; allowed: up, down"},
+        {R"({"request":"memory","state":"high"})",
+         "bad-value: \"state\" is \"high\"; allowed: low"},
+        {R"({"request":"quit","state":"low"})",
+         "bad-value: \"quit\" has no member \"state\"; allowed: version, request"}};
+    for (const auto &[message, expected] : cases) {
+        EXPECT_EQ(Refused(message), expected) << message;
+    }
+    EXPECT_THAT(mReadings, IsEmpty());
+    EXPECT_THAT(mEvents.mNotes, IsEmpty());
+}
+
+TEST_F(ControlCommandsTest, AZeroByteIsNotTheEndOfAMessage)
+{
+    using namespace std::string_literals;
+    for (const std::string &message :
+         {"{\"request\":\"quit\"}\0"s, "{\"request\":\"quit\"}\0, or rather not"s}) {
+        EXPECT_EQ(Refused(message),
+                  "bad-message: the message is no JSON from byte 19 on; send one object, in UTF-8");
+    }
+    EXPECT_THAT(mEvents.mNotes, IsEmpty());
+}
+
+TEST_F(ControlCommandsTest, AForeignValueIsQuotedShort)
+{
+    const std::string reply = Refused("{\"request\":\"" + std::string(5000, 'x') + "\"}");
+    EXPECT_LT(reply.size(), 200U);
+    EXPECT_THAT(reply, HasSubstr("xxx...; allowed: status"));
+}
+
+TEST_F(ControlCommandsTest, DeepNestingIsRefusedLikeAnythingElse)
+{
+    const std::size_t depth = ControlServer::kMaxRequestBytes / 2;
+    EXPECT_THAT(Refused(std::string(depth, '[') + std::string(depth, ']')),
+                HasSubstr("no JSON object but array"));
+    EXPECT_THAT(Refused(std::string(2 * depth, '[')), HasSubstr("no JSON"));
+    EXPECT_THAT(Refused("{\"request\":" + std::string(1000, '[') + std::string(1000, ']') + "}"),
+                HasSubstr("\"request\" is an array"));
+}
+
+TEST_F(ControlCommandsTest, WhateverComesHasOneReplyInJson)
+{
+    std::mt19937 random(42);
+    const std::string valid = R"({"version":1,"request":"set","item":"gesture","value":3})";
+    for (int round = 0; round < 3000; ++round) {
+        std::string message = valid;
+        if (round % 2 == 0) {
+            message.assign(random() % 300, '\0');
+        }
+        // Some bytes of a good message, or all bytes of none.
+        const std::size_t changes = round % 2 == 0 ? message.size() : 1 + random() % 4;
+        for (std::size_t i = 0; i < changes; ++i) {
+            const std::size_t place = round % 2 == 0 ? i : random() % message.size();
+            message[place] = static_cast<char>(random() % 256);
+        }
+        const ControlAnswer answer = mCommands.Answer(message, 1);
+        ASSERT_TRUE(json::parse(answer.mReply).at("ok").is_boolean()) << message;
+    }
+}
+
+} // namespace ParvanePlatform

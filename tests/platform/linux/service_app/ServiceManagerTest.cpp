@@ -1,0 +1,151 @@
+#include "ServiceManager.h"
+
+#include <cstring>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ScopedEnvironment.h"
+#include "SystemdLibrary.h"
+#include "TestSupport.h"
+#include "UniqueFd.h"
+
+namespace ParvanePlatform {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/** A manager's socket, and the real library on the other side. */
+class ServiceManagerTest : public testing::Test
+{
+protected:
+    ServiceManagerTest() : mSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, Path().c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(mSocket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address),
+                  0);
+        mEnvironment.Set("NOTIFY_SOCKET", Path());
+        mEnvironment.Set("WATCHDOG_USEC", std::nullopt);
+        mEnvironment.Set("WATCHDOG_PID", std::nullopt);
+    }
+
+    void SetUp() override
+    {
+        if (SystemdLibrary::Get() == nullptr) {
+            GTEST_SKIP() << "this machine has no libsystemd";
+        }
+    }
+
+    std::string Path() const { return mDirectory / "notify"; }
+
+    /** What the manager has been told since the last call. */
+    std::vector<std::string> Told() const
+    {
+        std::vector<std::string> messages;
+        char text[512];
+        for (;;) {
+            const ssize_t size = recv(mSocket.Get(), text, sizeof text, MSG_DONTWAIT);
+            if (size < 0) {
+                return messages;
+            }
+            messages.emplace_back(text, static_cast<std::size_t>(size));
+        }
+    }
+
+    TemporaryDirectory mDirectory;
+    UniqueFd mSocket;
+    ScopedEnvironment mEnvironment;
+    ManualClock mClock;
+    ManualTimer mTimer;
+};
+
+TEST_F(ServiceManagerTest, ManagerIsToldOfTheBeginningAndTheEnd)
+{
+    ServiceManager manager(mClock, mTimer);
+    EXPECT_THAT(Told(), IsEmpty());
+
+    manager.OnReady();
+    EXPECT_THAT(Told(), ElementsAre("READY=1\nSTATUS=Serving"));
+    EXPECT_FALSE(mTimer.mDueUs.has_value());
+
+    manager.OnStopping();
+    EXPECT_THAT(Told(), ElementsAre("STOPPING=1\nSTATUS=Ending"));
+}
+
+TEST_F(ServiceManagerTest, SignsOfLifeComeAtHalfTheIntervalUntilTheEnd)
+{
+    mEnvironment.Set("WATCHDOG_USEC", "3000000");
+    mEnvironment.Set("WATCHDOG_PID", std::to_string(getpid()));
+    ServiceManager manager(mClock, mTimer);
+    EXPECT_FALSE(mTimer.mDueUs.has_value());
+    mClock.mMonotonicUs = 100;
+    manager.OnReady();
+    EXPECT_EQ(mTimer.mDueUs, 1'500'100);
+    EXPECT_EQ(Told().size(), 1U);
+
+    mClock.mMonotonicUs = 1'600'000;
+    mTimer.Fire();
+    EXPECT_THAT(Told(), ElementsAre("WATCHDOG=1"));
+    EXPECT_EQ(mTimer.mDueUs, 3'100'000);
+
+    manager.OnStopping();
+    EXPECT_FALSE(mTimer.mDueUs.has_value());
+}
+
+TEST_F(ServiceManagerTest, WatchdogOfAnotherProcessOrWithoutAnIntervalIsNone)
+{
+    mEnvironment.Set("WATCHDOG_USEC", "3000000");
+    mEnvironment.Set("WATCHDOG_PID", std::to_string(getppid()));
+    ServiceManager(mClock, mTimer).OnReady();
+    EXPECT_FALSE(mTimer.mDueUs.has_value());
+
+    mEnvironment.Set("WATCHDOG_PID", std::to_string(getpid()));
+    for (const char *interval : {"0", "", "soon", "-1", "18446744073709551615"}) {
+        mEnvironment.Set("WATCHDOG_USEC", interval);
+        ServiceManager(mClock, mTimer).OnReady();
+        EXPECT_FALSE(mTimer.mDueUs.has_value()) << interval;
+    }
+}
+
+TEST_F(ServiceManagerTest, ExtremeIntervalsNeitherSpinNorOverflow)
+{
+    mEnvironment.Set("WATCHDOG_USEC", "1");
+    ServiceManager(mClock, mTimer).OnReady();
+    EXPECT_EQ(mTimer.mDueUs, 1000);
+
+    mEnvironment.Set("WATCHDOG_USEC", "18446744073709551614");
+    mClock.mMonotonicUs = 1;
+    ServiceManager(mClock, mTimer).OnReady();
+    EXPECT_EQ(mTimer.mDueUs, 31'536'000'000'001);
+}
+
+TEST_F(ServiceManagerTest, WithoutASocketNothingIsToldAndNoTimerIsSet)
+{
+    mEnvironment.Set("WATCHDOG_USEC", "3000000");
+    for (const char *socket : {"", static_cast<const char *>(nullptr)}) {
+        mEnvironment.Set("NOTIFY_SOCKET",
+                         socket != nullptr ? std::optional<std::string>(socket) : std::nullopt);
+        ServiceManager manager(mClock, mTimer);
+        manager.OnReady();
+        EXPECT_FALSE(mTimer.mDueUs.has_value());
+        manager.OnStopping();
+    }
+    EXPECT_THAT(Told(), IsEmpty());
+}
+
+TEST_F(ServiceManagerTest, ManagerThatCannotBeReachedIsOneWarning)
+{
+    mEnvironment.Set("NOTIFY_SOCKET", mDirectory / "nobody");
+    StderrCapture capture;
+    ServiceManager(mClock, mTimer).OnReady();
+    EXPECT_EQ(capture.Take(), "W platform: cannot tell the service manager: error 2\n");
+}
+
+} // namespace ParvanePlatform
