@@ -1,10 +1,13 @@
+#include "Peers.h"
+
+#ifdef PARVANE_BENCH_BUS
+
 #include <array>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <systemd/sd-bus.h>
 
-#include "Peers.h"
 #include "Replies.h"
 
 namespace ParvaneBench {
@@ -140,3 +143,12 @@ std::unique_ptr<Peer> MakeBusPeer(const Setting &setting)
 }
 
 } // namespace ParvaneBench
+
+#else
+
+std::unique_ptr<ParvaneBench::Peer> ParvaneBench::MakeBusPeer(const Setting & /*setting*/)
+{
+    return nullptr;
+}
+
+#endif

@@ -25,7 +25,7 @@ std::unique_ptr<Peer> MakeServicePeer(const Setting &setting);
 /** The yardstick parvane-bench-echo in one of its modes, once for each of the two answers. */
 std::unique_ptr<Peer> MakeEchoPeer(const Setting &setting, const std::string &mode);
 
-/** An sd-bus service, reached through a message bus of its own. */
+/** An sd-bus service, reached through a message bus of its own; null when it was not built. */
 std::unique_ptr<Peer> MakeBusPeer(const Setting &setting);
 
 /** A client of an MQTT broker that replies on a second topic; null when it was not built. */

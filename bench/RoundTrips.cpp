@@ -74,7 +74,7 @@ Row Compare(const std::string &name, const Contender &service, const Contender &
     row.mBudget = budget;
     row.mYardstick = other.mName;
     if (!other.mPeer) {
-        row.mMissing = "not built: libmosquitto-dev is missing";
+        row.mMissing = "not built: its library is missing";
         return row;
     }
     row.mValue = Summarize(service.*times);

@@ -167,20 +167,6 @@ TEST_F(JournalTest, NoEntryHasAColourOrAControlCharacter)
     }
 }
 
-TEST_F(JournalTest, WithoutTheLibraryLinesComeAsText)
-{
-    const std::string hide = "for library in /lib/*/libsystemd.so.0 /usr/lib/*/libsystemd.so.0; do "
-                             "mount --bind /dev/null \"$library\"; done; exec \"$@\"";
-    StartInJournal({}, {"/usr/bin/unshare", "--mount", "/bin/sh", "-c", hide, "sh"});
-
-    Entry entry = FindEntry("app_create");
-
-    EXPECT_THAT(entry["MESSAGE"], EndsWith(" I Parvane: ParvaneMain: app_create(41) >  ###"));
-    EXPECT_EQ(entry["SYSLOG_IDENTIFIER"], "stream");
-    EXPECT_EQ(entry["_TRANSPORT"], "stdout");
-    EXPECT_EQ(entry.count("CODE_FILE"), 0U);
-}
-
 TEST_F(JournalTest, WithoutTheJournalsSocketLinesComeAsText)
 {
     const std::string hide = "mount -t tmpfs tmpfs /run/systemd && exec \"$@\"";
@@ -189,7 +175,9 @@ TEST_F(JournalTest, WithoutTheJournalsSocketLinesComeAsText)
     Entry entry = FindEntry("app_create");
 
     EXPECT_THAT(entry["MESSAGE"], EndsWith(" I Parvane: ParvaneMain: app_create(41) >  ###"));
+    EXPECT_EQ(entry["SYSLOG_IDENTIFIER"], "stream");
     EXPECT_EQ(entry["_TRANSPORT"], "stdout");
+    EXPECT_EQ(entry.count("CODE_FILE"), 0U);
 }
 
 TEST_F(JournalTest, StandardErrorThatWasTurnedElsewhereStaysAsItWas)
@@ -202,6 +190,4 @@ TEST_F(JournalTest, StandardErrorThatWasTurnedElsewhereStaysAsItWas)
 
     EXPECT_THAT(mService->StandardError(),
                 HasSubstr(" I Parvane: ParvaneMain: app_create(41) >  ###\n"));
-    EXPECT_THAT(ReadFile("/proc/" + std::to_string(mService->Pid()) + "/maps"),
-                Not(HasSubstr("libsystemd")));
 }

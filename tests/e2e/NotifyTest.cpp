@@ -64,11 +64,6 @@ private:
 class NotifyTest : public ServiceFixture
 {
 protected:
-    std::string Maps() const
-    {
-        return ReadFile("/proc/" + std::to_string(mService->Pid()) + "/maps");
-    }
-
     Manager mManager{(mFolder.Path() / "notify").string()};
 };
 
@@ -125,16 +120,4 @@ TEST_F(NotifyTest, ServiceThatCannotStartIsNeverReady)
     while (mManager.HasMessage()) {
         EXPECT_THAT(mManager.Receive(), Not(HasSubstr("READY=1")));
     }
-}
-
-TEST_F(NotifyTest, LibraryIsLoadedOnlyForAManagerThatIsThere)
-{
-    StartService({{"WATCHDOG_USEC", "1000"}});
-    ASSERT_TRUE(mService->HasLogged("app_service"));
-    EXPECT_THAT(Maps(), HasSubstr("libparvane-platform.so"));
-    EXPECT_THAT(Maps(), Not(HasSubstr("libsystemd")));
-
-    StartService({{"NOTIFY_SOCKET", mManager.Path()}});
-    ASSERT_THAT(mManager.Receive(), StartsWith("READY=1\n"));
-    EXPECT_THAT(Maps(), HasSubstr("libsystemd"));
 }

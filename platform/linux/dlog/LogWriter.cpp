@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "Clock.h"
@@ -67,10 +68,12 @@ void AddTime(LogText &line, std::int64_t wallMs)
     line.Add('Z');
 }
 
-int WriteOnce(int fd, const char *line, std::size_t size)
+int WriteOnce(int fd, const char *line, std::size_t size, bool isStream)
 {
     for (;;) {
-        const ssize_t written = ::write(fd, line, size);
+        // A journal that does not read must not hold the service up.
+        const ssize_t written = isStream ? ::send(fd, line, size, MSG_DONTWAIT | MSG_NOSIGNAL)
+                                         : ::write(fd, line, size);
         if (written >= 0) {
             return static_cast<int>(written);
         }
@@ -131,13 +134,11 @@ int LogWriter::Write(LogPriority priority, const char *tag, const LogPlace *plac
     if (mTarget == Target::Unknown) {
         mTarget = FindTarget();
     }
-    int result = -ENOTCONN;
     // Looked at each time: the descriptor may have been given another meaning.
-    if (mTarget == Target::Journal && IsJournalStream(mFd)) {
-        result = SendToJournal(priority, tag, place, message);
-    }
+    const bool isStream = mTarget == Target::Journal && IsJournalStream(mFd);
+    int result = isStream ? SendToJournal(priority, tag, place, message) : -ENOTCONN;
     if (result < 0) {
-        result = WriteLine(priority, tag, message);
+        result = WriteLine(priority, tag, message, isStream);
     }
     errno = savedErrno;
     return result;
@@ -151,7 +152,8 @@ LogWriter::Target LogWriter::FindTarget() const
     return ::isatty(mFd) == 1 ? Target::Terminal : Target::Other;
 }
 
-int LogWriter::WriteLine(LogPriority priority, std::string_view tag, std::string_view message) const
+int LogWriter::WriteLine(LogPriority priority, std::string_view tag, std::string_view message,
+                         bool isStream) const
 {
     const LogColours colours = mTarget == Target::Terminal ? LogColours::Keep : LogColours::Strip;
     const std::int64_t wallMs = SystemClock().WallMs();
@@ -170,7 +172,7 @@ int LogWriter::WriteLine(LogPriority priority, std::string_view tag, std::string
             shortLine[size - 1] = '\n';
         }
     }
-    return WriteOnce(mFd, line, size);
+    return WriteOnce(mFd, line, size, isStream);
 }
 
 } // namespace ParvanePlatform

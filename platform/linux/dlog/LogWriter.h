@@ -16,8 +16,8 @@ struct LogPlace;
  * Takes log lines to where a file descriptor leads.
  *
  * To the journal, when the service manager connected the descriptor to it: natively, as an entry
- * with fields (JournalEntry.h). Otherwise, and when the journal or its library cannot be had, each
- * with a single write():
+ * with fields (JournalEntry.h). Otherwise, and when the journal cannot be had or is behind, each with a
+ * single write:
  *
  *     2026-01-31T12:34:56.789Z W Parvane: message
  *
@@ -26,7 +26,8 @@ struct LogPlace;
  * left out otherwise. Line ends at the end of the message are dropped; every other control
  * character is written as \n, \r, \t or \xHH, so that one message is always one line.
  *
- * Lines up to about 2000 bytes need no memory from the heap. What the descriptor is gets looked at
+ * What the journal takes in neither way is lost: it never holds the service up. Lines up to about
+ * 2000 bytes need no memory from the heap. What the descriptor is gets looked at
  * with the first line. Borrows the descriptor.
  */
 class LogWriter
@@ -47,7 +48,8 @@ private:
     enum class Target { Unknown, Journal, Terminal, Other };
 
     Target FindTarget() const;
-    int WriteLine(LogPriority priority, std::string_view tag, std::string_view message) const;
+    int WriteLine(LogPriority priority, std::string_view tag, std::string_view message,
+                  bool isStream) const;
 
     int mFd;
     Target mTarget = Target::Unknown;

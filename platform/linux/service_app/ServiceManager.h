@@ -1,20 +1,20 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "Clock.h"
 #include "LoopSource.h"
 
 namespace ParvanePlatform {
 
-class SystemdLibrary;
-
 /**
  * Tells the manager of the system's services how this one is doing, where the manager has asked for
- * it: NOTIFY_SOCKET names its socket. Without that variable nothing is loaded, sent or set.
+ * it: NOTIFY_SOCKET names its socket. Without that variable nothing is sent or set.
  *
- * The variables are left in the environment, since the runtime starts no program. Main-loop thread
- * only.
+ * A manager that does not read delays the service by a second for each message at most. The variables
+ * are left in the environment, since the runtime starts no program. Main-loop thread only.
  */
 class ServiceManager
 {
@@ -32,13 +32,14 @@ public:
     void OnStopping();
 
 private:
-    void Tell(const char *state) const;
+    void Tell(std::string_view state) const;
+    int Send(std::string_view state) const;
     void ArmWatchdog();
 
     const Clock &mClock;
     Timer &mTimer;
-    /** Null when nobody wants to be told anything. */
-    const SystemdLibrary *mLibrary = nullptr;
+    /** Of the manager's socket; empty when nobody wants to be told anything. */
+    std::string mAddress;
     std::int64_t mPeriodUs = 0;
 };
 

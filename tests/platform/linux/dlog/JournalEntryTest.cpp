@@ -1,5 +1,6 @@
 #include "JournalEntry.h"
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,27 +15,29 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::SizeIs;
 using testing::StartsWith;
 
-std::vector<std::string> FieldsOf(const JournalEntry &entry)
+std::vector<std::string> LinesOf(const std::string &entry)
 {
-    std::vector<std::string> fields;
-    for (int i = 0; i < entry.Count(); ++i) {
-        const iovec &field = entry.Fields()[i];
-        fields.emplace_back(static_cast<const char *>(field.iov_base), field.iov_len);
+    std::vector<std::string> lines;
+    std::istringstream stream(entry);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
     }
-    return fields;
+    return lines;
 }
 
 std::vector<std::string> Fields(LogPriority priority, std::string_view tag, const LogPlace *place,
                                 std::string_view message)
 {
-    char buffer[512];
-    const JournalEntry entry(buffer, sizeof buffer, priority, tag, place, message);
-    EXPECT_LE(entry.Needed(), sizeof buffer);
-    return FieldsOf(entry);
+    std::string entry(512, '\0');
+    const std::size_t needed =
+        FormatJournalEntry(entry.data(), entry.size(), priority, tag, place, message);
+    EXPECT_LE(needed, entry.size());
+    entry.resize(needed);
+    EXPECT_TRUE(entry.ends_with('\n'));
+    return LinesOf(entry);
 }
 
 std::string Priority(LogPriority priority)
@@ -91,29 +94,27 @@ TEST(JournalEntryTest, NoControlCharacterAndNoColourReachesTheJournal)
 
 TEST(JournalEntryTest, WhatDoesNotFitIsCutFromTheMessage)
 {
-    char buffer[128];
-    const std::string text(1000, 'x');
-    const JournalEntry entry(buffer, sizeof buffer, LogPriority::Info, "t", nullptr,
-                             "A: B(2) > " + text);
-    const auto fields = FieldsOf(entry);
+    const std::string message = "A: B(2) > " + std::string(1000, 'x');
+    std::string entry(128, '\0');
+    const std::size_t needed =
+        FormatJournalEntry(entry.data(), entry.size(), LogPriority::Info, "t", nullptr, message);
+    const auto fields = LinesOf(entry);
     ASSERT_THAT(fields, SizeIs(7));
     EXPECT_EQ(fields[5], "CODE_LINE=2");
     EXPECT_THAT(fields[6], StartsWith("MESSAGE=A: B(2) > xxx"));
-    EXPECT_GT(entry.Needed(), 1000U);
 
-    std::string large(entry.Needed(), '\0');
-    const JournalEntry whole(large.data(), large.size(), LogPriority::Info, "t", nullptr,
-                             "A: B(2) > " + text);
-    EXPECT_EQ(whole.Needed(), large.size());
-    EXPECT_THAT(FieldsOf(whole).back(), EndsWith(text));
+    std::string whole(needed, '\0');
+    EXPECT_EQ(
+        FormatJournalEntry(whole.data(), whole.size(), LogPriority::Info, "t", nullptr, message),
+        needed);
+    EXPECT_EQ(LinesOf(whole).back(), "MESSAGE=" + message);
 }
 
 TEST(JournalEntryTest, BufferWithoutAnyRoomIsLeftAlone)
 {
     char buffer[4] = {'a', 'b', 'c', 'd'};
-    const JournalEntry entry(buffer, 2, LogPriority::Info, "t", nullptr, "m");
+    EXPECT_GT(FormatJournalEntry(buffer, 2, LogPriority::Info, "t", nullptr, "m"), 2U);
     EXPECT_EQ(std::string(buffer, 4), "SYcd");
-    EXPECT_THAT(FieldsOf(entry), ElementsAre("SY", "", "", ""));
 }
 
 } // namespace ParvanePlatform

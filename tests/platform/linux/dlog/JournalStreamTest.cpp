@@ -97,4 +97,18 @@ TEST_F(JournalStreamTest, LinesGoToTheDescriptorWhereThereIsNoJournal)
     EXPECT_STREQ(line + 24, " I tag: A: B(2) > text\n");
 }
 
+TEST_F(JournalStreamTest, StreamThatNobodyReadsHoldsNothingUp)
+{
+    if (FileExists("/run/systemd/journal/socket")) {
+        GTEST_SKIP() << "this machine has a journal; the end-to-end tests have one of their own";
+    }
+    mEnvironment.Set("JOURNAL_STREAM", StreamOf(mStream.Get()));
+    LogWriter writer(mStream.Get());
+    int result = 0;
+    for (int i = 0; i < 100'000 && result >= 0; ++i) {
+        result = WriteLine(writer, "line %d", i);
+    }
+    EXPECT_EQ(result, -EAGAIN);
+}
+
 } // namespace ParvanePlatform

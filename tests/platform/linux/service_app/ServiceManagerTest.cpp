@@ -1,17 +1,19 @@
 #include "ServiceManager.h"
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Datagram.h"
 #include "ScopedEnvironment.h"
-#include "SystemdLibrary.h"
 #include "TestSupport.h"
 #include "UniqueFd.h"
 
@@ -20,7 +22,7 @@ namespace ParvanePlatform {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/** A manager's socket, and the real library on the other side. */
+/** A manager's socket. */
 class ServiceManagerTest : public testing::Test
 {
 protected:
@@ -34,13 +36,6 @@ protected:
         mEnvironment.Set("NOTIFY_SOCKET", Path());
         mEnvironment.Set("WATCHDOG_USEC", std::nullopt);
         mEnvironment.Set("WATCHDOG_PID", std::nullopt);
-    }
-
-    void SetUp() override
-    {
-        if (SystemdLibrary::Get() == nullptr) {
-            GTEST_SKIP() << "this machine has no libsystemd";
-        }
     }
 
     std::string Path() const { return mDirectory / "notify"; }
@@ -77,6 +72,23 @@ TEST_F(ServiceManagerTest, ManagerIsToldOfTheBeginningAndTheEnd)
 
     manager.OnStopping();
     EXPECT_THAT(Told(), ElementsAre("STOPPING=1\nSTATUS=Ending"));
+}
+
+TEST_F(ServiceManagerTest, AbstractSocketIsReached)
+{
+    const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr family = {AF_UNIX, {}};
+    // The kernel finds an abstract name that nobody has.
+    ASSERT_EQ(bind(socket.Get(), &family, sizeof family.sa_family), 0);
+    sockaddr_un address = {};
+    socklen_t size = sizeof address;
+    ASSERT_EQ(getsockname(socket.Get(), reinterpret_cast<sockaddr *>(&address), &size), 0);
+    const std::string name(address.sun_path + 1, size - sizeof family.sa_family - 1);
+    mEnvironment.Set("NOTIFY_SOCKET", "@" + name);
+    ServiceManager(mClock, mTimer).OnStopping();
+    char text[64] = {};
+    EXPECT_GT(recv(socket.Get(), text, sizeof text - 1, MSG_DONTWAIT), 0);
+    EXPECT_STREQ(text, "STOPPING=1\nSTATUS=Ending");
 }
 
 TEST_F(ServiceManagerTest, SignsOfLifeComeAtHalfTheIntervalUntilTheEnd)
@@ -142,10 +154,27 @@ TEST_F(ServiceManagerTest, WithoutASocketNothingIsToldAndNoTimerIsSet)
 
 TEST_F(ServiceManagerTest, ManagerThatCannotBeReachedIsOneWarning)
 {
-    mEnvironment.Set("NOTIFY_SOCKET", mDirectory / "nobody");
+    const std::pair<std::string, int> cases[] = {{mDirectory / "nobody", ENOENT},
+                                                 {"relative/path", EINVAL},
+                                                 {"@", EINVAL},
+                                                 {'/' + std::string(200, 'x'), EINVAL}};
+    for (const auto &[socket, error] : cases) {
+        mEnvironment.Set("NOTIFY_SOCKET", socket);
+        StderrCapture capture;
+        ServiceManager(mClock, mTimer).OnReady();
+        EXPECT_EQ(capture.Take(), "W platform: cannot tell the service manager: error " +
+                                      std::to_string(error) + "\n");
+    }
+}
+
+TEST_F(ServiceManagerTest, ManagerThatDoesNotReadIsLeftAloneAfterASecond)
+{
+    const UniqueFd filler(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    while (SendDatagram(filler.Get(), Path(), "x", MSG_DONTWAIT) == 0) {
+    }
     StderrCapture capture;
-    ServiceManager(mClock, mTimer).OnReady();
-    EXPECT_EQ(capture.Take(), "W platform: cannot tell the service manager: error 2\n");
+    ServiceManager(mClock, mTimer).OnStopping();
+    EXPECT_EQ(capture.Take(), "W platform: cannot tell the service manager: error 11\n");
 }
 
 } // namespace ParvanePlatform
