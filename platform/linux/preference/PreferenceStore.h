@@ -5,33 +5,22 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 
 #include "Clock.h"
 #include "LoopSource.h"
-#include "Sqlite.h"
-#include "SqliteLog.h"
+#include "PreferenceFile.h"
 
 namespace ParvanePlatform {
 
-/** What a preference holds. */
-using PreferenceValue = std::variant<bool, int, std::string>;
-
 /**
- * The application preferences, in the SQLite file "preferences.db" of the state directory
- * (docs/storage.md).
+ * The application preferences, and what becomes of their writes until they are in the file
+ * (PreferenceFile), which knows what to do when it is damaged.
  *
  * All writes of one turn of the main loop are one transaction, which is on the disk before the loop
  * goes to sleep, or before that by SecureTurn(). Reads see writes at once. When a transaction cannot
  * be finished its writes stay in memory, together and still readable, and are tried again with the
  * next write, after a second, then at growing distances up to a minute, and at the end of the store;
  * each new reason is logged. When a single write fails, the turn is taken back as a whole.
- *
- * A file that is no database, or damaged, or laid out in another way than this version knows, is set
- * aside as "preferences.db.corrupt-<time>", never deleted, and an empty one takes its place. Of a
- * log that SQLite would not take whole a copy is kept in that way, and what comes before the damage
- * counts. A file of a newer version stays as it is. Then, and when the file cannot be opened for
- * another reason, every call fails and tries to open it again.
  *
  * Main-loop thread only.
  */
@@ -99,64 +88,23 @@ public:
 private:
     using Writes = std::map<std::string, PreferenceValue, std::less<>>;
 
-    /** What stands against using a file. */
-    struct Finding
-    {
-        std::string mProblem;
-        /** It must not be set aside: it is good, or nobody can tell. */
-        bool mMustStay = false;
-    };
-
     template <typename Value>
     int GetTyped(std::string_view key, Value &value);
     int Lookup(std::string_view key, std::optional<PreferenceValue> &value);
-    static int ReadRow(const SqliteStatement &select, std::optional<PreferenceValue> &value);
-    int WriteRow(std::string_view key, const PreferenceValue &value);
     int TryToSet(std::string_view key, const PreferenceValue &value);
     int Begin();
-    void OnFailure(const char *what, int result);
     bool Save();
-    void Rollback() noexcept;
     void KeepForLater();
     void EndTurn();
 
-    bool Open();
-    bool OpenToWrite();
-    Finding OpenFiles();
-    void InspectFiles(Finding &finding);
-    int KeepDamagedLog();
-    void OpenDatabase(Finding &finding);
-    int Prepare(Finding &finding);
-    int CheckPages(Finding &finding);
-    int InspectLayout(Finding &finding, bool &isNew);
-    int InspectColumns(std::string &problem);
-    int FirstRow(SqliteStatement &statement, const char *sql);
-    int Configure(bool isNew);
-    void Close();
-    void CloseUntouched();
-    std::string LogPath() const { return mPath + "-wal"; }
-    std::string FreeName() const;
-    bool SetAside(const std::string &problem);
-    void Report(const char *what, const std::string &reason);
-
     const Clock &mClock;
-    std::string mDirectory;
-    std::string mPath;
-    SqliteHandle mDatabase;
-    SqliteStatement mSelect;
-    SqliteStatement mUpsert;
-    /** What the log was like before the file was opened. */
-    SqliteLogState mLogState = SqliteLogState::Empty;
-    bool mIsLogKept = false;
+    PreferenceFile mFile;
     /** Written in this turn, and not on the disk yet. */
     Writes mTurn;
     /** Written in earlier turns whose transaction could not be finished. */
     Writes mUnsaved;
-    /** The transaction that is open holds both. */
-    bool mInTransaction = false;
     bool mTurnHasFailed = false;
     bool mTurnIsTakenBack = false;
-    std::string mLastReport;
     std::int64_t mRetryDelayUs = 0;
     LoopTimer mRetryTimer;
     LoopSource mTurnSource;

@@ -13,6 +13,16 @@ int SqliteStatement::Prepare(sqlite3 *database, const char *sql)
     return result;
 }
 
+int SqliteStatement::First(sqlite3 *database, const char *sql)
+{
+    Close();
+    if (const int result = Prepare(database, sql); result != SQLITE_OK) {
+        return result;
+    }
+    const int result = Step();
+    return result == SQLITE_ROW ? SQLITE_OK : result;
+}
+
 void SqliteStatement::BindInt(int index, std::int64_t value)
 {
     if (const int result = sqlite3_bind_int64(mStatement.get(), index, value);

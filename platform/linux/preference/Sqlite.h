@@ -32,6 +32,9 @@ public:
     /** Prepares `sql`. @return SQLITE_OK or the error */
     int Prepare(sqlite3 *database, const char *sql);
 
+    /** Prepares `sql` in place of what was there, and goes to its first row. @return SQLITE_OK or the error */
+    int First(sqlite3 *database, const char *sql);
+
     void BindInt(int index, std::int64_t value);
     void BindText(int index, std::string_view value);
 
