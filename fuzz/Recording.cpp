@@ -23,7 +23,7 @@ void CheckStep(const RecordingRow &before, const RecordingRow &row)
         row.mKnownPedometer < before.mKnownPedometer || row.mIsRestarted != before.mIsRestarted;
     for (std::size_t field = 0; field < kPedometerCounters; ++field) {
         // A second restart looks like the first one.
-        Require(isRestart || row.mIsRestarted || before.mPedometer[field] <= row.mPedometer[field],
+        Require(isRestart || row.mIsRestarted || before.Pedometer(field) <= row.Pedometer(field),
                 "a counter does not go down before a restart");
     }
 }

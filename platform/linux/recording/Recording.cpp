@@ -35,6 +35,20 @@ std::string Quoted(std::string_view text)
     return "'" + Printable(text) + "'";
 }
 
+/** What the column restart does to the pedometer. */
+void Restart(RecordingRow &row, RestartMark mark)
+{
+    if (mark == RestartMark::Anew) {
+        for (std::size_t field = 0; field < kPedometerFields; ++field) {
+            row.Pedometer(field) = 0.0;
+        }
+        row.mToldPedometer = 0;
+        row.mIsRestarted = true;
+    }
+    row.mKnownPedometer = 0;
+    row.mForgottenPedometer = kAllFields;
+}
+
 /** Reads the text line by line, and knows where it is. */
 class Parser
 {
@@ -52,7 +66,6 @@ private:
     void NoteFirstCounts(const RecordingRow &row);
     std::int64_t ParseTime(std::string_view cell) const;
     double ParseValue(std::size_t column, std::string_view cell) const;
-    void SetValue(RecordingRow &row, std::size_t column, double value) const;
     void SetPedometer(RecordingRow &row, std::size_t field, double value) const;
 
     [[noreturn]] void FailAtLine(const std::string &reason) const;
@@ -189,12 +202,9 @@ RecordingRow Parser::ParseRow(std::string_view line)
     }
     mCells.clear();
     ForEachCell(line, [this](std::string_view cell) { mCells.push_back(cell); });
-    RecordingRow row;
-    row.mPedometer = mLast.mPedometer;
-    row.mToldPedometer = mLast.mToldPedometer;
-    row.mKnownPedometer = mLast.mKnownPedometer;
-    row.mForgottenPedometer = mLast.mForgottenPedometer;
-    row.mIsRestarted = mLast.mIsRestarted;
+    // The pedometer goes on from the row before.
+    RecordingRow row = mLast;
+    row.mColumns = 0;
     // Before the counters, wherever it is: they may go down then.
     if (mRestartPosition < mCells.size()) {
         ParseCell(row, mRestartPosition);
@@ -213,7 +223,7 @@ void Parser::NoteFirstCounts(const RecordingRow &row)
 {
     for (std::size_t field = 0; field < kPedometerCounters; ++field) {
         if (!mFirst[field] && (row.mToldPedometer & (1U << field)) != 0) {
-            mFirst[field] = row.mPedometer[field];
+            mFirst[field] = row.Pedometer(field);
         }
     }
 }
@@ -226,9 +236,21 @@ void Parser::ParseCell(RecordingRow &row, std::size_t position)
     mColumnName = InfoOf(column).mName;
     if (column == kTimeColumn) {
         row.mTimeMs = ParseTime(cell);
-    } else if (!cell.empty()) {
-        SetValue(row, column, ParseValue(column, cell));
+        return;
     }
+    if (cell.empty()) {
+        return;
+    }
+    const double value = ParseValue(column, cell);
+    if (column == kRestartColumn) {
+        Restart(row, static_cast<RestartMark>(value));
+        return;
+    }
+    if (InfoOf(column).mItem == ContextItem::Pedometer) {
+        SetPedometer(row, column - kFirstPedometerColumn, value);
+    }
+    row.Value(column) = value;
+    row.mColumns = static_cast<std::uint16_t>(row.mColumns | 1U << column);
 }
 
 std::int64_t Parser::ParseTime(std::string_view cell) const
@@ -262,59 +284,15 @@ double Parser::ParseValue(std::size_t column, std::string_view cell) const
     return *value;
 }
 
-void Parser::SetValue(RecordingRow &row, std::size_t column, double value) const
-{
-    switch (column) {
-    case kHeartRateColumn:
-        row.mHeartRate = static_cast<int>(value);
-        row.mHasHeartRate = true;
-        break;
-    case kPeakToPeakColumn:
-        row.mPeakToPeak = value;
-        row.mHasPeakToPeak = true;
-        break;
-    case kSpo2Column:
-        row.mSpo2 = value;
-        row.mHasSpo2 = true;
-        break;
-    case kActivityColumn:
-        row.mActivity = static_cast<int>(value);
-        row.mHasActivity = true;
-        break;
-    case kActivityAccuracyColumn:
-        row.mActivityAccuracy = static_cast<int>(value);
-        row.mHasActivityAccuracy = true;
-        break;
-    case kGestureColumn:
-        row.mGesture = static_cast<int>(value);
-        row.mHasGesture = true;
-        break;
-    case kRestartColumn:
-        if (static_cast<RestartMark>(value) == RestartMark::Anew) {
-            row.mPedometer = {};
-            row.mToldPedometer = 0;
-            row.mIsRestarted = true;
-        }
-        row.mKnownPedometer = 0;
-        row.mForgottenPedometer = kAllFields;
-        break;
-    default:
-        SetPedometer(row, column - kFirstPedometerColumn, value);
-        break;
-    }
-}
-
 void Parser::SetPedometer(RecordingRow &row, std::size_t field, double value) const
 {
-    if (field < kPedometerCounters && value < row.mPedometer[field]) {
+    if (field < kPedometerCounters && value < row.Pedometer(field)) {
         FailAtColumn("the counter goes down to " + Printable(mCells[mPosition - 1]));
     }
     const unsigned bit = 1U << field;
-    row.mPedometer[field] = value;
     row.mToldPedometer = static_cast<std::uint8_t>(row.mToldPedometer | bit);
     row.mKnownPedometer = static_cast<std::uint8_t>(row.mKnownPedometer | bit);
     row.mForgottenPedometer = static_cast<std::uint8_t>(row.mForgottenPedometer & ~bit);
-    row.mHasPedometer = true;
 }
 
 void Parser::FailAtLine(const std::string &reason) const
@@ -393,19 +371,13 @@ std::size_t AppendFile(Recording &all, const std::string &path, std::size_t maxB
 
 } // namespace
 
-bool HasReading(const RecordingRow &row, ContextItem item)
+unsigned ColumnsOf(ContextItem item)
 {
-    switch (item) {
-    case ContextItem::Gesture:
-        return row.mHasGesture;
-    case ContextItem::Pedometer:
-        return row.mHasPedometer;
-    case ContextItem::HeartRate:
-        return row.mHasHeartRate || row.mHasPeakToPeak || row.mHasSpo2;
-    case ContextItem::Activity:
-        return row.mHasActivity || row.mHasActivityAccuracy;
+    unsigned columns = 0;
+    for (std::size_t column = 0; column < kRecordingColumns; ++column) {
+        columns |= InfoOf(column).mItem == item ? 1U << column : 0U;
     }
-    return false;
+    return columns;
 }
 
 void GoOnFrom(const RecordingRow &before, const PedometerCounts &first, RecordingRow &row)
@@ -415,12 +387,12 @@ void GoOnFrom(const RecordingRow &before, const PedometerCounts &first, Recordin
     }
     for (std::size_t field = 0; field < kPedometerFields; ++field) {
         const unsigned bit = 1U << field;
-        const double last = before.mPedometer[field];
+        const double last = before.Pedometer(field);
         if ((row.mToldPedometer & bit) == 0) {
-            row.mPedometer[field] = last;
+            row.Pedometer(field) = last;
         } else if ((before.mToldPedometer & bit) != 0 && field < kPedometerCounters) {
-            row.mPedometer[field] =
-                std::min(last + (row.mPedometer[field] - first[field].value_or(0.0)),
+            row.Pedometer(field) =
+                std::min(last + (row.Pedometer(field) - first[field].value_or(0.0)),
                          InfoOf(kFirstPedometerColumn + field).mRule.mMax);
         }
     }

@@ -11,41 +11,38 @@
 
 namespace ParvanePlatform {
 
-/** One row of a recording. Which of its values are there is told by the flags. */
+/** One row of a recording. */
 struct RecordingRow
 {
     std::int64_t mTimeMs = 0;
-    /** Each field's value of this row, or its last value since the pedometer began anew. */
-    std::array<double, kPedometerFields> mPedometer = {};
-    double mPeakToPeak = 0.0;
-    double mSpo2 = 0.0;
-    int mHeartRate = 0;
-    int mActivity = 0;
-    int mActivityAccuracy = 0;
-    int mGesture = 0;
-    /** Bit n: field n of mPedometer has had a value. */
+    /**
+     * The values, from the column heart_rate on. Those of the pedometer are this row's or the last ones
+     * since it began anew; the others count only where the row has them.
+     */
+    std::array<double, kRestartColumn - kHeartRateColumn> mValues = {};
+    /** Bit n: column n has a value in this row itself. */
+    std::uint16_t mColumns = 0;
+    /** Bit n: field n of the pedometer has had a value. */
     std::uint8_t mToldPedometer = 0;
     /** Bit n: a reading of this row has field n; it has had a value and is not forgotten. */
     std::uint8_t mKnownPedometer = 0;
     /** Bit n: what was known of field n is forgotten, and no value has come since. */
     std::uint8_t mForgottenPedometer = 0;
-    /** Some field of mPedometer has a value in this row itself. */
-    bool mHasPedometer = false;
-    bool mHasHeartRate = false;
-    bool mHasPeakToPeak = false;
-    bool mHasSpo2 = false;
-    bool mHasActivity = false;
-    bool mHasActivityAccuracy = false;
-    bool mHasGesture = false;
     /** The pedometer has begun anew in this row or before; what it told before that is forgotten. */
     bool mIsRestarted = false;
+
+    bool Has(std::size_t column) const { return (mColumns >> column & 1U) != 0; }
+    double &Value(std::size_t column) { return mValues[column - kHeartRateColumn]; }
+    double Value(std::size_t column) const { return mValues[column - kHeartRateColumn]; }
+    double &Pedometer(std::size_t field) { return Value(kFirstPedometerColumn + field); }
+    double Pedometer(std::size_t field) const { return Value(kFirstPedometerColumn + field); }
 };
 
 /** A value of each counter of the pedometer; none for one that has had none. */
 using PedometerCounts = std::array<std::optional<double>, kPedometerCounters>;
 
-/** True when a row is a reading of an item. */
-bool HasReading(const RecordingRow &row, ContextItem item);
+/** The columns of an item's values, one bit each; a row is a reading of the item when it has one. */
+unsigned ColumnsOf(ContextItem item);
 
 /**
  * Lets the pedometer of a row go on from a row that was played before the first one of its

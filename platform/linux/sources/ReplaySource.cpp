@@ -33,8 +33,9 @@ ReplaySource::ReplaySource(Recording recording, const ReplayOptions &options, co
               Track{ContextItem::Activity, {}}, Track{ContextItem::Gesture, {}}}
 {
     for (Track &track : mTracks) {
+        const unsigned columns = ColumnsOf(track.mItem);
         for (std::size_t i = 0; i < mRecording.mRows.size(); ++i) {
-            if (HasReading(mRecording.mRows[i], track.mItem)) {
+            if ((mRecording.mRows[i].mColumns & columns) != 0) {
                 track.mRows.push_back(static_cast<std::uint32_t>(i));
             }
         }
@@ -233,27 +234,20 @@ SensorReading ReplaySource::ReadingOf(const Track &track, std::int64_t entry) co
 {
     const std::int64_t size = SizeOf(track.mRows);
     const RecordingRow &row = mRecording.mRows[track.mRows[static_cast<std::size_t>(entry % size)]];
-    SensorReading reading;
-    const auto addIf = [&reading](bool isThere, std::size_t column, auto value) {
-        if (isThere) {
-            reading.Add(InfoOf(column).mKey, value);
-        }
-    };
-    switch (track.mItem) {
-    case ContextItem::HeartRate:
-        addIf(row.mHasHeartRate, kHeartRateColumn, row.mHeartRate);
-        addIf(row.mHasPeakToPeak, kPeakToPeakColumn, row.mPeakToPeak);
-        addIf(row.mHasSpo2, kSpo2Column, row.mSpo2);
-        break;
-    case ContextItem::Activity:
-        addIf(row.mHasActivity, kActivityColumn, row.mActivity);
-        addIf(row.mHasActivityAccuracy, kActivityAccuracyColumn, row.mActivityAccuracy);
-        break;
-    case ContextItem::Gesture:
-        addIf(row.mHasGesture, kGestureColumn, row.mGesture);
-        break;
-    case ContextItem::Pedometer:
+    if (track.mItem == ContextItem::Pedometer) {
         return PedometerReading(row, entry / size);
+    }
+    SensorReading reading;
+    for (std::size_t column = 0; column < kRecordingColumns; ++column) {
+        const RecordingColumnInfo &info = InfoOf(column);
+        if (info.mItem != track.mItem || !row.Has(column)) {
+            continue;
+        }
+        if (info.mRule.mIsWhole) {
+            reading.Add(info.mKey, static_cast<int>(row.Value(column)));
+        } else {
+            reading.Add(info.mKey, row.Value(column));
+        }
     }
     return reading;
 }
@@ -264,7 +258,7 @@ RecordingRow ReplaySource::EndOfRounds(std::int64_t rounds) const
     // A recording in which the counters begin anew ends each round with the same counts.
     if (!end.mIsRestarted) {
         for (std::size_t field = 0; field < kPedometerCounters; ++field) {
-            double &count = end.mPedometer[field];
+            double &count = end.Pedometer(field);
             const double counted = count - mRecording.mFirst[field].value_or(0.0);
             count = std::min(count + static_cast<double>(rounds - 1) * counted,
                              InfoOf(kFirstPedometerColumn + field).mRule.mMax);
@@ -280,14 +274,14 @@ SensorReading ReplaySource::PedometerReading(RecordingRow row, std::int64_t roun
         if (const RecordingRow end = EndOfRounds(round + 1); !end.mIsRestarted) {
             // The sums are rounded: none may be more than what the next round begins with.
             for (std::size_t field = 0; field < kPedometerCounters; ++field) {
-                row.mPedometer[field] = std::min(row.mPedometer[field], end.mPedometer[field]);
+                row.Pedometer(field) = std::min(row.Pedometer(field), end.Pedometer(field));
             }
         }
     }
     SensorReading reading;
     for (std::size_t field = 0; field < kPedometerFields; ++field) {
         if ((row.mKnownPedometer & (1U << field)) != 0) {
-            reading.Add(InfoOf(kFirstPedometerColumn + field).mKey, row.mPedometer[field]);
+            reading.Add(InfoOf(kFirstPedometerColumn + field).mKey, row.Pedometer(field));
         }
     }
     return reading;

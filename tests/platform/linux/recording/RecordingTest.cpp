@@ -73,6 +73,20 @@ std::string ErrorOf(const std::string &text)
     return "no error";
 }
 
+bool HasReading(const RecordingRow &row, ContextItem item)
+{
+    return (row.mColumns & ColumnsOf(item)) != 0;
+}
+
+std::vector<double> PedometerOf(const RecordingRow &row)
+{
+    std::vector<double> fields;
+    for (std::size_t field = 0; field < kPedometerFields; ++field) {
+        fields.push_back(row.Pedometer(field));
+    }
+    return fields;
+}
+
 } // namespace
 
 TEST(RecordingTest, RowsAreReadWithWhatTheyHave)
@@ -83,18 +97,19 @@ TEST(RecordingTest, RowsAreReadWithWhatTheyHave)
 
     const RecordingRow &first = recording.mRows[0];
     EXPECT_EQ(first.mTimeMs, 0);
-    EXPECT_EQ(first.mHeartRate, -3);
-    EXPECT_EQ(first.mActivity, 1);
-    EXPECT_TRUE(first.mHasHeartRate && first.mHasPedometer && first.mHasActivity);
-    EXPECT_FALSE(first.mHasGesture);
+    EXPECT_EQ(first.Value(kHeartRateColumn), -3);
+    EXPECT_EQ(first.Value(kActivityColumn), 1);
+    EXPECT_TRUE(first.Has(kHeartRateColumn) && HasReading(first, ContextItem::Pedometer) &&
+                first.Has(kActivityColumn));
+    EXPECT_FALSE(first.Has(kGestureColumn));
     EXPECT_EQ(first.mKnownPedometer, 0b001001);
 
     const RecordingRow &second = recording.mRows[1];
     EXPECT_EQ(second.mTimeMs, 1000);
-    EXPECT_THAT(second.mPedometer, ElementsAre(7.0, 2.0, 5.0, 8.25, 1.5, 12.74));
-    EXPECT_EQ(second.mGesture, 4);
-    EXPECT_TRUE(second.mHasPedometer && second.mHasGesture);
-    EXPECT_FALSE(second.mHasHeartRate || second.mHasActivity);
+    EXPECT_THAT(PedometerOf(second), ElementsAre(7.0, 2.0, 5.0, 8.25, 1.5, 12.74));
+    EXPECT_EQ(second.Value(kGestureColumn), 4);
+    EXPECT_TRUE(HasReading(second, ContextItem::Pedometer) && second.Has(kGestureColumn));
+    EXPECT_FALSE(second.Has(kHeartRateColumn) || second.Has(kActivityColumn));
     EXPECT_EQ(second.mKnownPedometer, 0b111111);
 }
 
@@ -102,9 +117,9 @@ TEST(RecordingTest, EmptyCellKeepsTheLastValue)
 {
     const Recording recording =
         ParseRecording("f.csv", Text("0,,5,,,1.5,,3.5,,\n1000,60,,,,,,,,\n2000,,9,,,,,,,\n"));
-    EXPECT_FALSE(recording.mRows[1].mHasPedometer);
-    EXPECT_TRUE(recording.mRows[2].mHasPedometer);
-    EXPECT_THAT(recording.mRows[2].mPedometer, ElementsAre(9.0, 0.0, 0.0, 1.5, 0.0, 3.5));
+    EXPECT_FALSE(HasReading(recording.mRows[1], ContextItem::Pedometer));
+    EXPECT_TRUE(HasReading(recording.mRows[2], ContextItem::Pedometer));
+    EXPECT_THAT(PedometerOf(recording.mRows[2]), ElementsAre(9.0, 0.0, 0.0, 1.5, 0.0, 3.5));
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b101001);
 }
 
@@ -115,9 +130,9 @@ TEST(RecordingTest, OrderOfColumnsAndLineEndsAreFree)
                  "total_steps,heart_rate,t_ms\r\n1.5,,2,,,,,8,61,10\r\n,,,,,,,,62,20\r\n\r\n\n");
     ASSERT_EQ(recording.mRows.size(), 2U);
     EXPECT_EQ(recording.mRows[0].mTimeMs, 10);
-    EXPECT_EQ(recording.mRows[0].mHeartRate, 61);
-    EXPECT_EQ(recording.mRows[0].mActivity, 2);
-    EXPECT_THAT(recording.mRows[1].mPedometer, ElementsAre(8.0, 0.0, 0.0, 0.0, 0.0, 1.5));
+    EXPECT_EQ(recording.mRows[0].Value(kHeartRateColumn), 61);
+    EXPECT_EQ(recording.mRows[0].Value(kActivityColumn), 2);
+    EXPECT_THAT(PedometerOf(recording.mRows[1]), ElementsAre(8.0, 0.0, 0.0, 0.0, 0.0, 1.5));
 }
 
 TEST(RecordingTest, RoundEndsOneMedianDistanceAfterTheLastRow)
@@ -242,13 +257,14 @@ TEST(RecordingTest, FurtherColumnsAreReadWhereTheyAre)
                                                                     "2,,,,,,,,,,,97.25,,\n"
                                                                     "3,,,,,,,,,,,,-1,\n"));
     const RecordingRow &whole = recording.mRows[0];
-    EXPECT_TRUE(whole.mHasPeakToPeak && whole.mHasSpo2 && whole.mHasActivityAccuracy);
-    EXPECT_EQ(whole.mPeakToPeak, 812.5);
-    EXPECT_EQ(whole.mSpo2, 98.0);
-    EXPECT_EQ(whole.mActivityAccuracy, 2);
-    EXPECT_EQ(recording.mRows[1].mPeakToPeak, -3.0);
-    EXPECT_EQ(recording.mRows[2].mSpo2, 97.25);
-    EXPECT_EQ(recording.mRows[3].mActivityAccuracy, -1);
+    EXPECT_TRUE(whole.Has(kPeakToPeakColumn) && whole.Has(kSpo2Column) &&
+                whole.Has(kActivityAccuracyColumn));
+    EXPECT_EQ(whole.Value(kPeakToPeakColumn), 812.5);
+    EXPECT_EQ(whole.Value(kSpo2Column), 98.0);
+    EXPECT_EQ(whole.Value(kActivityAccuracyColumn), 2);
+    EXPECT_EQ(recording.mRows[1].Value(kPeakToPeakColumn), -3.0);
+    EXPECT_EQ(recording.mRows[2].Value(kSpo2Column), 97.25);
+    EXPECT_EQ(recording.mRows[3].Value(kActivityAccuracyColumn), -1);
 }
 
 TEST(RecordingTest, AnyValueOfAnItemMakesARowItsReading)
@@ -258,7 +274,7 @@ TEST(RecordingTest, AnyValueOfAnItemMakesARowItsReading)
                                             "0,,,,,,,,,,,,1,\n0,,,,,,,3,,,,,,\n0,,,,,,,,,,,,,1\n"));
     for (const std::size_t row : {0U, 1U}) {
         EXPECT_TRUE(HasReading(recording.mRows[row], ContextItem::HeartRate));
-        EXPECT_FALSE(recording.mRows[row].mHasHeartRate);
+        EXPECT_FALSE(recording.mRows[row].Has(kHeartRateColumn));
     }
     EXPECT_TRUE(HasReading(recording.mRows[2], ContextItem::Activity));
     EXPECT_TRUE(HasReading(recording.mRows[3], ContextItem::Pedometer));
@@ -274,7 +290,7 @@ TEST(RecordingTest, RestartForgetsWhatThePedometerHadTold)
         "f.csv", FurtherText("0,,90,,,50,,3,,,,,,\n1,,5,,,,,,,,,,,1\n2,,6,,,0.5,,,,,,,,\n"));
     EXPECT_FALSE(recording.mRows[0].mIsRestarted);
     EXPECT_TRUE(recording.mRows[1].mIsRestarted);
-    EXPECT_THAT(recording.mRows[1].mPedometer, ElementsAre(5.0, 0.0, 0.0, 0.0, 0.0, 0.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[1]), ElementsAre(5.0, 0.0, 0.0, 0.0, 0.0, 0.0));
     EXPECT_EQ(recording.mRows[1].mKnownPedometer, 0b000001);
     EXPECT_TRUE(recording.mRows[2].mIsRestarted);
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b001001);
@@ -380,11 +396,11 @@ TEST_F(RecordingsTest, PedometerGoesOnOverTheSeams)
     Write(Text("0,,0,,,,4,,,\n1000,,6,,,,,2,,\n"));
     Write(Text("0,,1,,,0.25,,,,\n1000,,4,,,1,,,,\n"));
     const Recording recording = LoadRecordings(mPaths);
-    EXPECT_THAT(recording.mRows[2].mPedometer, ElementsAre(9.0, 0.0, 0.0, 2.5, 4.0, 3.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[2]), ElementsAre(9.0, 0.0, 0.0, 2.5, 4.0, 3.0));
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b111001);
-    EXPECT_THAT(recording.mRows[3].mPedometer, ElementsAre(15.0, 0.0, 0.0, 2.5, 4.0, 2.0));
-    EXPECT_THAT(recording.mRows[4].mPedometer, ElementsAre(15.0, 0.0, 0.0, 2.5, 4.0, 2.0));
-    EXPECT_THAT(recording.mRows[5].mPedometer, ElementsAre(18.0, 0.0, 0.0, 3.25, 4.0, 2.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[3]), ElementsAre(15.0, 0.0, 0.0, 2.5, 4.0, 2.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[4]), ElementsAre(15.0, 0.0, 0.0, 2.5, 4.0, 2.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[5]), ElementsAre(18.0, 0.0, 0.0, 3.25, 4.0, 2.0));
     EXPECT_EQ(recording.mRows[4].mKnownPedometer, 0b111001);
 }
 
@@ -393,9 +409,9 @@ TEST_F(RecordingsTest, AfterARestartTheNextFileGoesOnFromTheNewCounts)
     Write(FurtherText("0,,500,,,7,,,,,,,,\n1,,20,,,,,,,,,,,1\n"));
     Write(Text("0,,3,,,,,,,\n1000,,7,,,1.5,,,,\n"));
     const Recording recording = LoadRecordings(mPaths);
-    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 20.0);
+    EXPECT_EQ(recording.mRows[2].Pedometer(kTotalSteps), 20.0);
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
-    EXPECT_THAT(recording.mRows[3].mPedometer, ElementsAre(24.0, 0.0, 0.0, 1.5, 0.0, 0.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[3]), ElementsAre(24.0, 0.0, 0.0, 1.5, 0.0, 0.0));
 }
 
 TEST_F(RecordingsTest, RestartInALaterFileTakesNothingFromTheOneBefore)
@@ -403,8 +419,8 @@ TEST_F(RecordingsTest, RestartInALaterFileTakesNothingFromTheOneBefore)
     Write(Text("0,,500,,,7,,,,\n"));
     Write(FurtherText("0,,3,,,,,,,,,,,\n1,,4,,,,,,,,,,,1\n"));
     const Recording recording = LoadRecordings(mPaths);
-    EXPECT_THAT(recording.mRows[1].mPedometer, ElementsAre(500.0, 0.0, 0.0, 7.0, 0.0, 0.0));
-    EXPECT_THAT(recording.mRows[2].mPedometer, ElementsAre(4.0, 0.0, 0.0, 0.0, 0.0, 0.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[1]), ElementsAre(500.0, 0.0, 0.0, 7.0, 0.0, 0.0));
+    EXPECT_THAT(PedometerOf(recording.mRows[2]), ElementsAre(4.0, 0.0, 0.0, 0.0, 0.0, 0.0));
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
 }
 
@@ -413,8 +429,8 @@ TEST_F(RecordingsTest, SameFileMayBePlayedAgain)
     Write(Text("0,,5000,,,,,,,\n1000,,5010,,,,,,,\n"));
     mPaths.push_back(mPaths.front());
     const Recording recording = LoadRecordings(mPaths);
-    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 5010.0);
-    EXPECT_EQ(recording.mRows[3].mPedometer[kTotalSteps], 5020.0);
+    EXPECT_EQ(recording.mRows[2].Pedometer(kTotalSteps), 5010.0);
+    EXPECT_EQ(recording.mRows[3].Pedometer(kTotalSteps), 5020.0);
 }
 
 TEST_F(RecordingsTest, CountersStopAtTheMostThatTheirColumnsAllow)
@@ -422,7 +438,7 @@ TEST_F(RecordingsTest, CountersStopAtTheMostThatTheirColumnsAllow)
     Write(Text("0,,0,,,0,0,,,\n1000,,2147483640,,,999999999,999999998.5,,,\n"));
     Write(Text("0,,1,,,0,0,,,\n1000,,100,,,0.5,50,,,\n"));
     const Recording recording = LoadRecordings(mPaths);
-    EXPECT_THAT(recording.mRows[3].mPedometer,
+    EXPECT_THAT(PedometerOf(recording.mRows[3]),
                 ElementsAre(2147483647.0, 0.0, 0.0, 999999999.5, 1e9, 0.0));
 }
 
@@ -433,8 +449,8 @@ TEST_F(RecordingsTest, WhatAFileHasForgottenTheNextOneTellsAgainOnlyWithAValue)
     const Recording recording = LoadRecordings(mPaths);
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
     EXPECT_EQ(recording.mRows[3].mKnownPedometer, 0b001001);
-    EXPECT_THAT(recording.mRows[3].mPedometer, ElementsAre(7.0, 0.0, 0.0, 2.5, 0.0, 3.0));
-    EXPECT_EQ(recording.mRows[4].mPedometer[kDistanceM], 3.5);
+    EXPECT_THAT(PedometerOf(recording.mRows[3]), ElementsAre(7.0, 0.0, 0.0, 2.5, 0.0, 3.0));
+    EXPECT_EQ(recording.mRows[4].Pedometer(kDistanceM), 3.5);
 }
 
 TEST_F(RecordingsTest, AFileThatForgetsDoesNotTellWhatTheOneBeforeKnew)
@@ -444,7 +460,7 @@ TEST_F(RecordingsTest, AFileThatForgetsDoesNotTellWhatTheOneBeforeKnew)
     const Recording recording = LoadRecordings(mPaths);
     EXPECT_EQ(recording.mRows[1].mKnownPedometer, 0b101001);
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b000001);
-    EXPECT_EQ(recording.mRows[2].mPedometer[kTotalSteps], 6.0);
+    EXPECT_EQ(recording.mRows[2].Pedometer(kTotalSteps), 6.0);
 }
 
 TEST_F(RecordingsTest, FileWithAMistakeIsNamed)
