@@ -3,6 +3,11 @@
 #include <array>
 #include <cstdint>
 #include <fstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
 
 namespace ParvaneBench {
 
@@ -30,11 +35,61 @@ const std::vector<std::size_t> &ReadingSizes()
     return sizes;
 }
 
+UnitStandIn::UnitStandIn(const std::filesystem::path &folder)
+    : mManagerPath(folder / "notify"), mManager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    mManagerPath.string().copy(address.sun_path, sizeof address.sun_path - 1);
+    if (bind(mManager.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        FailErrno(mManagerPath.string());
+    }
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        FailErrno("socketpair");
+    }
+    mServiceStream = Fd(ends[0]);
+    mJournalStream = Fd(ends[1]);
+    mReader = std::thread([this] { ReadStream(); });
+}
+
+UnitStandIn::~UnitStandIn()
+{
+    OnStarted(); // also where the service has not: the reader sees the end of the stream
+    mReader.join();
+}
+
+void UnitStandIn::AddTo(Child::Start &start) const
+{
+    struct stat stream = {};
+    if (fstat(mServiceStream.Get(), &stream) != 0) {
+        FailErrno("fstat");
+    }
+    start.mError = mServiceStream.Get();
+    start.mEnvironment.push_back("NOTIFY_SOCKET=" + mManagerPath.string());
+    start.mEnvironment.push_back("WATCHDOG_USEC=120000000");
+    start.mEnvironment.push_back("JOURNAL_STREAM=" + std::to_string(stream.st_dev) + ":" +
+                                 std::to_string(stream.st_ino));
+}
+
+void UnitStandIn::ReadStream() const
+{
+    std::array<char, 4096> text{};
+    while (read(mJournalStream.Get(), text.data(), text.size()) > 0) {
+    }
+}
+
 Service::Service(const Setting &setting, const Options &options)
     : mFolder(std::filesystem::temp_directory_path()),
       mDiskFolder(setting.mDisk),
+      mUnit(options.mIsUnderUnit ? std::optional<UnitStandIn>(std::in_place, mFolder.Path())
+                                 : std::nullopt),
       mChild(MakeStart(setting, options))
-{}
+{
+    if (mUnit) {
+        mUnit->OnStarted();
+    }
+}
 
 std::filesystem::path Service::Proc(const std::string &file) const
 {
@@ -54,6 +109,9 @@ Child::Start Service::MakeStart(const Setting &setting, const Options &options) 
     start.mEnvironment.push_back("PARVANE_PLATFORM_CONF=" + configuration.string());
     start.mLog = mDiskFolder.Path() / "log";
     start.mCpu = setting.mServerCpu;
+    if (mUnit) {
+        mUnit->AddTo(start);
+    }
     return start;
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Support.h"
@@ -30,6 +32,36 @@ struct Setting
 const std::vector<std::size_t> &ListSizes();
 const std::vector<std::size_t> &ReadingSizes();
 
+/**
+ * What the service's unit gives it: a manager to tell of readiness and signs of life, and standard
+ * error that leads to a journal. Both sides are the bench's own; whether there is a journal behind the
+ * socket to which entries go is up to the machine.
+ */
+class UnitStandIn
+{
+public:
+    explicit UnitStandIn(const std::filesystem::path &folder);
+    UnitStandIn(const UnitStandIn &) = delete;
+    UnitStandIn &operator=(const UnitStandIn &) = delete;
+    /** The service has ended. */
+    ~UnitStandIn();
+
+    /** Adds what the service finds at its start. */
+    void AddTo(Child::Start &start) const;
+
+    /** The service has started: it alone has the journal's stream. */
+    void OnStarted() { mServiceStream = Fd(); }
+
+private:
+    void ReadStream() const;
+
+    std::filesystem::path mManagerPath;
+    Fd mManager;
+    Fd mServiceStream;
+    Fd mJournalStream;
+    std::thread mReader;
+};
+
 /** A service that runs for the life of the object, with its state and sockets in new folders. */
 class Service
 {
@@ -42,6 +74,8 @@ public:
         std::vector<std::string> mEnvironment;
         /** Its state directory; empty: a new one on the disk. */
         std::filesystem::path mState;
+        /** In the environment of its unit, rather than by itself with its log in a file. */
+        bool mIsUnderUnit = false;
     };
 
     Service(const Setting &setting, const Options &options);
@@ -62,6 +96,7 @@ private:
 
     TemporaryFolder mFolder;
     TemporaryFolder mDiskFolder;
+    std::optional<UnitStandIn> mUnit;
     Child mChild;
 };
 

@@ -36,16 +36,19 @@ std::vector<char *> PointersTo(std::vector<std::string> &texts)
 
 /** Between fork and exec: nothing here needs memory. */
 [[noreturn]] void Execute(const std::vector<char *> &arguments,
-                          const std::vector<char *> &environment, const char *log, int output,
-                          int cpu)
+                          const std::vector<char *> &environment, const char *log,
+                          const Child::Start &start)
 {
     if (log[0] != '\0') {
         dup2(open(log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
     }
-    if (output >= 0) {
-        dup2(output, STDOUT_FILENO);
+    if (start.mOutput >= 0) {
+        dup2(start.mOutput, STDOUT_FILENO);
     }
-    BindTo(cpu);
+    if (start.mError >= 0) {
+        dup2(start.mError, STDERR_FILENO);
+    }
+    BindTo(start.mCpu);
     // Nothing stays behind when the measuring is broken off.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     execvpe(arguments.front(), arguments.data(), environment.data());
@@ -118,7 +121,7 @@ Child::Child(const Start &start) : mPid(-1)
     const std::string log = start.mLog.string();
     mPid = fork();
     if (mPid == 0) {
-        Execute(argumentPointers, environmentPointers, log.c_str(), start.mOutput, start.mCpu);
+        Execute(argumentPointers, environmentPointers, log.c_str(), start);
     }
     if (mPid < 0) {
         FailErrno("fork");

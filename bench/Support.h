@@ -74,8 +74,9 @@ public:
         std::vector<std::string> mEnvironment;
         /** Where its standard error goes; empty: where this process's goes. */
         std::filesystem::path mLog;
-        /** Becomes its standard output, when it is not below 0. */
+        /** Become its standard output and standard error, when they are not below 0. */
         int mOutput = -1;
+        int mError = -1;
         /** The processor that it is bound to. */
         int mCpu = 0;
     };
