@@ -1,5 +1,6 @@
 #include "PacketData.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -42,26 +43,28 @@ TEST_F(PacketDataTest, AllocateReturnsTheBufferOfTheGivenSize)
     EXPECT_EQ(18U, mPacket.mSize);
 }
 
-TEST_F(PacketDataTest, SecondAllocateTakesOver)
+TEST_F(PacketDataTest, SecondAllocateTakesOverAndLeavesTheFirstBytesToTheCaller)
 {
-    mPacket.Allocate(18);
+    uint8_t *const first = mPacket.Allocate(18);
     const uint8_t *const second = mPacket.Allocate(4);
 
     EXPECT_EQ(second, mPacket.mBuffer.get());
     EXPECT_EQ(4U, mPacket.mSize);
+    first[17] = 1; // still there
+    std::free(first);
 }
 
-TEST_F(PacketDataTest, AllocateWithoutMemoryLeavesNoBytes)
+TEST_F(PacketDataTest, AllocateWithoutMemoryLeavesThePacketAsItWas)
 {
     ScriptedPlatform platform;
-    mPacket.Allocate(18);
+    const uint8_t *const bytes = mPacket.Allocate(18);
 
     platform.FailAllocation(1);
     EXPECT_THROW(ScriptedPlatform::AsService([this] { mPacket.Allocate(4); }), std::bad_alloc);
 
     EXPECT_TRUE(platform.StopFailingAllocations());
-    EXPECT_EQ(nullptr, mPacket.mBuffer);
-    EXPECT_EQ(0U, mPacket.mSize);
+    EXPECT_EQ(bytes, mPacket.mBuffer.get());
+    EXPECT_EQ(18U, mPacket.mSize);
 }
 
 TEST_F(PacketDataTest, SetByteStoresTheLowByteOnly)

@@ -1,6 +1,7 @@
 #include "PedometerData.h"
 
 #include <climits>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <tuple>
@@ -213,6 +214,25 @@ TEST_F(PedometerDataTest, RealWhereACountBelongsIsAFaultAfterItsWholePart)
 TEST_F(PedometerDataTest, EmptyTextGivesZeros)
 {
     ExpectMeasurements(Read(""), 0, 0, 0, 0.0F, 0, 0.0);
+}
+
+TEST_F(PedometerDataTest, DistanceStaysFiniteAndItsTextCanBeReadBack)
+{
+    constexpr float kLargest = std::numeric_limits<float>::max();
+    const PedometerData far(1, kLargest, 2, 0, 3, 4, 5);
+    const PedometerData back(1, -kLargest, 2, 0, 3, 4, 5);
+
+    EXPECT_EQ(kLargest, (far + far).mDistance);
+    EXPECT_EQ(-kLargest, (back + back).mDistance);
+    EXPECT_EQ(kLargest, (far - back).mDistance);
+    EXPECT_EQ(-kLargest, (back - far).mDistance);
+    std::stringstream text;
+    text << far + far;
+    EXPECT_EQ("2 8 6 3.40282e+38 4 10", text.str());
+    PedometerData restored;
+    EXPECT_TRUE(text >> restored);
+    EXPECT_EQ(3.40282e+38F, restored.mDistance);
+    EXPECT_EQ(10.0, restored.mSpeed);
 }
 
 } // namespace

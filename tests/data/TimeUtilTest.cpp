@@ -116,13 +116,5 @@ TEST_F(TimeUtilTest, DayBeforeTheEpochHasItsBounds)
     EXPECT_EQ(-1, TimeUtil::GetEndOfDay(-1));
 }
 
-// A bound that 32 bits cannot hold must not fall back before the time itself.
-TEST_F(TimeUtilTest, BoundsAtTheEndsOfTheRangeDoNotWrap)
-{
-    EXPECT_EQ(2147483647, TimeUtil::GetEndOfDay(2147483647));
-    EXPECT_EQ(2147472000, TimeUtil::GetStartOfDay(2147483647));
-    EXPECT_EQ(-2147483647 - 1, TimeUtil::GetStartOfDay(-2147483647));
-}
-
 } // namespace
 } // namespace Parvane

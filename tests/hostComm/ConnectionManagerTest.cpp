@@ -392,28 +392,48 @@ TEST_F(ConnectionManagerTest, FailedRetryLeavesTheRegistrationThatTheKeyMade)
 
 // A key that changes inside a call of the registration.
 
-TEST_F(ConnectionManagerTest, LinkThatBouncesInsideTheRegistrationDoesNotRegisterInIt)
+TEST_F(ConnectionManagerTest, LinkThatComesUpInsideTheRegistrationRegistersInIt)
 {
-    for (int call = 1; call <= 2; ++call) {
-        SCOPED_TRACE("call " + std::to_string(call));
-        mPlatform.OnAnyCall(call, ScriptedPlatform::Moment::After, [this] {
-            mPlatform.ChangeKey(kStatusKey, 0);
-            mPlatform.ChangeKey(kStatusKey, 1);
-        });
+    mPlatform.OnNextCall("registerServiceAgent", [this] { mPlatform.ChangeKey(kStatusKey, 1); });
+
+    mManager.InitializeTALConnection();
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("registerNotifications()", "registerServiceAgent()",
+                            "vconf_get_int(memory/private/tal/conn_status)",
+                            "registerNotifications()", "registerServiceAgent()"));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+// The link has the records of both and may look at those of either.
+TEST_F(ConnectionManagerTest, RecordsOfARegistrationInsideAnotherStay)
+{
+    const auto moments = {ScriptedPlatform::Moment::Before, ScriptedPlatform::Moment::After};
+    for (const ScriptedPlatform::Moment moment : moments) {
+        mPlatform.OnAnyCall(2, moment, [this] { mPlatform.ChangeKey(kStatusKey, 1); });
 
         ScriptedPlatform::AsService([this] { mManager.InitializeTALConnection(); });
 
-        // The link has the record of the one agent and looks at it until that is deregistered.
-        const std::vector<std::string> calls = mPlatform.TakeCalls();
-        EXPECT_THAT(calls, Contains("registerNotifications()").Times(1));
-        EXPECT_THAT(calls, Contains("registerServiceAgent()").Times(1));
         ASSERT_NE(nullptr, mPlatform.Service());
         EXPECT_STREQ("sensor_zolt", mPlatform.Service()->serviceName);
+        mPlatform.ConfirmRegistration(0, kAgent);
         LinkDown();
     }
 }
 
-TEST_F(ConnectionManagerTest, LinkThatGoesInsideARenewedRegistrationComesBack)
+TEST_F(ConnectionManagerTest, LinkThatGoesInsideTheFirstRegistrationIsNotTornDown)
+{
+    mPlatform.OnNextCall("registerServiceAgent", [this] { LinkDown(); });
+
+    mManager.InitializeTALConnection();
+
+    EXPECT_THAT(mPlatform.TakeCallsOf("deregisterNotifications"), IsEmpty());
+    EXPECT_EQ(0, mListener.mReleased);
+    LinkDown(); // it counts as registered
+    EXPECT_EQ(1, mListener.mReleased);
+}
+
+TEST_F(ConnectionManagerTest, LinkThatGoesInsideARenewedRegistrationComesBackWithTheNextChange)
 {
     for (int call = 1; call <= 2; ++call) {
         SCOPED_TRACE("call " + std::to_string(call));
@@ -422,11 +442,25 @@ TEST_F(ConnectionManagerTest, LinkThatGoesInsideARenewedRegistrationComesBack)
 
         ScriptedPlatform::AsService([this] { mManager.InitializeTALConnection(); });
 
-        LinkUp();
-        mPlatform.Forget();
+        EXPECT_THAT(mPlatform.PendingTimers(), IsEmpty()); // the agent was registered
         LinkDown();
-        EXPECT_THAT(mPlatform.TakeCalls(), Contains("deregisterNotifications()"));
+        mPlatform.Forget();
+        mPlatform.ChangeKey(kStatusKey, 1);
+        EXPECT_THAT(mPlatform.TakeCalls(), Contains("registerServiceAgent()"));
+        LinkDown();
     }
+}
+
+// What is waiting for its turn until the failed registration has been cleared away.
+TEST_F(ConnectionManagerTest, FailedRegistrationIsLoggedBeforeItsRetryIsScheduled)
+{
+    mPlatform.FailNext("registerServiceAgent", -1);
+    std::size_t linesByThen = 0;
+    mPlatform.OnNextCall("g_timeout_add", [&] { linesByThen = mPlatform.Log().size(); });
+
+    mManager.InitializeTALConnection();
+
+    EXPECT_EQ(1U, linesByThen);
 }
 
 // The link-status key.
@@ -993,20 +1027,49 @@ TEST_F(ConnectionManagerTest, ListenerHearsOfTheTeardownWhenItIsDone)
                 ElementsAre(SendError("[SendToHost]mIsServiceConnected is false")));
 }
 
-TEST_F(ConnectionManagerTest, TeardownInsideATeardownEndsNothingTwice)
+TEST_F(ConnectionManagerTest, PacketInsideATeardownGoesToTheConnectionThatEnds)
+{
+    ConnectHost();
+    mPlatform.OnNextCall("terminateServiceConnection", [this] { Send({1}); });
+    mPlatform.OnNextCall("deRegisterServiceAgent", [this] {
+        Send({2});
+        mPlatform.ReportPeer(kAgent, 3);
+    });
+    mPlatform.OnNextCall("deregisterNotifications", [this] {
+        Send({3});
+        mPlatform.ReportPeer(kAgent, 3);
+    });
+
+    LinkDown();
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("vconf_get_int(memory/private/tal/conn_status)",
+                            "terminateServiceConnection(7)", "sendData(7, 143, 1)",
+                            "deRegisterServiceAgent(5)", "sendData(-1, 143, 1)", "findPeerAgent(5)",
+                            "deregisterNotifications()", "sendData(-1, 143, 1)",
+                            "findPeerAgent(-1)"));
+    EXPECT_THAT(
+        mPlatform.TakeLog(),
+        ElementsAre(WarningLine("ConnectionManager: FindAgentPeer(*)", "local Agent ID = [5]"),
+                    WarningLine("ConnectionManager: FindAgentPeer(*)", "local Agent ID = [-1]")));
+}
+
+TEST_F(ConnectionManagerTest, TeardownInsideATeardownDoesItsStepsAgain)
 {
     ConnectHost();
     mPlatform.OnNextCall("terminateServiceConnection", [this] { LinkDown(); });
 
     LinkDown();
 
-    const std::vector<std::string> calls = mPlatform.TakeCalls();
-    EXPECT_THAT(calls, Contains("terminateServiceConnection(7)").Times(1));
-    EXPECT_THAT(calls, Contains("deRegisterServiceAgent(5)").Times(1));
-    EXPECT_FALSE(mPlatform.HasNotifications());
+    const char *const key = "vconf_get_int(memory/private/tal/conn_status)";
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre(key, "terminateServiceConnection(7)", key,
+                            "terminateServiceConnection(7)", "deRegisterServiceAgent(5)",
+                            "deregisterNotifications()", "deregisterNotifications()"));
+    EXPECT_EQ(2, mListener.mReleased);
 }
 
-TEST_F(ConnectionManagerTest, AgentAndHostThatComeInsideATeardownAreForgotten)
+TEST_F(ConnectionManagerTest, AgentAndHostThatComeInsideATeardownStay)
 {
     ConnectHost();
     mPlatform.OnNextCall("deregisterNotifications", [this] {
@@ -1017,10 +1080,15 @@ TEST_F(ConnectionManagerTest, AgentAndHostThatComeInsideATeardownAreForgotten)
     mPlatform.ChangeKey(kStatusKey, 1);
     mPlatform.Forget();
 
+    Send({1}); // the connection is known, but not established
     LinkDown();
 
-    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("vconf_get_int(memory/private/tal/conn_status)",
-                                                   "deregisterNotifications()"));
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(SendError("[SendToHost]mIsServiceConnected is false")));
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("sendData(8, 143, 1)", "vconf_get_int(memory/private/tal/conn_status)",
+                            "terminateServiceConnection(8)", "deRegisterServiceAgent(9)",
+                            "deregisterNotifications()"));
 }
 
 TEST_F(ConnectionManagerTest, ListenerMayRegisterAgainInsideTheTeardown)

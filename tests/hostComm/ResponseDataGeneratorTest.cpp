@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ActivityData.h"
+#include "DirtyMemory.h"
 #include "GestureData.h"
 #include "HRMData.h"
 #include "LogMatchers.h"
@@ -29,6 +30,7 @@ protected:
     std::vector<Bytes> Generate(std::shared_ptr<HeaderData> record) const
     {
         std::vector<Bytes> bytes;
+        LeaveDirtyMemory();
         const auto packets = mGenerator.GenerateResponse(std::move(record));
         EXPECT_NE(nullptr, packets);
         if (packets) {

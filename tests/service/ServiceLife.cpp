@@ -88,9 +88,7 @@ void Recover(ServiceLife &life)
 {
     life.Wait(60000); // periods end, retries succeed
     life.AnswerSteps(0.0);
-    if (life.LinkStatus() != 0) {
-        life.ChangeLinkStatus(0);
-    }
+    life.ChangeLinkStatus(0);
     life.BringUpLink();
     life.Ask({0x04, 0x00, 0x00, 0x01});
     life.Ask({0x03, 0x00, 0x00, 0x01, 0x00});
@@ -193,7 +191,6 @@ void ServiceLife::RunLowOnBattery()
 void ServiceLife::ChangeLinkStatus(int value)
 {
     if (!HasEnded()) {
-        mLinkStatus = value;
         mPlatform.ChangeKey(kLinkStatusKey, value);
     }
 }

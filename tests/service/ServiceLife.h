@@ -47,7 +47,6 @@ public:
     // The accessory link.
 
     void ChangeLinkStatus(int value);
-    int LinkStatus() const { return mLinkStatus; }
 
     /** The registration is confirmed; without the link-status key the service has to say so. */
     void Confirm(int result = 0);
@@ -79,7 +78,6 @@ private:
     ScriptedPlatform &mPlatform;
     service_app_callbacks mCallbacks;
     void *mCell;
-    int mLinkStatus = -1; // not told yet
 };
 
 /** What happens to the service between its start and, unless it has asked for it, its end. */

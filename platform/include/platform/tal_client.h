@@ -7,6 +7,8 @@
 #ifndef PLATFORM_TAL_CLIENT_H
 #define PLATFORM_TAL_CLIENT_H
 
+#include <assert.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -57,6 +59,36 @@ typedef struct
     uint16_t channelCount;            /* offset 20: 1 */
     uint32_t reserved[2];             /* offset 24: 0 */
 } tal_service_descriptor;
+
+/* The layout that both sides rely on. */
+static_assert(sizeof(tal_channel_descriptor) == 20, "channel descriptor");
+static_assert(offsetof(tal_channel_descriptor, id) == 0, "id");
+static_assert(offsetof(tal_channel_descriptor, field2) == 2, "field2");
+static_assert(offsetof(tal_channel_descriptor, field4) == 4, "field4");
+static_assert(offsetof(tal_channel_descriptor, reserved) == 8, "reserved");
+#if UINTPTR_MAX == 0xFFFFFFFF /* a pointer has 4 bytes */
+static_assert(sizeof(tal_notifications) == 48, "notifications");
+static_assert(offsetof(tal_notifications, registerServiceAgentConfirm) == 0,
+              "registerServiceAgentConfirm");
+static_assert(offsetof(tal_notifications, dataReceived) == 4, "dataReceived");
+static_assert(offsetof(tal_notifications, serviceConnectionIndication) == 8,
+              "serviceConnectionIndication");
+static_assert(offsetof(tal_notifications, serviceTerminated) == 12, "serviceTerminated");
+static_assert(offsetof(tal_notifications, serviceCreateConfirm) == 16, "serviceCreateConfirm");
+static_assert(offsetof(tal_notifications, peerAgent) == 20, "peerAgent");
+static_assert(offsetof(tal_notifications, unused7) == 24, "unused7");
+static_assert(offsetof(tal_notifications, unused8) == 28, "unused8");
+static_assert(offsetof(tal_notifications, unused9) == 32, "unused9");
+static_assert(offsetof(tal_notifications, reserved) == 36, "reserved");
+static_assert(sizeof(tal_service_descriptor) == 32, "service descriptor");
+static_assert(offsetof(tal_service_descriptor, profileId) == 0, "profileId");
+static_assert(offsetof(tal_service_descriptor, serviceName) == 4, "serviceName");
+static_assert(offsetof(tal_service_descriptor, field8) == 8, "field8");
+static_assert(offsetof(tal_service_descriptor, field12) == 12, "field12");
+static_assert(offsetof(tal_service_descriptor, channels) == 16, "channels");
+static_assert(offsetof(tal_service_descriptor, channelCount) == 20, "channelCount");
+static_assert(offsetof(tal_service_descriptor, reserved) == 24, "reserved");
+#endif
 
 /** Names who is told what happens on the link; the record is copied. */
 int registerNotifications(tal_notifications notifications);

@@ -21,17 +21,14 @@ void StoreBigEndian(uint8_t *target, uint32_t value, std::size_t length)
 
 uint8_t *PacketData::Allocate(uint32_t size)
 {
-    // Cleared here: calloc() does not take from the blocks that were given back last.
-    mBuffer.reset(static_cast<uint8_t *>(std::malloc(size)));
-    if (!mBuffer && size != 0) {
-        mSize = 0;
+    auto *const buffer = static_cast<uint8_t *>(std::malloc(size));
+    if (buffer == nullptr && size != 0) {
         throw std::bad_alloc();
     }
-    if (size != 0) {
-        std::memset(mBuffer.get(), 0, size);
-    }
+    (void)mBuffer.release(); // whoever has asked for the earlier bytes may still use them
+    mBuffer.reset(buffer);
     mSize = size;
-    return mBuffer.get();
+    return buffer;
 }
 
 // The packet's bytes are part of the packet, so its writers are not const.

@@ -21,9 +21,9 @@ public:
     virtual ~PacketData() = default;
 
     /**
-     * Gives the packet `size` bytes, all 0, in place of those that it had.
+     * Gives the packet `size` bytes of no defined value.
      *
-     * @return the bytes, which the packet owns
+     * @return the bytes, which the packet owns; those of an earlier call are the caller's from now on
      * @throws std::bad_alloc when memory has run out
      */
     uint8_t *Allocate(uint32_t size);

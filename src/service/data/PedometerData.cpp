@@ -1,6 +1,8 @@
 #include "PedometerData.h"
 
+#include <algorithm>
 #include <istream>
+#include <limits>
 #include <ostream>
 
 namespace Parvane {
@@ -16,6 +18,13 @@ int32_t AddWrapping(int32_t a, int32_t b)
 int32_t SubtractWrapping(int32_t a, int32_t b)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
+}
+
+// An infinite distance could be stored as text and not be read back: the limit stands for it.
+float Finite(float distance)
+{
+    constexpr float kLimit = std::numeric_limits<float>::max();
+    return std::clamp(distance, -kLimit, kLimit);
 }
 
 // A failed extraction may leave a limit of the type behind; here it leaves 0.
@@ -52,7 +61,7 @@ PedometerData operator+(const PedometerData &a, const PedometerData &b)
     sum.mTotalStepCount = AddWrapping(a.mTotalStepCount, b.mTotalStepCount);
     sum.mRunStepCount = AddWrapping(a.mRunStepCount, b.mRunStepCount);
     sum.mWalkStepCount = AddWrapping(a.mWalkStepCount, b.mWalkStepCount);
-    sum.mDistance = a.mDistance + b.mDistance;
+    sum.mDistance = Finite(a.mDistance + b.mDistance);
     sum.mCalorie = AddWrapping(a.mCalorie, b.mCalorie);
     sum.mSpeed = a.mSpeed + b.mSpeed;
     return sum;
@@ -64,7 +73,7 @@ PedometerData operator-(const PedometerData &a, const PedometerData &b)
     difference.mTotalStepCount = SubtractWrapping(a.mTotalStepCount, b.mTotalStepCount);
     difference.mRunStepCount = SubtractWrapping(a.mRunStepCount, b.mRunStepCount);
     difference.mWalkStepCount = SubtractWrapping(a.mWalkStepCount, b.mWalkStepCount);
-    difference.mDistance = a.mDistance - b.mDistance;
+    difference.mDistance = Finite(a.mDistance - b.mDistance);
     difference.mCalorie = SubtractWrapping(a.mCalorie, b.mCalorie);
     difference.mSpeed = a.mSpeed - b.mSpeed;
     return difference;

@@ -1,10 +1,8 @@
 #include "ConnectionManager.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <utility>
@@ -25,37 +23,14 @@ constexpr uint32_t kRetryStepMs = 5;
 constexpr int32_t kMaxFindPeerCount = 10;
 constexpr int kPeerToRetrySilently = 3;
 
-// Fixed by the accessory link where a pointer has 4 bytes.
-constexpr bool kIsFixedLayout = sizeof(void *) == 4;
-static_assert(!kIsFixedLayout || sizeof(tal_notifications) == 48);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, registerServiceAgentConfirm) == 0);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, dataReceived) == 4);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, serviceConnectionIndication) == 8);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, serviceTerminated) == 12);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, serviceCreateConfirm) == 16);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, peerAgent) == 20);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, unused7) == 24);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, unused8) == 28);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, unused9) == 32);
-static_assert(!kIsFixedLayout || offsetof(tal_notifications, reserved) == 36);
-static_assert(!kIsFixedLayout || sizeof(tal_service_descriptor) == 32);
-static_assert(!kIsFixedLayout || offsetof(tal_service_descriptor, profileId) == 0);
-static_assert(!kIsFixedLayout || offsetof(tal_service_descriptor, serviceName) == 4);
-static_assert(!kIsFixedLayout || offsetof(tal_service_descriptor, field8) == 8);
-static_assert(!kIsFixedLayout || offsetof(tal_service_descriptor, field12) == 12);
-static_assert(!kIsFixedLayout || offsetof(tal_service_descriptor, channels) == 16);
-static_assert(!kIsFixedLayout || offsetof(tal_service_descriptor, channelCount) == 20);
-static_assert(!kIsFixedLayout || offsetof(tal_service_descriptor, reserved) == 24);
-static_assert(sizeof(tal_channel_descriptor) == 20);
-static_assert(offsetof(tal_channel_descriptor, id) == 0);
-static_assert(offsetof(tal_channel_descriptor, field2) == 2);
-static_assert(offsetof(tal_channel_descriptor, field4) == 4);
-static_assert(offsetof(tal_channel_descriptor, reserved) == 8);
-
 template <typename T>
-PlatformPtr<T> AllocateZeroed()
+PlatformPtr<T> AllocateZeroed(const char *function, const char *failure)
 {
-    return PlatformPtr<T>(static_cast<T *>(std::calloc(1, sizeof(T))));
+    PlatformPtr<T> block(static_cast<T *>(std::calloc(1, sizeof(T))));
+    if (!block) {
+        ThrowFailure(function, failure);
+    }
+    return block;
 }
 
 int ReturnArgument(int value) noexcept
@@ -69,25 +44,6 @@ int ReadConnStatus()
     int status = -1;
     return vconf_get_int(kConnStatusKey, &status) == 0 ? status : -1;
 }
-
-// The trace of a message: "00 14 01 02 " is one of two bytes.
-constexpr int32_t kTwoDigitPositions = 100;
-constexpr std::size_t kCharactersPerByte = 6;
-constexpr std::size_t kDigitsOffset = 3;
-constexpr char kDigits[] = "0123456789abcdef";
-
-using TwoDigitTrace = std::array<char, kTwoDigitPositions * kCharactersPerByte>;
-
-// A trace whose bytes are still blank.
-constexpr TwoDigitTrace kEmptyTrace = [] {
-    TwoDigitTrace trace = {};
-    trace.fill(' ');
-    for (std::size_t position = 0; position < kTwoDigitPositions; ++position) {
-        trace[position * kCharactersPerByte] = static_cast<char>('0' + position / 10);
-        trace[position * kCharactersPerByte + 1] = static_cast<char>('0' + position % 10);
-    }
-    return trace;
-}();
 
 const char *SendFailureText(int result)
 {
@@ -113,7 +69,7 @@ ConnectionManager *ConnectionManager::sInstance = nullptr;
 ConnectionManager *ConnectionManager::GetInstance()
 {
     if (sInstance == nullptr) {
-        new ConnectionManager(); // makes itself known
+        new ConnectionManager(); // its constructor sets sInstance
     }
     return sInstance;
 }
@@ -127,13 +83,6 @@ ConnectionManager::ConnectionManager()
     }
 }
 
-void ConnectionManager::UnsetListener(const ConnectionEventListener *listener)
-{
-    if (mListener == listener) {
-        mListener = nullptr;
-    }
-}
-
 void ConnectionManager::Initialize()
 {
     InitializeTALConnection();
@@ -141,44 +90,31 @@ void ConnectionManager::Initialize()
 
 void ConnectionManager::InitializeTALConnection()
 {
-    if (mIsInitializing) {
-        return; // the link comes up within a call below
-    }
-    mIsInitializing = true;
-    mIsTerminatedMeanwhile = false;
+    Records records;
     try {
-        auto notifications = CreateTALNotification();
-        if (registerNotifications(*notifications) != 0) {
+        records.mNotifications = CreateTALNotification();
+        if (registerNotifications(*records.mNotifications) != 0) {
             ThrowFailure(__func__, "Fail to register notification\n");
         }
-        auto channel = CreateChannel();
-        auto service = CreateService(channel.get());
-        if (registerServiceAgent(service.get()) != 0) {
+        records.mChannel = CreateChannel();
+        records.mService = CreateService(records.mChannel.get());
+        if (registerServiceAgent(records.mService.get()) != 0) {
             ThrowFailure(__func__, "registerServiceAgent failed");
-        }
-        // From here on the link looks at the records, whatever has happened within the calls.
-        mNotifications = std::move(notifications);
-        mService = std::move(service);
-        mChannel = std::move(channel);
-        if (mIsTerminatedMeanwhile) {
-            ThrowFailure(__func__, "terminated meanwhile");
         }
         mRetryDelay = 0;
         mIsInitialized = true;
+        mReplacedRecords = std::exchange(mRecords, std::move(records));
     } catch (const std::exception &error) {
         PARVANE_ERROR("TALConnect initialize fail [%s]", error.what());
+        records = {};
         mRetryDelay += kRetryStepMs;
         g_timeout_add(mRetryDelay, OnRetryTimer, nullptr);
     }
-    mIsInitializing = false;
 }
 
 PlatformPtr<tal_notifications> ConnectionManager::CreateTALNotification()
 {
-    auto notifications = AllocateZeroed<tal_notifications>();
-    if (!notifications) {
-        ThrowFailure(__func__, "calloc fail");
-    }
+    auto notifications = AllocateZeroed<tal_notifications>(__func__, "calloc fail");
     notifications->registerServiceAgentConfirm = TALNotiOnRegisterServiceAgentConfirm;
     notifications->dataReceived = TALNotiOnDataReceived;
     notifications->serviceConnectionIndication = TALNotiOnServiceConnectionIndication;
@@ -194,10 +130,7 @@ PlatformPtr<tal_notifications> ConnectionManager::CreateTALNotification()
 PlatformPtr<tal_service_descriptor>
 ConnectionManager::CreateService(tal_channel_descriptor *channel)
 {
-    auto service = AllocateZeroed<tal_service_descriptor>();
-    if (!service) {
-        ThrowFailure(__func__, "ServiceDesc calloc() failed");
-    }
+    auto service = AllocateZeroed<tal_service_descriptor>(__func__, "ServiceDesc calloc() failed");
     service->profileId = kProfileId;
     service->serviceName = kServiceName;
     service->field8 = 4;
@@ -209,10 +142,7 @@ ConnectionManager::CreateService(tal_channel_descriptor *channel)
 
 PlatformPtr<tal_channel_descriptor> ConnectionManager::CreateChannel()
 {
-    auto channel = AllocateZeroed<tal_channel_descriptor>();
-    if (!channel) {
-        ThrowFailure(__func__, " ChannelDesc calloc() failed");
-    }
+    auto channel = AllocateZeroed<tal_channel_descriptor>(__func__, " ChannelDesc calloc() failed");
     channel->id = kChannelId;
     channel->field4 = 1;
     return channel;
@@ -258,62 +188,41 @@ void ConnectionManager::SendToHost(const uint8_t *data, int32_t size)
 
 void ConnectionManager::AppendTrace(std::string &trace, const uint8_t *data, int32_t size)
 {
-    // Most messages are no longer than that; they are written in one go, because each one is traced.
-    const int32_t inOneGo = std::min(size, kTwoDigitPositions);
-    if (inOneGo > 0) {
-        const std::size_t begin = trace.size();
-        trace.append(kEmptyTrace.data(), static_cast<std::size_t>(inOneGo) * kCharactersPerByte);
-        char *digits = trace.data() + begin + kDigitsOffset;
-        for (int32_t position = 0; position < inOneGo; ++position, digits += kCharactersPerByte) {
-            digits[0] = kDigits[data[position] >> 4U];
-            digits[1] = kDigits[data[position] & 0x0FU];
+    constexpr char kDigits[] = "0123456789abcdef";
+    for (int32_t position = 0; position < size; ++position) {
+        if (position >= 100) {
+            trace += std::to_string(position / 100);
         }
-    }
-    for (int32_t position = kTwoDigitPositions; position < size; ++position) {
-        trace += std::to_string(position);
-        trace += ' ';
-        trace += kDigits[data[position] >> 4U];
-        trace += kDigits[data[position] & 0x0FU];
-        trace += ' ';
+        // Not by printf: every message is traced, and that would take longer than sending it.
+        trace += {kDigits[position / 10 % 10],   kDigits[position % 10],          ' ',
+                  kDigits[data[position] >> 4U], kDigits[data[position] & 0x0FU], ' '};
     }
 }
 
 void ConnectionManager::TerminateTALConnection()
 {
-    if (mIsTerminating) {
-        return; // the link tells of its end from within a call below
-    }
-    mIsTerminating = true;
-    mIsTerminatedMeanwhile = true;
-    const bool isAgentKnown = mLocalAgentId != -1;
     if (mConnectionId != -1) {
-        const int result = terminateServiceConnection(std::exchange(mConnectionId, -1));
+        const int result = terminateServiceConnection(mConnectionId);
         if (result != 0) {
             PARVANE_ERROR("terminateServiceConnection FAIL [%d]", result);
         }
+        mConnectionId = -1;
     }
     if (mLocalAgentId != -1) {
-        const int result = deRegisterServiceAgent(std::exchange(mLocalAgentId, -1));
+        const int result = deRegisterServiceAgent(mLocalAgentId);
         if (result != 0) {
             PARVANE_ERROR("deRegisterServiceAgent FAIL [%d]", result);
         }
+        mLocalAgentId = -1;
+        mReplacedRecords = {};
+        mRecords = {};
     }
     const int result = deregisterNotifications();
     if (result != 0) {
         PARVANE_ERROR("deregisterNotifications FAIL [%d]", result);
     }
-    // Once more: a notification may have come from within the calls above.
-    mConnectionId = -1;
-    mLocalAgentId = -1;
     mIsServiceConnected = false;
     mIsInitialized = false;
-    mNotifications.reset();
-    if (isAgentKnown) {
-        // Without its id the agent could not be deregistered: the link may still read its records.
-        mService.reset();
-        mChannel.reset();
-    }
-    mIsTerminating = false;
     if (mListener != nullptr) {
         mListener->OnConnectionReleased();
     }
@@ -342,9 +251,7 @@ try {
     if (!copy) {
         return;
     }
-    if (length > 0) {
-        std::memcpy(copy.get(), data, length);
-    }
+    std::copy_n(static_cast<const uint8_t *>(data), length, copy.get());
     copy.get()[length] = 0;
     if (self->mListener != nullptr) {
         self->mListener->OnDataReceived(copy.get(), length);

@@ -33,11 +33,8 @@ public:
     /** The instance; the first call makes it and starts to watch the link-status key. */
     static ConnectionManager *GetInstance();
 
-    /** Who receives data and link events: borrowed until UnsetListener; null for nobody. */
+    /** Who receives data and link events: borrowed for good; null for nobody. */
     void SetListener(ConnectionEventListener *listener) { mListener = listener; }
-
-    /** Ends the registration of `listener` if it is the current one. */
-    void UnsetListener(const ConnectionEventListener *listener);
 
     /** The same as InitializeTALConnection. */
     void Initialize();
@@ -45,8 +42,7 @@ public:
     /**
      * Registers notifications and the service agent with the link.
      *
-     * A failure is logged and tried again after 5 ms, then 10, 15 and so on until it succeeds; so is
-     * a registration that the link ends from within. During a registration it does nothing.
+     * A failure is logged and tried again after 5 ms, then 10, 15 and so on until it succeeds.
      */
     void InitializeTALConnection();
 
@@ -68,6 +64,14 @@ public:
     static void AppendTrace(std::string &trace, const uint8_t *data, int32_t size);
 
 private:
+    /** What the link is given for one registration. */
+    struct Records
+    {
+        PlatformPtr<tal_notifications> mNotifications;
+        PlatformPtr<tal_channel_descriptor> mChannel;
+        PlatformPtr<tal_service_descriptor> mService;
+    };
+
     ConnectionManager();
 
     static PlatformPtr<tal_notifications> CreateTALNotification();
@@ -99,16 +103,14 @@ private:
     /** The message that was sent last. Never logged; it is there for a debugger and a core dump. */
     std::string mTrace;
 
-    bool mIsInitializing = false;
-    bool mIsTerminating = false;
+    /** The records of the registration in force; the link may read them until its agent ends. */
+    Records mRecords;
 
-    /** The registration under way has been ended from within one of its calls. */
-    bool mIsTerminatedMeanwhile = false;
-
-    // What the link was given: the records of the registration that is, or was last, in force.
-    PlatformPtr<tal_notifications> mNotifications;
-    PlatformPtr<tal_channel_descriptor> mChannel;
-    PlatformPtr<tal_service_descriptor> mService;
+    /**
+     * The records of the registration before. They are kept because a link that leads to a second
+     * registration from within the first may go on reading those of the second, which ends first.
+     */
+    Records mReplacedRecords;
 };
 
 } // namespace Parvane

@@ -8,13 +8,6 @@
 
 namespace Parvane {
 
-HostController::~HostController()
-{
-    if (mConnection != nullptr) {
-        mConnection->UnsetListener(this);
-    }
-}
-
 void HostController::SetListener(std::shared_ptr<HostEventListener> listener)
 {
     mListener = std::move(listener);
@@ -22,9 +15,9 @@ void HostController::SetListener(std::shared_ptr<HostEventListener> listener)
 
 void HostController::Connect()
 {
-    mConnection = ConnectionManager::GetInstance();
-    mConnection->InitializeTALConnection();
-    mConnection->SetListener(this);
+    ConnectionManager *const connection = ConnectionManager::GetInstance();
+    connection->InitializeTALConnection();
+    connection->SetListener(this);
 }
 
 void HostController::OnDataReceived(const uint8_t *data, std::size_t size)

@@ -11,14 +11,13 @@
 
 namespace Parvane {
 
-class ConnectionManager;
-
 /**
  * Joins the accessory link to the rest of the service.
  *
  * Packets from the link become request records for the listener; records for the host become
  * packets for the link. Owned by the ParvaneController by value; the ConnectionManager borrows it
- * from Connect until its end. Main-loop thread only.
+ * from Connect on, so that one that has connected lives as long as the process. Main-loop thread
+ * only.
  */
 class HostController : public ConnectionEventListener
 {
@@ -26,7 +25,7 @@ public:
     HostController() = default;
     HostController(const HostController &) = delete;
     HostController &operator=(const HostController &) = delete;
-    ~HostController() override;
+    ~HostController() override = default;
 
     /** Who receives requests and link events; null for nobody, and they are dropped. */
     void SetListener(std::shared_ptr<HostEventListener> listener);
@@ -49,9 +48,6 @@ public:
 private:
     ReceivedDataParser mParser;
     std::shared_ptr<HostEventListener> mListener;
-
-    /** The link; null before Connect. */
-    ConnectionManager *mConnection = nullptr;
 };
 
 } // namespace Parvane

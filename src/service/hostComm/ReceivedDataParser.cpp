@@ -67,8 +67,8 @@ std::shared_ptr<HeaderData> ReceivedDataParser::Parse(const uint8_t *data, std::
         const uint8_t format = ByteAt(data, size, kFormatOffset);
         request.mDataFormat = format <= kLargestFormat ? format : SensorData::kDefaultDataFormat;
     }
-    // No option request gets here today: CreateHeaderData makes no record for it. Its byte has a
-    // meaning all the same, which the response side serves.
+    // Not reached, since CreateHeaderData makes no record of an option request: it says what the byte
+    // means, for the response side knows option requests.
     if (request.mMessageType == CommandOption) {
         const uint8_t option = ByteAt(data, size, kOptionOffset);
         request.mDataOption = option <= kLargestOption ? option : 0;

@@ -119,6 +119,7 @@ ResponseDataGenerator::GenerateSensorResponseData(const std::shared_ptr<HeaderDa
             "Requested with Response but this data has no category, return with default value");
     }
     packet->SetFloat(value.value_or(0.0F), kReadingValueOffset);
+    packet->SetByte(0, 17);
     return ListOf(std::move(packet));
 }
 
@@ -131,6 +132,7 @@ ResponseDataGenerator::GenerateStopResponseData(const std::shared_ptr<HeaderData
     packet->SetByte(HeaderByte(request), 0);
     // Hosts read the length here, one byte before its place in every other packet.
     packet->SetByte(kAcknowledgementLength, 1);
+    packet->SetByte(0, 2);
     packet->SetByte(request.mCategory, 3);
     return ListOf(std::move(packet));
 }
@@ -176,10 +178,9 @@ ResponseDataGenerator::GenerateSensorListHeaderPacket(const SensorListData &reco
     packet->SetByte(kListHeaderMark, 1);
     packet->SetByte(kListHeaderLength, 2);
     packet->SetByte(kListHeaderKind, 3);
-    if (record.mDeviceAddress) {
-        packet->SetBytes(record.mDeviceAddress.get(), kListAddressOffset,
-                         SensorListData::kDeviceAddressSize);
-    }
+    constexpr uint8_t kUnknownAddress[SensorListData::kDeviceAddressSize] = {};
+    packet->SetBytes(record.mDeviceAddress ? record.mDeviceAddress.get() : kUnknownAddress,
+                     kListAddressOffset, SensorListData::kDeviceAddressSize);
     const std::size_t count = record.mSensorList ? record.mSensorList->size() : 0;
     packet->SetByte(static_cast<uint8_t>(count), kListCountOffset);
     return packet;
