@@ -339,26 +339,86 @@ TEST_F(ContextManagerProxyTest, ListenerMayUnregisterInsideTheSubscriptionItself
     mProxy.RegisterSensorListner(SensorType::HRM, mFirst);
 
     EXPECT_THAT(mFirst->mUpdated, SizeIs(1));
-    // Whatever is left of the first sensor, a new registration works.
+    // It was not registered yet, and is now.
     mFirst->mInsideUpdated = nullptr;
-    mProxy.UnregisterSensorListner(SensorType::HRM, mFirst.get());
-    mProxy.RegisterSensorListner(SensorType::HRM, mFirst);
     mPlatform.DeliverContext(7, HeartRate(65));
     EXPECT_THAT(mFirst->mUpdated, SizeIs(2));
 }
 
-TEST_F(ContextManagerProxyTest, SensorThatLosesItsListenerWhileItStartsIsStoppedWhenItHasStarted)
+// A sensor is shared from when its Start has returned.
+
+TEST_F(ContextManagerProxyTest, SensorThatStartsIsNotRegisteredYet)
 {
-    mPlatform.DeliverDuringSubscription(7, HeartRate(64));
-    mFirst->mInsideUpdated = [this] {
+    mPlatform.OnNextCall("context_set_changed_callback", [this] {
         mProxy.UnregisterSensorListner(SensorType::HRM, mFirst.get());
-        EXPECT_THAT(mPlatform.TakeCallsOf("context_unset_changed_callback"), IsEmpty());
-    };
+        mProxy.UnregisterLisnterAll(SensorType::HRM);
+        mProxy.RequestCurrentSensorData(SensorType::HRM);
+    });
 
     mProxy.RegisterSensorListner(SensorType::HRM, mFirst);
 
+    const char *const text = "Try to unregister the sensor that is not registered [type: 4]";
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(WarningLine("ContextManagerProxy: UnregisterSensorListner(88)", text),
+                            WarningLine("ContextManagerProxy: UnregisterLisnterAll(105)", text)));
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("context_set_changed_callback(7)"));
+    mPlatform.DeliverContext(7, HeartRate(72));
     EXPECT_THAT(mFirst->mUpdated, SizeIs(1));
-    EXPECT_THAT(mPlatform.TakeCallsOf("context_unset_changed_callback"), SizeIs(1));
+    EXPECT_THAT(mFirst->mChanged, IsEmpty());
+}
+
+TEST_F(ContextManagerProxyTest, RegistrationInsideTheStartStartsASensorOfItsOwnThatIsReplaced)
+{
+    const auto moments = {ScriptedPlatform::Moment::Before, ScriptedPlatform::Moment::After};
+    for (const ScriptedPlatform::Moment moment : moments) {
+        mPlatform.OnAnyCall(1, moment,
+                            [this] { mProxy.RegisterSensorListner(SensorType::HRM, mSecond); });
+
+        ScriptedPlatform::AsService(
+            [this] { mProxy.RegisterSensorListner(SensorType::HRM, mFirst); });
+        EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("context_set_changed_callback(7)",
+                                                       "context_set_changed_callback(7)"));
+        mPlatform.DeliverContext(7, HeartRate(72)); // to whichever the platform has been given last
+        EXPECT_THAT(mSecond->mUpdated, IsEmpty());
+
+        mProxy.UnregisterSensorListner(SensorType::HRM, mSecond.get());
+        EXPECT_THAT(mPlatform.TakeLog(),
+                    ElementsAre(ErrorLine("ContextSensor: RemoveSensorEventListener(77)",
+                                          "try to remove the listener with not existed pointer")));
+        mProxy.UnregisterSensorListner(SensorType::HRM, mFirst.get());
+        EXPECT_THAT(mPlatform.TakeCallsOf("context_unset_changed_callback"), SizeIs(1));
+    }
+}
+
+TEST_F(ContextManagerProxyTest, SensorThatIsDroppedInsideItsQueryIsThereForTheAnswer)
+{
+    mProxy.RegisterSensorListner(SensorType::Pedometer, mFirst);
+    mPlatform.OnNextCall("context_get_context",
+                         [this] { mProxy.UnregisterLisnterAll(SensorType::Pedometer); });
+
+    mProxy.RequestCurrentSensorData(SensorType::Pedometer);
+    mPlatform.AnswerQuery(2, Steps(1000));
+
+    EXPECT_EQ(1U, mFirst->mChanged.size());
+}
+
+TEST_F(ContextManagerProxyTest, QuestionInsideAnAnswerIsForgottenWithIt)
+{
+    mProxy.RegisterSensorListner(SensorType::Pedometer, mFirst);
+    mFirst->mInsideChanged = [this] {
+        mFirst->mInsideChanged = nullptr;
+        mProxy.RequestCurrentSensorData(SensorType::Pedometer);
+    };
+    mProxy.RequestCurrentSensorData(SensorType::Pedometer);
+    mPlatform.AnswerQuery(2, Steps(1000));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+
+    mPlatform.AnswerQuery(2, Steps(1010));
+
+    EXPECT_THAT(mFirst->mChanged, SizeIs(1));
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(WarningLine("ContextSensor: UpdateSensorData(62)",
+                                        "Please specify the request ID on the data")));
 }
 
 TEST_F(ContextManagerProxyTest, ListenerMayAskAgainInsideTheAnswerToItsQuery)
@@ -386,17 +446,48 @@ TEST_F(ContextManagerProxyTest, ListenerMayEndItsSensorInsideTheAnswerToItsQuery
     EXPECT_FALSE(mPlatform.IsSubscribed(7));
 }
 
-TEST_F(ContextManagerProxyTest, RegistrationInsideTheEndOfTheSensorIsServed)
+// A sensor is shared until its Stop has returned.
+
+TEST_F(ContextManagerProxyTest, RegistrationInsideTheEndOfTheSensorEndsWithIt)
 {
     mProxy.RegisterSensorListner(SensorType::HRM, mFirst);
     mPlatform.OnNextCall("context_unset_changed_callback",
                          [this] { mProxy.RegisterSensorListner(SensorType::HRM, mSecond); });
 
     mProxy.UnregisterSensorListner(SensorType::HRM, mFirst.get());
-    mPlatform.DeliverContext(7, HeartRate(72));
 
-    EXPECT_THAT(mSecond->mUpdated, SizeIs(1));
-    EXPECT_THAT(mFirst->mUpdated, IsEmpty());
+    EXPECT_FALSE(mPlatform.IsSubscribed(7));
+    mProxy.UnregisterSensorListner(SensorType::HRM, mSecond.get());
+    EXPECT_THAT(
+        mPlatform.TakeLog(),
+        ElementsAre(WarningLine("ContextManagerProxy: UnregisterSensorListner(88)",
+                                "Try to unregister the sensor that is not registered [type: 4]")));
+}
+
+TEST_F(ContextManagerProxyTest, EndOfAllInsideTheEndOfTheSensorStopsItTwice)
+{
+    mProxy.RegisterSensorListner(SensorType::HRM, mFirst);
+    mPlatform.Forget();
+    mPlatform.OnNextCall("context_unset_changed_callback",
+                         [this] { mProxy.UnregisterLisnterAll(SensorType::HRM); });
+
+    mProxy.UnregisterSensorListner(SensorType::HRM, mFirst.get());
+
+    EXPECT_THAT(mPlatform.TakeCalls(), ElementsAre("context_unset_changed_callback(7)",
+                                                   "context_unset_changed_callback(7)"));
+    EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
+}
+
+TEST_F(ContextManagerProxyTest, ListenersHearReadingsUntilTheSensorHasStopped)
+{
+    mProxy.RegisterSensorListner(SensorType::Gesture, mFirst);
+    mPlatform.OnNextCall("context_unset_changed_callback", [this] {
+        mPlatform.DeliverContext(1, {{CONTEXT_MOTION_ACTION, 1}});
+    });
+
+    mProxy.UnregisterLisnterAll(SensorType::Gesture);
+
+    EXPECT_THAT(mFirst->mUpdated, SizeIs(1));
 }
 
 TEST_F(ContextManagerProxyTest, TypesDoNotDisturbEachOther)

@@ -62,12 +62,11 @@ void ContextActivitySensor::Stop()
 void ContextActivitySensor::OnContextChanged(int /*error*/, int /*item*/, context_data *data,
                                              void *user_data, int request_id) noexcept
 try {
-    auto *const self = static_cast<ContextActivitySensor *>(user_data);
+    const auto self = Hold<ContextActivitySensor>(user_data);
     const PlatformPtr<context_data> owned(data);
-    if (self == nullptr) {
+    if (!self) {
         return;
     }
-    const auto keepAlive = self->weak_from_this().lock(); // any call may lead to the sensor's end
     const int32_t status = ReadInt(data, CONTEXT_ACTIVITY_STATUS, 0);
     const int32_t accuracy = ReadInt(data, CONTEXT_ACTIVITY_ACCURACY, -1);
     // Required: the milliseconds are cut to 32 bits first and divided then.

@@ -42,12 +42,11 @@ void ContextGestureSensor::Stop()
 void ContextGestureSensor::OnContextChanged(int /*error*/, int /*item*/, context_data *data,
                                             void *user_data, int request_id) noexcept
 try {
-    auto *const self = static_cast<ContextGestureSensor *>(user_data);
+    const auto self = Hold<ContextGestureSensor>(user_data);
     const PlatformPtr<context_data> owned(data);
-    if (self == nullptr) {
+    if (!self) {
         return;
     }
-    const auto keepAlive = self->weak_from_this().lock(); // any call may lead to the sensor's end
     const int32_t action = ReadInt(data, CONTEXT_MOTION_ACTION, 0);
     const auto seconds = static_cast<int32_t>(ReadTimestamp(data) / kMillisPerSecond);
     auto reading = std::make_shared<GestureData>(action, seconds);

@@ -41,12 +41,11 @@ void ContextHRMSensor::Stop()
 void ContextHRMSensor::OnContextChanged(int /*error*/, int /*item*/, context_data *data,
                                         void *user_data, int request_id) noexcept
 try {
-    auto *const self = static_cast<ContextHRMSensor *>(user_data);
+    const auto self = Hold<ContextHRMSensor>(user_data);
     const PlatformPtr<context_data> owned(data);
-    if (self == nullptr) {
+    if (!self) {
         return;
     }
-    const auto keepAlive = self->weak_from_this().lock(); // any call may lead to the sensor's end
     const int32_t spo2 = ReadInt(data, CONTEXT_HRM_SPO2, 0);
     const int32_t heartRate = ReadInt(data, CONTEXT_HRM_HEART_RATE, 0);
     const int32_t peakToPeak = ReadInt(data, CONTEXT_HRM_PEAK_TO_PEAK, 0);

@@ -1,6 +1,5 @@
 #include "ContextManagerProxy.h"
 
-#include <cstddef>
 #include <utility>
 
 #include "ContextActivitySensor.h"
@@ -10,37 +9,6 @@
 #include "Log.h"
 
 namespace Parvane {
-
-namespace {
-
-std::size_t IndexOf(SensorType type)
-{
-    return static_cast<std::size_t>(type);
-}
-
-/** Marks a type as busy for the length of its life. */
-class BusyMark
-{
-public:
-    BusyMark(ContextManagerProxy::TypeSet &types, std::size_t index) : mBit(types[index])
-    {
-        mBit = true;
-    }
-    BusyMark(const BusyMark &) = delete;
-    BusyMark &operator=(const BusyMark &) = delete;
-    ~BusyMark() { mBit = false; }
-
-private:
-    ContextManagerProxy::TypeSet::reference mBit;
-};
-
-} // namespace
-
-ContextManagerProxy::~ContextManagerProxy()
-{
-    // The map is empty before a listener's end can call back.
-    const auto sensors = std::exchange(mSensors, {});
-}
 
 void ContextManagerProxy::RegisterSensorListner(SensorType type,
                                                 std::shared_ptr<ContextSensorListner> listener)
@@ -57,9 +25,12 @@ void ContextManagerProxy::RegisterSensorListner(SensorType type,
         return;
     }
     sensor->AddSensorEventListener(std::move(listener));
-    // Known before it starts: a reading inside Start may already lead to its end.
-    mSensors.emplace(type, sensor);
-    Run(type, sensor, &ContextSensor::Start);
+    mKnown[type].insert(sensor);
+    sensor->Start();
+    const auto replaced = std::exchange(mSensors[type], sensor);
+    if (replaced) { // stored by a registration from within Start
+        replaced->RemoveAllSensorEventListeners();
+    }
 }
 
 void ContextManagerProxy::RequestCurrentSensorData(SensorType type)
@@ -69,7 +40,8 @@ void ContextManagerProxy::RequestCurrentSensorData(SensorType type)
         return;
     }
     const std::shared_ptr<ContextSensor> sensor = entry->second;
-    Run(type, sensor, &ContextSensor::GetCurrentSensorData);
+    sensor->GetCurrentSensorData();
+    mKnown[type].insert(sensor); // if it was dropped from within: it is answered all the same
 }
 
 void ContextManagerProxy::UnregisterSensorListner(SensorType type,
@@ -83,7 +55,9 @@ void ContextManagerProxy::UnregisterSensorListner(SensorType type,
     }
     const std::shared_ptr<ContextSensor> sensor = entry->second;
     sensor->RemoveSensorEventListener(listener);
-    DropIfUnused(type, sensor);
+    if (!sensor->HasSensorEventListeners()) {
+        Drop(type, *sensor);
+    }
 }
 
 void ContextManagerProxy::UnregisterLisnterAll(SensorType type)
@@ -95,8 +69,14 @@ void ContextManagerProxy::UnregisterLisnterAll(SensorType type)
         return;
     }
     const std::shared_ptr<ContextSensor> sensor = entry->second;
-    const auto listeners = sensor->RemoveAllSensorEventListeners();
-    DropIfUnused(type, sensor);
+    Drop(type, *sensor);
+}
+
+void ContextManagerProxy::Drop(SensorType type, ContextSensor &sensor)
+{
+    const auto known = std::exchange(mKnown[type], {}); // alive until Stop has returned
+    sensor.Stop();
+    mSensors.erase(type);
 }
 
 std::shared_ptr<ContextSensor> ContextManagerProxy::CreateContextSensor(SensorType type)
@@ -115,39 +95,6 @@ std::shared_ptr<ContextSensor> ContextManagerProxy::CreateContextSensor(SensorTy
         break;
     }
     return nullptr;
-}
-
-void ContextManagerProxy::Run(SensorType type, const std::shared_ptr<ContextSensor> &sensor,
-                              void (ContextSensor::*operation)())
-{
-    if (mBusy.test(IndexOf(type))) {
-        ((*sensor).*operation)();
-        return;
-    }
-    {
-        const BusyMark mark(mBusy, IndexOf(type));
-        ((*sensor).*operation)();
-    }
-    DropIfUnused(type, sensor);
-}
-
-void ContextManagerProxy::DropIfUnused(SensorType type,
-                                       const std::shared_ptr<ContextSensor> &sensor)
-{
-    const auto entry = mSensors.find(type);
-    const bool isCurrent = entry != mSensors.end() && entry->second == sensor;
-    if (!isCurrent || mBusy.test(IndexOf(type))) {
-        return; // dropped already, or looked at again when the operation under way is over
-    }
-    const BusyMark mark(mBusy, IndexOf(type));
-    while (!sensor->HasSensorEventListeners()) {
-        sensor->Stop();
-        if (!sensor->HasSensorEventListeners()) {
-            mSensors.erase(type);
-            return;
-        }
-        sensor->Start();
-    }
 }
 
 } // namespace Parvane

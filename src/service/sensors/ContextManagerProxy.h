@@ -1,8 +1,8 @@
 #pragma once
 
-#include <bitset>
 #include <map>
 #include <memory>
+#include <set>
 
 #include "ContextSensor.h"
 #include "ContextSensorListner.h"
@@ -14,21 +14,16 @@ namespace Parvane {
  * Creates, shares and tears down the context sensors: at most one for each type.
  *
  * A sensor is created and started for its first listener, and stopped and dropped after its last.
- * Every platform call may call back: what is registered or unregistered from within takes effect
- * when the call is over.
- * Owned by the ParvaneController by value. The proxy's end drops its sensors without stopping
+ * It is shared from when its Start has returned until its Stop has returned. Owned by the ParvaneController by value. The proxy's end drops its sensors without stopping
  * them: it lives as long as the process. Main-loop thread only.
  */
 class ContextManagerProxy
 {
 public:
-    /** A set of types by their numbers. */
-    using TypeSet = std::bitset<6>;
-
     ContextManagerProxy() = default;
     ContextManagerProxy(const ContextManagerProxy &) = delete;
     ContextManagerProxy &operator=(const ContextManagerProxy &) = delete;
-    virtual ~ContextManagerProxy();
+    virtual ~ContextManagerProxy() = default;
 
     /**
      * Adds a listener to the sensor of a type, which it creates and starts if need be.
@@ -55,14 +50,15 @@ public:
     static std::shared_ptr<ContextSensor> CreateContextSensor(SensorType type);
 
 private:
-    void Run(SensorType type, const std::shared_ptr<ContextSensor> &sensor,
-             void (ContextSensor::*operation)());
-    void DropIfUnused(SensorType type, const std::shared_ptr<ContextSensor> &sensor);
+    void Drop(SensorType type, ContextSensor &sensor);
 
     std::map<SensorType, std::shared_ptr<ContextSensor>> mSensors;
 
-    /** The types of whose sensors an operation is under way. */
-    TypeSet mBusy;
+    /**
+     * Every sensor that was started, kept until a Stop of its type: a platform that calls back from
+     * within Start, Stop or a query may know one that mSensors does not have.
+     */
+    std::map<SensorType, std::set<std::shared_ptr<ContextSensor>>> mKnown;
 };
 
 } // namespace Parvane

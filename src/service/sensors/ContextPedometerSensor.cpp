@@ -112,18 +112,15 @@ ContextPedometerSensor::CreateContextManagerOption(int gender, double height, do
 void ContextPedometerSensor::OnContextChanged(int /*error*/, int /*item*/, context_data *data,
                                               void *user_data, int request_id) noexcept
 try {
-    auto *const self = static_cast<ContextPedometerSensor *>(user_data);
+    const auto self = Hold<ContextPedometerSensor>(user_data);
     const PlatformPtr<context_data> owned(data);
-    // Any call may lead to the sensor's end.
-    const auto keepAlive = self == nullptr ? nullptr : self->weak_from_this().lock();
-
     const double totalSteps = ReadDouble(data, CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT);
     const double distance = ReadDouble(data, CONTEXT_PEDOMETER_CUMULATIVE_DISTANCE);
     const double calorie = ReadDouble(data, CONTEXT_PEDOMETER_CUMULATIVE_CALORIE);
     const double walkSteps = ReadDouble(data, CONTEXT_PEDOMETER_CUMULATIVE_WALK_STEP_COUNT);
     const double runSteps = ReadDouble(data, CONTEXT_PEDOMETER_CUMULATIVE_RUN_STEP_COUNT);
     const double speed = ReadDouble(data, CONTEXT_PEDOMETER_SPEED);
-    if (self == nullptr) {
+    if (!self) {
         return;
     }
     const PedometerData current(Truncate(totalSteps), ToFloat(distance), Truncate(calorie),

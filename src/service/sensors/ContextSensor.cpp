@@ -29,48 +29,28 @@ void ContextSensor::AddSensorEventListener(std::shared_ptr<ContextSensorListner>
 
 void ContextSensor::RemoveSensorEventListener(const ContextSensorListner *listener)
 {
-    // The node keeps the reference until the map is whole again: a listener's end may call back.
+    // Not erase(): the listener may end with its entry and call back, and finds the map whole so.
     if (mListeners.extract(listener).empty()) {
         PARVANE_ERROR_AT(77, "try to remove the listener with not existed pointer");
     }
 }
 
-ContextSensor::Listeners ContextSensor::RemoveAllSensorEventListeners()
-{
-    return std::exchange(mListeners, {});
-}
-
 void ContextSensor::UpdateSensorData(std::shared_ptr<SensorData> data)
 {
-    if (!data) {
-        return;
-    }
-    const std::shared_ptr<ContextSensor> keepAlive = weak_from_this().lock();
-    const Listeners listeners = mListeners;
-    for (const auto &entry : listeners) {
-        const std::shared_ptr<ContextSensorListner> &listener = entry.second;
-        const int32_t requestId = data->mRequestId;
-        if (!listener || !IsRegistered(entry)) {
+    const auto listeners = mListeners; // each of them may add and remove listeners in its call
+    for (const auto &[address, listener] : listeners) {
+        if (!listener || mListeners.count(address) == 0) {
             continue;
         }
-        if (requestId == mChangedRequestId) {
+        if (data->mRequestId == mChangedRequestId) {
             listener->OnSensorDataUpdated(data);
-        } else if (requestId == mCurrentRequestId) {
+        } else if (data->mRequestId == mCurrentRequestId) {
             listener->OnSensorDataChanged(data);
-            // One listener answers the query, unless it has asked anew in its call.
-            if (mCurrentRequestId == requestId) {
-                mCurrentRequestId = -1;
-            }
+            mCurrentRequestId = -1;
         } else {
             PARVANE_WARN_AT(62, "Please specify the request ID on the data");
         }
     }
-}
-
-bool ContextSensor::IsRegistered(const Listeners::value_type &entry) const
-{
-    const auto registered = mListeners.find(entry.first);
-    return registered != mListeners.end() && registered->second == entry.second;
 }
 
 } // namespace Parvane

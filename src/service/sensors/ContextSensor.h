@@ -20,9 +20,6 @@ namespace Parvane {
 class ContextSensor : public std::enable_shared_from_this<ContextSensor>
 {
 public:
-    /** Registered listeners by their addresses, in ascending order. */
-    using Listeners = std::map<const void *, std::shared_ptr<ContextSensorListner>>;
-
     ContextSensor() = default;
     ContextSensor(const ContextSensor &) = delete;
     ContextSensor &operator=(const ContextSensor &) = delete;
@@ -43,8 +40,8 @@ public:
     /** Ends a registration; an unknown address, only looked up, is logged as an error. */
     void RemoveSensorEventListener(const ContextSensorListner *listener);
 
-    /** Ends every registration; the listeners live until the result goes. */
-    Listeners RemoveAllSensorEventListeners();
+    /** Ends every registration. */
+    void RemoveAllSensorEventListeners() { mListeners.clear(); }
 
     bool HasSensorEventListeners() const { return !mListeners.empty(); }
 
@@ -53,13 +50,26 @@ public:
      *
      * A reading of the running subscription goes to OnSensorDataUpdated. The answer to a one-shot
      * query goes to OnSensorDataChanged of the first listener, which ends the query. Any other
-     * reading is logged, once for each listener, and dropped. Listeners may be added and removed,
-     * and the sensor dropped, during the call; one that is added does not get this reading, and
-     * one that is removed before its turn is not called.
+     * reading is logged, once for each listener, and dropped. A listener may add and remove
+     * listeners in its call: one that is added does not get this reading, and one that is removed
+     * before its turn is not called. The caller holds a reference to the sensor.
      */
     void UpdateSensorData(std::shared_ptr<SensorData> data);
 
 protected:
+    /**
+     * The sensor that a platform callback was given as its user data; null for null.
+     *
+     * A callback holds this reference until its end, because each call in it may drop the sensor.
+     */
+    template <typename Sensor>
+    static std::shared_ptr<Sensor> Hold(void *user_data)
+    {
+        auto *const sensor = static_cast<Sensor *>(user_data);
+        return sensor == nullptr ? nullptr
+                                 : std::static_pointer_cast<Sensor>(sensor->shared_from_this());
+    }
+
     /** The platform's request id of the subscription; -1 while there is none. */
     int32_t mChangedRequestId = -1;
 
@@ -67,9 +77,8 @@ protected:
     int32_t mCurrentRequestId = -1;
 
 private:
-    bool IsRegistered(const Listeners::value_type &entry) const;
-
-    Listeners mListeners;
+    /** Registered listeners by their addresses. */
+    std::map<const void *, std::shared_ptr<ContextSensorListner>> mListeners;
 };
 
 } // namespace Parvane
