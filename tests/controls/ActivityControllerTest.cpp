@@ -305,7 +305,6 @@ TEST_F(ActivityControllerTest, ForeignUpdateDoesNoHarm)
 
     mController->OnSensorDataUpdated(std::make_shared<HRMData>(97, 72, 800));
     mController->OnSensorDataUpdated(std::make_shared<SensorData>());
-    mController->OnSensorDataUpdated(nullptr);
 
     EXPECT_EQ(3, MeasuredStatus());
 }

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "DirtyMemory.h"
 #include "LogMatchers.h"
 #include "PlatformPtr.h"
 #include "ScriptedPlatform.h"
@@ -22,6 +23,7 @@ class DeviceManagerTest : public testing::Test
 protected:
     std::optional<Bytes> ReadAddress()
     {
+        LeaveDirtyMemory();
         const PlatformPtr<unsigned char> address(mManager.GetDiviceBluetoothMacAddress());
         return address ? std::optional<Bytes>(Bytes(address.get(), address.get() + 8))
                        : std::nullopt;

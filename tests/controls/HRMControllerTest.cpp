@@ -415,6 +415,25 @@ TEST_F(HRMControllerTest, ReadingInsideTheRegistrationBelongsToThePeriod)
     EXPECT_EQ(64, ReplyAfterThePeriod());
 }
 
+TEST_F(HRMControllerTest, RequestInsideTheEndOfThePeriodOpensTheNextAndEmptiesTheReply)
+{
+    mController->ProcessReqeust(MakeRequest(2, 1));
+    mController->OnSensorDataUpdated(std::make_shared<HRMData>(97, 64, 900));
+    mListener->mInsideEnd = [this] {
+        mListener->mInsideEnd = nullptr;
+        mController->ProcessReqeust(MakeRequest(2, 2));
+    };
+
+    mPlatform.AdvanceTime(15000);
+
+    EXPECT_TRUE(mController->IsMeasuring());
+    const auto reply = mListener->TakeOnly<HRMData>();
+    ASSERT_NE(nullptr, reply);
+    ExpectReply(*reply, 2, 2);
+    EXPECT_EQ(0, reply->GetHeartRate());
+    EXPECT_EQ(0, ReplyAfterThePeriod());
+}
+
 // A period that is opened past the base has no request to answer.
 TEST_F(HRMControllerTest, PeriodWithoutAnyRequestEndsWithoutHarm)
 {

@@ -191,24 +191,6 @@ TEST_F(ParvaneControllerTest, TypeHasTheSameControllerEveryTime)
     }
 }
 
-TEST_F(ParvaneControllerTest, TypeHasTheSameControllerEvenWhileItIsBeingMade)
-{
-    mPlatform.SetPreference("Parvane/data/pedometer/requested", true);
-    std::shared_ptr<ServiceController> insideMaking;
-    std::shared_ptr<ServiceController> insideInitialize;
-    mPlatform.OnNextCall("preference_get_boolean", [this, &insideMaking] {
-        insideMaking = mController->GetControllInstanceByType(SensorType::Pedometer);
-    });
-    mPlatform.OnNextCall("context_set_changed_callback", [this, &insideInitialize] {
-        insideInitialize = mController->GetControllInstanceByType(SensorType::Pedometer);
-    });
-
-    const auto controller = mController->GetControllInstanceByType(SensorType::Pedometer);
-
-    EXPECT_EQ(controller, insideMaking);
-    EXPECT_EQ(controller, insideInitialize);
-}
-
 TEST_F(ParvaneControllerTest, RequestsForATypeShareTheController)
 {
     Start();
@@ -356,6 +338,29 @@ TEST_F(ParvaneControllerTest, ListRequestMakesTheControllersThatAreMissing)
     EXPECT_THAT(mPlatform.TakeCallsOf("preference_get_boolean"), SizeIs(1));
     mController->GetControllInstanceByType(SensorType::Pedometer);
     EXPECT_THAT(mPlatform.TakeCalls(), IsEmpty());
+}
+
+// A controller is known when its Initialize has returned.
+
+TEST_F(ParvaneControllerTest, RequestInsideTheFirstSubscriptionHasAControllerOfItsOwnThatIsReplaced)
+{
+    mPlatform.SetPreference("Parvane/data/pedometer/requested", true);
+    mPlatform.OnNextCall("context_set_changed_callback",
+                         [this] { mController->OnRequestEvent(MakeRequest(2, 2)); });
+
+    const auto made = mController->GetControllInstanceByType(SensorType::Pedometer);
+
+    EXPECT_EQ(made, mController->GetControllInstanceByType(SensorType::Pedometer));
+    const char *const exists = "preference_is_existing(Parvane/data/pedometer/value)";
+    const char *const requested = "preference_get_boolean(Parvane/data/pedometer/requested)";
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre(exists, requested, "context_set_changed_callback(2)", exists, requested,
+                            "context_set_changed_callback(2)", "context_get_context(2)"));
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(ErrorLine("ContextSensor: RemoveSensorEventListener(77)",
+                                      "try to remove the listener with not existed pointer")));
+    mPlatform.AnswerQuery(2, {}); // its sensor is there, with nobody listening
+    EXPECT_THAT(mPlatform.TakeSent(), IsEmpty());
 }
 
 // Link events.

@@ -1,6 +1,7 @@
 #include "PedometerController.h"
 
 #include <climits>
+#include <limits>
 #include <locale>
 #include <memory>
 #include <new>
@@ -183,6 +184,21 @@ TEST_F(PedometerControllerTest, OptInThatCannotBeWrittenHoldsInMemory)
     EXPECT_EQ(std::nullopt, mPlatform.BooleanPreference(kRequested));
     Controller().Initialize();
     EXPECT_TRUE(mListener->IsRegistered(SensorType::Pedometer));
+}
+
+TEST_F(PedometerControllerTest, OptInIsNotInForceInsideItsWrite)
+{
+    Controller();
+    mPlatform.Forget();
+    mPlatform.OnNextCall("preference_set_boolean",
+                         [this] { Controller().ProcessReqeust(MakeRequest(2)); });
+
+    Controller().SetHostRequestedStatus(true);
+
+    EXPECT_THAT(mPlatform.TakeCalls(),
+                ElementsAre("preference_set_boolean(Parvane/data/pedometer/requested, true)",
+                            "preference_set_boolean(Parvane/data/pedometer/requested, true)",
+                            "RegisterSensorListener(3)", "g_timeout_add(500)"));
 }
 
 TEST_F(PedometerControllerTest, OptInIsWritten)
@@ -725,6 +741,21 @@ TEST_F(PedometerControllerTest, TotalThatCannotBeStoredIsKeptAndSent)
     ASSERT_THAT(mListener->mSent, SizeIs(2));
     EXPECT_EQ(15, dynamic_cast<const PedometerData &>(*mListener->mSent[1]).mTotalStepCount);
     EXPECT_THAT(mPlatform.TakeLog(), SizeIs(4));
+}
+
+TEST_F(PedometerControllerTest, TotalOfTheLargestDistancesIsReadBackAfterARestart)
+{
+    constexpr float kLargest = std::numeric_limits<float>::max();
+    for (int i = 0; i < 2; ++i) {
+        Controller().OnSensorDataUpdated(
+            std::make_shared<PedometerData>(10, kLargest, 3, kNoon, 10, 0, 2));
+    }
+    EXPECT_EQ("20 0 20 3.40282e+38 6 4", mPlatform.StringPreference(kValue));
+    Restart();
+
+    Update(5, kNoon + 60);
+
+    EXPECT_EQ("25 0 25 3.40282e+38 9 6", mPlatform.StringPreference(kValue));
 }
 
 TEST_F(PedometerControllerTest, TotalGoesOnAfterARestartOnTheSameDay)

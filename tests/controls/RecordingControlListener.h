@@ -43,6 +43,9 @@ public:
         Record("UnregisterSensorListener", type);
         mUnregistered.push_back(listener.get());
         mRegistered.erase(type);
+        if (mInsideEnd) {
+            mInsideEnd();
+        }
     }
 
     void UnregisterAllSensorListeners(SensorType type) override
@@ -87,6 +90,7 @@ public:
     std::vector<const ContextSensorListner *> mUnregistered;
     std::vector<std::shared_ptr<SensorData>> mSent;
     std::function<void(ContextSensorListner &)> mInsideRegistration;
+    std::function<void()> mInsideEnd;
     std::function<void()> mInsideQuery;
     std::function<void()> mInsideSend;
 

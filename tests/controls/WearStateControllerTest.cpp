@@ -348,15 +348,19 @@ TEST_F(WearStateControllerTest, OperationsWithoutWorkDoNone)
     EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
-// The base has no request yet when the first one's reading comes inside the registration.
-TEST_F(WearStateControllerTest, ReadingInsideTheFirstRegistrationAnswersItsPeriodOnce)
+// The base has no request yet when the first one's reading comes inside the registration: the record
+// names no command.
+TEST_F(WearStateControllerTest, ReadingInsideTheFirstRegistrationAnswersNoRequest)
 {
     mListener->mInsideRegistration = [](ContextSensorListner &listner) {
         listner.OnSensorDataUpdated(std::make_shared<HRMData>(97, 70, 800));
     };
 
     mController->ProcessReqeust(MakeRequest(2));
-    EXPECT_EQ(1.0F, TakeStatus());
+    const auto reply = mListener->TakeOnly<WearStateData>();
+    ASSERT_NE(nullptr, reply);
+    EXPECT_EQ(0, reply->mMessageType);
+    EXPECT_EQ(1.0F, reply->GetStatus());
     mPlatform.AdvanceTime(3000);
 
     EXPECT_THAT(mListener->mSent, IsEmpty());

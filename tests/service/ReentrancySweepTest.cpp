@@ -133,16 +133,18 @@ std::vector<Intrusion> Intrusions()
     };
 }
 
-// Steps are followed until the process ends; a test that takes their listener away puts it back.
-void PutBackSteps(ServiceLife &life)
+// Steps are followed until the process ends, by one controller: a request that comes while the hub
+// makes it has one made of its own, and a test may have taken the listener away.
+void FollowStepsOnce(ServiceLife &life)
 {
-    if (!life.Platform().BooleanPreference("Parvane/data/pedometer/requested").value_or(false) ||
-        life.Platform().IsSubscribed(ServiceLife::kPedometerItem)) {
+    if (!life.Platform().BooleanPreference("Parvane/data/pedometer/requested").value_or(false)) {
         return;
     }
     ScriptedPlatform::AsService([&life] {
-        const auto pedometer = life.Controller().GetControllInstanceByType(SensorType::Pedometer);
-        life.Controller().RegisterSensorListener(SensorType::Pedometer, pedometer);
+        ParvaneController &hub = life.Controller();
+        hub.UnregisterAllSensorListeners(SensorType::Pedometer);
+        hub.RegisterSensorListener(SensorType::Pedometer,
+                                   hub.GetControllInstanceByType(SensorType::Pedometer));
     });
 }
 
@@ -195,7 +197,7 @@ private:
             };
             disturbance.mStart = [](ServiceLife &life) { gLife = &life; };
             disturbance.mEnd = [](ServiceLife & /*life*/) { gLife = nullptr; };
-            disturbance.mRepair = PutBackSteps;
+            disturbance.mRepair = FollowStepsOnce;
             const auto check = [&](const LifeRecord &record) {
                 ExpectRightEnd(record, reference, intrusion);
                 if (!record.mHasEnded) {

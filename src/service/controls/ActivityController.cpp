@@ -23,15 +23,15 @@ constexpr int32_t kWristGestureActivity = 6;
 // An update as an activity: an activity as it is, a gesture translated; null for any other kind.
 std::shared_ptr<ActivityData> ToActivity(const std::shared_ptr<SensorData> &data)
 {
-    if (auto activity = std::dynamic_pointer_cast<ActivityData>(data)) {
-        return activity;
+    if (data->GetSensorType() == SensorType::Activity) {
+        return std::static_pointer_cast<ActivityData>(data);
     }
-    const auto gesture = std::dynamic_pointer_cast<GestureData>(data);
-    if (!gesture) {
+    if (data->GetSensorType() != SensorType::Gesture) {
         return nullptr;
     }
+    const auto &gesture = static_cast<const GestureData &>(*data);
     auto activity = std::make_shared<ActivityData>();
-    activity->SetStatus(gesture->GetAction() == kWristGesture ? kWristGestureActivity : 0);
+    activity->SetStatus(gesture.GetAction() == kWristGesture ? kWristGestureActivity : 0);
     return activity;
 }
 
@@ -60,7 +60,7 @@ void ActivityController::OnSensorDataUpdated(std::shared_ptr<SensorData> data)
     }
     activity->mHeaderCode = 0;
     activity->mMessageType = CommandStart;
-    activity->mMessageFlags = mActiveRequest ? mActiveRequest->mMessageFlags : uint8_t{0};
+    activity->mMessageFlags = mActiveRequest->mMessageFlags;
     activity->mCategory = DeviceManager::SensorIdByType(activity->GetSensorType());
     mListener->SendSensorData(activity);
 }

@@ -115,11 +115,13 @@ unsigned char *DeviceManager::GetDiviceBluetoothMacAddress()
         if (result != 0 || text == nullptr) {
             ThrowFailure(__func__, GetAddressFailureLabel(result));
         }
-        PlatformPtr<unsigned char> address(static_cast<unsigned char *>(
-            std::calloc(SensorListData::kDeviceAddressSize, sizeof(unsigned char))));
+        PlatformPtr<unsigned char> address(
+            static_cast<unsigned char *>(std::malloc(SensorListData::kDeviceAddressSize)));
         if (!address) {
-            ThrowFailure(__func__, "(calloc)out of memory");
+            ThrowFailure(__func__, "(malloc)out of memory");
         }
+        address.get()[0] = 0;
+        address.get()[1] = 0;
         const std::string_view characters(text);
         for (std::size_t octet = 0; octet < kOctets; ++octet) {
             const std::size_t position = octet * kCharactersPerOctet;

@@ -9,13 +9,13 @@
 namespace Parvane {
 
 GestureController::GestureController(std::shared_ptr<SensorControlListener> listener)
-    : ServiceController(listener), mListener(std::move(listener))
+    : ServiceController(listener), mOwnListener(std::move(listener))
 {}
 
 GestureController::~GestureController()
 {
-    if (mListener) {
-        mListener->UnregisterSensorListener(SensorType::Gesture, AddressOnly());
+    if (mOwnListener) {
+        mOwnListener->UnregisterSensorListener(SensorType::Gesture, AddressOnly());
     }
 }
 
@@ -26,8 +26,8 @@ void GestureController::OnSensorDataUpdated(std::shared_ptr<SensorData> data)
         return;
     }
     mLastGesture = gesture->GetAction();
-    if (mListener && mStarted) {
-        mListener->SendSensorData(gesture); // unchanged, with the header it came with
+    if (mOwnListener && mStarted) {
+        mOwnListener->SendSensorData(gesture); // unchanged, with the header it came with
     }
 }
 
@@ -43,8 +43,8 @@ std::shared_ptr<SensorInfo> GestureController::GetSensorInfo()
 
 void GestureController::Initialize()
 {
-    if (mListener) {
-        mListener->RegisterSensorListener(GetSensorType(), shared_from_this());
+    if (mOwnListener) {
+        mOwnListener->RegisterSensorListener(GetSensorType(), shared_from_this());
     }
 }
 
@@ -56,8 +56,8 @@ void GestureController::MeasureCurrentSensorValue(std::shared_ptr<SensorData> re
         return;
     }
     reply->SetAction(mLastGesture);
-    if (mListener) {
-        mListener->SendSensorData(reply);
+    if (mOwnListener) {
+        mOwnListener->SendSensorData(reply);
     }
 }
 

@@ -34,7 +34,7 @@ private:
     int32_t mLastGesture = 0;
 
     /** The controller's own reference; all its calls go through it. */
-    std::shared_ptr<SensorControlListener> mListener;
+    std::shared_ptr<SensorControlListener> mOwnListener;
 };
 
 } // namespace Parvane

@@ -91,32 +91,26 @@ void HRMController::MeasureCurrentSensorValue(std::shared_ptr<SensorData> reques
 gboolean HRMController::OnTimerFired(gpointer data) noexcept
 try {
     const auto self = TakeTimerTarget<HRMController>(data);
-    if (self && !self->CloseMeasuringPeriod()) {
+    if (!self) {
+        return G_SOURCE_REMOVE;
+    }
+    self->mMeasuring = false;
+    if (self->mListener) {
+        self->mListener->UnregisterSensorListener(SensorType::HRM, self);
+    }
+    const auto reply = MakeReply<HRMData>(self->mLastRequest);
+    if (!reply) {
         PARVANE_ERROR("NULL Failed to create HRMData instance");
+        return G_SOURCE_REMOVE;
+    }
+    reply->SetHeartRate(self->mHasReading ? self->mLatestReading->GetHeartRate() : 0);
+    if (self->mListener) {
+        self->mListener->SendSensorData(reply);
     }
     return G_SOURCE_REMOVE;
 } catch (const std::exception &error) {
     PARVANE_ERROR("reply dropped [%s]", error.what());
     return G_SOURCE_REMOVE;
-}
-
-bool HRMController::CloseMeasuringPeriod()
-{
-    mMeasuring = false;
-    // Taken before the sensor is let go: a request from within that call opens the next period.
-    const int32_t heartRate = mHasReading ? mLatestReading->GetHeartRate() : 0;
-    if (mListener) {
-        mListener->UnregisterSensorListener(SensorType::HRM, shared_from_this());
-    }
-    const auto reply = MakeReply<HRMData>(mLastRequest);
-    if (!reply) {
-        return false;
-    }
-    reply->SetHeartRate(heartRate);
-    if (mListener) {
-        mListener->SendSensorData(reply);
-    }
-    return true;
 }
 
 } // namespace Parvane

@@ -37,9 +37,6 @@ public:
     bool IsMeasuring() const { return mMeasuring; }
 
 private:
-    /** Answers the period; false when memory has run out and there is no reply. */
-    bool CloseMeasuringPeriod();
-
     bool mMeasuring = false;
     std::shared_ptr<HRMData> mLatestReading;
 

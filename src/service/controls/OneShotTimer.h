@@ -11,7 +11,7 @@ namespace Parvane {
 template <typename Target>
 using TimerTarget = std::unique_ptr<std::shared_ptr<Target>>;
 
-/** Makes the reference; apart from the timer, so that memory runs out before anything has begun. */
+/** Makes the reference: done first, so that a request for which memory is missing changes nothing. */
 template <typename Target>
 TimerTarget<Target> MakeTimerTarget(std::shared_ptr<Target> target)
 {

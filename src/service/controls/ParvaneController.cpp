@@ -40,13 +40,8 @@ std::shared_ptr<ServiceController> ParvaneController::GetControllInstanceByType(
         PARVANE_WARN_AT(130, "Unknown or Not supported Sensor Type");
         return nullptr;
     }
-    // Known before it subscribes: a reading inside the subscription may lead to a request for it. So
-    // may a platform call of its constructor, and then there is one already.
-    const auto [known, isNew] = mControllers.emplace(type, controller);
-    if (!isNew) {
-        return known->second;
-    }
     controller->Initialize();
+    mControllers[type] = controller;
     return controller;
 }
 
@@ -120,7 +115,7 @@ void ParvaneController::OnHostDisconnected()
 
 void ParvaneController::NotifyControllers(void (ServiceController::*event)())
 {
-    // Entries are never removed: a controller made during the walk leaves it valid.
+    // A controller that is made during the walk is added to the map; none is ever taken out.
     for (const auto &[type, controller] : mControllers) {
         ((*controller).*event)();
     }

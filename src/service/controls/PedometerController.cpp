@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <locale>
-#include <new>
 #include <sstream>
 #include <utility>
 
@@ -29,24 +28,10 @@ constexpr float kMaxSteps = 300000.0F;
 constexpr int32_t kMinDelayMs = 300000;
 constexpr uint16_t kReserved = 1;
 
-// Stores the value text; without the memory to build all of it the stored one stays.
-int StoreValue(const PedometerData &data)
-{
-    constexpr int kOutOfMemory = -12;
-    try {
-        std::ostringstream text;
-        text.imbue(std::locale::classic());
-        text << data;
-        return text ? preference_set_string(kValueKey, text.str().c_str()) : kOutOfMemory;
-    } catch (const std::bad_alloc &) {
-        return kOutOfMemory;
-    }
-}
-
 } // namespace
 
 PedometerController::PedometerController(std::shared_ptr<SensorControlListener> listener)
-    : ServiceController(listener), mListener(std::move(listener))
+    : ServiceController(listener), mOwnListener(std::move(listener))
 {
     mDailyData = RestorePedometerData();
     mHostRequested = IsHostRequested();
@@ -54,8 +39,8 @@ PedometerController::PedometerController(std::shared_ptr<SensorControlListener> 
 
 PedometerController::~PedometerController()
 {
-    if (mListener) {
-        mListener->UnregisterSensorListener(SensorType::Pedometer, AddressOnly());
+    if (mOwnListener) {
+        mOwnListener->UnregisterSensorListener(SensorType::Pedometer, AddressOnly());
     }
 }
 
@@ -74,13 +59,13 @@ void PedometerController::OnSensorDataUpdated(std::shared_ptr<SensorData> data)
     }
     SavePedometerData(mDailyData);
 
-    if (mListener) {
+    if (mOwnListener) {
         auto push = std::make_shared<PedometerData>(mDailyData);
         push->mMessageType = CommandMeasureOnce;
         push->mMessageFlags = mLastRequest ? mLastRequest->mMessageFlags : uint8_t{0};
         push->mHeaderCode = 0;
         push->mCategory = DeviceManager::SensorIdByType(update->GetSensorType());
-        mListener->SendSensorData(std::move(push));
+        mOwnListener->SendSensorData(std::move(push));
     }
 }
 
@@ -101,8 +86,8 @@ std::shared_ptr<SensorInfo> PedometerController::GetSensorInfo()
 
 void PedometerController::Initialize()
 {
-    if (mListener && mHostRequested) {
-        mListener->RegisterSensorListener(SensorType::Pedometer, shared_from_this());
+    if (mOwnListener && mHostRequested) {
+        mOwnListener->RegisterSensorListener(SensorType::Pedometer, shared_from_this());
     }
 }
 
@@ -113,8 +98,8 @@ void PedometerController::MeasureCurrentSensorValue(std::shared_ptr<SensorData> 
         return;
     }
     if (mHostRequested) {
-        if (mListener) {
-            mListener->RequestCurrentSensorData(SensorType::Pedometer);
+        if (mOwnListener) {
+            mOwnListener->RequestCurrentSensorData(SensorType::Pedometer);
         }
         return;
     }
@@ -137,16 +122,20 @@ bool PedometerController::IsHostRequested()
 
 void PedometerController::SetHostRequestedStatus(bool value)
 {
-    mHostRequested = value; // in every case, and before the platform can call back
     const int result = preference_set_boolean(kRequestedKey, value);
     if (result != 0) {
         PARVANE_ERROR("Failed to save the status value..[%d]", result);
     }
+    mHostRequested = value;
 }
 
 void PedometerController::SavePedometerData(const PedometerData &data)
 {
-    const int valueResult = StoreValue(data);
+    std::ostringstream text;
+    text.imbue(std::locale::classic());
+    text.exceptions(std::ios::badbit); // without memory for all of it nothing is stored
+    text << data;
+    const int valueResult = preference_set_string(kValueKey, text.str().c_str());
     if (valueResult != 0) {
         PARVANE_ERROR("Failed to save value..[%d]", valueResult);
     }
@@ -165,7 +154,7 @@ PedometerData PedometerController::RestorePedometerData()
     }
     char *value = nullptr;
     const int valueResult = preference_get_string(kValueKey, &value);
-    const PlatformPtr<char> owned(value);
+    PlatformPtr<char> owned(value);
     if (valueResult != 0 || value == nullptr) {
         PARVANE_ERROR("Failed to get saved value..[%d]", valueResult);
         return restored;
@@ -174,6 +163,7 @@ PedometerData PedometerController::RestorePedometerData()
     text.imbue(std::locale::classic());
     text.exceptions(std::ios::badbit); // memory that runs out is not a fault of the text
     text >> restored;
+    owned.reset();
 
     int time = 0;
     const int timeResult = preference_get_int(kTimeKey, &time);
@@ -188,8 +178,8 @@ PedometerData PedometerController::RestorePedometerData()
 gboolean PedometerController::OnTimerFired(gpointer data) noexcept
 try {
     const auto self = TakeTimerTarget<PedometerController>(data);
-    if (self && self->mListener) {
-        self->mListener->RequestCurrentSensorData(self->GetSensorType());
+    if (self && self->mOwnListener) {
+        self->mOwnListener->RequestCurrentSensorData(self->GetSensorType());
     }
     return G_SOURCE_REMOVE;
 } catch (const std::exception &error) {

@@ -53,7 +53,7 @@ public:
 
 private:
     /** The controller's own reference; all its calls go through it. */
-    std::shared_ptr<SensorControlListener> mListener;
+    std::shared_ptr<SensorControlListener> mOwnListener;
 
     /** The total of the current day, stamped with its last update. */
     PedometerData mDailyData;

@@ -36,7 +36,7 @@ void ServiceController::ProcessReqeust(std::shared_ptr<SensorData> request)
     switch (request->mMessageType) {
     case CommandMeasureOnce:
         MeasureCurrentSensorValue(request);
-        mLastRequest = std::move(request); // not before: the call sees the request before this one
+        mLastRequest = std::move(request); // only now: the call sees the one before
         break;
     case CommandStart:
         if (!mStarted) {

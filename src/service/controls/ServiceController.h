@@ -34,7 +34,7 @@ public:
     virtual void OnHostServiceTerminated();
     virtual void OnHostDisconnected();
 
-    /** Called once, when the controller is owned and registered. */
+    /** Called once, when the controller is owned and before it is registered. */
     virtual void Initialize() = 0;
 
     virtual void MeasureCurrentSensorValue(std::shared_ptr<SensorData> request);

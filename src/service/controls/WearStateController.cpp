@@ -79,10 +79,6 @@ void WearStateController::MeasureCurrentSensorValue(std::shared_ptr<SensorData> 
     auto target = MakeTimerTarget(shared_from_this());
     mResultSent = false;
     mMeasuring = true;
-    if (!mLastRequest) {
-        // A reading may come before the base keeps the first request: it answers that one.
-        mLastRequest = std::move(request);
-    }
     StartOneShotTimer(kMeasuringPeriodMs, OnTimerFired, std::move(target));
     if (mListener) {
         mListener->RegisterSensorListener(SensorType::HRM, shared_from_this());
@@ -92,25 +88,21 @@ void WearStateController::MeasureCurrentSensorValue(std::shared_ptr<SensorData> 
 gboolean WearStateController::OnTimerFired(gpointer data) noexcept
 try {
     const auto self = TakeTimerTarget<WearStateController>(data);
-    if (self) {
-        self->CloseMeasuringPeriod();
+    if (!self) {
+        return G_SOURCE_REMOVE;
+    }
+    if (self->mListener) {
+        self->mListener->UnregisterSensorListener(SensorType::HRM, self);
+    }
+    self->mMeasuring = false;
+    if (!self->mResultSent) {
+        self->mResultSent = true;
+        self->SendDataToHost(kNotWorn);
     }
     return G_SOURCE_REMOVE;
 } catch (const std::exception &error) {
     PARVANE_ERROR("reply dropped [%s]", error.what());
     return G_SOURCE_REMOVE;
-}
-
-void WearStateController::CloseMeasuringPeriod()
-{
-    if (mListener) {
-        mListener->UnregisterSensorListener(SensorType::HRM, shared_from_this());
-    }
-    mMeasuring = false;
-    if (!mResultSent) {
-        mResultSent = true;
-        SendDataToHost(kNotWorn);
-    }
 }
 
 void WearStateController::SendDataToHost(float wearState)

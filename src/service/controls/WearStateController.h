@@ -37,8 +37,6 @@ public:
     void SendDataToHost(float wearState);
 
 private:
-    void CloseMeasuringPeriod();
-
     bool mMeasuring = false;
 
     /** The current period has been answered. */
