@@ -53,13 +53,13 @@ public:
             }
         }
         shutdown(client, SHUT_WR); // the request can still be sent
-        mClient = UniqueFd(client);
+        mClient = Parvane::UniqueFd(client);
     }
 
 private:
     const ParvanePlatform::TemporaryDirectory mDirectory;
     const int mSocket = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    mutable UniqueFd mClient;
+    mutable Parvane::UniqueFd mClient;
 };
 
 void CheckStatus(const nlohmann::json &reply)

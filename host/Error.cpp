@@ -1,16 +1,14 @@
 #include "Error.h"
 
 #include <cerrno>
-#include <system_error>
+
+#include "ErrnoText.h"
 
 namespace ParvaneHost {
 
 namespace {
 
-std::string ErrnoText(int code)
-{
-    return std::generic_category().message(code);
-}
+using Parvane::ErrnoText;
 
 std::string DescribeLink(const LinkError &error)
 {

@@ -1,17 +1,19 @@
 #include "Link.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/types.h>
-#include <sys/un.h>
 #include <utility>
+
+#include "UnixSocket.h"
 
 namespace ParvaneHost {
 
 namespace {
+
+using Parvane::WaitFor;
+using Parvane::WaitResult;
 
 bool WouldBlock(int code)
 {
@@ -32,11 +34,6 @@ Error WaitError(WaitResult result, const std::string &path, const Deadline &dead
 
 } // namespace
 
-std::size_t Link::LongestPath()
-{
-    return sizeof(sockaddr_un{}.sun_path) - 1;
-}
-
 Link::Link(UniqueFd socket, std::string path)
     : mSocket(std::move(socket)),
       mPath(std::move(path)),
@@ -47,33 +44,13 @@ Link::Link(UniqueFd socket, std::string path)
 Result<Link, Error> Link::Connect(const std::string &path, const Deadline &deadline,
                                   const WaitOptions &options)
 {
-    constexpr std::chrono::milliseconds kRetryAfter{20};
-    const auto failed = [&path](int code) {
-        return Error{LinkError{LinkError::Reason::CannotConnect, code, path}};
-    };
-    if (path.empty() || path.size() > LongestPath()) {
-        return failed(path.empty() ? EINVAL : ENAMETOOLONG);
+    UniqueFd socket;
+    const int error = Parvane::ConnectToSocket(path, deadline, options, socket);
+    if (error == EINTR) {
+        return Error{Interrupted{}};
     }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::copy(path.begin(), path.end(), std::begin(address.sun_path));
-
-    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket) {
-        return failed(errno);
-    }
-    // A full queue of the listener fails with EAGAIN, and nothing tells when there is room again.
-    while (::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) !=
-           0) {
-        const int code = errno;
-        if (!WouldBlock(code) || deadline.HasPassed()) {
-            return failed(code);
-        }
-        const Deadline retry = Deadline::After(kRetryAfter).Earlier(deadline);
-        const WaitResult waited = WaitFor(-1, 0, retry, options);
-        if (waited == WaitResult::Interrupted) {
-            return Error{Interrupted{}};
-        }
+    if (error != 0) {
+        return Error{LinkError{LinkError::Reason::CannotConnect, error, path}};
     }
     return Link(std::move(socket), path);
 }

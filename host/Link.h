@@ -16,6 +16,10 @@
 
 namespace ParvaneHost {
 
+using Parvane::Deadline;
+using Parvane::UniqueFd;
+using Parvane::WaitOptions;
+
 /**
  * The accessory link as a connected SOCK_SEQPACKET socket: one message is one packet.
  *
@@ -24,9 +28,6 @@ namespace ParvaneHost {
 class Link
 {
 public:
-    /** The longest path that a socket address holds, in bytes. */
-    static std::size_t LongestPath();
-
     /** Takes a connected socket; `path` names it in messages. */
     Link(UniqueFd socket, std::string path);
 

@@ -94,7 +94,8 @@ std::optional<Error> SensorWatch::StartSensor(const Deadline &bound)
 std::optional<Error> SensorWatch::Resume(const Deadline &deadline)
 {
     const Deadline delay = Deadline::After(mBackoff.Next()).Earlier(deadline);
-    if (WaitFor(-1, 0, delay, mClient->Options().mWait) == WaitResult::Interrupted) {
+    if (Parvane::WaitFor(-1, 0, delay, mClient->Options().mWait) ==
+        Parvane::WaitResult::Interrupted) {
         return Interrupted{};
     }
     if (deadline.HasPassed()) {

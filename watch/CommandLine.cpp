@@ -12,6 +12,8 @@
 #include <system_error>
 
 #include "ControlClient.h"
+#include "Printable.h"
+#include "UnixSocket.h"
 
 namespace ParvaneWatch {
 
@@ -111,7 +113,7 @@ void AddOptions(CLI::App &app, Texts &texts)
 
 std::string Quoted(const std::string &text)
 {
-    return "'" + text + "'";
+    return "'" + Parvane::Printable(text) + "'";
 }
 
 /** What is wrong with a word of the command line, and what is allowed. */
@@ -192,9 +194,9 @@ std::string CheckedPath(std::string path)
     if (path.empty()) {
         throw UsageError("--socket: the path is empty; give the path of the control socket");
     }
-    if (path.size() > ControlClient::LongestPath()) {
+    if (path.size() > Parvane::LongestSocketPath()) {
         throw UsageError("socket path " + Quoted(path) + " has " + std::to_string(path.size()) +
-                         " bytes; at most " + std::to_string(ControlClient::LongestPath()) +
+                         " bytes; at most " + std::to_string(Parvane::LongestSocketPath()) +
                          " are allowed");
     }
     return path;
@@ -213,7 +215,8 @@ std::string SubcommandText(const std::vector<std::string> &words)
     return "unknown subcommand " + Quoted(words.front()) + allowed;
 }
 
-Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment &environment)
+Invocation Interpret(const CLI::App &app, const Texts &texts,
+                     const Parvane::Environment &environment)
 {
     const std::string name = app.get_subcommands().front()->get_name();
     Invocation invocation;
@@ -228,8 +231,9 @@ Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment 
         invocation.mFile = *texts.mFile;
         return invocation;
     }
-    invocation.mSocketPath =
-        CheckedPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment));
+    invocation.mSocketPath = CheckedPath(
+        texts.mSocket ? *texts.mSocket
+                      : Parvane::RuntimeDirectory(environment, "parvane") + "/control.sock");
     if (name == "status") {
         invocation.mAction = Invocation::Action::Status;
         request = {{"request", name}};
@@ -262,13 +266,14 @@ Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment 
 Ending BadUsage(const std::string &text)
 {
     return {ExitCode::BadUsage, "",
-            std::string(kProgram) + ": " + text + "\nTry '" + kProgram + " --help'.\n"};
+            std::string(kProgram) + ": " + Parvane::Printable(text) + "\nTry '" + kProgram +
+                " --help'.\n"};
 }
 
 } // namespace
 
 std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Environment &environment)
+                                                  const Parvane::Environment &environment)
 {
     Texts texts;
     CLI::App app("Looks into a running Parvane watch service, and steers it.", kProgram);

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "ExitCode.h"
-#include "SocketPath.h"
+#include "RuntimeDirectory.h"
 
 namespace ParvaneWatch {
 
@@ -44,6 +44,6 @@ struct Ending
  * @param environment  for the default of the socket's path
  */
 std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Environment &environment);
+                                                  const Parvane::Environment &environment);
 
 } // namespace ParvaneWatch

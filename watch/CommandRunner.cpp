@@ -4,26 +4,23 @@
 #include <cstddef>
 #include <cstdlib>
 #include <optional>
-#include <string_view>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
+#include "ErrnoText.h"
 #include "Output.h"
 #include "Printable.h"
 #include "StatusText.h"
+#include "Terminal.h"
 
 namespace ParvaneWatch {
 
 namespace {
 
 using nlohmann::json;
+using Parvane::ErrnoText;
+using Parvane::WriteAll;
 using Clock = std::chrono::steady_clock;
-
-std::string ErrnoText(int code)
-{
-    return std::generic_category().message(code);
-}
 
 std::string TextOf(const json &value)
 {
@@ -37,17 +34,9 @@ std::string TextMember(const json &object, const char *key)
     return found != object.end() && found->is_string() ? found->get<std::string>() : "";
 }
 
-/** Whether progress makes sense: a terminal that can erase a line. */
-bool CanShowProgress()
-{
-    const char *const term = std::getenv("TERM");
-    return ::isatty(STDERR_FILENO) == 1 && term != nullptr && *term != '\0' &&
-           std::string_view(term) != "dumb";
-}
-
 } // namespace
 
-CommandRunner::CommandRunner(Invocation invocation, const Signals &signals)
+CommandRunner::CommandRunner(Invocation invocation, const Parvane::Signals &signals)
     : mInvocation(std::move(invocation)), mSignals(signals), mFile(mInvocation.mFile, signals.Fd())
 {}
 
@@ -104,7 +93,7 @@ Outcome CommandRunner::Record(ControlClient &client)
                                    : ""));
         return {ExitCode::Failure};
     }
-    mShowsProgress = CanShowProgress();
+    mShowsProgress = Parvane::CanEraseLine(STDERR_FILENO, std::getenv("TERM"));
     ShowProgress(false);
     try {
         for (bool goesOn = true; goesOn;) {
@@ -234,7 +223,8 @@ void CommandRunner::Complain(const std::string &text) const
 {
     constexpr int kLimitMs = 1000;
     WriteAll(STDERR_FILENO,
-             (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + Printable(text)) + '\n',
+             (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + Parvane::Printable(text)) +
+                 '\n',
              {-1, kLimitMs});
 }
 

@@ -27,7 +27,7 @@ struct Outcome
 class CommandRunner
 {
 public:
-    CommandRunner(Invocation invocation, const Signals &signals);
+    CommandRunner(Invocation invocation, const Parvane::Signals &signals);
 
     Outcome Run();
 
@@ -44,7 +44,7 @@ private:
     void Complain(const std::string &text) const;
 
     Invocation mInvocation;
-    const Signals &mSignals;
+    const Parvane::Signals &mSignals;
     RecordingFile mFile;
     Outcome mRecordingOutcome;
     std::uint64_t mRows = 0;

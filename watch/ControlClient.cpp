@@ -1,39 +1,30 @@
 #include "ControlClient.h"
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstddef>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <system_error>
 #include <utility>
+
+#include "ErrnoText.h"
+#include "UnixSocket.h"
+#include "Wait.h"
 
 namespace ParvaneWatch {
 
 namespace {
 
 using nlohmann::json;
+using Parvane::Deadline;
+using Parvane::ErrnoText;
+using Parvane::WaitResult;
 using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
 
 /** No message is longer (docs/control.md). */
 constexpr std::size_t kLongestMessage = 65536;
 
-std::string ErrnoText(int code)
-{
-    return std::generic_category().message(code);
-}
-
 } // namespace
-
-std::size_t ControlClient::LongestPath()
-{
-    return sizeof(sockaddr_un{}.sun_path) - 1;
-}
 
 ControlClient::ControlClient(std::string path, int interruptFd, milliseconds answerTime)
     : mPath(std::move(path)),
@@ -46,7 +37,7 @@ ControlClient::ControlClient(std::string path, int interruptFd, milliseconds ans
 
 json ControlClient::Ask(const std::string &request)
 {
-    if (WaitFor(POLLOUT, mAnswerTime, true) == Wait::TimedOut) {
+    if (!WaitUntil(Deadline::After(mAnswerTime), POLLOUT, mInterruptFd)) {
         throw Unreachable(Timeout());
     }
     const ssize_t sent = ::send(mSocket.Get(), request.data(), request.size(), MSG_NOSIGNAL);
@@ -54,7 +45,7 @@ json ControlClient::Ask(const std::string &request)
     if (sent < 0 && errno != EPIPE && errno != ECONNRESET) {
         throw Unreachable("the connection " + mPath + " failed: " + ErrnoText(errno));
     }
-    if (WaitFor(POLLIN, mAnswerTime, true) == Wait::TimedOut) {
+    if (!WaitUntil(Deadline::After(mAnswerTime), POLLIN, mInterruptFd)) {
         throw Unreachable(Timeout());
     }
     const auto reply = Take();
@@ -75,67 +66,42 @@ json ControlClient::Ask(const std::string &request)
 
 std::optional<json> ControlClient::Next()
 {
-    WaitFor(POLLIN, std::nullopt, true);
+    WaitUntil(Deadline::Never(), POLLIN, mInterruptFd);
     return Take();
 }
 
 std::optional<json> ControlClient::NextAtOnce()
 {
-    return WaitFor(POLLIN, milliseconds{0}, false) == Wait::Ready ? Take() : std::nullopt;
+    return WaitUntil(Deadline::After(milliseconds{0}), POLLIN, -1) ? Take() : std::nullopt;
 }
 
 void ControlClient::Connect()
 {
-    constexpr milliseconds kRetryAfter{20};
-    if (mPath.empty() || mPath.size() > LongestPath()) {
-        throw Unreachable("cannot connect to " + mPath + ": " +
-                          ErrnoText(mPath.empty() ? EINVAL : ENAMETOOLONG));
+    const int error = Parvane::ConnectToSocket(mPath, Deadline::After(mAnswerTime),
+                                               {.mInterruptFd = mInterruptFd}, mSocket);
+    if (error == EINTR) {
+        throw Interrupted{};
     }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::copy(mPath.begin(), mPath.end(), std::begin(address.sun_path));
-    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket) {
-        throw Unreachable("cannot make a socket: " + ErrnoText(errno));
+    if (error != 0) {
+        const bool isAway = error == ENOENT || error == ECONNREFUSED;
+        throw Unreachable("cannot connect to " + mPath + ": " + ErrnoText(error) +
+                          (isAway ? " (is the watch service running?)" : ""));
     }
-    // A full queue of the listener fails with EAGAIN, and nothing tells when there is room again.
-    const Clock::time_point end = Clock::now() + mAnswerTime;
-    while (::connect(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) !=
-           0) {
-        const int code = errno;
-        if (code != EAGAIN || Clock::now() >= end) {
-            const bool isAway = code == ENOENT || code == ECONNREFUSED;
-            throw Unreachable("cannot connect to " + mPath + ": " + ErrnoText(code) +
-                              (isAway ? " (is the watch service running?)" : ""));
-        }
-        WaitFor(0, kRetryAfter, true);
-    }
-    mSocket = std::move(socket);
 }
 
-ControlClient::Wait ControlClient::WaitFor(short events, std::optional<milliseconds> limit,
-                                           bool mayInterrupt)
+bool ControlClient::WaitUntil(const Deadline &deadline, short events, int interruptFd) const
 {
-    const Clock::time_point end = Clock::now() + limit.value_or(milliseconds{0});
-    for (;;) {
-        std::array<pollfd, 2> polled{
-            {{mSocket.Get(), events, 0}, {mayInterrupt ? mInterruptFd : -1, POLLIN, 0}}};
-        const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
-        const int waitMs = limit ? static_cast<int>(std::max(left, milliseconds{0}).count()) : -1;
-        const int ready = ::poll(polled.data(), polled.size(), waitMs);
-        if (ready < 0 && errno != EINTR) {
-            throw Unreachable("cannot wait for " + mPath + ": " + ErrnoText(errno));
-        }
-        if (polled[1].revents != 0) {
-            throw Interrupted{};
-        }
-        if (polled[0].revents != 0) {
-            return Wait::Ready;
-        }
-        if (limit && Clock::now() >= end) {
-            return Wait::TimedOut;
-        }
+    switch (Parvane::WaitFor(mSocket.Get(), events, deadline, {.mInterruptFd = interruptFd})) {
+    case WaitResult::Ready:
+        return true;
+    case WaitResult::TimedOut:
+        return false;
+    case WaitResult::Interrupted:
+        throw Interrupted{};
+    case WaitResult::Failed:
+        break;
     }
+    throw Unreachable("cannot wait for " + mPath + ": " + ErrnoText(errno));
 }
 
 std::optional<json> ControlClient::Take()

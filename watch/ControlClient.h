@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Deadline.h"
 #include "UniqueFd.h"
 
 namespace ParvaneWatch {
@@ -38,9 +39,6 @@ public:
 
     static constexpr std::chrono::milliseconds kAnswerTime{5000};
 
-    /** The most bytes that a socket's path may have. */
-    static std::size_t LongestPath();
-
     /**
      * Connects.
      *
@@ -69,10 +67,9 @@ public:
     std::optional<nlohmann::json> NextAtOnce();
 
 private:
-    enum class Wait { Ready, TimedOut, Interrupted };
-
     void Connect();
-    Wait WaitFor(short events, std::optional<std::chrono::milliseconds> limit, bool mayInterrupt);
+    /** @return false when the deadline has passed @throws Unreachable, Interrupted */
+    bool WaitUntil(const Parvane::Deadline &deadline, short events, int interruptFd) const;
     /** Takes one message. @return nothing at the end of the connection, or when none is there */
     std::optional<nlohmann::json> Take();
     [[nodiscard]] nlohmann::json Parse(const std::string &text) const;
@@ -81,7 +78,7 @@ private:
     std::string mPath;
     int mInterruptFd;
     std::chrono::milliseconds mAnswerTime;
-    UniqueFd mSocket;
+    Parvane::UniqueFd mSocket;
     std::vector<char> mBuffer;
 };
 

@@ -16,8 +16,8 @@
 
 namespace {
 
+using Parvane::WriteAll;
 using ParvaneWatch::ExitCode;
-using ParvaneWatch::WriteAll;
 
 ParvaneWatch::Outcome CannotWrite()
 {
@@ -44,7 +44,7 @@ ParvaneWatch::Outcome CheckConfig(const ParvaneWatch::Invocation &invocation)
 
 ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
 {
-    const ParvaneWatch::Signals signals;
+    const Parvane::Signals signals;
     auto parsed = ParvaneWatch::ParseCommandLine(
         arguments, [](const char *name) { return static_cast<const char *>(std::getenv(name)); });
     if (const auto *ending = std::get_if<ParvaneWatch::Ending>(&parsed)) {
@@ -65,7 +65,7 @@ int main(int argc, char **argv)
     try {
         const auto outcome = Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
         if (outcome.mSignal != 0) {
-            ParvaneWatch::Signals::Die(outcome.mSignal);
+            Parvane::Signals::Die(outcome.mSignal);
         }
         return static_cast<int>(outcome.mCode);
     } catch (const std::exception &error) {

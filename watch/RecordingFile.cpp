@@ -12,14 +12,14 @@ int RecordingFile::Open(bool mayReplace)
     // Not blocking: nothing could interrupt the wait for a FIFO's reader.
     const int flags =
         O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (mayReplace ? O_TRUNC : O_EXCL);
-    mFd = UniqueFd(::open(mPath.c_str(), flags, 0666));
+    mFd.Reset(::open(mPath.c_str(), flags, 0666));
     mSize = 0;
     return mFd ? 0 : errno;
 }
 
 int RecordingFile::Write(std::string_view lines)
 {
-    if (const int error = WriteAll(mFd.Get(), lines, mPatience); error != 0) {
+    if (const int error = Parvane::WriteAll(mFd.Get(), lines, mPatience); error != 0) {
         // What stays is a recording of the rows before; a pipe or a device has no end to cut.
         [[maybe_unused]] const int cut = ::ftruncate(mFd.Get(), mSize);
         return error;

@@ -48,8 +48,8 @@ public:
 
 private:
     std::string mPath;
-    Patience mPatience;
-    UniqueFd mFd;
+    Parvane::Patience mPatience;
+    Parvane::UniqueFd mFd;
     off_t mSize = 0;
 };
 

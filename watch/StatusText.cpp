@@ -17,6 +17,7 @@ namespace ParvaneWatch {
 namespace {
 
 using nlohmann::json;
+using Parvane::Printable;
 using Lines = std::vector<std::string>;
 
 /** A member of an object; null for one that is not there, or of what is no object. */

@@ -15,7 +15,8 @@
 
 #include "HexBytes.h"
 #include "JsonPrinter.h"
-#include "Link.h"
+#include "Printable.h"
+#include "UnixSocket.h"
 #include "WireFormat.h"
 
 namespace ParvaneHost {
@@ -116,7 +117,7 @@ void AddOptions(CLI::App &app, Texts &texts)
 
 std::string Quoted(const std::string &text)
 {
-    return "'" + text + "'";
+    return "'" + Parvane::Printable(text) + "'";
 }
 
 /** A number of at most `largest`; not negative, and not 0 unless `mayBeZero`. */
@@ -194,11 +195,18 @@ std::vector<Bytes> ParsePackets(const std::vector<std::string> &texts)
     return packets;
 }
 
+std::string DefaultSocketPath(const Parvane::Environment &environment)
+{
+    const std::string link = Parvane::ValueOf(environment, "PARVANE_LINK");
+    return link.empty() ? Parvane::RuntimeDirectory(environment, "parvane") + "/link.sock" : link;
+}
+
 std::string CheckedPath(std::string path)
 {
-    if (path.size() > Link::LongestPath()) {
+    if (path.size() > Parvane::LongestSocketPath()) {
         throw UsageError("socket path " + Quoted(path) + " has " + std::to_string(path.size()) +
-                         " bytes; at most " + std::to_string(Link::LongestPath()) + " are allowed");
+                         " bytes; at most " + std::to_string(Parvane::LongestSocketPath()) +
+                         " are allowed");
     }
     return path;
 }
@@ -216,7 +224,8 @@ std::string SubcommandText(const std::vector<std::string> &words)
     return "unknown subcommand " + Quoted(words.front()) + allowed;
 }
 
-Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment &environment)
+Invocation Interpret(const CLI::App &app, const Texts &texts,
+                     const Parvane::Environment &environment)
 {
     Invocation invocation;
     invocation.mJson = texts.mJson;
@@ -255,13 +264,14 @@ Invocation Interpret(const CLI::App &app, const Texts &texts, const Environment 
 Ending BadUsage(const std::string &text)
 {
     return {ExitCode::BadUsage, "",
-            std::string(kProgram) + ": " + text + "\nTry '" + kProgram + " --help'.\n"};
+            std::string(kProgram) + ": " + Parvane::Printable(text) + "\nTry '" + kProgram +
+                " --help'.\n"};
 }
 
 } // namespace
 
 std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Environment &environment)
+                                                  const Parvane::Environment &environment)
 {
     Texts texts;
     CLI::App app("Talks to the Parvane watch service as a phone does.", kProgram);

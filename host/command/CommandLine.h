@@ -8,7 +8,7 @@
 
 #include "ExitCode.h"
 #include "Messages.h"
-#include "SocketPath.h"
+#include "RuntimeDirectory.h"
 
 namespace ParvaneHost {
 
@@ -48,6 +48,6 @@ struct Ending
  * @param environment  for the default of the socket's path
  */
 std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Environment &environment);
+                                                  const Parvane::Environment &environment);
 
 } // namespace ParvaneHost

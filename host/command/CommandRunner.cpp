@@ -2,13 +2,15 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 #include <variant>
 
+#include "ErrnoText.h"
 #include "JsonPrinter.h"
+#include "Printable.h"
 #include "SensorWatch.h"
+#include "Terminal.h"
 #include "TextPrinter.h"
 #include "WireCodec.h"
 
@@ -34,7 +36,7 @@ std::unique_ptr<Printer> MakePrinter(bool json)
 
 } // namespace
 
-CommandRunner::CommandRunner(Invocation invocation, SignalPipe &signals)
+CommandRunner::CommandRunner(Invocation invocation, Parvane::Signals &signals)
     : mInvocation(std::move(invocation)),
       mSignals(&signals),
       mPrinter(MakePrinter(mInvocation.mJson)),
@@ -103,7 +105,8 @@ Outcome CommandRunner::Watch()
     Outcome outcome = OutputOutcome();
     const bool overByTime = trouble && std::holds_alternative<Timeout>(*trouble) && end.HasPassed();
     if (trouble && std::holds_alternative<Interrupted>(*trouble)) {
-        mSignals->Take(); // asked for: the end of a watch is no failure
+        // Asked for: the end of a watch is no failure.
+        [[maybe_unused]] const int signal = mSignals->Take();
     } else if (trouble && !overByTime) {
         outcome = Failed(*trouble);
     }
@@ -160,7 +163,7 @@ ClientOptions CommandRunner::MakeClientOptions()
     // Runs one after another differ in their flags, too, so that late answers are told apart.
     options.mFirstFlags = static_cast<std::uint8_t>(1 + ::getpid() % WireFormat::kFlagsMask);
     if (mInvocation.mAction == Invocation::Action::Measure && !mInvocation.mJson &&
-        ProgressBar::SuitsTerminal(STDERR_FILENO, std::getenv("TERM"))) {
+        Parvane::CanEraseLine(STDERR_FILENO, std::getenv("TERM"))) {
         options.mWait.mOnTick = [this] {
             if (mBar) {
                 mBar->Update();
@@ -224,7 +227,7 @@ Outcome CommandRunner::OutputOutcome()
     if (code == 0 || code == EPIPE) {
         return {};
     }
-    Complain("cannot write to standard output: " + std::generic_category().message(code));
+    Complain("cannot write to standard output: " + Parvane::ErrnoText(code));
     return {ExitCode::LinkFailure};
 }
 
@@ -239,7 +242,7 @@ Outcome CommandRunner::Failed(const Error &error)
 
 void CommandRunner::Complain(const std::string &text)
 {
-    mErrors.Write("parvane-host: " + text);
+    mErrors.Write("parvane-host: " + Parvane::Printable(text));
 }
 
 } // namespace ParvaneHost

@@ -12,7 +12,7 @@
 #include "LineWriter.h"
 #include "Printer.h"
 #include "ProgressBar.h"
-#include "SignalPipe.h"
+#include "Signals.h"
 
 namespace ParvaneHost {
 
@@ -30,7 +30,7 @@ struct Outcome
 class CommandRunner
 {
 public:
-    CommandRunner(Invocation invocation, SignalPipe &signals);
+    CommandRunner(Invocation invocation, Parvane::Signals &signals);
     ~CommandRunner();
 
     CommandRunner(const CommandRunner &) = delete;
@@ -55,7 +55,7 @@ private:
     void Complain(const std::string &text);
 
     Invocation mInvocation;
-    SignalPipe *mSignals;
+    Parvane::Signals *mSignals;
     std::unique_ptr<Printer> mPrinter;
     LineWriter mOutput;
     LineWriter mErrors;

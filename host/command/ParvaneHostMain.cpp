@@ -9,7 +9,7 @@
 #include "CommandLine.h"
 #include "CommandRunner.h"
 #include "LineWriter.h"
-#include "SignalPipe.h"
+#include "Signals.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ void Write(int fd, std::string_view text)
 
 ParvaneHost::Outcome Run(const std::vector<std::string> &arguments)
 {
-    ParvaneHost::SignalPipe signals;
+    Parvane::Signals signals;
     const auto parsed = ParvaneHost::ParseCommandLine(
         arguments, [](const char *name) { return static_cast<const char *>(std::getenv(name)); });
     if (const auto *ending = std::get_if<ParvaneHost::Ending>(&parsed)) {
@@ -45,7 +45,7 @@ int main(int argc, char **argv)
     try {
         const auto outcome = Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
         if (outcome.mSignal != 0) {
-            ParvaneHost::SignalPipe::Die(outcome.mSignal);
+            Parvane::Signals::Die(outcome.mSignal);
         }
         return static_cast<int>(outcome.mCode);
     } catch (const std::exception &error) {

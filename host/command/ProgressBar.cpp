@@ -10,12 +10,6 @@ namespace ParvaneHost {
 
 using std::chrono::milliseconds;
 
-bool ProgressBar::SuitsTerminal(int fd, const char *term)
-{
-    const std::string_view name = term == nullptr ? "" : term;
-    return !name.empty() && name != "dumb" && ::isatty(fd) == 1;
-}
-
 ProgressBar::ProgressBar(int fd, std::string label, milliseconds total)
     : mFd(fd),
       mLabel(std::move(label)),

@@ -15,9 +15,6 @@ namespace ParvaneHost {
 class ProgressBar
 {
 public:
-    /** Whether a bar makes sense: `fd` is a terminal, and `term` ($TERM, may be null) can erase a line. */
-    static bool SuitsTerminal(int fd, const char *term);
-
     /**
      * Draws nothing yet.
      *

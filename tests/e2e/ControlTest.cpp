@@ -216,7 +216,7 @@ TEST_F(ControlTest, SocketOfAKilledServiceDoesNotKeepTheNextFromServing)
 {
     StartAndWait();
     mService->Signal(SIGKILL);
-    ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
+    ASSERT_EQ(mService->WaitForEnd(), -SIGKILL);
     ASSERT_TRUE(std::filesystem::exists(ControlPath()));
     EXPECT_EQ(Watch({"status"}).mStatus, 3);
 

@@ -94,7 +94,7 @@ TEST_F(StartTest, KilledServiceLeavesNothingThatKeepsTheNextFromStarting)
     StartService();
     ASSERT_EQ(Host(LinkPath()).Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
     mService->Signal(SIGKILL);
-    ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
+    ASSERT_EQ(mService->WaitForEnd(), -SIGKILL);
 
     StartService();
 

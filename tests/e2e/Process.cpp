@@ -2,51 +2,30 @@
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <sys/wait.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
+
+#include "UniqueFd.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds kPause(5);
 
-constexpr const char *kEmulator = PARVANE_EMULATOR; // words separated by bars, or nothing
-
-/** Puts the emulator before a command of this build, if the build is for another machine. */
-void Emulate(std::vector<std::string> &command, Environment &environment)
+std::string NextName()
 {
-    const std::string emulator = kEmulator;
-    if (emulator.empty() || !command.front().starts_with(PARVANE_BUILD_FOLDER "/")) {
-        return;
-    }
-    std::vector<std::string> words;
-    std::istringstream bars(emulator);
-    for (std::string word; std::getline(bars, word, '|');) {
-        words.push_back(word);
-    }
-    // What is loaded first is for the program, and not for the emulator.
-    if (const auto preload = environment.extract("LD_PRELOAD"); !preload.empty()) {
-        words.insert(words.end(), {"-E", "LD_PRELOAD=" + preload.mapped()});
-    }
-    command.insert(command.begin(), words.begin(), words.end());
+    static std::atomic<int> count = 0;
+    return "process" + std::to_string(++count);
 }
 
-std::vector<char *> Pointers(std::vector<std::string> &texts)
+Parvane::UniqueFd OpenToAppend(const std::string &path)
 {
-    std::vector<char *> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string &text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
+    return Parvane::UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
 }
 
 } // namespace
@@ -90,72 +69,24 @@ void WriteFile(const std::filesystem::path &path, const std::string &text)
 
 Process::Process(const std::vector<std::string> &command, const Environment &environment,
                  const std::filesystem::path &folder)
-{
-    static std::atomic<int> count = 0;
-    const std::string name = "process" + std::to_string(++count);
-    mOutput = folder / (name + ".out");
-    mError = folder / (name + ".err");
-
-    std::vector<std::string> arguments = command;
-    Environment exactly = environment;
-    Emulate(arguments, exactly);
-    std::vector<std::string> variables;
-    for (const auto &[variable, value] : exactly) {
-        variables.push_back(variable);
-        variables.back().append("=").append(value);
-    }
-    const std::vector<char *> argv = Pointers(arguments);
-    const std::vector<char *> envp = Pointers(variables);
-    const std::string output = mOutput.string();
-    const std::string error = mError.string();
-    mPid = fork();
-    if (mPid < 0) {
-        throw std::system_error(errno, std::generic_category(), "fork");
-    }
-    if (mPid > 0) {
-        return;
-    }
-    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-    dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDOUT_FILENO);
-    dup2(open(error.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
-    execve(argv.front(), argv.data(), envp.data());
-    _exit(127);
-}
-
-Process::~Process()
-{
-    if (mPid > 0) {
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-    }
-}
+    : mFiles((folder / NextName()).string()),
+      mChild({.mCommand = command,
+              .mEnvironment = environment,
+              .mOutput = OpenToAppend(mFiles + ".out").Get(),
+              .mErrors = OpenToAppend(mFiles + ".err").Get()})
+{}
 
 std::string Process::StandardOutput() const
 {
-    return ReadFile(mOutput);
+    return ReadFile(mFiles + ".out");
 }
 
 std::string Process::StandardError() const
 {
-    return ReadFile(mError);
+    return ReadFile(mFiles + ".err");
 }
 
 bool Process::HasLogged(const std::string &text) const
 {
     return Eventually([&] { return StandardError().find(text) != std::string::npos; });
-}
-
-void Process::Signal(int number) const
-{
-    kill(mPid, number);
-}
-
-std::optional<int> Process::WaitForEnd(std::chrono::seconds limit)
-{
-    int status = 0;
-    if (!Eventually([&] { return waitpid(mPid, &status, WNOHANG) == mPid; }, limit)) {
-        return std::nullopt;
-    }
-    mPid = -1;
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }

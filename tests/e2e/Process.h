@@ -2,11 +2,12 @@
 
 #include <chrono>
 #include <filesystem>
-#include <map>
 #include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
+
+#include "ChildProcess.h"
 
 /** A folder that goes with its owner. */
 class TemporaryFolder
@@ -23,7 +24,7 @@ private:
     std::filesystem::path mPath;
 };
 
-using Environment = std::map<std::string, std::string>;
+using Environment = Parvane::ChildProcess::Variables;
 
 /**
  * A program under test: started with exactly the environment that it is given, standard output and
@@ -33,17 +34,11 @@ class Process
 {
 public:
     /**
-     * Output goes to `folder`, which must exist, under names that no other Process has. A program of
-     * this build is started by the emulator, if the build is for another machine; it must be the first
-     * word for that.
+     * Output goes to `folder`, which must exist, under names that no other Process has.
      */
     Process(const std::vector<std::string> &command, const Environment &environment,
             const std::filesystem::path &folder);
-    Process(const Process &) = delete;
-    Process &operator=(const Process &) = delete;
-    ~Process();
-
-    pid_t Pid() const { return mPid; }
+    pid_t Pid() const { return mChild.Pid(); }
 
     std::string StandardOutput() const;
     std::string StandardError() const;
@@ -51,15 +46,17 @@ public:
     /** Whether `text` appears on standard error within a few seconds. */
     bool HasLogged(const std::string &text) const;
 
-    void Signal(int number) const;
+    void Signal(int number) const { mChild.Signal(number); }
 
-    /** Exit status; 128 + number for a signal; nothing if it does not end within the time. */
-    std::optional<int> WaitForEnd(std::chrono::seconds limit = std::chrono::seconds(20));
+    /** Exit status; minus the number of a signal; nothing if it does not end within the time. */
+    std::optional<int> WaitForEnd(std::chrono::seconds limit = std::chrono::seconds(20))
+    {
+        return mChild.WaitForEnd(limit);
+    }
 
 private:
-    std::filesystem::path mOutput;
-    std::filesystem::path mError;
-    pid_t mPid = -1;
+    std::string mFiles; // their path without the ending
+    Parvane::ChildProcess mChild;
 };
 
 std::string ReadFile(const std::filesystem::path &path);

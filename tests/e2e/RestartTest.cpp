@@ -77,7 +77,7 @@ TEST_F(RestartTest, KillAndStartLeaveNoSocketThatHindersTheNext)
     for (int round = 0; round < 3; ++round) {
         ASSERT_TRUE(Answers());
         mService->Signal(SIGKILL);
-        ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
+        ASSERT_EQ(mService->WaitForEnd(), -SIGKILL);
         EXPECT_TRUE(std::filesystem::exists(LinkPath())); // nobody was left to remove it
 
         Start();
@@ -96,7 +96,7 @@ TEST_F(RestartTest, KillAndStartKeepTheTotalThatWasCountedBefore)
     ASSERT_GT(kept, 0.0F);
 
     mService->Signal(SIGKILL);
-    ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
+    ASSERT_EQ(mService->WaitForEnd(), -SIGKILL);
     Start();
 
     EXPECT_GE(PushedTotal(), kept);

@@ -77,7 +77,7 @@ TEST_F(StepsTest, WhatTheHostHasSeenSurvivesAKill)
         seen = ReceiveMoreThan(host, 100.0F);
     }
     mService->Signal(SIGKILL);
-    ASSERT_EQ(mService->WaitForEnd(), 128 + SIGKILL);
+    ASSERT_EQ(mService->WaitForEnd(), -SIGKILL);
 
     StartService({{"PARVANE_TRACE", recording}});
     const Host host(LinkPath());

@@ -8,6 +8,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::HasSubstr;
+using testing::Not;
 
 const char *NoEnvironment(const char * /*name*/)
 {
@@ -64,8 +65,8 @@ TEST(CommandLineTest, GlobalOptionsStandBeforeOrAfterTheSubcommand)
 
 TEST(CommandLineTest, TheEnvironmentNamesTheSocketUnlessTheCommandLineDoes)
 {
-    const Environment environment = [](const char *name) {
-        return std::string(name) == "PARVANE_LINK" ? "/from/environment" : nullptr;
+    const Parvane::Environment environment = [](const char *name) {
+        return std::string(name) == "PARVANE_LINK" ? "/from/environment" : "/other";
     };
 
     EXPECT_EQ(std::get<Invocation>(ParseCommandLine({"list"}, environment)).mSocketPath,
@@ -73,6 +74,23 @@ TEST(CommandLineTest, TheEnvironmentNamesTheSocketUnlessTheCommandLineDoes)
     EXPECT_EQ(
         std::get<Invocation>(ParseCommandLine({"list", "--socket", "/s"}, environment)).mSocketPath,
         "/s");
+}
+
+TEST(CommandLineTest, WithoutAPathTheLinkIsInTheRuntimeDirectory)
+{
+    const Parvane::Environment environment = [](const char *name) {
+        return std::string(name) == "XDG_RUNTIME_DIR" ? "/run/user/7" : "";
+    };
+    EXPECT_EQ(std::get<Invocation>(ParseCommandLine({"list"}, environment)).mSocketPath,
+              "/run/user/7/parvane/link.sock");
+}
+
+TEST(CommandLineTest, TextFromTheCommandLineCannotSteerTheTerminal)
+{
+    ExpectUsageError(
+        {"measure", "\033[2J\u202E"},
+        "measure: unknown sensor '\\x1B[2J\\xE2\\x80\\xAE'; allowed: hr, wear, steps, activity");
+    EXPECT_THAT(Refused({"list", "--\033[2J"}).mError, Not(HasSubstr("\033")));
 }
 
 TEST(CommandLineTest, MeasureTakesAllFourSensors)

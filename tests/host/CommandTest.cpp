@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
+#include "Program.h"
 #include "ScriptedWatch.h"
 
 namespace ParvaneHost {
@@ -14,6 +14,22 @@ using nlohmann::json;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
+
+/** One run of parvane-host. */
+class Host : public Parvane::Program
+{
+public:
+    explicit Host(std::vector<std::string> arguments, const Options &options = {})
+        : Program(Command(std::move(arguments)), options)
+    {}
+
+private:
+    static std::vector<std::string> Command(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), PARVANE_HOST_PROGRAM);
+        return arguments;
+    }
+};
 
 /** A reading with the flags and the command of `request`; its value is 2.0 or, asked for so, 72.0. */
 Bytes ReadingFor(const Bytes &request, std::uint8_t command, bool seventyTwo = false)
@@ -80,7 +96,7 @@ void SendList(ScriptedWatch &watch)
 
 TEST_F(CommandTest, ListPrintsATable)
 {
-    ChildProcess host(Arguments({"list"}));
+    Host host(Arguments({"list"}));
     SendList(mWatch);
 
     EXPECT_EQ(host.ReadOutput(), "Bluetooth address: AA:BB:CC:DD:EE:FF\n"
@@ -92,7 +108,7 @@ TEST_F(CommandTest, ListPrintsATable)
 
 TEST_F(CommandTest, ListInJsonIsAnObjectALine)
 {
-    ChildProcess host(Arguments({"list", "--json"}));
+    Host host(Arguments({"list", "--json"}));
     SendList(mWatch);
 
     EXPECT_EQ(json::parse(host.ReadLine()).at("address"), "AA:BB:CC:DD:EE:FF");
@@ -103,7 +119,7 @@ TEST_F(CommandTest, ListInJsonIsAnObjectALine)
 
 TEST_F(CommandTest, TheSocketMayComeFromTheEnvironment)
 {
-    ChildProcess host({"measure", "hr"}, {.mEnvironment = {{"PARVANE_LINK", mWatch.Path()}}});
+    Host host({"measure", "hr"}, {.mEnvironment = {{"PARVANE_LINK", mWatch.Path()}}});
     mWatch.Accept();
     const Bytes request = mWatch.Receive();
     EXPECT_EQ(Asked(request), (Bytes{2, 3}));
@@ -115,7 +131,7 @@ TEST_F(CommandTest, TheSocketMayComeFromTheEnvironment)
 
 TEST_F(CommandTest, MeasureInJsonIsOneObject)
 {
-    ChildProcess host(Arguments({"measure", "hr", "--json"}));
+    Host host(Arguments({"measure", "hr", "--json"}));
     mWatch.Accept();
     mWatch.Send(ReadingFor(mWatch.Receive(), 2, true));
 
@@ -127,7 +143,7 @@ TEST_F(CommandTest, MeasureInJsonIsOneObject)
 
 TEST_F(CommandTest, NoProgressIsShownWhereStandardErrorIsNoTerminal)
 {
-    ChildProcess host(Arguments({"measure", "hr"}), {.mEnvironment = {{"TERM", "xterm"}}});
+    Host host(Arguments({"measure", "hr"}), {.mEnvironment = {{"TERM", "xterm"}}});
     mWatch.Accept();
     mWatch.Send(ReadingFor(mWatch.Receive(), 2));
 
@@ -137,8 +153,8 @@ TEST_F(CommandTest, NoProgressIsShownWhereStandardErrorIsNoTerminal)
 
 TEST_F(CommandTest, ProgressIsShownOnATerminalAndRemovedByTheAnswer)
 {
-    ChildProcess host(Arguments({"measure", "hr"}),
-                      {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
+    Host host(Arguments({"measure", "hr"}),
+              {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
     mWatch.Accept();
     const Bytes request = mWatch.Receive();
     EXPECT_THAT(host.ReadErrorsUntil("[#...."), StartsWith("\r\033[Kheart rate [......"));
@@ -153,8 +169,8 @@ TEST_F(CommandTest, NoProgressIsShownOnADumbTerminalOrWithJson)
 {
     for (const auto &[terminal, option] :
          {std::pair<std::string, std::string>{"dumb", "--timeout=5"}, {"xterm", "--json"}}) {
-        ChildProcess host(Arguments({"measure", "hr", option}),
-                          {.mEnvironment = {{"TERM", terminal}}, .mErrorsToTerminal = true});
+        Host host(Arguments({"measure", "hr", option}),
+                  {.mEnvironment = {{"TERM", terminal}}, .mErrorsToTerminal = true});
         mWatch.Accept();
         mWatch.Send(ReadingFor(mWatch.Receive(), 2));
 
@@ -165,7 +181,7 @@ TEST_F(CommandTest, NoProgressIsShownOnADumbTerminalOrWithJson)
 
 TEST_F(CommandTest, ASilentWatchIsExitCodeThree)
 {
-    ChildProcess host(Arguments({"measure", "hr", "--timeout", "0.05"}));
+    Host host(Arguments({"measure", "hr", "--timeout", "0.05"}));
     mWatch.Accept();
 
     EXPECT_EQ(host.ReadOutput(), "");
@@ -176,7 +192,7 @@ TEST_F(CommandTest, ASilentWatchIsExitCodeThree)
 
 TEST_F(CommandTest, NoSocketIsExitCodeOne)
 {
-    ChildProcess host({"list", "--socket", "/nonexistent/link.sock"});
+    Host host({"list", "--socket", "/nonexistent/link.sock"});
 
     EXPECT_EQ(host.ReadErrors(),
               "parvane-host: cannot connect to /nonexistent/link.sock: No such file or "
@@ -186,7 +202,7 @@ TEST_F(CommandTest, NoSocketIsExitCodeOne)
 
 TEST_F(CommandTest, ASecondHostIsToldOfTheFirst)
 {
-    ChildProcess host(Arguments({"measure", "steps"}));
+    Host host(Arguments({"measure", "steps"}));
     mWatch.Accept();
     mWatch.HangUp();
 
@@ -198,7 +214,7 @@ TEST_F(CommandTest, ASecondHostIsToldOfTheFirst)
 
 TEST_F(CommandTest, ABrokenPacketIsExitCodeOne)
 {
-    ChildProcess host(Arguments({"measure", "steps"}));
+    Host host(Arguments({"measure", "steps"}));
     mWatch.Accept();
     mWatch.Send({0x00});
 
@@ -214,7 +230,7 @@ TEST_F(CommandTest, WrongUsageIsExitCodeTwoWithoutTouchingTheLink)
                                   {"watch", "hr"},
                                   {"frob"},
                                   {"list", "--timeout", "never"}}) {
-        ChildProcess host(Arguments(arguments));
+        Host host(Arguments(arguments));
         EXPECT_EQ(host.ReadOutput(), "");
         EXPECT_THAT(host.ReadErrors(), EndsWith("\nTry 'parvane-host --help'.\n"));
         EXPECT_EQ(host.Wait(), 2);
@@ -223,18 +239,18 @@ TEST_F(CommandTest, WrongUsageIsExitCodeTwoWithoutTouchingTheLink)
 
 TEST_F(CommandTest, HelpAndVersionGoToStandardOutput)
 {
-    ChildProcess help({"--help"});
+    Host help({"--help"});
     EXPECT_THAT(help.ReadOutput(), HasSubstr("Exit codes:"));
     EXPECT_EQ(help.Wait(), 0);
 
-    ChildProcess version({"--version"});
+    Host version({"--version"});
     EXPECT_EQ(version.ReadOutput(), "parvane-host " PARVANE_HOST_VERSION "\n");
     EXPECT_EQ(version.Wait(), 0);
 }
 
 TEST_F(CommandTest, StopSaysWhatWasStopped)
 {
-    ChildProcess host(Arguments({"stop"}));
+    Host host(Arguments({"stop"}));
     mWatch.Accept();
     AnswerStop();
 
@@ -244,7 +260,7 @@ TEST_F(CommandTest, StopSaysWhatWasStopped)
 
 TEST_F(CommandTest, WatchPrintsEachReadingAsItComes)
 {
-    ChildProcess host(Arguments({"watch", "activity"}));
+    Host host(Arguments({"watch", "activity"}));
     StartActivity();
     EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
     mWatch.Send(ReadingFor(mStart, 3));
@@ -260,7 +276,7 @@ TEST_F(CommandTest, WatchPrintsEachReadingAsItComes)
 
 TEST_F(CommandTest, WatchEndsCleanlyOnSigterm)
 {
-    ChildProcess host(Arguments({"watch", "activity", "--json"}));
+    Host host(Arguments({"watch", "activity", "--json"}));
     StartActivity();
     EXPECT_EQ(json::parse(host.ReadLine()).at("activity"), "running");
 
@@ -272,7 +288,7 @@ TEST_F(CommandTest, WatchEndsCleanlyOnSigterm)
 
 TEST_F(CommandTest, WatchEndsByItselfAfterItsTime)
 {
-    ChildProcess host(Arguments({"watch", "activity", "--for", "0.3"}));
+    Host host(Arguments({"watch", "activity", "--for", "0.3"}));
     StartActivity();
     EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
     AnswerStop();
@@ -283,7 +299,7 @@ TEST_F(CommandTest, WatchEndsByItselfAfterItsTime)
 
 TEST_F(CommandTest, WatchingStepsEndsWithoutAStop)
 {
-    ChildProcess host(Arguments({"watch", "steps"}));
+    Host host(Arguments({"watch", "steps"}));
     mWatch.Accept();
     const Bytes request = mWatch.Receive();
     EXPECT_EQ(Asked(request), (Bytes{2, 2}));
@@ -298,7 +314,7 @@ TEST_F(CommandTest, WatchingStepsEndsWithoutAStop)
 
 TEST_F(CommandTest, WatchMakesALostLinkAgain)
 {
-    ChildProcess host(Arguments({"watch", "activity"}));
+    Host host(Arguments({"watch", "activity"}));
     StartActivity();
     host.ReadLine();
     mWatch.HangUp();
@@ -313,7 +329,7 @@ TEST_F(CommandTest, WatchMakesALostLinkAgain)
 
 TEST_F(CommandTest, AWatchThatIsNotAllowedToStopSaysSo)
 {
-    ChildProcess host(Arguments({"watch", "activity", "--timeout", "1.5"}));
+    Host host(Arguments({"watch", "activity", "--timeout", "1.5"}));
     StartActivity();
     host.ReadLine();
     host.Signal(SIGINT);
@@ -326,7 +342,7 @@ TEST_F(CommandTest, AWatchThatIsNotAllowedToStopSaysSo)
 
 TEST_F(CommandTest, ASecondSignalEndsAWatchThatWaitsForTheAcknowledgement)
 {
-    ChildProcess host(Arguments({"watch", "activity"}));
+    Host host(Arguments({"watch", "activity"}));
     StartActivity();
     host.ReadLine();
     host.Signal(SIGINT);
@@ -338,8 +354,8 @@ TEST_F(CommandTest, ASecondSignalEndsAWatchThatWaitsForTheAcknowledgement)
 
 TEST_F(CommandTest, AMeasurementDiesOfItsSignalAndLeavesTheLineClean)
 {
-    ChildProcess host(Arguments({"measure", "hr"}),
-                      {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
+    Host host(Arguments({"measure", "hr"}),
+              {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
     mWatch.Accept();
     mWatch.Receive();
     host.ReadErrorsUntil("heart rate [");
@@ -351,7 +367,7 @@ TEST_F(CommandTest, AMeasurementDiesOfItsSignalAndLeavesTheLineClean)
 
 TEST_F(CommandTest, AReaderThatGoesEndsAWatchQuietly)
 {
-    ChildProcess host(Arguments({"watch", "activity"}));
+    Host host(Arguments({"watch", "activity"}));
     StartActivity();
     host.ReadLine();
     host.CloseOutput();
@@ -364,7 +380,7 @@ TEST_F(CommandTest, AReaderThatGoesEndsAWatchQuietly)
 
 TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
 {
-    ChildProcess host(Arguments({"stop"}), {.mEnvironment = {}, .mOutputToFull = true});
+    Host host(Arguments({"stop"}), {.mEnvironment = {}, .mOutputToFull = true});
     mWatch.Accept();
     AnswerStop();
 
@@ -375,7 +391,7 @@ TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
 
 TEST_F(CommandTest, RawSendsPacketsAndPrintsRepliesUntilTheLinkIsQuiet)
 {
-    ChildProcess host(Arguments({"raw", "14 00 00:03", "ff", "--wait", "1000"}));
+    Host host(Arguments({"raw", "14 00 00:03", "ff", "--wait", "1000"}));
     mWatch.Accept();
     EXPECT_EQ(mWatch.Receive(), (Bytes{0x14, 0x00, 0x00, 0x03}));
     EXPECT_EQ(mWatch.Receive(), (Bytes{0xFF}));
@@ -393,7 +409,7 @@ TEST_F(CommandTest, RawSendsPacketsAndPrintsRepliesUntilTheLinkIsQuiet)
 
 TEST_F(CommandTest, RawInJsonIsAnObjectAPacket)
 {
-    ChildProcess host(Arguments({"raw", "14000003", "--wait", "1000", "--json"}));
+    Host host(Arguments({"raw", "14000003", "--wait", "1000", "--json"}));
     mWatch.Accept();
     mWatch.Receive();
     mWatch.Send({0x14, 0x02, 0x00, 0x03});
@@ -404,7 +420,7 @@ TEST_F(CommandTest, RawInJsonIsAnObjectAPacket)
 
 TEST_F(CommandTest, RawEndsAtItsTimeoutEvenWhenTheLinkIsNotQuiet)
 {
-    ChildProcess host(Arguments({"raw", "01", "--wait", "60000", "--timeout", "1"}));
+    Host host(Arguments({"raw", "01", "--wait", "60000", "--timeout", "1"}));
     mWatch.Accept();
     mWatch.Receive();
     mWatch.Send({0x14, 0x02, 0x00, 0x03});
@@ -415,7 +431,7 @@ TEST_F(CommandTest, RawEndsAtItsTimeoutEvenWhenTheLinkIsNotQuiet)
 
 TEST_F(CommandTest, RawReportsALinkThatIsClosed)
 {
-    ChildProcess host(Arguments({"raw", "01", "--wait", "60000"}));
+    Host host(Arguments({"raw", "01", "--wait", "60000"}));
     mWatch.Accept();
     mWatch.Receive();
     mWatch.Send({0x14, 0x02, 0x00, 0x03});

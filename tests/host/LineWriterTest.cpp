@@ -27,13 +27,13 @@ protected:
         ::sigaction(SIGPIPE, &ignore, &mBefore);
         std::array<int, 2> ends{-1, -1};
         EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-        mReadEnd = UniqueFd(ends[0]);
-        mWriteEnd = UniqueFd(ends[1]);
+        mReadEnd = Parvane::UniqueFd(ends[0]);
+        mWriteEnd = Parvane::UniqueFd(ends[1]);
     }
 
     struct sigaction mBefore = {};
-    UniqueFd mReadEnd;
-    UniqueFd mWriteEnd;
+    Parvane::UniqueFd mReadEnd;
+    Parvane::UniqueFd mWriteEnd;
 };
 
 TEST_F(LineWriterTest, EveryLineIsThereAtOnce)
@@ -61,7 +61,7 @@ TEST_F(LineWriterTest, AReaderThatHasGoneIsRemembered)
 
 TEST_F(LineWriterTest, AFullDeviceIsNamed)
 {
-    const UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const Parvane::UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     LineWriter writer(full.Get());
 
     EXPECT_FALSE(writer.Write("one"));

@@ -53,8 +53,8 @@ protected:
         int controller = -1;
         int terminal = -1;
         EXPECT_EQ(::openpty(&controller, &terminal, nullptr, nullptr, &size), 0);
-        mController = UniqueFd(controller);
-        mTerminal = UniqueFd(terminal);
+        mController = Parvane::UniqueFd(controller);
+        mTerminal = Parvane::UniqueFd(terminal);
     }
 
     /** What was written to the terminal since the last call; a mark behind it says where it ends. */
@@ -70,8 +70,8 @@ protected:
         return text;
     }
 
-    UniqueFd mController;
-    UniqueFd mTerminal;
+    Parvane::UniqueFd mController;
+    Parvane::UniqueFd mTerminal;
 };
 
 TEST_F(ProgressBarOnTerminalTest, ABarIsDrawnOverItselfAndErasedAtTheEnd)
@@ -100,17 +100,6 @@ TEST_F(ProgressBarOnTerminalTest, ABarThatWasNeverDrawnOrWasRemovedLeavesNothing
         Shown();
     }
     EXPECT_EQ(Shown(), "");
-}
-
-TEST_F(ProgressBarOnTerminalTest, OnlyATerminalThatCanEraseSuits)
-{
-    EXPECT_TRUE(ProgressBar::SuitsTerminal(mTerminal.Get(), "xterm"));
-    EXPECT_FALSE(ProgressBar::SuitsTerminal(mTerminal.Get(), "dumb"));
-    EXPECT_FALSE(ProgressBar::SuitsTerminal(mTerminal.Get(), ""));
-    EXPECT_FALSE(ProgressBar::SuitsTerminal(mTerminal.Get(), nullptr));
-
-    const UniqueFd file(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    EXPECT_FALSE(ProgressBar::SuitsTerminal(file.Get(), "xterm"));
 }
 
 } // namespace

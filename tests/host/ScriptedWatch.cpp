@@ -54,7 +54,7 @@ ScriptedWatch::ScriptedWatch()
         throw std::runtime_error("the temporary directory's path is too long for a socket");
     }
     std::copy(mPath.begin(), mPath.end(), std::begin(address.sun_path));
-    mListener = UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    mListener.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     Check(static_cast<bool>(mListener), "socket");
     Check(::bind(mListener.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) ==
               0,
@@ -71,7 +71,7 @@ ScriptedWatch::~ScriptedWatch()
 void ScriptedWatch::Accept()
 {
     AwaitReadable(mListener.Get(), "no host connects");
-    mHost = UniqueFd(::accept4(mListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    mHost.Reset(::accept4(mListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     Check(static_cast<bool>(mHost), "accept");
 }
 

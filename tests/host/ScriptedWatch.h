@@ -58,8 +58,8 @@ public:
 private:
     std::string mDirectory;
     std::string mPath;
-    UniqueFd mListener;
-    UniqueFd mHost;
+    Parvane::UniqueFd mListener;
+    Parvane::UniqueFd mHost;
 };
 
 } // namespace ParvaneHost

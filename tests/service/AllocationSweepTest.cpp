@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
+#include "ForkedCall.h"
 #include "LogMatchers.h"
 #include "PedometerController.h"
 #include "PedometerData.h"
@@ -108,7 +108,7 @@ bool Allocate()
 // The process has half a minute, and would need for ever if the handler were called again and again.
 TEST(OutOfMemoryTest, HandlerThatReturnsEndsTheLoopOfOperatorNew)
 {
-    InChildProcess("every allocation fails", [] {
+    CallForked("every allocation fails", [] {
         ScriptedPlatform platform;
         platform.SetMainLoop([&platform](const service_app_callbacks &callbacks, void *cell) {
             platform.FailAllocationsFrom(1);

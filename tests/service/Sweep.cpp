@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
+#include "ForkedCall.h"
 #include "Setting.h"
 
 namespace Parvane {
@@ -104,8 +104,8 @@ const Reference &ReferenceOf(const Scenario &scenario)
     if (known != references.end()) {
         return known->second;
     }
-    const std::string text = InChildProcess(std::string(scenario.mName) + " undisturbed",
-                                            [&scenario] { return ToText(Live(scenario, {})); });
+    const std::string text = CallForked(std::string(scenario.mName) + " undisturbed",
+                                        [&scenario] { return ToText(Live(scenario, {})); });
     return references[scenario.mName] = FromText(text);
 }
 
@@ -135,8 +135,8 @@ bool Sweep::Point(const std::string &name, const Scenario &scenario, const Distu
         return true;
     }
     ++mLived;
-    const std::string outcome = InChildProcess(scenario.mName + (", " + name),
-                                               [&] { return check(Live(scenario, disturbance)); });
+    const std::string outcome = CallForked(scenario.mName + (", " + name),
+                                           [&] { return check(Live(scenario, disturbance)); });
     if (!outcome.empty()) {
         ++mOutcomes[outcome];
     }

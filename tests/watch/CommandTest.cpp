@@ -26,6 +26,22 @@ using testing::StartsWith;
 
 const std::string kDone = R"({"version":1,"ok":true})";
 
+/** One run of parvane-watch. */
+class Watch : public Parvane::Program
+{
+public:
+    explicit Watch(std::vector<std::string> arguments, const Options &options = {})
+        : Program(Command(std::move(arguments)), options)
+    {}
+
+private:
+    static std::vector<std::string> Command(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), PARVANE_WATCH_PROGRAM);
+        return arguments;
+    }
+};
+
 class CommandTest : public testing::Test
 {
 protected:
@@ -73,7 +89,7 @@ protected:
 
 TEST_F(CommandTest, StatusInJsonIsTheObjectOfTheService)
 {
-    Program watch(Arguments({"status", "--json"}));
+    Watch watch(Arguments({"status", "--json"}));
     EXPECT_EQ(json::parse(mService.AcceptRequest()), json({{"version", 1}, {"request", "status"}}));
     mService.Send(R"({"version":1,"ok":true,"status":{"time":"2026-01-31T11:34:59.789Z"}})");
 
@@ -83,7 +99,7 @@ TEST_F(CommandTest, StatusInJsonIsTheObjectOfTheService)
 
 TEST_F(CommandTest, StatusForPeopleIsLines)
 {
-    Program watch(Arguments({"status"}));
+    Watch watch(Arguments({"status"}));
     mService.AcceptRequest();
     mService.Send(R"({"version":1,"ok":true,"status":{"host":null,"link":{"state":"down"}}})");
 
@@ -93,7 +109,7 @@ TEST_F(CommandTest, StatusForPeopleIsLines)
 
 TEST_F(CommandTest, ARequestThatIsServedIsSilent)
 {
-    Program watch(Arguments({"set", "hr", "72"}));
+    Watch watch(Arguments({"set", "hr", "72"}));
     mService.AcceptRequest();
     mService.Send(kDone);
 
@@ -104,7 +120,7 @@ TEST_F(CommandTest, ARequestThatIsServedIsSilent)
 
 TEST_F(CommandTest, ARefusalIsTheServicesWordsAndExitCodeOne)
 {
-    Program watch(Arguments({"link", "up"}));
+    Watch watch(Arguments({"link", "up"}));
     mService.AcceptRequest();
     mService.Send(R"({"version":1,"ok":false,"error":{"code":"bad-value","message":"no link"}})");
 
@@ -116,7 +132,7 @@ TEST_F(CommandTest, ARefusalInJsonIsTheReplyToo)
 {
     const std::string reply =
         R"({"error":{"code":"bad-value","message":"no link"},"ok":false,"version":1})";
-    Program watch(Arguments({"--json", "link", "up"}));
+    Watch watch(Arguments({"--json", "link", "up"}));
     mService.AcceptRequest();
     mService.Send(reply);
 
@@ -127,7 +143,7 @@ TEST_F(CommandTest, ARefusalInJsonIsTheReplyToo)
 
 TEST_F(CommandTest, ABrokenReplyIsExitCodeOne)
 {
-    Program watch(Arguments({"quit"}));
+    Watch watch(Arguments({"quit"}));
     mService.AcceptRequest();
     mService.Send("hello");
 
@@ -137,14 +153,14 @@ TEST_F(CommandTest, ABrokenReplyIsExitCodeOne)
 
 TEST_F(CommandTest, WrongUsageIsExitCodeTwo)
 {
-    Program watch({"set", "steps", "10"});
+    Watch watch({"set", "steps", "10"});
     EXPECT_THAT(watch.ReadErrors(), EndsWith("\nTry 'parvane-watch --help'.\n"));
     EXPECT_EQ(watch.Wait(), 2);
 }
 
 TEST_F(CommandTest, NoServiceIsExitCodeThree)
 {
-    Program watch({"status"}, {.mEnvironment = {{"RUNTIME_DIRECTORY", "/nonexistent"}}});
+    Watch watch({"status"}, {.mEnvironment = {{"RUNTIME_DIRECTORY", "/nonexistent"}}});
     EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot connect to /nonexistent/control.sock: No "
                                   "such file or directory (is the watch service running?)\n");
     EXPECT_EQ(watch.Wait(), 3);
@@ -152,7 +168,7 @@ TEST_F(CommandTest, NoServiceIsExitCodeThree)
 
 TEST_F(CommandTest, ASignalEndsACommandThatWaits)
 {
-    Program watch(Arguments({"status"}));
+    Watch watch(Arguments({"status"}));
     mService.AcceptRequest();
     watch.Signal(SIGINT);
     EXPECT_EQ(watch.Wait(), -SIGINT);
@@ -160,14 +176,14 @@ TEST_F(CommandTest, ASignalEndsACommandThatWaits)
 
 TEST_F(CommandTest, VersionGoesToStandardOutput)
 {
-    Program watch({"--version"});
+    Watch watch({"--version"});
     EXPECT_EQ(watch.ReadOutput(), "parvane-watch " PARVANE_WATCH_VERSION "\n");
     EXPECT_EQ(watch.Wait(), 0);
 }
 
 TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
 {
-    Program watch(Arguments({"status", "--json"}), {.mEnvironment = {}, .mOutputToFull = true});
+    Watch watch(Arguments({"status", "--json"}), {.mEnvironment = {}, .mOutputToFull = true});
     mService.AcceptRequest();
     mService.Send(R"({"version":1,"ok":true,"status":{}})");
 
@@ -181,7 +197,7 @@ TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailureWithoutAServiceToo)
     std::ofstream(File()) << "[sensors]\n";
     const std::vector<std::vector<std::string>> commands = {{"--help"}, {"check-config", File()}};
     for (const auto &command : commands) {
-        Program watch(command, {.mEnvironment = {}, .mOutputToFull = true});
+        Watch watch(command, {.mEnvironment = {}, .mOutputToFull = true});
         EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot write to standard output\n");
         EXPECT_EQ(watch.Wait(), 1);
     }
@@ -189,7 +205,7 @@ TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailureWithoutAServiceToo)
 
 TEST_F(CommandTest, ASignalEndsTheWaitForAReaderThatTakesNothing)
 {
-    Program watch(Arguments({"status", "--json"}));
+    Watch watch(Arguments({"status", "--json"}));
     mService.AcceptRequest();
     // Written out they are three times as long, more than a pipe holds.
     std::string numbers = "9e9";
@@ -205,7 +221,7 @@ TEST_F(CommandTest, ASignalEndsTheWaitForAReaderThatTakesNothing)
 
 TEST_F(CommandTest, EachRowIsInTheFileWhenItComesAndASignalEndsTheRecordingWell)
 {
-    Program watch(Arguments({"record", File()}));
+    Watch watch(Arguments({"record", File()}));
     StartRecording();
     mService.Send(R"({"row":"1\n"})");
     EXPECT_TRUE(ContentBecomes("# head\nt_ms\n1\n"));
@@ -219,7 +235,7 @@ TEST_F(CommandTest, EachRowIsInTheFileWhenItComesAndASignalEndsTheRecordingWell)
 
 TEST_F(CommandTest, TheEndOfTheServiceEndsTheRecordingWell)
 {
-    Program watch(Arguments({"record", File()}));
+    Watch watch(Arguments({"record", File()}));
     StartRecording();
     mService.Send(R"({"row":"1\n"})");
     mService.Send(R"({"end":"service-ended"})");
@@ -230,7 +246,7 @@ TEST_F(CommandTest, TheEndOfTheServiceEndsTheRecordingWell)
 
 TEST_F(CommandTest, ARecordingInJsonCountsWhatItHasAndWhatItLacks)
 {
-    Program watch(Arguments({"--json", "record", File()}));
+    Watch watch(Arguments({"--json", "record", File()}));
     StartRecording();
     mService.Send(R"({"left_out":"first"})");
     mService.Send(R"({"row":"1\n"})");
@@ -250,7 +266,7 @@ TEST_F(CommandTest, ARecordingThatMayLackRowsIsAFailure)
         {"hello", "parvane-watch: the service broke the protocol: a message that is no JSON "
                   "object\n"}};
     for (const auto &[message, complaint] : endings) {
-        Program watch(Arguments({"record", "--force", File()}));
+        Watch watch(Arguments({"record", "--force", File()}));
         StartRecording();
         mService.Send(R"({"row":"1\n"})");
         if (!message.empty()) {
@@ -266,7 +282,7 @@ TEST_F(CommandTest, ARecordingThatMayLackRowsIsAFailure)
 
 TEST_F(CommandTest, AReadingThatIsLeftOutIsSaidAndIsAFailureInTheEnd)
 {
-    Program watch(Arguments({"record", File()}));
+    Watch watch(Arguments({"record", File()}));
     StartRecording();
     mService.Send(R"({"left_out":"first"})");
     mService.Send(R"({"left_out":"second"})");
@@ -282,14 +298,14 @@ TEST_F(CommandTest, AReadingThatIsLeftOutIsSaidAndIsAFailureInTheEnd)
 TEST_F(CommandTest, AFileThatExistsIsKeptUnlessForced)
 {
     std::ofstream(File()) << "precious";
-    Program watch(Arguments({"record", File()}));
+    Watch watch(Arguments({"record", File()}));
     AcceptRecording();
     EXPECT_EQ(watch.ReadErrors(),
               "parvane-watch: cannot make " + File() + ": File exists (--force overwrites it)\n");
     EXPECT_EQ(watch.Wait(), 1);
     EXPECT_EQ(Content(), "precious");
 
-    Program forced(Arguments({"record", "--force", File()}));
+    Watch forced(Arguments({"record", "--force", File()}));
     StartRecording();
     mService.Send(R"({"end":"service-ended"})");
     EXPECT_EQ(forced.Wait(), 0);
@@ -299,7 +315,7 @@ TEST_F(CommandTest, AFileThatExistsIsKeptUnlessForced)
 TEST_F(CommandTest, AServiceThatRefusesToRecordCostsNobodyAFile)
 {
     std::ofstream(File()) << "precious";
-    Program watch(Arguments({"record", "--force", File()}));
+    Watch watch(Arguments({"record", "--force", File()}));
     mService.AcceptRequest();
     mService.Send(R"({"version":1,"ok":false,"error":{"code":"busy","message":"full"}})");
 
@@ -309,7 +325,7 @@ TEST_F(CommandTest, AServiceThatRefusesToRecordCostsNobodyAFile)
 
 TEST_F(CommandTest, AFullDiskEndsTheRecordingAtOnce)
 {
-    Program watch(Arguments({"record", "--force", "/dev/full"}));
+    Watch watch(Arguments({"record", "--force", "/dev/full"}));
     StartRecording();
     EXPECT_EQ(watch.ReadErrors(),
               "parvane-watch: cannot write to /dev/full: No space left on device\n");
@@ -322,7 +338,7 @@ TEST_F(CommandTest, ALimitOfTheSizeOfFilesIsAnErrorLikeAFullDisk)
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
     const rlimit small = {20, limit.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0); // what is started inherits it
-    Program watch(Arguments({"record", File()}));
+    Watch watch(Arguments({"record", File()}));
     ::setrlimit(RLIMIT_FSIZE, &limit);
     StartRecording();
     mService.Send(R"({"row":"12345\n"})");
@@ -336,7 +352,7 @@ TEST_F(CommandTest, ALimitOfTheSizeOfFilesIsAnErrorLikeAFullDisk)
 
 TEST_F(CommandTest, WhatTheServiceSaysCannotSteerTheTerminal)
 {
-    Program watch(Arguments({"quit"}));
+    Watch watch(Arguments({"quit"}));
     mService.AcceptRequest();
     mService.Send(
         R"({"version":1,"ok":false,"error":{"code":"failed","message":"\u001b[2J\u009b2J"}})");
@@ -348,7 +364,7 @@ TEST_F(CommandTest, WhatTheServiceSaysCannotSteerTheTerminal)
 TEST_F(CommandTest, AFifoThatNobodyReadsIsAnErrorAndHoldsNothingUp)
 {
     ASSERT_EQ(::mkfifo(File().c_str(), 0600), 0);
-    Program watch(Arguments({"record", "--force", File()}));
+    Watch watch(Arguments({"record", "--force", File()}));
     AcceptRecording();
 
     EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot make " + File() +
@@ -359,9 +375,9 @@ TEST_F(CommandTest, AFifoThatNobodyReadsIsAnErrorAndHoldsNothingUp)
 TEST_F(CommandTest, ASignalEndsARecordingWhoseReaderTakesNothing)
 {
     ASSERT_EQ(::mkfifo(File().c_str(), 0600), 0);
-    const UniqueFd reader(::open(File().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const Parvane::UniqueFd reader(::open(File().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     ASSERT_TRUE(reader);
-    Program watch(Arguments({"record", "--force", File()}));
+    Watch watch(Arguments({"record", "--force", File()}));
     StartRecording();
     const std::string row = std::string(16000, '1');
     for (int i = 0; i < 6; ++i) {
@@ -379,8 +395,8 @@ TEST_F(CommandTest, ASignalEndsARecordingWhoseReaderTakesNothing)
 
 TEST_F(CommandTest, RowsAreCountedOnATerminalOnly)
 {
-    Program watch(Arguments({"record", File()}),
-                  {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
+    Watch watch(Arguments({"record", File()}),
+                {.mEnvironment = {{"TERM", "xterm"}}, .mErrorsToTerminal = true});
     StartRecording();
     mService.Send(R"({"row":"1\n"})");
     mService.Send(R"({"row":"2\n"})");

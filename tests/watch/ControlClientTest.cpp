@@ -89,8 +89,8 @@ TEST(ControlClientTest, ADescriptorInterruptsTheWaiting)
     ScriptedService service;
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);
-    const UniqueFd readEnd(ends[0]);
-    const UniqueFd writeEnd(ends[1]);
+    const Parvane::UniqueFd readEnd(ends[0]);
+    const Parvane::UniqueFd writeEnd(ends[1]);
     ControlClient client(service.Path(), readEnd.Get());
     service.Accept();
     ASSERT_EQ(write(writeEnd.Get(), "x", 1), 1);

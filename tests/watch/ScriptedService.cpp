@@ -45,7 +45,7 @@ ScriptedService::ScriptedService()
         throw std::runtime_error("the temporary directory's path is too long for a socket");
     }
     std::copy(path.begin(), path.end(), std::begin(address.sun_path));
-    mListener = UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    mListener.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     Check(::bind(mListener.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) ==
               0,
           "bind");
@@ -61,7 +61,7 @@ ScriptedService::~ScriptedService()
 void ScriptedService::Accept()
 {
     AwaitReadable(mListener.Get(), "no client connects");
-    mClient = UniqueFd(::accept4(mListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    mClient.Reset(::accept4(mListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     Check(static_cast<bool>(mClient), "accept");
 }
 

@@ -40,8 +40,8 @@ public:
 
 private:
     std::string mDirectory;
-    UniqueFd mListener;
-    UniqueFd mClient;
+    Parvane::UniqueFd mListener;
+    Parvane::UniqueFd mClient;
 };
 
 } // namespace ParvaneWatch

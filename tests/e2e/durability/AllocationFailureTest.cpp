@@ -173,7 +173,7 @@ template <typename Run>
 std::optional<std::string> OutcomeOf(const Run &run)
 {
     switch (run.mStatus.value_or(-1)) {
-    case 128 + SIGTERM: // it was on its way out already
+    case -SIGTERM: // it was on its way out already
         return Contains(run.mLog, "ParvaneMain: app_terminate(56)") &&
                        Contains(run.mLog, "ParvaneMain: out_of_memory(34)")
                    ? std::optional<std::string>("ended in order")
@@ -189,14 +189,14 @@ std::optional<std::string> OutcomeOf(const Run &run)
     case EXIT_FAILURE:
         return Contains(run.mLog, " E platform: ") ? std::optional<std::string>("refused to start")
                                                    : std::nullopt;
-    case 128 + SIGTRAP:
-    case 128 + SIGABRT:
+    case -SIGTRAP:
+    case -SIGABRT:
         if (Contains(run.mLog, "GLib-ERROR") || Contains(run.mLog, "GLib (gthread-posix.c)") ||
             Contains(run.mLog, "GSlice: failed to allocate")) {
             return "ended by GLib";
         }
         return std::nullopt;
-    case 128 + SIGSEGV:
+    case -SIGSEGV:
         if (run.mReport.has_overflown_in_glib != 0) {
             return "ended by GLib without a word";
         }

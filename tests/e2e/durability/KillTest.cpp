@@ -259,7 +259,7 @@ protected:
     {
         mService->Signal(SIGKILL);
         const int status = mService->WaitForEnd().value_or(-1);
-        ASSERT_TRUE(status == 128 + SIGKILL || status == 0) << status;
+        ASSERT_TRUE(status == -SIGKILL || status == 0) << status;
     }
 
     void CheckWhatIsStored()
