@@ -33,7 +33,7 @@ protected:
     {
         sockaddr_un address{};
         ASSERT_EQ(MakeSocketAddress(mPath, address), 0);
-        mListener.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        mListener.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         ASSERT_EQ(
             ::bind(mListener.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address),
             0);

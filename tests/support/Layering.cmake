@@ -20,15 +20,6 @@ set(MAY_USE_main controls base)
 set(MAY_USE_GLIB hostComm controls)
 set(GLIB_FUNCTIONS g_timeout_add g_free g_try_malloc g_try_malloc0)
 set(MAY_USE_PLATFORM base sensors hostComm controls main)
-set(STANDARD
-    algorithm any array atomic barrier bit bitset cassert cctype cerrno charconv chrono climits cmath
-    compare concepts condition_variable coroutine csignal cstdarg cstddef cstdint cstdio cstdlib
-    cstring ctime deque exception filesystem forward_list fstream functional future
-    initializer_list iomanip ios iosfwd iostream istream iterator latch limits list locale map memory
-    memory_resource mutex new numbers numeric optional ostream queue random ranges ratio regex
-    scoped_allocator semaphore set shared_mutex source_location span sstream stack stdexcept
-    stop_token streambuf string string_view system_error thread tuple type_traits typeindex typeinfo
-    unordered_map unordered_set utility valarray variant vector version)
 
 find_sources(${SERVICE_DIR})
 

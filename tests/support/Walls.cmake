@@ -2,6 +2,16 @@
 # function layer_of(file result), and call find_sources() and find_layers() before anything is checked
 # and report_walls() at the end.
 
+set(STANDARD
+    algorithm any array atomic barrier bit bitset cassert cctype cerrno charconv chrono climits cmath
+    compare concepts condition_variable coroutine csignal cstdarg cstddef cstdint cstdio cstdlib
+    cstring ctime deque exception filesystem forward_list fstream functional future
+    initializer_list iomanip ios iosfwd iostream istream iterator latch limits list locale map memory
+    memory_resource mutex new numbers numeric optional ostream queue random ranges ratio regex
+    scoped_allocator semaphore set shared_mutex source_location span sstream stack stdexcept
+    stop_token streambuf string string_view system_error thread tuple type_traits typeindex typeinfo
+    unordered_map unordered_set utility valarray variant vector version)
+
 # Sets `sources`, the files of the folder, and `count`.
 macro(find_sources folder)
     if(NOT IS_DIRECTORY "${folder}" OR NOT IS_DIRECTORY "${PLATFORM_DIR}")

@@ -8,7 +8,7 @@
 
 #include "ConfigFile.h"
 #include "ConfigSchema.h"
-#include "Printable.h"
+#include "MessageText.h"
 #include "Recording.h"
 #include "StartupError.h"
 

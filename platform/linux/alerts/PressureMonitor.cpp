@@ -17,9 +17,9 @@ PressureMonitor::PressureMonitor(const MemorySettings &settings, Opener open)
     : mSettings(settings), mOpen(std::move(open))
 {}
 
-UniqueFd PressureMonitor::OpenTrigger(const MemorySettings &settings)
+Parvane::UniqueFd PressureMonitor::OpenTrigger(const MemorySettings &settings)
 {
-    UniqueFd file(::open(settings.mPressureFile.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    Parvane::UniqueFd file(::open(settings.mPressureFile.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     if (!file) {
         return file;
     }

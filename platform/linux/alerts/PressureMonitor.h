@@ -21,7 +21,7 @@ public:
      * Opens what has an exceptional event (POLLPRI) each time that memory is low; empty on
      * failure, with errno.
      */
-    using Opener = std::function<UniqueFd(const MemorySettings &settings)>;
+    using Opener = std::function<Parvane::UniqueFd(const MemorySettings &settings)>;
 
     /**
      * @param open  the kernel's file with the limit written to it; tests put a socket in its place
@@ -37,13 +37,13 @@ public:
     bool Start(Alert alert) override;
 
 private:
-    static UniqueFd OpenTrigger(const MemorySettings &settings);
+    static Parvane::UniqueFd OpenTrigger(const MemorySettings &settings);
     void OnEvent();
 
     MemorySettings mSettings;
     Opener mOpen;
     Alert mAlert;
-    UniqueFd mFile;
+    Parvane::UniqueFd mFile;
     LoopSource mEvents;
 };
 

@@ -8,13 +8,13 @@
 
 #include <platform/service_app.h>
 
-#include "Directories.h"
 #include "ErrorCode.h"
-#include "Printable.h"
+#include "MessageText.h"
 #include "Runtime.h"
 #include "RuntimeLog.h"
 #include "ServiceLoop.h"
 #include "Settings.h"
+#include "StandardDescriptors.h"
 #include "StartupError.h"
 
 using namespace ParvanePlatform;
@@ -80,7 +80,7 @@ bool AreValid(int argc, char **argv, const service_app_callbacks *callbacks)
 
 int RunService(const service_app_callbacks &callbacks, void *userData)
 {
-    ReserveStandardDescriptors();
+    Parvane::ReserveStandardDescriptors();
     // Before the runtime: a signal during its construction must wait until there is a loop to end.
     CurrentLoop loop(callbacks, userData);
     const Settings settings = ReadSettings(ProcessEnvironment);

@@ -30,7 +30,7 @@ int WriteAll(int fd, std::string_view content)
 }
 
 /** Opens a regular file that exists. Returns 0, an errno value or kNotARegularFile. */
-int OpenRegularFile(const std::string &path, int flags, UniqueFd &file)
+int OpenRegularFile(const std::string &path, int flags, Parvane::UniqueFd &file)
 {
     struct stat status = {};
     const bool isFollowed = (flags & O_NOFOLLOW) == 0;
@@ -52,7 +52,7 @@ int OpenRegularFile(const std::string &path, int flags, UniqueFd &file)
 
 int WriteNewFile(const std::string &path, std::string_view content, Durability durability)
 {
-    const UniqueFd file(
+    const Parvane::UniqueFd file(
         ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file) {
         return errno;
@@ -98,7 +98,7 @@ int MakeDirectories(const std::string &path, Durability durability)
 
 int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content)
 {
-    UniqueFd file;
+    Parvane::UniqueFd file;
     if (const int error = OpenRegularFile(path, O_RDONLY, file); error != 0) {
         return error;
     }
@@ -126,7 +126,7 @@ int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &co
 
 int WriteInPlace(const std::string &path, std::string_view content)
 {
-    UniqueFd file;
+    Parvane::UniqueFd file;
     const int error = OpenRegularFile(path, O_WRONLY | O_NOFOLLOW, file);
     return error != 0 ? error : WriteAll(file.Get(), content);
 }
@@ -154,7 +154,7 @@ std::string ErrorText(int error)
 
 int SyncDirectory(const std::string &path)
 {
-    const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Parvane::UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory || ::fsync(directory.Get()) != 0) {
         return errno;
     }

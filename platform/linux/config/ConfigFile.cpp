@@ -11,7 +11,7 @@
 
 #include "ConfigSchema.h"
 #include "Files.h"
-#include "Printable.h"
+#include "MessageText.h"
 #include "StartupError.h"
 
 namespace ParvanePlatform {

@@ -4,7 +4,7 @@
 
 #include "ConfigFile.h"
 #include "ConfigSchema.h"
-#include "Printable.h"
+#include "MessageText.h"
 #include "RuntimeLog.h"
 #include "StartupError.h"
 

@@ -60,7 +60,7 @@ void ControlServer::WatchListener()
 
 void ControlServer::OnListenerReady()
 {
-    UniqueFd connection;
+    Parvane::UniqueFd connection;
     if (const int error = mListener.Accept(connection); error != 0) {
         OnAcceptFailed(error);
         return;

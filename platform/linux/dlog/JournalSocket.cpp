@@ -36,7 +36,7 @@ int JournalSocket::Send(std::string_view entry) noexcept
 
 int JournalSocket::SendAsFile(std::string_view entry, int flags) const noexcept
 {
-    const UniqueFd file(::memfd_create("parvane-log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    const Parvane::UniqueFd file(::memfd_create("parvane-log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (!file) {
         return -errno;
     }

@@ -53,7 +53,7 @@ private:
     static SeldomReady *sInstance;
     static Id sLastId;
 
-    UniqueFd mEpoll;
+    Parvane::UniqueFd mEpoll;
     std::map<Id, Entry> mEntries;
     LoopSource mSource;
 };

@@ -23,7 +23,7 @@ constexpr std::int64_t kNanosecondsPerMs = 1'000'000;
  */
 int WriteAttribute(const std::string &path, std::string_view text)
 {
-    const UniqueFd file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    const Parvane::UniqueFd file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     if (!file) {
         return errno;
     }

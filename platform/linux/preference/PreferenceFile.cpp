@@ -275,7 +275,7 @@ PreferenceFile::Finding PreferenceFile::OpenDatabase()
 {
     // Made here and not by SQLite, so that only the owner can read it, whatever the umask; SQLite
     // gives its other files the same mode.
-    const UniqueFd made(
+    const Parvane::UniqueFd made(
         ::open(mPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     const int makeError = !made && errno != EEXIST ? errno : 0;
     if (made) {

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "Files.h"
+#include "MessageText.h"
 #include "Numbers.h"
-#include "Printable.h"
 #include "StartupError.h"
 
 namespace ParvanePlatform {

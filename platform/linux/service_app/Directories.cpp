@@ -30,17 +30,6 @@ void PrepareDirectory(const std::string &path, const std::string &purpose, Durab
     }
 }
 
-void ReserveStandardDescriptors()
-{
-    int fd = 0;
-    do {
-        fd = ::open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0) {
-        ::close(fd);
-    }
-}
-
 InstanceLock::InstanceLock(const std::string &runtimeDirectory)
 {
     const std::string path = runtimeDirectory + "/lock";

@@ -20,12 +20,6 @@ void PrepareDirectory(const std::string &path, const std::string &purpose,
                       Durability durability = Durability::Disk);
 
 /**
- * Opens /dev/null in the place of standard input, output or error when the process was started
- * without it. A socket or file that took the number would get the log lines.
- */
-void ReserveStandardDescriptors();
-
-/**
  * The claim of one process on a run-time directory: a lock on the file "lock" in it. The kernel
  * drops the lock when the process ends, however it ends; the file stays.
  */
@@ -43,7 +37,7 @@ public:
     bool IsHeld() const { return mHeld; }
 
 private:
-    UniqueFd mFile;
+    Parvane::UniqueFd mFile;
     bool mHeld = false;
 };
 

@@ -1,9 +1,5 @@
 #include "ServiceLoop.h"
 
-#include <cerrno>
-#include <sys/signalfd.h>
-#include <system_error>
-#include <unistd.h>
 #include <utility>
 
 #include "RuntimeLog.h"
@@ -14,56 +10,22 @@ struct app_control
 
 namespace ParvanePlatform {
 
-SignalGuard::SignalGuard()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    mFd.Reset(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
-    if (!mFd) {
-        throw std::system_error(errno, std::generic_category(), "signalfd");
-    }
-    pthread_sigmask(SIG_BLOCK, &signals, &mOldMask);
-    struct sigaction ignore = {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &ignore, &mOldPipeAction);
-    sigaction(SIGXFSZ, &ignore, &mOldFileSizeAction);
-}
-
-SignalGuard::~SignalGuard()
-{
-    mSource.Remove();
-    Take();
-    sigaction(SIGXFSZ, &mOldFileSizeAction, nullptr);
-    sigaction(SIGPIPE, &mOldPipeAction, nullptr);
-    pthread_sigmask(SIG_SETMASK, &mOldMask, nullptr);
-}
-
-void SignalGuard::Watch(std::function<void()> handler)
-{
-    mSource = LoopSource::WatchSeldom(mFd.Get(), G_IO_IN, [this, handler = std::move(handler)] {
-        if (const int signal = Take(); signal != 0) {
-            LogInfo("signal %d: ending", signal);
-            handler();
-        }
-    });
-}
-
-int SignalGuard::Take() const
-{
-    int taken = 0;
-    signalfd_siginfo info = {};
-    while (::read(mFd.Get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        taken = static_cast<int>(info.ssi_signo);
-    }
-    return taken;
-}
-
 ServiceLoop::ServiceLoop(const service_app_callbacks &callbacks, void *userData)
     : mCallbacks(callbacks), mUserData(userData), mLoop(g_main_loop_new(nullptr, FALSE))
 {
-    mSignals.Watch([this] { Quit(); });
+    mSignalSource = LoopSource::WatchSeldom(mSignals.Fd(), G_IO_IN, [this] { TakeSignals(); });
+}
+
+void ServiceLoop::TakeSignals()
+{
+    int last = 0;
+    for (int signal = mSignals.Take(); signal != 0; signal = mSignals.Take()) {
+        last = signal;
+    }
+    if (last != 0) {
+        LogInfo("signal %d: ending", last);
+        Quit();
+    }
 }
 
 void ServiceLoop::Run()

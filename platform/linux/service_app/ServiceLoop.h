@@ -1,6 +1,5 @@
 #pragma once
 
-#include <csignal>
 #include <memory>
 
 #include <glib.h>
@@ -11,40 +10,9 @@
 #include "LifecycleEvents.h"
 #include "LoopSource.h"
 #include "ServiceManager.h"
-#include "UniqueFd.h"
+#include "Signals.h"
 
 namespace ParvanePlatform {
-
-/**
- * Holds SIGTERM and SIGINT back and tells the main loop of them; ignores SIGPIPE and SIGXFSZ: what
- * cannot be written is told by the write. The end of the object restores what was before, and forgets
- * the signals that came meanwhile.
- *
- * The signals arrive through a descriptor, because that needs no thread.
- */
-class SignalGuard
-{
-public:
-    /** @throws std::system_error when the system has no descriptor left */
-    SignalGuard();
-    ~SignalGuard();
-
-    SignalGuard(const SignalGuard &) = delete;
-    SignalGuard &operator=(const SignalGuard &) = delete;
-
-    /** Calls `handler` on the main loop for each signal that arrives, also for earlier ones. */
-    void Watch(std::function<void()> handler);
-
-private:
-    /** Takes the signals that wait; returns the last one's number, 0 when there is none. */
-    int Take() const;
-
-    sigset_t mOldMask = {};
-    struct sigaction mOldPipeAction = {};
-    struct sigaction mOldFileSizeAction = {};
-    UniqueFd mFd;
-    LoopSource mSource;
-};
 
 /** The life of the service between create and terminate. One at a time; main thread only. */
 class ServiceLoop : public LifecycleEvents
@@ -74,11 +42,14 @@ private:
     };
 
     void DeliverLaunchRequest();
+    void TakeSignals();
 
     const service_app_callbacks &mCallbacks;
     void *mUserData;
     std::unique_ptr<GMainLoop, LoopUnref> mLoop;
-    SignalGuard mSignals;
+    /** A signal asks for the end; one that comes before the loop runs waits until it does. */
+    Parvane::Signals mSignals;
+    LoopSource mSignalSource;
     LoopSource mLaunch;
     SystemClock mClock;
     LoopTimer mWatchdogTimer;

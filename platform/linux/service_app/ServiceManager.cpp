@@ -79,7 +79,7 @@ int ServiceManager::Send(std::string_view state) const
     if (fd < 0) {
         return fd;
     }
-    const UniqueFd socket(fd);
+    const Parvane::UniqueFd socket(fd);
     return SendDatagram(fd, mAddress, state, 0);
 }
 

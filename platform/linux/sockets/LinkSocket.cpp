@@ -1,17 +1,16 @@
 #include "LinkSocket.h"
 
 #include <cerrno>
-#include <cstring>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 
 #include "Files.h"
 #include "StartupError.h"
+#include "UnixSocket.h"
 
 namespace ParvanePlatform {
 
@@ -51,13 +50,11 @@ void Bind(int fd, const sockaddr_un &address)
 ListeningSocket::ListeningSocket(std::string path)
 {
     sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
+    if (Parvane::MakeSocketAddress(path, address) != 0) {
         throw StartupError("cannot make the socket " + path + ": its path has " +
                            std::to_string(path.size()) + " bytes, the system allows " +
-                           std::to_string(sizeof address.sun_path - 1));
+                           std::to_string(Parvane::LongestSocketPath()));
     }
-    std::memcpy(address.sun_path, path.data(), path.size());
 
     mFd.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!mFd) {
@@ -80,7 +77,7 @@ ListeningSocket::~ListeningSocket()
     ::unlink(mPath.c_str());
 }
 
-int ListeningSocket::Accept(UniqueFd &connection) const
+int ListeningSocket::Accept(Parvane::UniqueFd &connection) const
 {
     connection.Reset(::accept4(mFd.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     return connection ? 0 : errno;

@@ -26,11 +26,11 @@ public:
     int Fd() const { return mFd.Get(); }
 
     /** Takes the next connection, without waiting. @return 0 and the connection, or errno */
-    int Accept(UniqueFd &connection) const;
+    int Accept(Parvane::UniqueFd &connection) const;
 
 private:
     std::string mPath;
-    UniqueFd mFd;
+    Parvane::UniqueFd mFd;
 };
 
 /** The connection of one host; never blocks. */
@@ -44,7 +44,7 @@ public:
     static constexpr int kSendBufferBytes = 131072;
 
     HostSocket() = default;
-    explicit HostSocket(UniqueFd fd) : mFd(std::move(fd)) {}
+    explicit HostSocket(Parvane::UniqueFd fd) : mFd(std::move(fd)) {}
 
     int Fd() const { return mFd.Get(); }
     explicit operator bool() const { return static_cast<bool>(mFd); }
@@ -102,7 +102,7 @@ private:
     /** True when the host has closed its end and no byte of it is left. */
     bool HasEnded() const;
 
-    UniqueFd mFd;
+    Parvane::UniqueFd mFd;
 };
 
 } // namespace ParvanePlatform

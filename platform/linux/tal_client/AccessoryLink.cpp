@@ -216,7 +216,7 @@ void AccessoryLink::OnListenerReady()
         mListenerSource.Remove();
         return;
     }
-    UniqueFd connection;
+    Parvane::UniqueFd connection;
     if (const int error = mListener.Accept(connection); error != 0) {
         OnAcceptFailed(error);
         return;

@@ -103,7 +103,7 @@ private:
     /** Keys are never taken out: delivery walks the map while callbacks may add to it. */
     std::map<std::string, WatchedKey, std::less<>> mWatched;
     std::vector<std::function<void()>> mDelivered;
-    UniqueFd mInotify;
+    Parvane::UniqueFd mInotify;
     std::vector<int> mDirectoryWatches;
     LoopSource mInotifySource;
     LoopSource mDelivery;

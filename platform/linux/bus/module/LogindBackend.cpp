@@ -15,14 +15,14 @@ namespace {
 class Inhibitor : public PowerHold
 {
 public:
-    explicit Inhibitor(UniqueFd fd) : mFd(std::move(fd)) {}
+    explicit Inhibitor(Parvane::UniqueFd fd) : mFd(std::move(fd)) {}
 
 private:
-    UniqueFd mFd;
+    Parvane::UniqueFd mFd;
 };
 
 /** Returns the descriptor that is the inhibitor; none on failure, with why. */
-UniqueFd Inhibit(GDBusConnection *connection, GErrorPtr &failure)
+Parvane::UniqueFd Inhibit(GDBusConnection *connection, GErrorPtr &failure)
 {
     // What a measurement must not be interrupted by: a suspension that somebody asks for, and one
     // that logind begins because nobody touches the device. Shutting down stays allowed.
@@ -37,14 +37,14 @@ UniqueFd Inhibit(GDBusConnection *connection, GErrorPtr &failure)
     const GObjectPtr<GUnixFDList> descriptors(list);
     failure.reset(error);
     if (!answer || !descriptors) {
-        return UniqueFd();
+        return Parvane::UniqueFd();
     }
     gint32 index = 0;
     g_variant_get(answer.get(), "(h)", &index);
     if (index < 0 || index >= g_unix_fd_list_get_length(descriptors.get())) {
-        return UniqueFd();
+        return Parvane::UniqueFd();
     }
-    UniqueFd fd(g_unix_fd_list_get(descriptors.get(), index, &error));
+    Parvane::UniqueFd fd(g_unix_fd_list_get(descriptors.get(), index, &error));
     if (error != nullptr) {
         failure.reset(error);
     }
@@ -59,7 +59,8 @@ std::unique_ptr<PowerHold> LogindBackend::Hold(int /*timeoutMs*/)
 {
     GDBusConnection *connection = mBus->Connection();
     GErrorPtr failure;
-    UniqueFd fd = connection != nullptr ? Inhibit(connection, failure) : UniqueFd();
+    Parvane::UniqueFd fd =
+        connection != nullptr ? Inhibit(connection, failure) : Parvane::UniqueFd();
     std::string problem;
     if (connection == nullptr) {
         problem = "no system bus";

@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "Files.h"
+#include "MessageText.h"
 #include "Numbers.h"
-#include "Printable.h"
 #include "RuntimeLog.h"
 
 namespace ParvanePlatform {

@@ -29,7 +29,7 @@ class SocketPair
 public:
     SocketPair()
     {
-        const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const Parvane::UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -45,7 +45,10 @@ public:
     }
 
     /** The end that is watched, for another owner. */
-    UniqueFd CopyOfNear() const { return UniqueFd(fcntl(mNear.Get(), F_DUPFD_CLOEXEC, 0)); }
+    Parvane::UniqueFd CopyOfNear() const
+    {
+        return Parvane::UniqueFd(fcntl(mNear.Get(), F_DUPFD_CLOEXEC, 0));
+    }
 
     void MakeEvent() const { EXPECT_EQ(send(mFar.Get(), "!", 1, MSG_OOB), 1); }
 
@@ -67,8 +70,8 @@ public:
     }
 
 private:
-    UniqueFd mNear;
-    UniqueFd mFar;
+    Parvane::UniqueFd mNear;
+    Parvane::UniqueFd mFar;
 };
 
 constexpr char kPressureFile[] = "/proc/pressure/memory";
@@ -77,7 +80,7 @@ constexpr char kPressureFile[] = "/proc/pressure/memory";
 
 TEST(PressureMonitorTest, KernelTakesTheLimitAndNothingWakesTheLoop)
 {
-    const UniqueFd file(open(kPressureFile, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const Parvane::UniqueFd file(open(kPressureFile, O_RDWR | O_NONBLOCK | O_CLOEXEC));
     if (!file) {
         GTEST_SKIP() << kPressureFile << " cannot be opened on this machine";
     }

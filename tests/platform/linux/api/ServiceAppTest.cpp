@@ -260,7 +260,7 @@ TEST_F(ServiceAppTest, SecondInstanceIsToldAndDisturbsNothing)
         if (child == 0) {
             // A program of its own, because a service inside of a service is refused before.
             const std::string lock = RunTime() + "/lock";
-            const UniqueFd file(open(lock.c_str(), O_RDWR | O_CLOEXEC));
+            const Parvane::UniqueFd file(open(lock.c_str(), O_RDWR | O_CLOEXEC));
             _exit(flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno);
         }
         int status = 0;
@@ -269,7 +269,7 @@ TEST_F(ServiceAppTest, SecondInstanceIsToldAndDisturbsNothing)
         EXPECT_EQ(Run(), -1);
     });
 
-    const UniqueFd other(open((RunTime() + "/lock").c_str(), O_RDWR | O_CLOEXEC));
+    const Parvane::UniqueFd other(open((RunTime() + "/lock").c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(flock(other.Get(), LOCK_EX | LOCK_NB), 0);
     WriteFile(RunTime() + "/link.sock", "the other one's");
     mEvents.clear();

@@ -91,7 +91,7 @@ public:
     int Fd() const { return mFd.Get(); }
 
 private:
-    UniqueFd mFd;
+    Parvane::UniqueFd mFd;
 };
 
 #ifdef __SANITIZE_ADDRESS__

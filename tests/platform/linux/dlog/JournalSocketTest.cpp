@@ -31,7 +31,7 @@ protected:
     }
 
     /** The next entry's datagram; `attached` takes the descriptor that came along. */
-    std::string Receive(UniqueFd &attached) const
+    std::string Receive(Parvane::UniqueFd &attached) const
     {
         char text[512];
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
@@ -55,7 +55,7 @@ protected:
 
     TemporaryDirectory mDirectory;
     std::string mPath = mDirectory / "journal";
-    UniqueFd mListener;
+    Parvane::UniqueFd mListener;
     JournalSocket mJournal{mPath.c_str()};
 };
 
@@ -63,7 +63,7 @@ TEST_F(JournalSocketTest, EntryIsOneDatagram)
 {
     Listen();
     EXPECT_EQ(mJournal.Send("PRIORITY=4\nMESSAGE=text\n"), 0);
-    UniqueFd attached;
+    Parvane::UniqueFd attached;
     EXPECT_EQ(Receive(attached), "PRIORITY=4\nMESSAGE=text\n");
     EXPECT_FALSE(attached);
 }
@@ -73,7 +73,7 @@ TEST_F(JournalSocketTest, EntryThatIsTooLongComesAsASealedFile)
     Listen();
     const std::string entry = "MESSAGE=" + std::string(1'000'000, 'x') + "\n";
     EXPECT_EQ(mJournal.Send(entry), 0);
-    UniqueFd attached;
+    Parvane::UniqueFd attached;
     EXPECT_EQ(Receive(attached), "");
     ASSERT_TRUE(attached);
     std::string content(entry.size() + 1, '\0');
@@ -109,7 +109,7 @@ TEST_F(JournalSocketTest, JournalThatDoesNotReadHoldsNothingUp)
     // A thousand waits would take ten seconds.
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 
-    UniqueFd attached;
+    Parvane::UniqueFd attached;
     EXPECT_EQ(Receive(attached), "MESSAGE=a\n");
     EXPECT_EQ(mJournal.Send("MESSAGE=c\n"), 0);
 }

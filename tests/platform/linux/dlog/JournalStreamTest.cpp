@@ -49,8 +49,8 @@ protected:
         mOther.Reset(fds[1]);
     }
 
-    UniqueFd mStream;
-    UniqueFd mOther;
+    Parvane::UniqueFd mStream;
+    Parvane::UniqueFd mOther;
     ScopedEnvironment mEnvironment;
 };
 

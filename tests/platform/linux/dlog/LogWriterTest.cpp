@@ -137,8 +137,8 @@ TEST(LogWriterTest, EachLineIsOneWrite)
 {
     int fds[2] = {-1, -1};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
-    const UniqueFd writer(fds[0]);
-    const UniqueFd reader(fds[1]);
+    const Parvane::UniqueFd writer(fds[0]);
+    const Parvane::UniqueFd reader(fds[1]);
 
     const std::string text(5000, 'x');
     EXPECT_EQ(WriteLine(writer.Get(), "%s", "short"), 38);
@@ -156,7 +156,7 @@ TEST(LogWriterTest, WithoutMemoryALongLineIsCutAndNotLost)
     GTEST_SKIP() << "the address sanitizer ends a program without memory";
 #endif
     constexpr int kNoLimit = 2;
-    const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const Parvane::UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
     const std::string text(std::size_t{8} << 20U, 'x');
     const pid_t child = fork();
     ASSERT_GE(child, 0);
@@ -180,13 +180,13 @@ TEST(LogWriterTest, WithoutMemoryALongLineIsCutAndNotLost)
 
 TEST(LogWriterTest, TargetIsLookedAtOnce)
 {
-    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
+    const Parvane::UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
     ASSERT_TRUE(master && grantpt(master.Get()) == 0 && unlockpt(master.Get()) == 0);
-    const UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY));
+    const Parvane::UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY));
     int fds[2] = {-1, -1};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    const UniqueFd writer(fds[0]);
-    const UniqueFd reader(fds[1]);
+    const Parvane::UniqueFd writer(fds[0]);
+    const Parvane::UniqueFd reader(fds[1]);
     LogWriter log(writer.Get());
     EXPECT_EQ(WriteLine(log, "\033[1m%s", "a"), 34);
 
@@ -197,9 +197,9 @@ TEST(LogWriterTest, TargetIsLookedAtOnce)
 
 TEST(LogWriterTest, TerminalGetsColours)
 {
-    const UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
+    const Parvane::UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
     ASSERT_TRUE(master && grantpt(master.Get()) == 0 && unlockpt(master.Get()) == 0);
-    const UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY));
+    const Parvane::UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY));
     ASSERT_TRUE(terminal);
 
     EXPECT_EQ(WriteLine(terminal.Get(), "\033[1;35m%s\033[0;m", "###"), 48);

@@ -81,7 +81,7 @@ TEST(LoopSourceTest, TimerFiresAtItsTimeAndNotBefore)
 
 TEST(LoopSourceTest, WatchedDescriptorCallsWhileItIsReady)
 {
-    const UniqueFd event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    const Parvane::UniqueFd event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     int calls = 0;
     const LoopSource source = LoopSource::WatchFd(event.Get(), G_IO_IN, [&] {
         ++calls;

@@ -15,20 +15,20 @@
 namespace ParvanePlatform {
 namespace {
 
-UniqueFd MakeEvent(unsigned value)
+Parvane::UniqueFd MakeEvent(unsigned value)
 {
-    return UniqueFd(::eventfd(value, EFD_NONBLOCK | EFD_CLOEXEC));
+    return Parvane::UniqueFd(::eventfd(value, EFD_NONBLOCK | EFD_CLOEXEC));
 }
 
 /** Makes the event ready. */
-void Raise(const UniqueFd &event)
+void Raise(const Parvane::UniqueFd &event)
 {
     const eventfd_t one = 1;
     ASSERT_EQ(::eventfd_write(event.Get(), one), 0);
 }
 
 /** Makes the event not ready any more. */
-void Lower(const UniqueFd &event)
+void Lower(const Parvane::UniqueFd &event)
 {
     eventfd_t value = 0;
     ASSERT_EQ(::eventfd_read(event.Get(), &value), 0);
@@ -41,8 +41,8 @@ long OpenDescriptors()
 
 TEST(SeldomReadyTest, ReadyDescriptorsAreCalledEachForItself)
 {
-    const UniqueFd first = MakeEvent(0);
-    const UniqueFd second = MakeEvent(0);
+    const Parvane::UniqueFd first = MakeEvent(0);
+    const Parvane::UniqueFd second = MakeEvent(0);
     std::string calls;
     const LoopSource firstSource = LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&] {
         calls += 'a';
@@ -66,7 +66,7 @@ TEST(SeldomReadyTest, ReadyDescriptorsAreCalledEachForItself)
 
 TEST(SeldomReadyTest, DescriptorThatStaysReadyIsCalledInEachTurn)
 {
-    const UniqueFd event = MakeEvent(1);
+    const Parvane::UniqueFd event = MakeEvent(1);
     int calls = 0;
     const LoopSource source = LoopSource::WatchSeldom(event.Get(), G_IO_IN, [&calls] { ++calls; });
     for (int turn = 0; turn < 3; ++turn) {
@@ -79,8 +79,8 @@ TEST(SeldomReadyTest, EndedSourceIsNotCalledAndTheSetGoesWithTheLast)
 {
     RunWhileBusy(); // the loop has its own descriptors from now on
     const long before = OpenDescriptors();
-    const UniqueFd first = MakeEvent(1);
-    const UniqueFd second = MakeEvent(1);
+    const Parvane::UniqueFd first = MakeEvent(1);
+    const Parvane::UniqueFd second = MakeEvent(1);
     int calls = 0;
     {
         LoopSource firstSource =
@@ -106,8 +106,8 @@ TEST(SeldomReadyTest, HandlerMayEndItselfTheOthersAndTheSet)
         LoopSource mFirst;
         LoopSource mSecond;
     };
-    const UniqueFd first = MakeEvent(1);
-    const UniqueFd second = MakeEvent(1);
+    const Parvane::UniqueFd first = MakeEvent(1);
+    const Parvane::UniqueFd second = MakeEvent(1);
     auto sources = std::make_unique<Sources>();
     const auto canary = std::make_shared<int>(5);
     int seen = 0;
@@ -125,8 +125,8 @@ TEST(SeldomReadyTest, HandlerMayEndItselfTheOthersAndTheSet)
 
 TEST(SeldomReadyTest, MovedSourceGoesOnAndReplacedOneEnds)
 {
-    const UniqueFd first = MakeEvent(1);
-    const UniqueFd second = MakeEvent(1);
+    const Parvane::UniqueFd first = MakeEvent(1);
+    const Parvane::UniqueFd second = MakeEvent(1);
     std::string calls;
     LoopSource source = LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&calls] { calls += 'a'; });
     LoopSource other = LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&calls] { calls += 'b'; });
@@ -138,8 +138,8 @@ TEST(SeldomReadyTest, MovedSourceGoesOnAndReplacedOneEnds)
 TEST(SeldomReadyTest, ExceptionIsLoggedAndTheOthersAreCalled)
 {
     StderrCapture log;
-    const UniqueFd first = MakeEvent(0);
-    const UniqueFd second = MakeEvent(0);
+    const Parvane::UniqueFd first = MakeEvent(0);
+    const Parvane::UniqueFd second = MakeEvent(0);
     int calls = 0;
     const LoopSource failing = LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&first] {
         Lower(first);
@@ -163,7 +163,7 @@ TEST(SeldomReadyTest, DescriptorThatTheKernelCannotKeepInASetIsWatchedAllTheSame
     const TemporaryDirectory directory;
     const std::string path = directory / "file";
     // A file of the disk is always ready, and epoll refuses it.
-    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const Parvane::UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_FALSE(SeldomReady::Watch(file.Get(), G_IO_IN, [] {}).has_value());
     int calls = 0;
     const LoopSource source = LoopSource::WatchSeldom(file.Get(), G_IO_IN, [&calls] { ++calls; });

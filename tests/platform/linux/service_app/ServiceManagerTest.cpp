@@ -55,7 +55,7 @@ protected:
     }
 
     TemporaryDirectory mDirectory;
-    UniqueFd mSocket;
+    Parvane::UniqueFd mSocket;
     ScopedEnvironment mEnvironment;
     ManualClock mClock;
     ManualTimer mTimer;
@@ -76,7 +76,7 @@ TEST_F(ServiceManagerTest, ManagerIsToldOfTheBeginningAndTheEnd)
 
 TEST_F(ServiceManagerTest, AbstractSocketIsReached)
 {
-    const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Parvane::UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr family = {AF_UNIX, {}};
     // The kernel finds an abstract name that nobody has.
     ASSERT_EQ(bind(socket.Get(), &family, sizeof family.sa_family), 0);
@@ -169,7 +169,7 @@ TEST_F(ServiceManagerTest, ManagerThatCannotBeReachedIsOneWarning)
 
 TEST_F(ServiceManagerTest, ManagerThatDoesNotReadIsLeftAloneAfterASecond)
 {
-    const UniqueFd filler(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Parvane::UniqueFd filler(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     while (SendDatagram(filler.Get(), Path(), "x", MSG_DONTWAIT) == 0) {
     }
     StderrCapture capture;

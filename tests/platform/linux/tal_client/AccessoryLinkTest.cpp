@@ -77,7 +77,7 @@ public:
     int Fd() const { return mFd.Get(); }
 
 private:
-    UniqueFd mFd;
+    Parvane::UniqueFd mFd;
     int mConnectError = 0;
 };
 

@@ -8,14 +8,14 @@
 #include <fstream>
 #include <map>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "UniqueFd.h"
 
 namespace ParvanePlatform {
 
@@ -53,46 +53,30 @@ GObjectPtr<GDBusConnection> TryConnect(const std::string &address)
 
 void Companion::Start(const std::vector<std::string> &command, const std::string &outputFile)
 {
+    const Parvane::UniqueFd output(
+        open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    Parvane::ChildProcess::Start start;
+    start.mCommand = command;
+    start.mEnvironment = Parvane::ChildProcess::OwnEnvironment();
+    start.mOutput = output.Get();
+    start.mErrors = output.Get();
     Kill();
-    std::vector<std::string> texts = command;
-    std::vector<char *> arguments;
-    arguments.reserve(texts.size() + 1);
-    for (std::string &text : texts) {
-        arguments.push_back(text.data());
-    }
-    arguments.push_back(nullptr);
-    mPid = fork();
-    if (mPid < 0) {
-        throw std::system_error(errno, std::generic_category(), "fork");
-    }
-    if (mPid > 0) {
-        return;
-    }
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int output = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    dup2(output, STDOUT_FILENO);
-    dup2(output, STDERR_FILENO);
-    execv(arguments.front(), arguments.data());
-    _exit(127);
+    mProcess.emplace(start);
 }
 
 void Companion::Kill()
 {
-    if (mPid > 0) {
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-        mPid = -1;
-    }
+    mProcess.reset();
 }
 
 void Companion::Pause() const
 {
-    kill(mPid, SIGSTOP);
+    mProcess->Signal(SIGSTOP);
 }
 
 void Companion::Resume() const
 {
-    kill(mPid, SIGCONT);
+    mProcess->Signal(SIGCONT);
 }
 
 MockedService::MockedService(const PrivateBus &bus, const std::string &busTemplate,

@@ -4,9 +4,9 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "GObjectPtr.h"
 
 namespace ParvanePlatform {
@@ -15,12 +15,6 @@ namespace ParvanePlatform {
 class Companion
 {
 public:
-    Companion() = default;
-    ~Companion() { Kill(); }
-
-    Companion(const Companion &) = delete;
-    Companion &operator=(const Companion &) = delete;
-
     /** Starts a program in place of the one before, with what it prints in `outputFile`. */
     void Start(const std::vector<std::string> &command, const std::string &outputFile);
 
@@ -32,7 +26,7 @@ public:
     void Resume() const;
 
 private:
-    pid_t mPid = -1;
+    std::optional<Parvane::ChildProcess> mProcess;
 };
 
 class PrivateBus;

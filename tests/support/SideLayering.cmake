@@ -1,0 +1,66 @@
+# Holds the walls around common/, the phone's side and the view into the service:
+# cmake -DROOT=... -P
+#
+# The phone's side and the service share the wire format's document and nothing else; so each folder
+# names here whose headers it may use, and which headers of the system beside the standard library's.
+
+cmake_minimum_required(VERSION 3.25)
+
+include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
+
+set(FOLDERS common host host/command watch watch/check_config)
+set(SEES_common "")
+set(SEES_host common)
+set(SEES_host/command host common)
+set(SEES_watch watch/check_config common)
+# Checks a configuration as the runtime does.
+set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
+
+set(POSIX dirent.h fcntl.h poll.h signal.h sys/ioctl.h sys/signalfd.h sys/socket.h sys/stat.h sys/types.h
+    sys/un.h termios.h unistd.h)
+set(LIBRARIES_common "")
+set(LIBRARIES_host "")
+set(LIBRARIES_host/command CLI nlohmann)
+set(LIBRARIES_watch CLI nlohmann)
+set(LIBRARIES_watch/check_config nlohmann)
+
+set(count 0)
+foreach(folder IN LISTS FOLDERS)
+    file(GLOB sources RELATIVE ${ROOT} ${ROOT}/${folder}/*.h ${ROOT}/${folder}/*.cpp)
+    if(NOT sources)
+        message(FATAL_ERROR "nothing in ${ROOT}/${folder}: this is not the right folder")
+    endif()
+    foreach(file IN LISTS sources)
+        math(EXPR count "${count} + 1")
+        file(STRINGS ${ROOT}/${file} includes REGEX "^[ \t]*#[ \t]*include")
+        foreach(line IN LISTS includes)
+            if(line MATCHES "\"([^\"/]+)\"")
+                set(header ${CMAKE_MATCH_1})
+                set(found FALSE)
+                foreach(home IN LISTS folder SEES_${folder})
+                    if(EXISTS ${ROOT}/${home}/${header})
+                        set(found TRUE)
+                    endif()
+                endforeach()
+                if(NOT found)
+                    offend("includes \"${header}\", which is none of ${folder};${SEES_${folder}}")
+                endif()
+            elseif(line MATCHES "<(([A-Za-z]+)/[^>]+|[^>]+)>")
+                if(NOT CMAKE_MATCH_1 IN_LIST STANDARD AND NOT CMAKE_MATCH_1 IN_LIST POSIX
+                        AND NOT CMAKE_MATCH_2 IN_LIST LIBRARIES_${folder})
+                    offend("includes <${CMAKE_MATCH_1}>, which ${folder} may not use")
+                endif()
+            else()
+                offend("has an include that cannot be read: ${line}")
+            endif()
+        endforeach()
+    endforeach()
+endforeach()
+
+file(GLOB_RECURSE all ${ROOT}/common/*.h ${ROOT}/common/*.cpp ${ROOT}/host/*.h ${ROOT}/host/*.cpp
+    ${ROOT}/watch/*.h ${ROOT}/watch/*.cpp)
+list(LENGTH all expected)
+if(NOT count EQUAL expected)
+    message(FATAL_ERROR "${expected} files, but ${count} in the folders that are known here")
+endif()
+report_walls()
