@@ -16,7 +16,9 @@ WaitResult WaitFor(int fd, short events, const Deadline &deadline, const WaitOpt
                                    : kLongestPoll;
 
     for (;;) {
-        std::array<pollfd, 2> polled{{{fd, events, 0}, {options.mInterruptFd, POLLIN, 0}}};
+        // An output whose reader has gone shows that without being asked for.
+        std::array<pollfd, 3> polled{
+            {{fd, events, 0}, {options.mInterruptFd, POLLIN, 0}, {options.mOutputFd, 0, 0}}};
         const milliseconds remaining = deadline.Remaining();
         const auto timeout = static_cast<int>(std::min(remaining, slice).count());
         const int ready = poll(polled.data(), polled.size(), timeout);
@@ -24,7 +26,8 @@ WaitResult WaitFor(int fd, short events, const Deadline &deadline, const WaitOpt
             return WaitResult::Failed;
         }
         if (ready > 0) {
-            return polled[1].revents != 0 ? WaitResult::Interrupted : WaitResult::Ready;
+            const bool isInterrupted = polled[1].revents != 0 || polled[2].revents != 0;
+            return isInterrupted ? WaitResult::Interrupted : WaitResult::Ready;
         }
         if (remaining == milliseconds{0}) {
             return WaitResult::TimedOut;

@@ -12,6 +12,11 @@ struct WaitOptions
 {
     /** Borrowed; -1 for none. While it is readable, every wait ends as interrupted. Nobody reads it here. */
     int mInterruptFd = -1;
+    /**
+     * Borrowed; -1 for none. When nobody reads any more what is written there, every wait ends as
+     * interrupted.
+     */
+    int mOutputFd = -1;
     /** Called about every mTickPeriod while waiting, and never elsewhere; must not use the client. */
     std::function<void()> mOnTick = nullptr;
     std::chrono::milliseconds mTickPeriod{100};

@@ -63,13 +63,13 @@ Client::Client(ClientOptions options, UniqueFd socket) : Client(std::move(option
     mLink.emplace(std::move(socket), mOptions.mPath);
 }
 
-std::optional<Error> Client::Connect()
+std::optional<Error> Client::Connect(const Deadline &bound)
 {
     if (mLink) {
         return std::nullopt;
     }
-    auto link =
-        Link::Connect(mOptions.mPath, Deadline::After(mOptions.mConnectTimeout), mOptions.mWait);
+    auto link = Link::Connect(
+        mOptions.mPath, Deadline::After(mOptions.mConnectTimeout).Earlier(bound), mOptions.mWait);
     if (!link) {
         return std::move(link).GetError();
     }
@@ -82,10 +82,10 @@ void Client::Disconnect() noexcept
     mLink.reset();
 }
 
-std::optional<Error> Client::Reconnect()
+std::optional<Error> Client::Reconnect(const Deadline &bound)
 {
     Disconnect();
-    return Connect();
+    return Connect(bound);
 }
 
 Result<SensorList, Error> Client::ListSensors(const Deadline &deadline)

@@ -52,14 +52,14 @@ public:
     /** A client over a socket that is connected already; Reconnect() goes to `options.mPath`. */
     Client(ClientOptions options, UniqueFd socket);
 
-    /** Connects within mConnectTimeout; does nothing while connected. */
-    std::optional<Error> Connect();
+    /** Connects within mConnectTimeout, and before `bound`; does nothing while connected. */
+    std::optional<Error> Connect(const Deadline &bound = Deadline::Never());
 
     /** Closes the link, if any. What Receive() holds is kept. */
     void Disconnect() noexcept;
 
     /** Disconnect() and Connect(). The watch ends the pushing of activities when a link goes. */
-    std::optional<Error> Reconnect();
+    std::optional<Error> Reconnect(const Deadline &bound = Deadline::Never());
 
     [[nodiscard]] bool IsConnected() const noexcept { return mLink.has_value(); }
 

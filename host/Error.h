@@ -35,7 +35,7 @@ struct ProtocolError
     std::string mWhat;
 };
 
-/** WaitOptions::mInterruptFd ended a wait. The link is still there. */
+/** WaitOptions::mInterruptFd or mOutputFd ended a wait. The link is still there. */
 struct Interrupted
 {};
 

@@ -24,12 +24,12 @@ SensorWatch::SensorWatch(Client &client, Sensor sensor, SensorWatchOptions optio
       mBackoff(mOptions.mFirstDelay, mOptions.mLongestDelay)
 {}
 
-std::optional<Error> SensorWatch::Begin()
+std::optional<Error> SensorWatch::Begin(const Deadline &bound)
 {
-    if (auto error = mClient->Connect()) {
+    if (auto error = mClient->Connect(bound)) {
         return error;
     }
-    return StartSensor(Deadline::Never());
+    return StartSensor(bound);
 }
 
 Result<Reading, Error> SensorWatch::Next(const Deadline &deadline)
@@ -60,13 +60,13 @@ Result<Reading, Error> SensorWatch::Next(const Deadline &deadline)
     return reading;
 }
 
-std::optional<Error> SensorWatch::End()
+std::optional<Error> SensorWatch::End(const Deadline &bound)
 {
     mRunning = false;
     if (mSensor != Sensor::Activity || !mClient->IsConnected()) {
         return std::nullopt;
     }
-    auto stopped = mClient->Stop(mSensor, Deadline::After(mOptions.mRequestTimeout));
+    auto stopped = mClient->Stop(mSensor, Deadline::After(mOptions.mRequestTimeout).Earlier(bound));
     if (!stopped) {
         return std::move(stopped).GetError();
     }
@@ -101,7 +101,7 @@ std::optional<Error> SensorWatch::Resume(const Deadline &deadline)
     if (deadline.HasPassed()) {
         return Timeout{"the next reading", deadline.Length()};
     }
-    auto error = mClient->Reconnect();
+    auto error = mClient->Reconnect(deadline);
     if (!error) {
         error = StartSensor(deadline);
     }

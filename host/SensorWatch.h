@@ -41,8 +41,10 @@ public:
     /**
      * Connects and starts the sensor. Here every failure is final: a wrong path, another host, a
      * silent watch. The first readings come from Next().
+     *
+     * @param bound  when the whole attempt is given up at the latest
      */
-    std::optional<Error> Begin();
+    std::optional<Error> Begin(const Deadline &bound = Deadline::Never());
 
     /**
      * The next reading. Fails with Timeout at the deadline, Interrupted, and ProtocolError; a lost
@@ -52,9 +54,10 @@ public:
 
     /**
      * Stops an activity that was started, or whose start was interrupted, and awaits the
-     * acknowledgement. Does nothing without a link: the watch stops by itself when it goes.
+     * acknowledgement, until `bound` at the latest. Does nothing without a link: the watch stops by
+     * itself when it goes.
      */
-    std::optional<Error> End();
+    std::optional<Error> End(const Deadline &bound = Deadline::Never());
 
 private:
     std::optional<Error> StartSensor(const Deadline &bound);

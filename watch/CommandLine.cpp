@@ -85,7 +85,7 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     CLI::App *record = app.add_subcommand(
         "record", "Write every reading of the sensors to a file that the replay\n"
                   "source plays, until Ctrl-C, SIGTERM or the service's end");
-    record->add_option("file", texts.mFile, "The recording");
+    record->add_option("file", texts.mFile, "The recording; - is standard output");
     record->add_flag("--force", texts.mForce, "Overwrite a file that exists");
 
     CLI::App *check = app.add_subcommand(
@@ -245,6 +245,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         request = {{"request", name}};
         invocation.mFile = *texts.mFile;
         invocation.mForce = texts.mForce;
+        const bool toOutput = invocation.mFile == "-" || invocation.mFile == "/dev/stdout";
+        if (toOutput && invocation.mJson) {
+            throw UsageError("record: --json and the recording cannot both go to standard output");
+        }
     } else {
         invocation.mAction = Invocation::Action::Request;
         if (name == "set") {

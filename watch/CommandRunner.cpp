@@ -151,6 +151,9 @@ bool CommandRunner::TakeMessage(const json &message)
 bool CommandRunner::WriteRow(const std::string &lines)
 {
     const int error = mFile.Write(lines);
+    if (error == EPIPE && mFile.IsStandardOutput()) {
+        return false; // a reader that has gone wants no more
+    }
     if (error != 0) {
         const bool isStuck = error == EINTR || error == ETIMEDOUT;
         Complain(

@@ -11,17 +11,20 @@
 #include "CheckConfig.h"
 #include "CommandLine.h"
 #include "CommandRunner.h"
+#include "ErrnoText.h"
 #include "Output.h"
 #include "Signals.h"
+#include "StandardDescriptors.h"
 
 namespace {
 
 using Parvane::WriteAll;
 using ParvaneWatch::ExitCode;
 
-ParvaneWatch::Outcome CannotWrite()
+ParvaneWatch::Outcome CannotWrite(int error)
 {
-    WriteAll(STDERR_FILENO, "parvane-watch: cannot write to standard output\n");
+    WriteAll(STDERR_FILENO,
+             "parvane-watch: cannot write to standard output: " + Parvane::ErrnoText(error) + '\n');
     return {ExitCode::Failure};
 }
 
@@ -29,7 +32,7 @@ ParvaneWatch::Outcome End(const ParvaneWatch::Ending &ending)
 {
     const int error = WriteAll(STDOUT_FILENO, ending.mOutput);
     WriteAll(STDERR_FILENO, ending.mError);
-    return error == 0 || error == EPIPE ? ParvaneWatch::Outcome{ending.mCode} : CannotWrite();
+    return error == 0 || error == EPIPE ? ParvaneWatch::Outcome{ending.mCode} : CannotWrite(error);
 }
 
 ParvaneWatch::Outcome CheckConfig(const ParvaneWatch::Invocation &invocation)
@@ -39,7 +42,7 @@ ParvaneWatch::Outcome CheckConfig(const ParvaneWatch::Invocation &invocation)
         ParvaneWatch::CheckConfig(invocation.mFile, invocation.mJson, output, std::cerr);
     const int error = WriteAll(STDOUT_FILENO, output.str());
     return error == 0 || error == EPIPE ? ParvaneWatch::Outcome{static_cast<ExitCode>(code)}
-                                        : CannotWrite();
+                                        : CannotWrite(error);
 }
 
 ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
@@ -62,6 +65,7 @@ ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
 
 int main(int argc, char **argv)
 {
+    Parvane::ReserveStandardDescriptors();
     try {
         const auto outcome = Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
         if (outcome.mSignal != 0) {

@@ -4,11 +4,26 @@
 #include <cstddef>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace ParvaneWatch {
 
+RecordingFile::RecordingFile(std::string path, int interruptFd)
+    : mPath(std::move(path)),
+      mIsStandardOutput(mPath == "-" || mPath == "/dev/stdout"),
+      mPatience{interruptFd, -1, kGraceMs}
+{
+    if (mIsStandardOutput) {
+        mPath = "standard output";
+    }
+}
+
 int RecordingFile::Open(bool mayReplace)
 {
+    if (mIsStandardOutput) {
+        mFd.Reset(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+        return mFd ? 0 : errno;
+    }
     // Not blocking: nothing could interrupt the wait for a FIFO's reader.
     const int flags =
         O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (mayReplace ? O_TRUNC : O_EXCL);
@@ -20,8 +35,11 @@ int RecordingFile::Open(bool mayReplace)
 int RecordingFile::Write(std::string_view lines)
 {
     if (const int error = Parvane::WriteAll(mFd.Get(), lines, mPatience); error != 0) {
-        // What stays is a recording of the rows before; a pipe or a device has no end to cut.
-        [[maybe_unused]] const int cut = ::ftruncate(mFd.Get(), mSize);
+        // What stays is a recording of the rows before; a pipe or a device has no end to cut, and
+        // what standard output had before is not this program's.
+        if (!mIsStandardOutput) {
+            [[maybe_unused]] const int cut = ::ftruncate(mFd.Get(), mSize);
+        }
         return error;
     }
     mSize += static_cast<off_t>(lines.size());

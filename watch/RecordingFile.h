@@ -17,12 +17,10 @@ public:
     static constexpr int kGraceMs = 500;
 
     /** @param interruptFd  borrowed; readable once the recording is to end, -1 for never */
-    explicit RecordingFile(std::string path, int interruptFd = -1)
-        : mPath(std::move(path)), mPatience{interruptFd, -1, kGraceMs}
-    {}
+    explicit RecordingFile(std::string path, int interruptFd = -1);
 
     /**
-     * Makes the file.
+     * Makes the file; "-" and "/dev/stdout" are the standard output that is there.
      *
      * @param mayReplace  whether what is there already may be overwritten
      * @return 0 or an errno value; EEXIST; ENXIO for a FIFO that nobody reads
@@ -44,10 +42,14 @@ public:
     /** Makes everything durable and closes the file. @return 0 or an errno value */
     int Close();
 
+    /** For messages. */
     [[nodiscard]] const std::string &Path() const { return mPath; }
+
+    [[nodiscard]] bool IsStandardOutput() const { return mIsStandardOutput; }
 
 private:
     std::string mPath;
+    bool mIsStandardOutput;
     Parvane::Patience mPatience;
     Parvane::UniqueFd mFd;
     off_t mSize = 0;

@@ -33,7 +33,7 @@ struct Texts
     std::optional<std::string> mSocket;
     std::optional<std::string> mTimeout;
     std::optional<std::string> mFor;
-    std::optional<std::string> mWait;
+    std::optional<std::string> mQuietFor;
     std::optional<std::string> mSensor;
     std::vector<std::string> mPackets;
     bool mJson = false;
@@ -90,7 +90,10 @@ void AddSubcommands(CLI::App &app, Texts &texts)
                     "A packet each: pairs of hex digits; blanks and colons are allowed")
         ->type_name("HEX")
         ->required();
-    raw->add_option("--wait", texts.mWait, "How long is quiet (default 1000)")->type_name("MS");
+    raw->add_option(
+           "--quiet-for,--wait", texts.mQuietFor,
+           "How long is quiet; however long that takes\n(default: 1000, and the end after 2000)")
+        ->type_name("MS");
 
     for (CLI::App *subcommand : {list, measure, watch, stop, raw}) {
         subcommand->footer("The options of 'parvane-host --help' are allowed here, too.");
@@ -108,7 +111,7 @@ void AddOptions(CLI::App &app, Texts &texts)
     app.add_option("--timeout", texts.mTimeout,
                    "How long to wait for the watch\n"
                    "(default: 20 for hr, 8 for wear, else 5;\n"
-                   "for raw the longest it runs, default: no limit)")
+                   "for raw the longest it runs)")
         ->type_name("SECONDS");
     app.add_flag("--json", texts.mJson, "Print one JSON object a line");
     app.set_version_flag("--version", std::string(kProgram) + " " + PARVANE_HOST_VERSION,
@@ -254,8 +257,8 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     } else if (app.got_subcommand("raw")) {
         invocation.mAction = Invocation::Action::Raw;
         invocation.mPackets = ParsePackets(texts.mPackets);
-        if (texts.mWait) {
-            invocation.mWait = ParseMilliseconds("--wait", *texts.mWait);
+        if (texts.mQuietFor) {
+            invocation.mQuietFor = ParseMilliseconds("--quiet-for", *texts.mQuietFor);
         }
     }
     return invocation;

@@ -26,11 +26,11 @@ struct Invocation
     Action mAction = Action::List;
     std::string mSocketPath;
     bool mJson = false;
-    std::optional<std::chrono::milliseconds> mTimeout; // nothing: the default of the action
-    Sensor mSensor = Sensor::Activity;                 // Measure, Watch, Stop
-    std::optional<std::chrono::milliseconds> mFor;     // Watch; nothing: until a signal
-    std::vector<Bytes> mPackets;                       // Raw; at least one
-    std::chrono::milliseconds mWait{1000};             // Raw
+    std::optional<std::chrono::milliseconds> mTimeout;  // nothing: the default of the action
+    Sensor mSensor = Sensor::Activity;                  // Measure, Watch, Stop
+    std::optional<std::chrono::milliseconds> mFor;      // Watch; nothing: until a signal
+    std::vector<Bytes> mPackets;                        // Raw; at least one
+    std::optional<std::chrono::milliseconds> mQuietFor; // Raw; nothing: the default
 };
 
 /** A run that is over before it begins: help, version, or wrong usage. */

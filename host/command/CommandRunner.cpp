@@ -87,13 +87,17 @@ Outcome CommandRunner::Measure()
 
 Outcome CommandRunner::Watch()
 {
+    constexpr milliseconds kGrace{500}; // for the acknowledgement, when the time is over
     SensorWatchOptions options;
     options.mRequestTimeout = AnswerTimeout();
     options.mOnNotice = [this](const std::string &text) { Complain(text); };
     SensorWatch watch(mClient, mInvocation.mSensor, std::move(options));
     const Deadline end = mInvocation.mFor ? Deadline::After(*mInvocation.mFor) : Deadline::Never();
 
-    std::optional<Error> trouble = watch.Begin();
+    std::optional<Error> trouble = watch.Begin(end);
+    if (trouble && !std::holds_alternative<Interrupted>(*trouble)) {
+        return Failed(*trouble);
+    }
     while (!trouble) {
         auto reading = watch.Next(end);
         if (!reading) {
@@ -110,7 +114,7 @@ Outcome CommandRunner::Watch()
     } else if (trouble && !overByTime) {
         outcome = Failed(*trouble);
     }
-    if (auto error = watch.End()) {
+    if (auto error = watch.End(overByTime ? Deadline::After(kGrace) : Deadline::Never())) {
         const Outcome ending = Failed(*error);
         return outcome.mCode == ExitCode::Success ? ending : outcome;
     }
@@ -131,18 +135,23 @@ Outcome CommandRunner::Raw()
     if (auto error = mClient.Connect()) {
         return Failed(*error);
     }
-    const Deadline end =
+    constexpr milliseconds kLongest{2000};
+    const milliseconds quiet = mInvocation.mQuietFor.value_or(milliseconds{1000});
+    const Deadline limit =
         mInvocation.mTimeout ? Deadline::After(*mInvocation.mTimeout) : Deadline::Never();
     for (const Bytes &packet : mInvocation.mPackets) {
-        if (auto error = mClient.SendRaw(packet, Deadline::After(AnswerTimeout()).Earlier(end))) {
+        if (auto error = mClient.SendRaw(packet, Deadline::After(AnswerTimeout()).Earlier(limit))) {
             return Failed(*error);
         }
     }
+    // A watch that pushes is never quiet, so there is an end unless one is asked for.
+    const bool hasEnd = mInvocation.mTimeout || mInvocation.mQuietFor;
+    const Deadline end = hasEnd ? limit : Deadline::After(kLongest);
     for (;;) {
-        auto packet = mClient.ReceiveRaw(Deadline::After(mInvocation.mWait).Earlier(end));
+        auto packet = mClient.ReceiveRaw(Deadline::After(quiet).Earlier(end));
         if (!packet) {
-            const bool quiet = std::holds_alternative<Timeout>(packet.GetError());
-            return quiet ? Outcome{} : Failed(packet.GetError());
+            const bool isQuiet = std::holds_alternative<Timeout>(packet.GetError());
+            return isQuiet ? Outcome{} : Failed(packet.GetError());
         }
         if (!Print(mPrinter->Packet(packet.Value(), Decode(packet.Value()), NowMs()))) {
             return OutputOutcome();
@@ -160,6 +169,7 @@ ClientOptions CommandRunner::MakeClientOptions()
     options.mPath = mInvocation.mSocketPath;
     options.mConnectTimeout = mInvocation.mTimeout.value_or(kConnectTimeout);
     options.mWait.mInterruptFd = mSignals->Fd();
+    options.mWait.mOutputFd = STDOUT_FILENO;
     // Runs one after another differ in their flags, too, so that late answers are told apart.
     options.mFirstFlags = static_cast<std::uint8_t>(1 + ::getpid() % WireFormat::kFlagsMask);
     if (mInvocation.mAction == Invocation::Action::Measure && !mInvocation.mJson &&
@@ -234,7 +244,9 @@ Outcome CommandRunner::OutputOutcome()
 Outcome CommandRunner::Failed(const Error &error)
 {
     if (std::holds_alternative<Interrupted>(error)) {
-        return {ExitCode::LinkFailure, mSignals->Take()};
+        // Without a signal it is the reader of the output who has gone.
+        const int signal = mSignals->Take();
+        return {signal != 0 ? ExitCode::LinkFailure : ExitCode::Success, signal};
     }
     Complain(Describe(error));
     return {std::holds_alternative<Timeout>(error) ? ExitCode::NoAnswer : ExitCode::LinkFailure};

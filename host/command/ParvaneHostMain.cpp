@@ -1,27 +1,33 @@
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <string>
-#include <string_view>
 #include <unistd.h>
 #include <variant>
 #include <vector>
 
 #include "CommandLine.h"
 #include "CommandRunner.h"
-#include "LineWriter.h"
+#include "ErrnoText.h"
+#include "Output.h"
 #include "Signals.h"
+#include "StandardDescriptors.h"
 
 namespace {
 
 using ParvaneHost::ExitCode;
 
-/** Writes `text`, which ends with a line feed or is empty. */
-void Write(int fd, std::string_view text)
+ParvaneHost::Outcome End(const ParvaneHost::Ending &ending)
 {
-    if (!text.empty()) {
-        text.remove_suffix(1);
-        ParvaneHost::LineWriter(fd).Write(text);
+    Parvane::WriteAll(STDERR_FILENO, ending.mError);
+    const int error = Parvane::WriteAll(STDOUT_FILENO, ending.mOutput);
+    // A reader that has gone wants no more.
+    if (error == 0 || error == EPIPE) {
+        return {ending.mCode};
     }
+    Parvane::WriteAll(STDERR_FILENO, "parvane-host: cannot write to standard output: " +
+                                         Parvane::ErrnoText(error) + '\n');
+    return {ExitCode::LinkFailure};
 }
 
 ParvaneHost::Outcome Run(const std::vector<std::string> &arguments)
@@ -30,9 +36,7 @@ ParvaneHost::Outcome Run(const std::vector<std::string> &arguments)
     const auto parsed = ParvaneHost::ParseCommandLine(
         arguments, [](const char *name) { return static_cast<const char *>(std::getenv(name)); });
     if (const auto *ending = std::get_if<ParvaneHost::Ending>(&parsed)) {
-        Write(STDOUT_FILENO, ending->mOutput);
-        Write(STDERR_FILENO, ending->mError);
-        return {ending->mCode};
+        return End(*ending);
     }
     ParvaneHost::CommandRunner runner(std::get<ParvaneHost::Invocation>(parsed), signals);
     return runner.Run();
@@ -42,6 +46,7 @@ ParvaneHost::Outcome Run(const std::vector<std::string> &arguments)
 
 int main(int argc, char **argv)
 {
+    Parvane::ReserveStandardDescriptors();
     try {
         const auto outcome = Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
         if (outcome.mSignal != 0) {
@@ -49,7 +54,7 @@ int main(int argc, char **argv)
         }
         return static_cast<int>(outcome.mCode);
     } catch (const std::exception &error) {
-        Write(STDERR_FILENO, "parvane-host: " + std::string(error.what()) + "\n");
+        Parvane::WriteAll(STDERR_FILENO, "parvane-host: " + std::string(error.what()) + "\n");
         return static_cast<int>(ExitCode::LinkFailure);
     }
 }

@@ -40,6 +40,16 @@ TEST(WaitTest, AnInterruptionIsLookedAtFirst)
               WaitResult::Interrupted);
 }
 
+TEST(WaitTest, AReaderThatGoesInterrupts)
+{
+    Pipe pipe;
+    WaitOptions options;
+    options.mOutputFd = pipe.mWriteEnd.Get();
+    EXPECT_EQ(WaitFor(-1, 0, AtOnce(), options), WaitResult::TimedOut);
+    pipe.mReadEnd.Reset();
+    EXPECT_EQ(WaitFor(-1, 0, Deadline::Never(), options), WaitResult::Interrupted);
+}
+
 TEST(WaitTest, TheTickComesUntilTheDescriptorIsReady)
 {
     const Pipe pipe;

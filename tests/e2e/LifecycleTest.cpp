@@ -1,6 +1,7 @@
 #include <csignal>
 #include <sys/resource.h>
 
+#include "Program.h"
 #include "ServiceFixture.h"
 
 using ::testing::ContainsRegex;
@@ -80,6 +81,13 @@ TEST_F(StartTest, ArgumentsAreAnsweredAndStartNothing)
     Process version({PARVANE_PROGRAM, "--version"}, BaseEnvironment(), mFolder.Path());
     EXPECT_EQ(version.WaitForEnd(), 0);
     EXPECT_THAT(version.StandardOutput(), ContainsRegex("^parvane [0-9]+\\.[0-9]+\\.[0-9]+\n$"));
+
+    Parvane::Program full({PARVANE_PROGRAM, "--help"}, {.mEnvironment = {}, .mOutputToFull = true});
+    EXPECT_EQ(full.ReadErrors(),
+              "parvane: cannot write to standard output: No space left on device\n");
+    EXPECT_EQ(full.Wait(), 1);
+    Parvane::Program closed({PARVANE_PROGRAM, "--help"}, {.mEnvironment = {}, .mClosed = {1}});
+    EXPECT_EQ(closed.Wait(), 0);
 
     Process other({PARVANE_PROGRAM, "--daemon\n"}, BaseEnvironment(), mFolder.Path());
     EXPECT_EQ(other.WaitForEnd(), 2);

@@ -120,12 +120,13 @@ TEST(CommandLineTest, StopMeansTheActivityUnlessTold)
 
 TEST(CommandLineTest, RawTakesPackets)
 {
-    const Invocation invocation = Parsed({"raw", "01", "12 00:00 03", "--wait", "0"});
+    const Invocation invocation = Parsed({"raw", "01", "12 00:00 03", "--quiet-for", "0"});
 
     EXPECT_EQ(invocation.mAction, Invocation::Action::Raw);
     EXPECT_EQ(invocation.mPackets, (std::vector<Bytes>{{0x01}, {0x12, 0x00, 0x00, 0x03}}));
-    EXPECT_EQ(invocation.mWait, milliseconds{0});
-    EXPECT_EQ(Parsed({"raw", "01"}).mWait, milliseconds{1000});
+    EXPECT_EQ(invocation.mQuietFor, milliseconds{0});
+    EXPECT_EQ(Parsed({"raw", "01"}).mQuietFor, std::nullopt);
+    EXPECT_EQ(Parsed({"raw", "01", "--wait", "7"}).mQuietFor, milliseconds{7}) << "its old name";
 }
 
 TEST(CommandLineTest, SubcommandsAreNamedWhenMissingOrUnknown)
@@ -155,10 +156,12 @@ TEST(CommandLineTest, TimesOutOfRangeAreNamed)
                          std::string("--timeout: '") + text + "' is not allowed; " + seconds);
     }
     ExpectUsageError({"watch", "steps", "--for", "0"}, "--for: '0' is not allowed; " + seconds);
-    ExpectUsageError({"raw", "01", "--wait", "1.5"},
-                     "--wait: '1.5' is not allowed; give whole milliseconds from 0 to 86400000");
-    ExpectUsageError({"raw", "01", "--wait=-1"},
-                     "--wait: '-1' is not allowed; give whole milliseconds from 0 to 86400000");
+    ExpectUsageError(
+        {"raw", "01", "--quiet-for", "1.5"},
+        "--quiet-for: '1.5' is not allowed; give whole milliseconds from 0 to 86400000");
+    ExpectUsageError(
+        {"raw", "01", "--quiet-for=-1"},
+        "--quiet-for: '-1' is not allowed; give whole milliseconds from 0 to 86400000");
 }
 
 TEST(CommandLineTest, TheSmallestTimeIsNotRoundedToNone)

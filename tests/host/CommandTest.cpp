@@ -1,5 +1,8 @@
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): the signals are POSIX
+#include <stdexcept>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +17,9 @@ using nlohmann::json;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
+
+/** At once, but for an emulated program and a busy machine. */
+constexpr std::chrono::milliseconds kSoon{1000};
 
 /** One run of parvane-host. */
 class Host : public Parvane::Program
@@ -370,12 +376,78 @@ TEST_F(CommandTest, AReaderThatGoesEndsAWatchQuietly)
     Host host(Arguments({"watch", "activity"}));
     StartActivity();
     host.ReadLine();
+    const auto begin = std::chrono::steady_clock::now();
     host.CloseOutput();
-    mWatch.Send(ReadingFor(mStart, 3));
-    AnswerStop();
+
+    EXPECT_TRUE(mWatch.SeesHostLeave());
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
+}
+
+TEST_F(CommandTest, AReaderThatGoesEndsAMeasurementQuietly)
+{
+    Host host(Arguments({"measure", "hr"}));
+    mWatch.Accept();
+    mWatch.Receive();
+    host.CloseOutput();
 
     EXPECT_EQ(host.ReadErrors(), "");
     EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, TheTimeOfAWatchBoundsASilentServiceToo)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    Host host(Arguments({"watch", "steps", "--for", "0.2"}));
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: no answer to the measurement of 'steps' within 0.2 s\n");
+    EXPECT_EQ(host.Wait(), 3);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds{4});
+}
+
+TEST_F(CommandTest, AStartWithoutAnAnswerIsToldOnce)
+{
+    Host host(Arguments({"watch", "activity", "--timeout", "0.2", "--for", "20"}));
+    mWatch.Accept();
+    mWatch.Receive();
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: no answer to the stop of 'activity' within 0.2 s\n");
+    EXPECT_EQ(host.Wait(), 3);
+}
+
+TEST_F(CommandTest, TheTimeOfAWatchBoundsTheStopToo)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    Host host(Arguments({"watch", "activity", "--for", "0.3"}));
+    StartActivity();
+    mWatch.Receive(); // the stop, which is not acknowledged
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: no answer to the stop of 'activity' within 0.5 s\n");
+    EXPECT_EQ(host.Wait(), 3);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds{4});
+}
+
+TEST_F(CommandTest, WhatIsMissingOfTheStandardDescriptorsIsOpened)
+{
+    for (const int closed : {0, 1, 2}) {
+        Host host(Arguments({"stop"}), {.mEnvironment = {}, .mClosed = {closed}});
+        mWatch.Accept();
+        AnswerStop();
+        EXPECT_EQ(host.ReadOutput(), closed == 1 ? "" : "activity: stopped\n");
+        EXPECT_EQ(host.Wait(), 0) << closed;
+    }
+}
+
+TEST_F(CommandTest, HelpThatCannotBeWrittenIsAFailure)
+{
+    Host help({"--help"}, {.mEnvironment = {}, .mOutputToFull = true});
+    EXPECT_EQ(help.ReadErrors(),
+              "parvane-host: cannot write to standard output: No space left on device\n");
+    EXPECT_EQ(help.Wait(), 1);
 }
 
 TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
@@ -391,7 +463,7 @@ TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
 
 TEST_F(CommandTest, RawSendsPacketsAndPrintsRepliesUntilTheLinkIsQuiet)
 {
-    Host host(Arguments({"raw", "14 00 00:03", "ff", "--wait", "1000"}));
+    Host host(Arguments({"raw", "14 00 00:03", "ff", "--quiet-for", "1000"}));
     mWatch.Accept();
     EXPECT_EQ(mWatch.Receive(), (Bytes{0x14, 0x00, 0x00, 0x03}));
     EXPECT_EQ(mWatch.Receive(), (Bytes{0xFF}));
@@ -409,7 +481,7 @@ TEST_F(CommandTest, RawSendsPacketsAndPrintsRepliesUntilTheLinkIsQuiet)
 
 TEST_F(CommandTest, RawInJsonIsAnObjectAPacket)
 {
-    Host host(Arguments({"raw", "14000003", "--wait", "1000", "--json"}));
+    Host host(Arguments({"raw", "14000003", "--quiet-for", "1000", "--json"}));
     mWatch.Accept();
     mWatch.Receive();
     mWatch.Send({0x14, 0x02, 0x00, 0x03});
@@ -420,7 +492,7 @@ TEST_F(CommandTest, RawInJsonIsAnObjectAPacket)
 
 TEST_F(CommandTest, RawEndsAtItsTimeoutEvenWhenTheLinkIsNotQuiet)
 {
-    Host host(Arguments({"raw", "01", "--wait", "60000", "--timeout", "1"}));
+    Host host(Arguments({"raw", "01", "--quiet-for", "60000", "--timeout", "1"}));
     mWatch.Accept();
     mWatch.Receive();
     mWatch.Send({0x14, 0x02, 0x00, 0x03});
@@ -429,9 +501,31 @@ TEST_F(CommandTest, RawEndsAtItsTimeoutEvenWhenTheLinkIsNotQuiet)
     EXPECT_EQ(host.Wait(), 0);
 }
 
+TEST_F(CommandTest, RawEndsWhileTheWatchPushes)
+{
+    Host host(Arguments({"raw", "01"}));
+    mWatch.Accept();
+    mWatch.Receive();
+    const auto begin = std::chrono::steady_clock::now();
+    const auto isInTime = [begin] {
+        return std::chrono::steady_clock::now() - begin < std::chrono::seconds{10};
+    };
+    try {
+        while (isInTime()) {
+            mWatch.Send({0x14, 0x02, 0x00, 0x03});
+            ::usleep(100000);
+        }
+    } catch (const std::runtime_error &) {
+        // The program has gone.
+    }
+
+    EXPECT_TRUE(isInTime());
+    EXPECT_EQ(host.Wait(), 0);
+}
+
 TEST_F(CommandTest, RawReportsALinkThatIsClosed)
 {
-    Host host(Arguments({"raw", "01", "--wait", "60000"}));
+    Host host(Arguments({"raw", "01", "--quiet-for", "60000"}));
     mWatch.Accept();
     mWatch.Receive();
     mWatch.Send({0x14, 0x02, 0x00, 0x03});

@@ -198,7 +198,8 @@ TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailureWithoutAServiceToo)
     const std::vector<std::vector<std::string>> commands = {{"--help"}, {"check-config", File()}};
     for (const auto &command : commands) {
         Watch watch(command, {.mEnvironment = {}, .mOutputToFull = true});
-        EXPECT_EQ(watch.ReadErrors(), "parvane-watch: cannot write to standard output\n");
+        EXPECT_EQ(watch.ReadErrors(),
+                  "parvane-watch: cannot write to standard output: No space left on device\n");
         EXPECT_EQ(watch.Wait(), 1);
     }
 }
@@ -404,6 +405,51 @@ TEST_F(CommandTest, RowsAreCountedOnATerminalOnly)
 
     EXPECT_THAT(watch.ReadErrors(), EndsWith("\r\033[K2 rows\r\n"));
     EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, ARecordingGoesToStandardOutput)
+{
+    for (const char *name : {"-", "/dev/stdout"}) {
+        Watch watch(Arguments({"record", name}));
+        StartRecording();
+        mService.Send(R"({"row":"5,60\n"})");
+        mService.Send(R"({"end":"service"})");
+
+        EXPECT_EQ(watch.ReadOutput(), "# head\nt_ms\n5,60\n");
+        EXPECT_EQ(watch.ReadErrors(), "");
+        EXPECT_EQ(watch.Wait(), 0);
+        EXPECT_FALSE(std::filesystem::exists("-"));
+    }
+}
+
+TEST_F(CommandTest, AReaderThatGoesEndsARecordingQuietly)
+{
+    Watch watch(Arguments({"record", "-"}));
+    StartRecording();
+    watch.ReadLine();
+    watch.CloseOutput();
+    mService.Send(R"({"row":"5,60\n"})");
+
+    EXPECT_EQ(watch.ReadErrors(), "");
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, ARecordingAndItsSummaryDoNotBothGoToStandardOutput)
+{
+    Watch watch({"--json", "record", "-"});
+    EXPECT_THAT(watch.ReadErrors(), StartsWith("parvane-watch: record: --json and the recording"));
+    EXPECT_EQ(watch.Wait(), 2);
+}
+
+TEST_F(CommandTest, WhatIsMissingOfTheStandardDescriptorsIsOpened)
+{
+    for (const int closed : {0, 1, 2}) {
+        Watch watch(Arguments({"status", "--json"}), {.mEnvironment = {}, .mClosed = {closed}});
+        mService.AcceptRequest();
+        mService.Send(R"({"version":1,"ok":true,"status":{}})");
+        EXPECT_EQ(watch.ReadOutput(), closed == 1 ? "" : "{}\n");
+        EXPECT_EQ(watch.Wait(), 0) << closed;
+    }
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -8,6 +9,7 @@
 
 #include <platform/service_app.h>
 
+#include "ErrnoText.h"
 #include "ErrorCode.h"
 #include "MessageText.h"
 #include "Runtime.h"
@@ -75,12 +77,17 @@ bool AreValid(int argc, char **argv, const service_app_callbacks *callbacks)
                      program.c_str(), Printable(argument).c_str());
         std::exit(kBadUsage);
     }
-    std::exit(std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
+    if (std::fflush(stdout) == 0) {
+        std::exit(EXIT_SUCCESS);
+    }
+    const int error = errno;
+    std::fprintf(stderr, "%s: cannot write to standard output: %s\n", program.c_str(),
+                 Parvane::ErrnoText(error).c_str());
+    std::exit(EXIT_FAILURE);
 }
 
 int RunService(const service_app_callbacks &callbacks, void *userData)
 {
-    Parvane::ReserveStandardDescriptors();
     // Before the runtime: a signal during its construction must wait until there is a loop to end.
     CurrentLoop loop(callbacks, userData);
     const Settings settings = ReadSettings(ProcessEnvironment);
@@ -120,6 +127,7 @@ extern "C" int service_app_main(int argc, char **argv, service_app_callbacks *ca
     if (gLoop != nullptr) {
         return ErrorCode::kInvalidContext;
     }
+    Parvane::ReserveStandardDescriptors();
     try {
         if (argc > 1 && argv[1] != nullptr) {
             AnswerArguments(ProgramName(argv[0]), argv[1]);
