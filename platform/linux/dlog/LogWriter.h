@@ -27,8 +27,8 @@ struct LogPlace;
  * character is written as \n, \r, \t or \xHH, so that one message is always one line.
  *
  * What the journal takes in neither way is lost: it never holds the service up. Lines up to about
- * 2000 bytes need no memory from the heap. What the descriptor is gets looked at
- * with the first line. Borrows the descriptor.
+ * 2000 bytes need no memory from the heap. What the descriptor leads to is found out with the first
+ * line. Borrows the descriptor.
  */
 class LogWriter
 {

@@ -32,7 +32,7 @@ std::string ColumnNames(std::size_t first, std::size_t end)
 
 std::string Quoted(std::string_view text)
 {
-    return "'" + Printable(text) + "'";
+    return std::string("'").append(Printable(text)).append("'");
 }
 
 /** What the column restart does to the pedometer. */

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -78,10 +79,10 @@ std::string OffsetText(long seconds)
 {
     constexpr long kMinute = 60;
     const long minutes = std::labs(seconds) / kMinute;
-    const auto twoDigits = [](long number) {
-        return (number < 10 ? "0" : "") + std::to_string(number);
-    };
-    return (seconds < 0 ? "-" : "+") + twoDigits(minutes / 60) + ":" + twoDigits(minutes % 60);
+    char text[32];
+    std::snprintf(text, sizeof text, "%c%02ld:%02ld", seconds < 0 ? '-' : '+', minutes / 60,
+                  minutes % 60);
+    return text;
 }
 
 } // namespace
@@ -93,13 +94,14 @@ std::string RecordingWriter::Header(std::int64_t wallMs)
     std::tm local = {};
     localtime_r(&seconds, &local);
     std::string text = "# recording: what the sensors of a running service delivered\n"
-                       "# start_epoch_s: " +
-                       std::to_string(wallS) + "\n# tz: " + OffsetText(local.tm_gmtoff) +
-                       " (start_epoch_s is UTC)\n";
+                       "# start_epoch_s: ";
+    text.append(std::to_string(wallS)).append("\n# tz: ").append(OffsetText(local.tm_gmtoff));
+    text.append(" (start_epoch_s is UTC)\n");
     for (std::size_t column = 0; column < kRecordingColumns; ++column) {
         text.append(column == 0 ? "" : ",").append(InfoOf(column).mName);
     }
-    return text + "\n";
+    text += '\n';
+    return text;
 }
 
 RecordingWriter::Row RecordingWriter::MakeRow(std::int64_t timeMs, ContextItem item,

@@ -29,7 +29,7 @@ std::string_view WithoutBlanks(std::string_view text)
 
 std::string Quoted(std::string_view text)
 {
-    return "'" + Printable(text) + "'";
+    return std::string("'").append(Printable(text)).append("'");
 }
 
 } // namespace
