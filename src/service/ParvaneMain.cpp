@@ -81,7 +81,7 @@ int main(int argc, char **argv)
 try {
     std::set_new_handler(out_of_memory);
     // Static, so that a cell which nobody frees is not taken for a leak.
-    static ControllerCell *cell = nullptr;
+    [[gnu::used]] static ControllerCell *cell = nullptr;
     cell = new ControllerCell();
     *cell = std::make_shared<Parvane::ParvaneController>();
 

@@ -68,8 +68,10 @@ void SeldomReady::CallReady()
     std::array<epoll_event, kMostInOneTurn> ready = {};
     const int count = ::epoll_wait(sInstance->mEpoll.Get(), ready.data(), kMostInOneTurn, 0);
     for (int i = 0; i < count && sInstance != nullptr; ++i) {
+        const uint64_t key =
+            ready[static_cast<unsigned>(i)].data.u64; // it lies at no multiple of 8
         // An earlier call may have ended this one, and the set with it.
-        const auto entry = sInstance->mEntries.find(ready[static_cast<unsigned>(i)].data.u64);
+        const auto entry = sInstance->mEntries.find(key);
         if (entry != sInstance->mEntries.end()) {
             const auto handler = entry->second.mHandler;
             (*handler)(); // what it throws is logged above; the others are called in the next turn
