@@ -1,13 +1,20 @@
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
+#include <string>
 #include <thread>
 
 #include "ServiceFixture.h"
 
 namespace {
 
-constexpr std::chrono::seconds kIdleTime(60);
+/** A minute, or what PARVANE_IDLE_SECONDS says. */
+std::chrono::seconds IdleTime()
+{
+    const char *const seconds = std::getenv("PARVANE_IDLE_SECONDS");
+    return std::chrono::seconds(seconds == nullptr ? 60 : std::stoi(seconds));
+}
 
 std::string StatusOf(pid_t pid, const std::string &field)
 {
@@ -42,7 +49,7 @@ protected:
         EXPECT_EQ(std::distance(begin(threads), end(threads)), 1);
 
         const std::string before = SwitchesOf(pid);
-        std::this_thread::sleep_for(kIdleTime);
+        std::this_thread::sleep_for(IdleTime());
         EXPECT_EQ(SwitchesOf(pid), before);
     }
 };

@@ -24,21 +24,26 @@ namespace fs = std::filesystem;
 class InstalledTest : public ServiceFixture
 {
 protected:
-    void SetUp() override
+    void SetUp() override { Install(mPrefix); }
+
+    /** Installs below `prefix`, which comes below `stage` until it has reached its place. */
+    void Install(const fs::path &prefix, const fs::path &stage = {})
     {
-        const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
-        mPrefix = fs::path(PARVANE_INSTALL_FOLDER) / test->name();
-        fs::remove_all(mPrefix);
-        Process install({PARVANE_CMAKE, "--install", PARVANE_BUILD_FOLDER, "--prefix", mPrefix},
-                        {{"PATH", "/usr/bin:/bin"}}, mFolder.Path());
+        Process install({PARVANE_CMAKE, "--install", PARVANE_BUILD_FOLDER, "--prefix", prefix},
+                        {{"PATH", "/usr/bin:/bin"}, {"DESTDIR", stage}}, mFolder.Path());
         ASSERT_EQ(install.WaitForEnd(std::chrono::seconds(100)), 0) << install.StandardError();
     }
 
-    void TearDown() override
+    /** The command by which the unit that is installed below `prefix` starts the service. */
+    static std::string CommandOfUnit(const fs::path &prefix)
     {
-        if (!HasFailure()) {
-            fs::remove_all(mPrefix);
+        std::istringstream unit(ReadFile(prefix / "lib/systemd/system/parvane.service"));
+        for (std::string line; std::getline(unit, line);) {
+            if (line.starts_with("ExecStart=")) {
+                return line;
+            }
         }
+        return {};
     }
 
     std::string Installed(const char *program) const { return mPrefix / "bin" / program; }
@@ -65,7 +70,7 @@ protected:
         return files;
     }
 
-    fs::path mPrefix;
+    fs::path mPrefix = mFolder.Path() / "installed";
 };
 
 TEST_F(InstalledTest, TheServiceLoadsItsLibraryAndItsModuleFromWhereItIsInstalled)
@@ -110,7 +115,8 @@ TEST_F(InstalledTest, WhatAUserAndTheSystemLookForIsThere)
          {"lib/systemd/system/parvane.service", "lib/sysusers.d/parvane.conf",
           "share/polkit-1/rules.d/50-parvane.rules", "share/dbus-1/system.d/parvane.conf",
           "share/man/man1/parvane-watch.1", "share/man/man5/parvane-platform.conf.5",
-          "share/doc/parvane/parvane.service.d/wake-lock.conf"}) {
+          "share/doc/parvane/parvane.service.d/wake-lock.conf", "share/doc/parvane/LICENSE",
+          "include/parvane/platform/context_manager.h"}) {
         EXPECT_TRUE(fs::is_regular_file(mPrefix / file)) << file;
     }
     EXPECT_EQ(OutputOf({Installed("parvane-watch"), "--version"}),
@@ -118,4 +124,45 @@ TEST_F(InstalledTest, WhatAUserAndTheSystemLookForIsThere)
     OutputOf({Installed("parvane-host"), "--help"});
     OutputOf({Installed("parvane-watch"), "check-config",
               mPrefix / "share/doc/parvane/platform.conf.sample"});
+    EXPECT_EQ(CommandOfUnit(mPrefix), "ExecStart=" + Installed("parvane"));
+}
+
+TEST_F(InstalledTest, LibrariesThatNobodyElseLinksAreInAFolderOfTheirOwn)
+{
+    for (const auto &entry : fs::recursive_directory_iterator(mPrefix)) {
+        if (entry.path().extension() == ".so") {
+            EXPECT_EQ(entry.path().parent_path().filename(), "parvane") << entry.path();
+        }
+    }
+}
+
+TEST_F(InstalledTest, NoFileKnowsWhereItWasBuilt)
+{
+    int files = 0;
+    for (const auto &entry : fs::recursive_directory_iterator(mPrefix)) {
+        if (entry.is_regular_file()) {
+            ++files;
+            const std::string content = ReadFile(entry.path());
+            EXPECT_EQ(content.find(PARVANE_BUILD_FOLDER), std::string::npos) << entry.path();
+            EXPECT_EQ(content.find(PARVANE_SOURCE_FOLDER), std::string::npos) << entry.path();
+        }
+    }
+    EXPECT_GT(files, 20);
+}
+
+// As a package is made: gathered below a folder, and moved to where it belongs afterwards.
+TEST_F(InstalledTest, WhatIsGatheredInAStageWorksWhereverItIsMoved)
+{
+    const fs::path stage = mFolder.Path() / "stage";
+    Install("/opt/watch", stage);
+    EXPECT_EQ(CommandOfUnit(stage / "opt/watch"), "ExecStart=/opt/watch/bin/parvane");
+    fs::remove_all(mPrefix);
+    fs::rename(stage / "opt/watch", mPrefix);
+
+    mService = std::make_unique<Process>(std::vector<std::string>{Installed("parvane")},
+                                         BaseEnvironment(), mFolder.Path());
+    ASSERT_TRUE(mService->HasLogged("app_service")) << mService->StandardError();
+    EXPECT_THAT(Mapped(mService->Pid()), Each(StartsWith(mPrefix.string() + "/")));
+    OutputOf({Installed("parvane-watch"), "quit"});
+    EXPECT_EQ(mService->WaitForEnd(), 0);
 }

@@ -59,7 +59,8 @@ Alerts::Monitors StartFirst(const char *what, Alerts::Monitors monitors,
 
 } // namespace
 
-Alerts::Alerts(const Settings &settings, const Clock &clock, LifecycleEvents &events, BusAlertParts *bus)
+Alerts::Alerts(const Settings &settings, const Clock &clock, LifecycleEvents &events,
+               BusAlertParts *bus)
     : mMemory(StartFirst("memory", MakeMemoryMonitors(settings.mMemory, bus),
                          [&events] { events.OnLowMemory(); })),
       mBattery(StartFirst("battery", MakeBatteryMonitors(settings.mBattery, clock, bus),

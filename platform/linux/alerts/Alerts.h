@@ -43,7 +43,8 @@ public:
      * @param events  borrowed for the life of this object
      * @param bus     may be null when the settings ask for nothing that is made over the bus
      */
-    Alerts(const Settings &settings, const Clock &clock, LifecycleEvents &events, BusAlertParts *bus);
+    Alerts(const Settings &settings, const Clock &clock, LifecycleEvents &events,
+           BusAlertParts *bus);
 
     const Monitors &Memory() const { return mMemory; }
     const Monitors &Battery() const { return mBattery; }
