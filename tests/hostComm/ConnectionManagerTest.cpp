@@ -1069,6 +1069,27 @@ TEST_F(ConnectionManagerTest, TeardownInsideATeardownDoesItsStepsAgain)
     EXPECT_EQ(2, mListener.mReleased);
 }
 
+// The link goes on reading the descriptor of the agent that it was given last.
+TEST_F(ConnectionManagerTest, RecordsOfARegistrationInsideTheEndOfTheAgentStay)
+{
+    ConnectHost();
+    int looks = 0;
+    mPlatform.OnNextCall("deRegisterServiceAgent", [this, &looks] {
+        LinkDown();
+        mPlatform.ChangeKey(kStatusKey, 1);
+        mPlatform.OnNextCall("deregisterNotifications", [this, &looks] {
+            ++looks;
+            ASSERT_NE(nullptr, mPlatform.Service());
+            EXPECT_STREQ("sensor_zolt", mPlatform.Service()->serviceName);
+            EXPECT_EQ(143, mPlatform.Service()->channels->id);
+        });
+    });
+
+    LinkDown();
+
+    EXPECT_EQ(1, looks);
+}
+
 TEST_F(ConnectionManagerTest, AgentAndHostThatComeInsideATeardownStay)
 {
     ConnectHost();

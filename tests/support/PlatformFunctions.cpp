@@ -215,9 +215,12 @@ int PlatformCalls::DeregisterService(ScriptedPlatform &platform, int agentId)
         EXPECT_STREQ("sensor_zolt", platform.mService->serviceName);
         EXPECT_EQ(143, platform.mService->channels->id);
     }
+    const tal_service_descriptor *const ended = platform.mService;
     const int result =
         platform.Answer("deRegisterServiceAgent", Call("deRegisterServiceAgent", Text(agentId)));
-    platform.mService = nullptr;
+    if (platform.mService == ended) { // not that of a registration from within
+        platform.mService = nullptr;
+    }
     return result;
 }
 

@@ -41,7 +41,8 @@ std::shared_ptr<ServiceController> ParvaneController::GetControllInstanceByType(
         return nullptr;
     }
     controller->Initialize();
-    mControllers[type] = controller;
+    // One that was stored from within ends after the entry names the new one: its end is logged.
+    const auto replaced = std::exchange(mControllers[type], controller);
     return controller;
 }
 

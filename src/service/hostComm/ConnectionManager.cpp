@@ -209,13 +209,13 @@ void ConnectionManager::TerminateTALConnection()
         mConnectionId = -1;
     }
     if (mLocalAgentId != -1) {
+        // Freed after the call, and not those of a registration that is made within it.
+        const Records ended[] = {std::move(mReplacedRecords), std::move(mRecords)};
         const int result = deRegisterServiceAgent(mLocalAgentId);
         if (result != 0) {
             PARVANE_ERROR("deRegisterServiceAgent FAIL [%d]", result);
         }
         mLocalAgentId = -1;
-        mReplacedRecords = {};
-        mRecords = {};
     }
     const int result = deregisterNotifications();
     if (result != 0) {

@@ -2,7 +2,7 @@
 
 #include <map>
 #include <memory>
-#include <set>
+#include <vector>
 
 #include "ContextSensor.h"
 #include "ContextSensorListner.h"
@@ -14,8 +14,8 @@ namespace Parvane {
  * Creates, shares and tears down the context sensors: at most one for each type.
  *
  * A sensor is created and started for its first listener, and stopped and dropped after its last.
- * It is shared from when its Start has returned until its Stop has returned. Owned by the ParvaneController by value. The proxy's end drops its sensors without stopping
- * them: it lives as long as the process. Main-loop thread only.
+ * It is shared from when its Start has returned until its Stop has returned. The proxy's end drops
+ * its sensors without stopping them. Owned by the ParvaneController by value. Main-loop thread only.
  */
 class ContextManagerProxy
 {
@@ -56,9 +56,9 @@ private:
 
     /**
      * Every sensor that was started, kept until a Stop of its type: a platform that calls back from
-     * within Start, Stop or a query may know one that mSensors does not have.
+     * within Start or Stop may know one that mSensors does not have.
      */
-    std::map<SensorType, std::set<std::shared_ptr<ContextSensor>>> mKnown;
+    std::map<SensorType, std::vector<std::shared_ptr<ContextSensor>>> mKnown;
 };
 
 } // namespace Parvane

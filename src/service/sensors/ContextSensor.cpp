@@ -37,9 +37,13 @@ void ContextSensor::RemoveSensorEventListener(const ContextSensorListner *listen
 
 void ContextSensor::UpdateSensorData(std::shared_ptr<SensorData> data)
 {
-    const auto listeners = mListeners; // each of them may add and remove listeners in its call
-    for (const auto &[address, listener] : listeners) {
-        if (!listener || mListeners.count(address) == 0) {
+    const void *address = nullptr;
+    // Found anew for each: a listener may add and remove listeners in its call.
+    for (auto entry = mListeners.begin(); entry != mListeners.end();
+         entry = mListeners.upper_bound(address)) {
+        address = entry->first;
+        const auto listener = entry->second;
+        if (!listener) {
             continue;
         }
         if (data->mRequestId == mChangedRequestId) {

@@ -51,8 +51,8 @@ public:
      * A reading of the running subscription goes to OnSensorDataUpdated. The answer to a one-shot
      * query goes to OnSensorDataChanged of the first listener, which ends the query. Any other
      * reading is logged, once for each listener, and dropped. A listener may add and remove
-     * listeners in its call: one that is added does not get this reading, and one that is removed
-     * before its turn is not called. The caller holds a reference to the sensor.
+     * listeners in its call: one that is added above it gets this reading, too, and one that is
+     * removed before its turn is not called. The caller holds a reference to the sensor.
      */
     void UpdateSensorData(std::shared_ptr<SensorData> data);
 
