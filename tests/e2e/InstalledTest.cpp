@@ -138,6 +138,9 @@ TEST_F(InstalledTest, LibrariesThatNobodyElseLinksAreInAFolderOfTheirOwn)
 
 TEST_F(InstalledTest, NoFileKnowsWhereItWasBuilt)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers tell the place of what they find by its whole path";
+#endif
     int files = 0;
     for (const auto &entry : fs::recursive_directory_iterator(mPrefix)) {
         if (entry.is_regular_file()) {
