@@ -72,7 +72,7 @@ private:
     KeyValueStore mKeys;
     ContextManager mContext;
     PowerLocks mPower;
-    AccessoryLink mLink;
+    LinkSession mLink;
     ControlCommands mCommands;
 };
 

@@ -2,7 +2,6 @@
 
 #include <memory>
 
-#include "AccessoryLink.h"
 #include "Alerts.h"
 #include "BluetoothAdapter.h"
 #include "BusParts.h"
@@ -12,6 +11,7 @@
 #include "Directories.h"
 #include "KeyValueStore.h"
 #include "LifecycleEvents.h"
+#include "LinkSession.h"
 #include "PowerLocks.h"
 #include "PreferenceStore.h"
 #include "Settings.h"
@@ -48,7 +48,7 @@ public:
     ContextManager &Context() { return mParts->mContext; }
     BluetoothAdapter &Bluetooth() { return mParts->mBluetooth; }
     PowerLocks &Power() { return mParts->mPower; }
-    AccessoryLink &Link() { return mParts->mLink; }
+    LinkSession &Link() { return mParts->mLink; }
     const Alerts &Monitors() const { return mParts->mAlerts; }
 
 private:
@@ -65,7 +65,7 @@ private:
         ContextManager mContext;
         BluetoothAdapter mBluetooth;
         PowerLocks mPower;
-        AccessoryLink mLink;
+        LinkSession mLink;
         Alerts mAlerts;
         /** Null when the settings ask for no control socket. */
         std::unique_ptr<ControlServer> mControl;

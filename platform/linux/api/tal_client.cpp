@@ -4,7 +4,7 @@
 
 using namespace ParvanePlatform;
 
-// What each function returns is said in AccessoryLink.h. Besides: -12 without memory, -1 without a
+// What each function returns is said in LinkSession.h. Besides: -12 without memory, -1 without a
 // runtime, except sendData(), where the service knows small positive codes only.
 
 /** Never fails while there is a runtime. */
@@ -71,13 +71,13 @@ extern "C" int terminateServiceConnection(int connectionId)
 extern "C" int sendData(int connectionId, int channelId, int size, const void *data)
 {
     if (Runtime::Current() == nullptr) {
-        return AccessoryLink::kInvalidConnection;
+        return LinkSession::kInvalidConnection;
     }
     const auto work = [connectionId, channelId, size, data](Runtime &runtime) {
         if (!runtime.Preferences().SecureTurn()) {
-            return AccessoryLink::kNetworkFailure;
+            return LinkSession::kNetworkFailure;
         }
         return runtime.Link().Send(connectionId, channelId, size, data);
     };
-    return WithRuntime("sendData", work, AccessoryLink::kNetworkFailure);
+    return WithRuntime("sendData", work, LinkSession::kNetworkFailure);
 }

@@ -6,7 +6,7 @@ namespace ParvanePlatform {
  * What the C functions return, 0 apart. Each is the negated system error of its meaning, so that a
  * code that the platform passes on from the system reads the same.
  *
- * The functions of the accessory link have small positive codes of their own (AccessoryLink.h).
+ * The functions of the accessory link have small positive codes of their own (LinkSession.h).
  */
 namespace ErrorCode {
 

@@ -24,10 +24,11 @@ ControlServer::ControlServer(const std::string &runtimeDirectory,
     : mClock(clock),
       mContext(context),
       mHandler(std::move(handler)),
-      mListener(runtimeDirectory + '/' + kSocketName),
+      mListener(runtimeDirectory + '/' + kSocketName, "control", clock,
+                [this] { OnListenerReady(); }),
       mBuffer(kMaxRequestBytes)
 {
-    WatchListener();
+    mListener.Watch();
 }
 
 ControlServer::~ControlServer()
@@ -50,23 +51,13 @@ std::size_t ControlServer::ClientCount() const
         mClients.begin(), mClients.end(), [](const Client &client) { return !client.mIsGone; }));
 }
 
-void ControlServer::WatchListener()
-{
-    if (!mListenerSource.IsActive()) {
-        mListenerSource =
-            LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
-    }
-}
-
 void ControlServer::OnListenerReady()
 {
-    Parvane::UniqueFd connection;
-    if (const int error = mListener.Accept(connection); error != 0) {
-        OnAcceptFailed(error);
+    PacketSocket socket = mListener.Accept();
+    if (!socket) {
         return;
     }
-    HostSocket socket(std::move(connection));
-    const HostSocket::Peer peer = socket.GetPeer();
+    const PacketSocket::Peer peer = socket.GetPeer();
     if (ClientCount() >= kMaxClients) {
         ServeThoseWhoHaveGone();
     }
@@ -92,23 +83,8 @@ void ControlServer::ServeThoseWhoHaveGone()
     }
 }
 
-void ControlServer::OnAcceptFailed(int error)
+void ControlServer::TakeClient(PacketSocket socket, int pid)
 {
-    if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
-        return;
-    }
-    // The connection stays in the queue and the socket readable: without a pause the loop would spin.
-    LogError("control: cannot take a connection: %s", ErrorText(error).c_str());
-    mListenerSource.Remove();
-    mAcceptTimer.Arm(mClock.MonotonicUs() + kAcceptPauseMs * 1000, [this] { WatchListener(); });
-}
-
-void ControlServer::TakeClient(HostSocket socket, int pid)
-{
-    if (const int error = socket.Prepare(); error != 0) {
-        LogError("control: cannot prepare a connection: %s", ErrorText(error).c_str());
-        return;
-    }
     Client &client = mClients.emplace_back();
     client.mSocket = std::move(socket);
     client.mPid = pid;
@@ -139,23 +115,23 @@ bool ControlServer::ReadMessage(Client &client)
 {
     std::size_t size = 0;
     switch (client.mSocket.Receive(mBuffer, size)) {
-    case HostSocket::Received::Message:
+    case PacketSocket::Received::Message:
         Serve(client, {reinterpret_cast<const char *>(mBuffer.data()), size});
         break;
-    case HostSocket::Received::Empty:
+    case PacketSocket::Received::Empty:
         Reply(client,
               ErrorMessage(ControlError::BadMessage, "the message is empty; send one JSON object"));
         break;
-    case HostSocket::Received::TooLong:
+    case PacketSocket::Received::TooLong:
         Reply(client, ErrorMessage(ControlError::BadMessage, "the message is too long; at most " +
                                                                  std::to_string(kMaxRequestBytes) +
                                                                  " bytes are allowed"));
         break;
-    case HostSocket::Received::Error:
+    case PacketSocket::Received::Error:
         break;
-    case HostSocket::Received::Nothing:
+    case PacketSocket::Received::Nothing:
         return false;
-    case HostSocket::Received::End:
+    case PacketSocket::Received::End:
         Drop(client);
         break;
     }

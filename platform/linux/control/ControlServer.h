@@ -12,8 +12,9 @@
 #include "Clock.h"
 #include "ContextManager.h"
 #include "ControlHandler.h"
-#include "LinkSocket.h"
+#include "ListeningSocket.h"
 #include "LoopSource.h"
+#include "PacketSocket.h"
 #include "RecordingWriter.h"
 
 namespace ParvanePlatform {
@@ -44,9 +45,6 @@ public:
     /** Messages of one client that are read in one turn of the main loop. */
     static constexpr int kMessagesPerTurn = 8;
 
-    /** How long no connection is taken when the system has run out of descriptors or memory. */
-    static constexpr std::int64_t kAcceptPauseMs = 1000;
-
     /**
      * @param runtimeDirectory  exists, and is used by this process alone
      * @param context           whose readings are recorded; it and `clock` are borrowed for the life
@@ -68,7 +66,7 @@ public:
 private:
     struct Client
     {
-        HostSocket mSocket;
+        PacketSocket mSocket;
         int mPid = 0;
         LoopSource mSource;
         /** Set while the client records. */
@@ -83,12 +81,10 @@ private:
         LoopTimer mEndTimer;
     };
 
-    void WatchListener();
     void OnListenerReady();
     /** Makes room of clients whose end has not had its turn of the loop yet. */
     void ServeThoseWhoHaveGone();
-    void OnAcceptFailed(int error);
-    void TakeClient(HostSocket socket, int pid);
+    void TakeClient(PacketSocket socket, int pid);
     void Watch(Client &client);
     void OnClientReady(Client &client);
     /** Takes one message. @return false when there is nothing left to take in this turn */
@@ -108,8 +104,6 @@ private:
     ListeningSocket mListener;
     std::vector<unsigned char> mBuffer;
     std::list<Client> mClients;
-    LoopSource mListenerSource;
-    LoopTimer mAcceptTimer;
     LoopSource mSweep;
 };
 

@@ -35,18 +35,18 @@ std::string IsoTime(std::int64_t wallMs)
     return text.data();
 }
 
-const char *HostStateName(AccessoryLink::HostState state)
+const char *HostStateName(LinkSession::HostState state)
 {
     switch (state) {
-    case AccessoryLink::HostState::None:
+    case LinkSession::HostState::None:
         return "none";
-    case AccessoryLink::HostState::Waiting:
+    case LinkSession::HostState::Waiting:
         return "waiting";
-    case AccessoryLink::HostState::Indicated:
+    case LinkSession::HostState::Indicated:
         return "indicated";
-    case AccessoryLink::HostState::Open:
+    case LinkSession::HostState::Open:
         return "open";
-    case AccessoryLink::HostState::Gone:
+    case LinkSession::HostState::Gone:
         return "ending";
     }
     return "?";
@@ -71,7 +71,7 @@ public:
         return service;
     }
 
-    json Host(const AccessoryLink::LinkStatus &link) const
+    json Host(const LinkSession::LinkStatus &link) const
     {
         if (link.mConnectedWallMs == 0) {
             return nullptr;
@@ -82,11 +82,11 @@ public:
         return host;
     }
 
-    json Link(const AccessoryLink::LinkStatus &link) const
+    json Link(const LinkSession::LinkStatus &link) const
     {
         int key = 0;
-        const bool hasKey = mParts.mKeys.GetInt(AccessoryLink::kStatusKey, key) == 0;
-        const AccessoryLink::Statistics &counts = link.mStatistics;
+        const bool hasKey = mParts.mKeys.GetInt(LinkSession::kStatusKey, key) == 0;
+        const LinkSession::Statistics &counts = link.mStatistics;
         return {{"state", link.mIsDown ? "down" : "up"},
                 {"key", hasKey ? json(key) : json(nullptr)},
                 {"host_state", HostStateName(link.mHostState)},
@@ -204,7 +204,7 @@ std::string StatusMessage(const ControlledParts &parts, const ServiceStart &star
 {
     constexpr std::size_t kReserve = 128; // for what stands around the preferences
     const Reporter reporter(parts);
-    const AccessoryLink::LinkStatus link = parts.mLink.Status();
+    const LinkSession::LinkStatus link = parts.mLink.Status();
     json status = {
         {"time", reporter.Now()},
         {"service", reporter.Service(start)},

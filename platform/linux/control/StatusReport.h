@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <string>
 
-#include "AccessoryLink.h"
 #include "Clock.h"
 #include "ContextManager.h"
 #include "KeyValueStore.h"
 #include "LifecycleEvents.h"
+#include "LinkSession.h"
 #include "PowerLocks.h"
 #include "PreferenceStore.h"
 
@@ -22,7 +22,7 @@ struct ControlledParts
     const KeyValueStore &mKeys;
     ContextManager &mContext;
     const PowerLocks &mPower;
-    AccessoryLink &mLink;
+    LinkSession &mLink;
     LifecycleEvents &mEvents;
     std::string mStateDirectory;
     std::string mRuntimeDirectory;

@@ -117,7 +117,7 @@ protected:
     KeyValueStore mKeys;
     ContextManager mContext;
     PowerLocks mPower;
-    AccessoryLink mLink;
+    LinkSession mLink;
     ControlCommands mCommands;
     std::vector<std::string> mReadings;
     StderrCapture mLog;

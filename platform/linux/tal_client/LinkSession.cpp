@@ -1,20 +1,15 @@
-#include "AccessoryLink.h"
+#include "LinkSession.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <utility>
 
-#include "ErrorCode.h"
-#include "Files.h"
 #include "RuntimeLog.h"
 
 namespace ParvanePlatform {
 
 namespace {
-
-constexpr GIOCondition kReadEvents = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR);
-constexpr GIOCondition kEndEvents = static_cast<GIOCondition>(G_IO_HUP | G_IO_ERR);
 
 /** The next id: above 0, also after the largest. */
 int NextId(int last)
@@ -24,18 +19,15 @@ int NextId(int last)
 
 } // namespace
 
-AccessoryLink::AccessoryLink(const std::string &runtimeDirectory, KeyValueStore &keys,
-                             const Clock &clock)
-    : mKeys(keys),
-      mClock(clock),
-      mListener(runtimeDirectory + '/' + kSocketName),
-      mReceiveBuffer(std::make_unique_for_overwrite<unsigned char[]>(HostSocket::kMaxReceiveBytes))
+LinkSession::LinkSession(const std::string &runtimeDirectory, KeyValueStore &keys,
+                         const Clock &clock)
+    : mKeys(keys), mClock(clock), mTransport(runtimeDirectory, clock, *this)
 {
     mKeys.SetInt(kStatusKey, 1);
-    WatchListener();
+    mTransport.Listen();
 }
 
-AccessoryLink::~AccessoryLink()
+LinkSession::~LinkSession()
 {
     try {
         mKeys.SetInt(kStatusKey, 0);
@@ -44,21 +36,21 @@ AccessoryLink::~AccessoryLink()
     }
 }
 
-void AccessoryLink::RegisterNotifications(const tal_notifications &notifications)
+void LinkSession::RegisterNotifications(const tal_notifications &notifications)
 {
     mNotifications = notifications;
     WatchHost();
     ScheduleWork();
 }
 
-void AccessoryLink::DeregisterNotifications()
+void LinkSession::DeregisterNotifications()
 {
     mNotifications.reset();
     mPeerSearches.clear();
     WatchHost();
 }
 
-int AccessoryLink::RegisterAgent(const tal_service_descriptor *service)
+int LinkSession::RegisterAgent(const tal_service_descriptor *service)
 {
     if (service == nullptr || service->profileId == nullptr || service->serviceName == nullptr ||
         service->channels == nullptr || service->channelCount == 0) {
@@ -78,7 +70,7 @@ int AccessoryLink::RegisterAgent(const tal_service_descriptor *service)
     return 0;
 }
 
-int AccessoryLink::DeregisterAgent(int agentId)
+int LinkSession::DeregisterAgent(int agentId)
 {
     if (!mAgent || mAgent->mId != agentId) {
         return kInvalidArgument;
@@ -91,7 +83,7 @@ int AccessoryLink::DeregisterAgent(int agentId)
     return 0;
 }
 
-int AccessoryLink::FindPeer(int agentId)
+int LinkSession::FindPeer(int agentId)
 {
     if (!mAgent || mAgent->mId != agentId) {
         return kInvalidArgument;
@@ -101,7 +93,7 @@ int AccessoryLink::FindPeer(int agentId)
     return 0;
 }
 
-int AccessoryLink::Accept(int agentId, int connectionId)
+int LinkSession::Accept(int agentId, int connectionId)
 {
     if (!mAgent || mAgent->mId != agentId) {
         return kInvalidArgument;
@@ -114,7 +106,7 @@ int AccessoryLink::Accept(int agentId, int connectionId)
     return 0;
 }
 
-int AccessoryLink::Terminate(int connectionId)
+int LinkSession::Terminate(int connectionId)
 {
     // A host that is only waiting has no connection yet that the service could know.
     if (mHostState == HostState::None || mHostState == HostState::Waiting ||
@@ -127,7 +119,7 @@ int AccessoryLink::Terminate(int connectionId)
     return 0;
 }
 
-int AccessoryLink::Send(int connectionId, int channelId, int size, const void *data)
+int LinkSession::Send(int connectionId, int channelId, int size, const void *data)
 {
     if (data == nullptr || size <= 0 || size > kMaxSendBytes) {
         return kInvalidArgument;
@@ -143,7 +135,7 @@ int AccessoryLink::Send(int connectionId, int channelId, int size, const void *d
     if (std::find(channels.begin(), channels.end(), channelId) == channels.end()) {
         return kInvalidArgument;
     }
-    switch (mHost.Send(data, static_cast<std::size_t>(size))) {
+    switch (mTransport.Send(data, static_cast<std::size_t>(size))) {
     case 0:
         ++mStatistics.mPacketsOut;
         mStatistics.mBytesOut += static_cast<unsigned>(size);
@@ -158,7 +150,7 @@ int AccessoryLink::Send(int connectionId, int channelId, int size, const void *d
     }
 }
 
-void AccessoryLink::TakeDown()
+void LinkSession::TakeDown()
 {
     if (mIsDown) {
         return;
@@ -166,16 +158,15 @@ void AccessoryLink::TakeDown()
     LogInfo("accessory link: taken down");
     mIsDown = true;
     mKeyIsDown = true;
-    mAcceptTimer.Disarm();
-    mListenerSource.Remove();
+    mTransport.StopListening();
     if (mHostState == HostState::Open) {
-        OnHostEnded();
+        OnEnded();
     } else if (mHostState != HostState::Gone) {
         CloseHost();
     }
 }
 
-void AccessoryLink::BringUp()
+void LinkSession::BringUp()
 {
     if (!mIsDown) {
         return;
@@ -187,83 +178,25 @@ void AccessoryLink::BringUp()
     }
 }
 
-AccessoryLink::LinkStatus AccessoryLink::Status() const
+LinkSession::LinkStatus LinkSession::Status() const
 {
     LinkStatus status;
     status.mIsDown = mIsDown;
     status.mHostState = mHostState;
     status.mStatistics = mStatistics;
-    if (mHost) {
-        status.mPeer = mPeer;
+    status.mStatistics.mRefusedHosts = mTransport.RefusedHosts();
+    if (mTransport.HasHost()) {
+        status.mPeer = mTransport.Peer();
         status.mConnectedWallMs = mConnectedWallMs;
         status.mConnectedUs = mConnectedUs;
     }
     return status;
 }
 
-void AccessoryLink::WatchListener()
+void LinkSession::OnConnected()
 {
-    if (!mListenerSource.IsActive()) {
-        mListenerSource =
-            LoopSource::WatchSeldom(mListener.Fd(), G_IO_IN, [this] { OnListenerReady(); });
-    }
-}
-
-void AccessoryLink::OnListenerReady()
-{
-    if (mHostState != HostState::None && mHost.HasHungUp()) {
-        // The host is as good as gone: the new one waits for the end of it in the queue.
-        mListenerSource.Remove();
-        return;
-    }
-    Parvane::UniqueFd connection;
-    if (const int error = mListener.Accept(connection); error != 0) {
-        OnAcceptFailed(error);
-        return;
-    }
-    HostSocket host(std::move(connection));
-    const HostSocket::Peer peer = host.GetPeer();
-    if (!peer.IsTrusted()) {
-        ++mStatistics.mRefusedHosts;
-        LogWarning("accessory link: a host of user %u is refused", peer.mUid);
-    } else if (mHostState != HostState::None) {
-        ++mStatistics.mRefusedHosts;
-        LogWarning("accessory link: a second host is refused");
-    } else {
-        TakeHost(std::move(host));
-    }
-}
-
-void AccessoryLink::OnAcceptFailed(int error)
-{
-    switch (error) {
-    case EAGAIN:
-    case EINTR:
-    case ECONNABORTED:
-        return;
-    default:
-        break;
-    }
-    // The connection stays in the queue and the socket readable: without a pause the loop would spin.
-    LogError("accessory link: cannot take a connection: %s", ErrorText(error).c_str());
-    mListenerSource.Remove();
-    mAcceptTimer.Arm(mClock.MonotonicUs() + kAcceptPauseMs * 1000, [this] {
-        if (mHostState != HostState::Gone) {
-            WatchListener();
-        }
-    });
-}
-
-void AccessoryLink::TakeHost(HostSocket host)
-{
-    if (const int error = host.Prepare(); error != 0) {
-        LogError("accessory link: cannot prepare a connection: %s", ErrorText(error).c_str());
-        return;
-    }
-    mPeer = host.GetPeer();
     mConnectedWallMs = mClock.WallMs();
     mConnectedUs = mClock.BootUs();
-    mHost = std::move(host);
     mHostState = HostState::Waiting;
     mConnectionId = NextId(mConnectionId);
     WatchHost();
@@ -271,84 +204,42 @@ void AccessoryLink::TakeHost(HostSocket host)
     ScheduleWork();
 }
 
-void AccessoryLink::WatchHost()
+void LinkSession::WatchHost()
 {
-    if (mHostState == HostState::Waiting) {
-        mHostSource =
-            LoopSource::WatchFd(mHost.Fd(), kEndEvents, [this] { OnWaitingHostHungUp(); });
-    } else if (mHostState == HostState::Open && mNotifications) {
-        mHostSource = LoopSource::WatchFd(mHost.Fd(), kReadEvents, [this] { OnHostReady(); });
-    } else if (mHostState == HostState::Open) {
-        // Nobody is there to be told what it has sent.
-        mHostSource = LoopSource::WatchFd(mHost.Fd(), kEndEvents, [this] { CloseHost(); });
+    if (mHostState == HostState::Open && mNotifications) {
+        mTransport.WatchMessages();
+    } else if (mHostState == HostState::Open || mHostState == HostState::Waiting) {
+        mTransport.WatchEnd();
     }
 }
 
-void AccessoryLink::OnWaitingHostHungUp()
+void LinkSession::OnHungUp()
 {
-    mHostSource.Remove();
+    if (mHostState == HostState::Open) {
+        CloseHost(); // nobody is there to be told what it has sent
+        return;
+    }
+    mTransport.Unwatch();
     mReadyTimer.Arm(mClock.MonotonicUs() + kReadyWaitMs * 1000, [this] {
         LogWarning("accessory link: a host has gone before the service was ready for it");
         CloseHost();
     });
 }
 
-void AccessoryLink::OnHostReady()
-{
-    // A host that waits for each answer before it asks again has one message a turn: looking for a
-    // second one would be a call in vain for each.
-    const bool isAlone = mLoneMessages >= kLoneMessages && mLoneMessages % kLoneMessages != 0;
-    ++mLoneMessages;
-    for (int i = 0; i < (isAlone ? 1 : kMessagesPerTurn); ++i) {
-        std::size_t size = 0;
-        const HostSocket::Received received =
-            mHost.Receive({mReceiveBuffer.get(), HostSocket::kMaxReceiveBytes}, size);
-        if (i > 0 && received != HostSocket::Received::Nothing) {
-            mLoneMessages = 0;
-        }
-        if (!OnReceived(received, size)) {
-            return;
-        }
-    }
-}
-
-bool AccessoryLink::OnReceived(HostSocket::Received received, std::size_t size)
-{
-    switch (received) {
-    case HostSocket::Received::Message:
-        return DeliverMessage(size);
-    case HostSocket::Received::Empty:
-        LogWarning("accessory link: an empty message is dropped");
-        return true;
-    case HostSocket::Received::TooLong:
-        LogWarning("accessory link: a message of more than %zu bytes is dropped",
-                   HostSocket::kMaxReceiveBytes);
-        return true;
-    case HostSocket::Received::Error:
-        return true;
-    case HostSocket::Received::Nothing:
-        return false;
-    case HostSocket::Received::End:
-        OnHostEnded();
-        return false;
-    }
-    return false;
-}
-
-bool AccessoryLink::DeliverMessage(std::size_t size)
+bool LinkSession::OnMessage(std::span<unsigned char> message)
 {
     const int connectionId = mConnectionId;
     ++mStatistics.mPacketsIn;
-    mStatistics.mBytesIn += size;
+    mStatistics.mBytesIn += message.size();
     if (mNotifications->dataReceived != nullptr) {
         mNotifications->dataReceived(connectionId, mAgent->mChannels.front(),
-                                     static_cast<int>(size), mReceiveBuffer.get());
+                                     static_cast<int>(message.size()), message.data());
     }
     // The service may have closed the connection, or stopped listening.
     return mHostState == HostState::Open && mConnectionId == connectionId && mNotifications;
 }
 
-void AccessoryLink::OnHostEnded()
+void LinkSession::OnEnded()
 {
     EndConnection();
     if (mNotifications && mNotifications->serviceTerminated != nullptr) {
@@ -357,23 +248,21 @@ void AccessoryLink::OnHostEnded()
     AnnounceEnd();
 }
 
-void AccessoryLink::CloseHost()
+void LinkSession::CloseHost()
 {
     EndConnection();
     AnnounceEnd();
 }
 
-void AccessoryLink::EndConnection()
+void LinkSession::EndConnection()
 {
     mReadyTimer.Disarm();
-    mHostSource.Remove();
-    mHost.Close();
+    mTransport.Close();
+    mTransport.StopListening();
     mHostState = HostState::Gone;
-    // The next host waits in the socket's queue.
-    mListenerSource.Remove();
 }
 
-void AccessoryLink::AnnounceEnd()
+void LinkSession::AnnounceEnd()
 {
     mKeys.SetInt(kStatusKey, 0, [this, life = std::weak_ptr<int>(mLife)] {
         if (!life.expired()) {
@@ -383,7 +272,7 @@ void AccessoryLink::AnnounceEnd()
     });
 }
 
-void AccessoryLink::OnEndAnnounced()
+void LinkSession::OnEndAnnounced()
 {
     if (mIsDown) {
         return;
@@ -392,17 +281,17 @@ void AccessoryLink::OnEndAnnounced()
     if (std::exchange(mKeyIsDown, false)) {
         mKeys.SetInt(kStatusKey, 1);
     }
-    WatchListener();
+    mTransport.Listen();
 }
 
-void AccessoryLink::ScheduleWork()
+void LinkSession::ScheduleWork()
 {
     if (!mWork.IsActive()) {
         mWork = LoopSource::Post([this] { DoWork(); });
     }
 }
 
-void AccessoryLink::DoWork()
+void LinkSession::DoWork()
 {
     // From here on new work gets a turn of its own.
     mWork.Remove();
@@ -411,7 +300,7 @@ void AccessoryLink::DoWork()
     IndicateHost();
 }
 
-void AccessoryLink::ConfirmAgent()
+void LinkSession::ConfirmAgent()
 {
     if (!mNotifications || !mAgent || mAgent->mConfirmed) {
         return;
@@ -422,7 +311,7 @@ void AccessoryLink::ConfirmAgent()
     }
 }
 
-void AccessoryLink::AnswerPeerSearches()
+void LinkSession::AnswerPeerSearches()
 {
     if (!mNotifications) {
         return;
@@ -432,23 +321,25 @@ void AccessoryLink::AnswerPeerSearches()
         const bool isAsked = mNotifications && mNotifications->peerAgent != nullptr && mAgent &&
                              mAgent->mId == agentId;
         if (isAsked) {
-            const bool isThere = mHost && mHostState != HostState::Gone;
-            mNotifications->peerAgent(agentId, isThere ? &mHost : nullptr, isThere ? 0 : kNoPeer);
+            const bool isThere = mTransport.HasHost();
+            mNotifications->peerAgent(agentId, isThere ? &mTransport : nullptr,
+                                      isThere ? 0 : kNoPeer);
         }
     }
 }
 
-void AccessoryLink::IndicateHost()
+void LinkSession::IndicateHost()
 {
     if (mHostState != HostState::Waiting || !mNotifications || !mAgent || !mAgent->mConfirmed) {
         return;
     }
-    mHostSource.Remove();
+    mTransport.Unwatch();
     mReadyTimer.Disarm();
     mHostState = HostState::Indicated;
     const int connectionId = mConnectionId;
     if (mNotifications->serviceConnectionIndication != nullptr) {
-        mNotifications->serviceConnectionIndication(mAgent->mId, connectionId, &mHost, nullptr);
+        mNotifications->serviceConnectionIndication(mAgent->mId, connectionId, &mTransport,
+                                                    nullptr);
     }
     if (mHostState == HostState::Indicated) {
         LogWarning("accessory link: the service has not accepted the host");

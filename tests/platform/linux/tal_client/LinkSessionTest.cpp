@@ -1,4 +1,4 @@
-#include "AccessoryLink.h"
+#include "LinkSession.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -87,13 +87,13 @@ private:
  * The link over a real socket, with a service that does what the watch's service does: it accepts
  * what is indicated, and follows the status key. What it is told is noted in mEvents.
  */
-class AccessoryLinkTest : public testing::Test
+class LinkSessionTest : public testing::Test
 {
 public:
-    ~AccessoryLinkTest() override { sCurrent = nullptr; }
+    ~LinkSessionTest() override { sCurrent = nullptr; }
 
 protected:
-    AccessoryLinkTest() : mKeys(mDirectory.Path(), mDirectory.Path())
+    LinkSessionTest() : mKeys(mDirectory.Path(), mDirectory.Path())
     {
         sCurrent = this;
         Start();
@@ -102,13 +102,13 @@ protected:
     void Start()
     {
         mLink.reset();
-        mLink = std::make_unique<AccessoryLink>(mDirectory.Path(), mKeys, mClock);
+        mLink = std::make_unique<LinkSession>(mDirectory.Path(), mKeys, mClock);
     }
 
     /** Registers as the service does at its start. */
     void StartService()
     {
-        ASSERT_EQ(mKeys.Watch(AccessoryLink::kStatusKey, OnKeyChanged, nullptr), 0);
+        ASSERT_EQ(mKeys.Watch(LinkSession::kStatusKey, OnKeyChanged, nullptr), 0);
         Register();
         ASSERT_TRUE(RunUntil([this] { return mAgentId > 0; }));
         TakeEvents();
@@ -201,7 +201,7 @@ protected:
     int Status() const
     {
         int value = -1;
-        mKeys.GetInt(AccessoryLink::kStatusKey, value);
+        mKeys.GetInt(LinkSession::kStatusKey, value);
         return value;
     }
 
@@ -222,12 +222,12 @@ protected:
                            message.data());
     }
 
-    static inline AccessoryLinkTest *sCurrent = nullptr;
+    static inline LinkSessionTest *sCurrent = nullptr;
 
     TemporaryDirectory mDirectory;
     ManualClock mClock;
     KeyValueStore mKeys;
-    std::unique_ptr<AccessoryLink> mLink;
+    std::unique_ptr<LinkSession> mLink;
     tal_channel_descriptor mChannelDescriptor = {kChannel, 0, 1, {}};
     tal_service_descriptor mService = {"/profile", "name", 4, 1, &mChannelDescriptor, 1, {}};
     bool mAccepts = true;
@@ -240,14 +240,14 @@ protected:
     StderrCapture mLog;
 };
 
-TEST_F(AccessoryLinkTest, SocketIsForTheOwnerAloneAndGoesWithTheLink)
+TEST_F(LinkSessionTest, SocketIsForTheOwnerAloneAndGoesWithTheLink)
 {
     EXPECT_EQ(ModeOf(Socket()), 0600U);
     mLink.reset();
     EXPECT_FALSE(FileExists(Socket()));
 }
 
-TEST_F(AccessoryLinkTest, SocketOfAnEarlierRunIsReplaced)
+TEST_F(LinkSessionTest, SocketOfAnEarlierRunIsReplaced)
 {
     mLink.reset();
     WriteFile(Socket(), "stale");
@@ -255,13 +255,13 @@ TEST_F(AccessoryLinkTest, SocketOfAnEarlierRunIsReplaced)
     EXPECT_EQ(RawHost(Socket()).ConnectError(), 0);
 }
 
-TEST_F(AccessoryLinkTest, PathThatIsTooLongIsNamedWithItsLength)
+TEST_F(LinkSessionTest, PathThatIsTooLongIsNamedWithItsLength)
 {
     const std::string directory =
         mDirectory / std::string(108 - mDirectory.Path().size() - 11, 'd');
     std::filesystem::create_directory(directory);
     try {
-        const AccessoryLink link(directory, mKeys, mClock);
+        const LinkSession link(directory, mKeys, mClock);
         FAIL() << "no error";
     } catch (const StartupError &failure) {
         EXPECT_EQ(failure.what(), "cannot make the socket " + directory +
@@ -269,10 +269,10 @@ TEST_F(AccessoryLinkTest, PathThatIsTooLongIsNamedWithItsLength)
     }
 }
 
-TEST_F(AccessoryLinkTest, SocketThatCannotBeMadeIsNamedWithTheReason)
+TEST_F(LinkSessionTest, SocketThatCannotBeMadeIsNamedWithTheReason)
 {
     try {
-        const AccessoryLink link(mDirectory / "none", mKeys, mClock);
+        const LinkSession link(mDirectory / "none", mKeys, mClock);
         FAIL() << "no error";
     } catch (const StartupError &failure) {
         EXPECT_EQ(failure.what(), "cannot make the socket " + (mDirectory / "none/link.sock") +
@@ -280,14 +280,14 @@ TEST_F(AccessoryLinkTest, SocketThatCannotBeMadeIsNamedWithTheReason)
     }
 }
 
-TEST_F(AccessoryLinkTest, KeyIsOneAtTheStartAndZeroAtTheEnd)
+TEST_F(LinkSessionTest, KeyIsOneAtTheStartAndZeroAtTheEnd)
 {
     EXPECT_EQ(Status(), 1);
     mLink.reset();
     EXPECT_EQ(Status(), 0);
 }
 
-TEST_F(AccessoryLinkTest, AgentIsConfirmedFromTheMainLoop)
+TEST_F(LinkSessionTest, AgentIsConfirmedFromTheMainLoop)
 {
     Register();
     EXPECT_THAT(mEvents, IsEmpty());
@@ -295,7 +295,7 @@ TEST_F(AccessoryLinkTest, AgentIsConfirmedFromTheMainLoop)
     EXPECT_GT(mAgentId, 0);
 }
 
-TEST_F(AccessoryLinkTest, AgentThatIsGoneIsNotConfirmed)
+TEST_F(LinkSessionTest, AgentThatIsGoneIsNotConfirmed)
 {
     Register();
     EXPECT_EQ(mLink->DeregisterAgent(1), 0);
@@ -303,7 +303,7 @@ TEST_F(AccessoryLinkTest, AgentThatIsGoneIsNotConfirmed)
     EXPECT_THAT(TakeEvents(), IsEmpty());
 }
 
-TEST_F(AccessoryLinkTest, NoConfirmationComesAfterDeregistration)
+TEST_F(LinkSessionTest, NoConfirmationComesAfterDeregistration)
 {
     Register();
     mLink->DeregisterNotifications();
@@ -313,7 +313,7 @@ TEST_F(AccessoryLinkTest, NoConfirmationComesAfterDeregistration)
     EXPECT_THAT(WaitFor("confirm 0"), ElementsAre("confirm 0"));
 }
 
-TEST_F(AccessoryLinkTest, IncompleteDescriptorsAreRefused)
+TEST_F(LinkSessionTest, IncompleteDescriptorsAreRefused)
 {
     EXPECT_EQ(mLink->RegisterAgent(nullptr), 1);
     for (int missing = 0; missing < 4; ++missing) {
@@ -326,7 +326,7 @@ TEST_F(AccessoryLinkTest, IncompleteDescriptorsAreRefused)
     EXPECT_EQ(mLink->RegisterAgent(&mService), 0);
 }
 
-TEST_F(AccessoryLinkTest, NewRegistrationReplacesTheOneBeforeAndKeepsTheHost)
+TEST_F(LinkSessionTest, NewRegistrationReplacesTheOneBeforeAndKeepsTheHost)
 {
     StartService();
     const RawHost host(Socket());
@@ -341,7 +341,7 @@ TEST_F(AccessoryLinkTest, NewRegistrationReplacesTheOneBeforeAndKeepsTheHost)
     EXPECT_THAT(WaitFor("data request"), ElementsAre("data request"));
 }
 
-TEST_F(AccessoryLinkTest, UnknownAgentsAreRefused)
+TEST_F(LinkSessionTest, UnknownAgentsAreRefused)
 {
     EXPECT_EQ(mLink->DeregisterAgent(1), 1);
     EXPECT_EQ(mLink->FindPeer(1), 1);
@@ -350,7 +350,7 @@ TEST_F(AccessoryLinkTest, UnknownAgentsAreRefused)
     EXPECT_EQ(mLink->FindPeer(mAgentId + 1), 1);
 }
 
-TEST_F(AccessoryLinkTest, HostIsIndicatedOnceTheAgentIsConfirmed)
+TEST_F(LinkSessionTest, HostIsIndicatedOnceTheAgentIsConfirmed)
 {
     const RawHost host(Socket());
     RunWhileBusy();
@@ -359,7 +359,7 @@ TEST_F(AccessoryLinkTest, HostIsIndicatedOnceTheAgentIsConfirmed)
     EXPECT_THAT(WaitFor("connected"), ElementsAre("confirm 0", "connected"));
 }
 
-TEST_F(AccessoryLinkTest, MessagesGoBothWays)
+TEST_F(LinkSessionTest, MessagesGoBothWays)
 {
     StartService();
     const RawHost host(Socket());
@@ -373,7 +373,7 @@ TEST_F(AccessoryLinkTest, MessagesGoBothWays)
     EXPECT_EQ(host.Receive(), "nothing");
 }
 
-TEST_F(AccessoryLinkTest, WhatIsSentBeforeTheAcceptanceIsKept)
+TEST_F(LinkSessionTest, WhatIsSentBeforeTheAcceptanceIsKept)
 {
     const RawHost host(Socket());
     host.Send("early");
@@ -382,7 +382,7 @@ TEST_F(AccessoryLinkTest, WhatIsSentBeforeTheAcceptanceIsKept)
     EXPECT_THAT(WaitFor("data early"), Contains("data early"));
 }
 
-TEST_F(AccessoryLinkTest, SecondHostIsClosedAtOnceAndTheFirstGoesOn)
+TEST_F(LinkSessionTest, SecondHostIsClosedAtOnceAndTheFirstGoesOn)
 {
     StartService();
     const RawHost first(Socket());
@@ -399,7 +399,7 @@ TEST_F(AccessoryLinkTest, SecondHostIsClosedAtOnceAndTheFirstGoesOn)
                                                 "refused\n"));
 }
 
-TEST_F(AccessoryLinkTest, HostThatGoesIsTerminatedThenTheKeyFollows)
+TEST_F(LinkSessionTest, HostThatGoesIsTerminatedThenTheKeyFollows)
 {
     StartService();
     RawHost host(Socket());
@@ -415,7 +415,7 @@ TEST_F(AccessoryLinkTest, HostThatGoesIsTerminatedThenTheKeyFollows)
     EXPECT_EQ(mAgentId, -1);
 }
 
-TEST_F(AccessoryLinkTest, EverythingThatTheHostHasSentComesBeforeItsEnd)
+TEST_F(LinkSessionTest, EverythingThatTheHostHasSentComesBeforeItsEnd)
 {
     StartService();
     RawHost host(Socket());
@@ -431,7 +431,7 @@ TEST_F(AccessoryLinkTest, EverythingThatTheHostHasSentComesBeforeItsEnd)
     EXPECT_EQ(WaitFor("key 0"), expected);
 }
 
-TEST_F(AccessoryLinkTest, HalfClosedHostIsGone)
+TEST_F(LinkSessionTest, HalfClosedHostIsGone)
 {
     StartService();
     const RawHost host(Socket());
@@ -442,7 +442,7 @@ TEST_F(AccessoryLinkTest, HalfClosedHostIsGone)
     EXPECT_TRUE(host.IsClosed());
 }
 
-TEST_F(AccessoryLinkTest, ServiceSeesZeroBetweenTwoHosts)
+TEST_F(LinkSessionTest, ServiceSeesZeroBetweenTwoHosts)
 {
     StartService();
     RawHost first(Socket());
@@ -455,7 +455,7 @@ TEST_F(AccessoryLinkTest, ServiceSeesZeroBetweenTwoHosts)
                 ElementsAre("terminated", "key 0", "key 1", "confirm 0", "connected", "data b"));
 }
 
-TEST_F(AccessoryLinkTest, HostsThatComeAndGoAreServedOneAfterTheOther)
+TEST_F(LinkSessionTest, HostsThatComeAndGoAreServedOneAfterTheOther)
 {
     StartService();
     for (int i = 0; i < 5; ++i) {
@@ -473,7 +473,7 @@ TEST_F(AccessoryLinkTest, HostsThatComeAndGoAreServedOneAfterTheOther)
     EXPECT_THAT(data, ElementsAre("data 0", "data 1", "data 2", "data 3", "data 4"));
 }
 
-TEST_F(AccessoryLinkTest, HostThatIsNotAcceptedIsClosed)
+TEST_F(LinkSessionTest, HostThatIsNotAcceptedIsClosed)
 {
     mAccepts = false;
     StartService();
@@ -482,7 +482,7 @@ TEST_F(AccessoryLinkTest, HostThatIsNotAcceptedIsClosed)
     EXPECT_TRUE(host.IsClosed());
 }
 
-TEST_F(AccessoryLinkTest, AcceptanceMustNameTheIndicatedConnection)
+TEST_F(LinkSessionTest, AcceptanceMustNameTheIndicatedConnection)
 {
     StartService();
     EXPECT_EQ(mLink->Accept(mAgentId, 1), 2);
@@ -500,7 +500,7 @@ TEST_F(AccessoryLinkTest, AcceptanceMustNameTheIndicatedConnection)
     EXPECT_FALSE(host.IsClosed());
 }
 
-TEST_F(AccessoryLinkTest, ServiceCanCloseTheConnection)
+TEST_F(LinkSessionTest, ServiceCanCloseTheConnection)
 {
     StartService();
     const RawHost host(Socket());
@@ -514,7 +514,7 @@ TEST_F(AccessoryLinkTest, ServiceCanCloseTheConnection)
     EXPECT_EQ(mLink->Terminate(connectionId), 2);
 }
 
-TEST_F(AccessoryLinkTest, ServiceMayCloseTheConnectionInAnyNotification)
+TEST_F(LinkSessionTest, ServiceMayCloseTheConnectionInAnyNotification)
 {
     for (const char *when : {"connected", "data x", "terminated"}) {
         mAgentId = -1;
@@ -539,19 +539,19 @@ TEST_F(AccessoryLinkTest, ServiceMayCloseTheConnectionInAnyNotification)
     }
 }
 
-TEST_F(AccessoryLinkTest, ForeignZeroEndsTheConnectionAndTheNextHostBringsTheOneBack)
+TEST_F(LinkSessionTest, ForeignZeroEndsTheConnectionAndTheNextHostBringsTheOneBack)
 {
     StartService();
     const RawHost first(Socket());
     WaitFor("connected");
-    WriteFile(mDirectory / AccessoryLink::kStatusKey, "0\n");
+    WriteFile(mDirectory / LinkSession::kStatusKey, "0\n");
     EXPECT_THAT(WaitFor("key 0"), ElementsAre("key 0"));
     EXPECT_TRUE(first.IsClosed());
     const RawHost second(Socket());
     EXPECT_THAT(WaitFor("connected"), ElementsAre("key 1", "confirm 0", "connected"));
 }
 
-TEST_F(AccessoryLinkTest, EmptyMessageIsDroppedAndIsNoEnd)
+TEST_F(LinkSessionTest, EmptyMessageIsDroppedAndIsNoEnd)
 {
     StartService();
     const RawHost host(Socket());
@@ -562,7 +562,7 @@ TEST_F(AccessoryLinkTest, EmptyMessageIsDroppedAndIsNoEnd)
     EXPECT_THAT(WaitFor("data x"), ElementsAre("data x"));
 }
 
-TEST_F(AccessoryLinkTest, EmptyMessageOfAHostThatHasGoneIsNotTheEndOfWhatItHasSent)
+TEST_F(LinkSessionTest, EmptyMessageOfAHostThatHasGoneIsNotTheEndOfWhatItHasSent)
 {
     StartService();
     {
@@ -575,7 +575,7 @@ TEST_F(AccessoryLinkTest, EmptyMessageOfAHostThatHasGoneIsNotTheEndOfWhatItHasSe
     EXPECT_THAT(WaitFor("key 0"), ElementsAre("data x", "terminated", "key 0"));
 }
 
-TEST_F(AccessoryLinkTest, MessageThatIsTooLongIsDroppedAndTheHostStays)
+TEST_F(LinkSessionTest, MessageThatIsTooLongIsDroppedAndTheHostStays)
 {
     StartService();
     const RawHost host(Socket());
@@ -587,7 +587,7 @@ TEST_F(AccessoryLinkTest, MessageThatIsTooLongIsDroppedAndTheHostStays)
                                                 "than 65536 bytes is dropped\n"));
 }
 
-TEST_F(AccessoryLinkTest, ArgumentsOfSendAreChecked)
+TEST_F(LinkSessionTest, ArgumentsOfSendAreChecked)
 {
     StartService();
     EXPECT_EQ(mLink->Send(-1, kChannel, 1, "x"), 2);
@@ -605,7 +605,7 @@ TEST_F(AccessoryLinkTest, ArgumentsOfSendAreChecked)
     EXPECT_EQ(host.Receive().size(), 65531U);
 }
 
-TEST_F(AccessoryLinkTest, FullBufferIsToldAndDrainsWhenTheHostReads)
+TEST_F(LinkSessionTest, FullBufferIsToldAndDrainsWhenTheHostReads)
 {
     StartService();
     const RawHost host(Socket());
@@ -624,7 +624,7 @@ TEST_F(AccessoryLinkTest, FullBufferIsToldAndDrainsWhenTheHostReads)
     EXPECT_EQ(Send("again"), 0);
 }
 
-TEST_F(AccessoryLinkTest, SendToAHostThatHasGoneIsANetworkFailure)
+TEST_F(LinkSessionTest, SendToAHostThatHasGoneIsANetworkFailure)
 {
     mFollowsKey = false;
     StartService();
@@ -641,7 +641,7 @@ TEST_F(AccessoryLinkTest, SendToAHostThatHasGoneIsANetworkFailure)
     EXPECT_EQ(Send("x"), 2);
 }
 
-TEST_F(AccessoryLinkTest, PeerSearchIsAnsweredFromTheMainLoop)
+TEST_F(LinkSessionTest, PeerSearchIsAnsweredFromTheMainLoop)
 {
     StartService();
     EXPECT_EQ(mLink->FindPeer(mAgentId), 0);
@@ -653,7 +653,7 @@ TEST_F(AccessoryLinkTest, PeerSearchIsAnsweredFromTheMainLoop)
     EXPECT_THAT(WaitFor("peer 0"), ElementsAre("peer 0"));
 }
 
-TEST_F(AccessoryLinkTest, PeerSearchFromItsAnswerGetsATurnOfItsOwn)
+TEST_F(LinkSessionTest, PeerSearchFromItsAnswerGetsATurnOfItsOwn)
 {
     StartService();
     EXPECT_EQ(mLink->FindPeer(mAgentId), 0);
@@ -669,7 +669,7 @@ TEST_F(AccessoryLinkTest, PeerSearchFromItsAnswerGetsATurnOfItsOwn)
     EXPECT_EQ(mEvents.size(), 11U);
 }
 
-TEST_F(AccessoryLinkTest, NothingIsReadWhileNobodyListens)
+TEST_F(LinkSessionTest, NothingIsReadWhileNobodyListens)
 {
     mFollowsKey = false;
     StartService();
@@ -686,7 +686,7 @@ TEST_F(AccessoryLinkTest, NothingIsReadWhileNobodyListens)
     EXPECT_THAT(WaitFor("key 0"), ElementsAre("key 0"));
 }
 
-TEST_F(AccessoryLinkTest, ListenerMayStopListeningInTheMiddle)
+TEST_F(LinkSessionTest, ListenerMayStopListeningInTheMiddle)
 {
     StartService();
     const RawHost host(Socket());
@@ -703,7 +703,7 @@ TEST_F(AccessoryLinkTest, ListenerMayStopListeningInTheMiddle)
     EXPECT_THAT(WaitFor("data b"), ElementsAre("data b"));
 }
 
-TEST_F(AccessoryLinkTest, HostThatLeavesWhileTheServiceIsNotReadyIsGivenUp)
+TEST_F(LinkSessionTest, HostThatLeavesWhileTheServiceIsNotReadyIsGivenUp)
 {
     RawHost first(Socket());
     RunWhileBusy();
@@ -719,7 +719,7 @@ TEST_F(AccessoryLinkTest, HostThatLeavesWhileTheServiceIsNotReadyIsGivenUp)
                                                 "before the service was ready for it\n"));
 }
 
-TEST_F(AccessoryLinkTest, NullNotificationsAreNotCalled)
+TEST_F(LinkSessionTest, NullNotificationsAreNotCalled)
 {
     mLink->RegisterNotifications(tal_notifications{});
     EXPECT_EQ(mLink->RegisterAgent(&mService), 0);
@@ -728,7 +728,7 @@ TEST_F(AccessoryLinkTest, NullNotificationsAreNotCalled)
     EXPECT_TRUE(RunUntil([&host] { return host.IsClosed(); })); // nobody has accepted it
 }
 
-TEST_F(AccessoryLinkTest, FloodOfMessagesLeavesTheLoopToOthers)
+TEST_F(LinkSessionTest, FloodOfMessagesLeavesTheLoopToOthers)
 {
     StartService();
     const RawHost host(Socket());
@@ -739,12 +739,12 @@ TEST_F(AccessoryLinkTest, FloodOfMessagesLeavesTheLoopToOthers)
     const auto isData = [](const std::string &event) { return event == "data x"; };
     g_main_context_iteration(nullptr, FALSE);
     EXPECT_EQ(std::count_if(mEvents.begin(), mEvents.end(), isData),
-              AccessoryLink::kMessagesPerTurn);
+              LinkTransport::kMessagesPerTurn);
     RunWhileBusy();
     EXPECT_EQ(std::count_if(mEvents.begin(), mEvents.end(), isData), 100);
 }
 
-TEST_F(AccessoryLinkTest, AfterLoneMessagesABunchIsReadInFewTurnsAgain)
+TEST_F(LinkSessionTest, AfterLoneMessagesABunchIsReadInFewTurnsAgain)
 {
     StartService();
     const RawHost host(Socket());
@@ -756,14 +756,14 @@ TEST_F(AccessoryLinkTest, AfterLoneMessagesABunchIsReadInFewTurnsAgain)
     }
     EXPECT_EQ(std::count_if(mEvents.begin(), mEvents.end(), isData), 50);
 
-    for (int i = 0; i < AccessoryLink::kMessagesPerTurn; ++i) {
+    for (int i = 0; i < LinkTransport::kMessagesPerTurn; ++i) {
         host.Send("x");
     }
-    for (unsigned turn = 0; turn < AccessoryLink::kLoneMessages; ++turn) {
+    for (unsigned turn = 0; turn < LinkTransport::kLoneMessages; ++turn) {
         g_main_context_iteration(nullptr, FALSE);
     }
     EXPECT_EQ(std::count_if(mEvents.begin(), mEvents.end(), isData),
-              50 + AccessoryLink::kMessagesPerTurn);
+              50 + LinkTransport::kMessagesPerTurn);
 }
 
 #ifdef __SANITIZE_ADDRESS__
@@ -772,7 +772,7 @@ constexpr bool kIsSanitized = true;
 constexpr bool kIsSanitized = false;
 #endif
 
-TEST_F(AccessoryLinkTest, LackOfDescriptorsPausesTheSocketAndLosesNoHost)
+TEST_F(LinkSessionTest, LackOfDescriptorsPausesTheSocketAndLosesNoHost)
 {
     if (kIsSanitized) {
         GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors itself";
@@ -791,7 +791,7 @@ TEST_F(AccessoryLinkTest, LackOfDescriptorsPausesTheSocketAndLosesNoHost)
                                                 "connection: Too many open files\n"));
 }
 
-TEST_F(AccessoryLinkTest, PauseDoesNotSpin)
+TEST_F(LinkSessionTest, PauseDoesNotSpin)
 {
     if (kIsSanitized) {
         GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors itself";
@@ -808,7 +808,7 @@ TEST_F(AccessoryLinkTest, PauseDoesNotSpin)
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
 }
 
-TEST_F(AccessoryLinkTest, TakingTheLinkDownEndsTheHostAsIfItHadGone)
+TEST_F(LinkSessionTest, TakingTheLinkDownEndsTheHostAsIfItHadGone)
 {
     StartService();
     const RawHost host(Socket());
@@ -822,7 +822,7 @@ TEST_F(AccessoryLinkTest, TakingTheLinkDownEndsTheHostAsIfItHadGone)
     EXPECT_TRUE(mLink->Status().mIsDown);
 }
 
-TEST_F(AccessoryLinkTest, NoHostIsTakenUntilTheLinkIsUpAgain)
+TEST_F(LinkSessionTest, NoHostIsTakenUntilTheLinkIsUpAgain)
 {
     StartService();
     mLink->TakeDown();
@@ -840,7 +840,7 @@ TEST_F(AccessoryLinkTest, NoHostIsTakenUntilTheLinkIsUpAgain)
                 ElementsAre("key 1", "confirm 0", "connected", "data hello"));
 }
 
-TEST_F(AccessoryLinkTest, LinkThatGoesDownAndUpAtOnceShowsBothToTheWatchers)
+TEST_F(LinkSessionTest, LinkThatGoesDownAndUpAtOnceShowsBothToTheWatchers)
 {
     StartService();
     const RawHost host(Socket());
@@ -854,11 +854,11 @@ TEST_F(AccessoryLinkTest, LinkThatGoesDownAndUpAtOnceShowsBothToTheWatchers)
     EXPECT_THAT(WaitFor("connected"), ElementsAre("connected"));
 }
 
-TEST_F(AccessoryLinkTest, HostThatTheServiceDoesNotKnowYetIsClosedWithoutAWord)
+TEST_F(LinkSessionTest, HostThatTheServiceDoesNotKnowYetIsClosedWithoutAWord)
 {
     const RawHost host(Socket());
-    ASSERT_TRUE(RunUntil(
-        [this] { return mLink->Status().mHostState == AccessoryLink::HostState::Waiting; }));
+    ASSERT_TRUE(
+        RunUntil([this] { return mLink->Status().mHostState == LinkSession::HostState::Waiting; }));
 
     mLink->TakeDown();
 
@@ -866,7 +866,7 @@ TEST_F(AccessoryLinkTest, HostThatTheServiceDoesNotKnowYetIsClosedWithoutAWord)
     EXPECT_THAT(TakeEvents(), IsEmpty());
 }
 
-TEST_F(AccessoryLinkTest, TakingDownOrBringingUpTwiceIsOnce)
+TEST_F(LinkSessionTest, TakingDownOrBringingUpTwiceIsOnce)
 {
     StartService();
     mLink->BringUp();
@@ -881,7 +881,7 @@ TEST_F(AccessoryLinkTest, TakingDownOrBringingUpTwiceIsOnce)
     EXPECT_THAT(WaitFor("confirm 0"), ElementsAre("key 1", "confirm 0"));
 }
 
-TEST_F(AccessoryLinkTest, LinkThatIsDownWakesNobody)
+TEST_F(LinkSessionTest, LinkThatIsDownWakesNobody)
 {
     StartService();
     mLink->TakeDown();
@@ -891,7 +891,7 @@ TEST_F(AccessoryLinkTest, LinkThatIsDownWakesNobody)
     EXPECT_EQ(NextWakeMs(), -1);
 }
 
-TEST_F(AccessoryLinkTest, WhatCrossesTheLinkIsCounted)
+TEST_F(LinkSessionTest, WhatCrossesTheLinkIsCounted)
 {
     StartService();
     EXPECT_EQ(mLink->Status().mPeer.mPid, 0);
@@ -908,8 +908,8 @@ TEST_F(AccessoryLinkTest, WhatCrossesTheLinkIsCounted)
         ++sent;
     }
 
-    const AccessoryLink::LinkStatus status = mLink->Status();
-    EXPECT_EQ(status.mHostState, AccessoryLink::HostState::Open);
+    const LinkSession::LinkStatus status = mLink->Status();
+    EXPECT_EQ(status.mHostState, LinkSession::HostState::Open);
     EXPECT_EQ(status.mPeer.mPid, getpid());
     EXPECT_EQ(status.mPeer.mUid, geteuid());
     EXPECT_EQ(status.mConnectedWallMs, mClock.mWallMs);
@@ -921,7 +921,7 @@ TEST_F(AccessoryLinkTest, WhatCrossesTheLinkIsCounted)
     EXPECT_EQ(status.mStatistics.mQueueFull, 1U);
 }
 
-TEST_F(AccessoryLinkTest, HostOfAnotherUserIsRefused)
+TEST_F(LinkSessionTest, HostOfAnotherUserIsRefused)
 {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs two users";
@@ -942,7 +942,7 @@ TEST_F(AccessoryLinkTest, HostOfAnotherUserIsRefused)
                                                 "is refused\n"));
 }
 
-TEST_F(AccessoryLinkTest, IdleLinkDoesNotWakeTheLoop)
+TEST_F(LinkSessionTest, IdleLinkDoesNotWakeTheLoop)
 {
     StartService();
     RawHost host(Socket());
@@ -955,7 +955,7 @@ TEST_F(AccessoryLinkTest, IdleLinkDoesNotWakeTheLoop)
     EXPECT_EQ(NextWakeMs(), -1);
 }
 
-TEST_F(AccessoryLinkTest, EndOfTheLinkClosesTheHost)
+TEST_F(LinkSessionTest, EndOfTheLinkClosesTheHost)
 {
     StartService();
     const RawHost host(Socket());
@@ -967,7 +967,7 @@ TEST_F(AccessoryLinkTest, EndOfTheLinkClosesTheHost)
     RunWhileBusy();
 }
 
-TEST_F(AccessoryLinkTest, EndOfTheLinkWithAKeyChangeUnderWayIsClean)
+TEST_F(LinkSessionTest, EndOfTheLinkWithAKeyChangeUnderWayIsClean)
 {
     StartService();
     RawHost host(Socket());

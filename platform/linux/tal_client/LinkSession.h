@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -10,14 +11,15 @@
 
 #include "Clock.h"
 #include "KeyValueStore.h"
-#include "LinkSocket.h"
+#include "LinkTransport.h"
 #include "LoopSource.h"
+#include "PacketSocket.h"
 
 namespace ParvanePlatform {
 
 /**
- * The accessory link over the socket "link.sock" of the run-time directory: one host at a time, one
- * packet of the socket per message.
+ * The accessory link: the agent that the service registers, and the connection of one host at a time,
+ * which travels as LinkTransport.h says.
  *
  * The key kStatusKey is 1 when the link starts. It is set to 1 when a host connects and to 0 when it
  * has gone; the next host waits in the socket's queue until the watchers of the key have heard of
@@ -31,26 +33,16 @@ namespace ParvanePlatform {
  * The link can be taken down from outside: then the key stays 0, and hosts wait in the socket's
  * queue until it is brought up again.
  */
-class AccessoryLink
+class LinkSession : private LinkEvents
 {
 public:
     static constexpr char kStatusKey[] = "memory/private/tal/conn_status";
-    static constexpr char kSocketName[] = "link.sock";
 
     /** The most bytes that a message to a host may have. */
     static constexpr int kMaxSendBytes = 65531;
 
-    /** Messages that are read in one turn of the main loop, so that all else has its turn too. */
-    static constexpr int kMessagesPerTurn = 32;
-
-    /** After that many turns with one message each, a second one is looked for as rarely. */
-    static constexpr unsigned kLoneMessages = 8;
-
     /** How long a host that has gone before the service was ready is kept for its messages. */
     static constexpr std::int64_t kReadyWaitMs = 10000;
-
-    /** How long no connection is taken when the system has run out of descriptors or memory. */
-    static constexpr std::int64_t kAcceptPauseMs = 1000;
 
     // What the operations return; 0 on success.
     static constexpr int kInvalidArgument = 1;
@@ -69,13 +61,13 @@ public:
      * @param clock             borrowed for the life of the link
      * @throws StartupError when there can be no socket
      */
-    AccessoryLink(const std::string &runtimeDirectory, KeyValueStore &keys, const Clock &clock);
+    LinkSession(const std::string &runtimeDirectory, KeyValueStore &keys, const Clock &clock);
 
     /** Closes the host's connection, removes the socket and sets the key to 0. */
-    ~AccessoryLink();
+    ~LinkSession() override;
 
-    AccessoryLink(const AccessoryLink &) = delete;
-    AccessoryLink &operator=(const AccessoryLink &) = delete;
+    LinkSession(const LinkSession &) = delete;
+    LinkSession &operator=(const LinkSession &) = delete;
 
     /** Takes a copy; replaces what was registered before. Null functions are not called. */
     void RegisterNotifications(const tal_notifications &notifications);
@@ -162,7 +154,7 @@ public:
         bool mIsDown = false;
         HostState mHostState = HostState::None;
         /** Who is connected, and since when, in milliseconds since the epoch; for no host unset. */
-        HostSocket::Peer mPeer;
+        PacketSocket::Peer mPeer;
         std::int64_t mConnectedWallMs = 0;
         /** The same on Clock::BootUs(). */
         std::int64_t mConnectedUs = 0;
@@ -179,17 +171,12 @@ private:
         bool mConfirmed = false;
     };
 
-    void WatchListener();
-    void OnListenerReady();
-    void OnAcceptFailed(int error);
-    void TakeHost(HostSocket host);
+    void OnConnected() override;
+    bool OnMessage(std::span<unsigned char> message) override;
+    void OnEnded() override;
+    void OnHungUp() override;
     /** Watches the host for what its state asks for, and for nothing else. */
     void WatchHost();
-    void OnWaitingHostHungUp();
-    void OnHostReady();
-    bool OnReceived(HostSocket::Received received, std::size_t size);
-    bool DeliverMessage(std::size_t size);
-    void OnHostEnded();
     void CloseHost();
     void EndConnection();
     void AnnounceEnd();
@@ -202,13 +189,11 @@ private:
 
     KeyValueStore &mKeys;
     const Clock &mClock;
-    ListeningSocket mListener;
+    LinkTransport mTransport;
     std::optional<tal_notifications> mNotifications;
     std::optional<Agent> mAgent;
     std::vector<int> mPeerSearches;
     HostState mHostState = HostState::None;
-    HostSocket mHost;
-    HostSocket::Peer mPeer;
     std::int64_t mConnectedWallMs = 0;
     std::int64_t mConnectedUs = 0;
     Statistics mStatistics;
@@ -217,14 +202,7 @@ private:
     bool mKeyIsDown = false;
     int mConnectionId = 0;
     int mLastAgentId = 0;
-    /** Not cleared: a message touches as much of it as it has bytes. */
-    std::unique_ptr<unsigned char[]> mReceiveBuffer;
-    /** Turns since the last one that has found more than one message. */
-    unsigned mLoneMessages = 0;
-    LoopSource mListenerSource;
-    LoopSource mHostSource;
     LoopSource mWork;
-    LoopTimer mAcceptTimer;
     LoopTimer mReadyTimer;
     /** Lets what the key store still has to call find out that the link is gone. */
     std::shared_ptr<int> mLife = std::make_shared<int>(0);

@@ -2,49 +2,24 @@
 
 #include <cstddef>
 #include <span>
-#include <string>
-#include <vector>
+#include <utility>
 
 #include "UniqueFd.h"
 
 namespace ParvanePlatform {
 
-/**
- * The socket on which hosts connect: a Unix-domain SOCK_SEQPACKET socket of mode 0600. The file of
- * an earlier run is replaced; the file goes with the object.
- */
-class ListeningSocket
-{
-public:
-    /** @throws StartupError that names the path and the reason */
-    explicit ListeningSocket(std::string path);
-    ~ListeningSocket();
-
-    ListeningSocket(const ListeningSocket &) = delete;
-    ListeningSocket &operator=(const ListeningSocket &) = delete;
-
-    int Fd() const { return mFd.Get(); }
-
-    /** Takes the next connection, without waiting. @return 0 and the connection, or errno */
-    int Accept(Parvane::UniqueFd &connection) const;
-
-private:
-    std::string mPath;
-    Parvane::UniqueFd mFd;
-};
-
-/** The connection of one host; never blocks. */
-class HostSocket
+/** One connection, of a host or of a client of the control socket; never blocks. */
+class PacketSocket
 {
 public:
     /** The most bytes that one message from a host may have. */
     static constexpr std::size_t kMaxReceiveBytes = 65536;
 
-    /** What is asked of the kernel for messages that wait for the host; it doubles the value. */
+    /** What is asked of the kernel for messages that wait for the other end; it doubles the value. */
     static constexpr int kSendBufferBytes = 131072;
 
-    HostSocket() = default;
-    explicit HostSocket(Parvane::UniqueFd fd) : mFd(std::move(fd)) {}
+    PacketSocket() = default;
+    explicit PacketSocket(Parvane::UniqueFd fd) : mFd(std::move(fd)) {}
 
     int Fd() const { return mFd.Get(); }
     explicit operator bool() const { return static_cast<bool>(mFd); }
@@ -66,7 +41,7 @@ public:
     /** Who is at the other end; user -1, who is not trusted, when the system does not say. */
     Peer GetPeer() const;
 
-    /** True when the host has closed its end, whether or not messages of it are left. */
+    /** True when the other end has been closed, whether or not messages of it are left. */
     bool HasHungUp() const;
 
     enum class Received {
@@ -78,10 +53,10 @@ public:
         TooLong,
         /** Nothing is there. */
         Nothing,
-        /** The host has gone without reading everything; messages of it may follow. */
+        /** The other end has gone without reading everything; messages of it may follow. */
         Error,
         /**
-         * The host has closed its end, and everything has been read: everything but messages without
+         * The other end is closed, and everything has been read: everything but messages without
          * a byte, which look the same when nothing follows them.
          */
         End
@@ -99,7 +74,7 @@ public:
     int Send(const void *data, std::size_t size) const;
 
 private:
-    /** True when the host has closed its end and no byte of it is left. */
+    /** True when the other end has been closed and no byte of it is left. */
     bool HasEnded() const;
 
     Parvane::UniqueFd mFd;

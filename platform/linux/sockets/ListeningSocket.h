@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "Clock.h"
+#include "LoopSource.h"
+#include "PacketSocket.h"
+#include "UniqueFd.h"
+
+namespace ParvanePlatform {
+
+/**
+ * A socket on which others connect: a Unix-domain SOCK_SEQPACKET socket of mode 0600. The file of an
+ * earlier run is replaced; the file goes with the object. Main-loop thread only.
+ */
+class ListeningSocket
+{
+public:
+    /** How long no connection is taken when the system has run out of descriptors or memory. */
+    static constexpr std::int64_t kAcceptPauseMs = 1000;
+
+    /**
+     * @param owner    whose socket it is, for the log; not copied
+     * @param clock    borrowed for the life of the socket
+     * @param onReady  called, while the socket is watched, for each connection that waits
+     * @throws StartupError that names the path and the reason
+     */
+    ListeningSocket(std::string path, const char *owner, const Clock &clock,
+                    std::function<void()> onReady);
+    ~ListeningSocket();
+
+    ListeningSocket(const ListeningSocket &) = delete;
+    ListeningSocket &operator=(const ListeningSocket &) = delete;
+
+    /** Begins to watch for connections; does nothing when that has begun. */
+    void Watch();
+
+    /** Leaves connections in the queue until Watch(). */
+    void Unwatch();
+
+    /** Takes the next connection, without waiting; empty when there is none that can be used. */
+    PacketSocket Accept();
+
+private:
+    void OnAcceptFailed(int error);
+
+    const char *mOwner;
+    const Clock &mClock;
+    std::function<void()> mOnReady;
+    std::string mPath;
+    Parvane::UniqueFd mFd;
+    LoopSource mSource;
+    LoopTimer mPause;
+};
+
+} // namespace ParvanePlatform
