@@ -1,6 +1,7 @@
 #include "ConfigSchema.h"
 
 #include <algorithm>
+#include <functional>
 #include <stdexcept>
 #include <utility>
 
@@ -36,6 +37,13 @@ std::string ListOf(const Words<Value> &words)
     return list;
 }
 
+/** The field of a setting that lies in a section's settings. */
+template <typename Section, typename Value>
+auto In(Section Settings::*section, Value Section::*setting)
+{
+    return [section, setting](Settings &settings) -> Value & { return settings.*section.*setting; };
+}
+
 /** A key that holds one of some words; `field` gives the setting in the settings. */
 template <typename Value, typename Field>
 ConfigKey Choice(std::string section, std::string name, Words<Value> words, Field field)
@@ -49,7 +57,7 @@ ConfigKey Choice(std::string section, std::string name, Words<Value> words, Fiel
         if (found == words.end()) {
             return false;
         }
-        field(settings) = found->second;
+        std::invoke(field, settings) = found->second;
         return true;
     };
     return {std::move(section), std::move(name), std::move(allowed), std::move(apply)};
@@ -64,7 +72,7 @@ ConfigKey Boolean(std::string section, std::string name, Field field)
         if (!isTrue && word != "false" && word != "0") {
             return false;
         }
-        field(settings) = isTrue;
+        std::invoke(field, settings) = isTrue;
         return true;
     };
     return {std::move(section), std::move(name), "true, false, 1 or 0", apply};
@@ -81,7 +89,7 @@ ConfigKey Number(std::string section, std::string name, int least, int most, int
         if (!number || *number < least || *number > most || *number % step != 0) {
             return false;
         }
-        field(settings) = *number;
+        std::invoke(field, settings) = *number;
         return true;
     };
     return {std::move(section), std::move(name),
@@ -144,7 +152,7 @@ ConfigKey Text(std::string section, std::string name, std::string allowed, Norma
         if (text.empty()) {
             return false;
         }
-        field(settings) = std::move(text);
+        std::invoke(field, settings) = std::move(text);
         return true;
     };
     return {std::move(section), std::move(name), std::move(allowed), apply};
@@ -159,7 +167,7 @@ ConfigKey OptionalText(std::string section, std::string name, std::string allowe
     key.mApply = [apply = std::move(key.mApply), field](const std::vector<std::string> &value,
                                                         Settings &settings) {
         if (value.front().empty()) {
-            field(settings).clear();
+            std::invoke(field, settings).clear();
             return true;
         }
         return apply(value, settings);
@@ -207,41 +215,30 @@ constexpr int kMostWindowMs = 10000;
 std::vector<ConfigKey> SensorKeys()
 {
     using enum SourceKind;
-    return {Choice(
-                kSensorSection, "heart_rate", SourceWords({None, Replay, Ble, Manual}),
-                [](Settings & s) -> auto & { return s.mSensors.mHeartRate; }),
-            Choice(
-                kSensorSection, "pedometer", SourceWords({None, Replay, Iio, Manual}),
-                [](Settings & s) -> auto & { return s.mSensors.mPedometer; }),
-            Choice(
-                kSensorSection, "activity", SourceWords({None, Replay, Iio, Manual}),
-                [](Settings & s) -> auto & { return s.mSensors.mActivity; }),
-            Choice(
-                kSensorSection, "gesture", SourceWords({None, Replay, Manual}),
-                [](Settings & s) -> auto & { return s.mSensors.mGesture; })};
+    return {Choice(kSensorSection, "heart_rate", SourceWords({None, Replay, Ble, Manual}),
+                   In(&Settings::mSensors, &SensorSettings::mHeartRate)),
+            Choice(kSensorSection, "pedometer", SourceWords({None, Replay, Iio, Manual}),
+                   In(&Settings::mSensors, &SensorSettings::mPedometer)),
+            Choice(kSensorSection, "activity", SourceWords({None, Replay, Iio, Manual}),
+                   In(&Settings::mSensors, &SensorSettings::mActivity)),
+            Choice(kSensorSection, "gesture", SourceWords({None, Replay, Manual}),
+                   In(&Settings::mSensors, &SensorSettings::mGesture))};
 }
 
 std::vector<ConfigKey> SourceKeys()
 {
     return {{"replay", "files", "a list of files with ; between them", ApplyFiles, true},
             {"replay", "speed", "a decimal number from 0.001 to 100000", ApplySpeed},
-            Boolean(
-                "replay", "loop", [](Settings & s) -> auto & { return s.mReplay.mLoop; }),
-            Text(
-                "iio", "root", kPath, AbsolutePath,
-                [](Settings & s) -> auto & { return s.mIio.mRoot; }),
-            OptionalText(
-                "iio", "device", "a device's name, without control characters", DeviceName,
-                [](Settings & s) -> auto & { return s.mIio.mDevice; }),
-            Number(
-                "iio", "period_ms", kLeastIioPeriodMs, kMostIioPeriodMs, 1, "",
-                [](Settings & s) -> auto & { return s.mIio.mPeriodMs; }),
-            OptionalText(
-                "ble", "adapter", kAdapter, AdapterName,
-                [](Settings & s) -> auto & { return s.mBle.mAdapter; }),
-            OptionalText(
-                "ble", "device", kAddress, Address,
-                [](Settings & s) -> auto & { return s.mBle.mDevice; })};
+            Boolean("replay", "loop", In(&Settings::mReplay, &ReplaySettings::mLoop)),
+            Text("iio", "root", kPath, AbsolutePath, In(&Settings::mIio, &IioSettings::mRoot)),
+            OptionalText("iio", "device", "a device's name, without control characters", DeviceName,
+                         In(&Settings::mIio, &IioSettings::mDevice)),
+            Number("iio", "period_ms", kLeastIioPeriodMs, kMostIioPeriodMs, 1, "",
+                   In(&Settings::mIio, &IioSettings::mPeriodMs)),
+            OptionalText("ble", "adapter", kAdapter, AdapterName,
+                         In(&Settings::mBle, &BleSettings::mAdapter)),
+            OptionalText("ble", "device", kAddress, Address,
+                         In(&Settings::mBle, &BleSettings::mDevice))};
 }
 
 std::vector<ConfigKey> PowerKeys()
@@ -262,58 +259,39 @@ std::vector<ConfigKey> PowerKeys()
                                     {"upower", Battery::UPower},
                                     {"sysfs", Battery::Sysfs}};
     return {
-        Choice(
-            "power", "lock", locks, [](Settings & s) -> auto & { return s.mPower.mLock; }),
-        Text(
-            "power", "root", kPath, AbsolutePath,
-            [](Settings & s) -> auto & { return s.mPower.mRoot; }),
-        Choice(
-            "memory", "monitor", memory, [](Settings & s) -> auto & { return s.mMemory.mMonitor; }),
-        Text(
-            "memory", "pressure_file", kPath, AbsolutePath,
-            [](Settings & s) -> auto & { return s.mMemory.mPressureFile; }),
-        Number(
-            "memory", "stall_ms", 1, kMostWindowMs - 1, 1, ", less than window_ms",
-            [](Settings & s) -> auto & { return s.mMemory.mStallMs; }),
-        Number(
-            "memory", "window_ms", kWindowStepMs, kMostWindowMs, kWindowStepMs,
-            ", a multiple of " + std::to_string(kWindowStepMs),
-            [](Settings & s) -> auto & { return s.mMemory.mWindowMs; }),
-        Choice(
-            "battery", "monitor", battery,
-            [](Settings & s) -> auto & { return s.mBattery.mMonitor; }),
-        Text(
-            "battery", "root", kPath, AbsolutePath,
-            [](Settings & s) -> auto & { return s.mBattery.mRoot; }),
-        Number(
-            "battery", "low_percent", 1, 100, 1, "",
-            [](Settings & s) -> auto & { return s.mBattery.mLowPercent; }),
-        Number(
-            "battery", "period_ms", kLeastBatteryPeriodMs, kMostBatteryPeriodMs, 1, "",
-            [](Settings & s) -> auto & { return s.mBattery.mPeriodMs; })};
+        Choice("power", "lock", locks, In(&Settings::mPower, &PowerSettings::mLock)),
+        Text("power", "root", kPath, AbsolutePath, In(&Settings::mPower, &PowerSettings::mRoot)),
+        Choice("memory", "monitor", memory, In(&Settings::mMemory, &MemorySettings::mMonitor)),
+        Text("memory", "pressure_file", kPath, AbsolutePath,
+             In(&Settings::mMemory, &MemorySettings::mPressureFile)),
+        Number("memory", "stall_ms", 1, kMostWindowMs - 1, 1, ", less than window_ms",
+               In(&Settings::mMemory, &MemorySettings::mStallMs)),
+        Number("memory", "window_ms", kWindowStepMs, kMostWindowMs, kWindowStepMs,
+               ", a multiple of " + std::to_string(kWindowStepMs),
+               In(&Settings::mMemory, &MemorySettings::mWindowMs)),
+        Choice("battery", "monitor", battery, In(&Settings::mBattery, &BatterySettings::mMonitor)),
+        Text("battery", "root", kPath, AbsolutePath,
+             In(&Settings::mBattery, &BatterySettings::mRoot)),
+        Number("battery", "low_percent", 1, 100, 1, "",
+               In(&Settings::mBattery, &BatterySettings::mLowPercent)),
+        Number("battery", "period_ms", kLeastBatteryPeriodMs, kMostBatteryPeriodMs, 1, "",
+               In(&Settings::mBattery, &BatterySettings::mPeriodMs))};
 }
 
 std::vector<ConfigKey> OtherKeys()
 {
     using Adapter = BluetoothSettings::Adapter;
     const Words<Adapter> adapters = {{"none", Adapter::None}, {"bluez", Adapter::Bluez}};
-    return {Choice(
-                "bluetooth", "adapter", adapters,
-                [](Settings & s) -> auto & { return s.mBluetooth.mAdapter; }),
-            OptionalText(
-                "bluetooth", "name", kAdapter, AdapterName,
-                [](Settings & s) -> auto & { return s.mBluetooth.mName; }),
-            OptionalText(
-                "bluetooth", "address", kAddress, Address,
-                [](Settings & s) -> auto & { return s.mBluetooth.mAddress; }),
-            Boolean(
-                "control", "enabled", [](Settings & s) -> auto & { return s.mControl; }),
-            OptionalText(
-                "directories", "state", kPath, AbsolutePath,
-                [](Settings & s) -> auto & { return s.mStateDirectory; }),
-            OptionalText(
-                "directories", "runtime", "an absolute path of at most 94 bytes", SocketDirectory,
-                [](Settings & s) -> auto & { return s.mRuntimeDirectory; })};
+    return {Choice("bluetooth", "adapter", adapters,
+                   In(&Settings::mBluetooth, &BluetoothSettings::mAdapter)),
+            OptionalText("bluetooth", "name", kAdapter, AdapterName,
+                         In(&Settings::mBluetooth, &BluetoothSettings::mName)),
+            OptionalText("bluetooth", "address", kAddress, Address,
+                         In(&Settings::mBluetooth, &BluetoothSettings::mAddress)),
+            Boolean("control", "enabled", &Settings::mControl),
+            OptionalText("directories", "state", kPath, AbsolutePath, &Settings::mStateDirectory),
+            OptionalText("directories", "runtime", "an absolute path of at most 94 bytes",
+                         SocketDirectory, &Settings::mRuntimeDirectory)};
 }
 
 std::vector<ConfigKey> MakeSchema()
