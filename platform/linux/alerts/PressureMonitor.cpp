@@ -50,7 +50,7 @@ bool PressureMonitor::Start(Alert alert)
 
 void PressureMonitor::OnEvent()
 {
-    // The event itself is gone by now: the kernel tells it to one poll only. A failure stays.
+    // The kernel tells an event to one poll only, that of the loop: what is left here is a failure.
     pollfd file = {mFile.Get(), 0, 0};
     if (::poll(&file, 1, 0) > 0) {
         LogWarning("memory: no events from %s any more", mSettings.mPressureFile.c_str());

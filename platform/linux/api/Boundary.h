@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstring>
 #include <exception>
 #include <new>
+#include <string>
 
 #include "ErrorCode.h"
 #include "Runtime.h"
@@ -34,6 +36,28 @@ int WithRuntime(const char *function, Work &&work, int failure = ErrorCode::kInp
         LogError("%s: unknown exception", function);
     }
     return failure;
+}
+
+/** The same for a function that needs pointers; kInvalidParameter when one of them is null. */
+template <typename Work>
+int WithRuntime(const char *function, bool areGiven, Work &&work,
+                int failure = ErrorCode::kInputOutput) noexcept
+{
+    const auto checked = [&](Runtime &runtime) {
+        return areGiven ? work(runtime) : ErrorCode::kInvalidParameter;
+    };
+    return WithRuntime(function, checked, failure);
+}
+
+/** Gives the caller of a C function a text, to be released with free(). @return 0 or kOutOfMemory */
+inline int GiveText(const std::string &text, char **copy)
+{
+    char *given = ::strdup(text.c_str());
+    if (given == nullptr) {
+        return ErrorCode::kOutOfMemory;
+    }
+    *copy = given;
+    return 0;
 }
 
 } // namespace ParvanePlatform

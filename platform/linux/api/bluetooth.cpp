@@ -1,4 +1,3 @@
-#include <cstring>
 #include <string>
 
 #include <platform/bluetooth.h>
@@ -31,19 +30,10 @@ extern "C" int bt_deinitialize(void)
 extern "C" int bt_adapter_get_address(char **address)
 {
     const auto work = [address](Runtime &runtime) {
-        if (address == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
         std::string text;
-        if (const int result = runtime.Bluetooth().GetAddress(text); result != 0) {
-            return result;
-        }
-        char *copy = strdup(text.c_str());
-        if (copy == nullptr) {
-            return ErrorCode::kOutOfMemory;
-        }
-        *address = copy;
-        return 0;
+        const int result = runtime.Bluetooth().GetAddress(text);
+        return result != 0 ? result : GiveText(text, address);
     };
-    return WithRuntime("bt_adapter_get_address", work, BluetoothAdapter::kOperationFailed);
+    return WithRuntime("bt_adapter_get_address", address != nullptr, work,
+                       BluetoothAdapter::kOperationFailed);
 }

@@ -13,12 +13,9 @@ extern "C" int context_set_changed_callback(int item, ContextManagerOptionType *
                                             int *request_id)
 {
     const auto work = [&](Runtime &runtime) {
-        if (request_id == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
         return runtime.Context().Subscribe(item, option, callback, user_data, *request_id);
     };
-    return WithRuntime("context_set_changed_callback", work);
+    return WithRuntime("context_set_changed_callback", request_id != nullptr, work);
 }
 
 extern "C" int context_unset_changed_callback(int item)
@@ -31,12 +28,9 @@ extern "C" int context_get_context(int item, ContextManagerOptionType *option,
                                    context_changed_cb callback, void *user_data, int *request_id)
 {
     const auto work = [&](Runtime &runtime) {
-        if (request_id == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
         return runtime.Context().Query(item, option, callback, user_data, *request_id);
     };
-    return WithRuntime("context_get_context", work);
+    return WithRuntime("context_get_context", request_id != nullptr, work);
 }
 
 extern "C" ContextManagerOptionType *context_option_new(void)

@@ -1,4 +1,3 @@
-#include <cstring>
 #include <string>
 #include <utility>
 
@@ -13,21 +12,15 @@ namespace {
 template <typename Value>
 int GetPreference(const char *function, const char *key, Value *value) noexcept
 {
-    return WithRuntime(function, [key, value](Runtime &runtime) {
-        if (key == nullptr || value == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
-        return runtime.Preferences().Get(key, *value);
-    });
+    return WithRuntime(
+        function, key != nullptr && value != nullptr,
+        [key, value](Runtime &runtime) { return runtime.Preferences().Get(key, *value); });
 }
 
 template <typename Value>
 int SetPreference(const char *function, const char *key, Value value) noexcept
 {
-    return WithRuntime(function, [key, value](Runtime &runtime) {
-        if (key == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
+    return WithRuntime(function, key != nullptr, [key, value](Runtime &runtime) {
         return runtime.Preferences().Set(key, value);
     });
 }
@@ -59,29 +52,17 @@ extern "C" int preference_set_int(const char *key, int value)
 
 extern "C" int preference_get_string(const char *key, char **value)
 {
-    return WithRuntime("preference_get_string", [key, value](Runtime &runtime) {
-        if (key == nullptr || value == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
+    const auto work = [key, value](Runtime &runtime) {
         std::string text;
-        if (const int result = runtime.Preferences().Get(key, text); result != 0) {
-            return result;
-        }
-        char *copy = strdup(text.c_str());
-        if (copy == nullptr) {
-            return ErrorCode::kOutOfMemory;
-        }
-        *value = copy;
-        return 0;
-    });
+        const int result = runtime.Preferences().Get(key, text);
+        return result != 0 ? result : GiveText(text, value);
+    };
+    return WithRuntime("preference_get_string", key != nullptr && value != nullptr, work);
 }
 
 extern "C" int preference_set_string(const char *key, const char *value)
 {
-    return WithRuntime("preference_set_string", [key, value](Runtime &runtime) {
-        if (key == nullptr || value == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
+    const auto work = [key, value](Runtime &runtime) {
         PreferenceStore &store = runtime.Preferences();
         std::string text;
         try {
@@ -91,15 +72,14 @@ extern "C" int preference_set_string(const char *key, const char *value)
             throw;
         }
         return store.Set(key, std::move(text));
-    });
+    };
+    return WithRuntime("preference_set_string", key != nullptr && value != nullptr, work);
 }
 
 extern "C" int preference_is_existing(const char *key, bool *existing)
 {
-    return WithRuntime("preference_is_existing", [key, existing](Runtime &runtime) {
-        if (key == nullptr || existing == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
+    const auto work = [key, existing](Runtime &runtime) {
         return runtime.Preferences().Exists(key, *existing);
-    });
+    };
+    return WithRuntime("preference_is_existing", key != nullptr && existing != nullptr, work);
 }

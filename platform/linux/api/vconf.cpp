@@ -10,12 +10,8 @@ using namespace ParvanePlatform;
  */
 extern "C" int vconf_get_int(const char *key, int *value)
 {
-    return WithRuntime("vconf_get_int", [key, value](Runtime &runtime) {
-        if (key == nullptr || value == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
-        return runtime.Keys().GetInt(key, *value);
-    });
+    const auto work = [key, value](Runtime &runtime) { return runtime.Keys().GetInt(key, *value); };
+    return WithRuntime("vconf_get_int", key != nullptr && value != nullptr, work);
 }
 
 /**
@@ -26,10 +22,8 @@ extern "C" int vconf_get_int(const char *key, int *value)
  */
 extern "C" int vconf_notify_key_changed(const char *key, vconf_changed_cb callback, void *user_data)
 {
-    return WithRuntime("vconf_notify_key_changed", [key, callback, user_data](Runtime &runtime) {
-        if (key == nullptr || callback == nullptr) {
-            return ErrorCode::kInvalidParameter;
-        }
+    const auto work = [key, callback, user_data](Runtime &runtime) {
         return runtime.Keys().Watch(key, callback, user_data);
-    });
+    };
+    return WithRuntime("vconf_notify_key_changed", key != nullptr && callback != nullptr, work);
 }

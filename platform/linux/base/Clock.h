@@ -4,6 +4,15 @@
 
 namespace ParvanePlatform {
 
+/** When something was. */
+struct Instant
+{
+    /** Milliseconds since the epoch, UTC. */
+    std::int64_t mWallMs = 0;
+    /** Microseconds on Clock::BootUs(). */
+    std::int64_t mBootUs = 0;
+};
+
 /** Tells the time. The runtime has one SystemClock; tests put their own in its place. */
 class Clock
 {
@@ -18,6 +27,8 @@ public:
 
     /** Microseconds on a steady time scale that counts suspension, for how long ago something was. */
     virtual std::int64_t BootUs() const { return MonotonicUs(); }
+
+    Instant Now() const { return {WallMs(), BootUs()}; }
 };
 
 /** The clocks of the system. */

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -31,6 +32,12 @@ inline std::optional<double> ParseDecimal(std::string_view text)
         return std::nullopt;
     }
     return value;
+}
+
+/** The id after `last`: above 0, also after the largest. */
+constexpr int NextId(int last)
+{
+    return last == std::numeric_limits<int>::max() ? 1 : last + 1;
 }
 
 } // namespace ParvanePlatform

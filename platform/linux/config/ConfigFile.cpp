@@ -12,6 +12,7 @@
 #include "ConfigSchema.h"
 #include "Files.h"
 #include "MessageText.h"
+#include "Released.h"
 #include "StartupError.h"
 
 namespace ParvanePlatform {
@@ -20,24 +21,8 @@ namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
-struct KeyFileFree
-{
-    void operator()(GKeyFile *file) const noexcept { g_key_file_free(file); }
-};
-using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
-struct GFree
-{
-    void operator()(char *text) const noexcept { g_free(text); }
-};
-struct StrvFree
-{
-    void operator()(char **list) const noexcept { g_strfreev(list); }
-};
-struct ErrorFree
-{
-    void operator()(GError *error) const noexcept { g_error_free(error); }
-};
-using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
+using KeyFilePtr = std::unique_ptr<GKeyFile, Released<g_key_file_free>>;
+using ErrorPtr = std::unique_ptr<GError, Released<g_error_free>>;
 
 std::string_view Trim(std::string_view text)
 {
@@ -290,13 +275,13 @@ std::optional<std::vector<std::string>> Reader::ValueOf(const ConfigKey &key) co
     std::vector<std::string> value;
     if (key.mIsList) {
         gsize count = 0;
-        const std::unique_ptr<char *, StrvFree> list(
+        const std::unique_ptr<char *, Released<g_strfreev>> list(
             g_key_file_get_string_list(mFile.get(), section, name, &count, &failure));
         if (list) {
             value.assign(list.get(), list.get() + count);
         }
     } else {
-        const std::unique_ptr<char, GFree> text(
+        const std::unique_ptr<char, Released<g_free>> text(
             g_key_file_get_string(mFile.get(), section, name, &failure));
         if (text) {
             value.emplace_back(text.get());
@@ -308,7 +293,7 @@ std::optional<std::vector<std::string>> Reader::ValueOf(const ConfigKey &key) co
 
 std::string Reader::RawValueOf(const Name &name) const
 {
-    const std::unique_ptr<char, GFree> text(
+    const std::unique_ptr<char, Released<g_free>> text(
         g_key_file_get_value(mFile.get(), name.first.c_str(), name.second.c_str(), nullptr));
     return text ? text.get() : "";
 }

@@ -1,5 +1,6 @@
 #include "Settings.h"
 
+#include <array>
 #include <cstdlib>
 
 #include "ConfigFile.h"
@@ -134,19 +135,8 @@ std::optional<std::string> ProcessEnvironment(const std::string &name)
 
 const char *NameOf(SourceKind kind)
 {
-    switch (kind) {
-    case SourceKind::None:
-        return "none";
-    case SourceKind::Replay:
-        return "replay";
-    case SourceKind::Iio:
-        return "iio";
-    case SourceKind::Ble:
-        return "ble";
-    case SourceKind::Manual:
-        return "manual";
-    }
-    return "?";
+    constexpr std::array kNames = {"none", "replay", "iio", "ble", "manual"};
+    return kNames.at(static_cast<std::size_t>(kind));
 }
 
 Settings ReadSettings(const Environment &environment, const std::string &systemFile)

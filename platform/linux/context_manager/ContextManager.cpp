@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <limits>
 #include <new>
 #include <optional>
 #include <utility>
@@ -11,6 +10,7 @@
 
 #include "ContextBlock.h"
 #include "ErrorCode.h"
+#include "Numbers.h"
 #include "RuntimeLog.h"
 
 namespace ParvanePlatform {
@@ -67,12 +67,11 @@ int ContextManager::Subscribe(int item, const context_option *option, context_ch
         return ErrorCode::kNotSupported;
     }
     Subscription subscription;
-    subscription.mSinceWallMs = mClock.WallMs();
-    subscription.mSinceUs = mClock.BootUs();
+    subscription.mSince = mClock.Now();
     if (option != nullptr && *known == ContextItem::Activity) {
         subscription.mStates = GetOptionInts(option, CONTEXT_ACTIVITY_NOTIFICATION_ACTIVITY_FILTER);
     }
-    subscription.mReceiver = Receiver{callback, userData, NewRequestId()};
+    subscription.mReceiver = Receiver{callback, userData, mLastRequestId = NextId(mLastRequestId)};
     const int newRequestId = subscription.mReceiver.mRequestId;
     mSubscriptions.insert_or_assign(*known, std::move(subscription));
     const int before = std::exchange(requestId, newRequestId);
@@ -121,7 +120,7 @@ int ContextManager::Query(int item, const context_option *option, context_change
     if (!reading) {
         return ErrorCode::kNoData;
     }
-    const Receiver receiver{callback, userData, NewRequestId()};
+    const Receiver receiver{callback, userData, mLastRequestId = NextId(mLastRequestId)};
     mQueries.push_back(PendingQuery{receiver, *known, *reading, mTurn});
     if (!mAnswer.IsActive()) {
         mAnswer = LoopSource::Post([this] { AnswerQueries(); });
@@ -134,12 +133,11 @@ void ContextManager::OnReading(ContextItem item, const SensorReading &reading)
 {
     History &history = mHistory[item];
     history.mLastReading = reading;
-    history.mLastReadingWallMs = mClock.WallMs();
-    history.mLastReadingUs = mClock.BootUs();
+    history.mLastRead = mClock.Now();
     if (mTap) {
         mTap(item, reading);
     }
-    // Or a counter would seem to go back: the subscriber hears of this reading before its answer.
+    // The answers of waiting queries come after this reading: an older count would seem to go back.
     for (PendingQuery &query : mQueries) {
         if (query.mItem == item) {
             query.mReading = reading;
@@ -165,14 +163,10 @@ std::vector<ContextManager::ItemStatus> ContextManager::Status() const
         status.mSource = mSources.KindOf(item);
         if (const auto found = mSubscriptions.find(item); found != mSubscriptions.end()) {
             status.mRequestId = found->second.mReceiver.mRequestId;
-            status.mSubscribedWallMs = found->second.mSinceWallMs;
-            status.mSubscribedUs = found->second.mSinceUs;
+            status.mSubscribed = found->second.mSince;
         }
         if (const auto found = mHistory.find(item); found != mHistory.end()) {
-            status.mLastReading = found->second.mLastReading;
-            status.mLastReadingWallMs = found->second.mLastReadingWallMs;
-            status.mLastReadingUs = found->second.mLastReadingUs;
-            status.mDelivered = found->second.mDelivered;
+            static_cast<History &>(status) = found->second;
         }
         all.push_back(status);
     }
@@ -181,7 +175,7 @@ std::vector<ContextManager::ItemStatus> ContextManager::Status() const
 
 void ContextManager::AnswerQueries()
 {
-    // Queries that are made from here on get a turn of their own.
+    // First: a query that a callback makes is answered in the next turn.
     mAnswer.Remove();
     const std::uint64_t turn = mTurn++;
     while (!mQueries.empty() && mQueries.front().mTurn <= turn) {
@@ -204,12 +198,6 @@ void ContextManager::Deliver(const Receiver &receiver, ContextItem item,
         return;
     }
     receiver.mCallback(0, static_cast<int>(item), data, receiver.mUserData, receiver.mRequestId);
-}
-
-int ContextManager::NewRequestId()
-{
-    mLastRequestId = mLastRequestId == std::numeric_limits<int>::max() ? 1 : mLastRequestId + 1;
-    return mLastRequestId;
 }
 
 } // namespace ParvanePlatform

@@ -65,24 +65,24 @@ public:
     int Query(int item, const context_option *option, context_changed_cb callback, void *userData,
               int &requestId);
 
-    /** What one item has done. */
-    struct ItemStatus
+    /** What one item has done since the start of the service, subscribed or not. */
+    struct History
+    {
+        /** The last reading that came from the source, and when. */
+        std::optional<SensorReading> mLastReading;
+        Instant mLastRead;
+        /** Readings that reached a callback; queries not counted. */
+        std::uint64_t mDelivered = 0;
+    };
+
+    struct ItemStatus : History
     {
         ContextItem mItem = ContextItem::Gesture;
         SourceKind mSource = SourceKind::None;
         /** Set while the item is subscribed. */
         std::optional<int> mRequestId;
-        /** When the subscription began, in milliseconds since the epoch. */
-        std::int64_t mSubscribedWallMs = 0;
-        /** The same on Clock::BootUs(). */
-        std::int64_t mSubscribedUs = 0;
-        /** The last reading that came from the source, since the start of the service. */
-        std::optional<SensorReading> mLastReading;
-        std::int64_t mLastReadingWallMs = 0;
-        /** The same on Clock::BootUs(). */
-        std::int64_t mLastReadingUs = 0;
-        /** Readings that reached a callback, since the start of the service; queries not counted. */
-        std::uint64_t mDelivered = 0;
+        /** When the subscription began. */
+        Instant mSubscribed;
     };
 
     /** The status of every item, by its number. */
@@ -109,17 +109,7 @@ private:
     {
         Receiver mReceiver;
         std::vector<int> mStates;
-        std::int64_t mSinceWallMs = 0;
-        std::int64_t mSinceUs = 0;
-    };
-
-    /** What is remembered of an item, subscribed or not. */
-    struct History
-    {
-        std::optional<SensorReading> mLastReading;
-        std::int64_t mLastReadingWallMs = 0;
-        std::int64_t mLastReadingUs = 0;
-        std::uint64_t mDelivered = 0;
+        Instant mSince;
     };
 
     struct PendingQuery
@@ -134,7 +124,6 @@ private:
     void OnReading(ContextItem item, const SensorReading &reading) override;
     void AnswerQueries();
     void Deliver(const Receiver &receiver, ContextItem item, const SensorReading &reading) const;
-    int NewRequestId();
 
     const Clock &mClock;
     std::map<ContextItem, Subscription> mSubscriptions;

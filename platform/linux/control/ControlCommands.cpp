@@ -44,7 +44,7 @@ std::string Quoted(const json &value)
     if (value.is_structured()) {
         return value.is_array() ? "an array" : "an object";
     }
-    // Not through the cut: that could leave half a character.
+    // In ASCII: the cut below could leave half a character of more than one byte.
     const std::string text = value.dump(-1, ' ', true, json::error_handler_t::replace);
     return text.size() <= kLongest ? text : text.substr(0, kLongest) + "...";
 }
@@ -204,7 +204,7 @@ private:
 class Execution
 {
 public:
-    Execution(ControlledParts &parts, const ServiceStart &start, int peerPid)
+    Execution(ControlledParts &parts, const Instant &start, int peerPid)
         : mParts(parts), mStart(start), mPid(peerPid)
     {}
 
@@ -323,7 +323,7 @@ private:
         return Done();
     }
 
-    /** What ends the service, or is likely to: told first, done then. */
+    /** What ends the service, or is likely to: it is done when the reply has been sent. */
     ControlAnswer End(const Request &request)
     {
         constexpr std::array kStates = {"low"};
@@ -345,14 +345,14 @@ private:
     static ControlAnswer Done() { return {DoneMessage(), false, nullptr}; }
 
     ControlledParts &mParts;
-    const ServiceStart &mStart;
+    const Instant &mStart;
     int mPid;
 };
 
 } // namespace
 
 ControlCommands::ControlCommands(ControlledParts parts)
-    : mParts(std::move(parts)), mStart{mParts.mClock.WallMs(), mParts.mClock.BootUs()}
+    : mParts(std::move(parts)), mStart(mParts.mClock.Now())
 {}
 
 ControlAnswer ControlCommands::Answer(std::string_view message, int peerPid)

@@ -22,7 +22,7 @@ public:
 
 private:
     ControlledParts mParts;
-    ServiceStart mStart;
+    Instant mStart;
 };
 
 } // namespace ParvanePlatform

@@ -1,35 +1,16 @@
 #include "ControlMessages.h"
 
+#include <array>
 #include <nlohmann/json.hpp>
 
 namespace ParvanePlatform {
 
 namespace {
 
-const char *NameOf(ControlError error)
-{
-    switch (error) {
-    case ControlError::BadMessage:
-        return "bad-message";
-    case ControlError::UnsupportedVersion:
-        return "unsupported-version";
-    case ControlError::UnknownRequest:
-        return "unknown-request";
-    case ControlError::BadValue:
-        return "bad-value";
-    case ControlError::NotManual:
-        return "not-manual";
-    case ControlError::Busy:
-        return "busy";
-    case ControlError::Recording:
-        return "recording";
-    case ControlError::TooSlow:
-        return "too-slow";
-    case ControlError::Failed:
-        return "failed";
-    }
-    return "failed";
-}
+/** By ControlError. */
+constexpr std::array kErrorNames = {
+    "bad-message", "unsupported-version", "unknown-request", "bad-value", "not-manual",
+    "busy",        "recording",           "too-slow",        "failed"};
 
 std::string TextOf(const nlohmann::json &message)
 {
@@ -45,9 +26,11 @@ std::string DoneMessage()
 
 std::string ErrorMessage(ControlError error, const std::string &text)
 {
-    return TextOf({{"version", kControlVersion},
-                   {"ok", false},
-                   {"error", {{"code", NameOf(error)}, {"message", text}}}});
+    return TextOf(
+        {{"version", kControlVersion},
+         {"ok", false},
+         {"error",
+          {{"code", kErrorNames.at(static_cast<std::size_t>(error))}, {"message", text}}}});
 }
 
 std::string HeaderMessage(const std::string &text)

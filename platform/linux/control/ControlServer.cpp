@@ -252,7 +252,7 @@ void ControlServer::Flush(Client &client)
 
 void ControlServer::Drop(Client &client)
 {
-    // Not taken out here: the caller, or the tap, is in the middle of it or of the list.
+    // It stays in the list until the next turn: the callers still use it, or walk the list.
     client.mIsGone = true;
     client.mSource.Remove();
     client.mEndTimer.Disarm();

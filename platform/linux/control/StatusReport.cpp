@@ -35,37 +35,20 @@ std::string IsoTime(std::int64_t wallMs)
     return text.data();
 }
 
-const char *HostStateName(LinkSession::HostState state)
-{
-    switch (state) {
-    case LinkSession::HostState::None:
-        return "none";
-    case LinkSession::HostState::Waiting:
-        return "waiting";
-    case LinkSession::HostState::Indicated:
-        return "indicated";
-    case LinkSession::HostState::Open:
-        return "open";
-    case LinkSession::HostState::Gone:
-        return "ending";
-    }
-    return "?";
-}
+/** By LinkSession::HostState. */
+constexpr std::array kHostStates = {"none", "waiting", "indicated", "open", "ending"};
 
 /** Makes the parts of a status at one instant. */
 class Reporter
 {
 public:
     explicit Reporter(const ControlledParts &parts)
-        : mParts(parts),
-          mNowMs(parts.mClock.WallMs()),
-          mNowUs(parts.mClock.BootUs()),
-          mLoopNowUs(parts.mClock.MonotonicUs())
+        : mParts(parts), mNow(parts.mClock.Now()), mLoopNowUs(parts.mClock.MonotonicUs())
     {}
 
-    json Service(const ServiceStart &start) const
+    json Service(const Instant &start) const
     {
-        json service = Since(start.mWallMs, start.mUs);
+        json service = Since(start);
         service["pid"] = ::getpid();
         service["user"] = ::geteuid();
         return service;
@@ -73,10 +56,10 @@ public:
 
     json Host(const LinkSession::LinkStatus &link) const
     {
-        if (link.mConnectedWallMs == 0) {
+        if (link.mConnected.mWallMs == 0) {
             return nullptr;
         }
-        json host = Since(link.mConnectedWallMs, link.mConnectedUs);
+        json host = Since(link.mConnected);
         host["pid"] = link.mPeer.mPid;
         host["user"] = link.mPeer.mUid;
         return host;
@@ -89,7 +72,7 @@ public:
         const LinkSession::Statistics &counts = link.mStatistics;
         return {{"state", link.mIsDown ? "down" : "up"},
                 {"key", hasKey ? json(key) : json(nullptr)},
-                {"host_state", HostStateName(link.mHostState)},
+                {"host_state", kHostStates.at(static_cast<std::size_t>(link.mHostState))},
                 {"packets_in", counts.mPacketsIn},
                 {"bytes_in", counts.mBytesIn},
                 {"packets_out", counts.mPacketsOut},
@@ -112,28 +95,28 @@ public:
         json locks = json::array();
         for (const PowerLocks::Status &lock : mParts.mPower.List()) {
             const std::int64_t leftMs = std::max<std::int64_t>(lock.mEndUs - mLoopNowUs, 0) / 1000;
-            json entry = Since(lock.mTakenMs, lock.mTakenUs);
+            json entry = Since(lock.mTaken);
             entry["state"] = lock.mState;
             entry["held_by"] = lock.mBackend;
-            entry["ends"] = IsoTime(mNowMs + leftMs);
+            entry["ends"] = IsoTime(mNow.mWallMs + leftMs);
             entry["ends_in_ms"] = leftMs;
             locks.push_back(std::move(entry));
         }
         return locks;
     }
 
-    std::string Now() const { return IsoTime(mNowMs); }
+    std::string Now() const { return IsoTime(mNow.mWallMs); }
 
 private:
     /** An instant of the past, and how long ago it was, which is true also if the time was set since. */
-    json Since(std::int64_t wallMs, std::int64_t us) const
+    json Since(const Instant &instant) const
     {
-        return {{"since", IsoTime(wallMs)}, {"for_ms", AgeMs(us)}};
+        return {{"since", IsoTime(instant.mWallMs)}, {"for_ms", AgeMs(instant)}};
     }
 
-    std::int64_t AgeMs(std::int64_t us) const
+    std::int64_t AgeMs(const Instant &instant) const
     {
-        return std::max<std::int64_t>(mNowUs - us, 0) / 1000;
+        return std::max<std::int64_t>(mNow.mBootUs - instant.mBootUs, 0) / 1000;
     }
 
     json Item(const ContextManager::ItemStatus &status) const
@@ -142,7 +125,7 @@ private:
                      {"source", NameOf(status.mSource)}, {"subscription", nullptr},
                      {"last_reading", nullptr},          {"delivered", status.mDelivered}};
         if (status.mRequestId) {
-            item["subscription"] = Since(status.mSubscribedWallMs, status.mSubscribedUs);
+            item["subscription"] = Since(status.mSubscribed);
             item["subscription"]["request_id"] = *status.mRequestId;
         }
         if (status.mLastReading) {
@@ -150,16 +133,15 @@ private:
             for (const SensorValue &value : *status.mLastReading) {
                 std::visit([&](auto number) { values[value.mKey] = number; }, value.mValue);
             }
-            item["last_reading"] = {{"time", IsoTime(status.mLastReadingWallMs)},
-                                    {"age_ms", AgeMs(status.mLastReadingUs)},
+            item["last_reading"] = {{"time", IsoTime(status.mLastRead.mWallMs)},
+                                    {"age_ms", AgeMs(status.mLastRead)},
                                     {"values", std::move(values)}};
         }
         return item;
     }
 
     const ControlledParts &mParts;
-    std::int64_t mNowMs;
-    std::int64_t mNowUs;
+    Instant mNow;
     /** On the time scale of the main loop, on which locks end. */
     std::int64_t mLoopNowUs;
 };
@@ -199,8 +181,7 @@ void AddPreferences(json &status, PreferenceStore &store, std::size_t room)
 
 } // namespace
 
-std::string StatusMessage(const ControlledParts &parts, const ServiceStart &start,
-                          std::size_t maxBytes)
+std::string StatusMessage(const ControlledParts &parts, const Instant &start, std::size_t maxBytes)
 {
     constexpr std::size_t kReserve = 128; // for what stands around the preferences
     const Reporter reporter(parts);

@@ -28,19 +28,12 @@ struct ControlledParts
     std::string mRuntimeDirectory;
 };
 
-/** When the service was started: in milliseconds since the epoch, and on Clock::BootUs(). */
-struct ServiceStart
-{
-    std::int64_t mWallMs = 0;
-    std::int64_t mUs = 0;
-};
-
 /**
  * Makes the reply to "status" (docs/control.md).
  *
+ * @param start     when the service was started
  * @param maxBytes  preferences that would make the reply longer are left out and counted
  */
-std::string StatusMessage(const ControlledParts &parts, const ServiceStart &start,
-                          std::size_t maxBytes);
+std::string StatusMessage(const ControlledParts &parts, const Instant &start, std::size_t maxBytes);
 
 } // namespace ParvanePlatform

@@ -20,7 +20,7 @@ int PowerLocks::Lock(int state, int timeoutMs)
     if (state <= 0 || timeoutMs <= 0) {
         return ErrorCode::kInvalidParameter;
     }
-    // In a list of its own until it is whole: a lock without its end would stay for good.
+    // In a list of its own until its end is set: without one the lock would be held for good.
     std::list<Held> taken(1);
     const auto held = taken.begin();
     if (!TakeHold(*held, timeoutMs)) {
@@ -32,8 +32,7 @@ int PowerLocks::Lock(int state, int timeoutMs)
     }
     mIsRefused = false;
     held->mStatus.mState = state;
-    held->mStatus.mTakenMs = mClock.WallMs();
-    held->mStatus.mTakenUs = mClock.BootUs();
+    held->mStatus.mTaken = mClock.Now();
     held->mStatus.mEndUs = mClock.MonotonicUs() + std::int64_t{timeoutMs} * 1000;
     held->mEnd = LoopSource::At(held->mStatus.mEndUs, [this, held] {
         LogInfo("power: state %d released", held->mStatus.mState);

@@ -27,10 +27,7 @@ public:
         int mState = 0;
         /** What keeps the device awake for it; "none" when nothing in the system does. */
         std::string mBackend;
-        /** Milliseconds since the epoch, UTC. */
-        std::int64_t mTakenMs = 0;
-        /** The same on Clock::BootUs(). */
-        std::int64_t mTakenUs = 0;
+        Instant mTaken;
         /** Microseconds of the monotonic clock. */
         std::int64_t mEndUs = 0;
     };

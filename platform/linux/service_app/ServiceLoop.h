@@ -9,6 +9,7 @@
 #include "Clock.h"
 #include "LifecycleEvents.h"
 #include "LoopSource.h"
+#include "Released.h"
 #include "ServiceManager.h"
 #include "Signals.h"
 
@@ -36,17 +37,12 @@ public:
     void OnQuit() override { Quit(); }
 
 private:
-    struct LoopUnref
-    {
-        void operator()(GMainLoop *loop) const noexcept { g_main_loop_unref(loop); }
-    };
-
     void DeliverLaunchRequest();
     void TakeSignals();
 
     const service_app_callbacks &mCallbacks;
     void *mUserData;
-    std::unique_ptr<GMainLoop, LoopUnref> mLoop;
+    std::unique_ptr<GMainLoop, Released<g_main_loop_unref>> mLoop;
     /** A signal asks for the end; one that comes before the loop runs waits until it does. */
     Parvane::Signals mSignals;
     LoopSource mSignalSource;

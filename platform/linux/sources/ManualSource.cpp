@@ -58,7 +58,7 @@ void ManualSource::SetHeartRate(int beatsPerMinute)
 
 void ManualSource::AddSteps(int steps)
 {
-    // Before the count changes: from what they begin with the steps are counted.
+    // First: a subscriber counts steps from the value that it begins with.
     TellBeginnings();
     mSteps += std::clamp(steps, 0, std::numeric_limits<int>::max() - mSteps);
     Tell(ContextItem::Pedometer, ReadingOf(CONTEXT_PEDOMETER_CUMULATIVE_TOTAL_STEP_COUNT, mSteps));
@@ -91,7 +91,7 @@ void ManualSource::Tell(ContextItem item, const SensorReading &reading)
 void ManualSource::TellBeginnings()
 {
     mBegin.Remove();
-    // A copy: an item that is started meanwhile has a turn of its own, one that is stopped has none.
+    // A copy: the listener may start items, which begin in the next turn, and stop others.
     const std::set<ContextItem> items = mBeginning;
     for (const ContextItem item : items) {
         if (mBeginning.contains(item)) {

@@ -43,11 +43,6 @@ ReplaySource::ReplaySource(Recording recording, const ReplayOptions &options, co
     }
 }
 
-void ReplaySource::SetListener(SensorListener *listener)
-{
-    mListener = listener;
-}
-
 int ReplaySource::Start(ContextItem item)
 {
     Track &track = TrackOf(item);
@@ -55,7 +50,7 @@ int ReplaySource::Start(ContextItem item)
         return ErrorCode::kNotSupported;
     }
     track.mIsStarted = true;
-    // What is being delivered just now is the past for an item that starts meanwhile.
+    // An item that is started during a delivery begins after the rows of that delivery.
     track.mNext = CountBefore(track, mDeliveryUs ? *mDeliveryUs + 1 : mClock.MonotonicUs());
     SetTimer();
     return 0;
@@ -72,7 +67,7 @@ std::optional<SensorReading> ReplaySource::Latest(ContextItem item) const
     const Track &track = TrackOf(item);
     std::int64_t count = CountBefore(track, mClock.MonotonicUs() + 1);
     if (track.mIsStarted) {
-        // Not ahead of the rows that are due and on their way: counters would seem to go back.
+        // Rows that are due and not delivered yet do not count: counters would seem to go back.
         count = std::min(count, std::max<std::int64_t>(track.mNext, 1));
     }
     if (count == 0) {
@@ -83,8 +78,7 @@ std::optional<SensorReading> ReplaySource::Latest(ContextItem item) const
 
 ReplaySource::Track &ReplaySource::TrackOf(ContextItem item)
 {
-    return *std::find_if(mTracks.begin(), mTracks.end(),
-                         [item](const Track &track) { return track.mItem == item; });
+    return const_cast<Track &>(std::as_const(*this).TrackOf(item));
 }
 
 const ReplaySource::Track &ReplaySource::TrackOf(ContextItem item) const
@@ -190,7 +184,7 @@ void ReplaySource::DeliverDue()
     try {
         DeliverUntil(nowUs);
     } catch (...) {
-        // The rows after this one come all the same.
+        // The listener has failed; the rows after this one come all the same.
         EndDelivery();
         throw;
     }

@@ -48,7 +48,7 @@ public:
     ReplaySource(Recording recording, const ReplayOptions &options, const Clock &clock,
                  std::unique_ptr<Timer> timer);
 
-    void SetListener(SensorListener *listener) override;
+    void SetListener(SensorListener *listener) override { mListener = listener; }
     int Start(ContextItem item) override;
     void Stop(ContextItem item) override;
     std::optional<SensorReading> Latest(ContextItem item) const override;

@@ -68,10 +68,6 @@ SensorSources::SensorSources(const Settings &settings, const Clock &clock, BusSe
     }
 }
 
-SensorSources::~SensorSources() = default;
-SensorSources::SensorSources(SensorSources &&) noexcept = default;
-SensorSources &SensorSources::operator=(SensorSources &&) noexcept = default;
-
 void SensorSources::Assign(ContextItem item, SourceKind kind, std::shared_ptr<SensorSource> source)
 {
     mEntries[item] = Entry{kind, std::move(source)};

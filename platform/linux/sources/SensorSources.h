@@ -38,10 +38,6 @@ public:
      */
     SensorSources(const Settings &settings, const Clock &clock, BusSensorParts *bus);
 
-    ~SensorSources();
-    SensorSources(SensorSources &&) noexcept;
-    SensorSources &operator=(SensorSources &&) noexcept;
-
     /** Lets `source` serve `item`, in place of what did; for tests and for sources without settings. */
     void Assign(ContextItem item, SourceKind kind, std::shared_ptr<SensorSource> source);
 

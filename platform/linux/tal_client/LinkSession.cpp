@@ -2,22 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
 #include <utility>
 
+#include "Numbers.h"
 #include "RuntimeLog.h"
 
 namespace ParvanePlatform {
-
-namespace {
-
-/** The next id: above 0, also after the largest. */
-int NextId(int last)
-{
-    return last == std::numeric_limits<int>::max() ? 1 : last + 1;
-}
-
-} // namespace
 
 LinkSession::LinkSession(const std::string &runtimeDirectory, KeyValueStore &keys,
                          const Clock &clock)
@@ -187,16 +177,14 @@ LinkSession::LinkStatus LinkSession::Status() const
     status.mStatistics.mRefusedHosts = mTransport.RefusedHosts();
     if (mTransport.HasHost()) {
         status.mPeer = mTransport.Peer();
-        status.mConnectedWallMs = mConnectedWallMs;
-        status.mConnectedUs = mConnectedUs;
+        status.mConnected = mConnected;
     }
     return status;
 }
 
 void LinkSession::OnConnected()
 {
-    mConnectedWallMs = mClock.WallMs();
-    mConnectedUs = mClock.BootUs();
+    mConnected = mClock.Now();
     mHostState = HostState::Waiting;
     mConnectionId = NextId(mConnectionId);
     WatchHost();
@@ -277,7 +265,7 @@ void LinkSession::OnEndAnnounced()
     if (mIsDown) {
         return;
     }
-    // Not before the watchers have heard of the 0: they would hear of no change at all.
+    // Only now that the watchers have heard of the 0: they would hear of no change otherwise.
     if (std::exchange(mKeyIsDown, false)) {
         mKeys.SetInt(kStatusKey, 1);
     }
@@ -293,7 +281,7 @@ void LinkSession::ScheduleWork()
 
 void LinkSession::DoWork()
 {
-    // From here on new work gets a turn of its own.
+    // First: work that the service causes in these calls is done in the next turn.
     mWork.Remove();
     ConfirmAgent();
     AnswerPeerSearches();

@@ -153,11 +153,9 @@ public:
     {
         bool mIsDown = false;
         HostState mHostState = HostState::None;
-        /** Who is connected, and since when, in milliseconds since the epoch; for no host unset. */
+        /** Who is connected, and since when; for no host unset. */
         PacketSocket::Peer mPeer;
-        std::int64_t mConnectedWallMs = 0;
-        /** The same on Clock::BootUs(). */
-        std::int64_t mConnectedUs = 0;
+        Instant mConnected;
         Statistics mStatistics;
     };
 
@@ -194,8 +192,7 @@ private:
     std::optional<Agent> mAgent;
     std::vector<int> mPeerSearches;
     HostState mHostState = HostState::None;
-    std::int64_t mConnectedWallMs = 0;
-    std::int64_t mConnectedUs = 0;
+    Instant mConnected;
     Statistics mStatistics;
     bool mIsDown = false;
     /** The link was taken down, and the key has not been set to 1 since. */

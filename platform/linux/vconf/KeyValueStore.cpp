@@ -235,7 +235,7 @@ void KeyValueStore::ScheduleDelivery()
 
 void KeyValueStore::Deliver()
 {
-    // From here on a change is delivered in a turn of its own.
+    // First: a change that a callback makes is delivered in the next turn.
     mDelivery.Remove();
     const auto delivered = std::exchange(mDelivered, {});
     std::vector<decltype(mWatched)::value_type *> changed;

@@ -2,10 +2,7 @@
 
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <map>
-#include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -117,7 +117,7 @@ GObjectPtr<GDBusConnection> ConnectToSystemBus(GErrorPtr &failure)
 
 void Flush(GDBusConnection *connection)
 {
-    // What flushes in GIO waits for as long as it takes. The answer to a call comes last, too.
+    // GIO's own flush has no limit. The bus answers a call only when it has got all that came before.
     const GVariantPtr answer(g_dbus_connection_call_sync(connection, kBus, kBusPath, kBus, "GetId",
                                                          nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE,
                                                          kLongestWaitMs, nullptr, nullptr));

@@ -100,13 +100,13 @@ void StrapSession::LoadObjects()
 
 void StrapSession::OnAdded(GVariant *arguments)
 {
-    // What comes before the objects are loaded is part of them.
+    // Changes until the objects are loaded are part of what is loaded.
     if (!mAreObjectsLoaded) {
         return;
     }
     const std::string path = Text(arguments, 0);
     mObjects.Add(path, Child(arguments, 1).get());
-    // A new chance, also for what it belongs to: a strap whose characteristic appears.
+    // It may be tried again, and so may what it belongs to: a strap whose characteristic appears.
     std::erase_if(mAside, [&path](const std::string &aside) {
         return path == aside || path.starts_with(aside + '/');
     });
@@ -232,7 +232,7 @@ void StrapSession::Choose()
     }
     PauseThenRetry();
     if (mSettings.mDevice.empty()) {
-        StartSearch(); // the straps that BlueZ remembers may be at home, and a new one worn
+        StartSearch(); // BlueZ may remember straps that are at home while a new one is worn
     }
 }
 
@@ -379,7 +379,7 @@ void StrapSession::StartSearch()
 
 void StrapSession::OnSearchStarted(const GError *error)
 {
-    // Else what is told is why the straps that are known do not measure.
+    // With straps that are known, the state that is told is why those do not measure.
     const bool isOnlyWay = mObjects.FindStraps(mSettings).empty();
     if (error == nullptr) {
         mSearch->mIsOn = true;

@@ -12,6 +12,7 @@
 #include "Files.h"
 #include "MessageText.h"
 #include "Numbers.h"
+#include "Released.h"
 #include "RuntimeLog.h"
 
 namespace ParvanePlatform {
@@ -21,11 +22,6 @@ namespace {
 constexpr std::string_view kPrefix = "iio:device";
 constexpr std::string_view kInputEnd = "_input";
 constexpr std::size_t kMaxNameBytes = 256;
-
-struct DirectoryClose
-{
-    void operator()(DIR *directory) const noexcept { ::closedir(directory); }
-};
 
 /** Keeps the first error that is more than a missing file. */
 void NoteObstacle(const std::string &path, int error, std::string &obstacle)
@@ -39,7 +35,7 @@ void NoteObstacle(const std::string &path, int error, std::string &obstacle)
 std::vector<unsigned> DeviceNumbers(const std::string &directory, std::string &obstacle)
 {
     std::vector<unsigned> numbers;
-    const std::unique_ptr<DIR, DirectoryClose> entries(::opendir(directory.c_str()));
+    const std::unique_ptr<DIR, Released<closedir>> entries(::opendir(directory.c_str()));
     if (!entries) {
         NoteObstacle(directory, errno, obstacle);
         return numbers;
@@ -73,8 +69,7 @@ std::string NameOf(const std::string &device, std::string &obstacle)
 /** The real path of the directory above a device's own, which bus/iio/devices has as a link. */
 std::string PlaceOf(const std::string &device)
 {
-    const std::unique_ptr<char, decltype(&std::free)> path(::realpath(device.c_str(), nullptr),
-                                                           &std::free);
+    const std::unique_ptr<char, Released<std::free>> path(::realpath(device.c_str(), nullptr));
     return path ? ParentOf(path.get()) : std::string();
 }
 

@@ -30,11 +30,6 @@ IioSource::IioSource(const IioSettings &settings, const Clock &clock, std::uniqu
               Track{ContextItem::Activity, std::make_unique<IioActivity>(settings, mSwitches)}}
 {}
 
-void IioSource::SetListener(SensorListener *listener)
-{
-    mListener = listener;
-}
-
 int IioSource::Start(ContextItem item)
 {
     Track *track = TrackOf(item);
@@ -106,10 +101,10 @@ void IioSource::Poll()
     for (Track &track : mTracks) {
         track.mIsDue = track.mIsStarted && (isForAll || track.mIsBeginning);
     }
-    // Before the readings: whatever comes of them, the polling goes on.
+    // Before the readings: the polling goes on even if a listener fails.
     SetTimer();
     for (Track &track : mTracks) {
-        // Not what a listener has stopped meanwhile, or started anew.
+        // A listener of another item may have stopped this one since, or started it anew.
         if (track.mIsStarted && std::exchange(track.mIsDue, false)) {
             Poll(track);
         }

@@ -29,7 +29,7 @@ public:
     /** `clock` is borrowed for the life of the source. Touches no file. */
     IioSource(const IioSettings &settings, const Clock &clock, std::unique_ptr<Timer> timer);
 
-    void SetListener(SensorListener *listener) override;
+    void SetListener(SensorListener *listener) override { mListener = listener; }
     int Start(ContextItem item) override;
     void Stop(ContextItem item) override;
     /** What the last poll has given, nothing included; reads the files when there was none yet. */

@@ -440,7 +440,7 @@ TEST_F(ContextManagerTest, StatusTellsSinceWhenAndByWhatRequestAnItemIsSubscribe
     const int requestId = Subscribe(7);
     mClock.mWallMs += 5000;
     EXPECT_THAT(StatusOf(ContextItem::HeartRate).mRequestId, Optional(requestId));
-    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mSubscribedWallMs, begin);
+    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mSubscribed.mWallMs, begin);
     EXPECT_EQ(StatusOf(ContextItem::Pedometer).mRequestId, std::nullopt);
 
     mManager->Unsubscribe(7);
@@ -461,8 +461,8 @@ TEST_F(ContextManagerTest, StatusKeepsTheLastReadingAndWhatWasDelivered)
     const ContextManager::ItemStatus status = StatusOf(ContextItem::HeartRate);
     ASSERT_TRUE(status.mLastReading);
     EXPECT_EQ(std::get<int>(status.mLastReading->begin()->mValue), 73);
-    EXPECT_EQ(status.mLastReadingUs, 9'000'000);
-    EXPECT_EQ(status.mLastReadingWallMs, mClock.mWallMs);
+    EXPECT_EQ(status.mLastRead.mBootUs, 9'000'000);
+    EXPECT_EQ(status.mLastRead.mWallMs, mClock.mWallMs);
     EXPECT_EQ(status.mDelivered, 2U);
 }
 

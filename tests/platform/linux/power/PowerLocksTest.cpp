@@ -161,7 +161,7 @@ TEST(PowerLocksTest, ListTellsStateBackendAndTimes)
     ASSERT_EQ(list.size(), 1U);
     EXPECT_EQ(list[0].mState, 2);
     EXPECT_EQ(list[0].mBackend, "none");
-    EXPECT_EQ(list[0].mTakenMs, 1769862896789);
+    EXPECT_EQ(list[0].mTaken.mWallMs, 1769862896789);
     EXPECT_EQ(list[0].mEndUs, 17'000'000);
 }
 

@@ -912,7 +912,7 @@ TEST_F(LinkSessionTest, WhatCrossesTheLinkIsCounted)
     EXPECT_EQ(status.mHostState, LinkSession::HostState::Open);
     EXPECT_EQ(status.mPeer.mPid, getpid());
     EXPECT_EQ(status.mPeer.mUid, geteuid());
-    EXPECT_EQ(status.mConnectedWallMs, mClock.mWallMs);
+    EXPECT_EQ(status.mConnected.mWallMs, mClock.mWallMs);
     EXPECT_EQ(status.mStatistics.mPacketsIn, 2U);
     EXPECT_EQ(status.mStatistics.mBytesIn, 10U);
     EXPECT_EQ(status.mStatistics.mPacketsOut, sent);
