@@ -489,5 +489,17 @@ TEST_F(ContextManagerProxyTest, TypesDoNotDisturbEachOther)
     EXPECT_TRUE(mPlatform.IsSubscribed(1));
 }
 
+TEST_F(ContextManagerProxyTest, SensorThatIsDroppedInsideItsQueryIsThereForTheAnswer)
+{
+    mProxy.RegisterSensorListner(SensorType::Pedometer, mFirst);
+    mPlatform.OnNextCall("context_get_context",
+                         [this] { mProxy.UnregisterLisnterAll(SensorType::Pedometer); });
+
+    mProxy.RequestCurrentSensorData(SensorType::Pedometer);
+    mPlatform.AnswerQuery(2, Steps(1000));
+
+    EXPECT_EQ(1U, mFirst->mChanged.size());
+}
+
 } // namespace
 } // namespace Parvane

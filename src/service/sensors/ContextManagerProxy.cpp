@@ -25,7 +25,7 @@ void ContextManagerProxy::RegisterSensorListner(SensorType type,
         return;
     }
     sensor->AddSensorEventListener(std::move(listener));
-    mKnown[type].push_back(sensor);
+    mKnown[type].insert(sensor);
     sensor->Start();
     const auto replaced = std::exchange(mSensors[type], sensor);
     if (replaced) { // stored by a registration from within Start
@@ -41,6 +41,7 @@ void ContextManagerProxy::RequestCurrentSensorData(SensorType type)
     }
     const std::shared_ptr<ContextSensor> sensor = entry->second;
     sensor->GetCurrentSensorData();
+    mKnown[type].insert(sensor); // if it was dropped from within: the platform may answer it yet
 }
 
 void ContextManagerProxy::UnregisterSensorListner(SensorType type,

@@ -2,7 +2,7 @@
 
 #include <map>
 #include <memory>
-#include <vector>
+#include <set>
 
 #include "ContextSensor.h"
 #include "ContextSensorListner.h"
@@ -56,9 +56,9 @@ private:
 
     /**
      * Every sensor that was started, kept until a Stop of its type: a platform that calls back from
-     * within Start or Stop may know one that mSensors does not have.
+     * within Start, Stop or a query may know one that mSensors does not have.
      */
-    std::map<SensorType, std::vector<std::shared_ptr<ContextSensor>>> mKnown;
+    std::map<SensorType, std::set<std::shared_ptr<ContextSensor>>> mKnown;
 };
 
 } // namespace Parvane
