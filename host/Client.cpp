@@ -10,11 +10,6 @@ namespace ParvaneHost {
 
 namespace {
 
-std::string MeasureText(Sensor sensor)
-{
-    return "the measurement of '" + std::string(SensorName(sensor)) + "'";
-}
-
 /**
  * Whether `reply` answers the measure-once `request`. The worn state is told by whichever request
  * reached the watch before its sensor spoke, so its flags may be those of the request before this one.
@@ -54,6 +49,22 @@ Result<Reading, Error> AsReading(Result<Reply, Error> outcome)
 }
 
 } // namespace
+
+std::chrono::milliseconds AnswerTimeout(Sensor sensor)
+{
+    constexpr std::chrono::milliseconds kHeartRate{20000}; // the watch takes 15 s
+    constexpr std::chrono::milliseconds kWearState{8000};  // 3 s, or twice that when asked twice
+    constexpr std::chrono::milliseconds kOther{5000};
+    if (sensor == Sensor::HeartRate) {
+        return kHeartRate;
+    }
+    return sensor == Sensor::WearState ? kWearState : kOther;
+}
+
+std::string MeasurementText(Sensor sensor)
+{
+    return "the measurement of '" + std::string(SensorName(sensor)) + "'";
+}
 
 Client::Client(ClientOptions options) : mOptions(std::move(options)), mFlags(mOptions.mFirstFlags)
 {}
@@ -127,12 +138,17 @@ Result<Reading, Error> Client::Measure(Sensor sensor, const Deadline &deadline)
     const auto claim = [&request](const Reply &reply) { return AnswersMeasure(reply, request); };
     if (sensor == Sensor::WearState) {
         const Deadline first = Deadline::After(mOptions.mAskAgainAfter).Earlier(deadline);
-        auto answer = Ask(request, claim, first, MeasureText(sensor));
+        auto answer = Ask(request, claim, first, MeasurementText(sensor));
         if (!IsTimeout(answer) || deadline.HasPassed()) {
             return AsReading(std::move(answer));
         }
     }
-    return AsReading(Ask(request, claim, deadline, MeasureText(sensor)));
+    return AsReading(Ask(request, claim, deadline, MeasurementText(sensor)));
+}
+
+std::optional<Error> Client::AskToMeasure(Sensor sensor, const Deadline &deadline)
+{
+    return SendRaw(Encode(Request::MeasureOnce(sensor, NextFlags())), deadline);
 }
 
 Result<Reading, Error> Client::Start(Sensor sensor, const Deadline &deadline, std::uint8_t format)

@@ -19,6 +19,12 @@
 
 namespace ParvaneHost {
 
+/** How long a measurement may take until it counts as unanswered, with some room. */
+std::chrono::milliseconds AnswerTimeout(Sensor sensor);
+
+/** "the measurement of 'hr'": what a Timeout names. */
+std::string MeasurementText(Sensor sensor);
+
 struct ClientOptions
 {
     std::string mPath; // of the accessory link's socket
@@ -77,6 +83,9 @@ public:
      * question is repeated after mAskAgainAfter.
      */
     Result<Reading, Error> Measure(Sensor sensor, const Deadline &deadline);
+
+    /** Sends the question of Measure() alone; its answer comes from Receive(). */
+    std::optional<Error> AskToMeasure(Sensor sensor, const Deadline &deadline);
 
     /**
      * Has the watch push every activity, and returns the current one.

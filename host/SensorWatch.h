@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Backoff.h"
 #include "Client.h"
@@ -17,30 +18,31 @@ namespace ParvaneHost {
 
 struct SensorWatchOptions
 {
-    std::chrono::milliseconds mRequestTimeout{5000}; // for each connection's start
-    std::chrono::milliseconds mFirstDelay{100};      // before reconnecting; doubled up to
-    std::chrono::milliseconds mLongestDelay{5000};   // this
-    /** Told, in a line for people, when the link is lost, each failed attempt, and when it is back. */
+    /** For the answer to each question; nothing: what the sensor takes, see AnswerTimeout(). */
+    std::optional<std::chrono::milliseconds> mRequestTimeout;
+    std::chrono::milliseconds mFirstDelay{100};    // before reconnecting; doubled up to
+    std::chrono::milliseconds mLongestDelay{5000}; // this
+    /** Told, in a line for people, of a lost link, each failed attempt, and what is amiss otherwise. */
     std::function<void(const std::string &)> mOnNotice;
 };
 
 /**
- * The readings of one sensor for as long as one likes, over a link that comes and goes.
+ * The readings of some sensors for as long as one likes, over a link that comes and goes.
  *
- * Activity is started; steps are measured once, which is what has the watch push them. When the link
- * is lost it is made again, with growing delays and without end, and the sensor is started again.
- * Readings of other sensors are dropped. Borrows the client, which must outlive it and is used by
- * nobody else meanwhile.
+ * Activity is started; steps are measured once, which is what has the watch push them. Heart rate and
+ * worn state are never pushed, so they are measured again and again. When the link is lost it is made
+ * again, with growing delays and without end, and everything is asked for again. Readings of other
+ * sensors are dropped. Borrows the client, which must outlive it and is used by nobody else meanwhile.
  */
 class SensorWatch
 {
 public:
-    /** @param sensor  Sensor::Activity or Sensor::Pedometer; Begin() refuses any other */
-    SensorWatch(Client &client, Sensor sensor, SensorWatchOptions options);
+    /** @param sensors  at least one, none twice */
+    SensorWatch(Client &client, std::vector<Sensor> sensors, SensorWatchOptions options);
 
     /**
-     * Connects and starts the sensor. Here every failure is final: a wrong path, another host, a
-     * silent watch. The first readings come from Next().
+     * Connects and asks for the sensors. Here, and until the first reading, every failure is final: a
+     * wrong path, another host, a silent watch. The readings come from Next().
      *
      * @param bound  when the whole attempt is given up at the latest
      */
@@ -48,7 +50,9 @@ public:
 
     /**
      * The next reading. Fails with Timeout at the deadline, Interrupted, and ProtocolError; a lost
-     * link is made again within the call, and so is one on which the start gets no answer.
+     * link is made again within the call, and so is one on which the start of the activity gets no
+     * answer. A sensor without an answer is left out until the link is made again; when it was the
+     * last one, that is the Timeout.
      */
     Result<Reading, Error> Next(const Deadline &deadline);
 
@@ -60,16 +64,35 @@ public:
     std::optional<Error> End(const Deadline &bound = Deadline::Never());
 
 private:
-    std::optional<Error> StartSensor(const Deadline &bound);
+    /** A sensor and what is to be done for it. */
+    struct Topic
+    {
+        Sensor mSensor = Sensor::Activity;
+        Deadline mAskAt;
+        std::optional<Deadline>
+            mGiveUp; // for the answer to what was asked; nothing: none is awaited
+    };
+
+    [[nodiscard]] bool Watches(Sensor sensor) const;
+    [[nodiscard]] Timeout NothingCame(const Deadline &deadline) const;
+    std::optional<Error> AskAll(const Deadline &bound);
+    std::optional<Error> AskWhatIsDue(const Deadline &bound);
+    std::optional<Error> Ask(Topic &topic, const Deadline &bound);
+    std::optional<Error> StartActivity(const Deadline &bound);
+    std::optional<Error> Listen(const Deadline &deadline);
+    std::optional<Error> LeaveOutSilent();
     std::optional<Error> Resume(const Deadline &deadline);
     void Keep(const Reply &reply);
     void Notify(const std::string &text) const;
 
     Client *mClient;
-    Sensor mSensor;
+    std::vector<Sensor> mSensors;
     SensorWatchOptions mOptions;
     Backoff mBackoff;
+    std::vector<Topic> mTopics; // of the link as it is
     bool mRunning = false;
+    bool mHasHeard = false; // a reading, ever
+    bool mIsBack = false;   // a link made again that has brought nothing yet
     std::deque<Reading> mReadings;
 };
 

@@ -4,9 +4,12 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <charconv>
 #include <cstdint>
-#include <initializer_list>
+#include <iterator>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -26,12 +29,38 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr const char *kProgram = "parvane-host";
+constexpr const char *kSubcommands = "list, measure, watch, stop, raw";
+
+/** How each command is used, for whoever has it wrong. */
+constexpr std::array<std::pair<std::string_view, std::string_view>, 5> kCommandExamples = {{
+    {"list", "list"},
+    {"measure", "measure hr"},
+    {"watch", "watch all"},
+    {"stop", "stop activity"},
+    {"raw", "raw 01 00 00 00"},
+}};
+
+/** And each option that has a value. */
+constexpr std::array<std::pair<std::string_view, std::string_view>, 8> kOptionExamples = {{
+    {"--socket", "/run/parvane/link.sock"},
+    {"--timeout", "2.5"},
+    {"--wait", "10"},
+    {"--timestamps", "iso"},
+    {"--every", "10s"},
+    {"--count", "6"},
+    {"--for", "60"},
+    {"--quiet-for", "500"},
+}};
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
 struct Texts
 {
     std::optional<std::string> mSocket;
     std::optional<std::string> mTimeout;
+    std::optional<std::string> mWait;
+    std::optional<std::string> mTimestamps;
+    std::optional<std::string> mEvery;
+    std::optional<std::string> mCount;
     std::optional<std::string> mFor;
     std::optional<std::string> mQuietFor;
     std::optional<std::string> mSensor;
@@ -49,11 +78,14 @@ public:
 std::string Footer()
 {
     std::string text =
-        "Exit codes:\n"
+        "Exit codes, the same for the same things as in parvane-watch:\n"
         "  0  done\n"
-        "  1  a failure on the link, or of the output\n"
+        "  1  a failure of the link or of the output\n"
         "  2  bad usage\n"
-        "  3  no answer in time\n"
+        "  3  no answer in time, or no service that serves this user\n"
+        "  4  the watch has no usable reading\n"
+        "\n"
+        "Times are SECONDS with or without an s behind them: 10, 2.5s.\n"
         "\n"
         "The first 'measure steps' or 'watch steps' opts in for good: from then on the\n"
         "watch pushes every update of the steps to whoever is connected.\n"
@@ -66,19 +98,34 @@ std::string Footer()
     return text;
 }
 
+/** Of an option that is given again, the last one counts. */
+void AddOption(CLI::App &app, const char *name, std::optional<std::string> &text,
+               const char *description, const char *value)
+{
+    app.add_option(name, text, description)->type_name(value)->take_last();
+}
+
 void AddSubcommands(CLI::App &app, Texts &texts)
 {
     CLI::App *list =
         app.add_subcommand("list", "List the sensors and the Bluetooth address of the watch");
 
-    CLI::App *measure = app.add_subcommand("measure", "Ask for one reading");
-    measure->add_option("sensor", texts.mSensor, "hr (15 s), wear (up to 3 s), steps or activity");
+    CLI::App *measure =
+        app.add_subcommand("measure", "Ask for one reading, or for one again and again");
+    measure->add_option("sensor", texts.mSensor,
+                        "hr (at most 15 s), wear (at most 3 s), steps or activity");
+    AddOption(*measure, "--every", texts.mEvery,
+              "Measure again, so long after the one before began,\nuntil Ctrl-C or SIGTERM",
+              "SECONDS");
+    AddOption(*measure, "--count", texts.mCount, "With --every: end after so many", "N");
 
     CLI::App *watch =
         app.add_subcommand("watch", "Print readings as they come, until Ctrl-C or SIGTERM;\n"
                                     "a lost link is made again");
-    watch->add_option("sensor", texts.mSensor, "activity or steps");
-    watch->add_option("--for", texts.mFor, "End after so long")->type_name("SECONDS");
+    watch->add_option("sensor", texts.mSensor,
+                      "activity and steps, as the watch pushes them; hr and\n"
+                      "wear, measured again and again; or all of them");
+    AddOption(*watch, "--for", texts.mFor, "End after so long", "SECONDS");
 
     CLI::App *stop = app.add_subcommand("stop", "End the pushing of a sensor's readings");
     stop->add_option("sensor", texts.mSensor, "activity (the default), hr, wear or steps");
@@ -87,13 +134,12 @@ void AddSubcommands(CLI::App &app, Texts &texts)
         app.add_subcommand("raw", "Send packets as they are, and print every reply as hex with\n"
                                   "its meaning until the link is quiet");
     raw->add_option("packet", texts.mPackets,
-                    "A packet each: pairs of hex digits; blanks and colons are allowed")
-        ->type_name("HEX")
-        ->required();
-    raw->add_option(
-           "--quiet-for,--wait", texts.mQuietFor,
-           "How long is quiet; however long that takes\n(default: 1000, and the end after 2000)")
-        ->type_name("MS");
+                    "A packet each: pairs of hex digits; blanks and colons are\n"
+                    "allowed; single bytes in a row are one packet")
+        ->type_name("HEX");
+    AddOption(*raw, "--quiet-for", texts.mQuietFor,
+              "How long is quiet; however long that takes\n(default: 1000, and the end after 2000)",
+              "MS");
 
     for (CLI::App *subcommand : {list, measure, watch, stop, raw}) {
         subcommand->footer("The options of 'parvane-host --help' are allowed here, too.");
@@ -102,17 +148,24 @@ void AddSubcommands(CLI::App &app, Texts &texts)
 
 void AddOptions(CLI::App &app, Texts &texts)
 {
-    app.add_option("--socket", texts.mSocket,
-                   "Socket of the accessory link (default: $PARVANE_LINK,\n"
-                   "else $RUNTIME_DIRECTORY/link.sock,\n"
-                   "else $XDG_RUNTIME_DIR/parvane/link.sock,\n"
-                   "else /run/parvane/link.sock)")
-        ->type_name("PATH");
-    app.add_option("--timeout", texts.mTimeout,
-                   "How long to wait for the watch\n"
-                   "(default: 20 for hr, 8 for wear, else 5;\n"
-                   "for raw the longest it runs)")
-        ->type_name("SECONDS");
+    AddOption(app, "--socket", texts.mSocket,
+              "Socket of the accessory link (default: $PARVANE_LINK,\n"
+              "else $RUNTIME_DIRECTORY/link.sock,\n"
+              "else $XDG_RUNTIME_DIR/parvane/link.sock,\n"
+              "else /run/parvane/link.sock)",
+              "PATH");
+    AddOption(app, "--timeout", texts.mTimeout,
+              "How long to wait for the watch\n"
+              "(default: 20 for hr, 8 for wear, else 5;\n"
+              "for raw the longest it runs)",
+              "SECONDS");
+    AddOption(app, "--wait", texts.mWait,
+              "Wait so long, 10 s unless told, for a service that\nis just starting", "[SECONDS]");
+    AddOption(app, "--timestamps", texts.mTimestamps,
+              "Begin each reading with its time: iso is\n"
+              "2014-05-13T18:53:20.000+02:00, unix seconds since\n"
+              "the epoch; - is an unknown one. With --json there\nis time_ms anyhow",
+              "iso|unix");
     app.add_flag("--json", texts.mJson, "Print one JSON object a line");
     app.set_version_flag("--version", std::string(kProgram) + " " + PARVANE_HOST_VERSION,
                          "Print the version and exit");
@@ -123,17 +176,18 @@ std::string Quoted(const std::string &text)
     return "'" + Parvane::Printable(text) + "'";
 }
 
-/** A number of at most `largest`; not negative, and not 0 unless `mayBeZero`. */
+/** A number of at most `largest`; not negative, and not 0 unless `mayBeZero`; `unit` may follow it. */
 template <typename Number>
 Number ParseNumber(const std::string &option, const std::string &text, Number largest,
-                   bool mayBeZero, std::string_view allowed)
+                   bool mayBeZero, std::string_view allowed, std::string_view unit = "")
 {
     Number value{};
     const char *end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data(), end, value);
+    const std::string_view rest(parsed.ptr, static_cast<std::size_t>(end - parsed.ptr));
     // Written so that a floating-point value that is not a number fails, too.
     const bool inRange = value <= largest && (value > 0 || (mayBeZero && value >= 0));
-    if (parsed.ec != std::errc{} || parsed.ptr != end || !inRange) {
+    if (parsed.ec != std::errc{} || !(rest.empty() || rest == unit) || !inRange) {
         throw UsageError(option + ": " + Quoted(text) + " is not allowed; give " +
                          std::string(allowed));
     }
@@ -148,8 +202,8 @@ std::optional<milliseconds> ParseSeconds(const std::string &option,
     if (!text) {
         return std::nullopt;
     }
-    const double seconds =
-        ParseNumber(option, *text, kLargest, false, "seconds above 0 and up to 86400, as in 2.5");
+    const double seconds = ParseNumber(option, *text, kLargest, false,
+                                       "seconds above 0 and up to 86400, as in 2.5", "s");
     return milliseconds{
         std::max(static_cast<std::int64_t>(seconds * kMsPerSecond), std::int64_t{1})};
 }
@@ -161,41 +215,65 @@ milliseconds ParseMilliseconds(const std::string &option, const std::string &tex
         ParseNumber(option, text, kLargest, true, "whole milliseconds from 0 to 86400000")};
 }
 
-Sensor ParseSensor(const std::string &subcommand, const std::optional<std::string> &text,
-                   std::initializer_list<Sensor> allowed)
+/** @param mayBeAll  whether "all" stands for all of `allowed` */
+std::vector<Sensor> ParseSensors(const std::string &subcommand,
+                                 const std::optional<std::string> &text,
+                                 const std::vector<Sensor> &allowed, bool mayBeAll = false)
 {
+    if (mayBeAll && text == "all") {
+        return allowed;
+    }
     const auto sensor = SensorByName(text.value_or(""));
     if (sensor && std::find(allowed.begin(), allowed.end(), *sensor) != allowed.end()) {
-        return *sensor;
-    }
-    std::string problem = subcommand + ": no sensor given";
-    if (text) {
-        problem =
-            subcommand + ": " + (sensor ? "not possible for " : "unknown sensor ") + Quoted(*text);
+        return {*sensor};
     }
     std::string names;
     for (const Sensor candidate : allowed) {
         names += (names.empty() ? "" : ", ") + std::string(SensorName(candidate));
     }
-    throw UsageError(problem + "; allowed: " + names);
+    throw UsageError(subcommand + ": " +
+                     (text ? "unknown sensor " + Quoted(*text) : "no sensor given") +
+                     "; allowed: " + names + (mayBeAll ? ", all" : ""));
 }
 
 std::vector<Bytes> ParsePackets(const std::vector<std::string> &texts)
 {
+    if (texts.empty()) {
+        throw UsageError("raw needs at least one byte, as in: parvane-host raw 01 00 00 00");
+    }
     std::vector<Bytes> packets;
-    for (const std::string &text : texts) {
-        auto packet = ParseHex(text);
-        const std::string which = "raw: packet " + std::to_string(packets.size() + 1) + ": ";
+    bool followsByte = false;
+    for (std::size_t index = 0; index < texts.size(); ++index) {
+        const std::string which = "raw: argument " + std::to_string(index + 1) + ": ";
+        auto packet = ParseHex(texts[index]);
         if (!packet) {
             throw UsageError(which + packet.GetError());
         }
-        if (packet.Value().size() > WireFormat::kMaxMessageBytes) {
-            throw UsageError(which + std::to_string(packet.Value().size()) + " bytes; at most " +
-                             std::to_string(WireFormat::kMaxMessageBytes) + " are allowed");
+        const bool isByte = packet.Value().size() == 1;
+        if (isByte && followsByte) {
+            packets.back().push_back(packet.Value().front());
+        } else {
+            packets.push_back(std::move(packet).Value());
         }
-        packets.push_back(std::move(packet).Value());
+        followsByte = isByte;
+        if (packets.back().size() > WireFormat::kMaxMessageBytes) {
+            throw UsageError(which + "the packet has " + std::to_string(packets.back().size()) +
+                             " bytes; at most " + std::to_string(WireFormat::kMaxMessageBytes) +
+                             " are allowed");
+        }
     }
     return packets;
+}
+
+TimeStyle ParseTimeStyle(const std::optional<std::string> &text)
+{
+    if (!text) {
+        return TimeStyle::Short;
+    }
+    if (*text != "iso" && *text != "unix") {
+        throw UsageError("--timestamps: " + Quoted(*text) + " is not allowed; give iso or unix");
+    }
+    return *text == "iso" ? TimeStyle::Iso : TimeStyle::Unix;
 }
 
 std::string DefaultSocketPath(const Parvane::Environment &environment)
@@ -217,7 +295,7 @@ std::string CheckedPath(std::string path)
 /** What to say about a command line without a subcommand, of which `words` were not understood. */
 std::string SubcommandText(const std::vector<std::string> &words)
 {
-    const std::string allowed = "; allowed: list, measure, watch, stop, raw";
+    const std::string allowed = std::string("; allowed: ") + kSubcommands;
     if (words.empty()) {
         return "no subcommand given" + allowed;
     }
@@ -225,6 +303,52 @@ std::string SubcommandText(const std::vector<std::string> &words)
         return "unknown option " + Quoted(words.front());
     }
     return "unknown subcommand " + Quoted(words.front()) + allowed;
+}
+
+void InterpretMeasure(const Texts &texts, Invocation &invocation)
+{
+    invocation.mAction = Invocation::Action::Measure;
+    invocation.mSensors =
+        ParseSensors("measure", texts.mSensor,
+                     {Sensor::HeartRate, Sensor::WearState, Sensor::Pedometer, Sensor::Activity});
+    invocation.mEvery = ParseSeconds("--every", texts.mEvery);
+    if (!texts.mEvery) {
+        invocation.mCount = 1;
+    }
+    if (texts.mCount && !texts.mEvery) {
+        throw UsageError(
+            "--count needs --every, as in: parvane-host measure hr --every 10s --count 6");
+    }
+    if (texts.mCount) {
+        invocation.mCount =
+            ParseNumber("--count", *texts.mCount, std::numeric_limits<unsigned>::max(), false,
+                        "a whole number from 1 to 4294967295");
+    }
+}
+
+void InterpretAction(const std::string &subcommand, const Texts &texts, Invocation &invocation)
+{
+    if (subcommand == "measure") {
+        InterpretMeasure(texts, invocation);
+    } else if (subcommand == "watch") {
+        invocation.mAction = Invocation::Action::Watch;
+        // The activity, which is answered at once, goes first.
+        invocation.mSensors = ParseSensors(
+            "watch", texts.mSensor,
+            {Sensor::Activity, Sensor::Pedometer, Sensor::HeartRate, Sensor::WearState}, true);
+        invocation.mFor = ParseSeconds("--for", texts.mFor);
+    } else if (subcommand == "stop") {
+        invocation.mAction = Invocation::Action::Stop;
+        invocation.mSensors = ParseSensors(
+            "stop", texts.mSensor ? texts.mSensor : std::string(SensorName(Sensor::Activity)),
+            {Sensor::Activity, Sensor::HeartRate, Sensor::WearState, Sensor::Pedometer});
+    } else if (subcommand == "raw") {
+        invocation.mAction = Invocation::Action::Raw;
+        invocation.mPackets = ParsePackets(texts.mPackets);
+        if (texts.mQuietFor) {
+            invocation.mQuietFor = ParseMilliseconds("--quiet-for", *texts.mQuietFor);
+        }
+    }
 }
 
 Invocation Interpret(const CLI::App &app, const Texts &texts,
@@ -239,29 +363,70 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     invocation.mSocketPath =
         CheckedPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment));
     invocation.mTimeout = ParseSeconds("--timeout", texts.mTimeout);
-    if (app.got_subcommand("measure")) {
-        invocation.mAction = Invocation::Action::Measure;
-        invocation.mSensor = ParseSensor(
-            "measure", texts.mSensor,
-            {Sensor::HeartRate, Sensor::WearState, Sensor::Pedometer, Sensor::Activity});
-    } else if (app.got_subcommand("watch")) {
-        invocation.mAction = Invocation::Action::Watch;
-        invocation.mSensor =
-            ParseSensor("watch", texts.mSensor, {Sensor::Activity, Sensor::Pedometer});
-        invocation.mFor = ParseSeconds("--for", texts.mFor);
-    } else if (app.got_subcommand("stop")) {
-        invocation.mAction = Invocation::Action::Stop;
-        invocation.mSensor = ParseSensor(
-            "stop", texts.mSensor ? texts.mSensor : std::string(SensorName(Sensor::Activity)),
-            {Sensor::Activity, Sensor::HeartRate, Sensor::WearState, Sensor::Pedometer});
-    } else if (app.got_subcommand("raw")) {
-        invocation.mAction = Invocation::Action::Raw;
-        invocation.mPackets = ParsePackets(texts.mPackets);
-        if (texts.mQuietFor) {
-            invocation.mQuietFor = ParseMilliseconds("--quiet-for", *texts.mQuietFor);
+    invocation.mWait = ParseSeconds("--wait", texts.mWait).value_or(milliseconds{0});
+    invocation.mTimeStyle = ParseTimeStyle(texts.mTimestamps);
+    InterpretAction(app.get_subcommands().front()->get_name(), texts, invocation);
+    return invocation;
+}
+
+/** What goes with `name` in one of the tables of examples; empty when it is not there. */
+template <typename Examples>
+std::string ExampleOf(const Examples &examples, std::string_view name)
+{
+    const auto *const found = std::find_if(examples.begin(), examples.end(),
+                                           [name](const auto &pair) { return pair.first == name; });
+    return found == examples.end() ? std::string() : std::string(found->second);
+}
+
+/** What the parser has found wrong, in our words. */
+std::string UsageText(const CLI::App &app, const CLI::ParseError &error)
+{
+    const auto chosen = app.get_subcommands();
+    const auto is = [&error](CLI::ExitCodes code) {
+        return error.get_exit_code() == static_cast<int>(code);
+    };
+    if (chosen.empty() && is(CLI::ExitCodes::RequiredError)) {
+        return SubcommandText(app.remaining());
+    }
+    const std::vector<std::string> rest = app.remaining(true);
+    if (is(CLI::ExitCodes::ExtrasError) && !chosen.empty() && !rest.empty()) {
+        const std::string subcommand = chosen.front()->get_name();
+        if (rest.front().starts_with('-')) {
+            return subcommand + ": unknown option " + Quoted(rest.front());
+        }
+        return subcommand + ": " + Quoted(rest.front()) +
+               " is one word too many, as in: " + kProgram + " " +
+               ExampleOf(kCommandExamples, subcommand);
+    }
+    std::string text = error.what();
+    if (is(CLI::ExitCodes::ConversionError)) { // every value but that of a flag is read here
+        const std::size_t flag = std::min(text.find("--"), text.size());
+        return text.substr(flag, text.find(' ', flag) - flag) + " takes no value";
+    }
+    const std::string option = text.substr(0, text.find_first_of(": "));
+    const std::string example = ExampleOf(kOptionExamples, option);
+    if (is(CLI::ExitCodes::ArgumentMismatch) && !example.empty()) {
+        return option + " needs a value, as in: " + option + " " + example;
+    }
+    return text;
+}
+
+/** `--wait` takes a number that follows it; anything else stays a word of its own. */
+std::vector<std::string> WithWaitValue(std::vector<std::string> words)
+{
+    for (auto word = words.begin(); word != words.end() && *word != "--"; ++word) {
+        if (*word != "--wait") {
+            continue;
+        }
+        const auto next = std::next(word);
+        const bool isNumber = next != words.end() && !next->empty() &&
+                              std::isdigit(static_cast<unsigned char>(next->front())) != 0;
+        *word += "=" + (isNumber ? *next : ExampleOf(kOptionExamples, "--wait"));
+        if (isNumber) {
+            word = std::prev(words.erase(next));
         }
     }
-    return invocation;
+    return words;
 }
 
 Ending BadUsage(const std::string &text)
@@ -285,13 +450,13 @@ std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string>
     app.footer(Footer());
 
     try {
-        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+        std::vector<std::string> words = WithWaitValue(arguments);
+        std::reverse(words.begin(), words.end());
+        app.parse(std::move(words));
         return Interpret(app, texts, environment);
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {
-            const bool noSubcommand =
-                app.get_subcommands().empty() && error.get_name() == "RequiredError";
-            return BadUsage(noSubcommand ? SubcommandText(app.remaining()) : error.what());
+            return BadUsage(UsageText(app, error));
         }
         std::ostringstream output;
         app.exit(error, output, output);

@@ -9,6 +9,7 @@
 #include "ExitCode.h"
 #include "Messages.h"
 #include "RuntimeDirectory.h"
+#include "TextPrinter.h"
 
 namespace ParvaneHost {
 
@@ -26,8 +27,12 @@ struct Invocation
     Action mAction = Action::List;
     std::string mSocketPath;
     bool mJson = false;
+    TimeStyle mTimeStyle = TimeStyle::Short;
     std::optional<std::chrono::milliseconds> mTimeout;  // nothing: the default of the action
-    Sensor mSensor = Sensor::Activity;                  // Measure, Watch, Stop
+    std::chrono::milliseconds mWait{0};                 // for a service that is just starting
+    std::vector<Sensor> mSensors;                       // Measure and Stop: one; Watch: some
+    std::optional<std::chrono::milliseconds> mEvery;    // Measure; nothing: once
+    std::optional<unsigned> mCount;                     // Measure; nothing: until a signal
     std::optional<std::chrono::milliseconds> mFor;      // Watch; nothing: until a signal
     std::vector<Bytes> mPackets;                        // Raw; at least one
     std::optional<std::chrono::milliseconds> mQuietFor; // Raw; nothing: the default

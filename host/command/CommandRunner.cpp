@@ -9,9 +9,9 @@
 #include "ErrnoText.h"
 #include "JsonPrinter.h"
 #include "Printable.h"
-#include "SensorWatch.h"
 #include "Terminal.h"
 #include "TextPrinter.h"
+#include "Wait.h"
 #include "WireCodec.h"
 
 namespace ParvaneHost {
@@ -20,18 +20,43 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr milliseconds kAtOnce{5000}; // how long to wait for what the watch answers at once
+
 std::int64_t NowMs()
 {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::floor<milliseconds>(now).count();
 }
 
-std::unique_ptr<Printer> MakePrinter(bool json)
+std::unique_ptr<Printer> MakePrinter(const Invocation &invocation)
 {
-    if (json) {
+    if (invocation.mJson) {
         return std::make_unique<JsonPrinter>();
     }
-    return std::make_unique<TextPrinter>();
+    return std::make_unique<TextPrinter>(invocation.mTimeStyle);
+}
+
+/** Whether the service may be just starting. */
+bool IsNotThereYet(const Error &error)
+{
+    const auto *link = std::get_if<LinkError>(&error);
+    return link != nullptr && link->mReason == LinkError::Reason::CannotConnect &&
+           (link->mErrno == ENOENT || link->mErrno == ECONNREFUSED);
+}
+
+/** Whether nobody answers, as opposed to an answer or a link that is amiss. */
+bool IsNoAnswer(const Error &error)
+{
+    const auto *link = std::get_if<LinkError>(&error);
+    return std::holds_alternative<Timeout>(error) ||
+           (link != nullptr && (link->mReason == LinkError::Reason::CannotConnect ||
+                                link->mReason == LinkError::Reason::AnotherHost));
+}
+
+/** The watch says with a heart rate of 0 that it has none; of the others it cannot say so. */
+bool IsUsable(const Reading &reading)
+{
+    return reading.mSensor != Sensor::HeartRate || reading.mValue > 0;
 }
 
 } // namespace
@@ -39,7 +64,7 @@ std::unique_ptr<Printer> MakePrinter(bool json)
 CommandRunner::CommandRunner(Invocation invocation, Parvane::Signals &signals)
     : mInvocation(std::move(invocation)),
       mSignals(&signals),
-      mPrinter(MakePrinter(mInvocation.mJson)),
+      mPrinter(MakePrinter(mInvocation)),
       mOutput(STDOUT_FILENO),
       mErrors(STDERR_FILENO),
       mClient(MakeClientOptions())
@@ -66,48 +91,69 @@ Outcome CommandRunner::Run()
 
 Outcome CommandRunner::List()
 {
-    if (auto error = mClient.Connect()) {
+    if (auto error = Connect()) {
         return Failed(*error);
     }
-    auto list = mClient.ListSensors(Deadline::After(AnswerTimeout()));
+    auto list = mClient.ListSensors(Within(kAtOnce));
     return list ? Printed(mPrinter->List(list.Value())) : Failed(list.GetError());
 }
 
 Outcome CommandRunner::Measure()
 {
-    if (auto error = mClient.Connect()) {
-        return Failed(*error);
+    std::optional<Error> trouble = Connect();
+    bool isUsable = false;
+    unsigned done = 0;
+    while (!trouble) {
+        const Deadline next = Deadline::After(mInvocation.mEvery.value_or(milliseconds{0}));
+        auto reading = MeasureOnce();
+        if (!reading) {
+            trouble = std::move(reading).GetError();
+            break;
+        }
+        isUsable = isUsable || IsUsable(reading.Value());
+        ++done;
+        if (!PrintReading(reading.Value(), mInvocation.mEvery.has_value()) ||
+            done == mInvocation.mCount) {
+            break;
+        }
+        trouble = Rest(next);
     }
-    BeginProgress();
-    auto reading = mClient.Measure(mInvocation.mSensor, Deadline::After(AnswerTimeout()));
-    mBar.reset();
-    return reading ? Printed(mPrinter->Measured(reading.Value(), NowMs()))
-                   : Failed(reading.GetError());
+    if (trouble && !(done > 0 && std::holds_alternative<Interrupted>(*trouble))) {
+        const Outcome outcome = Failed(*trouble);
+        if (std::holds_alternative<Timeout>(*trouble)) {
+            Complain(TextPrinter::kWhereToLook);
+        }
+        return outcome;
+    }
+    // Asked for: that a signal ends a series is no failure.
+    [[maybe_unused]] const int signal = mSignals->Take();
+    const Outcome outcome = OutputOutcome();
+    return outcome.mCode == ExitCode::Success && !isUsable ? Outcome{ExitCode::NoReading} : outcome;
 }
 
 Outcome CommandRunner::Watch()
 {
     constexpr milliseconds kGrace{500}; // for the acknowledgement, when the time is over
     SensorWatchOptions options;
-    options.mRequestTimeout = AnswerTimeout();
+    options.mRequestTimeout = mInvocation.mTimeout;
     options.mOnNotice = [this](const std::string &text) { Complain(text); };
-    SensorWatch watch(mClient, mInvocation.mSensor, std::move(options));
+    SensorWatch watch(mClient, mInvocation.mSensors, std::move(options));
     const Deadline end = mInvocation.mFor ? Deadline::After(*mInvocation.mFor) : Deadline::Never();
 
-    std::optional<Error> trouble = watch.Begin(end);
+    std::optional<Error> trouble = Connect(end);
+    if (!trouble) {
+        trouble = watch.Begin(end);
+    }
     if (trouble && !std::holds_alternative<Interrupted>(*trouble)) {
         return Failed(*trouble);
     }
-    while (!trouble) {
-        auto reading = watch.Next(end);
-        if (!reading) {
-            trouble = std::move(reading).GetError();
-        } else if (!Print(mPrinter->Watched(reading.Value(), NowMs()))) {
-            break;
-        }
+    bool hasRead = false;
+    if (!trouble) {
+        trouble = PrintAll(watch, end, hasRead);
     }
     Outcome outcome = OutputOutcome();
-    const bool overByTime = trouble && std::holds_alternative<Timeout>(*trouble) && end.HasPassed();
+    const bool overByTime =
+        hasRead && trouble && std::holds_alternative<Timeout>(*trouble) && end.HasPassed();
     if (trouble && std::holds_alternative<Interrupted>(*trouble)) {
         // Asked for: the end of a watch is no failure.
         [[maybe_unused]] const int signal = mSignals->Take();
@@ -123,16 +169,16 @@ Outcome CommandRunner::Watch()
 
 Outcome CommandRunner::Stop()
 {
-    if (auto error = mClient.Connect()) {
+    if (auto error = Connect()) {
         return Failed(*error);
     }
-    auto stopped = mClient.Stop(mInvocation.mSensor, Deadline::After(AnswerTimeout()));
+    auto stopped = mClient.Stop(mInvocation.mSensors.front(), Within(kAtOnce));
     return stopped ? Printed(mPrinter->Stopped(stopped.Value())) : Failed(stopped.GetError());
 }
 
 Outcome CommandRunner::Raw()
 {
-    if (auto error = mClient.Connect()) {
+    if (auto error = Connect()) {
         return Failed(*error);
     }
     constexpr milliseconds kLongest{2000};
@@ -140,7 +186,7 @@ Outcome CommandRunner::Raw()
     const Deadline limit =
         mInvocation.mTimeout ? Deadline::After(*mInvocation.mTimeout) : Deadline::Never();
     for (const Bytes &packet : mInvocation.mPackets) {
-        if (auto error = mClient.SendRaw(packet, Deadline::After(AnswerTimeout()).Earlier(limit))) {
+        if (auto error = mClient.SendRaw(packet, Within(kAtOnce).Earlier(limit))) {
             return Failed(*error);
         }
     }
@@ -183,30 +229,79 @@ ClientOptions CommandRunner::MakeClientOptions()
     return options;
 }
 
-milliseconds CommandRunner::AnswerTimeout() const
+/** Connects; as long as it was told to wait, again and again. */
+std::optional<Error> CommandRunner::Connect(const Deadline &bound)
 {
-    constexpr milliseconds kHeartRate{20000}; // the watch takes 15 s
-    constexpr milliseconds kWearState{
-        8000}; // 3 s, and the same again when it has to be asked twice
-    constexpr milliseconds kOther{5000};
-    const bool measures = mInvocation.mAction == Invocation::Action::Measure;
-    if (mInvocation.mTimeout) {
-        return *mInvocation.mTimeout;
+    constexpr milliseconds kPause{50};
+    const Deadline patience = Deadline::After(mInvocation.mWait).Earlier(bound);
+    for (;;) {
+        auto error = mClient.Connect(bound);
+        if (!error || !IsNotThereYet(*error) || patience.HasPassed()) {
+            return error;
+        }
+        const Deadline pause = Deadline::After(kPause).Earlier(patience);
+        if (Parvane::WaitFor(-1, 0, pause, mClient.Options().mWait) ==
+            Parvane::WaitResult::Interrupted) {
+            return Interrupted{};
+        }
     }
-    if (measures && mInvocation.mSensor == Sensor::HeartRate) {
-        return kHeartRate;
+}
+
+Deadline CommandRunner::Within(milliseconds usual) const
+{
+    return Deadline::After(mInvocation.mTimeout.value_or(usual));
+}
+
+Result<Reading, Error> CommandRunner::MeasureOnce()
+{
+    const Sensor sensor = mInvocation.mSensors.front();
+    BeginProgress();
+    auto reading = mClient.Measure(sensor, Within(AnswerTimeout(sensor)));
+    mBar.reset();
+    return reading;
+}
+
+/**
+ * Prints what comes until something ends it.
+ *
+ * @return what: Interrupted also for an output that takes no more
+ */
+Error CommandRunner::PrintAll(SensorWatch &watch, const Deadline &end, bool &hasRead)
+{
+    for (;;) {
+        auto reading = watch.Next(end);
+        if (!reading) {
+            return std::move(reading).GetError();
+        }
+        hasRead = true;
+        if (!PrintReading(reading.Value(), true)) {
+            return Interrupted{};
+        }
     }
-    return measures && mInvocation.mSensor == Sensor::WearState ? kWearState : kOther;
+}
+
+/** Waits, and drops what is pushed meanwhile: it would be taken for the answer to the next question. */
+std::optional<Error> CommandRunner::Rest(const Deadline &end)
+{
+    mClient.TakeUnclaimed();
+    do {
+        auto pushed = mClient.Receive(end);
+        if (!pushed && !std::holds_alternative<Timeout>(pushed.GetError())) {
+            return std::move(pushed).GetError();
+        }
+    } while (!end.HasPassed());
+    return std::nullopt;
 }
 
 void CommandRunner::BeginProgress()
 {
+    const Sensor sensor = mInvocation.mSensors.front();
     if (!mClient.Options().mWait.mOnTick) {
         return;
     }
-    if (mInvocation.mSensor == Sensor::HeartRate) {
+    if (sensor == Sensor::HeartRate) {
         mBar.emplace(STDERR_FILENO, "heart rate", milliseconds{WireFormat::kHeartRatePeriodMs});
-    } else if (mInvocation.mSensor == Sensor::WearState) {
+    } else if (sensor == Sensor::WearState) {
         mBar.emplace(STDERR_FILENO, "worn state", milliseconds{WireFormat::kWearStatePeriodMs});
     }
     if (mBar) {
@@ -219,6 +314,22 @@ bool CommandRunner::Print(const Lines &lines)
     for (const std::string &line : lines) {
         if (!mOutput.Write(line)) {
             return false;
+        }
+    }
+    return true;
+}
+
+/** With what there is to say about it, once for each sensor. */
+bool CommandRunner::PrintReading(const Reading &reading, bool isOneOfMany)
+{
+    const std::int64_t now = NowMs();
+    if (!Print(isOneOfMany ? mPrinter->Watched(reading, now) : mPrinter->Measured(reading, now))) {
+        return false;
+    }
+    const Lines remark = mPrinter->Remark(reading);
+    if (!remark.empty() && mRemarkedOn.insert(reading.mSensor).second) {
+        for (const std::string &line : remark) {
+            Complain(line);
         }
     }
     return true;
@@ -238,7 +349,7 @@ Outcome CommandRunner::OutputOutcome()
         return {};
     }
     Complain("cannot write to standard output: " + Parvane::ErrnoText(code));
-    return {ExitCode::LinkFailure};
+    return {ExitCode::Failure};
 }
 
 Outcome CommandRunner::Failed(const Error &error)
@@ -246,10 +357,10 @@ Outcome CommandRunner::Failed(const Error &error)
     if (std::holds_alternative<Interrupted>(error)) {
         // Without a signal it is the reader of the output who has gone.
         const int signal = mSignals->Take();
-        return {signal != 0 ? ExitCode::LinkFailure : ExitCode::Success, signal};
+        return {signal != 0 ? ExitCode::Failure : ExitCode::Success, signal};
     }
     Complain(Describe(error));
-    return {std::holds_alternative<Timeout>(error) ? ExitCode::NoAnswer : ExitCode::LinkFailure};
+    return {IsNoAnswer(error) ? ExitCode::NoAnswer : ExitCode::Failure};
 }
 
 void CommandRunner::Complain(const std::string &text)

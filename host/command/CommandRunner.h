@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "Client.h"
@@ -12,6 +13,7 @@
 #include "LineWriter.h"
 #include "Printer.h"
 #include "ProgressBar.h"
+#include "SensorWatch.h"
 #include "Signals.h"
 
 namespace ParvaneHost {
@@ -46,9 +48,14 @@ private:
     Outcome Raw();
 
     [[nodiscard]] ClientOptions MakeClientOptions();
-    [[nodiscard]] std::chrono::milliseconds AnswerTimeout() const;
+    std::optional<Error> Connect(const Deadline &bound = Deadline::Never());
+    [[nodiscard]] Deadline Within(std::chrono::milliseconds usual) const;
+    Result<Reading, Error> MeasureOnce();
+    std::optional<Error> Rest(const Deadline &end);
+    Error PrintAll(SensorWatch &watch, const Deadline &end, bool &hasRead);
     void BeginProgress();
     bool Print(const Lines &lines);
+    bool PrintReading(const Reading &reading, bool isOneOfMany);
     Outcome Printed(const Lines &lines);
     [[nodiscard]] Outcome OutputOutcome();
     Outcome Failed(const Error &error);
@@ -60,6 +67,7 @@ private:
     LineWriter mOutput;
     LineWriter mErrors;
     std::optional<ProgressBar> mBar;
+    std::set<Sensor> mRemarkedOn;
     Client mClient;
 };
 

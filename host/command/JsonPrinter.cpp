@@ -145,6 +145,7 @@ Lines JsonPrinter::Keys()
         "          null), time_ms (since the epoch; null when the watch knows no time);",
         "          hr also: usable (true/false); wear also: worn (true/false);",
         "          activity also: activity (text or null)",
+        "          the value of steps is the total on the wire, not the steps walked",
         "stopped   sensor, id",
         "packet    hex, and one of",
         "            reply: an object as above, or of type \"option\" (sensor, id); also",
@@ -173,6 +174,11 @@ Lines JsonPrinter::Measured(const Reading &reading, std::int64_t nowMs) const
 Lines JsonPrinter::Watched(const Reading &reading, std::int64_t nowMs) const
 {
     return Measured(reading, nowMs);
+}
+
+Lines JsonPrinter::Remark(const Reading & /*reading*/) const
+{
+    return {};
 }
 
 Lines JsonPrinter::Stopped(const StopAck &acknowledgement) const

@@ -19,6 +19,7 @@ public:
     Lines List(const SensorList &list) const override;
     Lines Measured(const Reading &reading, std::int64_t nowMs) const override;
     Lines Watched(const Reading &reading, std::int64_t nowMs) const override;
+    Lines Remark(const Reading &reading) const override;
     Lines Stopped(const StopAck &acknowledgement) const override;
     Lines Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,
                  std::int64_t nowMs) const override;

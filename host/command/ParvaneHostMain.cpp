@@ -27,7 +27,7 @@ ParvaneHost::Outcome End(const ParvaneHost::Ending &ending)
     }
     Parvane::WriteAll(STDERR_FILENO, "parvane-host: cannot write to standard output: " +
                                          Parvane::ErrnoText(error) + '\n');
-    return {ExitCode::LinkFailure};
+    return {ExitCode::Failure};
 }
 
 ParvaneHost::Outcome Run(const std::vector<std::string> &arguments)
@@ -55,6 +55,6 @@ int main(int argc, char **argv)
         return static_cast<int>(outcome.mCode);
     } catch (const std::exception &error) {
         Parvane::WriteAll(STDERR_FILENO, "parvane-host: " + std::string(error.what()) + "\n");
-        return static_cast<int>(ExitCode::LinkFailure);
+        return static_cast<int>(ExitCode::Failure);
     }
 }

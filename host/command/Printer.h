@@ -29,6 +29,9 @@ public:
     /** A reading among many: with its time. */
     virtual Lines Watched(const Reading &reading, std::int64_t nowMs) const = 0;
 
+    /** What the reading alone does not tell people; nothing for most. */
+    virtual Lines Remark(const Reading &reading) const = 0;
+
     virtual Lines Stopped(const StopAck &acknowledgement) const = 0;
 
     /** A packet as it came, with what it means or why it means nothing. */

@@ -55,7 +55,10 @@ std::string ProgressBar::Render(std::string_view label, milliseconds elapsed, mi
     const std::string passed = seconds(shown);
     std::string text(label);
     text += " [" + std::string(filled, '#') + std::string(kCells - filled, '.') + "] ";
-    text += std::string(whole.size() - passed.size(), ' ') + passed + " s of " + whole + " s";
+    text += elapsed < total + std::chrono::seconds{1}
+                ? std::string(whole.size() - passed.size(), ' ') + passed + " s of at most " +
+                      whole + " s"
+                : seconds(elapsed) + " s, longer than expected";
     // A line that fills the last column wraps, and could not be erased as one line.
     return text.substr(0, columns == 0 ? 0 : columns - 1);
 }

@@ -8,7 +8,8 @@
 namespace ParvaneHost {
 
 /**
- * A bar on a terminal's current line that fills while something of known length goes on.
+ * A bar on a terminal's current line that fills while something goes on that has a longest time. It may
+ * be over earlier, and nothing tells when: a measurement that joins one under way ends with that one.
  *
  * Removes itself at the end. Borrows the descriptor; failing writes are ignored, as it is decoration.
  */
@@ -19,7 +20,7 @@ public:
      * Draws nothing yet.
      *
      * @param label  stands before the bar
-     * @param total  when the bar is full; at least 1 ms
+     * @param total  when the bar is full, the longest time; at least 1 ms
      */
     ProgressBar(int fd, std::string label, std::chrono::milliseconds total);
     ~ProgressBar();
@@ -33,7 +34,7 @@ public:
     /** Erases the bar, if it was drawn. */
     void Remove();
 
-    /** The text of a bar: "label [#####.....]  7 s of 15 s", cut to `columns`. */
+    /** The text of a bar: "label [#####.....]  7 s of at most 15 s", cut to `columns`. */
     static std::string Render(std::string_view label, std::chrono::milliseconds elapsed,
                               std::chrono::milliseconds total, std::size_t columns);
 

@@ -48,7 +48,7 @@ std::string ValueText(const Reading &reading)
     case Sensor::Activity:
         return "activity: " + ActivityText(reading.mValue);
     case Sensor::Pedometer:
-        return "steps: " + NumberText(reading.mValue) + " today";
+        return "steps: total on the wire " + NumberText(reading.mValue);
     case Sensor::HeartRate:
         return reading.mValue > 0 ? "heart rate: " + NumberText(reading.mValue) + " bpm"
                                   : "heart rate: no usable reading";
@@ -58,22 +58,42 @@ std::string ValueText(const Reading &reading)
     return "sensor " + IdText(reading.mSensor) + ": " + NumberText(reading.mValue);
 }
 
-std::string TimeText(const Reading &reading, std::int64_t nowMs)
+/** "2014-05-13 18:53:20+0200", in local time; empty for a time beyond all calendars. */
+std::string LocalTime(std::time_t seconds)
 {
-    constexpr std::int64_t kMsPerSecond = 1000;
     constexpr std::size_t kLongest = 64;
-    if (reading.mTimeFieldMs == 0) {
-        return "time unknown";
-    }
-    const auto seconds =
-        static_cast<std::time_t>(FullTimeMs(reading.mTimeFieldMs, nowMs) / kMsPerSecond);
     std::tm local{};
     std::array<char, kLongest> text{};
     if (localtime_r(&seconds, &local) == nullptr ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local) == 0) {
-        return "time unknown";
+        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S%z", &local) == 0) {
+        return {};
     }
     return text.data();
+}
+
+std::string TimeText(const Reading &reading, std::int64_t nowMs, TimeStyle style)
+{
+    constexpr std::int64_t kMsPerSecond = 1000;
+    constexpr std::size_t kMinutes = 2; // characters at the end of the offset
+    constexpr std::size_t kOffset = 5;
+    constexpr std::size_t kDate = 10; // characters before the blank
+    const std::int64_t timeMs = FullTimeMs(reading.mTimeFieldMs, nowMs);
+    const auto seconds = static_cast<std::time_t>(timeMs / kMsPerSecond);
+    const std::string decimals =
+        "." + std::to_string(kMsPerSecond + timeMs % kMsPerSecond).substr(1);
+    std::string text = LocalTime(seconds);
+    if (reading.mTimeFieldMs == 0 || text.size() < kDate + kOffset) {
+        return style == TimeStyle::Short ? "time unknown" : "-";
+    }
+    if (style == TimeStyle::Unix) {
+        return std::to_string(seconds) + decimals;
+    }
+    if (style == TimeStyle::Short) {
+        return text.substr(0, text.size() - kOffset);
+    }
+    text.insert(text.size() - kMinutes, ":");
+    text.replace(kDate, 1, "T");
+    return text.insert(text.size() - kOffset - 1, decimals);
 }
 
 Row EntryRow(const SensorEntry &entry)
@@ -131,7 +151,8 @@ struct Meaning
     std::string operator()(const Reading &reading) const
     {
         return std::string(reading.mCommand == Command::Start ? "started reading" : "reading") +
-               ", " + ValueText(reading) + ", " + TimeText(reading, mNowMs) + Flags(reading.mFlags);
+               ", " + ValueText(reading) + ", " + TimeText(reading, mNowMs, mStyle) +
+               Flags(reading.mFlags);
     }
 
     std::string operator()(const StopAck &acknowledgement) const
@@ -148,6 +169,7 @@ struct Meaning
     static std::string Flags(std::uint8_t flags) { return ", flags " + std::to_string(flags); }
 
     std::int64_t mNowMs = 0;
+    TimeStyle mStyle = TimeStyle::Short;
 };
 
 } // namespace
@@ -163,14 +185,30 @@ Lines TextPrinter::List(const SensorList &list) const
     return lines;
 }
 
-Lines TextPrinter::Measured(const Reading &reading, std::int64_t /*nowMs*/) const
+Lines TextPrinter::Measured(const Reading &reading, std::int64_t nowMs) const
 {
-    return {ValueText(reading)};
+    return mStyle == TimeStyle::Short ? Lines{ValueText(reading)} : Watched(reading, nowMs);
 }
 
 Lines TextPrinter::Watched(const Reading &reading, std::int64_t nowMs) const
 {
-    return {TimeText(reading, nowMs) + "  " + ValueText(reading)};
+    return {TimeText(reading, nowMs, mStyle) + "  " + ValueText(reading)};
+}
+
+Lines TextPrinter::Remark(const Reading &reading) const
+{
+    if (reading.mSensor == Sensor::Pedometer) {
+        return {
+            "the total is not the steps walked, as each reading adds all since the start again: "
+            "docs/wire-format.md#the-total-of-the-day"};
+    }
+    if (reading.mSensor == Sensor::HeartRate && reading.mValue <= 0) {
+        return {kWhereToLook};
+    }
+    if (reading.mSensor == Sensor::WearState && reading.mValue <= 0) {
+        return {std::string("so says a watch whose sensor is silent, too: ") + kWhereToLook};
+    }
+    return {};
 }
 
 Lines TextPrinter::Stopped(const StopAck &acknowledgement) const
@@ -181,7 +219,7 @@ Lines TextPrinter::Stopped(const StopAck &acknowledgement) const
 Lines TextPrinter::Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,
                           std::int64_t nowMs) const
 {
-    const std::string text = meaning ? std::visit(Meaning{nowMs}, meaning.Value())
+    const std::string text = meaning ? std::visit(Meaning{nowMs, mStyle}, meaning.Value())
                                      : "not understood: " + meaning.GetError().Text();
     return {ToHex(packet), "  " + text};
 }

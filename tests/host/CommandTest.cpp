@@ -1,4 +1,5 @@
 #include <chrono>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): the signals are POSIX
 #include <stdexcept>
@@ -14,6 +15,7 @@ namespace ParvaneHost {
 namespace {
 
 using nlohmann::json;
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -37,11 +39,15 @@ private:
     }
 };
 
-/** A reading with the flags and the command of `request`; its value is 2.0 or, asked for so, 72.0. */
-Bytes ReadingFor(const Bytes &request, std::uint8_t command, bool seventyTwo = false)
+// The first two bytes of a reading's value; the others are 0.
+const Bytes kZero{0x00, 0x00};
+const Bytes kTwo{0x40, 0x00};
+const Bytes kSeventyTwo{0x42, 0x90};
+
+/** A reading with the flags of `request`. */
+Bytes ReadingFor(const Bytes &request, std::uint8_t command, const Bytes &value = kTwo)
 {
     const auto first = static_cast<std::uint8_t>(request.at(0) / 16 * 16 + command);
-    const Bytes value = seventyTwo ? Bytes{0x42, 0x90} : Bytes{0x40, 0x00};
     return {first, 0x00, 0x0E, request.at(3), 0x11,        0x00,        0x00, 0x00, 0x00,
             0x00,  0x0F, 0x42, 0x40,          value.at(0), value.at(1), 0x00, 0x00, 0x00};
 }
@@ -129,7 +135,7 @@ TEST_F(CommandTest, TheSocketMayComeFromTheEnvironment)
     mWatch.Accept();
     const Bytes request = mWatch.Receive();
     EXPECT_EQ(Asked(request), (Bytes{2, 3}));
-    mWatch.Send(ReadingFor(request, 2, true));
+    mWatch.Send(ReadingFor(request, 2, kSeventyTwo));
 
     EXPECT_EQ(host.ReadOutput(), "heart rate: 72 bpm\n");
     EXPECT_EQ(host.Wait(), 0);
@@ -139,7 +145,7 @@ TEST_F(CommandTest, MeasureInJsonIsOneObject)
 {
     Host host(Arguments({"measure", "hr", "--json"}));
     mWatch.Accept();
-    mWatch.Send(ReadingFor(mWatch.Receive(), 2, true));
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kSeventyTwo));
 
     const auto object = json::parse(host.ReadOutput());
     EXPECT_EQ(object.at("value"), 72);
@@ -164,7 +170,7 @@ TEST_F(CommandTest, ProgressIsShownOnATerminalAndRemovedByTheAnswer)
     mWatch.Accept();
     const Bytes request = mWatch.Receive();
     EXPECT_THAT(host.ReadErrorsUntil("[#...."), StartsWith("\r\033[Kheart rate [......"));
-    mWatch.Send(ReadingFor(request, 2, true));
+    mWatch.Send(ReadingFor(request, 2, kSeventyTwo));
 
     EXPECT_EQ(host.ReadOutput(), "heart rate: 72 bpm\n");
     EXPECT_THAT(host.ReadErrors(), EndsWith("\r\033[K"));
@@ -192,18 +198,164 @@ TEST_F(CommandTest, ASilentWatchIsExitCodeThree)
 
     EXPECT_EQ(host.ReadOutput(), "");
     EXPECT_EQ(host.ReadErrors(),
-              "parvane-host: no answer to the measurement of 'hr' within 0.05 s\n");
+              "parvane-host: no answer to the measurement of 'hr' within 0.05 s\n"
+              "parvane-host: 'parvane-watch status' shows each item's source and last reading; "
+              "the link tells no more\n");
     EXPECT_EQ(host.Wait(), 3);
 }
 
-TEST_F(CommandTest, NoSocketIsExitCodeOne)
+TEST_F(CommandTest, NoUsableReadingIsExitCodeFourAndSaysWhatToLookAt)
+{
+    Host host(Arguments({"measure", "hr"}));
+    mWatch.Accept();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kZero));
+
+    EXPECT_EQ(host.ReadOutput(), "heart rate: no usable reading\n");
+    EXPECT_EQ(host.ReadErrors(), "parvane-host: 'parvane-watch status' shows each item's source "
+                                 "and last reading; the link tells no more\n");
+    EXPECT_EQ(host.Wait(), 4);
+}
+
+TEST_F(CommandTest, TheTotalOfTheStepsSaysWhatItIs)
+{
+    Host host(Arguments({"measure", "steps"}));
+    mWatch.Accept();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2));
+
+    EXPECT_EQ(host.ReadOutput(), "steps: total on the wire 2\n");
+    EXPECT_THAT(host.ReadErrors(), EndsWith("docs/wire-format.md#the-total-of-the-day\n"));
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, AServiceThatIsJustStartingIsWaitedFor)
+{
+    const std::string link = mWatch.Path() + ".later";
+    Host host({"stop", "--socket", link, "--wait"});
+    ::usleep(100000);
+    std::filesystem::rename(mWatch.Path(), link);
+    mWatch.Accept();
+    AnswerStop();
+
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, AServiceThatDoesNotStartIsWaitedForNoLongerThanTold)
+{
+    Host host({"stop", "--socket", "/nonexistent/link.sock", "--wait", "0.1"});
+    EXPECT_THAT(host.ReadErrors(), HasSubstr("No such file or directory"));
+    EXPECT_EQ(host.Wait(), 3);
+
+    Host interrupted({"stop", "--socket", "/nonexistent/link.sock", "--wait", "60"});
+    ::usleep(200000);
+    interrupted.Signal(SIGINT);
+    EXPECT_EQ(interrupted.Wait(), -SIGINT);
+}
+
+TEST_F(CommandTest, MeasurementsAreRepeatedAsOftenAsTold)
+{
+    Host host(
+        Arguments({"measure", "hr", "--every", "0.1s", "--count", "2", "--timestamps", "unix"}));
+    mWatch.Accept();
+    const auto begin = std::chrono::steady_clock::now();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kZero));
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kSeventyTwo));
+
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds{50});
+    EXPECT_THAT(host.ReadLine(),
+                ContainsRegex("^[0-9]+\\.[0-9]{3}  heart rate: no usable reading$"));
+    EXPECT_THAT(host.ReadLine(), ContainsRegex("^[0-9]+\\.[0-9]{3}  heart rate: 72 bpm$"));
+    EXPECT_EQ(host.ReadOutput(), "");
+    EXPECT_EQ(host.Wait(), 0) << "one was usable";
+}
+
+TEST_F(CommandTest, WhatIsPushedBetweenMeasurementsIsNoAnswer)
+{
+    Host host(Arguments({"measure", "steps", "--every", "0.2", "--count", "2"}));
+    mWatch.Accept();
+    const Bytes first = mWatch.Receive();
+    mWatch.Send(ReadingFor(first, 2));
+    for (int push = 0; push < 3; ++push) {
+        mWatch.Send(ReadingFor(first, 2, kSeventyTwo));
+    }
+    host.ReadLine();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2));
+
+    EXPECT_THAT(host.ReadLine(), EndsWith("total on the wire 2"));
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, ASignalEndsARowOfMeasurements)
+{
+    Host host(Arguments({"measure", "hr", "--every", "60", "--json"}));
+    mWatch.Accept();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kSeventyTwo));
+    EXPECT_EQ(json::parse(host.ReadLine()).at("value"), 72);
+
+    host.Signal(SIGINT);
+
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, WatchingHeartRateMeasuresAgainAndAgain)
+{
+    Host host(Arguments({"watch", "hr"}));
+    mWatch.Accept();
+    for (const bool isUsable : {false, true, false}) {
+        const Bytes request = mWatch.Receive();
+        EXPECT_EQ(Asked(request), (Bytes{2, 3}));
+        mWatch.Send(ReadingFor(request, 2, isUsable ? kSeventyTwo : kZero));
+        EXPECT_THAT(host.ReadLine(), EndsWith(isUsable ? "  heart rate: 72 bpm"
+                                                       : "  heart rate: no usable reading"));
+    }
+    host.Signal(SIGTERM);
+
+    EXPECT_EQ(host.ReadErrors(), "parvane-host: 'parvane-watch status' shows each item's source "
+                                 "and last reading; the link tells no more\n")
+        << "once";
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, ATimeThatIsTooShortForAnyReadingIsExitCodeThree)
+{
+    Host host(Arguments({"watch", "hr", "--for", "0.1"}));
+    mWatch.Accept();
+    mWatch.Receive();
+
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: no answer to the measurement of 'hr' within 0.1 s\n");
+    EXPECT_EQ(host.Wait(), 3);
+}
+
+TEST_F(CommandTest, WatchingAllAsksForEverySensor)
+{
+    Host host(Arguments({"watch", "all", "--json"}));
+    StartActivity();
+    for (std::uint8_t sensor = 2; sensor <= 4; ++sensor) {
+        const Bytes request = mWatch.Receive();
+        EXPECT_EQ(Asked(request), (Bytes{2, sensor}));
+        mWatch.Send(ReadingFor(request, 2));
+    }
+    for (const char *sensor : {"activity", "steps", "hr", "wear"}) {
+        EXPECT_EQ(json::parse(host.ReadLine()).at("sensor"), sensor);
+    }
+    EXPECT_EQ(Asked(mWatch.Receive()), (Bytes{2, 3})) << "the next measurement";
+    host.Signal(SIGINT);
+    AnswerStop();
+
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, NoSocketIsExitCodeThree)
 {
     Host host({"list", "--socket", "/nonexistent/link.sock"});
 
     EXPECT_EQ(host.ReadErrors(),
               "parvane-host: cannot connect to /nonexistent/link.sock: No such file or "
               "directory (is the watch service running?)\n");
-    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_EQ(host.Wait(), 3);
 }
 
 TEST_F(CommandTest, ASecondHostIsToldOfTheFirst)
@@ -215,7 +367,7 @@ TEST_F(CommandTest, ASecondHostIsToldOfTheFirst)
     EXPECT_EQ(host.ReadErrors(),
               "parvane-host: the watch closed the link " + mWatch.Path() +
                   " at once: another host is connected, or it does not serve this user\n");
-    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_EQ(host.Wait(), 3);
 }
 
 TEST_F(CommandTest, ABrokenPacketIsExitCodeOne)
@@ -233,7 +385,7 @@ TEST_F(CommandTest, WrongUsageIsExitCodeTwoWithoutTouchingTheLink)
 {
     for (const auto &arguments : {std::vector<std::string>{"measure", "pulse"},
                                   {"raw", "0g"},
-                                  {"watch", "hr"},
+                                  {"watch", "frob"},
                                   {"frob"},
                                   {"list", "--timeout", "never"}}) {
         Host host(Arguments(arguments));
@@ -246,7 +398,7 @@ TEST_F(CommandTest, WrongUsageIsExitCodeTwoWithoutTouchingTheLink)
 TEST_F(CommandTest, HelpAndVersionGoToStandardOutput)
 {
     Host help({"--help"});
-    EXPECT_THAT(help.ReadOutput(), HasSubstr("Exit codes:"));
+    EXPECT_THAT(help.ReadOutput(), HasSubstr("Exit codes, "));
     EXPECT_EQ(help.Wait(), 0);
 
     Host version({"--version"});
@@ -310,7 +462,7 @@ TEST_F(CommandTest, WatchingStepsEndsWithoutAStop)
     const Bytes request = mWatch.Receive();
     EXPECT_EQ(Asked(request), (Bytes{2, 2}));
     mWatch.Send(ReadingFor(request, 2));
-    EXPECT_THAT(host.ReadLine(), EndsWith("  steps: 2 today"));
+    EXPECT_THAT(host.ReadLine(), EndsWith("  steps: total on the wire 2"));
 
     host.Signal(SIGINT);
 

@@ -42,6 +42,11 @@ TEST(JsonPrinterTest, ReadingsHaveOneLineWithTheirKeysInOrder)
                             R"("value":12345,"unit":"steps","time_ms":1400000000000})"));
 }
 
+TEST(JsonPrinterTest, NothingIsRemarkedOn)
+{
+    EXPECT_TRUE(JsonPrinter().Remark({.mSensor = Sensor::HeartRate}).empty());
+}
+
 TEST(JsonPrinterTest, ActivitiesAreNamedWhereTheyHaveAName)
 {
     const auto walking = json::parse(Measured(Sensor::Activity, 1.0F).at(0));

@@ -17,21 +17,21 @@ using std::chrono::milliseconds;
 TEST(ProgressBarTest, TheBarFillsWithTheTime)
 {
     EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{0}, milliseconds{15000}, 80),
-              "heart rate [..............................]  0 s of 15 s");
+              "heart rate [..............................]  0 s of at most 15 s");
     EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{7500}, milliseconds{15000}, 80),
-              "heart rate [###############...............]  7 s of 15 s");
+              "heart rate [###############...............]  7 s of at most 15 s");
     EXPECT_EQ(ProgressBar::Render("heart rate", milliseconds{15000}, milliseconds{15000}, 80),
-              "heart rate [##############################] 15 s of 15 s");
+              "heart rate [##############################] 15 s of at most 15 s");
     EXPECT_EQ(ProgressBar::Render("worn state", milliseconds{1000}, milliseconds{3000}, 80),
-              "worn state [##########....................] 1 s of 3 s");
+              "worn state [##########....................] 1 s of at most 3 s");
 }
 
-TEST(ProgressBarTest, TheBarStaysWithinItsTime)
+TEST(ProgressBarTest, ABarThatIsFullSaysWhatWasNotExpected)
 {
     EXPECT_EQ(ProgressBar::Render("x", milliseconds{99000}, milliseconds{3000}, 80),
-              "x [##############################] 3 s of 3 s");
+              "x [##############################] 99 s, longer than expected");
     EXPECT_EQ(ProgressBar::Render("x", milliseconds{-5}, milliseconds{3000}, 80),
-              "x [..............................] 0 s of 3 s");
+              "x [..............................] 0 s of at most 3 s");
 }
 
 TEST(ProgressBarTest, ANarrowTerminalIsNeverFilledToItsLastColumn)
@@ -80,7 +80,8 @@ TEST_F(ProgressBarOnTerminalTest, ABarIsDrawnOverItselfAndErasedAtTheEnd)
         ProgressBar bar(mTerminal.Get(), "worn state", std::chrono::hours{1});
         EXPECT_EQ(Shown(), "");
         bar.Update();
-        EXPECT_EQ(Shown(), "\r\033[Kworn state [..............................]    0 s of 3600 s");
+        EXPECT_EQ(Shown(),
+                  "\r\033[Kworn state [..............................]    0 s of at most 3600 s");
         bar.Update();
         EXPECT_EQ(Shown(), "") << "nothing has changed";
     }

@@ -65,7 +65,10 @@ protected:
         mReceived.push_back(packet);
         const std::uint8_t first = packet.at(0);
         const std::uint8_t sensor = packet.at(3);
-        if (mIsSilent) {
+        if (mOnPacket) {
+            mOnPacket();
+        }
+        if (mIsSilent || sensor == mSilentSensor) {
             return {};
         }
         return first % 16 == 4 ? std::vector<Bytes>{{first, 0x02, 0x00, sensor}}
@@ -78,6 +81,8 @@ protected:
     std::vector<Bytes> mReceived;
     std::vector<std::string> mNotices;
     std::function<void()> mOnNotice;
+    std::function<void()> mOnPacket;
+    std::uint8_t mSilentSensor = 0;
     unsigned mCurrent = 1;
     bool mIsSilent = false;
     milliseconds mRequestTimeout{20000};
@@ -86,7 +91,7 @@ protected:
 
 TEST_F(SensorWatchTest, ActivityIsStoppedStartedAndThenPushed)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     mWatch.Send(ReadingPacket(0x23, 1, 2));
     mWatch.Send(ReadingPacket(0x23, 1, 3));
@@ -101,11 +106,11 @@ TEST_F(SensorWatchTest, ActivityIsStoppedStartedAndThenPushed)
 
 TEST_F(SensorWatchTest, StepsAreMeasuredOnceAndNeverStopped)
 {
-    SensorWatch watch(mClient, Sensor::Pedometer, Quickly());
+    SensorWatch watch(mClient, {Sensor::Pedometer}, Quickly());
     ASSERT_FALSE(watch.Begin());
-    mWatch.Send(ReadingPacket(0x12, 2, 3));
 
     EXPECT_EQ(watch.Next(Long()).Value().mValue, 1.0F);
+    mWatch.Send(ReadingPacket(0x12, 2, 3));
     EXPECT_EQ(watch.Next(Long()).Value().mValue, 3.0F);
     EXPECT_FALSE(watch.End());
     EXPECT_THAT(mReceived, ElementsAre(Bytes{0x12, 0, 0, 2}));
@@ -113,7 +118,7 @@ TEST_F(SensorWatchTest, StepsAreMeasuredOnceAndNeverStopped)
 
 TEST_F(SensorWatchTest, ReadingsOfOtherSensorsAreDropped)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     mWatch.Send(ReadingPacket(0x02, 2, 3));
     mWatch.Send(ReadingPacket(0x23, 1, 2));
@@ -124,7 +129,7 @@ TEST_F(SensorWatchTest, ReadingsOfOtherSensorsAreDropped)
 
 TEST_F(SensorWatchTest, TheDeadlineEndsAWaitWithATimeout)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     ASSERT_TRUE(watch.Next(Long()).Ok());
 
@@ -136,7 +141,7 @@ TEST_F(SensorWatchTest, TheDeadlineEndsAWaitWithATimeout)
 
 TEST_F(SensorWatchTest, PushesOfOtherSensorsDoNotPutOffTheDeadline)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     ASSERT_TRUE(watch.Next(Long()).Ok());
     for (int push = 0; push < 20; ++push) {
@@ -151,7 +156,7 @@ TEST_F(SensorWatchTest, PushesOfOtherSensorsDoNotPutOffTheDeadline)
 
 TEST_F(SensorWatchTest, ALostLinkIsMadeAgainAndTheSensorStartedAgain)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     ASSERT_TRUE(watch.Next(Long()).Ok());
     mReceived.clear();
@@ -170,7 +175,7 @@ TEST_F(SensorWatchTest, ALostLinkIsMadeAgainAndTheSensorStartedAgain)
 
 TEST_F(SensorWatchTest, AWatchThatIsAwayIsTriedForAsLongAsTheDeadlineAllows)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     ASSERT_TRUE(watch.Next(Long()).Ok());
     mWatch.StopListening();
@@ -187,12 +192,12 @@ TEST_F(SensorWatchTest, AWatchThatIsAwayIsTriedForAsLongAsTheDeadlineAllows)
 
 TEST_F(SensorWatchTest, ASilentWatchAfterTheLinkWasLostIsTriedAgain)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     ASSERT_TRUE(watch.Next(Long()).Ok());
     mIsSilent = true;
     mRequestTimeout = milliseconds{10};
-    SensorWatch impatient(mClient, Sensor::Activity, Quickly());
+    SensorWatch impatient(mClient, {Sensor::Activity}, Quickly());
     mWatch.HangUp();
     mClient.Disconnect();
     mOnNotice = [this] { mIsSilent = false; };
@@ -206,7 +211,7 @@ TEST_F(SensorWatchTest, ASilentWatchAfterTheLinkWasLostIsTriedAgain)
 TEST_F(SensorWatchTest, TheFirstConnectionMayFailForGood)
 {
     mWatch.StopListening();
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
 
     const auto error = watch.Begin();
 
@@ -219,7 +224,7 @@ TEST_F(SensorWatchTest, ASilentWatchAtTheBeginningIsATimeout)
 {
     mIsSilent = true;
     mRequestTimeout = milliseconds{5};
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
 
     const auto error = watch.Begin();
 
@@ -227,19 +232,121 @@ TEST_F(SensorWatchTest, ASilentWatchAtTheBeginningIsATimeout)
     EXPECT_TRUE(std::holds_alternative<Timeout>(*error));
 }
 
-TEST_F(SensorWatchTest, HeartRateCannotBeWatched)
+TEST_F(SensorWatchTest, HeartRateIsMeasuredAgainAfterEachAnswer)
 {
-    SensorWatch watch(mClient, Sensor::HeartRate, Quickly());
+    SensorWatch watch(mClient, {Sensor::HeartRate}, Quickly());
+    ASSERT_FALSE(watch.Begin());
 
-    const auto error = watch.Begin();
+    EXPECT_EQ(watch.Next(Long()).Value().mValue, 1.0F);
+    mCurrent = 0;
+    EXPECT_EQ(watch.Next(Long()).Value().mValue, 0.0F) << "no usable reading is a reading";
+    mCurrent = 2;
+    EXPECT_EQ(watch.Next(Long()).Value().mValue, 2.0F);
+    EXPECT_FALSE(watch.End());
+    EXPECT_THAT(mReceived,
+                ElementsAre(Bytes{0x12, 0, 0, 3}, Bytes{0x22, 0, 0, 3}, Bytes{0x32, 0, 0, 3}));
+}
 
-    ASSERT_TRUE(error.has_value());
-    EXPECT_TRUE(std::holds_alternative<Unsupported>(*error));
+TEST_F(SensorWatchTest, WornStateIsAskedForAgainOnlyAfterItsTime)
+{
+    ClientOptions options = Options();
+    options.mAskAgainAfter = milliseconds{60};
+    Client client(options);
+    SensorWatch watch(client, {Sensor::WearState}, Quickly());
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_FALSE(watch.Begin());
+
+    EXPECT_TRUE(watch.Next(Long()).Ok());
+    EXPECT_TRUE(watch.Next(Long()).Ok());
+
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds{60});
+    EXPECT_THAT(mReceived, ElementsAre(Bytes{0x12, 0, 0, 4}, Bytes{0x22, 0, 0, 4}));
+}
+
+TEST_F(SensorWatchTest, WornStateThatIsNotAnsweredIsAskedForAgain)
+{
+    ClientOptions options = Options();
+    options.mAskAgainAfter = milliseconds{5};
+    Client client(options);
+    mIsSilent = true;
+    mRequestTimeout = milliseconds{100};
+    SensorWatch watch(client, {Sensor::WearState}, Quickly());
+    ASSERT_FALSE(watch.Begin());
+
+    const auto reading = watch.Next(Long());
+
+    ASSERT_FALSE(reading.Ok());
+    EXPECT_EQ(Describe(reading.GetError()), "no answer to the measurement of 'wear' within 0.1 s");
+    EXPECT_GE(mReceived.size(), 2U);
+}
+
+TEST_F(SensorWatchTest, SeveralSensorsAreInterleaved)
+{
+    SensorWatch watch(mClient,
+                      {Sensor::Activity, Sensor::Pedometer, Sensor::HeartRate, Sensor::WearState},
+                      Quickly());
+    ASSERT_FALSE(watch.Begin());
+    std::vector<Sensor> sensors;
+    for (int count = 0; count < 4; ++count) {
+        sensors.push_back(watch.Next(Long()).Value().mSensor);
+    }
+    EXPECT_THAT(sensors, ElementsAre(Sensor::Activity, Sensor::Pedometer, Sensor::HeartRate,
+                                     Sensor::WearState));
+
+    mWatch.Send(ReadingPacket(0x23, 1, 2));
+    bool hasMoved = false;
+    for (int count = 0; count < 10 && !hasMoved; ++count) {
+        const Reading reading = watch.Next(Long()).Value();
+        hasMoved = reading.mSensor == Sensor::Activity && reading.mValue == 2.0F;
+    }
+    EXPECT_TRUE(hasMoved) << "heart rate is measured meanwhile";
+    EXPECT_FALSE(watch.End());
+    EXPECT_EQ(mReceived.back().at(0) % 16, 4) << "the activity is stopped";
+}
+
+TEST_F(SensorWatchTest, ASensorWithoutAnAnswerIsLeftOut)
+{
+    mSilentSensor = 2;
+    mRequestTimeout = milliseconds{100};
+    SensorWatch watch(mClient, {Sensor::Pedometer, Sensor::WearState}, Quickly());
+    ASSERT_FALSE(watch.Begin());
+
+    EXPECT_EQ(watch.Next(Long()).Value().mSensor, Sensor::WearState);
+    EXPECT_FALSE(watch.Next(Deadline::After(milliseconds{200})).Ok());
+
+    EXPECT_THAT(mNotices, ElementsAre("no answer to the measurement of 'steps' within 0.1 s; "
+                                      "it is left out"));
+}
+
+TEST_F(SensorWatchTest, ALinkThatIsLostBeforeAnyReadingIsFinal)
+{
+    mIsSilent = true;
+    SensorWatch watch(mClient, {Sensor::HeartRate}, Quickly());
+    ASSERT_FALSE(watch.Begin());
+    mOnPacket = [this] { mWatch.HangUp(); };
+
+    const auto reading = watch.Next(Long());
+
+    ASSERT_FALSE(reading.Ok());
+    EXPECT_EQ(std::get<LinkError>(reading.GetError()).mReason, LinkError::Reason::AnotherHost);
+    EXPECT_THAT(mNotices, IsEmpty());
+}
+
+TEST_F(SensorWatchTest, TimeThatIsOverBeforeAnyReadingNamesTheQuestion)
+{
+    mIsSilent = true;
+    SensorWatch watch(mClient, {Sensor::HeartRate}, Quickly());
+    ASSERT_FALSE(watch.Begin());
+
+    const auto reading = watch.Next(Deadline::After(milliseconds{10}));
+
+    ASSERT_FALSE(reading.Ok());
+    EXPECT_EQ(Describe(reading.GetError()), "no answer to the measurement of 'hr' within 0.01 s");
 }
 
 TEST_F(SensorWatchTest, ABrokenPacketIsReported)
 {
-    SensorWatch watch(mClient, Sensor::Activity, Quickly());
+    SensorWatch watch(mClient, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     ASSERT_TRUE(watch.Next(Long()).Ok());
     mWatch.Send({0x13});
@@ -259,7 +366,7 @@ TEST_F(SensorWatchTest, AnInterruptionEndsTheWaitAndTheStopIsStillSent)
     ClientOptions options = Options();
     options.mWait.mInterruptFd = readEnd.Get();
     Client client(options);
-    SensorWatch watch(client, Sensor::Activity, Quickly());
+    SensorWatch watch(client, {Sensor::Activity}, Quickly());
     ASSERT_FALSE(watch.Begin());
     ASSERT_TRUE(watch.Next(Long()).Ok());
     ASSERT_EQ(::write(writeEnd.Get(), "x", 1), 1);
@@ -279,7 +386,7 @@ TEST_F(SensorWatchTest, AStopThatIsNotAcknowledgedIsReported)
     ASSERT_FALSE(mClient.Connect());
     mIsSilent = true;
     mRequestTimeout = milliseconds{10};
-    SensorWatch impatient(mClient, Sensor::Activity, Quickly());
+    SensorWatch impatient(mClient, {Sensor::Activity}, Quickly());
 
     const auto error = impatient.End();
 

@@ -68,7 +68,7 @@ TEST_F(TextPrinterTest, MeasurementsAreSentencesWithUnits)
     ExpectMeasured(Sensor::HeartRate, 0.0F, "heart rate: no usable reading");
     ExpectMeasured(Sensor::WearState, 1.0F, "worn: yes");
     ExpectMeasured(Sensor::WearState, 0.0F, "worn: no");
-    ExpectMeasured(Sensor::Pedometer, 12345.0F, "steps: 12345 today");
+    ExpectMeasured(Sensor::Pedometer, 12345.0F, "steps: total on the wire 12345");
     ExpectMeasured(Sensor::Activity, 0.0F, "activity: still or other");
     ExpectMeasured(Sensor::Activity, 1.0F, "activity: walking");
     ExpectMeasured(Sensor::Activity, 2.0F, "activity: running");
@@ -79,9 +79,9 @@ TEST_F(TextPrinterTest, ValuesWithoutAMeaningAreShownAsTheyAre)
 {
     ExpectMeasured(Sensor::Activity, 7.5F, "activity: unknown (7.5)");
     ExpectMeasured(Sensor{9}, 0.1F, "sensor 9: 0.1");
-    ExpectMeasured(Sensor::Pedometer, -3.0F, "steps: -3 today");
+    ExpectMeasured(Sensor::Pedometer, -3.0F, "steps: total on the wire -3");
     ExpectMeasured(Sensor::Pedometer, 3.4028235e38F,
-                   "steps: 340282346638528859811704183484516925440 today");
+                   "steps: total on the wire 340282346638528859811704183484516925440");
 }
 
 TEST_F(TextPrinterTest, WatchedReadingsBeginWithTheirLocalTime)
@@ -90,6 +90,37 @@ TEST_F(TextPrinterTest, WatchedReadingsBeginWithTheirLocalTime)
                 ElementsAre("2014-05-13 16:53:20  activity: walking"));
     EXPECT_THAT(mPrinter.Watched(ReadingOf(Sensor::Activity, 1.0F, 0), kNowMs),
                 ElementsAre("time unknown  activity: walking"));
+}
+
+TEST_F(TextPrinterTest, TimesForProgramsAreIsoOrUnix)
+{
+    ::setenv("TZ", "XYZ-02:30", 1);
+    ::tzset();
+    const Reading reading = ReadingOf(Sensor::Activity, 1.0F, 0xF680B007U);
+    EXPECT_THAT(TextPrinter(TimeStyle::Iso).Watched(reading, kNowMs),
+                ElementsAre("2014-05-13T19:23:20.007+02:30  activity: walking"));
+    EXPECT_THAT(TextPrinter(TimeStyle::Unix).Watched(reading, kNowMs),
+                ElementsAre("1400000000.007  activity: walking"));
+    EXPECT_THAT(TextPrinter(TimeStyle::Unix).Measured(reading, kNowMs),
+                ElementsAre("1400000000.007  activity: walking"));
+    EXPECT_THAT(TextPrinter(TimeStyle::Unix).Packet({0x01}, Reply{reading}, kNowMs).at(1),
+                testing::HasSubstr("1400000000.007"));
+    EXPECT_THAT(TextPrinter(TimeStyle::Iso).Watched(ReadingOf(Sensor::Activity, 1.0F, 0), kNowMs),
+                ElementsAre("-  activity: walking"));
+}
+
+TEST_F(TextPrinterTest, WhatAReadingDoesNotTellIsRemarkedOn)
+{
+    using testing::HasSubstr;
+    EXPECT_THAT(mPrinter.Remark(ReadingOf(Sensor::Pedometer, 10.0F)),
+                ElementsAre(HasSubstr("docs/wire-format.md#the-total-of-the-day")));
+    EXPECT_THAT(mPrinter.Remark(ReadingOf(Sensor::HeartRate, 0.0F)),
+                ElementsAre(HasSubstr("'parvane-watch status'")));
+    EXPECT_THAT(mPrinter.Remark(ReadingOf(Sensor::WearState, 0.0F)),
+                ElementsAre(HasSubstr("'parvane-watch status'")));
+    EXPECT_THAT(mPrinter.Remark(ReadingOf(Sensor::HeartRate, 72.0F)), testing::IsEmpty());
+    EXPECT_THAT(mPrinter.Remark(ReadingOf(Sensor::WearState, 1.0F)), testing::IsEmpty());
+    EXPECT_THAT(mPrinter.Remark(ReadingOf(Sensor::Activity, 0.0F)), testing::IsEmpty());
 }
 
 TEST_F(TextPrinterTest, TheListIsATableWithAlignedColumns)
