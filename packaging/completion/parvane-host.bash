@@ -1,0 +1,38 @@
+# Completion of parvane-host for bash.
+
+_parvane_host()
+{
+    local current=${COMP_WORDS[COMP_CWORD]} word subcommand= words=
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+    --socket)
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        return
+        ;;
+    --timestamps)
+        mapfile -t COMPREPLY < <(compgen -W 'iso unix' -- "$current")
+        return
+        ;;
+    --timeout | --every | --count | --for | --quiet-for)
+        return
+        ;;
+    esac
+    for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+        case $word in
+        list | measure | watch | stop | raw)
+            subcommand=$word
+            break
+            ;;
+        esac
+    done
+    case $subcommand in
+    '') words='list measure watch stop raw --version' ;;
+    measure) words='hr wear steps activity --every --count' ;;
+    watch) words='activity steps hr wear all --for' ;;
+    stop) words='activity hr wear steps' ;;
+    raw) words='--quiet-for' ;;
+    esac
+    words+=' --socket --timeout --wait --timestamps --json --help'
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+}
+complete -F _parvane_host parvane-host

@@ -1,0 +1,24 @@
+# Completion of parvane-host for fish.
+
+complete -c parvane-host -f
+complete -c parvane-host -n __fish_use_subcommand -a list -d 'List the sensors and the address of the watch'
+complete -c parvane-host -n __fish_use_subcommand -a measure -d 'Ask for one reading, or for one again and again'
+complete -c parvane-host -n __fish_use_subcommand -a watch -d 'Print readings as they come'
+complete -c parvane-host -n __fish_use_subcommand -a stop -d "End the pushing of a sensor's readings"
+complete -c parvane-host -n __fish_use_subcommand -a raw -d 'Send packets as they are, and print every reply'
+
+complete -c parvane-host -l socket -r -F -d 'Socket of the accessory link'
+complete -c parvane-host -l timeout -x -d 'How long to wait for the watch, in seconds'
+complete -c parvane-host -l wait -d 'Wait for a service that is just starting'
+complete -c parvane-host -l timestamps -x -a 'iso unix' -d 'Begin each reading with its time'
+complete -c parvane-host -l json -d 'Print one JSON object a line'
+complete -c parvane-host -s h -l help -d 'Print help and exit'
+complete -c parvane-host -n __fish_use_subcommand -l version -d 'Print the version and exit'
+
+complete -c parvane-host -n '__fish_seen_subcommand_from measure' -a 'hr wear steps activity'
+complete -c parvane-host -n '__fish_seen_subcommand_from measure' -l every -x -d 'Measure again, so many seconds after the one before'
+complete -c parvane-host -n '__fish_seen_subcommand_from measure' -l count -x -d 'End after so many'
+complete -c parvane-host -n '__fish_seen_subcommand_from watch' -a 'activity steps hr wear all'
+complete -c parvane-host -n '__fish_seen_subcommand_from watch' -l for -x -d 'End after so many seconds'
+complete -c parvane-host -n '__fish_seen_subcommand_from stop' -a 'activity hr wear steps'
+complete -c parvane-host -n '__fish_seen_subcommand_from raw' -l quiet-for -x -d 'How many milliseconds are quiet'

@@ -1,0 +1,26 @@
+# Completion of parvane-watch for fish.
+
+complete -c parvane-watch -f
+complete -c parvane-watch -n __fish_use_subcommand -a status -d 'Say what the service is doing'
+complete -c parvane-watch -n __fish_use_subcommand -a set -d 'Set what the manual source reports'
+complete -c parvane-watch -n __fish_use_subcommand -a steps -d 'Short for set steps'
+complete -c parvane-watch -n __fish_use_subcommand -a activity -d 'Short for set activity'
+complete -c parvane-watch -n __fish_use_subcommand -a gesture -d 'Short for set gesture'
+complete -c parvane-watch -n __fish_use_subcommand -a link -d 'Take the accessory link down, or bring it up'
+complete -c parvane-watch -n __fish_use_subcommand -a memory -d 'Tell the service that memory is low'
+complete -c parvane-watch -n __fish_use_subcommand -a battery -d 'Tell the service that the battery is low'
+complete -c parvane-watch -n __fish_use_subcommand -a quit -d 'End the service in order'
+complete -c parvane-watch -n __fish_use_subcommand -a record -d 'Write every reading of the sensors to a file'
+complete -c parvane-watch -n __fish_use_subcommand -a check-config -d 'Say what is wrong with a configuration file'
+
+complete -c parvane-watch -l socket -r -F -d 'The control socket'
+complete -c parvane-watch -l json -d 'Print one JSON object'
+complete -c parvane-watch -s h -l help -d 'Print help and exit'
+complete -c parvane-watch -n __fish_use_subcommand -l version -d 'Print the version and exit'
+
+complete -c parvane-watch -n '__fish_seen_subcommand_from set' -a 'hr steps activity gesture off-wrist walking running still other'
+complete -c parvane-watch -n '__fish_seen_subcommand_from activity' -a 'walking running still other'
+complete -c parvane-watch -n '__fish_seen_subcommand_from link' -a 'up down'
+complete -c parvane-watch -n '__fish_seen_subcommand_from memory battery' -a low
+complete -c parvane-watch -n '__fish_seen_subcommand_from record' -l force -d 'Overwrite a file that exists'
+complete -c parvane-watch -n '__fish_seen_subcommand_from record check-config' -F
