@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include "LinkTest.h"
@@ -35,6 +36,21 @@ struct Host
     friend Type MemberOf(Host);
 };
 template struct Expose<Host, &ParvaneController::mHostController>;
+
+struct Proxy
+{
+    using Type = ContextManagerProxy ParvaneController::*;
+    friend Type MemberOf(Proxy);
+};
+template struct Expose<Proxy, &ParvaneController::mContextManagerProxy>;
+
+struct Known
+{
+    using Type =
+        std::map<SensorType, std::set<std::shared_ptr<ContextSensor>>> ContextManagerProxy::*;
+    friend Type MemberOf(Known);
+};
+template struct Expose<Known, &ContextManagerProxy::mKnown>;
 
 } // namespace
 
@@ -75,6 +91,9 @@ FuzzedService::~FuzzedService()
                                   SensorType::HRM, SensorType::WearState}) {
         service->UnregisterAllSensorListeners(type);
     }
+    // A sensor whose start has ended in an exception is known without being shared.
+    auto &proxy = (*service).*MemberOf(Proxy());
+    std::exchange(proxy.*MemberOf(Known()), {}).clear();
     std::exchange((*service).*MemberOf(Controllers()), {}).clear();
     ((*service).*MemberOf(Host())).SetListener(nullptr);
     const std::weak_ptr<ParvaneController> canary = service;

@@ -16,7 +16,7 @@ int OpenDatagramSocket(int maxWaitMs) noexcept
     if (fd < 0) {
         return -errno;
     }
-    const timeval wait = {maxWaitMs / 1000, maxWaitMs % 1000 * 1000};
+    const timeval wait = {maxWaitMs / 1000, maxWaitMs % 1000 * 1000L};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
     return fd;
 }
