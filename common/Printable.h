@@ -11,7 +11,8 @@ namespace Parvane {
  *
  * Bytes that are no UTF-8, and those of characters that control a terminal, end a line, turn the
  * direction of a text or cannot be seen, become \xHH. Of a text of more than `maxBytes` bytes the end
- * is cut off, after a whole character, and "..." stands for it.
+ * is cut off, after a whole character, and "..." stands for it. (Lines of the log have colours, and an
+ * escaping of their own: dlog/LogText.h.)
  */
 std::string Printable(std::string_view text, std::size_t maxBytes = std::string_view::npos);
 

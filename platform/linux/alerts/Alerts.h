@@ -24,7 +24,7 @@ public:
 };
 
 /**
- * Watches memory and battery as the settings ask, and tells the service what runs low.
+ * Watches memory and battery as the settings ask, and tells the service what runs low, which ends then.
  *
  * Where the settings leave the choice (Auto), each monitor is started in turn until one has
  * something to watch on this machine; the choice is made once. When none has, all that were tried

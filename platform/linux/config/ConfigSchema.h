@@ -26,7 +26,7 @@ struct ConfigKey
     bool mIsList = false;
 };
 
-/** All keys there are, section by section. */
+/** All keys there are, section by section; their defaults are those of Settings. */
 const std::vector<ConfigKey> &ConfigSchema();
 
 /** A key, by its names; null when there is none. */

@@ -10,7 +10,11 @@ namespace ParvanePlatform {
 /** Whether colour sequences are kept. */
 enum class LogColours { Keep, Strip };
 
-/** Appends to a buffer of fixed size and counts what it would have needed. Borrows the buffer. */
+/**
+ * The text of a log line, whose form is the service's own (its Log.h).
+ *
+ * Appends to a buffer of fixed size and counts what it would have needed. Borrows the buffer.
+ */
 class LogText
 {
 public:

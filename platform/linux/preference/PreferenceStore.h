@@ -71,7 +71,7 @@ public:
 
     /**
      * Makes durable what this turn of the main loop has written so far, before anybody outside is
-     * told of it. Costs nothing in a turn that has written nothing.
+     * told of it: sendData() asks for it. Costs nothing in a turn that has written nothing.
      *
      * @return false when a write of this turn has failed or is not on the disk; that stays so until
      *         the next turn

@@ -19,7 +19,7 @@ namespace ParvanePlatform {
 
 /**
  * The accessory link: the agent that the service registers, and the connection of one host at a time,
- * which travels as LinkTransport.h says.
+ * which travels as LinkTransport.h says; that one refuses a second host.
  *
  * The key kStatusKey is 1 when the link starts. It is set to 1 when a host connects and to 0 when it
  * has gone; the next host waits in the socket's queue until the watchers of the key have heard of

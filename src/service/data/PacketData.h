@@ -8,7 +8,7 @@
 namespace Parvane {
 
 /**
- * The bytes of one packet, with big-endian writers.
+ * The bytes of one packet, with big-endian writers. Which bytes a packet has: ResponseDataGenerator.
  *
  * No writer checks bounds: whoever allocates the packet keeps offsets within it.
  */

@@ -21,8 +21,8 @@ namespace ParvanePlatform {
 /**
  * Heart rate from a Bluetooth strap, through BlueZ.
  *
- * While the item is started: waits for the bus and for BlueZ, each life of which gets a StrapSession,
- * and turns the strap's measurements into readings: the rate, and the peak-to-peak value when there
+ * While the item is started: waits for the bus and for BlueZ, each life of which gets a StrapSession
+ * (it searches, connects and subscribes), and turns the strap's measurements into readings: the rate, and the peak-to-peak value when there
  * is one; kNotWorn alone when the strap has lost contact with the skin. That something of it is away
  * is no failure. Otherwise it has no timer, no subscription and no call on the bus.
  *
