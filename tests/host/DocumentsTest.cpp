@@ -75,6 +75,12 @@ struct Command
     std::string mName;
 };
 
+/** For the names of the cases; without it the bytes of the texts would be printed, unset ones as well. */
+void PrintTo(const Command &command, std::ostream *stream)
+{
+    *stream << command.mName;
+}
+
 class DocumentsTest : public testing::TestWithParam<Command>
 {
 protected:
