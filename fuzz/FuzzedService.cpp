@@ -91,9 +91,13 @@ FuzzedService::~FuzzedService()
                                   SensorType::HRM, SensorType::WearState}) {
         service->UnregisterAllSensorListeners(type);
     }
-    // A sensor whose start has ended in an exception is known without being shared.
+    // A sensor whose registration has ended in an exception is known, and may be subscribed, without being shared.
     auto &proxy = (*service).*MemberOf(Proxy());
-    std::exchange(proxy.*MemberOf(Known()), {}).clear();
+    for (const auto &[type, sensors] : std::exchange(proxy.*MemberOf(Known()), {})) {
+        for (const auto &sensor : sensors) {
+            sensor->Stop();
+        }
+    }
     std::exchange((*service).*MemberOf(Controllers()), {}).clear();
     ((*service).*MemberOf(Host())).SetListener(nullptr);
     const std::weak_ptr<ParvaneController> canary = service;
