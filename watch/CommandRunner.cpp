@@ -12,6 +12,7 @@
 #include "Printable.h"
 #include "StatusText.h"
 #include "Terminal.h"
+#include "VersionRemark.h"
 
 namespace ParvaneWatch {
 
@@ -32,6 +33,13 @@ std::string TextMember(const json &object, const char *key)
 {
     const auto found = object.find(key);
     return found != object.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+/** The code of a refusal; empty when it has none. */
+std::string CodeOf(const json &reply)
+{
+    const auto error = reply.find("error");
+    return error != reply.end() && error->is_object() ? TextMember(*error, "code") : "";
 }
 
 } // namespace
@@ -64,6 +72,9 @@ Outcome CommandRunner::Execute()
         if (mInvocation.mJson) {
             Print(TextOf(reply) + '\n'); // for its code
         }
+        if (CodeOf(reply) == "unknown-request") {
+            AskForVersion(client);
+        }
         return refused;
     }
     if (mInvocation.mAction == Invocation::Action::Record) {
@@ -73,6 +84,7 @@ Outcome CommandRunner::Execute()
         return mInvocation.mJson ? Print(TextOf(reply) + '\n') : Outcome{};
     }
     const json status = reply.value("status", json::object());
+    CompareVersions(status);
     if (mInvocation.mJson) {
         return Print(TextOf(status) + '\n');
     }
@@ -208,6 +220,23 @@ Outcome CommandRunner::Refused(const json &message)
     return {ExitCode::Failure};
 }
 
+void CommandRunner::CompareVersions(const json &report)
+{
+    if (const std::string remark = VersionRemark(report); !remark.empty()) {
+        Say(remark);
+    }
+}
+
+void CommandRunner::AskForVersion(ControlClient &client)
+{
+    try {
+        const json reply = client.Ask(json({{"request", "status"}}).dump());
+        CompareVersions(reply.value("status", json::object()));
+    } catch (const std::exception &) {
+        // The refusal has been told; this would only have explained it.
+    }
+}
+
 Outcome CommandRunner::Print(const std::string &text)
 {
     const int error = WriteAll(STDOUT_FILENO, text, {mSignals.Fd()});
@@ -224,10 +253,13 @@ Outcome CommandRunner::Print(const std::string &text)
 
 void CommandRunner::Complain(const std::string &text) const
 {
+    Say("parvane-watch: " + text);
+}
+
+void CommandRunner::Say(const std::string &text) const
+{
     constexpr int kLimitMs = 1000;
-    WriteAll(STDERR_FILENO,
-             (mShowsProgress ? "\r\033[K" : "") + ("parvane-watch: " + Parvane::Printable(text)) +
-                 '\n',
+    WriteAll(STDERR_FILENO, (mShowsProgress ? "\r\033[K" : "") + Parvane::Printable(text) + '\n',
              {-1, kLimitMs});
 }
 

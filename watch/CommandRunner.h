@@ -40,8 +40,12 @@ private:
     Outcome FinishRecording();
     void ShowProgress(bool isLast);
     Outcome Refused(const nlohmann::json &message);
+    /** Says once that the service has another version; whatever comes of asking for it is no failure. */
+    void CompareVersions(const nlohmann::json &report);
+    void AskForVersion(ControlClient &client);
     Outcome Print(const std::string &text);
     void Complain(const std::string &text) const;
+    void Say(const std::string &text) const;
 
     Invocation mInvocation;
     const Parvane::Signals &mSignals;

@@ -197,7 +197,9 @@ private:
     {
         const json &service = At(mStatus, "service");
         const json &directories = At(mStatus, "directories");
-        Add("service", "process " + Plain(At(service, "pid")) + ", user " +
+        const json &version = At(service, "version");
+        Add("service", (version.is_string() ? "version " + Plain(version) + ", " : "") +
+                           "process " + Plain(At(service, "pid")) + ", user " +
                            Plain(At(service, "user")) + "," + Since(service));
         Add("state", Plain(At(directories, "state")));
         Add("run-time", Plain(At(directories, "runtime")));

@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -17,8 +18,10 @@
 namespace ParvaneHost {
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
+using testing::StartsWith;
 
 const std::string kSource = PARVANE_SOURCE_FOLDER;
 
@@ -189,6 +192,19 @@ TEST(ManualPageTest, MandocFindsNothingWrong)
         RunShell("mandoc -T lint -W style '" + kSource + "/docs/man/parvane-host.1' 2>&1");
     EXPECT_EQ(lint.mOutput, "");
     EXPECT_EQ(lint.mStatus, 0);
+}
+
+TEST(VersionTest, PagesAndChangelogHaveTheOneOfTheBuild)
+{
+    for (const std::filesystem::directory_entry &page :
+         std::filesystem::directory_iterator(kSource + "/docs/man")) {
+        EXPECT_THAT(
+            ReadFile(page.path()),
+            ContainsRegex("\n?\\.(TH .*\"Parvane|Os Parvane) " PARVANE_HOST_VERSION "[\"\n]"))
+            << page.path();
+    }
+    const std::string changes = ReadFile(kSource + "/CHANGELOG.md");
+    EXPECT_THAT(changes, StartsWith("# Changes\n\n## " PARVANE_HOST_VERSION "\n"));
 }
 
 TEST(ManualPageTest, ItHasTheExitCodesOfTheHelp)

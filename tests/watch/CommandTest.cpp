@@ -26,6 +26,14 @@ using testing::StartsWith;
 
 const std::string kDone = R"({"version":1,"ok":true})";
 
+/** The status of a service of some version. */
+std::string StatusOf(const std::string &version)
+{
+    return R"({"version":1,"ok":true,"status":{"service":{"version":")" + version + R"("}}})";
+}
+
+const std::string kStatus = StatusOf(PARVANE_WATCH_VERSION);
+
 /** One run of parvane-watch. */
 class Watch : public Parvane::Program
 {
@@ -181,11 +189,47 @@ TEST_F(CommandTest, VersionGoesToStandardOutput)
     EXPECT_EQ(watch.Wait(), 0);
 }
 
+TEST_F(CommandTest, AServiceOfAnotherVersionIsSaidOnceAndIsNoFailure)
+{
+    const std::string end = ": one may lack what the other has; installed together they are of one "
+                            "version\n";
+    const std::vector<std::pair<std::string, std::string>> replies = {
+        {kStatus, ""},
+        {StatusOf("9.1.0"), "parvane-watch " PARVANE_WATCH_VERSION " talks to parvane 9.1.0" + end},
+        {R"({"version":1,"ok":true,"status":{}})", "parvane-watch " PARVANE_WATCH_VERSION
+                                                   " talks to parvane of a version before 0.2.0" +
+                                                       end}};
+    for (const auto &[reply, remark] : replies) {
+        Watch watch(Arguments({"--json", "status"}));
+        mService.AcceptRequest();
+        mService.Send(reply);
+
+        EXPECT_THAT(watch.ReadOutput(), StartsWith("{"));
+        EXPECT_EQ(watch.ReadErrors(), remark);
+        EXPECT_EQ(watch.Wait(), 0);
+    }
+}
+
+TEST_F(CommandTest, ARequestThatIsNotKnownIsExplainedByTheVersions)
+{
+    Watch watch(Arguments({"quit"}));
+    mService.AcceptRequest();
+    mService.Send(
+        R"({"version":1,"ok":false,"error":{"code":"unknown-request","message":"what?"}})");
+    EXPECT_EQ(json::parse(mService.Receive()), json({{"request", "status"}}));
+    mService.Send(StatusOf("9.1.0"));
+
+    EXPECT_THAT(watch.ReadErrors(),
+                StartsWith("parvane-watch: what?\nparvane-watch " PARVANE_WATCH_VERSION
+                           " talks to parvane 9.1.0: "));
+    EXPECT_EQ(watch.Wait(), 1);
+}
+
 TEST_F(CommandTest, OutputThatCannotBeWrittenIsAFailure)
 {
     Watch watch(Arguments({"status", "--json"}), {.mEnvironment = {}, .mOutputToFull = true});
     mService.AcceptRequest();
-    mService.Send(R"({"version":1,"ok":true,"status":{}})");
+    mService.Send(kStatus);
 
     EXPECT_EQ(watch.ReadErrors(),
               "parvane-watch: cannot write to standard output: No space left on device\n");

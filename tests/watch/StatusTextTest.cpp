@@ -98,7 +98,11 @@ TEST_F(StatusTextTest, AWholeStatusIsAlignedAndComplete)
     const json status = {
         {"time", "2026-01-31T11:34:59.789Z"},
         {"service",
-         {{"pid", 12}, {"user", 1000}, {"since", "2026-01-31T11:30:00.000Z"}, {"for_ms", 299789}}},
+         {{"version", "0.2.0"},
+          {"pid", 12},
+          {"user", 1000},
+          {"since", "2026-01-31T11:30:00.000Z"},
+          {"for_ms", 299789}}},
         {"directories", {{"state", "/var/lib/parvane"}, {"runtime", "/run/parvane"}}},
         {"host",
          {{"pid", 77}, {"user", 0}, {"since", "2026-01-31T11:34:00.000Z"}, {"for_ms", 59789}}},
@@ -122,7 +126,7 @@ TEST_F(StatusTextTest, AWholeStatusIsAlignedAndComplete)
         {"preferences_left_out", 1}};
     EXPECT_THAT(
         StatusText(status),
-        ElementsAre("service     process 12, user 1000, since 12:30:00 (4 min 59 s)",
+        ElementsAre("service     version 0.2.0, process 12, user 1000, since 12:30:00 (4 min 59 s)",
                     "state       /var/lib/parvane", "run-time    /run/parvane",
                     "host        process 77, user 0, since 12:34:00 (59 s)",
                     "link        up, key 1, host state open",

@@ -67,11 +67,15 @@ bool AreValid(int argc, char **argv, const service_app_callbacks *callbacks)
     if (argument == "--version") {
         std::printf("%s %s\n", program.c_str(), PARVANE_PLATFORM_VERSION);
     } else if (argument == "--help" || argument == "-h") {
-        std::printf("Usage: %s\n"
-                    "Runs the service in the foreground until SIGTERM or SIGINT. It takes no "
-                    "arguments: its settings\n"
-                    "are platform.conf, see parvane-platform.conf(5), and the environment.\n",
-                    program.c_str());
+        std::printf(
+            "Usage: %s [--help | --version]\n"
+            "The sensor service of a watch: answers the phone on the accessory link. It runs "
+            "in the foreground\n"
+            "until SIGTERM or SIGINT, and takes no other arguments.\n\n"
+            "Configuration  %s, or the file that PARVANE_PLATFORM_CONF names\n"
+            "Manual pages   parvane(8), parvane-platform.conf(5)\n"
+            "Look into it   parvane-watch status\n",
+            program.c_str(), kSystemConfigFile);
     } else {
         std::fprintf(stderr, "%s: unknown argument %s; it takes none but --help and --version\n",
                      program.c_str(), Printable(argument).c_str());

@@ -49,6 +49,7 @@ public:
     json Service(const Instant &start) const
     {
         json service = Since(start);
+        service["version"] = PARVANE_PLATFORM_VERSION;
         service["pid"] = ::getpid();
         service["user"] = ::geteuid();
         return service;

@@ -132,6 +132,7 @@ TEST_F(ControlCommandsTest, StatusOfAServiceThatDoesNothing)
     EXPECT_EQ(status.at("time"), "2026-01-31T12:35:01.789Z");
     EXPECT_EQ(status.at("service").at("since"), "2026-01-31T12:34:56.789Z");
     EXPECT_EQ(status.at("service").at("for_ms"), 5000);
+    EXPECT_EQ(status.at("service").at("version"), PARVANE_VERSION);
     EXPECT_EQ(status.at("directories"), json({{"state", "/state"}, {"runtime", "/run"}}));
     EXPECT_EQ(status.at("host"), nullptr);
     EXPECT_EQ(status.at("link").at("key"), 1);
