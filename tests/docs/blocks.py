@@ -11,8 +11,8 @@ DIRECTIVES = ("not run", "numbers vary", "service", "first", "meanwhile")
 LANGUAGES = {"sh": "commands", "text": "output", "ini": "configuration", "sql": "sql"}
 SHOWN = ("python", "json", "csv")  # to be read, and no promise of what a command prints
 PROGRAMS = (
-    r"(parvane(-host|-watch|-gateway)?|cmake|ctest|ninja|make|sudo|apt|apt-get|dpkg|systemctl|systemd-\w+|journalctl|python3|git|man"
-    r"|export|echo|cd|mkdir|cp|kill|timeout)\s"
+    r"(parvane(-host|-watch|-gateway)?|cmake|ctest|ninja|make|sudo|apt|apt-get|dpkg|systemctl|systemd-\w+|journalctl"
+    r"|python3|git|man|export|echo|cd|mkdir|cp|kill|timeout)\s"
 )
 FIRST_WORDS = (
     (re.compile(r"(\$ |(script|build|\./)[\w./-]*/|[A-Z_]+=[^=\s]* )|" + PROGRAMS), "commands"),
@@ -72,7 +72,7 @@ def kind_of(block, previous):
     if block.language in SHOWN:
         return "shown"
     if block.language not in ("", "indented"):
-        raise PageError(f"line {block.line}: the language {block.language!r}: commands are sh, what they print is text")
+        raise PageError(f"line {block.line}: a block of {block.language!r}: commands are sh, what they print is text")
     for pattern, kind in FIRST_WORDS:
         if pattern.match(block.text):
             if kind in ("control", "link") and block.text[0] in "<w" and block.runs:

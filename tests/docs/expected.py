@@ -27,49 +27,62 @@ def text_differs(shown, printed, numbers_vary):
     printed = printed.rstrip("\n") + "\n"
     if re.fullmatch(pattern_of(shown, numbers_vary), printed):
         return None
-    difference = difflib.unified_diff(shown.splitlines(), printed.splitlines(), "the page", "what is printed", lineterm="")
-    return "\n".join(difference)
+    sides = shown.splitlines(), printed.splitlines()
+    return "\n".join(difflib.unified_diff(*sides, "the page", "what is printed", lineterm=""))
 
 
 def parse_shown(text):
     """JSON in which "..." outside of a text stands for more members or elements."""
+    opened = []
 
     def named(match):
-        if match[0] != "...":
-            return match[0]
-        before = re.sub(r'"(\\.|[^"\\])*"', "", text[: match.start()])
-        opened = [sign for sign in before if sign in "{[]}"]
-        depth = []
-        for sign in opened:
-            depth.append(sign) if sign in "{[" else depth.pop()
-        return '"...":0' if depth[-1:] == ["{"] else '"..."'
+        sign = match[0]
+        if sign in ("{", "["):
+            opened.append(sign)
+        elif sign in ("}", "]"):
+            opened.pop()
+        elif sign == "...":
+            return '"...":0' if opened[-1:] == ["{"] else '"..."'
+        return sign
 
-    return json.loads(re.sub(r'"(?:\\.|[^"\\])*"|\.\.\.', named, text))
+    return json.loads(re.sub(r'"(?:\\.|[^"\\])*"|\.\.\.|[{}\[\]]', named, text))
+
+
+def first_difference(differences):
+    return next(filter(None, differences), None)
+
+
+def elements_differ(shown, value, numbers_vary, where):
+    """As value_differs(), of two lists; what "..." stands for may lie between the elements that are shown."""
+    if "..." not in shown:
+        if len(shown) != len(value):
+            return f"{where} has {len(value)} elements, the page shows {len(shown)}"
+        pairs = zip(shown, value)
+        return first_difference(value_differs(*pair, numbers_vary, f"{where}[]") for pair in pairs)
+    rest = iter(value)
+    for element in shown:
+        if element != "..." and all(value_differs(element, other, numbers_vary) for other in rest):
+            return f"{where} has no {json.dumps(element)}: {json.dumps(value)}"
+    return None
 
 
 def value_differs(shown, value, numbers_vary, where="the message"):
     """None, or where and how a value of JSON is not what is shown."""
     if isinstance(shown, dict) and isinstance(value, dict):
-        names = set(shown) - {"..."}
-        if names - set(value) or ("..." not in shown and set(value) - names):
+        names = sorted(set(shown) - {"..."})
+        if set(names) - set(value) or ("..." not in shown and set(value) - set(names)):
             return f"{where} has the members {sorted(value)}, the page shows {sorted(shown)}"
-        return next(filter(None, (value_differs(shown[name], value[name], numbers_vary, f"{where}.{name}") for name in sorted(names))), None)
+        pairs = ((name, shown[name], value[name]) for name in names)
+        return first_difference(value_differs(a, b, numbers_vary, f"{where}.{name}") for name, a, b in pairs)
     if isinstance(shown, list) and isinstance(value, list):
-        if "..." in shown:
-            rest = iter(value)
-            wanted = [element for element in shown if element != "..."]
-            if all(any(value_differs(element, other, numbers_vary) is None for other in rest) for element in wanted):
-                return None
-        elif len(shown) == len(value):
-            return next(filter(None, (value_differs(a, b, numbers_vary, f"{where}[]") for a, b in zip(shown, value))), None)
-    elif isinstance(shown, str) and isinstance(value, str):
-        if re.fullmatch(pattern_of(shown, numbers_vary), value.rstrip("\n") + "\n"):
-            return None
-    elif shown == value and isinstance(shown, bool) == isinstance(value, bool):
-        return None
-    elif numbers_vary and all(isinstance(number, (int, float)) and not isinstance(number, bool) for number in (shown, value)):
-        return None
-    return f"{where} is {json.dumps(value)}, the page shows {json.dumps(shown)}"
+        return elements_differ(shown, value, numbers_vary, where)
+    if isinstance(shown, str) and isinstance(value, str):
+        same = re.fullmatch(pattern_of(shown, numbers_vary), value.rstrip("\n") + "\n")
+    elif numbers_vary and type(shown) in (int, float) and type(value) in (int, float):
+        same = True
+    else:
+        same = shown == value and isinstance(shown, bool) == isinstance(value, bool)
+    return None if same else f"{where} is {json.dumps(value)}, the page shows {json.dumps(shown)}"
 
 
 def packet_differs(shown, packet):
@@ -78,4 +91,5 @@ def packet_differs(shown, packet):
     def timeless(some):
         return some[:5] + some[13:] if len(some) == 18 else some
 
-    return None if timeless(shown) == timeless(packet) else f"the packet is {packet.hex(' ')}, the page shows {shown.hex(' ')}"
+    same = timeless(shown) == timeless(packet)
+    return None if same else f"the packet is {packet.hex(' ')}, the page shows {shown.hex(' ')}"

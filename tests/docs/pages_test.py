@@ -32,7 +32,8 @@ def fenced(text, language="sh"):
 
 class PagesTest(unittest.TestCase):
     def test_commands_of_a_chapter_share_a_shell_and_what_they_print_is_compared(self):
-        self.assertEqual("", wrong_with(fenced("count=3") + "\nSo:\n\n" + fenced("echo $count\necho later") + fenced("3\n...", "text")))
+        page = fenced("count=3") + "\nSo:\n\n" + fenced("echo $count\necho later") + fenced("3\n...", "text")
+        self.assertEqual("", wrong_with(page))
 
     def test_output_that_is_another_one_is_wrong(self):
         self.assertIn("-4\n+3", wrong_with(fenced("echo 3") + fenced("4", "text")))
@@ -49,7 +50,8 @@ class PagesTest(unittest.TestCase):
         self.assertIn("it ends with", wrong_with("Do this:\n\n    parvane-host --no-such-option\n"))
 
     def test_service_that_a_block_starts_is_there_for_the_next_and_ends(self):
-        self.assertEqual("", wrong_with(fenced("parvane &\nparvane-host --wait list >/dev/null") + fenced("parvane-watch status >/dev/null")))
+        start = fenced("parvane &\nparvane-host --wait list >/dev/null")
+        self.assertEqual("", wrong_with(start + fenced("parvane-watch status >/dev/null")))
 
     def test_block_that_is_not_run_has_a_reason(self):
         self.assertEqual("", wrong_with("<!-- not run: takes a friend -->\n" + fenced("false")))
@@ -57,10 +59,12 @@ class PagesTest(unittest.TestCase):
         self.assertIn("begins with one of", wrong_with("<!-- not-run: takes a friend -->\n" + fenced("false")))
 
     def test_reason_does_not_name_what_is_not_there(self):
-        self.assertIn("script/none, which is not there", wrong_with("<!-- not run: script/none does it -->\n" + fenced("false")))
+        page = "<!-- not run: script/none does it -->\n" + fenced("false")
+        self.assertIn("script/none, which is not there", wrong_with(page))
 
     def test_comment_about_no_block_is_wrong(self):
-        self.assertIn("not right before a block", wrong_with("<!-- not run: takes a friend -->\nNothing.\n\n" + fenced("true")))
+        page = "<!-- not run: takes a friend -->\nNothing.\n\n" + fenced("true")
+        self.assertIn("not right before a block", wrong_with(page))
 
     def test_text_that_nobody_prints_is_wrong(self):
         self.assertIn("no command above it", wrong_with("# One\n" + fenced("echo 3") + "# Two\n" + fenced("3", "text")))
@@ -71,7 +75,8 @@ class PagesTest(unittest.TestCase):
     def test_replies_of_the_control_socket_are_compared(self):
         request = '    > {"request":"link","state":"down"}\n'
         self.assertEqual("", wrong_with(request + '    < {"ok":true,"version":1}\n'))
-        self.assertIn("the message.ok is true, the page shows false", wrong_with(request + '    < {"ok":false,"version":1}\n'))
+        wrong = wrong_with(request + '    < {"ok":false,"version":1}\n')
+        self.assertIn("the message.ok is true, the page shows false", wrong)
         self.assertIn("has the members", wrong_with(request + '    < {"ok":true}\n'))
 
     def test_request_without_a_reply_is_not_refused(self):
@@ -84,12 +89,20 @@ class PagesTest(unittest.TestCase):
     def test_packets_of_the_link_are_compared_but_for_their_time(self):
         self.assertEqual("", wrong_with(fenced("phone  14 00 00 03\nwatch  14 02 00 03   stopped", "")))
         self.assertIn("the page shows", wrong_with(fenced("phone  14 00 00 03\nwatch  14 00 02 03", "")))
-        self.assertEqual("", wrong_with(fenced("phone  12 00 00 01\nwatch  12 00 0E 01 11 00 00 00 00 12 34 56 78 00 00 00 00 00", "")))
+        twice = "phone  14 00 00 03\nphone  24 00 00 03\nwatch  14 02 00 03\nwatch  24 02 00 03"
+        self.assertEqual("", wrong_with(fenced(twice, "")))
+        reading = "watch  12 00 0E 01 11 00 00 00 00 12 34 56 78 00 00 00 00 00"
+        self.assertEqual("", wrong_with(fenced(f"phone  12 00 00 01\n{reading}", "")))
 
     def test_something_is_done_before_and_meanwhile(self):
-        page = "<!-- {}: parvane-watch set hr 60 -->\n" + fenced("phone  12 00 00 04\nwatch  12 00 0E 04 11 00 00 00 00 00 00 00 00 3F 80 00 00 00", "")
-        self.assertEqual("", wrong_with(page.format("first")))
-        self.assertIn("first ends with 1", wrong_with(page.format("first").replace("hr 60", "nonsense 60 2>/dev/null || exit 1")))
+        pushed = """phone  23 00 00 01 00
+watch  23 00 0E 01 11 00 00 00 00 00 00 00 00 00 00 00 00 00
+watch  23 00 0E 01 11 00 00 00 00 00 00 00 00 3F 80 00 00 00"""
+        walks = "<!-- meanwhile: parvane-watch set activity walking -->\n"
+        self.assertEqual("", wrong_with(walks + fenced(pushed, "")))
+        page = fenced("phone  12 00 00 04\nwatch  12 00 0E 04 11 00 00 00 00 00 00 00 00 3F 80 00 00 00", "")
+        self.assertEqual("", wrong_with("<!-- first: parvane-watch set hr 60 -->\n" + page))
+        self.assertIn("first ends with 7", wrong_with("<!-- first: exit 7 -->\n" + page))
 
     def test_configurations_and_recordings_are_checked(self):
         columns = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,calories_kcal,speed,activity,gesture"
@@ -99,11 +112,13 @@ class PagesTest(unittest.TestCase):
         self.assertIn("check-config ends with 1", wrong_with("\n    t_ms,heart_rate\n    0,60\n"))
 
     def test_statements_are_run(self):
-        self.assertEqual("", wrong_with(fenced("CREATE TABLE a(b);", "sql") + fenced("INSERT INTO a VALUES(1);", "sql")))
-        self.assertIn("no such table", wrong_with(fenced("INSERT INTO a VALUES(1);", "sql")))
+        insertion = fenced("INSERT INTO a VALUES(1);", "sql")
+        self.assertEqual("", wrong_with(fenced("CREATE TABLE a(b);", "sql") + insertion))
+        self.assertIn("no such table", wrong_with(insertion))
 
     def test_links_lead_somewhere(self):
-        self.assertEqual("", wrong_with("# The `first` part\n[here](#the-first-part) [there](PAGE.md#the-first-part) [away](https://example.org)\n"))
+        links = "[here](#the-first-part) [there](PAGE.md#the-first-part) [away](https://example.org)\n"
+        self.assertEqual("", wrong_with("# The `first` part\n" + links))
         self.assertIn("nowhere", wrong_with("[x](NONE.md)\n"))
         self.assertIn("no such heading", wrong_with("[x](#none)\n"))
 
