@@ -72,6 +72,52 @@ TEST_F(StartTest, SecondInstanceLeavesTheFirstAlone)
     EXPECT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
 }
 
+TEST_F(StartTest, SecondServiceOnTheSameStateDoesNotStart)
+{
+    StartService();
+    const Host host(LinkPath());
+    ASSERT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+
+    Environment environment = BaseEnvironment();
+    environment["RUNTIME_DIRECTORY"] = (mFolder.Path() / "other-run").string();
+    Process second({PARVANE_PROGRAM}, environment, mFolder.Path());
+
+    EXPECT_EQ(second.WaitForEnd(), 0);
+    EXPECT_THAT(second.StandardError(), HasSubstr("platform: another process uses the state "
+                                                  "directory " +
+                                                  mStateDirectory.string() + ": "));
+    EXPECT_THAT(second.StandardError(), HasSubstr("main(116) > app running is failed = [-114]"));
+    EXPECT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
+}
+
+TEST_F(StartTest, FileInPlaceOfTheLinkIsKeptAndNamed)
+{
+    std::filesystem::create_directory(mRunDirectory);
+    std::filesystem::permissions(mRunDirectory, std::filesystem::perms(0700));
+    for (const char *name : {"link.sock", "control.sock"}) {
+        WriteFile(mRunDirectory / name, "a user's");
+        StartService();
+        EXPECT_EQ(mService->WaitForEnd(), 1);
+        EXPECT_THAT(mService->StandardError(),
+                    HasSubstr("cannot make the socket " + (mRunDirectory / name).string()));
+        EXPECT_EQ(ReadFile(mRunDirectory / name), "a user's");
+        std::filesystem::remove(mRunDirectory / name);
+    }
+}
+
+TEST_F(StartTest, DirectoryThatOthersMayWriteToIsRefused)
+{
+    for (const auto &path : {mStateDirectory, mRunDirectory}) {
+        std::filesystem::create_directory(path);
+        std::filesystem::permissions(path, std::filesystem::perms(0770));
+        StartService();
+        EXPECT_EQ(mService->WaitForEnd(), 1);
+        EXPECT_THAT(mService->StandardError(),
+                    HasSubstr("directory " + path.string() + ": it has mode 0770 and owner "));
+        std::filesystem::remove_all(path);
+    }
+}
+
 TEST_F(StartTest, ArgumentsAreAnsweredAndStartNothing)
 {
     Process help({PARVANE_PROGRAM, "--help"}, BaseEnvironment(), mFolder.Path());

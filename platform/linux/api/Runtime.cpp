@@ -50,8 +50,15 @@ Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
     PrepareDirectory(settings.mStateDirectory, "state");
     // Its content ends with the process: a start does not wait for the disk because of it.
     PrepareDirectory(settings.mRuntimeDirectory, "run-time", Durability::FileSystem);
-    mLock = std::make_unique<InstanceLock>(settings.mRuntimeDirectory);
-    if (!mLock->IsHeld()) {
+    mLocks.push_back(InstanceLock::OfRunTime(settings.mRuntimeDirectory));
+    if (!mLocks.back().IsHeld()) {
+        mTaken = "run-time directory " + settings.mRuntimeDirectory;
+        return;
+    }
+    mLocks.push_back(InstanceLock::OfState(settings.mStateDirectory));
+    if (!mLocks.back().IsHeld()) {
+        mTaken = "state directory " + settings.mStateDirectory +
+                 ": end it, or set STATE_DIRECTORY to one for this service alone";
         return;
     }
     mParts = std::make_unique<Parts>(settings, mClock, events, std::move(sources), std::move(bus));

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "Alerts.h"
 #include "BluetoothAdapter.h"
@@ -37,11 +39,11 @@ public:
     Runtime(const Runtime &) = delete;
     Runtime &operator=(const Runtime &) = delete;
 
-    /** The runtime that lives; null when there is none, or its process is not the only instance. */
+    /** The runtime that lives; null when there is none, or another process has its directories. */
     static Runtime *Current();
 
-    /** False when another process uses the run-time directory; there are no parts then. */
-    bool IsOnlyInstance() const { return mParts != nullptr; }
+    /** The directory that another process uses, for a message; empty, or there are no parts. */
+    const std::string &TakenDirectory() const { return mTaken; }
 
     PreferenceStore &Preferences() { return mParts->mPreferences; }
     KeyValueStore &Keys() { return mParts->mKeys; }
@@ -72,7 +74,8 @@ private:
     };
 
     SystemClock mClock;
-    std::unique_ptr<InstanceLock> mLock;
+    std::vector<InstanceLock> mLocks;
+    std::string mTaken;
     std::unique_ptr<Parts> mParts;
 };
 

@@ -96,9 +96,8 @@ int RunService(const service_app_callbacks &callbacks, void *userData)
     CurrentLoop loop(callbacks, userData);
     const Settings settings = ReadSettings(ProcessEnvironment);
     Runtime runtime(settings, loop.Events());
-    if (!runtime.IsOnlyInstance()) {
-        LogError("another process uses the run-time directory %s",
-                 settings.mRuntimeDirectory.c_str());
+    if (const std::string &taken = runtime.TakenDirectory(); !taken.empty()) {
+        LogError("another process uses the %s", taken.c_str());
         return ErrorCode::kAlready;
     }
     loop.Run();
@@ -119,7 +118,7 @@ void Exit() noexcept
  *
  * Returns 0 also when create returned false; -22 for bad arguments, -12 without memory, -1 when the
  * call comes from inside another or the system refuses what a loop needs, -114 when another process
- * uses the run-time directory. A setting or path that cannot be used ends the process: one error
+ * uses one of the directories. A setting or path that cannot be used ends the process: one error
  * line, status 1. So do arguments: --help and --version with status 0, others with 2.
  */
 extern "C" int service_app_main(int argc, char **argv, service_app_callbacks *callbacks,

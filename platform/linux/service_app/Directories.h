@@ -9,7 +9,7 @@ namespace ParvanePlatform {
 
 /**
  * Makes sure that a directory can be used: makes it, and what is missing above it, with mode 0700,
- * and checks that files can be made in it.
+ * and checks that files can be made in it, by nobody but the user of this process.
  *
  * @param path     absolute
  * @param purpose  what it is for, for the message: "state" or "run-time"
@@ -20,23 +20,24 @@ void PrepareDirectory(const std::string &path, const std::string &purpose,
                       Durability durability = Durability::Disk);
 
 /**
- * The claim of one process on a run-time directory: a lock on the file "lock" in it. The kernel
- * drops the lock when the process ends, however it ends; the file stays.
+ * The claim of one process on a directory, taken without waiting. The kernel drops the lock when the
+ * process ends, however it ends.
  */
 class InstanceLock
 {
 public:
-    /**
-     * Takes the lock, without waiting.
-     *
-     * @throws StartupError when the lock file cannot be used
-     */
-    explicit InstanceLock(const std::string &runtimeDirectory);
+    /** A lock on the file "lock" in it, which stays. @throws StartupError when it cannot be used */
+    static InstanceLock OfRunTime(const std::string &directory);
+
+    /** A lock on the directory itself: that needs no file, which a full disk may not take. */
+    static InstanceLock OfState(const std::string &directory);
 
     /** False when another process holds the lock. */
     bool IsHeld() const { return mHeld; }
 
 private:
+    InstanceLock(const std::string &path, int flags);
+
     Parvane::UniqueFd mFile;
     bool mHeld = false;
 };

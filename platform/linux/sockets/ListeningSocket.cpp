@@ -61,6 +61,11 @@ ListeningSocket::ListeningSocket(std::string path, const char *owner, const Cloc
     if (!mFd) {
         Refuse(path, errno);
     }
+    struct stat status = {};
+    if (::lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+        throw StartupError("cannot make the socket " + path +
+                           ": something else has its place; move it away");
+    }
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
         Refuse(path, errno);
     }

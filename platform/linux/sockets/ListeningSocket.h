@@ -12,8 +12,8 @@
 namespace ParvanePlatform {
 
 /**
- * A socket on which others connect: a Unix-domain SOCK_SEQPACKET socket of mode 0600. The file of an
- * earlier run is replaced; the file goes with the object. Main-loop thread only.
+ * A socket on which others connect: a Unix-domain SOCK_SEQPACKET socket of mode 0600. The one of an
+ * earlier run is replaced, nothing else is; it goes with the object. Main-loop thread only.
  */
 class ListeningSocket
 {

@@ -278,6 +278,31 @@ TEST_F(ServiceAppTest, SecondInstanceIsToldAndDisturbsNothing)
     EXPECT_EQ(ReadFile(RunTime() + "/link.sock"), "the other one's");
 }
 
+TEST_F(ServiceAppTest, StateDirectoryThatAnotherServiceUsesIsNamed)
+{
+    RunWith([this] {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            const Parvane::UniqueFd state(open(State().c_str(), O_RDONLY | O_CLOEXEC));
+            _exit(flock(state.Get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(WEXITSTATUS(status), EWOULDBLOCK);
+    });
+
+    const Parvane::UniqueFd other(open(State().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(other.Get(), LOCK_EX | LOCK_NB), 0);
+    mEvents.clear();
+    StderrCapture log;
+    EXPECT_EQ(Run(), -114);
+    EXPECT_THAT(mEvents, IsEmpty());
+    EXPECT_EQ(log.Take(), "E platform: another process uses the state directory " + State() +
+                              ": end it, or set STATE_DIRECTORY to one for this service alone\n");
+    EXPECT_FALSE(FileExists(RunTime() + "/link.sock"));
+}
+
 TEST_F(ServiceAppTest, ServiceCanRunAgain)
 {
     RunWith([] { EXPECT_EQ(preference_set_int("k", 5), 0); });
