@@ -56,6 +56,17 @@ TEST_F(ConfigurationTest, ABadValueStopsTheStartAndLeavesNothingBehind)
     EXPECT_FALSE(std::filesystem::exists(mRunDirectory));
 }
 
+TEST_F(ConfigurationTest, ABadRecordingIsToldWithTheLineThatNamesIt)
+{
+    const std::string recording = WriteRecording({"0,77,,,,,,,,", "1000,7x,,,,,,,,"});
+    StartConfigured("# watch\n[replay]\nfiles=recording.csv\n");
+
+    EXPECT_EQ(mService->WaitForEnd(), 1);
+    EXPECT_THAT(mService->StandardError(),
+                HasSubstr(" E platform: " + mPath.string() + ": line 3: [replay] files: " +
+                          recording + ": line 3, column 2 (heart_rate): '7x' is not a"));
+}
+
 TEST_F(ConfigurationTest, AFileThatIsNotThereStopsTheStart)
 {
     StartService({{"PARVANE_PLATFORM_CONF", mPath.string()}});

@@ -32,6 +32,13 @@ int MakeDirectories(const std::string &path, Durability durability = Durability:
  */
 int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content);
 
+/** The text of a file without the byte-order mark that some editors put at its beginning. */
+inline std::string_view WithoutByteOrderMark(std::string_view text)
+{
+    constexpr std::string_view kMark = "\xEF\xBB\xBF";
+    return text.substr(text.starts_with(kMark) ? kMark.size() : 0);
+}
+
 /**
  * Writes to the beginning of a regular file that exists, such as an attribute of sysfs. A symbolic
  * link is not followed.

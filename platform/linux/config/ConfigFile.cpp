@@ -19,8 +19,6 @@ namespace ParvanePlatform {
 
 namespace {
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-
 using KeyFilePtr = std::unique_ptr<GKeyFile, Released<g_key_file_free>>;
 using ErrorPtr = std::unique_ptr<GError, Released<g_error_free>>;
 
@@ -150,9 +148,7 @@ private:
 
 Configuration Reader::Read(std::string_view text)
 {
-    if (text.starts_with(kByteOrderMark)) {
-        text.remove_prefix(kByteOrderMark.size());
-    }
+    text = WithoutByteOrderMark(text);
     if (IsText(text)) {
         const std::vector<std::string_view> lines = LinesOf(text);
         if (LoadKeyFile(lines)) {

@@ -118,10 +118,15 @@ Settings ConfiguredSettings(const Environment &environment, const std::string &s
 {
     const std::string named = Value(environment, "PARVANE_PLATFORM_CONF");
     const std::string &path = named.empty() ? systemFile : named;
-    const Configuration configuration =
-        LoadConfiguration(path, named.empty() ? IfMissing::UseDefaults : IfMissing::Fail,
-                          Value(environment, "PARVANE_TRACE"));
+    const std::string trace = Value(environment, "PARVANE_TRACE");
+    Configuration configuration =
+        LoadConfiguration(path, named.empty() ? IfMissing::UseDefaults : IfMissing::Fail, trace);
     Judge(path, configuration);
+    if (const auto files = configuration.mLines.find({"replay", "files"});
+        files != configuration.mLines.end() && trace.empty()) {
+        configuration.mSettings.mReplay.mNamedBy = ToString(
+            path, {ConfigProblem::Severity::Error, files->second, "", "", "[replay] files: "});
+    }
     return configuration.mSettings;
 }
 

@@ -35,6 +35,8 @@ struct ReplaySettings
 {
     /** In the order in which they are played; empty when there are none. */
     std::vector<std::string> mFiles;
+    /** What names them, as messages begin: "FILE: line 3: [replay] files: "; empty for a variable. */
+    std::string mNamedBy;
     /** How many times faster than recorded they are played. */
     double mSpeed = 1.0;
     /** Whether the first starts over at the end of the last. */

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <filesystem>
 #include <new>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "Files.h"
@@ -53,7 +55,8 @@ void Restart(RecordingRow &row, RestartMark mark)
 class Parser
 {
 public:
-    Parser(const std::string &name, std::string_view text) : mName(PrintablePath(name)), mRest(text)
+    Parser(const std::string &name, std::string_view text)
+        : mName(PrintablePath(name)), mRest(WithoutByteOrderMark(text))
     {}
 
     Recording Parse();
@@ -342,11 +345,15 @@ void Append(Recording &all, Recording added, const std::string &path)
 std::string ReadRecordingFile(const std::string &path, std::size_t maxBytes)
 {
     std::string text;
-    if (const int error = ReadWholeFile(path, maxBytes, text); error != 0) {
-        const bool isOneOfSeveral = maxBytes < kMaxFileBytes;
-        const std::string reason = error == EFBIG && isOneOfSeveral
+    std::error_code failed;
+    // Told before it is read: that takes the memory of a small device for nothing.
+    const bool isTooLong = std::filesystem::is_regular_file(path, failed) &&
+                           std::filesystem::file_size(path, failed) > maxBytes;
+    if (const int error = isTooLong ? EFBIG : ReadWholeFile(path, maxBytes, text); error != 0) {
+        const std::string reason = error != EFBIG ? ErrorText(error)
+                                   : maxBytes < kMaxFileBytes
                                        ? "the recordings have more than 256 MiB together"
-                                       : ErrorText(error);
+                                       : "it is longer than 256 MiB";
         throw StartupError("cannot read the recording " + PrintablePath(path) + ": " + reason);
     }
     return text;

@@ -26,6 +26,15 @@ public:
     }
 };
 
+Recording ReadRecordings(const ReplaySettings &settings)
+{
+    try {
+        return LoadRecordings(settings.mFiles);
+    } catch (const StartupError &failure) {
+        throw StartupError(settings.mNamedBy + failure.what());
+    }
+}
+
 std::shared_ptr<SensorSource> MakeSource(SourceKind kind, const Settings &settings,
                                          const Clock &clock, BusSensorParts *bus)
 {
@@ -34,7 +43,7 @@ std::shared_ptr<SensorSource> MakeSource(SourceKind kind, const Settings &settin
         return std::make_shared<SilentSource>();
     case SourceKind::Replay:
         return std::make_shared<ReplaySource>(
-            LoadRecordings(settings.mReplay.mFiles),
+            ReadRecordings(settings.mReplay),
             ReplayOptions{settings.mReplay.mSpeed, settings.mReplay.mLoop}, clock,
             std::make_unique<LoopTimer>());
     case SourceKind::Iio:

@@ -225,6 +225,14 @@ TEST_F(ConfiguredSettingsTest, VariablesOverrideTheFile)
     EXPECT_EQ(settings.mRuntimeDirectory, "/managed/run");
 }
 
+TEST_F(ConfiguredSettingsTest, WhatNamesTheRecordingsIsKnown)
+{
+    const std::string file = Configure("# recordings\n[replay]\nfiles=a.csv\n");
+    EXPECT_EQ(Read({}, file).mReplay.mNamedBy, file + ": line 3: [replay] files: ");
+    EXPECT_EQ(Read({{"PARVANE_TRACE", "run.csv"}}, file).mReplay.mNamedBy, "");
+    EXPECT_EQ(Read({}, Configure("")).mReplay.mNamedBy, "");
+}
+
 TEST_F(ConfiguredSettingsTest, EmptyVariablesLeaveTheFileItsSay)
 {
     const Settings settings = Read({{"PARVANE_TRACE", ""},

@@ -540,6 +540,32 @@ TEST_F(RecordingsTest, TheyMayNotBeLargerThanOneMay)
                            ": the recordings have more than 256 MiB together");
 }
 
+TEST_F(RecordingsTest, AFileThatIsTooLargeIsRefusedWithoutBeingRead)
+{
+    const std::string path = Write("");
+    std::filesystem::resize_file(path, std::uintmax_t{300} * 1000 * 1000);
+    const auto readBytes = [] {
+        std::ifstream io("/proc/self/io");
+        std::string name;
+        long bytes = -1;
+        io >> name >> bytes;
+        return name == "rchar:" ? bytes : -1;
+    };
+    const long before = readBytes();
+    EXPECT_EQ(Error(), "cannot read the recording " + path + ": it is longer than 256 MiB");
+    EXPECT_LT(readBytes() - before, 1000000);
+}
+
+TEST_F(RecordingsTest, AByteOrderMarkIsNoPartOfTheText)
+{
+    Write("\xEF\xBB\xBF" + Text("0,60,,,,,,,,\n"));
+    EXPECT_THAT(LoadRecordings(mPaths).mRows, SizeIs(1));
+    const std::string path = Write(std::string("\xEF\xBB\xBF") + kNames + "0,6x,,,,,,,,\n");
+    EXPECT_THAT(Error(), HasSubstr(path + ": line 2, column 2 (heart_rate): '6x'"));
+    WriteFile(path, "\xEF\xBB\xBF\xEF\xBB\xBF" + Text("0,60,,,,,,,,\n"));
+    EXPECT_THAT(Error(), HasSubstr(": line 1, column 1: there is no column '\\xEF\\xBB\\xBF# tz"));
+}
+
 TEST_F(RecordingsTest, ThereMustBeOne)
 {
     EXPECT_EQ(Error(), "there is no recording to replay");
