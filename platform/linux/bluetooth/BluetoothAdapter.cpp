@@ -68,14 +68,13 @@ int BluetoothAdapter::LoadOrMake()
         return kOperationFailed;
     }
 
-    std::string made = MakeRandomBluetoothAddress();
-    const int writeError = WriteFileAtomically(mPath, made + '\n', Durability::Disk);
+    mAddress = MakeRandomBluetoothAddress();
+    const int writeError = WriteFileAtomically(mPath, mAddress + '\n', Durability::Disk);
     if (writeError != 0) {
-        LogError("cannot keep the Bluetooth address in %s: %s", mPath.c_str(),
-                 ErrorText(writeError).c_str());
-        return kOperationFailed;
+        // The phone had better have a device for one run than an unknown one.
+        LogError("cannot keep the Bluetooth address in %s: %s; it is %s for this run",
+                 mPath.c_str(), ErrorText(writeError).c_str(), mAddress.c_str());
     }
-    mAddress = std::move(made);
     return 0;
 }
 

@@ -33,10 +33,11 @@ public:
     int Deinitialize();
 
     /**
-     * Gets the address. A kept address that cannot be read as one is replaced, with an error line.
+     * Gets the address. A kept address that is none is replaced, with an error line; one that cannot be
+     * written, because the disk is full, is that of this run, with an error line.
      *
      * @return 0; kNotInitialized; what a real adapter returns; kOperationFailed when a kept address
-     *         cannot be read or made
+     *         cannot be read
      */
     int GetAddress(std::string &address);
 

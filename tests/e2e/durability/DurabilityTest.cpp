@@ -175,14 +175,15 @@ protected:
         }
     }
 
-    void StartOnSmallDisk()
+    void StartOnSmallDisk(const std::string &address = "AA:BB:CC:DD:EE:0F")
     {
         Environment environment = BaseEnvironment();
+        environment["PARVANE_BT_ADDRESS"] = address;
         environment["PARVANE_TRACE"] = WriteRecording(kWalk);
         environment["PATH"] = "/usr/bin:/bin:/usr/sbin:/sbin";
         std::filesystem::create_directory(mStateDirectory);
-        const std::string script = "mount -t tmpfs -o size=256k none '" + mStateDirectory.string() +
-                                   "' && exec '" PARVANE_PROGRAM "'";
+        const std::string script = "mount -t tmpfs -o size=256k,mode=700 none '" +
+                                   mStateDirectory.string() + "' && exec '" PARVANE_PROGRAM "'";
         mService = std::make_unique<Process>(
             std::vector<std::string>{FindProgram("unshare"), "-m", "/bin/sh", "-c", script},
             environment, mFolder.Path());
@@ -228,4 +229,19 @@ TEST_F(FullDiskTest, StepsWaitForRoomWhileEverythingElseIsAnswered)
     const auto push = host.Receive();
     ASSERT_TRUE(push.has_value());
     EXPECT_GT(ValueOf(*push), last);
+}
+
+TEST_F(FullDiskTest, AddressThatCannotBeKeptIsMadeForTheRun)
+{
+    StartOnSmallDisk("");
+    const Host host(LinkPath());
+    ASSERT_TRUE(mService->HasLogged("app_service"));
+    FillDisk();
+
+    const auto list = host.Ask(kListSensors, 5);
+    ASSERT_EQ(list.size(), 5U);
+    const Bytes address(list[0].begin() + 6, list[0].begin() + 12);
+    EXPECT_NE(address, Bytes(6, 0));
+    EXPECT_EQ(host.Ask(kListSensors, 5).at(0), list[0]);
+    EXPECT_TRUE(mService->HasLogged("bluetooth-address: No space left on device; it is "));
 }
