@@ -63,12 +63,13 @@ void ControlServer::OnListenerReady()
     }
     const auto count = ClientCount();
     if (!peer.IsTrusted()) {
-        LogWarning("control: a client of user %u is refused", peer.mUid);
+        mListener.LogRefusal("a client of user " + std::to_string(peer.mUid) + " is refused");
     } else if (count >= kMaxClients) {
-        const std::string reply =
-            ErrorMessage(ControlError::Busy,
-                         std::to_string(count) + " clients are connected, no more are allowed");
+        const std::string reason =
+            std::to_string(count) + " clients are connected, no more are allowed";
+        const std::string reply = ErrorMessage(ControlError::Busy, reason);
         socket.Send(reply.data(), reply.size());
+        mListener.LogRefusal("a client is refused: " + reason);
     } else {
         TakeClient(std::move(socket), peer.mPid);
     }

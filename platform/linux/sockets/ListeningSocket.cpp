@@ -109,6 +109,23 @@ PacketSocket ListeningSocket::Accept()
     return connection;
 }
 
+void ListeningSocket::LogRefusal(const std::string &what)
+{
+    if (mClock.MonotonicUs() >= mQuietUntilUs) {
+        LogWarning("%s: %s", mOwner, what.c_str());
+        mQuietUntilUs = mClock.MonotonicUs() + kQuietMs * 1000;
+    } else if (++mRefused == 1) {
+        mRefusedTimer.Arm(mQuietUntilUs, [this] { LogRefusalCount(); });
+    }
+}
+
+void ListeningSocket::LogRefusalCount()
+{
+    LogWarning("%s: %llu more connections were refused in the last minute", mOwner,
+               static_cast<unsigned long long>(std::exchange(mRefused, 0)));
+    mQuietUntilUs = mClock.MonotonicUs() + kQuietMs * 1000;
+}
+
 void ListeningSocket::OnAcceptFailed(int error)
 {
     if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {

@@ -21,6 +21,9 @@ public:
     /** How long no connection is taken when the system has run out of descriptors or memory. */
     static constexpr std::int64_t kAcceptPauseMs = 1000;
 
+    /** After a log line about refused connections there is none for that long. */
+    static constexpr std::int64_t kQuietMs = 60000;
+
     /**
      * @param owner    whose socket it is, for the log; not copied
      * @param clock    borrowed for the life of the socket
@@ -43,7 +46,14 @@ public:
     /** Takes the next connection, without waiting; empty when there is none that can be used. */
     PacketSocket Accept();
 
+    /**
+     * Logs that a connection was refused, and why; those of the next minute are only counted. A timer
+     * tells their number, and there is none without them.
+     */
+    void LogRefusal(const std::string &what);
+
 private:
+    void LogRefusalCount();
     void OnAcceptFailed(int error);
 
     const char *mOwner;
@@ -53,6 +63,10 @@ private:
     Parvane::UniqueFd mFd;
     LoopSource mSource;
     LoopTimer mPause;
+    /** Refused connections that no log line has told of. */
+    std::uint64_t mRefused = 0;
+    std::int64_t mQuietUntilUs = 0;
+    LoopTimer mRefusedTimer;
 };
 
 } // namespace ParvanePlatform

@@ -52,10 +52,10 @@ void LinkTransport::OnListenerReady()
     const PacketSocket::Peer peer = host.GetPeer();
     if (!peer.IsTrusted()) {
         ++mRefusedHosts;
-        LogWarning("accessory link: a host of user %u is refused", peer.mUid);
+        mListener.LogRefusal("a host of user " + std::to_string(peer.mUid) + " is refused");
     } else if (mHost) {
         ++mRefusedHosts;
-        LogWarning("accessory link: a second host is refused");
+        mListener.LogRefusal("a second host is refused");
     } else {
         mPeer = peer;
         mHost = std::move(host);
