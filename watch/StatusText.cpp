@@ -232,7 +232,9 @@ private:
             text =
                 "on" + Since(subscription) + " by request " + Plain(At(subscription, "request_id"));
         }
-        text += ", source " + Plain(At(item, "source"));
+        const json &problem = At(item, "problem");
+        text +=
+            ", " + (problem.is_string() ? Plain(problem) : "source " + Plain(At(item, "source")));
         if (reading.is_object()) {
             text += ", last " + ValuesText(At(reading, "values")) + " " +
                     LengthText(Whole(At(reading, "age_ms")), true) + " ago";

@@ -132,6 +132,25 @@ TEST_F(ControlTest, StatusSaysWhatKeepsTheHeartRateSensorOnAndSinceWhen)
                 MatchesRegex("[0-9]+-[0-9]+-[0-9]+T[0-9]+:[0-9]+:[0-9]+\\.[0-9]+Z"));
 }
 
+TEST_F(ControlTest, ItemsThatCannotHaveReadingsSayWhy)
+{
+    const std::filesystem::path file = mFolder.Path() / "platform.conf";
+    WriteFile(file, "[sensors]\nheart_rate=ble\ngesture=manual\n");
+    StartAndWait({{"PARVANE_PLATFORM_CONF", file.string()},
+                  {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + (mFolder.Path() / "none").string()}});
+
+    const std::string log = mService->StandardError();
+    EXPECT_THAT(log, HasSubstr(" W platform: pedometer: no source configured\n"));
+    EXPECT_THAT(log, HasSubstr(" W platform: activity: no source configured\n"));
+    EXPECT_THAT(log, HasSubstr(" W platform: heart rate: source ble has no system bus\n"));
+    EXPECT_THAT(log, ::testing::Not(HasSubstr("platform: gesture: ")));
+    EXPECT_EQ(StatusLine("pedometer"), "pedometer   off, no source configured, no readings");
+    EXPECT_EQ(StatusLine("heart rate"),
+              "heart rate  off, source ble has no system bus, no readings");
+    EXPECT_EQ(Item("activity").at("problem"), "no source configured");
+    EXPECT_EQ(Item("gesture").at("problem"), nullptr);
+}
+
 TEST_F(ControlTest, StatusShowsThePreferencesOfTheService)
 {
     StartAndWait({{"PARVANE_TRACE", WriteRecording({"0,,7,7,0,,,,,", "100,,8,8,0,,,,,"})}});

@@ -58,6 +58,17 @@ TEST_F(StatusTextTest, OneLineSaysWhatKeepsAnItemOnAndSinceWhen)
               "ago, 3 readings");
 }
 
+TEST_F(StatusTextTest, AnItemThatCannotHaveReadingsSaysWhy)
+{
+    json item = {{"item", "heart_rate"}, {"source", "none"}, {"delivered", 0}};
+    item["problem"] = "no source configured";
+    EXPECT_EQ(Line(item), "heart rate  off, no source configured, no readings");
+    item["problem"] = "source ble has no system bus\n";
+    EXPECT_EQ(Line(item), "heart rate  off, source ble has no system bus\\x0A, no readings");
+    item["problem"] = nullptr;
+    EXPECT_EQ(Line(item), "heart rate  off, source none, no readings");
+}
+
 TEST_F(StatusTextTest, ADayThatIsNotTodayIsSaid)
 {
     const json subscription = {

@@ -1,9 +1,11 @@
 #include "Runtime.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "ControlCommands.h"
 #include "PowerBackends.h"
+#include "RuntimeLog.h"
 #include "SensorSources.h"
 
 namespace ParvanePlatform {
@@ -33,6 +35,13 @@ Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEve
       mLink(settings.mRuntimeDirectory, mKeys, clock),
       mAlerts(settings, clock, events, mBus.get())
 {
+    for (const ContextManager::ItemStatus &item : mContext.Status()) {
+        if (!item.mProblem.empty()) {
+            std::string name = NameOf(item.mItem);
+            std::replace(name.begin(), name.end(), '_', ' ');
+            LogWarning("%s: %s", name.c_str(), item.mProblem.c_str());
+        }
+    }
     if (settings.mControl) {
         auto commands = std::make_unique<ControlCommands>(
             ControlledParts{clock, mPreferences, mKeys, mContext, mPower, mLink, events,

@@ -161,6 +161,9 @@ std::vector<ContextManager::ItemStatus> ContextManager::Status() const
         ItemStatus status;
         status.mItem = item;
         status.mSource = mSources.KindOf(item);
+        if (const SensorSource *source = mSources.SourceOf(item); source != nullptr) {
+            status.mProblem = source->Problem();
+        }
         if (const auto found = mSubscriptions.find(item); found != mSubscriptions.end()) {
             status.mRequestId = found->second.mReceiver.mRequestId;
             status.mSubscribed = found->second.mSince;

@@ -79,6 +79,8 @@ public:
     {
         ContextItem mItem = ContextItem::Gesture;
         SourceKind mSource = SourceKind::None;
+        /** SensorSource::Problem() of its source. */
+        std::string mProblem;
         /** Set while the item is subscribed. */
         std::optional<int> mRequestId;
         /** When the subscription began. */

@@ -123,8 +123,12 @@ private:
     json Item(const ContextManager::ItemStatus &status) const
     {
         json item = {{"item", NameOf(status.mItem)},     {"number", static_cast<int>(status.mItem)},
-                     {"source", NameOf(status.mSource)}, {"subscription", nullptr},
-                     {"last_reading", nullptr},          {"delivered", status.mDelivered}};
+                     {"source", NameOf(status.mSource)}, {"problem", nullptr},
+                     {"subscription", nullptr},          {"last_reading", nullptr},
+                     {"delivered", status.mDelivered}};
+        if (!status.mProblem.empty()) {
+            item["problem"] = status.mProblem;
+        }
         if (status.mRequestId) {
             item["subscription"] = Since(status.mSubscribed);
             item["subscription"]["request_id"] = *status.mRequestId;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "SensorReading.h"
 
@@ -47,6 +48,9 @@ public:
 
     /** The newest values of an item, started or not; empty while there are none. */
     virtual std::optional<SensorReading> Latest(ContextItem item) const = 0;
+
+    /** Why there can be no reading as things are, for people; empty where there may be one. */
+    virtual std::string Problem() const { return {}; }
 };
 
 } // namespace ParvanePlatform

@@ -24,6 +24,7 @@ public:
     {
         return std::nullopt;
     }
+    std::string Problem() const override { return "no source configured"; }
 };
 
 Recording ReadRecordings(const ReplaySettings &settings)

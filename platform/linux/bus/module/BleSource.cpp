@@ -30,11 +30,12 @@ SensorReading ReadingOf(const HeartRateMeasurement &measurement)
 
 BleSource::BleSource(std::shared_ptr<SystemBus> bus, BleSettings settings, const Clock &clock,
                      std::unique_ptr<Timer> timer)
-    : mSettings(std::move(settings)),
+    : mSystemBus(std::move(bus)),
+      mSettings(std::move(settings)),
       mClock(clock),
       mRetry(clock, std::move(timer)),
       mBus(
-          mRetry, [bus = std::move(bus)] { return bus->Share(); },
+          mRetry, [this] { return mSystemBus->Share(); },
           [this](GDBusConnection *connection) { WatchBluez(connection); }, [this] { OnBusLost(); })
 {}
 
@@ -71,6 +72,11 @@ std::optional<SensorReading> BleSource::Latest(ContextItem item) const
 {
     const bool isFresh = mClock.MonotonicUs() - mLatestUs <= kFreshUs;
     return item == ContextItem::HeartRate && isFresh ? mLatest : std::nullopt;
+}
+
+std::string BleSource::Problem() const
+{
+    return mSystemBus->Connection() != nullptr ? "" : "source ble has no system bus";
 }
 
 void BleSource::WatchBluez(GDBusConnection *connection)

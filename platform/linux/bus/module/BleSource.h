@@ -22,9 +22,10 @@ namespace ParvanePlatform {
  * Heart rate from a Bluetooth strap, through BlueZ.
  *
  * While the item is started: waits for the bus and for BlueZ, each life of which gets a StrapSession
- * (it searches, connects and subscribes), and turns the strap's measurements into readings: the rate, and the peak-to-peak value when there
- * is one; kNotWorn alone when the strap has lost contact with the skin. That something of it is away
- * is no failure. Otherwise it has no timer, no subscription and no call on the bus.
+ * (it searches, connects and subscribes), and turns the strap's measurements into readings: the rate,
+ * and the peak-to-peak value when there is one; kNotWorn alone when the strap has lost contact with
+ * the skin. That something of it is away is no failure. Otherwise it has no timer, no subscription and
+ * no call on the bus.
  *
  * Log lines tell each change of state, across starts, once.
  */
@@ -54,6 +55,9 @@ public:
     /** The strap's newest measurement; empty once it is older than kFreshUs, or the strap is lost. */
     std::optional<SensorReading> Latest(ContextItem item) const override;
 
+    /** Connects to the bus to see whether there is one, which takes half a second at most. */
+    std::string Problem() const override;
+
 private:
     void WatchBluez(GDBusConnection *connection);
     void OnBusLost();
@@ -64,6 +68,7 @@ private:
     void OnStrapLost() override { mLatest.reset(); }
     void OnState(Severity severity, const std::string &state) override;
 
+    const std::shared_ptr<SystemBus> mSystemBus;
     const BleSettings mSettings;
     const Clock &mClock;
     SensorListener *mListener = nullptr;

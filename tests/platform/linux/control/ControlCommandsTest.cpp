@@ -144,6 +144,7 @@ TEST_F(ControlCommandsTest, StatusOfAServiceThatDoesNothing)
     EXPECT_EQ(status.at("items").at(1), json({{"item", "pedometer"},
                                               {"number", 2},
                                               {"source", "none"},
+                                              {"problem", "no source configured"},
                                               {"subscription", nullptr},
                                               {"last_reading", nullptr},
                                               {"delivered", 0}}));
@@ -164,6 +165,7 @@ TEST_F(ControlCommandsTest, StatusTellsWhatKeepsAnItemOnAndWhatItHasReported)
             {{"item", "heart_rate"},
              {"number", 7},
              {"source", "manual"},
+             {"problem", nullptr},
              {"subscription",
               {{"request_id", requestId}, {"since", "2026-01-31T12:34:56.789Z"}, {"for_ms", 2400}}},
              {"last_reading",

@@ -212,8 +212,9 @@ TEST_F(ControlServerTest, SocketIsForTheOwnerAloneAndGoesWithTheServer)
 
 TEST_F(ControlServerTest, SocketOfAnEarlierRunIsReplaced)
 {
+    std::filesystem::create_hard_link(Socket(), mDirectory / "left over");
     mServer.reset();
-    WriteFile(Socket(), "left over");
+    std::filesystem::rename(mDirectory / "left over", Socket());
     Start();
     EXPECT_EQ(RawClient(Socket()).Ask("hello"), "echo hello");
 }

@@ -96,6 +96,7 @@ TEST_F(SensorSourcesTest, ItemsWithoutASensorCanBeStartedAndStaySilent)
         ASSERT_NE(source, nullptr);
         EXPECT_EQ(source->Start(item), 0);
         EXPECT_FALSE(source->Latest(item));
+        EXPECT_EQ(source->Problem(), "no source configured");
         source->Stop(item);
     }
     EXPECT_EQ(sources.Manual(), nullptr);
@@ -116,6 +117,7 @@ TEST_F(SensorSourcesTest, EachItemHasTheSourceOfItsSetting)
     EXPECT_EQ(sources.KindOf(ContextItem::Gesture), SourceKind::None);
     EXPECT_EQ(sources.SourceOf(ContextItem::HeartRate)->Start(ContextItem::Activity), -95);
     EXPECT_EQ(sources.Manual(), sources.SourceOf(ContextItem::Activity));
+    EXPECT_EQ(sources.SourceOf(ContextItem::HeartRate)->Problem(), "");
 }
 
 TEST_F(SensorSourcesTest, SourceIsMadeOnceForAllItsItems)

@@ -249,8 +249,9 @@ TEST_F(LinkSessionTest, SocketIsForTheOwnerAloneAndGoesWithTheLink)
 
 TEST_F(LinkSessionTest, SocketOfAnEarlierRunIsReplaced)
 {
+    std::filesystem::create_hard_link(Socket(), mDirectory / "stale");
     mLink.reset();
-    WriteFile(Socket(), "stale");
+    std::filesystem::rename(mDirectory / "stale", Socket());
     Start();
     EXPECT_EQ(RawHost(Socket()).ConnectError(), 0);
 }

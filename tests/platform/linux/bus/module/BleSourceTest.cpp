@@ -822,8 +822,13 @@ TEST_F(BleSourceTest, BusThatIsRestartedIsConnectedAgain)
 
 TEST_F(BleSourceTest, MachineWithoutABusIsNoFailure)
 {
+    EXPECT_EQ(mSource->Problem(), "");
     mBus->Stop();
     StderrCapture log;
+    EXPECT_TRUE(
+        Eventually([this] { return mSource->Problem() == "source ble has no system bus"; }));
+    log.Take();
+    StderrCapture started;
 
     EXPECT_EQ(mSource->Start(ContextItem::HeartRate), 0);
 
