@@ -46,9 +46,13 @@ std::size_t LengthByFirst(unsigned char first)
     return first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
 }
 
-/** The bytes of the printable character that `text` begins with; 0 when it begins with none. */
+} // namespace
+
 std::size_t PrintableLength(std::string_view text)
 {
+    if (text.empty()) {
+        return 0;
+    }
     constexpr std::array<char32_t, 5> kSmallest{0, 0, 0x80, 0x800, 0x10000};
     constexpr char32_t kLargest = 0x10FFFF;
     const auto first = static_cast<unsigned char>(text.front());
@@ -68,8 +72,6 @@ std::size_t PrintableLength(std::string_view text)
     const bool isValid = character >= kSmallest[length] && character <= kLargest && !isHalfOfAPair;
     return isValid && IsPrintable(character) ? length : 0;
 }
-
-} // namespace
 
 std::string Printable(std::string_view text, std::size_t maxBytes)
 {

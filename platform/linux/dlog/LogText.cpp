@@ -1,6 +1,8 @@
 #include "LogText.h"
 
-#include <array>
+#include <algorithm>
+
+#include "Printable.h"
 
 namespace ParvanePlatform {
 
@@ -31,31 +33,13 @@ bool IsLineTail(std::string_view text)
     return true;
 }
 
-constexpr bool IsControl(unsigned char byte)
-{
-    return byte < 0x20 || byte == 0x7f;
-}
-
-constexpr std::array<bool, 256> MakeSpecialBytes()
-{
-    std::array<bool, 256> isSpecial = {};
-    for (unsigned byte = 0; byte < isSpecial.size(); ++byte) {
-        isSpecial[byte] = IsControl(static_cast<unsigned char>(byte)) || byte == 0xc2;
-    }
-    return isSpecial;
-}
-
-/** The control characters, and the first byte of those that have two. */
-constexpr std::array<bool, 256> kIsSpecial = MakeSpecialBytes();
-
-/** How many bytes `text` has before the first one that may be a control character. */
+/** How many bytes `text` has before the first one that is not plain ASCII. */
 std::size_t PlainLength(std::string_view text)
 {
-    std::size_t length = 0;
-    while (length < text.size() && !kIsSpecial[static_cast<unsigned char>(text[length])]) {
-        ++length;
-    }
-    return length;
+    const auto *const end = std::find_if(text.begin(), text.end(), [](char character) {
+        return character < ' ' || character > '~'; // whether chars have a sign or not
+    });
+    return static_cast<std::size_t>(end - text.begin());
 }
 
 void AddEscaped(LogText &line, unsigned char byte)
@@ -80,14 +64,6 @@ void AddEscaped(LogText &line, unsigned char byte)
     }
 }
 
-/** True when `text` starts with one of the control characters U+0080 to U+009F. */
-bool IsUpperControl(std::string_view text)
-{
-    return text.size() >= 2 && static_cast<unsigned char>(text[0]) == 0xc2 &&
-           static_cast<unsigned char>(text[1]) >= 0x80 &&
-           static_cast<unsigned char>(text[1]) < 0xa0;
-}
-
 } // namespace
 
 void LogText::AddNumber(unsigned value, int width)
@@ -108,7 +84,6 @@ void LogText::AddNumber(unsigned value, int width)
 void LogText::AddMessage(std::string_view text, LogColours colours)
 {
     while (!text.empty()) {
-        // Most of a message is neither a control character nor the beginning of one.
         const std::size_t plain = PlainLength(text);
         Add(text.substr(0, plain));
         text.remove_prefix(plain);
@@ -116,7 +91,7 @@ void LogText::AddMessage(std::string_view text, LogColours colours)
             break;
         }
         std::size_t taken = 1;
-        const auto byte = static_cast<unsigned char>(text.front());
+        const char byte = text.front();
         if (const std::size_t colour = ColourLength(text); colour != 0) {
             taken = colour;
             if (colours == LogColours::Keep) {
@@ -124,14 +99,11 @@ void LogText::AddMessage(std::string_view text, LogColours colours)
             }
         } else if ((byte == '\n' || byte == '\r') && IsLineTail(text)) {
             // The end of the message: dropped.
-        } else if (IsControl(byte)) {
-            AddEscaped(*this, byte);
-        } else if (IsUpperControl(text)) {
-            AddEscaped(*this, byte);
-            AddEscaped(*this, static_cast<unsigned char>(text[1]));
-            taken = 2;
+        } else if (const std::size_t length = Parvane::PrintableLength(text); length != 0) {
+            taken = length;
+            Add(text.substr(0, length));
         } else {
-            Add(text.front());
+            AddEscaped(*this, static_cast<unsigned char>(byte));
         }
         text.remove_prefix(taken);
     }

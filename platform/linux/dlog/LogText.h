@@ -40,8 +40,8 @@ public:
     void AddNumber(unsigned value, int width);
 
     /**
-     * Adds a message so that it stays one line: line ends at its end are dropped, every other control
-     * character becomes \n, \r, \t or \xHH.
+     * Adds a message so that it stays one line: line ends at its end are dropped, everything else that
+     * is not printable (common/Printable.h) becomes \n, \r, \t or \xhh.
      */
     void AddMessage(std::string_view text, LogColours colours);
 

@@ -118,7 +118,16 @@ TEST(LogWriterTest, ControlCharactersInsideDoNotBreakTheLine)
               "2026-01-31T12:34:56.789Z I t\\ng: m\n");
 }
 
-TEST(LogWriterTest, OtherBytesPassUnchanged)
+TEST(LogWriterTest, WhatTurnsTheDirectionOfALineOrIsNoTextIsNotPassedOn)
+{
+    EXPECT_EQ(FormatMessage("a\xE2\x80\xAE"
+                            "b \xE2\x81\xA6"
+                            "c\xE2\x80\x8F"),
+              "a\\xe2\\x80\\xaeb \\xe2\\x81\\xa6c\\xe2\\x80\\x8f\n");
+    EXPECT_EQ(FormatMessage("\xFF gr\xFCn \xE2\x80"), "\\xff gr\\xfcn \\xe2\\x80\n");
+}
+
+TEST(LogWriterTest, PrintableTextPassesUnchanged)
 {
     EXPECT_EQ(FormatMessage("gr\303\274n \302\260C \360\237\221\215"),
               "gr\303\274n \302\260C \360\237\221\215\n");
