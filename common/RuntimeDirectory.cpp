@@ -1,5 +1,9 @@
 #include "RuntimeDirectory.h"
 
+#include <stdexcept>
+
+#include "Printable.h"
+
 namespace Parvane {
 
 std::string ValueOf(const Environment &environment, const char *name)
@@ -8,14 +12,33 @@ std::string ValueOf(const Environment &environment, const char *name)
     return text == nullptr ? "" : text;
 }
 
-std::string RuntimeDirectory(const Environment &environment, const std::string &name)
+bool IsAbsolute(const std::string &path)
 {
-    const std::string directories = ValueOf(environment, "RUNTIME_DIRECTORY");
-    if (std::string first = directories.substr(0, directories.find(':')); !first.empty()) {
-        return first;
+    return path.starts_with('/');
+}
+
+std::string ManagedDirectory(const Environment &environment, const std::string &variable)
+{
+    constexpr std::size_t kMaxQuotedBytes = 200;
+    const std::string value = ValueOf(environment, variable.c_str());
+    std::string path = value.substr(0, value.find(':'));
+    if (!value.empty() && !IsAbsolute(path)) {
+        throw std::runtime_error(variable + " is '" + Printable(value, kMaxQuotedBytes) +
+                                 "': it must be an absolute path");
     }
-    const std::string ofUser = ValueOf(environment, "XDG_RUNTIME_DIR");
-    return (ofUser.empty() ? "/run" : ofUser) + "/" + name;
+    return path;
+}
+
+std::string RuntimeDirectory(const Environment &environment, const std::string &name,
+                             const std::string &configured)
+{
+    if (std::string path = ManagedDirectory(environment, "RUNTIME_DIRECTORY"); !path.empty()) {
+        return path;
+    }
+    if (const std::string ofUser = ValueOf(environment, "XDG_RUNTIME_DIR"); IsAbsolute(ofUser)) {
+        return ofUser + "/" + name;
+    }
+    return configured.empty() ? "/run/" + name : configured;
 }
 
 } // namespace Parvane

@@ -461,7 +461,7 @@ std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string>
         std::ostringstream output;
         app.exit(error, output, output);
         return Ending{ExitCode::Success, output.str(), ""};
-    } catch (const UsageError &error) {
+    } catch (const std::runtime_error &error) { // of words, or of a variable
         return BadUsage(error.what());
     }
 }

@@ -1,9 +1,12 @@
 #include "RuntimeDirectory.h"
 
 #include <map>
+#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "Printable.h"
 
 namespace Parvane {
 namespace {
@@ -34,6 +37,28 @@ TEST(RuntimeDirectoryTest, EmptyVariablesCountAsNotSet)
 {
     EXPECT_EQ(DirectoryWith({{"RUNTIME_DIRECTORY", ""}, {"XDG_RUNTIME_DIR", "/c"}}), "/c/service");
     EXPECT_EQ(DirectoryWith({{"RUNTIME_DIRECTORY", ""}, {"XDG_RUNTIME_DIR", ""}}), "/run/service");
+}
+
+TEST(RuntimeDirectoryTest, WhatIsConfiguredGoesBeforeTheSystemsOnly)
+{
+    EXPECT_EQ(RuntimeDirectory([](const char *) { return ""; }, "service", "/configured"),
+              "/configured");
+    EXPECT_EQ(RuntimeDirectory([](const char *) { return "/set"; }, "service", "/configured"),
+              "/set");
+}
+
+TEST(RuntimeDirectoryTest, RelativePathsOfTheUserAreIgnoredAndOfTheManagerRefused)
+{
+    EXPECT_EQ(DirectoryWith({{"XDG_RUNTIME_DIR", "run"}}), "/run/service");
+    for (const std::string value : {"run", "run:/b", ":/b", "\x1b"}) {
+        try {
+            DirectoryWith({{"RUNTIME_DIRECTORY", value}, {"XDG_RUNTIME_DIR", "/c"}});
+            FAIL() << value;
+        } catch (const std::runtime_error &failure) {
+            EXPECT_EQ(failure.what(), "RUNTIME_DIRECTORY is '" + Printable(value) +
+                                          "': it must be an absolute path");
+        }
+    }
 }
 
 } // namespace

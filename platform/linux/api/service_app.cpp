@@ -94,7 +94,7 @@ int RunService(const service_app_callbacks &callbacks, void *userData)
 {
     // Before the runtime: a signal during its construction must wait until there is a loop to end.
     CurrentLoop loop(callbacks, userData);
-    const Settings settings = ReadSettings(ProcessEnvironment);
+    const Settings settings = ReadSettings(std::getenv);
     Runtime runtime(settings, loop.Events());
     if (const std::string &taken = runtime.TakenDirectory(); !taken.empty()) {
         LogError("another process uses the %s", taken.c_str());

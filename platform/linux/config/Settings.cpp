@@ -1,7 +1,7 @@
 #include "Settings.h"
 
 #include <array>
-#include <cstdlib>
+#include <stdexcept>
 
 #include "ConfigFile.h"
 #include "ConfigSchema.h"
@@ -11,61 +11,33 @@
 
 namespace ParvanePlatform {
 
+using Parvane::ValueOf;
+
 namespace {
 
 /** A file that was meant for something else must not flood the log. */
 constexpr int kMaxConfigWarnings = 20;
 
-std::string Value(const Environment &environment, const std::string &name)
-{
-    return environment(name).value_or(std::string());
-}
-
-bool IsAbsolute(const std::string &path)
-{
-    return !path.empty() && path.front() == '/';
-}
-
-/** The first path of a variable that the service manager sets; empty when it is not set. */
-std::string ManagedDirectory(const Environment &environment, const std::string &name)
-{
-    const std::string value = Value(environment, name);
-    std::string path = value.substr(0, value.find(':'));
-    if (!value.empty() && !IsAbsolute(path)) {
-        throw StartupError(name + " is '" + Printable(value) + "': it must be an absolute path");
-    }
-    return path;
-}
-
 std::string StateDirectory(const Environment &environment, const std::string &configured)
 {
-    if (std::string path = ManagedDirectory(environment, "STATE_DIRECTORY"); !path.empty()) {
+    if (std::string path = Parvane::ManagedDirectory(environment, "STATE_DIRECTORY");
+        !path.empty()) {
         return path;
     }
-    if (const std::string base = Value(environment, "XDG_STATE_HOME"); IsAbsolute(base)) {
+    if (const std::string base = ValueOf(environment, "XDG_STATE_HOME");
+        Parvane::IsAbsolute(base)) {
         return base + "/parvane";
     }
     if (!configured.empty()) {
         return configured;
     }
-    const std::string home = Value(environment, "HOME");
-    if (!IsAbsolute(home)) {
+    const std::string home = ValueOf(environment, "HOME");
+    if (!Parvane::IsAbsolute(home)) {
         throw StartupError(
             "there is no place for the state: set STATE_DIRECTORY, XDG_STATE_HOME, [directories] "
             "state or HOME to an absolute path");
     }
     return home + "/.local/state/parvane";
-}
-
-std::string RuntimeDirectory(const Environment &environment, const std::string &configured)
-{
-    if (std::string path = ManagedDirectory(environment, "RUNTIME_DIRECTORY"); !path.empty()) {
-        return path;
-    }
-    if (const std::string base = Value(environment, "XDG_RUNTIME_DIR"); IsAbsolute(base)) {
-        return base + "/parvane";
-    }
-    return configured.empty() ? "/run/parvane" : configured;
 }
 
 std::string WithoutTrailingSlashes(std::string path)
@@ -80,7 +52,7 @@ std::string WithoutTrailingSlashes(std::string path)
 void Override(const Environment &environment, const std::string &variable, const ConfigKey &key,
               Settings &settings)
 {
-    const std::string text = Value(environment, variable);
+    const std::string text = ValueOf(environment, variable.c_str());
     if (!text.empty() && !key.mApply({text}, settings)) {
         throw StartupError(variable + " is '" + Printable(text) + "': it must be " + key.mAllowed);
     }
@@ -88,7 +60,7 @@ void Override(const Environment &environment, const std::string &variable, const
 
 bool TraceLoop(const Environment &environment, bool configured)
 {
-    const std::string text = Value(environment, "PARVANE_LOOP");
+    const std::string text = ValueOf(environment, "PARVANE_LOOP");
     if (!text.empty() && text != "0" && text != "1") {
         throw StartupError("PARVANE_LOOP is '" + Printable(text) + "': it must be 0 or 1");
     }
@@ -116,9 +88,9 @@ void Judge(const std::string &path, const Configuration &configuration)
 
 Settings ConfiguredSettings(const Environment &environment, const std::string &systemFile)
 {
-    const std::string named = Value(environment, "PARVANE_PLATFORM_CONF");
+    const std::string named = ValueOf(environment, "PARVANE_PLATFORM_CONF");
     const std::string &path = named.empty() ? systemFile : named;
-    const std::string trace = Value(environment, "PARVANE_TRACE");
+    const std::string trace = ValueOf(environment, "PARVANE_TRACE");
     Configuration configuration =
         LoadConfiguration(path, named.empty() ? IfMissing::UseDefaults : IfMissing::Fail, trace);
     Judge(path, configuration);
@@ -132,12 +104,6 @@ Settings ConfiguredSettings(const Environment &environment, const std::string &s
 
 } // namespace
 
-std::optional<std::string> ProcessEnvironment(const std::string &name)
-{
-    const char *value = std::getenv(name.c_str());
-    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
-}
-
 const char *NameOf(SourceKind kind)
 {
     constexpr std::array kNames = {"none", "replay", "iio", "ble", "manual"};
@@ -147,10 +113,14 @@ const char *NameOf(SourceKind kind)
 Settings ReadSettings(const Environment &environment, const std::string &systemFile)
 {
     Settings settings = ConfiguredSettings(environment, systemFile);
-    settings.mStateDirectory =
-        WithoutTrailingSlashes(StateDirectory(environment, settings.mStateDirectory));
-    settings.mRuntimeDirectory =
-        WithoutTrailingSlashes(RuntimeDirectory(environment, settings.mRuntimeDirectory));
+    try {
+        settings.mStateDirectory =
+            WithoutTrailingSlashes(StateDirectory(environment, settings.mStateDirectory));
+        settings.mRuntimeDirectory = WithoutTrailingSlashes(
+            Parvane::RuntimeDirectory(environment, "parvane", settings.mRuntimeDirectory));
+    } catch (const std::runtime_error &failure) {
+        throw StartupError(failure.what());
+    }
     Override(environment, "PARVANE_SPEED", ConfigKeyOf("replay", "speed"), settings);
     settings.mReplay.mLoop = TraceLoop(environment, settings.mReplay.mLoop);
     Override(environment, "PARVANE_BT_ADDRESS", ConfigKeyOf("bluetooth", "address"), settings);

@@ -1,17 +1,13 @@
 #pragma once
 
-#include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "RuntimeDirectory.h"
+
 namespace ParvanePlatform {
 
-/** Looks a variable of the environment up; empty when it is not set. */
-using Environment = std::function<std::optional<std::string>(const std::string &name)>;
-
-/** The environment of the process. */
-std::optional<std::string> ProcessEnvironment(const std::string &name);
+using Parvane::Environment;
 
 /** Where the readings of an item come from. */
 enum class SourceKind { None, Replay, Iio, Ble, Manual };
@@ -151,9 +147,8 @@ constexpr char kSystemConfigFile[] = "/etc/parvane/platform.conf";
  * one, else the defaults; and over them from the environment, where an empty variable counts as
  * unset. What is odd about the file is logged as warnings.
  *
- * State: the first entry of $STATE_DIRECTORY (a list with colons), $XDG_STATE_HOME/parvane, the
- * file's, $HOME/.local/state/parvane. Run-time files: $RUNTIME_DIRECTORY, $XDG_RUNTIME_DIR/parvane,
- * the file's, /run/parvane. Relative XDG paths are ignored.
+ * State: Parvane::ManagedDirectory() of STATE_DIRECTORY, $XDG_STATE_HOME/parvane unless that is
+ * relative, the file's, $HOME/.local/state/parvane. Run-time files: Parvane::RuntimeDirectory().
  * PARVANE_TRACE, PARVANE_SPEED (kMinTraceSpeed to kMaxTraceSpeed), PARVANE_LOOP (0 or 1) and
  * PARVANE_BT_ADDRESS as their fields say.
  *

@@ -23,9 +23,9 @@ using Variables = std::map<std::string, std::string>;
 Settings Read(Variables variables, const std::string &systemFile = "/dev/shm/no/such/file")
 {
     variables.emplace("HOME", "/home/user");
-    const auto environment = [&variables](const std::string &name) {
+    const auto environment = [&variables](const char *name) {
         const auto found = variables.find(name);
-        return found != variables.end() ? std::optional<std::string>(found->second) : std::nullopt;
+        return found != variables.end() ? found->second.c_str() : nullptr;
     };
     return ReadSettings(environment, systemFile);
 }
