@@ -1,8 +1,7 @@
-#include "Recording.h"
-
 #include <string>
 
 #include "Input.h"
+#include "RecordingReader.h"
 #include "Require.h"
 #include "StartupError.h"
 #include "TestSupport.h"

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <limits>
+#include <sys/stat.h>
 
 namespace {
 
@@ -29,6 +30,8 @@ uint32_t NumberAt(const Bytes &packet, std::size_t offset)
 ServiceFixture::ServiceFixture()
     : mStateDirectory(mFolder.Path() / "state"), mRunDirectory(mFolder.Path() / "run")
 {
+    // The service takes no directory that others may write to.
+    ::umask(S_IWGRP | S_IWOTH);
     // Nothing of how this machine itself is configured reaches the service.
     WriteFile(mFolder.Path() / "no-platform.conf", "");
 }

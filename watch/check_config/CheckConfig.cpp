@@ -9,7 +9,7 @@
 #include "ConfigFile.h"
 #include "ConfigSchema.h"
 #include "MessageText.h"
-#include "Recording.h"
+#include "RecordingReader.h"
 #include "StartupError.h"
 
 namespace ParvaneWatch {

@@ -3,8 +3,6 @@
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <vector>
 
 #include "RecordingFormat.h"
@@ -63,32 +61,5 @@ struct Recording
     /** The first value of each counter. */
     PedometerCounts mFirst;
 };
-
-/**
- * Reads a recording from its text.
- *
- * @param name  what the text is called in messages
- * @throws StartupError "NAME: line N, column N (COLUMN): REASON", the parts that there are; one
- *         printable line, whatever name and text are
- */
-Recording ParseRecording(const std::string &name, std::string_view text);
-
-/**
- * Reads a recording from a file of at most 256 MiB.
- *
- * @throws StartupError that names the path and the reason, also when there is no memory for it, or as
- *         ParseRecording() does
- */
-Recording LoadRecording(const std::string &path);
-
-/**
- * Reads recordings that are played one after the other, as one: each begins where the round of the
- * one before would have ended, and its pedometer goes on from there (GoOnFrom()).
- *
- * @throws StartupError that names the path, as LoadRecording() does; also when there is no path,
- *         when the files have more than 256 MiB together, and when a row would come later than a
- *         recording may last
- */
-Recording LoadRecordings(const std::vector<std::string> &paths);
 
 } // namespace ParvanePlatform

@@ -5,7 +5,7 @@
 #include "IioSource.h"
 #include "LoopSource.h"
 #include "ManualSource.h"
-#include "Recording.h"
+#include "RecordingReader.h"
 #include "ReplaySource.h"
 #include "StartupError.h"
 

@@ -19,6 +19,7 @@
 #include <platform/context_manager.h>
 
 #include "ContextBlock.h"
+#include "RecordingReader.h"
 #include "ReplaySource.h"
 #include "TestSupport.h"
 
@@ -472,7 +473,7 @@ TEST_F(RecordingWriterTest, AnyReadingsComeBackTheSame)
 
 TEST_F(RecordingWriterTest, BundledRecordingComesBackTheSame)
 {
-    const Recording bundled = LoadRecording(PARVANE_RECORDING);
+    const Recording bundled = LoadRecordings({PARVANE_RECORDING});
     const std::vector<Told> original = Player().Play(bundled);
     ASSERT_GT(original.size(), 5000U);
 
@@ -483,7 +484,7 @@ TEST_F(RecordingWriterTest, BundledRecordingComesBackTheSame)
 
 TEST_F(RecordingWriterTest, RecordingOfARecordingIsTheSameText)
 {
-    const std::string first = Player().Record(LoadRecording(PARVANE_RECORDING));
+    const std::string first = Player().Record(LoadRecordings({PARVANE_RECORDING}));
     EXPECT_TRUE(Player().Record(ParseRecording("f.csv", first)) == first);
 }
 

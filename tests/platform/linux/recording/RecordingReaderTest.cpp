@@ -1,4 +1,4 @@
-#include "Recording.h"
+#include "RecordingReader.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -89,7 +89,7 @@ std::vector<double> PedometerOf(const RecordingRow &row)
 
 } // namespace
 
-TEST(RecordingTest, RowsAreReadWithWhatTheyHave)
+TEST(RecordingReaderTest, RowsAreReadWithWhatTheyHave)
 {
     const Recording recording =
         ParseRecording("f.csv", Text("0,-3,0,,,0.00,,,1,\n1000,,7,2,5,8.25,1.5,12.74,,4\n"));
@@ -113,7 +113,7 @@ TEST(RecordingTest, RowsAreReadWithWhatTheyHave)
     EXPECT_EQ(second.mKnownPedometer, 0b111111);
 }
 
-TEST(RecordingTest, EmptyCellKeepsTheLastValue)
+TEST(RecordingReaderTest, EmptyCellKeepsTheLastValue)
 {
     const Recording recording =
         ParseRecording("f.csv", Text("0,,5,,,1.5,,3.5,,\n1000,60,,,,,,,,\n2000,,9,,,,,,,\n"));
@@ -123,7 +123,7 @@ TEST(RecordingTest, EmptyCellKeepsTheLastValue)
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b101001);
 }
 
-TEST(RecordingTest, OrderOfColumnsAndLineEndsAreFree)
+TEST(RecordingReaderTest, OrderOfColumnsAndLineEndsAreFree)
 {
     const Recording recording = ParseRecording(
         "f.csv", "#c\r\nspeed,gesture,activity,calories_kcal,distance_m,run_steps,walk_steps,"
@@ -135,7 +135,7 @@ TEST(RecordingTest, OrderOfColumnsAndLineEndsAreFree)
     EXPECT_THAT(PedometerOf(recording.mRows[1]), ElementsAre(8.0, 0.0, 0.0, 0.0, 0.0, 1.5));
 }
 
-TEST(RecordingTest, RoundEndsOneMedianDistanceAfterTheLastRow)
+TEST(RecordingReaderTest, RoundEndsOneMedianDistanceAfterTheLastRow)
 {
     EXPECT_EQ(ParseRecording("f", Text("0,1,,,,,,,,\n5000,1,,,,,,,,\n6000,1,,,,,,,,\n"
                                        "7000,1,,,,,,,,\n"))
@@ -222,7 +222,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"0,60,,,,,,,,\n\n1,60,,,,,,,,\n", "line 4: the line is empty"},
         Malformed{"", "there are no rows"}));
 
-TEST(RecordingTest, ColumnNamesAreChecked)
+TEST(RecordingReaderTest, ColumnNamesAreChecked)
 {
     EXPECT_EQ(ErrorOf(""), "f.csv: there is no line of column names");
     EXPECT_EQ(ErrorOf("# only\n# comments\n"), "f.csv: there is no line of column names");
@@ -238,19 +238,19 @@ TEST(RecordingTest, ColumnNamesAreChecked)
               "f.csv: line 1: the column gesture is missing");
 }
 
-TEST(RecordingTest, SpeedMayGoDown)
+TEST(RecordingReaderTest, SpeedMayGoDown)
 {
     EXPECT_EQ(ErrorOf(Text("0,,,,,,,9,,\n1,,,,,,,2,,\n")), "no error");
 }
 
-TEST(RecordingTest, FileIsLoaded)
+TEST(RecordingReaderTest, FileIsLoaded)
 {
     const TemporaryDirectory directory;
     WriteFile(directory / "run.csv", Text("0,60,,,,,,,,\n"));
-    EXPECT_EQ(LoadRecording(directory / "run.csv").mRows.size(), 1U);
+    EXPECT_EQ(LoadRecordings({directory / "run.csv"}).mRows.size(), 1U);
 }
 
-TEST(RecordingTest, FurtherColumnsAreReadWhereTheyAre)
+TEST(RecordingReaderTest, FurtherColumnsAreReadWhereTheyAre)
 {
     const Recording recording = ParseRecording("f.csv", FurtherText("0,60,,,,,,,1,,812.5,98,2,\n"
                                                                     "1,,,,,,,,,,-3,,,\n"
@@ -267,7 +267,7 @@ TEST(RecordingTest, FurtherColumnsAreReadWhereTheyAre)
     EXPECT_EQ(recording.mRows[3].Value(kActivityAccuracyColumn), -1);
 }
 
-TEST(RecordingTest, AnyValueOfAnItemMakesARowItsReading)
+TEST(RecordingReaderTest, AnyValueOfAnItemMakesARowItsReading)
 {
     const Recording recording =
         ParseRecording("f.csv", FurtherText("0,,,,,,,,,,800,,,\n0,,,,,,,,,,,98,,\n"
@@ -284,7 +284,7 @@ TEST(RecordingTest, AnyValueOfAnItemMakesARowItsReading)
     }
 }
 
-TEST(RecordingTest, RestartForgetsWhatThePedometerHadTold)
+TEST(RecordingReaderTest, RestartForgetsWhatThePedometerHadTold)
 {
     const Recording recording = ParseRecording(
         "f.csv", FurtherText("0,,90,,,50,,3,,,,,,\n1,,5,,,,,,,,,,,1\n2,,6,,,0.5,,,,,,,,\n"));
@@ -296,7 +296,7 @@ TEST(RecordingTest, RestartForgetsWhatThePedometerHadTold)
     EXPECT_EQ(recording.mRows[2].mKnownPedometer, 0b001001);
 }
 
-TEST(RecordingTest, ForgettingKeepsTheCountersGoingOn)
+TEST(RecordingReaderTest, ForgettingKeepsTheCountersGoingOn)
 {
     const Recording recording = ParseRecording(
         "f.csv", FurtherText("0,,90,,,50,,3,,,,,,\n1,,95,,,,,,,,,,,2\n2,,96,,,50.5,,,,,,,,\n"));
@@ -309,7 +309,7 @@ TEST(RecordingTest, ForgettingKeepsTheCountersGoingOn)
               "f.csv: line 4, column 6 (distance_m): the counter goes down to 49");
 }
 
-TEST(RecordingTest, RestartCountsWhereverItsColumnIs)
+TEST(RecordingReaderTest, RestartCountsWhereverItsColumnIs)
 {
     const std::string names = "restart,t_ms,gesture,activity,speed,calories_kcal,distance_m,"
                               "run_steps,walk_steps,total_steps,heart_rate\n";
@@ -319,7 +319,7 @@ TEST(RecordingTest, RestartCountsWhereverItsColumnIs)
               "f.csv: line 3, column 3 (total_steps): the counter goes down to 5");
 }
 
-TEST(RecordingTest, FurtherColumnsAreCheckedToo)
+TEST(RecordingReaderTest, FurtherColumnsAreCheckedToo)
 {
     EXPECT_EQ(ErrorOf(FurtherText("0,,,,,,,,,,fast,,,\n")),
               "f.csv: line 2, column 11 (peak_to_peak): 'fast' is not a decimal number from "
@@ -336,7 +336,7 @@ TEST(RecordingTest, FurtherColumnsAreCheckedToo)
               "f.csv: line 2: the row has 10 cells instead of 14");
 }
 
-TEST(RecordingTest, ForeignTextIsQuotedInOneShortPrintableLine)
+TEST(RecordingReaderTest, ForeignTextIsQuotedInOneShortPrintableLine)
 {
     EXPECT_EQ(ErrorOf(Text(std::string("0,6\0\x1b[31m\xE4\x80,,,,,,,,\n", 20))),
               "f.csv: line 3, column 2 (heart_rate): '6\\x00\\x1B[31m\\xE4\\x80' is not a whole "
@@ -571,11 +571,11 @@ TEST_F(RecordingsTest, ThereMustBeOne)
     EXPECT_EQ(Error(), "there is no recording to replay");
 }
 
-TEST(RecordingTest, MissingFileIsNamedWithTheReason)
+TEST(RecordingReaderTest, MissingFileIsNamedWithTheReason)
 {
     const TemporaryDirectory directory;
     try {
-        LoadRecording(directory / "none.csv");
+        LoadRecordings({directory / "none.csv"});
         FAIL() << "no error";
     } catch (const StartupError &failure) {
         EXPECT_EQ(failure.what(), "cannot read the recording " + (directory / "none.csv") +
