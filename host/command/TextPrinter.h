@@ -17,7 +17,8 @@ class TextPrinter : public Printer
 public:
     /** Where to look when the watch gives no reading; it says so itself nowhere. */
     static constexpr const char *kWhereToLook =
-        "'parvane-watch status' shows each item's source and last reading; the link tells no more";
+        "is a source configured for it on the watch? 'parvane-watch status' there tells, and its last "
+        "reading";
 
     explicit TextPrinter(TimeStyle style = TimeStyle::Short) : mStyle(style) {}
 

@@ -199,8 +199,8 @@ TEST_F(CommandTest, ASilentWatchIsExitCodeThree)
     EXPECT_EQ(host.ReadOutput(), "");
     EXPECT_EQ(host.ReadErrors(),
               "parvane-host: no answer to the measurement of 'hr' within 0.05 s\n"
-              "parvane-host: 'parvane-watch status' shows each item's source and last reading; "
-              "the link tells no more\n");
+              "parvane-host: is a source configured for it on the watch? 'parvane-watch status' "
+              "there tells, and its last reading\n");
     EXPECT_EQ(host.Wait(), 3);
 }
 
@@ -211,8 +211,9 @@ TEST_F(CommandTest, NoUsableReadingIsExitCodeFourAndSaysWhatToLookAt)
     mWatch.Send(ReadingFor(mWatch.Receive(), 2, kZero));
 
     EXPECT_EQ(host.ReadOutput(), "heart rate: no usable reading\n");
-    EXPECT_EQ(host.ReadErrors(), "parvane-host: 'parvane-watch status' shows each item's source "
-                                 "and last reading; the link tells no more\n");
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: is a source configured for it on the watch? 'parvane-watch status' "
+              "there tells, and its last reading\n");
     EXPECT_EQ(host.Wait(), 4);
 }
 
@@ -311,8 +312,9 @@ TEST_F(CommandTest, WatchingHeartRateMeasuresAgainAndAgain)
     }
     host.Signal(SIGTERM);
 
-    EXPECT_EQ(host.ReadErrors(), "parvane-host: 'parvane-watch status' shows each item's source "
-                                 "and last reading; the link tells no more\n")
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: is a source configured for it on the watch? 'parvane-watch status' "
+              "there tells, and its last reading\n")
         << "once";
     EXPECT_EQ(host.Wait(), 0);
 }
