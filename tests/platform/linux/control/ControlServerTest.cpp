@@ -276,9 +276,15 @@ TEST_F(ControlServerTest, TheNinthClientIsToldThatThereAreEightAndClosed)
     EXPECT_EQ(error.Code(), "busy");
     EXPECT_EQ(error.Message(), "8 clients are connected, no more are allowed");
     EXPECT_EQ(ninth.Receive(), "end");
+    mClock.mMonotonicUs = g_get_monotonic_time(); // so that the count of the others is not due yet
+    EXPECT_EQ(ErrorOf(RawClient(Socket()).Receive()).Code(), "busy");
+    EXPECT_EQ(ErrorOf(RawClient(Socket()).Receive()).Code(), "busy");
 
     clients.pop_back();
     EXPECT_EQ(RawClient(Socket()).Ask("hello"), "echo hello");
+    const std::string refused = "W platform: control: a client is refused: 8 clients are "
+                                "connected, no more are allowed\n";
+    EXPECT_EQ(mLog.Take(), refused + refused);
 }
 
 TEST_F(ControlServerTest, AMessageThatIsTooLongOrEmptyIsRefusedAndTheConnectionStays)
