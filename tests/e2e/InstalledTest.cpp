@@ -13,6 +13,7 @@
 using nlohmann::json;
 using ::testing::Contains;
 using ::testing::Each;
+using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 namespace fs = std::filesystem;
@@ -109,6 +110,30 @@ TEST_F(InstalledTest, TheServiceLoadsItsLibraryAndItsModuleFromWhereItIsInstalle
     EXPECT_EQ(mService->WaitForEnd(), 0);
 }
 
+// The module is a package of its own.
+TEST_F(InstalledTest, AServiceWithoutTheModuleSaysWhoHasIt)
+{
+    for (const auto &entry : fs::recursive_directory_iterator(mPrefix)) {
+        if (entry.path().filename() == "parvane-platform-bus.so") {
+            fs::remove(entry.path());
+            break;
+        }
+    }
+    const fs::path configuration = mFolder.Path() / "platform.conf";
+    WriteFile(configuration, "[power]\nlock=auto\n");
+    Environment environment = BaseEnvironment();
+    environment["PARVANE_PLATFORM_CONF"] = configuration;
+    Process asking({Installed("parvane")}, environment, mFolder.Path());
+    EXPECT_EQ(asking.WaitForEnd(), 1);
+    EXPECT_THAT(asking.StandardError(),
+                HasSubstr("parvane-platform-bus.so is missing, which the "
+                          "configuration asks for: the package parvane-bluetooth has it"));
+
+    mService = std::make_unique<Process>(std::vector<std::string>{Installed("parvane")},
+                                         BaseEnvironment(), mFolder.Path());
+    EXPECT_TRUE(mService->HasLogged("app_service")) << mService->StandardError();
+}
+
 TEST_F(InstalledTest, WhatAUserAndTheSystemLookForIsThere)
 {
     for (const char *file :
@@ -120,7 +145,8 @@ TEST_F(InstalledTest, WhatAUserAndTheSystemLookForIsThere)
           "share/zsh/site-functions/_parvane-host", "share/zsh/site-functions/_parvane-watch",
           "share/fish/vendor_completions.d/parvane-host.fish",
           "share/fish/vendor_completions.d/parvane-watch.fish",
-          "share/man/man5/parvane-platform.conf.5",
+          "share/man/man5/parvane-platform.conf.5", "share/man/man8/parvane.8",
+          "share/pkgconfig/parvane-platform.pc",
           "share/doc/parvane/parvane.service.d/wake-lock.conf", "share/doc/parvane/LICENSE",
           "include/parvane/platform/context_manager.h"}) {
         EXPECT_TRUE(fs::is_regular_file(mPrefix / file)) << file;

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <new>
 #include <string>
+#include <system_error>
 
 #include "StartupError.h"
 
@@ -49,8 +50,15 @@ bool NeedsBus(const Settings &settings)
 
 std::unique_ptr<BusParts> LoadBusParts()
 {
+    const std::filesystem::path path = ModulePath();
     // For good: GIO cannot be unloaded.
-    void *module = ::dlopen(ModulePath().c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    void *module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    std::error_code ignored;
+    if (module == nullptr && !std::filesystem::exists(path, ignored)) {
+        throw StartupError(path.string() +
+                           " is missing, which the configuration asks for: the package " +
+                           "parvane-bluetooth has it");
+    }
     if (module == nullptr) {
         Refuse();
     }

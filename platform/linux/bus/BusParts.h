@@ -34,7 +34,7 @@ bool NeedsBus(const Settings &settings);
 /**
  * Loads the module, which lies beside the platform's library.
  *
- * @throws StartupError that names the module and what the loader says
+ * @throws StartupError that names the module and what the loader says, or who has it when it is missing
  */
 std::unique_ptr<BusParts> LoadBusParts();
 
