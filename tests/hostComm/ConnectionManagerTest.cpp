@@ -856,9 +856,13 @@ TEST_F(ConnectionManagerTest, ListenerThatRunsOutOfMemoryEndsAtTheLink)
 {
     ConnectHost();
     mListener.mInsideReceived = [] { throw std::bad_alloc(); };
+    mPlatform.TakeLog();
 
     mPlatform.DeliverFromHost({1});
     mListener.mInsideReceived = nullptr;
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(ErrorLine("ConnectionManager: TALNotiOnDataReceived(*)",
+                                      "packet dropped [std::bad_alloc]")));
     mPlatform.DeliverFromHost({2});
 
     EXPECT_THAT(mListener.mReceived, ElementsAre(Bytes{1}, Bytes{2}));

@@ -15,6 +15,7 @@
 namespace Parvane {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -251,6 +252,9 @@ TEST_F(ContextActivitySensorTest, ReadingIsDroppedWhenMemoryHasRunOut)
     mPlatform.FailAllocation(1);
     mPlatform.DeliverContext(23, {{CONTEXT_ACTIVITY_STATUS, 2}}, 5000);
     EXPECT_TRUE(mPlatform.StopFailingAllocations());
+    EXPECT_THAT(mPlatform.TakeLog(),
+                Contains(ErrorLine("ContextActivitySensor: OnContextChanged(*)",
+                                   "reading dropped [std::bad_alloc]")));
 
     EXPECT_THAT(mListner->mUpdated, IsEmpty());
 }

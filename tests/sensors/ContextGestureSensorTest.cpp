@@ -15,6 +15,7 @@
 namespace Parvane {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -206,6 +207,8 @@ TEST_F(ContextGestureSensorTest, ReadingIsDroppedWhenMemoryHasRunOut)
     mPlatform.FailAllocation(1);
     mPlatform.DeliverContext(1, {{CONTEXT_MOTION_ACTION, 1}}, 5000);
     EXPECT_TRUE(mPlatform.StopFailingAllocations());
+    EXPECT_THAT(mPlatform.TakeLog(), Contains(ErrorLine("ContextGestureSensor: OnContextChanged(*)",
+                                                        "reading dropped [std::bad_alloc]")));
 
     EXPECT_THAT(mListner->mUpdated, IsEmpty());
 }

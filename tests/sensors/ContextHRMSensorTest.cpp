@@ -15,6 +15,7 @@
 namespace Parvane {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -278,6 +279,8 @@ TEST_F(ContextHRMSensorTest, ReadingIsDroppedWhenMemoryHasRunOut)
     mPlatform.FailAllocation(1);
     mPlatform.DeliverContext(7, {{CONTEXT_HRM_HEART_RATE, 72}});
     EXPECT_TRUE(mPlatform.StopFailingAllocations());
+    EXPECT_THAT(mPlatform.TakeLog(), Contains(ErrorLine("ContextHRMSensor: OnContextChanged(*)",
+                                                        "reading dropped [std::bad_alloc]")));
 
     EXPECT_THAT(mListner->mUpdated, IsEmpty());
     mPlatform.DeliverContext(7, {{CONTEXT_HRM_HEART_RATE, 73}});

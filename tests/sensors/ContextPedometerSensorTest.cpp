@@ -20,6 +20,7 @@
 namespace Parvane {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -421,6 +422,18 @@ TEST_F(ContextPedometerSensorTest, NumbersThatNoCountCanHoldDoNoHarm)
     EXPECT_EQ(12, Last().mTotalStepCount);
 }
 
+TEST_F(ContextPedometerSensorTest, DistanceThatAFloatCannotHoldIsItsLimit)
+{
+    mSensor->Start();
+    mPlatform.DeliverContext(2, Steps(0));
+
+    mPlatform.DeliverContext(2, {{CONTEXT_PEDOMETER_CUMULATIVE_DISTANCE, 1e300}});
+    EXPECT_EQ(std::numeric_limits<float>::max(), Last().mDistance);
+
+    mPlatform.DeliverContext(2, {{CONTEXT_PEDOMETER_CUMULATIVE_DISTANCE, -1e300}});
+    EXPECT_EQ(std::numeric_limits<float>::lowest(), Last().mDistance);
+}
+
 TEST_F(ContextPedometerSensorTest, DifferenceAcrossTheWholeRangeDoesNotOverflow)
 {
     mSensor->Start();
@@ -463,6 +476,9 @@ TEST_F(ContextPedometerSensorTest, ReadingIsDroppedWhenMemoryHasRunOut)
     mPlatform.FailAllocation(1);
     mPlatform.DeliverContext(2, Steps(1000));
     EXPECT_TRUE(mPlatform.StopFailingAllocations());
+    EXPECT_THAT(mPlatform.TakeLog(),
+                Contains(ErrorLine("ContextPedometerSensor: OnContextChanged(*)",
+                                   "reading dropped [std::bad_alloc]")));
 
     EXPECT_THAT(mListner->mUpdated, IsEmpty());
 }
