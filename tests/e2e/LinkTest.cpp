@@ -52,6 +52,22 @@ TEST_F(LinkTest, SecondHostIsClosedAndTheFirstNoticesNothing)
     EXPECT_THAT(first.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
 }
 
+TEST_F(LinkTest, HostsThatAreRefusedAgainAndAgainAreOneLineOfTheLog)
+{
+    StartService();
+    const Host first(LinkPath());
+    ASSERT_THAT(first.Ask(kStopActivity, 1), ElementsAre(kActivityStopped));
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(Host(LinkPath()).IsClosed());
+    }
+    EXPECT_EQ(StopService(), 0);
+
+    const std::string log = mService->StandardError();
+    const std::size_t line = log.find("platform: accessory link: a second host is refused\n");
+    ASSERT_NE(line, std::string::npos);
+    EXPECT_EQ(log.find("refused", line + 50), std::string::npos);
+}
+
 TEST_F(LinkTest, ActivityStaysStartedOverALinkDropUntilStopped)
 {
     StartService({{"PARVANE_TRACE", WriteRecording({"0,,,,,,,,2,", "100,,,,,,,,3,"})}});
