@@ -3,10 +3,13 @@
 import json
 import re
 import subprocess
+from select import select
 
 from blocks import PageError
 from expected import packet_differs, parse_shown, value_differs
 from place import REPLY_SECONDS, Service, end
+
+QUIET_SECONDS = 0.3
 
 
 class Control:
@@ -72,14 +75,15 @@ class Exchange:
 
     def begin(self):
         self.service = Service(self.place, self.block.directives.get("service", "manual"))
-        self.link = self.service.connect(self.protocol.SOCKET)
         self.run("first")
+        self.link = self.service.connect(self.protocol.SOCKET)
 
     def end(self):
-        if self.service:
+        if self.link:
             self.link.close()
+        if self.service:
             end(self.service.process)
-            self.service = None
+        self.service = self.link = None
 
     def run(self, name):
         """Runs the commands of a comment of the block, if it has that one."""
@@ -120,6 +124,10 @@ class Exchange:
                 elif self.protocol.ends_service(text):
                     self.service.process.wait(REPLY_SECONDS)
                     self.end()
+        if self.protocol is Link and select([self.link], [], [], QUIET_SECONDS)[0]:
+            more = self.link.recv(70000)
+            if more:
+                yield f"more comes than is shown: {more!r}"
 
 
 def exchange(place, block, protocol):

@@ -91,6 +91,7 @@ class PagesTest(unittest.TestCase):
         self.assertIn("the page shows", wrong_with(fenced("phone  14 00 00 03\nwatch  14 00 02 03", "")))
         twice = "phone  14 00 00 03\nphone  24 00 00 03\nwatch  14 02 00 03\nwatch  24 02 00 03"
         self.assertEqual("", wrong_with(fenced(twice, "")))
+        self.assertIn("more comes than is shown", wrong_with(fenced("phone  01 00 00 00\n" + twice, "")))
         reading = "watch  12 00 0E 01 11 00 00 00 00 12 34 56 78 00 00 00 00 00"
         self.assertEqual("", wrong_with(fenced(f"phone  12 00 00 01\n{reading}", "")))
 
