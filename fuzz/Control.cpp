@@ -9,6 +9,7 @@
 #include "ControlMessages.h"
 #include "ControlServer.h"
 #include "Input.h"
+#include "LogWriter.h"
 #include "Require.h"
 #include "TestSupport.h"
 
@@ -39,9 +40,9 @@ public:
           mContext(Sources(), mClock),
           mPower(mClock),
           mLink(directory, mKeys, mClock),
-          mCommands(
-              {mClock, mPreferences, mKeys, mContext, mPower, mLink, mEvents, "/state", "/run"})
+          mCommands({mClock, mPreferences, mKeys, mContext, mPower, mLink, mEvents, mSettings})
     {
+        StandardErrorLog().SetFilter({}); // it is the process's
         for (const int item : {1, 2, 7, 23}) {
             int requestId = 0;
             Require(mContext.Subscribe(item, nullptr, Release, nullptr, requestId) == 0,
@@ -52,13 +53,15 @@ public:
     ControlAnswer Answer(std::string_view message) { return mCommands.Answer(message, 4711); }
 
 private:
-    SensorSources Sources() const
+    static Settings MakeSettings()
     {
         Settings settings;
         settings.mSensors = {SourceKind::Manual, SourceKind::Manual, SourceKind::Manual,
                              SourceKind::Manual};
-        return {settings, mClock, nullptr};
+        return settings;
     }
+
+    SensorSources Sources() const { return {mSettings, mClock, nullptr}; }
 
     static void Release(int /*error*/, int /*item*/, context_data *data, void * /*userData*/,
                         int /*requestId*/) noexcept
@@ -66,6 +69,7 @@ private:
         std::free(data);
     }
 
+    const Settings mSettings = MakeSettings();
     ManualClock mClock;
     NoEvents mEvents;
     PreferenceStore mPreferences;

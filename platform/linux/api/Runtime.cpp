@@ -44,8 +44,7 @@ Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEve
     }
     if (settings.mControl) {
         auto commands = std::make_unique<ControlCommands>(
-            ControlledParts{clock, mPreferences, mKeys, mContext, mPower, mLink, events,
-                            settings.mStateDirectory, settings.mRuntimeDirectory});
+            ControlledParts{clock, mPreferences, mKeys, mContext, mPower, mLink, events, settings});
         mControl = std::make_unique<ControlServer>(settings.mRuntimeDirectory, std::move(commands),
                                                    mContext, clock);
     }

@@ -11,7 +11,7 @@ using namespace ParvanePlatform;
  * Writes to standard error, or natively to the journal when standard error is connected to it,
  * whatever the log id; works without the runtime, at any time.
  *
- * Returns the number of bytes written, -22 without a format, or the negated error of the write.
+ * Returns the number of bytes written, 0 for a line that is left out by level or tag, -22 without a format, or the negated error of the write.
  */
 extern "C" int __dlog_print(int /*log_id*/, int priority, const char *tag, const char *format, ...)
 {

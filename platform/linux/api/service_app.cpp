@@ -11,6 +11,7 @@
 
 #include "ErrnoText.h"
 #include "ErrorCode.h"
+#include "LogWriter.h"
 #include "MessageText.h"
 #include "Runtime.h"
 #include "RuntimeLog.h"
@@ -67,15 +68,11 @@ bool AreValid(int argc, char **argv, const service_app_callbacks *callbacks)
     if (argument == "--version") {
         std::printf("%s %s\n", program.c_str(), PARVANE_PLATFORM_VERSION);
     } else if (argument == "--help" || argument == "-h") {
-        std::printf(
-            "Usage: %s [--help | --version]\n"
-            "The sensor service of a watch: answers the phone on the accessory link. It runs "
-            "in the foreground\n"
-            "until SIGTERM or SIGINT, and takes no other arguments.\n\n"
-            "Configuration  %s, or the file that PARVANE_PLATFORM_CONF names\n"
-            "Manual pages   parvane(8), parvane-platform.conf(5)\n"
-            "Look into it   parvane-watch status\n",
-            program.c_str(), kSystemConfigFile);
+        std::printf("Usage: %s [--help | --version]\n"
+                    "The sensor service of a watch, in the foreground until SIGTERM or SIGINT. Its "
+                    "settings are\n%s, or the file that PARVANE_PLATFORM_CONF names, and "
+                    "the\nenvironment: see parvane(8) and parvane-platform.conf(5).\n",
+                    program.c_str(), kSystemConfigFile);
     } else {
         std::fprintf(stderr, "%s: unknown argument %s; it takes none but --help and --version\n",
                      program.c_str(), Printable(argument).c_str());
@@ -95,6 +92,7 @@ int RunService(const service_app_callbacks &callbacks, void *userData)
     // Before the runtime: a signal during its construction must wait until there is a loop to end.
     CurrentLoop loop(callbacks, userData);
     const Settings settings = ReadSettings(std::getenv);
+    StandardErrorLog().SetFilter(settings.mLog);
     Runtime runtime(settings, loop.Events());
     if (const std::string &taken = runtime.TakenDirectory(); !taken.empty()) {
         LogError("another process uses the %s", taken.c_str());

@@ -113,8 +113,7 @@ public:
     Configuration Read(std::string_view text);
 
 private:
-    /** Section and key. */
-    using Name = std::pair<std::string, std::string>;
+    using Name = ConfigName;
     using Severity = ConfigProblem::Severity;
 
     bool IsText(std::string_view text);
@@ -390,7 +389,9 @@ Configuration LoadConfiguration(const std::string &path, IfMissing ifMissing,
         throw StartupError("cannot read the configuration file " + PrintablePath(path) + ": " +
                            reason);
     }
-    return ParseConfiguration(path, text, trace);
+    Configuration configuration = ParseConfiguration(path, text, trace);
+    configuration.mHasFile = error == 0;
+    return configuration;
 }
 
 } // namespace ParvanePlatform

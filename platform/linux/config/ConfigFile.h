@@ -35,8 +35,9 @@ struct Configuration
 {
     /** What is not said has its default; the directories are empty then. */
     Settings mSettings;
-    /** The line of each known key that is there, by section and key; the last one of two. */
-    std::map<std::pair<std::string, std::string>, int> mLines;
+    bool mHasFile = false;
+    /** The line of each known key that is there; the last one of two. */
+    std::map<ConfigName, int> mLines;
     /** In the order of the lines. With an error among them the settings are not to be used. */
     std::vector<ConfigProblem> mProblems;
 

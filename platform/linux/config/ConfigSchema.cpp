@@ -41,7 +41,13 @@ std::string ListOf(const Words<Value> &words)
 template <typename Section, typename Value>
 auto In(Section Settings::*section, Value Section::*setting)
 {
-    return [section, setting](Settings &settings) -> Value & { return settings.*section.*setting; };
+    return [section, setting](auto &all) -> decltype(auto) { return (all.*section.*setting); };
+}
+
+template <typename Field>
+ConfigKey::Show Shown(Field field)
+{
+    return [field](const Settings &settings) { return std::invoke(field, settings); };
 }
 
 /** A key that holds one of some words; `field` gives the setting in the settings. */
@@ -49,6 +55,12 @@ template <typename Value, typename Field>
 ConfigKey Choice(std::string section, std::string name, Words<Value> words, Field field)
 {
     std::string allowed = "one of " + ListOf(words);
+    auto show = [words, field](const Settings &settings) {
+        const auto isChosen = [&](const auto &word) {
+            return word.second == std::invoke(field, settings);
+        };
+        return std::find_if(words.begin(), words.end(), isChosen)->first;
+    };
     auto apply = [words = std::move(words), field](const std::vector<std::string> &value,
                                                    Settings &settings) {
         const auto found = std::find_if(words.begin(), words.end(), [&value](const auto &word) {
@@ -60,7 +72,8 @@ ConfigKey Choice(std::string section, std::string name, Words<Value> words, Fiel
         std::invoke(field, settings) = found->second;
         return true;
     };
-    return {std::move(section), std::move(name), std::move(allowed), std::move(apply)};
+    return {std::move(section), std::move(name), std::move(allowed), std::move(apply),
+            std::move(show)};
 }
 
 template <typename Field>
@@ -75,7 +88,7 @@ ConfigKey Boolean(std::string section, std::string name, Field field)
         std::invoke(field, settings) = isTrue;
         return true;
     };
-    return {std::move(section), std::move(name), "true, false, 1 or 0", apply};
+    return {std::move(section), std::move(name), "true, false, 1 or 0", apply, Shown(field)};
 }
 
 /** A whole number from `least` to `most`, a multiple of `step`; `note` ends what is allowed. */
@@ -94,7 +107,7 @@ ConfigKey Number(std::string section, std::string name, int least, int most, int
     };
     return {std::move(section), std::move(name),
             "a whole number from " + std::to_string(least) + " to " + std::to_string(most) + note,
-            apply};
+            apply, Shown(field)};
 }
 
 /** What a text must be like; returns it as it is kept, empty when it is not like that. */
@@ -155,7 +168,7 @@ ConfigKey Text(std::string section, std::string name, std::string allowed, Norma
         std::invoke(field, settings) = std::move(text);
         return true;
     };
-    return {std::move(section), std::move(name), std::move(allowed), apply};
+    return {std::move(section), std::move(name), std::move(allowed), apply, Shown(field)};
 }
 
 /** A text that may be left empty. */
@@ -227,8 +240,10 @@ std::vector<ConfigKey> SensorKeys()
 
 std::vector<ConfigKey> SourceKeys()
 {
-    return {{"replay", "files", "a list of files with ; between them", ApplyFiles, true},
-            {"replay", "speed", "a decimal number from 0.001 to 100000", ApplySpeed},
+    return {{"replay", "files", "a list of files with ; between them", ApplyFiles,
+             Shown(In(&Settings::mReplay, &ReplaySettings::mFiles)), true},
+            {"replay", "speed", "a decimal number from 0.001 to 100000", ApplySpeed,
+             Shown(In(&Settings::mReplay, &ReplaySettings::mSpeed))},
             Boolean("replay", "loop", In(&Settings::mReplay, &ReplaySettings::mLoop)),
             Text("iio", "root", kPath, AbsolutePath, In(&Settings::mIio, &IioSettings::mRoot)),
             OptionalText("iio", "device", "a device's name, without control characters", DeviceName,
@@ -282,6 +297,13 @@ std::vector<ConfigKey> OtherKeys()
 {
     using Adapter = BluetoothSettings::Adapter;
     const Words<Adapter> adapters = {{"none", Adapter::None}, {"bluez", Adapter::Bluez}};
+    const Words<int> levels = {{"auto", LogFilter::kAutomatic},
+                               {"verbose", 0},
+                               {"debug", 3},
+                               {"info", 4},
+                               {"warning", 5},
+                               {"error", 6},
+                               {"fatal", 7}};
     return {Choice("bluetooth", "adapter", adapters,
                    In(&Settings::mBluetooth, &BluetoothSettings::mAdapter)),
             OptionalText("bluetooth", "name", kAdapter, AdapterName,
@@ -289,6 +311,9 @@ std::vector<ConfigKey> OtherKeys()
             OptionalText("bluetooth", "address", kAddress, Address,
                          In(&Settings::mBluetooth, &BluetoothSettings::mAddress)),
             Boolean("control", "enabled", &Settings::mControl),
+            Choice("log", "level", levels, In(&Settings::mLog, &LogFilter::mLevel)),
+            OptionalText("log", "tags", "tags with , between them", DeviceName,
+                         In(&Settings::mLog, &LogFilter::mTags)),
             OptionalText("directories", "state", kPath, AbsolutePath, &Settings::mStateDirectory),
             OptionalText("directories", "runtime", "an absolute path of at most 94 bytes",
                          SocketDirectory, &Settings::mRuntimeDirectory)};

@@ -4,17 +4,22 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "Settings.h"
 
 namespace ParvanePlatform {
 
+/** A setting; what is chosen of some words is the word. */
+using ConfigValue = std::variant<bool, int, double, std::string, std::vector<std::string>>;
+
 /** One key of the configuration file: what it may hold, and the setting that it is. */
 struct ConfigKey
 {
     /** Sets the setting; false, and nothing is set, when the value is not allowed. */
     using Apply = std::function<bool(const std::vector<std::string> &value, Settings &settings)>;
+    using Show = std::function<ConfigValue(const Settings &settings)>;
 
     std::string mSection;
     std::string mName;
@@ -22,6 +27,7 @@ struct ConfigKey
     std::string mAllowed;
     /** Takes one value, without escapes; a list has any number of them. */
     Apply mApply;
+    Show mShow;
     /** Whether the value is a list with ';' between its elements. */
     bool mIsList = false;
 };

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <stdexcept>
+#include <utility>
 
 #include "ConfigFile.h"
 #include "ConfigSchema.h"
@@ -48,23 +49,38 @@ std::string WithoutTrailingSlashes(std::string path)
     return path;
 }
 
+/** Notes which variable gives a directory, if one does. */
+void NoteOrigin(const Environment &environment, const char *managed, const char *user,
+                const char *key, Settings &settings)
+{
+    if (!ValueOf(environment, managed).empty()) {
+        settings.mOrigins[{"directories", key}] = managed;
+    } else if (Parvane::IsAbsolute(ValueOf(environment, user))) {
+        settings.mOrigins[{"directories", key}] = user;
+    }
+}
+
 /** Lets a variable that is set have its say in place of a key of the file. */
 void Override(const Environment &environment, const std::string &variable, const ConfigKey &key,
               Settings &settings)
 {
     const std::string text = ValueOf(environment, variable.c_str());
-    if (!text.empty() && !key.mApply({text}, settings)) {
+    if (text.empty()) {
+        return;
+    }
+    if (!key.mApply({text}, settings)) {
         throw StartupError(variable + " is '" + Printable(text) + "': it must be " + key.mAllowed);
     }
+    settings.mOrigins[{key.mSection, key.mName}] = variable;
 }
 
-bool TraceLoop(const Environment &environment, bool configured)
+void OverrideLoop(const Environment &environment, Settings &settings)
 {
     const std::string text = ValueOf(environment, "PARVANE_LOOP");
     if (!text.empty() && text != "0" && text != "1") {
         throw StartupError("PARVANE_LOOP is '" + Printable(text) + "': it must be 0 or 1");
     }
-    return text.empty() ? configured : text == "1";
+    Override(environment, "PARVANE_LOOP", ConfigKeyOf("replay", "loop"), settings);
 }
 
 /** Logs the warnings about a file, and refuses it with the first of its errors. */
@@ -99,7 +115,16 @@ Settings ConfiguredSettings(const Environment &environment, const std::string &s
         configuration.mSettings.mReplay.mNamedBy = ToString(
             path, {ConfigProblem::Severity::Error, files->second, "", "", "[replay] files: "});
     }
-    return configuration.mSettings;
+    Settings settings = std::move(configuration.mSettings);
+    settings.mFile = path;
+    settings.mHasFile = configuration.mHasFile;
+    for (const auto &[name, line] : configuration.mLines) {
+        settings.mOrigins[name] = "line " + std::to_string(line);
+    }
+    if (!trace.empty()) {
+        settings.mOrigins[{"replay", "files"}] = "PARVANE_TRACE";
+    }
+    return settings;
 }
 
 } // namespace
@@ -121,8 +146,10 @@ Settings ReadSettings(const Environment &environment, const std::string &systemF
     } catch (const std::runtime_error &failure) {
         throw StartupError(failure.what());
     }
+    NoteOrigin(environment, "STATE_DIRECTORY", "XDG_STATE_HOME", "state", settings);
+    NoteOrigin(environment, "RUNTIME_DIRECTORY", "XDG_RUNTIME_DIR", "runtime", settings);
     Override(environment, "PARVANE_SPEED", ConfigKeyOf("replay", "speed"), settings);
-    settings.mReplay.mLoop = TraceLoop(environment, settings.mReplay.mLoop);
+    OverrideLoop(environment, settings);
     Override(environment, "PARVANE_BT_ADDRESS", ConfigKeyOf("bluetooth", "address"), settings);
     return settings;
 }

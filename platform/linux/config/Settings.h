@@ -1,8 +1,11 @@
 #pragma once
 
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "LogPriority.h"
 #include "RuntimeDirectory.h"
 
 namespace ParvanePlatform {
@@ -116,9 +119,17 @@ struct BluetoothSettings
     bool operator==(const BluetoothSettings &) const = default;
 };
 
+/** A key of the configuration: its section and its name. */
+using ConfigName = std::pair<std::string, std::string>;
+
 /** What the configuration asks of the runtime. */
 struct Settings
 {
+    /** The configuration file that counts, and whether it is there. */
+    std::string mFile;
+    bool mHasFile = false;
+    /** Where each key that has not its default is from: "line 3" of the file, or a variable. */
+    std::map<ConfigName, std::string> mOrigins;
     /** Absolute; kept over restarts. */
     std::string mStateDirectory;
     /** Absolute; for one run. */
@@ -133,6 +144,8 @@ struct Settings
     BluetoothSettings mBluetooth;
     /** Whether there is a control socket. */
     bool mControl = true;
+    /** Section [log]. */
+    LogFilter mLog;
 
     bool operator==(const Settings &) const = default;
 };

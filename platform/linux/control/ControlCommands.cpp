@@ -10,8 +10,10 @@
 #include <string>
 #include <utility>
 
+#include "ConfigSchema.h"
 #include "ControlMessages.h"
 #include "ControlServer.h"
+#include "LogWriter.h"
 #include "ManualSource.h"
 #include "RuntimeLog.h"
 
@@ -129,6 +131,16 @@ public:
         return static_cast<std::size_t>(found - names.begin());
     }
 
+    /** Sets what a member that may be there says, by the rules of a key of the configuration. */
+    void Apply(const char *member, const ConfigKey &key, Settings &settings) const
+    {
+        const auto value = mObject.find(member);
+        if (value != mObject.end() &&
+            !(value->is_string() && key.mApply({value->get<std::string>()}, settings))) {
+            Refuse(member, key.mAllowed);
+        }
+    }
+
     /** A member that is a whole number, as JSON has it without point and exponent. */
     int WholeNumber(const char *member, int smallest, int largest, std::string allowed = "") const
     {
@@ -193,8 +205,8 @@ private:
         return names;
     }
 
-    static constexpr std::array kNames = {"status",  "set",  "link",  "memory",
-                                          "battery", "quit", "record"};
+    static constexpr std::array kNames = {"status", "config",  "log",  "set",   "link",
+                                          "memory", "battery", "quit", "record"};
 
     json mObject;
     std::string mName;
@@ -215,6 +227,13 @@ public:
             request.AllowOnly({});
             return {StatusMessage(mParts, mStart, ControlServer::kMaxReplyBytes), false, nullptr};
         }
+        if (name == "config") {
+            request.AllowOnly({});
+            return {ConfigMessage(mParts.mSettings), false, nullptr};
+        }
+        if (name == "log") {
+            return Log(request);
+        }
         if (name == "set") {
             return Set(request);
         }
@@ -229,6 +248,27 @@ public:
     }
 
 private:
+    /** Changes what is asked for, and tells which lines of the log are written then. */
+    ControlAnswer Log(const Request &request)
+    {
+        request.AllowOnly({"level", "tags"});
+        LogWriter &log = StandardErrorLog();
+        Settings settings;
+        settings.mLog = log.Filter();
+        json told;
+        for (const char *member : {"level", "tags"}) {
+            const ConfigKey &key = ConfigKeyOf("log", member);
+            request.Apply(member, key, settings);
+            told[member] = std::get<std::string>(key.mShow(settings));
+        }
+        if (settings.mLog != log.Filter()) {
+            LogInfo("control: process %d sets the log to %s", mPid, told.dump().c_str());
+            log.SetFilter(settings.mLog);
+        }
+        const json reply = {{"version", kControlVersion}, {"ok", true}, {"log", std::move(told)}};
+        return {reply.dump(), false, nullptr};
+    }
+
     ControlAnswer Set(const Request &request)
     {
         constexpr std::array kItems = {"heart_rate", "steps", "activity", "gesture"};

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -11,7 +9,11 @@
 #include <variant>
 #include <vector>
 
+#include "ConfigSchema.h"
 #include "ControlMessages.h"
+#include "ControlServer.h"
+#include "LinkTransport.h"
+#include "LogText.h"
 
 namespace ParvanePlatform {
 
@@ -19,20 +21,13 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::int64_t kMsPerSecond = 1000;
-
 /** "2026-01-31T12:34:56.789Z" */
 std::string IsoTime(std::int64_t wallMs)
 {
-    const auto seconds = static_cast<std::time_t>(wallMs / kMsPerSecond);
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    std::array<char, 32> day{};
-    std::strftime(day.data(), day.size(), "%Y-%m-%dT%H:%M:%S", &utc);
-    std::array<char, 48> text{};
-    std::snprintf(text.data(), text.size(), "%s.%03dZ", day.data(),
-                  static_cast<int>(wallMs % kMsPerSecond));
-    return text.data();
+    std::array<char, 32> buffer{};
+    LogText text(buffer.data(), buffer.size());
+    text.AddTime(wallMs);
+    return {buffer.data(), text.Needed()};
 }
 
 /** By LinkSession::HostState. */
@@ -191,17 +186,46 @@ std::string StatusMessage(const ControlledParts &parts, const Instant &start, st
     constexpr std::size_t kReserve = 128; // for what stands around the preferences
     const Reporter reporter(parts);
     const LinkSession::LinkStatus link = parts.mLink.Status();
-    json status = {
-        {"time", reporter.Now()},
-        {"service", reporter.Service(start)},
-        {"directories", {{"state", parts.mStateDirectory}, {"runtime", parts.mRuntimeDirectory}}},
-        {"host", reporter.Host(link)},
-        {"link", reporter.Link(link)},
-        {"items", reporter.Items()},
-        {"power_locks", reporter.PowerLocksHeld()}};
+    json status = {{"time", reporter.Now()},
+                   {"service", reporter.Service(start)},
+                   {"directories",
+                    {{"state", parts.mSettings.mStateDirectory},
+                     {"runtime", parts.mSettings.mRuntimeDirectory}}},
+                   {"host", reporter.Host(link)},
+                   {"link", reporter.Link(link)},
+                   {"items", reporter.Items()},
+                   {"power_locks", reporter.PowerLocksHeld()}};
     const std::size_t used = TextOf(status).size() + kReserve;
     AddPreferences(status, parts.mPreferences, maxBytes > used ? maxBytes - used : 0);
     return TextOf({{"version", kControlVersion}, {"ok", true}, {"status", std::move(status)}});
+}
+
+std::string ConfigMessage(const Settings &settings)
+{
+    constexpr std::size_t kLongBytes = 3000; // there are but ten texts, so that a reply holds them
+    json values = json::array();
+    for (const ConfigKey &key : ConfigSchema()) {
+        const auto origin = settings.mOrigins.find({key.mSection, key.mName});
+        const bool isDefault = origin == settings.mOrigins.end();
+        json value;
+        std::visit([&value](const auto &setting) { value = setting; }, key.mShow(settings));
+        if (TextOf(value).size() > kLongBytes) {
+            value = nullptr;
+        }
+        values.push_back({{"section", key.mSection},
+                          {"key", key.mName},
+                          {"value", std::move(value)},
+                          {"from", isDefault ? "default" : origin->second}});
+    }
+    const std::string directory = settings.mRuntimeDirectory + '/';
+    return TextOf({{"version", kControlVersion},
+                   {"ok", true},
+                   {"config",
+                    {{"service", {{"version", PARVANE_PLATFORM_VERSION}}},
+                     {"file", {{"path", settings.mFile}, {"read", settings.mHasFile}}},
+                     {"link_socket", directory + LinkTransport::kSocketName},
+                     {"control_socket", directory + ControlServer::kSocketName},
+                     {"values", std::move(values)}}}});
 }
 
 } // namespace ParvanePlatform

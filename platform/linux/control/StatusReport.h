@@ -11,6 +11,7 @@
 #include "LinkSession.h"
 #include "PowerLocks.h"
 #include "PreferenceStore.h"
+#include "Settings.h"
 
 namespace ParvanePlatform {
 
@@ -24,8 +25,7 @@ struct ControlledParts
     const PowerLocks &mPower;
     LinkSession &mLink;
     LifecycleEvents &mEvents;
-    std::string mStateDirectory;
-    std::string mRuntimeDirectory;
+    const Settings &mSettings;
 };
 
 /**
@@ -35,5 +35,8 @@ struct ControlledParts
  * @param maxBytes  preferences that would make the reply longer are left out and counted
  */
 std::string StatusMessage(const ControlledParts &parts, const Instant &start, std::size_t maxBytes);
+
+/** Makes the reply to "config" (docs/control.md). */
+std::string ConfigMessage(const Settings &settings);
 
 } // namespace ParvanePlatform

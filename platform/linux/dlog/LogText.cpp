@@ -1,6 +1,7 @@
 #include "LogText.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "Printable.h"
 
@@ -65,6 +66,29 @@ void AddEscaped(LogText &line, unsigned char byte)
 }
 
 } // namespace
+
+void LogText::AddTime(std::int64_t wallMs)
+{
+    using std::chrono::floor;
+    const std::chrono::sys_time<std::chrono::milliseconds> now{std::chrono::milliseconds(wallMs)};
+    const auto day = floor<std::chrono::days>(now);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss time(now - day);
+    AddNumber(static_cast<unsigned>(static_cast<int>(date.year())), 4);
+    Add('-');
+    AddNumber(static_cast<unsigned>(date.month()), 2);
+    Add('-');
+    AddNumber(static_cast<unsigned>(date.day()), 2);
+    Add('T');
+    AddNumber(static_cast<unsigned>(time.hours().count()), 2);
+    Add(':');
+    AddNumber(static_cast<unsigned>(time.minutes().count()), 2);
+    Add(':');
+    AddNumber(static_cast<unsigned>(time.seconds().count()), 2);
+    Add('.');
+    AddNumber(static_cast<unsigned>(time.subseconds().count()), 3);
+    Add('Z');
+}
 
 void LogText::AddNumber(unsigned value, int width)
 {

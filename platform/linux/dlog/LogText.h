@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -35,6 +36,9 @@ public:
         }
         mNeeded += text.size();
     }
+
+    /** Adds a time in UTC: "2026-01-31T12:34:56.789Z". */
+    void AddTime(std::int64_t wallMs);
 
     /** Adds decimal digits, at least `width` of them. */
     void AddNumber(unsigned value, int width);

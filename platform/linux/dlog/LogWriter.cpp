@@ -1,12 +1,13 @@
 #include "LogWriter.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include "Clock.h"
 #include "JournalEntry.h"
@@ -45,29 +46,6 @@ char LetterOf(LogPriority priority)
     return '?';
 }
 
-void AddTime(LogText &line, std::int64_t wallMs)
-{
-    using std::chrono::floor;
-    const std::chrono::sys_time<std::chrono::milliseconds> now{std::chrono::milliseconds(wallMs)};
-    const auto day = floor<std::chrono::days>(now);
-    const std::chrono::year_month_day date(day);
-    const std::chrono::hh_mm_ss time(now - day);
-    line.AddNumber(static_cast<unsigned>(static_cast<int>(date.year())), 4);
-    line.Add('-');
-    line.AddNumber(static_cast<unsigned>(date.month()), 2);
-    line.Add('-');
-    line.AddNumber(static_cast<unsigned>(date.day()), 2);
-    line.Add('T');
-    line.AddNumber(static_cast<unsigned>(time.hours().count()), 2);
-    line.Add(':');
-    line.AddNumber(static_cast<unsigned>(time.minutes().count()), 2);
-    line.Add(':');
-    line.AddNumber(static_cast<unsigned>(time.seconds().count()), 2);
-    line.Add('.');
-    line.AddNumber(static_cast<unsigned>(time.subseconds().count()), 3);
-    line.Add('Z');
-}
-
 int WriteOnce(int fd, const char *line, std::size_t size, bool isStream)
 {
     for (;;) {
@@ -94,7 +72,7 @@ std::size_t FormatLogLine(char *line, std::size_t size, std::int64_t wallMs, Log
                           std::string_view tag, std::string_view message, LogColours colours)
 {
     LogText text(line, size);
-    AddTime(text, wallMs);
+    text.AddTime(wallMs);
     text.Add(' ');
     text.Add(LetterOf(priority));
     text.Add(' ');
@@ -105,10 +83,41 @@ std::size_t FormatLogLine(char *line, std::size_t size, std::int64_t wallMs, Log
     return text.Needed();
 }
 
+void LogWriter::SetFilter(const LogFilter &filter)
+{
+    delete std::exchange(mFilter, new LogFilter(filter));
+}
+
+bool LogWriter::IsWritten(LogPriority priority, std::string_view tag) const
+{
+    int least = mFilter != nullptr ? mFilter->mLevel : LogFilter::kAutomatic;
+    if (least == LogFilter::kAutomatic) {
+        least = mTarget == Target::Terminal ? static_cast<int>(LogPriority::Warning) : 0;
+    }
+    if (static_cast<int>(priority) < least) {
+        return false;
+    }
+    std::string_view tags = mFilter != nullptr ? mFilter->mTags : std::string_view();
+    bool isOne = tags.empty() || priority >= LogPriority::Error;
+    while (!isOne && !tags.empty()) {
+        const std::size_t end = std::min(tags.find(','), tags.size());
+        isOne = tags.substr(0, end) == tag;
+        tags.remove_prefix(std::min(end + 1, tags.size()));
+    }
+    return isOne;
+}
+
 int LogWriter::Write(LogPriority priority, const char *tag, const LogPlace *place,
                      const char *format, va_list arguments)
 {
     const int savedErrno = errno;
+    if (mTarget == Target::Unknown) {
+        mTarget = FindTarget();
+        errno = savedErrno;
+    }
+    if (!IsWritten(priority, tag)) {
+        return 0;
+    }
     char shortMessage[kStackBytes];
     va_list again;
     va_copy(again, arguments);
@@ -131,9 +140,6 @@ int LogWriter::Write(LogPriority priority, const char *tag, const LogPlace *plac
     }
     va_end(again);
 
-    if (mTarget == Target::Unknown) {
-        mTarget = FindTarget();
-    }
     // Looked at each time: the descriptor may have been given another meaning.
     const bool isStream = mTarget == Target::Journal && IsJournalStream(mFd);
     int result = isStream ? SendToJournal(priority, tag, place, message) : -ENOTCONN;

@@ -35,11 +35,15 @@ class LogWriter
 public:
     constexpr explicit LogWriter(int fd) : mFd(fd) {}
 
+    /** Says which lines are written from now on. */
+    void SetFilter(const LogFilter &filter);
+    LogFilter Filter() const { return mFilter != nullptr ? *mFilter : LogFilter(); }
+
     /**
-     * Writes one line; keeps errno.
+     * Writes one line if it is one that is written; keeps errno.
      *
      * @param place  where it was logged; null when the message itself may begin with that
-     * @return the number of bytes written, or a negated errno value
+     * @return the number of bytes written, 0 for a line that is left out, or a negated errno value
      */
     int Write(LogPriority priority, const char *tag, const LogPlace *place, const char *format,
               va_list arguments) __attribute__((format(printf, 5, 0)));
@@ -48,11 +52,14 @@ private:
     enum class Target { Unknown, Journal, Terminal, Other };
 
     Target FindTarget() const;
+    bool IsWritten(LogPriority priority, std::string_view tag) const;
     int WriteLine(LogPriority priority, std::string_view tag, std::string_view message,
                   bool isStream) const;
 
     int mFd;
     Target mTarget = Target::Unknown;
+    /** Owned; the last one stays, as lines are logged until the very end. Null: the default. */
+    const LogFilter *mFilter = nullptr;
 };
 
 /** The writer of standard error; works at any time of the process. */

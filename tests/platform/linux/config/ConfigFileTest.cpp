@@ -100,7 +100,7 @@ TEST(ConfigFileTest, UnknownSectionIsOneWarningWithItsLine)
 {
     EXPECT_THAT(ProblemsOf("# c\n\n[sensor]\nheart_rate=fast\nx=y\n[sensor]\n[iio]\n"),
                 ElementsAre("W p.conf: line 3: unknown section [sensor]; known are sensors, "
-                            "replay, iio, ble, power, memory, battery, bluetooth, control, "
+                            "replay, iio, ble, power, memory, battery, bluetooth, control, log, "
                             "directories"));
 }
 

@@ -212,6 +212,24 @@ const std::vector<KeyCase> kCases = {
      [](const Settings &s) { return s.mBluetooth.mAddress; }},
     {"control", "enabled", kBooleans, kBadBooleans, kBooleanAllowed,
      [](const Settings &s) { return Number(s.mControl); }},
+    {"log",
+     "level",
+     {{"auto", "-1"},
+      {"verbose", "0"},
+      {"debug", "3"},
+      {"info", "4"},
+      {"warning", "5"},
+      {"error", "6"},
+      {"fatal", "7"}},
+     {"", "5", "Warning", "all"},
+     "it must be one of auto, verbose, debug, info, warning, error, fatal",
+     [](const Settings &s) { return Number(s.mLog.mLevel); }},
+    {"log",
+     "tags",
+     {{"Parvane", "Parvane"}, {"Parvane,platform", "Parvane,platform"}, {"", ""}},
+     {"a\x01z"},
+     "it must be tags with , between them",
+     [](const Settings &s) { return s.mLog.mTags; }},
     {"directories",
      "state",
      kOptionalPaths,
@@ -224,6 +242,24 @@ const std::vector<KeyCase> kCases = {
      {"run", "/" + std::string(94, 'r')},
      "it must be an absolute path of at most 94 bytes",
      [](const Settings &s) { return s.mRuntimeDirectory; }}};
+
+/** A value as a file would have it. */
+std::vector<std::string> TextOf(const ConfigValue &value)
+{
+    if (const bool *choice = std::get_if<bool>(&value)) {
+        return {*choice ? "true" : "false"};
+    }
+    if (const int *number = std::get_if<int>(&value)) {
+        return {std::to_string(*number)};
+    }
+    if (const double *number = std::get_if<double>(&value)) {
+        return {std::to_string(*number)};
+    }
+    if (const std::string *text = std::get_if<std::string>(&value)) {
+        return {*text};
+    }
+    return std::get<std::vector<std::string>>(value);
+}
 
 } // namespace
 
@@ -274,8 +310,23 @@ TEST(ConfigSchemaTest, HasNoKeyWithoutATestAndNoneTwice)
 
 TEST(ConfigSchemaTest, HasTheSectionsOfTheRuntimesParts)
 {
-    EXPECT_THAT(ConfigSections(), ElementsAre("sensors", "replay", "iio", "ble", "power", "memory",
-                                              "battery", "bluetooth", "control", "directories"));
+    EXPECT_THAT(ConfigSections(),
+                ElementsAre("sensors", "replay", "iio", "ble", "power", "memory", "battery",
+                            "bluetooth", "control", "log", "directories"));
+}
+
+TEST(ConfigSchemaTest, WhatIsShownIsWhatHasBeenSet)
+{
+    for (const KeyCase &test : kCases) {
+        for (const auto &[value, setting] : test.mGood) {
+            const std::string text = "[" + test.mSection + "]\n" + test.mName + "=" + value + "\n";
+            const Settings settings = ParseConfiguration("/p.conf", text, "").mSettings;
+            const ConfigKey &key = ConfigKeyOf(test.mSection, test.mName);
+            Settings again;
+            EXPECT_TRUE(key.mApply(TextOf(key.mShow(settings)), again)) << text;
+            EXPECT_EQ(test.mSetting(again), setting) << text;
+        }
+    }
 }
 
 TEST(ConfigSchemaTest, KnowsEachSensorItem)

@@ -53,6 +53,30 @@ TEST(SettingsTest, DirectoriesComeFromTheServiceManagerFirst)
     EXPECT_EQ(settings.mRuntimeDirectory, "/run/p");
 }
 
+TEST(SettingsTest, WhereEachValueIsFromIsKnown)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory / "p.conf";
+    WriteFile(file, "[replay]\nspeed=2\nloop=true\n[iio]\nperiod_ms=200\n");
+    const Settings settings = Read({{"PARVANE_PLATFORM_CONF", file},
+                                    {"STATE_DIRECTORY", "/a"},
+                                    {"XDG_RUNTIME_DIR", "/xdg"},
+                                    {"PARVANE_LOOP", "0"},
+                                    {"PARVANE_TRACE", "run.csv"}});
+    EXPECT_EQ(settings.mFile, file);
+    EXPECT_TRUE(settings.mHasFile);
+    EXPECT_EQ(settings.mOrigins,
+              (std::map<ConfigName, std::string>{{{"directories", "state"}, "STATE_DIRECTORY"},
+                                                 {{"directories", "runtime"}, "XDG_RUNTIME_DIR"},
+                                                 {{"iio", "period_ms"}, "line 5"},
+                                                 {{"replay", "speed"}, "line 2"},
+                                                 {{"replay", "loop"}, "PARVANE_LOOP"},
+                                                 {{"replay", "files"}, "PARVANE_TRACE"}}));
+    EXPECT_FALSE(settings.mReplay.mLoop);
+    EXPECT_FALSE(Read({}).mHasFile);
+    EXPECT_TRUE(Read({}).mOrigins.empty());
+}
+
 TEST(SettingsTest, FirstDirectoryOfAListCounts)
 {
     EXPECT_EQ(Read({{"STATE_DIRECTORY", "/a:/b"}}).mStateDirectory, "/a");
@@ -296,7 +320,7 @@ TEST_F(ConfiguredSettingsTest, WarningsAreLoggedEachInOneLine)
                   "W platform: " +
                   file +
                   ": line 3: unknown section [what]; known are sensors, replay, iio, ble, power, "
-                  "memory, battery, bluetooth, control, directories\n");
+                  "memory, battery, bluetooth, control, log, directories\n");
     EXPECT_TRUE(settings.mControl);
 }
 

@@ -1,5 +1,6 @@
 #include "ControlCommands.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -13,8 +14,11 @@
 
 #include <platform/context_manager.h>
 
+#include "ConfigSchema.h"
 #include "ControlServer.h"
+#include "LogWriter.h"
 #include "ManualSource.h"
+#include "RuntimeLog.h"
 #include "TestSupport.h"
 
 namespace ParvanePlatform {
@@ -50,17 +54,26 @@ protected:
           mPower(mClock),
           mLink(mDirectory.Path(), mKeys, mClock),
           mCommands(ControlledParts{mClock, mPreferences, mKeys, mContext, mPower, mLink, mEvents,
-                                    "/state", "/run"})
+                                    mSettings})
     {}
 
-    /** As the settings make them: the manual source is known by itself, too. */
-    SensorSources Sources() const
+    static Settings MakeSettings()
     {
         Settings settings;
+        settings.mStateDirectory = "/state";
+        settings.mRuntimeDirectory = "/run";
         settings.mSensors = {SourceKind::Manual, SourceKind::None, SourceKind::Manual,
                              SourceKind::Manual};
-        return {settings, mClock, nullptr};
+        settings.mFile = "/etc/p.conf";
+        settings.mHasFile = true;
+        settings.mOrigins[{"sensors", "heart_rate"}] = "line 2";
+        settings.mOrigins[{"replay", "speed"}] = "PARVANE_SPEED";
+        settings.mReplay.mSpeed = 2.5;
+        return settings;
     }
+
+    /** As the settings make them: the manual source is known by itself, too. */
+    SensorSources Sources() const { return {mSettings, mClock, nullptr}; }
 
     static void Note(int /*error*/, int item, context_data *data, void *userData,
                      int /*requestId*/) noexcept
@@ -110,7 +123,11 @@ protected:
         EXPECT_EQ(Ask(message), json({{"version", 1}, {"ok", true}})) << message;
     }
 
+    /** The filter of the log is the process's: a test that sets it puts it back. */
+    ~ControlCommandsTest() override { StandardErrorLog().SetFilter({}); }
+
     TemporaryDirectory mDirectory;
+    const Settings mSettings = MakeSettings();
     ManualClock mClock;
     NotedEvents mEvents;
     PreferenceStore mPreferences;
@@ -222,10 +239,89 @@ TEST_F(ControlCommandsTest, PreferencesThatCannotBeReadAreNull)
     const TemporaryDirectory other;
     ASSERT_TRUE(std::system(("mkdir " + (other / "preferences.db")).c_str()) == 0);
     PreferenceStore unreadable(other.Path(), mClock);
-    ControlCommands commands(ControlledParts{mClock, unreadable, mKeys, mContext, mPower, mLink,
-                                             mEvents, "/state", "/run"});
+    ControlCommands commands(
+        ControlledParts{mClock, unreadable, mKeys, mContext, mPower, mLink, mEvents, mSettings});
     const json reply = json::parse(commands.Answer(R"({"request":"status"})", 1).mReply);
     EXPECT_EQ(reply.at("status").at("preferences"), nullptr);
+}
+
+TEST_F(ControlCommandsTest, TheConfigurationInForceIsToldWithWhereEachValueIsFrom)
+{
+    const json config = Ask(R"({"request":"config"})").at("config");
+    EXPECT_EQ(config.at("service"), json({{"version", PARVANE_VERSION}}));
+    EXPECT_EQ(config.at("file"), json({{"path", "/etc/p.conf"}, {"read", true}}));
+    EXPECT_EQ(config.at("link_socket"), "/run/link.sock");
+    EXPECT_EQ(config.at("control_socket"), "/run/control.sock");
+    EXPECT_EQ(config.at("values").size(), ConfigSchema().size());
+    const auto has = [&config](const char *section, const char *key, const json &value,
+                               const char *from) {
+        const json entry = {{"section", section}, {"key", key}, {"value", value}, {"from", from}};
+        return std::count(config.at("values").begin(), config.at("values").end(), entry) == 1;
+    };
+    EXPECT_TRUE(has("sensors", "heart_rate", "manual", "line 2"));
+    EXPECT_TRUE(has("sensors", "pedometer", "none", "default"));
+    EXPECT_TRUE(has("replay", "speed", 2.5, "PARVANE_SPEED"));
+    EXPECT_TRUE(has("replay", "files", json::array(), "default"));
+    EXPECT_TRUE(has("iio", "period_ms", 1000, "default"));
+    EXPECT_TRUE(has("control", "enabled", true, "default"));
+    EXPECT_TRUE(has("log", "level", "auto", "default"));
+    EXPECT_TRUE(has("directories", "state", "/state", "default"));
+}
+
+TEST_F(ControlCommandsTest, ALongConfigurationFitsAReply)
+{
+    Settings settings;
+    settings.mReplay.mFiles = {std::string(100000, '\1')};
+    for (std::string *text : {&settings.mIio.mRoot, &settings.mIio.mDevice, &settings.mPower.mRoot,
+                              &settings.mLog.mTags, &settings.mMemory.mPressureFile,
+                              &settings.mBattery.mRoot, &settings.mStateDirectory}) {
+        *text = "/" + std::string(490, '\1');
+    }
+    settings.mFile = std::string(4095, '\1');
+    const std::string reply = ConfigMessage(settings);
+    EXPECT_LE(reply.size(), ControlServer::kMaxReplyBytes);
+    const json values = json::parse(reply).at("config").at("values");
+    EXPECT_EQ(values.at(4).at("value"), nullptr);
+    EXPECT_EQ(values.at(7).at("value"), settings.mIio.mRoot);
+}
+
+TEST_F(ControlCommandsTest, TheLogIsToldAndSteered)
+{
+    const auto log = [this](const std::string &members) {
+        return Ask(R"({"request":"log")" + members + "}").at("log");
+    };
+    EXPECT_EQ(log(""), json({{"level", "auto"}, {"tags", ""}}));
+    EXPECT_EQ(log(R"(,"level":"warning")"), json({{"level", "warning"}, {"tags", ""}}));
+    LogInfo("lost");
+    LogWarning("kept");
+    EXPECT_EQ(log(R"(,"tags":"Parvane,other")"),
+              json({{"level", "warning"}, {"tags", "Parvane,other"}}));
+    LogWarning("lost");
+    LogError("kept");
+    EXPECT_EQ(log(R"(,"level":"verbose","tags":"")"), json({{"level", "verbose"}, {"tags", ""}}));
+    LogInfo("kept");
+
+    EXPECT_EQ(mLog.Take(), "I platform: control: process 4711 sets the log to "
+                           "{\"level\":\"warning\",\"tags\":\"\"}\n"
+                           "W platform: kept\n"
+                           "E platform: kept\n"
+                           "I platform: kept\n");
+}
+
+TEST_F(ControlCommandsTest, ALogThatThereIsNotIsRefused)
+{
+    EXPECT_EQ(Refused(R"({"request":"log","level":"loud"})"),
+              "bad-value: \"level\" is \"loud\"; allowed: one of auto, verbose, debug, info, "
+              "warning, error, fatal");
+    EXPECT_EQ(Refused(R"({"request":"log","level":3})"),
+              "bad-value: \"level\" is 3; allowed: one of auto, verbose, debug, info, warning, "
+              "error, fatal");
+    EXPECT_EQ(Refused(R"({"request":"log","tags":["a"]})"),
+              "bad-value: \"tags\" is an array; allowed: tags with , between them");
+    EXPECT_EQ(Refused(R"({"request":"log","to":"file"})"),
+              "bad-value: \"log\" has no member \"to\"; allowed: version, request, level, tags");
+    EXPECT_EQ(Refused(R"({"request":"config","x":1})"),
+              "bad-value: \"config\" has no member \"x\"; allowed: version, request");
 }
 
 TEST_F(ControlCommandsTest, StatusCountsPowerLocks)
@@ -292,7 +388,8 @@ TEST_F(ControlCommandsTest, RecordStartsARecording)
 
 TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
 {
-    const std::string names = "allowed: status, set, link, memory, battery, quit, record";
+    const std::string names =
+        "allowed: status, config, log, set, link, memory, battery, quit, record";
     const std::string rate =
         "; allowed: a whole number of beats per minute from 0 to 65535, \"off-wrist\"";
     const std::vector<std::pair<std::string, std::string>> cases = {

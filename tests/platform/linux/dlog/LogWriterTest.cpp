@@ -211,11 +211,68 @@ TEST(LogWriterTest, TerminalGetsColours)
     const Parvane::UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY));
     ASSERT_TRUE(terminal);
 
-    EXPECT_EQ(WriteLine(terminal.Get(), "\033[1;35m%s\033[0;m", "###"), 48);
+    LogWriter log(terminal.Get());
+    log.SetFilter({static_cast<int>(LogPriority::Info), ""});
+    EXPECT_EQ(WriteLine(log, "\033[1;35m%s\033[0;m", "###"), 48);
 
     char text[128] = {};
     EXPECT_EQ(read(master.Get(), text, sizeof text - 1), 49); // the terminal adds a '\r'
     EXPECT_STREQ(text + 24, " I tag: \033[1;35m###\033[0;m\r\n");
+}
+
+namespace {
+
+/** The numbers of the priorities, from 0 on, of which a line is written. */
+std::string Written(LogWriter &log, const char *tag, ...)
+{
+    va_list arguments;
+    va_start(arguments, tag);
+    std::string written;
+    for (int priority = 0; priority < 9; ++priority) {
+        const int size =
+            log.Write(static_cast<LogPriority>(priority), tag, nullptr, "m", arguments);
+        written += size > 0 ? std::to_string(priority) : "";
+    }
+    va_end(arguments);
+    return written;
+}
+
+} // namespace
+
+TEST(LogWriterTest, EveryLineIsWrittenUnlessToldOtherwise)
+{
+    const Parvane::UniqueFd file(open("/dev/null", O_WRONLY));
+    LogWriter log(file.Get());
+    EXPECT_EQ(Written(log, "tag"), "012345678");
+    log.SetFilter({0, ""});
+    EXPECT_EQ(Written(log, "tag"), "012345678");
+}
+
+TEST(LogWriterTest, ATerminalGetsWarningsUnlessToldOtherwise)
+{
+    const Parvane::UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_TRUE(master && grantpt(master.Get()) == 0 && unlockpt(master.Get()) == 0);
+    const Parvane::UniqueFd terminal(open(ptsname(master.Get()), O_RDWR | O_NOCTTY));
+    LogWriter log(terminal.Get());
+    EXPECT_EQ(Written(log, "tag"), "5678");
+    log.SetFilter({4, ""});
+    EXPECT_EQ(Written(log, "tag"), "45678");
+}
+
+TEST(LogWriterTest, LinesBelowTheLevelAndOfOtherTagsAreLeftOut)
+{
+    const Parvane::UniqueFd file(open("/dev/null", O_WRONLY));
+    LogWriter log(file.Get());
+    log.SetFilter({6, ""});
+    EXPECT_EQ(Written(log, "tag"), "678");
+    log.SetFilter({LogFilter::kAutomatic, "one,tag"});
+    EXPECT_EQ(Written(log, "tag"), "012345678");
+    EXPECT_EQ(Written(log, "one"), "012345678");
+    EXPECT_EQ(Written(log, "on"), "678");
+    EXPECT_EQ(Written(log, "one,tag"), "678");
+    log.SetFilter({5, "one"});
+    EXPECT_EQ(Written(log, "one"), "5678");
+    EXPECT_EQ(log.Filter(), (LogFilter{5, "one"}));
 }
 
 TEST(LogWriterTest, FailedWriteIsTold)
