@@ -5,8 +5,10 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
+#include "ConfigText.h"
 #include "ControlClient.h"
 #include "Input.h"
 #include "Require.h"
@@ -64,12 +66,13 @@ private:
 
 void CheckStatus(const nlohmann::json &reply)
 {
-    const auto status = reply.find("status");
-    if (status == reply.end()) {
-        return;
-    }
-    for (const std::string &line : StatusText(*status)) {
-        Require(line.find('\n') == std::string::npos, "a line is one line");
+    for (const auto &[member, text] :
+         {std::pair("status", StatusText), {"config", ConfigText}, {"log", LogText}}) {
+        if (const auto report = reply.find(member); report != reply.end()) {
+            for (const std::string &line : text(*report)) {
+                Require(line.find('\n') == std::string::npos, "a line is one line");
+            }
+        }
     }
 }
 

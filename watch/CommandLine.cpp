@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "ControlClient.h"
+#include "ExitCodeText.h"
 #include "Printable.h"
 #include "UnixSocket.h"
 
@@ -23,7 +24,8 @@ using nlohmann::json;
 
 constexpr const char *kProgram = "parvane-watch";
 constexpr const char *kSubcommands =
-    "status, set, steps, activity, gesture, link, memory, battery, quit, record, check-config";
+    "status, config, log, set, steps, activity, gesture, link, memory, battery, quit, record, play, "
+    "check-config";
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
 struct Texts
@@ -33,6 +35,10 @@ struct Texts
     std::optional<std::string> mValue;
     std::optional<std::string> mState;
     std::optional<std::string> mFile;
+    std::optional<std::string> mLevel;
+    std::optional<std::string> mTags;
+    std::optional<std::string> mSeed;
+    std::optional<std::string> mSpeed;
     bool mForce = false;
     bool mJson = false;
 };
@@ -44,17 +50,21 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-constexpr const char *kFooter =
-    "Exit codes:\n"
-    "  0  done\n"
-    "  1  the service has refused it, a file could not be written, or a\n"
-    "     configuration file is one that the service would not start with\n"
-    "  2  bad usage, or a configuration file that cannot be read\n"
-    "  3  the service cannot be reached";
-
 void AddSubcommands(CLI::App &app, Texts &texts)
 {
     CLI::App *status = app.add_subcommand("status", "Say what the service is doing");
+
+    CLI::App *config =
+        app.add_subcommand("config", "Say which settings are in force, and where each is from");
+
+    CLI::App *log = app.add_subcommand("log", "Say or change which lines the service logs");
+    log->add_option("level", texts.mLevel,
+                    "auto, verbose, debug, info, warning, error or fatal;\n"
+                    "auto is verbose, and warning on a terminal");
+    log->add_option("--tags", texts.mTags,
+                    "Below errors only lines with one of these tags, with commas between\n"
+                    "them, as in Parvane,platform; '' is any")
+        ->type_name("TAGS");
 
     CLI::App *set =
         app.add_subcommand("set", "Set what the manual source reports:\n"
@@ -88,13 +98,21 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     record->add_option("file", texts.mFile, "The recording; - is standard output");
     record->add_flag("--force", texts.mForce, "Overwrite a file that exists");
 
+    CLI::App *play =
+        app.add_subcommand("play", "Play a scenario: set the manual source as a script says,\n"
+                                   "to its end or until Ctrl-C");
+    play->add_option("script", texts.mFile, "The script; docs/scenarios.md has its form");
+    play->add_option("--seed", texts.mSeed, "Of the noise: a whole number (default: 1)")
+        ->type_name("N");
+    play->add_option("--speed", texts.mSpeed, "How many times faster (default: 1)")->type_name("X");
+
     CLI::App *check = app.add_subcommand(
         "check-config", "Say what is wrong with a configuration file, without a service;\n"
                         "it would start with a file that is checked with exit code 0");
     check->add_option("file", texts.mFile, "The configuration file");
 
-    for (CLI::App *subcommand :
-         {status, set, steps, activity, gesture, link, memory, battery, quit, record, check}) {
+    for (CLI::App *subcommand : {status, config, log, set, steps, activity, gesture, link, memory,
+                                 battery, quit, record, play, check}) {
         subcommand->footer("The options of 'parvane-watch --help' are allowed here, too.");
     }
 }
@@ -137,6 +155,15 @@ std::int64_t ParseNumber(const std::string &where, const std::optional<std::stri
         }
     }
     throw Wrong(where, "value", text, allowed);
+}
+
+/** Reads a number that is all of a text. */
+template <typename Number>
+bool ParseAll(const std::string &text, Number &number)
+{
+    const char *const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    return parsed.ec == std::errc{} && parsed.ptr == end;
 }
 
 /** @param where  the words of the command line that name the item */
@@ -189,6 +216,38 @@ json StateRequest(const std::string &name, const Texts &texts)
     return {{"request", name}, {"state", state}};
 }
 
+json LogRequest(const Texts &texts)
+{
+    json request = {{"request", "log"}};
+    if (texts.mLevel) {
+        request["level"] = *texts.mLevel; // which there are is the service's to know
+    }
+    if (texts.mTags) {
+        request["tags"] = *texts.mTags;
+    }
+    return request;
+}
+
+Invocation PlayInvocation(const Texts &texts)
+{
+    constexpr double kLeast = 0.001;
+    constexpr double kMost = 100000;
+    Invocation invocation;
+    invocation.mAction = Invocation::Action::Play;
+    invocation.mFile = texts.mFile.value_or("");
+    if (invocation.mFile.empty()) {
+        throw UsageError("play: no script given; allowed: the path of a scenario");
+    }
+    if (texts.mSeed && !ParseAll(*texts.mSeed, invocation.mSeed)) {
+        throw Wrong("play", "seed", texts.mSeed, "a whole number from 0 on");
+    }
+    const bool isNumber = !texts.mSpeed || ParseAll(*texts.mSpeed, invocation.mSpeed);
+    if (!isNumber || !(invocation.mSpeed >= kLeast && invocation.mSpeed <= kMost)) {
+        throw Wrong("play", "speed", texts.mSpeed, "a number from 0.001 to 100000");
+    }
+    return invocation;
+}
+
 std::string CheckedPath(std::string path)
 {
     if (path.empty()) {
@@ -234,9 +293,19 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     invocation.mSocketPath = CheckedPath(
         texts.mSocket ? *texts.mSocket
                       : Parvane::RuntimeDirectory(environment, "parvane") + "/control.sock");
-    if (name == "status") {
-        invocation.mAction = Invocation::Action::Status;
+    if (name == "play") {
+        Invocation play = PlayInvocation(texts);
+        play.mSocketPath = invocation.mSocketPath;
+        play.mJson = invocation.mJson;
+        return play;
+    }
+    if (name == "status" || name == "config") {
+        invocation.mAction =
+            name == "status" ? Invocation::Action::Status : Invocation::Action::Config;
         request = {{"request", name}};
+    } else if (name == "log") {
+        invocation.mAction = Invocation::Action::Log;
+        request = LogRequest(texts);
     } else if (name == "record") {
         if (texts.mFile.value_or("").empty()) {
             throw UsageError("record: no file given; allowed: the path of a file that is made");
@@ -285,7 +354,7 @@ std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string>
     app.require_subcommand(1);
     AddOptions(app, texts);
     AddSubcommands(app, texts);
-    app.footer(kFooter);
+    app.footer(Parvane::kExitCodeText);
 
     try {
         app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));

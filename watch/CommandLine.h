@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <variant>
 #include <vector>
@@ -14,7 +15,10 @@ struct Invocation
 {
     enum class Action {
         Status,
+        Config,
+        Log,
         Request, // whose reply says just whether it was served
+        Play,
         Record,
         CheckConfig, // which needs no service
     };
@@ -22,9 +26,11 @@ struct Invocation
     Action mAction = Action::Status;
     std::string mSocketPath;
     bool mJson = false;
-    std::string mRequest; // of every action that needs the service: its JSON
-    std::string mFile;    // Record, CheckConfig
-    bool mForce = false;  // Record: an existing file may be overwritten
+    std::string mRequest;    // of every action that needs the service, but Play: its JSON
+    std::string mFile;       // Record, Play, CheckConfig
+    bool mForce = false;     // Record: an existing file may be overwritten
+    std::uint64_t mSeed = 1; // Play
+    double mSpeed = 1.0;     // Play: how many times faster
 };
 
 /** A run that is over before it begins: help, version, or wrong usage. */

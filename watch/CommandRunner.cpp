@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "ConfigText.h"
 #include "ErrnoText.h"
 #include "Output.h"
 #include "Printable.h"
@@ -83,13 +84,25 @@ Outcome CommandRunner::Execute()
     if (mInvocation.mAction == Invocation::Action::Request) {
         return mInvocation.mJson ? Print(TextOf(reply) + '\n') : Outcome{};
     }
-    const json status = reply.value("status", json::object());
-    CompareVersions(status);
+    return Show(reply);
+}
+
+Outcome CommandRunner::Show(const json &reply)
+{
+    const bool isStatus = mInvocation.mAction == Invocation::Action::Status;
+    const bool isConfig = mInvocation.mAction == Invocation::Action::Config;
+    const json report =
+        reply.value(isStatus ? "status" : (isConfig ? "config" : "log"), json::object());
+    if (isStatus || isConfig) {
+        CompareVersions(report);
+    }
     if (mInvocation.mJson) {
-        return Print(TextOf(status) + '\n');
+        return Print(TextOf(report) + '\n');
     }
     std::string text;
-    for (const std::string &line : StatusText(status)) {
+    for (const std::string &line : isStatus   ? StatusText(report)
+                                   : isConfig ? ConfigText(report)
+                                              : LogText(report)) {
         text += line + '\n';
     }
     return Print(text);

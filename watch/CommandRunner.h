@@ -33,6 +33,8 @@ public:
 
 private:
     Outcome Execute();
+    /** Prints what a reply tells. */
+    Outcome Show(const nlohmann::json &reply);
     Outcome Record(ControlClient &client);
     /** Takes one message of a recording. @return false when the recording is over */
     bool TakeMessage(const nlohmann::json &message);

@@ -13,6 +13,7 @@
 #include "CommandRunner.h"
 #include "ErrnoText.h"
 #include "Output.h"
+#include "PlayCommand.h"
 #include "Signals.h"
 #include "StandardDescriptors.h"
 
@@ -56,6 +57,9 @@ ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
     auto &invocation = std::get<ParvaneWatch::Invocation>(parsed);
     if (invocation.mAction == ParvaneWatch::Invocation::Action::CheckConfig) {
         return CheckConfig(invocation);
+    }
+    if (invocation.mAction == ParvaneWatch::Invocation::Action::Play) {
+        return ParvaneWatch::PlayScript(invocation, signals);
     }
     ParvaneWatch::CommandRunner runner(std::move(invocation), signals);
     return runner.Run();

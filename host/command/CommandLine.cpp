@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "ExitCodeText.h"
 #include "HexBytes.h"
 #include "JsonPrinter.h"
 #include "Printable.h"
@@ -78,12 +79,7 @@ public:
 std::string Footer()
 {
     std::string text =
-        "Exit codes, the same for the same things as in parvane-watch:\n"
-        "  0  done\n"
-        "  1  a failure of the link or of the output\n"
-        "  2  bad usage\n"
-        "  3  no answer in time, or no service that serves this user\n"
-        "  4  the watch has no usable reading\n"
+        std::string(Parvane::kExitCodeText) +
         "\n"
         "Times are SECONDS with or without an s behind them: 10, 2.5s.\n"
         "\n"

@@ -6,21 +6,34 @@ _parvane_watch()
     local word subcommand= words=
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
-        status | set | steps | activity | gesture | link | memory | battery | quit | record | check-config)
+        status | config | log | set | steps | activity | gesture | link | memory | battery | quit | \
+            record | play | check-config)
             subcommand=$word
             break
             ;;
         esac
     done
     case $previous in
-    --socket | record | --force | check-config)
+    --seed | --speed)
+        return
+        ;;
+    --tags)
+        mapfile -t COMPREPLY < <(compgen -W 'Parvane platform' -- "$current")
+        return
+        ;;
+    --socket | record | --force | play | check-config)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
-        [[ $previous != record || $current != -* ]] && return
+        [[ $previous != record && $previous != play || $current != -* ]] && return
         ;;
     esac
     case $subcommand in
-    '') words='status set steps activity gesture link memory battery quit record check-config --version' ;;
+    '')
+        words='status config log set steps activity gesture link memory battery quit record play'
+        words+=' check-config --version'
+        ;;
+    log) words='auto verbose debug info warning error fatal --tags' ;;
+    play) words='--seed --speed' ;;
     set)
         case $previous in
         set) words='hr steps activity gesture' ;;

@@ -2,6 +2,8 @@
 
 complete -c parvane-watch -f
 complete -c parvane-watch -n __fish_use_subcommand -a status -d 'Say what the service is doing'
+complete -c parvane-watch -n __fish_use_subcommand -a config -d 'Say which settings are in force, and where each is from'
+complete -c parvane-watch -n __fish_use_subcommand -a log -d 'Say or change which lines the service logs'
 complete -c parvane-watch -n __fish_use_subcommand -a set -d 'Set what the manual source reports'
 complete -c parvane-watch -n __fish_use_subcommand -a steps -d 'Short for set steps'
 complete -c parvane-watch -n __fish_use_subcommand -a activity -d 'Short for set activity'
@@ -11,6 +13,7 @@ complete -c parvane-watch -n __fish_use_subcommand -a memory -d 'Tell the servic
 complete -c parvane-watch -n __fish_use_subcommand -a battery -d 'Tell the service that the battery is low'
 complete -c parvane-watch -n __fish_use_subcommand -a quit -d 'End the service in order'
 complete -c parvane-watch -n __fish_use_subcommand -a record -d 'Write every reading of the sensors to a file'
+complete -c parvane-watch -n __fish_use_subcommand -a play -d 'Play a scenario'
 complete -c parvane-watch -n __fish_use_subcommand -a check-config -d 'Say what is wrong with a configuration file'
 
 complete -c parvane-watch -l socket -r -F -d 'The control socket'
@@ -23,4 +26,8 @@ complete -c parvane-watch -n '__fish_seen_subcommand_from activity' -a 'walking 
 complete -c parvane-watch -n '__fish_seen_subcommand_from link' -a 'up down'
 complete -c parvane-watch -n '__fish_seen_subcommand_from memory battery' -a low
 complete -c parvane-watch -n '__fish_seen_subcommand_from record' -l force -d 'Overwrite a file that exists'
-complete -c parvane-watch -n '__fish_seen_subcommand_from record check-config' -F
+complete -c parvane-watch -n '__fish_seen_subcommand_from record play check-config' -F
+complete -c parvane-watch -n '__fish_seen_subcommand_from log' -a 'auto verbose debug info warning error fatal'
+complete -c parvane-watch -n '__fish_seen_subcommand_from log' -l tags -x -a 'Parvane platform' -d 'Only lines with one of these tags'
+complete -c parvane-watch -n '__fish_seen_subcommand_from play' -l seed -x -d 'Of the noise'
+complete -c parvane-watch -n '__fish_seen_subcommand_from play' -l speed -x -d 'How many times faster'

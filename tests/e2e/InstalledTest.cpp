@@ -136,23 +136,34 @@ TEST_F(InstalledTest, AServiceWithoutTheModuleSaysWhoHasIt)
 
 TEST_F(InstalledTest, WhatAUserAndTheSystemLookForIsThere)
 {
-    for (const char *file :
-         {"lib/systemd/system/parvane.service", "lib/sysusers.d/parvane.conf",
-          "share/polkit-1/rules.d/50-parvane.rules", "share/dbus-1/system.d/parvane.conf",
-          "share/man/man1/parvane-host.1", "share/man/man1/parvane-watch.1",
-          "share/bash-completion/completions/parvane-host",
-          "share/bash-completion/completions/parvane-watch",
-          "share/zsh/site-functions/_parvane-host", "share/zsh/site-functions/_parvane-watch",
-          "share/fish/vendor_completions.d/parvane-host.fish",
-          "share/fish/vendor_completions.d/parvane-watch.fish",
-          "share/man/man5/parvane-platform.conf.5", "share/man/man8/parvane.8",
-          "share/pkgconfig/parvane-platform.pc",
-          "share/doc/parvane/parvane.service.d/wake-lock.conf", "share/doc/parvane/LICENSE",
-          "include/parvane/platform/context_manager.h"}) {
+    for (const char *file : {"lib/systemd/system/parvane.service",
+                             "lib/sysusers.d/parvane.conf",
+                             "share/polkit-1/rules.d/50-parvane.rules",
+                             "share/dbus-1/system.d/parvane.conf",
+                             "share/man/man1/parvane-host.1",
+                             "share/man/man1/parvane-watch.1",
+                             "share/bash-completion/completions/parvane-host",
+                             "share/bash-completion/completions/parvane-watch",
+                             "share/zsh/site-functions/_parvane-host",
+                             "share/zsh/site-functions/_parvane-watch",
+                             "share/fish/vendor_completions.d/parvane-host.fish",
+                             "share/fish/vendor_completions.d/parvane-watch.fish",
+                             "share/man/man5/parvane-platform.conf.5",
+                             "share/man/man8/parvane.8",
+                             "share/pkgconfig/parvane-platform.pc",
+                             "share/doc/parvane/wire-format.md",
+                             "share/doc/parvane/control.md",
+                             "share/doc/parvane/storage.md",
+                             "share/doc/parvane/scenarios.md",
+                             "share/doc/parvane/examples/walk-and-run.csv",
+                             "share/doc/parvane/parvane.service.d/wake-lock.conf",
+                             "share/doc/parvane/LICENSE",
+                             "include/parvane/platform/context_manager.h"}) {
         EXPECT_TRUE(fs::is_regular_file(mPrefix / file)) << file;
     }
     EXPECT_EQ(OutputOf({Installed("parvane-watch"), "--version"}),
               "parvane-watch " PARVANE_VERSION "\n");
+    EXPECT_EQ(OutputOf({Installed("parvane"), "--version"}), "parvane " PARVANE_VERSION "\n");
     OutputOf({Installed("parvane-host"), "--help"});
     OutputOf({Installed("parvane-watch"), "check-config",
               mPrefix / "share/doc/parvane/platform.conf.sample"});

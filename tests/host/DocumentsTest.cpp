@@ -13,6 +13,7 @@
 
 #include "../../watch/ExitCode.h"
 #include "ExitCode.h"
+#include "ExitCodeText.h"
 #include "Program.h"
 
 namespace ParvaneHost {
@@ -183,37 +184,73 @@ TEST(CompletionTest, BashOffersWhatGoesOnFromThere)
     EXPECT_EQ(Offered("parvane-host --socket /dev/nul"), "/dev/null\n");
 }
 
+/** The manual pages. */
+std::vector<std::string> Pages()
+{
+    std::vector<std::string> pages;
+    for (const auto &page : std::filesystem::directory_iterator(kSource + "/docs/man")) {
+        pages.push_back(page.path());
+    }
+    return pages;
+}
+
 TEST(ManualPageTest, MandocFindsNothingWrong)
 {
     if (RunShell("command -v mandoc").mStatus != 0) {
         GTEST_SKIP() << "mandoc is not installed";
     }
-    const Finished lint =
-        RunShell("mandoc -T lint -W style '" + kSource + "/docs/man/parvane-host.1' 2>&1");
-    EXPECT_EQ(lint.mOutput, "");
-    EXPECT_EQ(lint.mStatus, 0);
+    EXPECT_EQ(Pages().size(), 4U);
+    for (const std::string &page : Pages()) {
+        const Finished lint = RunShell("mandoc -T lint -W style '" + page + "' 2>&1");
+        EXPECT_EQ(lint.mOutput, "");
+        EXPECT_EQ(lint.mStatus, 0);
+    }
 }
 
 TEST(VersionTest, PagesAndChangelogHaveTheOneOfTheBuild)
 {
-    for (const std::filesystem::directory_entry &page :
-         std::filesystem::directory_iterator(kSource + "/docs/man")) {
-        EXPECT_THAT(
-            ReadFile(page.path()),
-            ContainsRegex("\n?\\.(TH .*\"Parvane|Os Parvane) " PARVANE_HOST_VERSION "[\"\n]"))
-            << page.path();
+    for (const std::string &page : Pages()) {
+        EXPECT_THAT(ReadFile(page),
+                    ContainsRegex("\\.(TH .*\"Parvane|Os Parvane) " PARVANE_HOST_VERSION "[\"\n]"))
+            << page;
     }
     const std::string changes = ReadFile(kSource + "/CHANGELOG.md");
     EXPECT_THAT(changes, StartsWith("# Changes\n\n## " PARVANE_HOST_VERSION "\n"));
 }
 
-TEST(ManualPageTest, ItHasTheExitCodesOfTheHelp)
+TEST(ManualPageTest, TheServicesHasItsArgumentsAndWhatItReads)
 {
-    const std::string page = ReadFile(kSource + "/docs/man/parvane-host.1");
-    const std::string help = RunOf({PARVANE_HOST_PROGRAM, "--help"}).mOutput;
-    for (const char *code : {"0", "1", "2", "3", "4"}) {
-        EXPECT_THAT(help, HasSubstr("\n  " + std::string(code) + "  "));
-        EXPECT_THAT(page, HasSubstr("\n.TP\n.B " + std::string(code) + "\n"));
+    const std::string page =
+        std::regex_replace(ReadFile(kSource + "/docs/man/parvane.8"), std::regex(R"(\\-)"), "-");
+    for (const char *text : {"--help", "--version", "SIGTERM", "SIGINT", "PARVANE_PLATFORM_CONF",
+                             "/etc/parvane/platform.conf", "parvane-platform.conf"}) {
+        EXPECT_THAT(page, HasSubstr(text));
+    }
+    // Every variable of the environment that the page on the configuration has.
+    const std::string form = ReadFile(kSource + "/docs/man/parvane-platform.conf.5");
+    const auto variables = Matches(form.substr(form.find(".Sh ENVIRONMENT")), "[A-Z]+_[A-Z_]+");
+    EXPECT_GE(variables.size(), 8U);
+    EXPECT_THAT(Matches(page, "[A-Z]+_[A-Z_]+"), IsSupersetOf(variables));
+}
+
+TEST(ExitCodeTest, HelpAndPagesHaveTheSameWords)
+{
+    const std::string control = ReadFile(kSource + "/docs/control.md");
+    for (const std::string program : {PARVANE_HOST_PROGRAM, PARVANE_WATCH_PROGRAM}) {
+        const std::string name = program.substr(program.rfind('/') + 1);
+        const std::string page = ReadFile(kSource + "/docs/man/" + name + ".1");
+        std::istringstream lines(Parvane::kExitCodeText);
+        std::string line;
+        std::getline(lines, line);
+        EXPECT_THAT(RunOf({program, "--help"}).mOutput, HasSubstr(Parvane::kExitCodeText));
+        int codes = 0;
+        for (; std::getline(lines, line); ++codes) {
+            const std::string code = line.substr(2, 1);
+            const std::string meaning = line.substr(5);
+            EXPECT_THAT(page, HasSubstr("\n.TP\n.B " + code + "\n" + meaning + "\n"));
+            EXPECT_THAT(control, HasSubstr("\n| " + code + " | " + meaning + " |"));
+        }
+        EXPECT_EQ(codes, 5);
     }
 }
 

@@ -8,11 +8,12 @@ cmake_minimum_required(VERSION 3.25)
 
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
-set(FOLDERS common host host/command watch watch/check_config)
+set(FOLDERS common host host/command watch watch/check_config watch/play)
 set(SEES_common "")
 set(SEES_host common)
 set(SEES_host/command host common)
-set(SEES_watch watch/check_config common)
+set(SEES_watch watch/check_config watch/play common)
+set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
 set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
 
@@ -23,6 +24,7 @@ set(LIBRARIES_host "")
 set(LIBRARIES_host/command CLI nlohmann)
 set(LIBRARIES_watch CLI nlohmann)
 set(LIBRARIES_watch/check_config nlohmann)
+set(LIBRARIES_watch/play nlohmann)
 
 set(count 0)
 foreach(folder IN LISTS FOLDERS)

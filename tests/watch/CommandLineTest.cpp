@@ -60,6 +60,39 @@ TEST(CommandLineTest, EachCommandIsItsRequest)
     EXPECT_EQ(RequestOf({"quit"}), json({{"version", 1}, {"request", "quit"}}));
 }
 
+TEST(CommandLineTest, ConfigAndLogAskAndLogChanges)
+{
+    EXPECT_EQ(RequestOf({"config"}), json({{"version", 1}, {"request", "config"}}));
+    EXPECT_EQ(RequestOf({"log"}), json({{"version", 1}, {"request", "log"}}));
+    EXPECT_EQ(RequestOf({"log", "warning"}).at("level"), "warning");
+    EXPECT_EQ(RequestOf({"log", "--tags", "a,b"}),
+              json({{"version", 1}, {"request", "log"}, {"tags", "a,b"}}));
+    EXPECT_EQ(RequestOf({"log", "--tags", ""}).at("tags"), "");
+}
+
+TEST(CommandLineTest, PlayTakesAScriptASeedAndASpeed)
+{
+    const Invocation plain = Parsed({"play", "a.csv"});
+    EXPECT_EQ(plain.mAction, Invocation::Action::Play);
+    EXPECT_EQ(plain.mFile, "a.csv");
+    EXPECT_EQ(plain.mSeed, 1U);
+    EXPECT_EQ(plain.mSpeed, 1.0);
+    const Invocation other = Parsed(
+        {"play", "a.csv", "--seed", "18446744073709551615", "--speed", "2.5", "--socket", "/s"});
+    EXPECT_EQ(other.mSeed, 18446744073709551615U);
+    EXPECT_EQ(other.mSpeed, 2.5);
+    EXPECT_EQ(other.mSocketPath, "/s");
+    EXPECT_EQ(ErrorOf({"play"}),
+              "parvane-watch: play: no script given; allowed: the path of a scenario");
+    EXPECT_EQ(ErrorOf({"play", "a", "--seed=-1"}),
+              "parvane-watch: play: unknown seed '-1'; allowed: a whole number from 0 on");
+    for (const char *speed : {"0", "-1", "nan", "100001", "fast"}) {
+        EXPECT_EQ(ErrorOf({"play", "a", std::string("--speed=") + speed}),
+                  std::string("parvane-watch: play: unknown speed '") + speed +
+                      "'; allowed: a number from 0.001 to 100000");
+    }
+}
+
 TEST(CommandLineTest, StepsActivityAndGestureNeedNoSet)
 {
     EXPECT_EQ(RequestOf({"steps", "+10"}), RequestOf({"set", "steps", "+10"}));
@@ -90,9 +123,9 @@ TEST(CommandLineTest, GlobalOptionsMayFollowTheSubcommand)
 
 TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
 {
-    EXPECT_EQ(ErrorOf({}), "parvane-watch: no subcommand given; allowed: status, set, steps, "
-                           "activity, gesture, link, memory, battery, quit, record, "
-                           "check-config");
+    EXPECT_EQ(ErrorOf({}), "parvane-watch: no subcommand given; allowed: status, config, log, "
+                           "set, steps, activity, gesture, link, memory, battery, quit, record, "
+                           "play, check-config");
     EXPECT_THAT(ErrorOf({"frob"}), HasSubstr("unknown subcommand 'frob'; allowed: status"));
     EXPECT_EQ(ErrorOf({"set"}),
               "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");
@@ -125,7 +158,7 @@ TEST(CommandLineTest, HelpListsTheExitCodes)
     const auto parsed = ParseCommandLine({"--help"}, NoVariable);
     EXPECT_EQ(std::get<Ending>(parsed).mCode, ExitCode::Success);
     EXPECT_THAT(std::get<Ending>(parsed).mOutput,
-                HasSubstr("  3  the service cannot be reached\n"));
+                HasSubstr("  3  no answer in time, or no service that serves this user\n"));
 }
 
 } // namespace

@@ -115,6 +115,29 @@ TEST_F(CommandTest, StatusForPeopleIsLines)
     EXPECT_EQ(watch.Wait(), 0);
 }
 
+TEST_F(CommandTest, ConfigAndLogAreTheObjectsOfTheServiceOrLines)
+{
+    const std::string config =
+        R"({"service":{"version":")" PARVANE_WATCH_VERSION R"("},"values":[]})";
+    const std::string log = R"({"level":"error","tags":""})";
+    for (const bool isConfig : {true, false}) {
+        const std::string name = isConfig ? "config" : "log";
+        for (const bool isJson : {true, false}) {
+            Watch watch(Arguments(isJson ? std::vector<std::string>{"--json", name}
+                                         : std::vector<std::string>{name}));
+            EXPECT_EQ(json::parse(mService.AcceptRequest()).at("request"), name);
+            mService.Send(R"({"version":1,"ok":true,")" + name + "\":" + (isConfig ? config : log) +
+                          "}");
+
+            const std::string output = watch.ReadOutput();
+            EXPECT_EQ(isJson ? output : "", isJson ? (isConfig ? config : log) + "\n" : "");
+            EXPECT_THAT(output, HasSubstr(isConfig ? "version" : "level"));
+            EXPECT_EQ(watch.ReadErrors(), "");
+            EXPECT_EQ(watch.Wait(), 0);
+        }
+    }
+}
+
 TEST_F(CommandTest, ARequestThatIsServedIsSilent)
 {
     Watch watch(Arguments({"set", "hr", "72"}));
