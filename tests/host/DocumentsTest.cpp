@@ -163,12 +163,14 @@ INSTANTIATE_TEST_SUITE_P(Commands, DocumentsTest,
                              return instance.param.mName == "parvane-host" ? "Host" : "Watch";
                          });
 
-/** What bash offers for the last of `words`. */
+/** What bash offers for the last of `words`, of which the first is the command. */
 std::string Offered(const std::string &words)
 {
-    return RunShell(". '" + kSource + "/packaging/completion/parvane-host.bash'; COMP_WORDS=(" +
-                    words + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _parvane_host; " +
-                    "echo \"${COMPREPLY[@]}\"")
+    const std::string command = words.substr(0, words.find(' '));
+    const std::string function = "_" + std::regex_replace(command, std::regex("-"), "_");
+    return RunShell(". '" + kSource + "/packaging/completion/" + command + ".bash'; COMP_WORDS=(" +
+                    words + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " + function +
+                    "; echo \"${COMPREPLY[@]}\"")
         .mOutput;
 }
 
@@ -182,6 +184,12 @@ TEST(CompletionTest, BashOffersWhatGoesOnFromThere)
     EXPECT_EQ(Offered("parvane-host --timestamps u"), "unix\n");
     EXPECT_EQ(Offered("parvane-host --timeout 1"), "\n");
     EXPECT_EQ(Offered("parvane-host --socket /dev/nul"), "/dev/null\n");
+    EXPECT_EQ(Offered("parvane-watch con"), "config\n");
+    EXPECT_EQ(Offered("parvane-watch log w"), "warning\n");
+    EXPECT_EQ(Offered("parvane-watch log --tags p"), "platform\n");
+    EXPECT_EQ(Offered("parvane-watch play /dev/nul"), "/dev/null\n");
+    EXPECT_EQ(Offered("parvane-watch play --se"), "--seed\n");
+    EXPECT_EQ(Offered("parvane-watch play --speed 2"), "\n");
 }
 
 /** The manual pages. */
