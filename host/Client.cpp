@@ -201,6 +201,9 @@ std::optional<Error> Client::SendRaw(std::span<const std::uint8_t> packet, const
         return NotConnected();
     }
     auto error = mLink->Send(packet, deadline, mOptions.mWait);
+    if (!error && mOptions.mOnPacket) {
+        mOptions.mOnPacket(Sender::Phone, packet);
+    }
     if (error && std::holds_alternative<LinkError>(*error)) {
         Disconnect();
     }
@@ -213,6 +216,9 @@ Result<Bytes, Error> Client::ReceiveRaw(const Deadline &deadline)
         return NotConnected();
     }
     auto packet = mLink->Receive(deadline, mOptions.mWait);
+    if (packet && mOptions.mOnPacket) {
+        mOptions.mOnPacket(Sender::Watch, packet.Value());
+    }
     if (!packet && std::holds_alternative<LinkError>(packet.GetError())) {
         Disconnect();
     }

@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 
+#include "CaptureFile.h"
 #include "Deadline.h"
 #include "Error.h"
 #include "Link.h"
@@ -34,6 +35,8 @@ struct ClientOptions
     std::uint8_t mFirstFlags = 1;
     /** After this long without an answer the worn state is asked for again, see Measure(). */
     std::chrono::milliseconds mAskAgainAfter{3500};
+    /** Called with each packet that was sent or read, after it was. Must not use the client. */
+    std::function<void(Sender, std::span<const std::uint8_t>)> mOnPacket = nullptr;
     /** How much unasked a request may have come before its answer: a bound on memory. */
     std::size_t mMaxUnclaimed = 100000;
 };

@@ -42,8 +42,9 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 5> kCommandE
 }};
 
 /** And each option that has a value. */
-constexpr std::array<std::pair<std::string_view, std::string_view>, 8> kOptionExamples = {{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 9> kOptionExamples = {{
     {"--socket", "/run/parvane/link.sock"},
+    {"--capture", "link.pcapng"},
     {"--timeout", "2.5"},
     {"--wait", "10"},
     {"--timestamps", "iso"},
@@ -57,6 +58,7 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 8> kOptionEx
 struct Texts
 {
     std::optional<std::string> mSocket;
+    std::optional<std::string> mCapture;
     std::optional<std::string> mTimeout;
     std::optional<std::string> mWait;
     std::optional<std::string> mTimestamps;
@@ -150,6 +152,8 @@ void AddOptions(CLI::App &app, Texts &texts)
               "else $XDG_RUNTIME_DIR/parvane/link.sock,\n"
               "else /run/parvane/link.sock)",
               "PATH");
+    AddOption(app, "--capture", texts.mCapture,
+              "Write every packet of the link to a pcapng file,\nfor Wireshark", "FILE");
     AddOption(app, "--timeout", texts.mTimeout,
               "How long to wait for the watch\n"
               "(default: 20 for hr, 8 for wear, else 5;\n"
@@ -358,6 +362,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     }
     invocation.mSocketPath =
         CheckedPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment));
+    if (texts.mCapture && texts.mCapture->empty()) {
+        throw UsageError("--capture: the path is empty; give the file to write");
+    }
+    invocation.mCapturePath = texts.mCapture;
     invocation.mTimeout = ParseSeconds("--timeout", texts.mTimeout);
     invocation.mWait = ParseSeconds("--wait", texts.mWait).value_or(milliseconds{0});
     invocation.mTimeStyle = ParseTimeStyle(texts.mTimestamps);

@@ -26,6 +26,7 @@ struct Invocation
 
     Action mAction = Action::List;
     std::string mSocketPath;
+    std::optional<std::string> mCapturePath; // nothing: no capture
     bool mJson = false;
     TimeStyle mTimeStyle = TimeStyle::Short;
     std::optional<std::chrono::milliseconds> mTimeout;  // nothing: the default of the action

@@ -74,6 +74,16 @@ CommandRunner::~CommandRunner() = default;
 
 Outcome CommandRunner::Run()
 {
+    if (mHasCaptureFailed) {
+        return {ExitCode::Failure};
+    }
+    const Outcome outcome = Act();
+    const bool isLost = mHasCaptureFailed && outcome.mCode == ExitCode::Success;
+    return isLost ? Outcome{ExitCode::Failure, outcome.mSignal} : outcome;
+}
+
+Outcome CommandRunner::Act()
+{
     switch (mInvocation.mAction) {
     case Invocation::Action::List:
         return List();
@@ -226,6 +236,7 @@ ClientOptions CommandRunner::MakeClientOptions()
             }
         };
     }
+    BeginCapture(options);
     return options;
 }
 
@@ -361,6 +372,27 @@ Outcome CommandRunner::Failed(const Error &error)
     }
     Complain(Describe(error));
     return {IsNoAnswer(error) ? ExitCode::NoAnswer : ExitCode::Failure};
+}
+
+void CommandRunner::BeginCapture(ClientOptions &options)
+{
+    if (!mInvocation.mCapturePath) {
+        return;
+    }
+    LookAtCapture(mCapture.Open(*mInvocation.mCapturePath));
+    options.mOnPacket = [this](Sender sender, std::span<const std::uint8_t> packet) {
+        LookAtCapture(mCapture.Add(sender, packet));
+    };
+}
+
+/** A capture that fails under way ends nothing, and is a failure in the end. */
+void CommandRunner::LookAtCapture(int error)
+{
+    if (error != 0) {
+        mHasCaptureFailed = true;
+        Complain("cannot write the capture to '" + *mInvocation.mCapturePath +
+                 "': " + Parvane::ErrnoText(error));
+    }
 }
 
 void CommandRunner::Complain(const std::string &text)

@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 
+#include "CaptureFile.h"
 #include "Client.h"
 #include "CommandLine.h"
 #include "Error.h"
@@ -41,6 +42,7 @@ public:
     Outcome Run();
 
 private:
+    Outcome Act();
     Outcome List();
     Outcome Measure();
     Outcome Watch();
@@ -59,6 +61,8 @@ private:
     Outcome Printed(const Lines &lines);
     [[nodiscard]] Outcome OutputOutcome();
     Outcome Failed(const Error &error);
+    void BeginCapture(ClientOptions &options);
+    void LookAtCapture(int error);
     void Complain(const std::string &text);
 
     Invocation mInvocation;
@@ -68,6 +72,8 @@ private:
     LineWriter mErrors;
     std::optional<ProgressBar> mBar;
     std::set<Sensor> mRemarkedOn;
+    CaptureFile mCapture;
+    bool mHasCaptureFailed = false;
     Client mClient;
 };
 

@@ -4,7 +4,7 @@ _parvane_host()
 {
     local current=${COMP_WORDS[COMP_CWORD]} word subcommand= words=
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --socket)
+    --socket | --capture)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
@@ -32,7 +32,7 @@ _parvane_host()
     stop) words='activity hr wear steps' ;;
     raw) words='--quiet-for' ;;
     esac
-    words+=' --socket --timeout --wait --timestamps --json --help'
+    words+=' --socket --capture --timeout --wait --timestamps --json --help'
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
 }
 complete -F _parvane_host parvane-host

@@ -8,6 +8,7 @@ complete -c parvane-host -n __fish_use_subcommand -a stop -d "End the pushing of
 complete -c parvane-host -n __fish_use_subcommand -a raw -d 'Send packets as they are, and print every reply'
 
 complete -c parvane-host -l socket -r -F -d 'Socket of the accessory link'
+complete -c parvane-host -l capture -r -F -d 'Write every packet to a file for Wireshark'
 complete -c parvane-host -l timeout -x -d 'How long to wait for the watch, in seconds'
 complete -c parvane-host -l wait -d 'Wait for a service that is just starting'
 complete -c parvane-host -l timestamps -x -a 'iso unix' -d 'Begin each reading with its time'

@@ -186,6 +186,8 @@ TEST(CommandLineTest, WordsTooManyAreNamedWithAnExample)
 
 TEST(CommandLineTest, OptionsWithoutTheirValueAreNamedWithAnExample)
 {
+    ExpectUsageError({"list", "--capture", ""},
+                     "--capture: the path is empty; give the file to write");
     ExpectUsageError({"list", "--socket"},
                      "--socket needs a value, as in: --socket /run/parvane/link.sock");
     ExpectUsageError({"list", "--timeout"}, "--timeout needs a value, as in: --timeout 2.5");

@@ -1,5 +1,7 @@
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): the signals are POSIX
 #include <stdexcept>
@@ -675,6 +677,85 @@ TEST_F(CommandTest, RawEndsWhileTheWatchPushes)
 
     EXPECT_TRUE(isInTime());
     EXPECT_EQ(host.Wait(), 0);
+}
+
+/** Captures to a file in a folder of its own. */
+class CaptureTest : public CommandTest
+{
+protected:
+    CaptureTest() : mPath(mWatch.Path() + ".pcapng") {}
+    ~CaptureTest() override { std::filesystem::remove(mPath); }
+
+    [[nodiscard]] std::vector<std::string> Captured(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), {"--capture", mPath});
+        return Arguments(std::move(arguments));
+    }
+
+    /** Who sends the packets of the file, which has to be whole: '>' the phone, '<' the watch. */
+    [[nodiscard]] std::string Senders() const
+    {
+        constexpr std::size_t kBeginning = 48;
+        std::ifstream file(mPath, std::ios::binary);
+        const std::string content{std::istreambuf_iterator<char>(file), {}};
+        std::string senders;
+        std::size_t offset = kBeginning;
+        while (offset < content.size()) {
+            const auto length = static_cast<unsigned char>(content.at(offset + 4));
+            senders += content.at(offset + length - 12) == 2 ? '>' : '<';
+            EXPECT_EQ(content.at(offset + length - 4), content.at(offset + 4));
+            offset += length;
+        }
+        EXPECT_EQ(offset, content.size());
+        return senders;
+    }
+
+    std::string mPath;
+};
+
+TEST_F(CaptureTest, EveryPacketOfAListIsInTheFile)
+{
+    Host host(Captured({"list"}));
+    SendList(mWatch);
+
+    EXPECT_EQ(host.Wait(), 0) << host.ReadErrors();
+    EXPECT_EQ(Senders(), "><<");
+}
+
+TEST_F(CaptureTest, TheFileIsWholeAfterASignalThatCannotBeCaught)
+{
+    Host host(Captured({"watch", "activity"}));
+    StartActivity();
+    host.ReadLine();
+    mWatch.Send(ReadingFor(mStart, 3));
+    host.ReadLine();
+
+    host.Signal(SIGKILL);
+    EXPECT_EQ(host.Wait(), -SIGKILL);
+
+    EXPECT_EQ(Senders(), "><><<");
+}
+
+TEST_F(CaptureTest, TheFileHasTheStopThatCtrlCLeadsTo)
+{
+    Host host(Captured({"watch", "activity"}));
+    StartActivity();
+    host.ReadLine();
+
+    host.Signal(SIGINT);
+    AnswerStop();
+
+    EXPECT_EQ(host.Wait(), 0) << host.ReadErrors();
+    EXPECT_EQ(Senders(), "><><><");
+}
+
+TEST_F(CaptureTest, AFileThatCannotBeWrittenIsAFailureBeforeTheLinkIsTouched)
+{
+    Host host(Arguments({"--capture", "/dev/full", "list"}));
+
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_EQ(host.ReadErrors(),
+              "parvane-host: cannot write the capture to '/dev/full': No space left on device\n");
 }
 
 TEST_F(CommandTest, RawReportsALinkThatIsClosed)
