@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
-#include <sys/types.h>
 #include <unistd.h>
 #include <vector>
 

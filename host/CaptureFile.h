@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <sys/types.h>
 
 #include "UniqueFd.h"
 
@@ -37,7 +38,7 @@ private:
     int Write(std::span<const std::uint8_t> bytes);
 
     Parvane::UniqueFd mFile;
-    std::int64_t mSize = 0;
+    off_t mSize = 0;
 };
 
 } // namespace ParvaneHost

@@ -23,13 +23,13 @@ def option(code, value):
 
 
 def write(path, frames):
-    """`frames`: who sends, the time in microseconds since the epoch, and the packet's bytes."""
+    """`frames`: who sends (None: that is not said), the time in microseconds since the epoch, and the packet's bytes."""
     content = block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1))
     content += block(1, struct.pack("<HHI", USER0, 0, 0) + option(2, b"link.sock") + option(0, b""))
     for sender, time, data in frames:
+        options = option(2, struct.pack("<I", DIRECTIONS[sender])) + option(0, b"") if sender else b""
         content += block(6, struct.pack("<IIIII", 0, time >> 32, time & 0xFFFFFFFF, len(data), len(data))
-                         + data + bytes(-len(data) % 4)
-                         + option(2, struct.pack("<I", DIRECTIONS[sender])) + option(0, b""))
+                         + data + bytes(-len(data) % 4) + options)
     pathlib.Path(path).write_bytes(content)
 
 

@@ -130,6 +130,10 @@ def main():
                 test.vector(found, vector)
         for exchange in vectors.exchanges():
             test.exchange(dissect(folder, capture.of_exchange(exchange)), exchange)
+        unknown = dissect(folder, [(None, 0, b"\x14\x02\x00\x03")])[0]
+        test.expect("no direction", "expert warning", unknown.get("_ws.expert.message"),
+                    "The capture does not say who sent this")
+        test.expect("no direction", "kind", unknown.get("parvane.kind"), None)
     print("%d values compared, %d differ" % (test.compared, test.failed))
     return test.failed > 0 or test.compared < 3000
 
