@@ -30,7 +30,8 @@ public:
     /**
      * Claims the directories and, when no other process has, brings the parts up.
      *
-     * @param settings, events  borrowed for the life of the runtime
+     * @param settings  borrowed for the life of the runtime
+     * @param events    borrowed for the life of the runtime
      * @throws StartupError when a setting, path or file cannot be used
      */
     Runtime(const Settings &settings, LifecycleEvents &events);
