@@ -19,6 +19,7 @@ FIRST_WORDS = (
     (re.compile(r"[<>] \{"), "control"),
     (re.compile(r"(phone|watch)  ?[0-9A-F]{2} "), "link"),
     (re.compile(r"t_ms,"), "recording"),
+    (re.compile(r"t_s,"), "scenario"),
 )
 
 

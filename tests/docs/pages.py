@@ -30,26 +30,42 @@ trap 'exit 143' TERM
 """
 
 
-def check_file(place, name, text, configuration):
-    """Has parvane-watch check a configuration that is the text, or that plays the recording that is it."""
-    file = place.path / name
-    file.write_text(text)
-    if configuration:
-        file = place.path / "platform.conf"
-        file.write_text(configuration)
+def refused(place, *command):
+    """Yields that a command of the build fails, or complains."""
     done = subprocess.run(
-        [place.programs / "parvane-watch", "check-config", file], env=place.environment, timeout=REPLY_SECONDS,
+        [place.programs / "parvane-watch", *command], cwd=place.path, env=place.environment, timeout=REPLY_SECONDS,
         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False,
     )  # fmt: skip
     if done.returncode or done.stderr:
-        yield f"parvane-watch check-config ends with {done.returncode}: {done.stderr}"
+        yield f"parvane-watch {command[0]} ends with {done.returncode}: {done.stderr}"
+
+
+def check_configuration(place, block):
+    (place.path / "platform.conf").write_text(block.text)
+    yield from refused(place, "check-config", "platform.conf")
+
+
+def check_recording(place, block):
+    (place.path / "shown.csv").write_text(block.text)
+    (place.path / "platform.conf").write_text("[replay]\nfiles=shown.csv\n")
+    yield from refused(place, "check-config", "platform.conf")
+
+
+def check_scenario(place, block):
+    (place.path / "shown.csv").write_text(block.text)
+    service = Service(place, "manual")
+    try:
+        yield from refused(place, "play", "--speed", "100000", "shown.csv")
+    finally:
+        end(service.process)
 
 
 ALONE = {
     "control": lambda place, block: exchange(place, block, Control),
     "link": lambda place, block: exchange(place, block, Link),
-    "configuration": lambda place, block: check_file(place, "platform.conf", block.text, None),
-    "recording": lambda place, block: check_file(place, "shown.csv", block.text, "[replay]\nfiles=shown.csv\n"),
+    "configuration": check_configuration,
+    "recording": check_recording,
+    "scenario": check_scenario,
 }
 
 
@@ -192,7 +208,7 @@ def main():
         print(f"WRONG: {line}")
     counts = pages.counts
     exchanges = counts["control"] + counts["link"]
-    files = counts["configuration"] + counts["recording"] + counts["sql"]
+    files = sum(counts[kind] for kind in ("configuration", "recording", "scenario", "sql"))
     print(
         f"{counts['commands']} command blocks run, {counts['output']} outputs compared, {exchanges} exchanges, "
         f"{files} files checked; {counts['not run']} not run; {counts['shown']} only to be read; {len(wrong)} wrong"

@@ -112,6 +112,10 @@ watch  23 00 0E 01 11 00 00 00 00 00 00 00 00 3F 80 00 00 00"""
         self.assertIn("hart_rate", wrong_with(fenced("[sensors]\nhart_rate=manual", "ini")))
         self.assertIn("check-config ends with 1", wrong_with("\n    t_ms,heart_rate\n    0,60\n"))
 
+    def test_scenarios_are_played(self):
+        self.assertEqual("", wrong_with("\n    t_s,heart_rate\n    0,60\n    5,70\n"))
+        self.assertIn("parvane-watch play ends with", wrong_with("\n    t_s,heart_rate\n    0,fast\n"))
+
     def test_statements_are_run(self):
         insertion = fenced("INSERT INTO a VALUES(1);", "sql")
         self.assertEqual("", wrong_with(fenced("CREATE TABLE a(b);", "sql") + insertion))
