@@ -8,19 +8,21 @@ cmake_minimum_required(VERSION 3.25)
 
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
-set(FOLDERS common host host/command watch watch/check_config watch/play)
+set(FOLDERS common host host/ledger host/command watch watch/check_config watch/play)
 set(SEES_common "")
-set(SEES_host common)
-set(SEES_host/command host common)
+set(SEES_host host/ledger common)
+set(SEES_host/ledger host)
+set(SEES_host/command host host/ledger common)
 set(SEES_watch watch/check_config watch/play common)
 set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
 set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
 
-set(POSIX dirent.h fcntl.h poll.h signal.h sys/ioctl.h sys/signalfd.h sys/socket.h sys/stat.h sys/types.h
+set(POSIX dirent.h fcntl.h poll.h signal.h sys/file.h sys/ioctl.h sys/signalfd.h sys/socket.h sys/stat.h sys/types.h
     sys/un.h termios.h unistd.h)
 set(LIBRARIES_common "")
 set(LIBRARIES_host "")
+set(LIBRARIES_host/ledger "")
 set(LIBRARIES_host/command CLI nlohmann)
 set(LIBRARIES_watch CLI nlohmann)
 set(LIBRARIES_watch/check_config nlohmann)
