@@ -402,7 +402,7 @@ TEST_F(CommandTest, WrongUsageIsExitCodeTwoWithoutTouchingTheLink)
 TEST_F(CommandTest, HelpAndVersionGoToStandardOutput)
 {
     Host help({"--help"});
-    EXPECT_THAT(help.ReadOutput(), HasSubstr("Exit codes, "));
+    EXPECT_THAT(help.ReadOutput(), HasSubstr("Exit codes:"));
     EXPECT_EQ(help.Wait(), 0);
 
     Host version({"--version"});
