@@ -50,12 +50,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-void AddSubcommands(CLI::App &app, Texts &texts)
+/** Those that say what is so. */
+void AddQuestions(CLI::App &app, Texts &texts)
 {
-    CLI::App *status = app.add_subcommand("status", "Say what the service is doing");
-
-    CLI::App *config =
-        app.add_subcommand("config", "Say which settings are in force, and where each is from");
+    app.add_subcommand("status", "Say what the service is doing");
+    app.add_subcommand("config", "Say which settings are in force, and where each is from");
 
     CLI::App *log = app.add_subcommand("log", "Say or change which lines the service logs");
     log->add_option("level", texts.mLevel,
@@ -65,6 +64,22 @@ void AddSubcommands(CLI::App &app, Texts &texts)
                     "Below errors only lines with one of these tags, with commas between\n"
                     "them, as in Parvane,platform; '' is any")
         ->type_name("TAGS");
+}
+
+void AddPlay(CLI::App &app, Texts &texts)
+{
+    CLI::App *play =
+        app.add_subcommand("play", "Play a scenario: set the manual source as a script says,\n"
+                                   "to its end or until Ctrl-C");
+    play->add_option("script", texts.mFile, "The script; docs/scenarios.md has its form");
+    play->add_option("--seed", texts.mSeed, "Of the noise: a whole number (default: 1)")
+        ->type_name("N");
+    play->add_option("--speed", texts.mSpeed, "How many times faster (default: 1)")->type_name("X");
+}
+
+void AddSubcommands(CLI::App &app, Texts &texts)
+{
+    AddQuestions(app, texts);
 
     CLI::App *set =
         app.add_subcommand("set", "Set what the manual source reports:\n"
@@ -90,7 +105,7 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     CLI::App *battery = app.add_subcommand("battery", "Tell the service that the battery is low");
     battery->add_option("state", texts.mState, "low");
 
-    CLI::App *quit = app.add_subcommand("quit", "End the service in order");
+    app.add_subcommand("quit", "End the service in order");
 
     CLI::App *record = app.add_subcommand(
         "record", "Write every reading of the sensors to a file that the replay\n"
@@ -98,21 +113,14 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     record->add_option("file", texts.mFile, "The recording; - is standard output");
     record->add_flag("--force", texts.mForce, "Overwrite a file that exists");
 
-    CLI::App *play =
-        app.add_subcommand("play", "Play a scenario: set the manual source as a script says,\n"
-                                   "to its end or until Ctrl-C");
-    play->add_option("script", texts.mFile, "The script; docs/scenarios.md has its form");
-    play->add_option("--seed", texts.mSeed, "Of the noise: a whole number (default: 1)")
-        ->type_name("N");
-    play->add_option("--speed", texts.mSpeed, "How many times faster (default: 1)")->type_name("X");
+    AddPlay(app, texts);
 
     CLI::App *check = app.add_subcommand(
         "check-config", "Say what is wrong with a configuration file, without a service;\n"
                         "it would start with a file that is checked with exit code 0");
     check->add_option("file", texts.mFile, "The configuration file");
 
-    for (CLI::App *subcommand : {status, config, log, set, steps, activity, gesture, link, memory,
-                                 battery, quit, record, play, check}) {
+    for (CLI::App *subcommand : app.get_subcommands({})) {
         subcommand->footer("The options of 'parvane-watch --help' are allowed here, too.");
     }
 }
@@ -274,6 +282,22 @@ std::string SubcommandText(const std::vector<std::string> &words)
     return "unknown subcommand " + Quoted(words.front()) + allowed;
 }
 
+/** The request of a command that just sends one. */
+json PlainRequest(const std::string &name, const Texts &texts)
+{
+    if (name == "set") {
+        const std::string item = texts.mItem.value_or("");
+        return SetRequest(name + " " + item, item, texts);
+    }
+    if (name == "steps" || name == "activity" || name == "gesture") {
+        return SetRequest(name, name, texts);
+    }
+    if (name == "quit") {
+        return {{"request", name}};
+    }
+    return StateRequest(name, texts);
+}
+
 Invocation Interpret(const CLI::App &app, const Texts &texts,
                      const Parvane::Environment &environment)
 {
@@ -320,16 +344,7 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         }
     } else {
         invocation.mAction = Invocation::Action::Request;
-        if (name == "set") {
-            const std::string item = texts.mItem.value_or("");
-            request = SetRequest(name + " " + item, item, texts);
-        } else if (name == "steps" || name == "activity" || name == "gesture") {
-            request = SetRequest(name, name, texts);
-        } else if (name == "quit") {
-            request = {{"request", name}};
-        } else {
-            request = StateRequest(name, texts);
-        }
+        request = PlainRequest(name, texts);
     }
     request["version"] = ControlClient::kVersion;
     invocation.mRequest = request.dump(-1, ' ', false, json::error_handler_t::replace);

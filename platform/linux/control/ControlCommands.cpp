@@ -249,7 +249,7 @@ public:
 
 private:
     /** Changes what is asked for, and tells which lines of the log are written then. */
-    ControlAnswer Log(const Request &request)
+    ControlAnswer Log(const Request &request) const
     {
         request.AllowOnly({"level", "tags"});
         LogWriter &log = StandardErrorLog();
@@ -391,8 +391,7 @@ private:
 
 } // namespace
 
-ControlCommands::ControlCommands(ControlledParts parts)
-    : mParts(std::move(parts)), mStart(mParts.mClock.Now())
+ControlCommands::ControlCommands(ControlledParts parts) : mParts(parts), mStart(mParts.mClock.Now())
 {}
 
 ControlAnswer ControlCommands::Answer(std::string_view message, int peerPid)
