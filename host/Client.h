@@ -72,6 +72,9 @@ public:
 
     [[nodiscard]] bool IsConnected() const noexcept { return mLink.has_value(); }
 
+    /** See Link::PeerRun(); empty without a link. */
+    [[nodiscard]] std::string PeerRun() const { return mLink ? mLink->PeerRun() : std::string(); }
+
     /** Asks for the sensors of the watch; answered at once. */
     Result<SensorList, Error> ListSensors(const Deadline &deadline);
 

@@ -1,7 +1,10 @@
 #include "Link.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
 #include <poll.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <utility>
@@ -104,6 +107,30 @@ Result<Bytes, Error> Link::Receive(const Deadline &deadline, const WaitOptions &
         }
         return Bytes(mBuffer.begin(), mBuffer.begin() + received);
     }
+}
+
+std::string Link::PeerRun() const
+{
+    constexpr int kStartTime = 20; // the words of stat up to it, from the one behind the name on
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    if (::getsockopt(mSocket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 1) {
+        return {}; // of another name space, or a socket that the service has not made itself
+    }
+    std::ifstream stat("/proc/" + std::to_string(peer.pid) + "/stat");
+    std::ifstream boot("/proc/sys/kernel/random/boot_id");
+    std::string words;
+    std::string start;
+    std::string bootId;
+    std::getline(stat, words);
+    std::istringstream rest(words.substr(std::min(words.rfind(')') + 1, words.size())));
+    for (int word = 0; word < kStartTime && rest >> start; ++word) {
+    }
+    if (!rest || !(boot >> bootId)) {
+        return {};
+    }
+    constexpr std::size_t kEnoughOfTheId = 32;
+    return std::to_string(peer.pid) + ":" + start + ":" + bootId.substr(0, kEnoughOfTheId);
 }
 
 LinkError Link::Lost(int code) const

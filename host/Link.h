@@ -53,6 +53,12 @@ public:
      */
     Result<Bytes, Error> Receive(const Deadline &deadline, const WaitOptions &options);
 
+    /**
+     * A name of the process at the other end, which no other process of this machine has or has had:
+     * up to 64 printable characters without blanks. Empty where the system does not tell.
+     */
+    [[nodiscard]] std::string PeerRun() const;
+
 private:
     [[nodiscard]] LinkError Lost(int code) const;
     [[nodiscard]] bool PeerHasClosed() const;

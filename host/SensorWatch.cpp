@@ -53,6 +53,15 @@ Result<Reading, Error> SensorWatch::Next(const Deadline &deadline)
     return reading;
 }
 
+void SensorWatch::AskAgain(Sensor sensor)
+{
+    for (Topic &topic : mTopics) {
+        if (topic.mSensor == sensor) {
+            topic.mAskAt = Deadline::After(milliseconds{0});
+        }
+    }
+}
+
 std::optional<Error> SensorWatch::End(const Deadline &bound)
 {
     mRunning = false;
@@ -186,6 +195,9 @@ std::optional<Error> SensorWatch::Resume(const Deadline &deadline)
     mIsBack = true;
     auto error = mClient->Reconnect(deadline);
     if (!error) {
+        if (mOptions.mOnLinkedAgain) {
+            mOptions.mOnLinkedAgain();
+        }
         error = AskAll(deadline);
     }
     if (!error || !IsWorthRetrying(*error)) {

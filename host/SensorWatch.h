@@ -24,6 +24,8 @@ struct SensorWatchOptions
     std::chrono::milliseconds mLongestDelay{5000}; // this
     /** Told, in a line for people, of a lost link, each failed attempt, and what is amiss otherwise. */
     std::function<void(const std::string &)> mOnNotice;
+    /** Told when a lost link is there again: what Next() returned before is from the one before. */
+    std::function<void()> mOnLinkedAgain;
 };
 
 /**
@@ -55,6 +57,9 @@ public:
      * last one, that is the Timeout.
      */
     Result<Reading, Error> Next(const Deadline &deadline);
+
+    /** Has the sensor asked for once more, within Next(). Does nothing for one that was left out. */
+    void AskAgain(Sensor sensor);
 
     /**
      * Stops an activity that was started, or whose start was interrupted, and awaits the

@@ -8,6 +8,7 @@
 #include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <filesystem>
 #include <iterator>
 #include <limits>
 #include <sstream>
@@ -30,13 +31,14 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr const char *kProgram = "parvane-host";
-constexpr const char *kSubcommands = "list, measure, watch, stop, raw";
+constexpr const char *kSubcommands = "list, measure, watch, today, stop, raw";
 
 /** How each command is used, for whoever has it wrong. */
-constexpr std::array<std::pair<std::string_view, std::string_view>, 5> kCommandExamples = {{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 6> kCommandExamples = {{
     {"list", "list"},
     {"measure", "measure hr"},
     {"watch", "watch all"},
+    {"today", "today"},
     {"stop", "stop activity"},
     {"raw", "raw 01 00 00 00"},
 }};
@@ -69,6 +71,8 @@ struct Texts
     std::optional<std::string> mSensor;
     std::vector<std::string> mPackets;
     bool mJson = false;
+    bool mRaw = false;
+    bool mNoState = false;
 };
 
 /** Wrong usage: its text says what was wrong and what is allowed. */
@@ -103,6 +107,11 @@ void AddOption(CLI::App &app, const char *name, std::optional<std::string> &text
     app.add_option(name, text, description)->type_name(value)->take_last();
 }
 
+void AddRawFlag(CLI::App &subcommand, Texts &texts)
+{
+    subcommand.add_flag("--raw", texts.mRaw, "Print steps as the total on the wire");
+}
+
 void AddSubcommands(CLI::App &app, Texts &texts)
 {
     CLI::App *list =
@@ -117,6 +126,8 @@ void AddSubcommands(CLI::App &app, Texts &texts)
               "SECONDS");
     AddOption(*measure, "--count", texts.mCount, "With --every: end after so many", "N");
 
+    AddRawFlag(*measure, texts);
+
     CLI::App *watch =
         app.add_subcommand("watch", "Print readings as they come, until Ctrl-C or SIGTERM;\n"
                                     "a lost link is made again");
@@ -124,6 +135,10 @@ void AddSubcommands(CLI::App &app, Texts &texts)
                       "activity and steps, as the watch pushes them; hr and\n"
                       "wear, measured again and again; or all of them");
     AddOption(*watch, "--for", texts.mFor, "End after so long", "SECONDS");
+
+    AddRawFlag(*watch, texts);
+
+    CLI::App *today = app.add_subcommand("today", "Print how many steps were walked today");
 
     CLI::App *stop = app.add_subcommand("stop", "End the pushing of a sensor's readings");
     stop->add_option("sensor", texts.mSensor, "activity (the default), hr, wear or steps");
@@ -139,7 +154,7 @@ void AddSubcommands(CLI::App &app, Texts &texts)
               "How long is quiet; however long that takes\n(default: 1000, and the end after 2000)",
               "MS");
 
-    for (CLI::App *subcommand : {list, measure, watch, stop, raw}) {
+    for (CLI::App *subcommand : {list, measure, watch, today, stop, raw}) {
         subcommand->footer("The options of 'parvane-host --help' are allowed here, too.");
     }
 }
@@ -167,6 +182,9 @@ void AddOptions(CLI::App &app, Texts &texts)
               "the epoch; - is an unknown one. With --json there\nis time_ms anyhow",
               "iso|unix");
     app.add_flag("--json", texts.mJson, "Print one JSON object a line");
+    app.add_flag("--no-state", texts.mNoState,
+                 "Keep no steps in $XDG_STATE_HOME/parvane-host\n"
+                 "(default: ~/.local/state/parvane-host), read none");
     app.set_version_flag("--version", std::string(kProgram) + " " + PARVANE_HOST_VERSION,
                          "Print the version and exit");
 }
@@ -305,6 +323,26 @@ std::string SubcommandText(const std::vector<std::string> &words)
     return "unknown subcommand " + Quoted(words.front()) + allowed;
 }
 
+/**
+ * Where the steps of the watch behind a socket are kept: a file for each socket, named after its path.
+ * Empty where the environment knows no place.
+ */
+std::string StepsPath(const Parvane::Environment &environment, const std::string &socket)
+{
+    std::string state = Parvane::ValueOf(environment, "XDG_STATE_HOME");
+    if (!state.starts_with('/')) { // others are to be ignored
+        const std::string home = Parvane::ValueOf(environment, "HOME");
+        if (!home.starts_with('/')) {
+            return {};
+        }
+        state = home + "/.local/state";
+    }
+    std::error_code ignored; // such a path stays as it is
+    std::string name = std::filesystem::absolute(socket, ignored).lexically_normal().string();
+    std::replace(name.begin(), name.end(), '/', '%');
+    return state + "/parvane-host/steps" + name;
+}
+
 void InterpretMeasure(const Texts &texts, Invocation &invocation)
 {
     invocation.mAction = Invocation::Action::Measure;
@@ -337,6 +375,9 @@ void InterpretAction(const std::string &subcommand, const Texts &texts, Invocati
             "watch", texts.mSensor,
             {Sensor::Activity, Sensor::Pedometer, Sensor::HeartRate, Sensor::WearState}, true);
         invocation.mFor = ParseSeconds("--for", texts.mFor);
+    } else if (subcommand == "today") {
+        invocation.mAction = Invocation::Action::Today;
+        invocation.mSensors = {Sensor::Pedometer};
     } else if (subcommand == "stop") {
         invocation.mAction = Invocation::Action::Stop;
         invocation.mSensors = ParseSensors(
@@ -369,6 +410,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     invocation.mTimeout = ParseSeconds("--timeout", texts.mTimeout);
     invocation.mWait = ParseSeconds("--wait", texts.mWait).value_or(milliseconds{0});
     invocation.mTimeStyle = ParseTimeStyle(texts.mTimestamps);
+    invocation.mRaw = texts.mRaw;
+    if (!texts.mNoState) {
+        invocation.mStepsPath = StepsPath(environment, invocation.mSocketPath);
+    }
     InterpretAction(app.get_subcommands().front()->get_name(), texts, invocation);
     return invocation;
 }

@@ -20,6 +20,7 @@ struct Invocation
         List,
         Measure,
         Watch,
+        Today,
         Stop,
         Raw,
     };
@@ -29,12 +30,15 @@ struct Invocation
     std::optional<std::string> mCapturePath; // nothing: no capture
     bool mJson = false;
     TimeStyle mTimeStyle = TimeStyle::Short;
-    std::optional<std::chrono::milliseconds> mTimeout;  // nothing: the default of the action
-    std::chrono::milliseconds mWait{0};                 // for a service that is just starting
-    std::vector<Sensor> mSensors;                       // Measure and Stop: one; Watch: some
-    std::optional<std::chrono::milliseconds> mEvery;    // Measure; nothing: once
-    std::optional<unsigned> mCount;                     // Measure; nothing: until a signal
-    std::optional<std::chrono::milliseconds> mFor;      // Watch; nothing: until a signal
+    std::optional<std::chrono::milliseconds> mTimeout; // nothing: the default of the action
+    std::chrono::milliseconds mWait{0};                // for a service that is just starting
+    std::vector<Sensor> mSensors;                      // Measure and Stop: one; Watch: some
+    std::optional<std::chrono::milliseconds> mEvery;   // Measure; nothing: once
+    std::optional<unsigned> mCount;                    // Measure; nothing: until a signal
+    std::optional<std::chrono::milliseconds> mFor;     // Watch; nothing: until a signal
+    bool mRaw = false;                                 // Measure and Watch: steps as on the wire
+    /** The file of the true steps of this watch; empty: they are not kept from run to run. */
+    std::string mStepsPath;
     std::vector<Bytes> mPackets;                        // Raw; at least one
     std::optional<std::chrono::milliseconds> mQuietFor; // Raw; nothing: the default
 };

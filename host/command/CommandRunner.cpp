@@ -1,5 +1,6 @@
 #include "CommandRunner.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <unistd.h>
@@ -68,7 +69,11 @@ CommandRunner::CommandRunner(Invocation invocation, Parvane::Signals &signals)
       mOutput(STDOUT_FILENO),
       mErrors(STDERR_FILENO),
       mClient(MakeClientOptions())
-{}
+{
+    if (Counts()) {
+        mSteps.emplace(mInvocation.mStepsPath, [this](const std::string &text) { Complain(text); });
+    }
+}
 
 CommandRunner::~CommandRunner() = default;
 
@@ -91,6 +96,8 @@ Outcome CommandRunner::Act()
         return Measure();
     case Invocation::Action::Watch:
         return Watch();
+    case Invocation::Action::Today:
+        return Today();
     case Invocation::Action::Stop:
         return Stop();
     case Invocation::Action::Raw:
@@ -147,6 +154,11 @@ Outcome CommandRunner::Watch()
     SensorWatchOptions options;
     options.mRequestTimeout = mInvocation.mTimeout;
     options.mOnNotice = [this](const std::string &text) { Complain(text); };
+    options.mOnLinkedAgain = [this] {
+        if (mSteps) {
+            mSteps->Connected(mClient.PeerRun());
+        }
+    };
     SensorWatch watch(mClient, mInvocation.mSensors, std::move(options));
     const Deadline end = mInvocation.mFor ? Deadline::After(*mInvocation.mFor) : Deadline::Never();
 
@@ -175,6 +187,31 @@ Outcome CommandRunner::Watch()
         return outcome.mCode == ExitCode::Success ? ending : outcome;
     }
     return outcome;
+}
+
+/** What the watch tells now or, without it, what is known. */
+Outcome CommandRunner::Today()
+{
+    std::optional<Error> trouble = Connect();
+    if (!trouble) {
+        auto reading = MeasureOnce();
+        if (!reading) {
+            trouble = std::move(reading).GetError();
+        }
+    }
+    Outcome outcome;
+    if (trouble) {
+        outcome = Failed(*trouble);
+        if (outcome.mSignal != 0) {
+            return outcome;
+        }
+    }
+    const StepsOfDay steps = mSteps->Today(NowMs());
+    const Outcome printed = Printed(mPrinter->Today(steps));
+    if (outcome.mCode != ExitCode::Success || printed.mCode != ExitCode::Success) {
+        return outcome.mCode != ExitCode::Success ? outcome : printed;
+    }
+    return {steps.mSteps ? ExitCode::Success : ExitCode::NoReading};
 }
 
 Outcome CommandRunner::Stop()
@@ -247,6 +284,9 @@ std::optional<Error> CommandRunner::Connect(const Deadline &bound)
     const Deadline patience = Deadline::After(mInvocation.mWait).Earlier(bound);
     for (;;) {
         auto error = mClient.Connect(bound);
+        if (!error && mSteps) {
+            mSteps->Connected(mClient.PeerRun());
+        }
         if (!error || !IsNotThereYet(*error) || patience.HasPassed()) {
             return error;
         }
@@ -269,7 +309,40 @@ Result<Reading, Error> CommandRunner::MeasureOnce()
     BeginProgress();
     auto reading = mClient.Measure(sensor, Within(AnswerTimeout(sensor)));
     mBar.reset();
+    for (; reading && mSteps; reading = mClient.Measure(sensor, Within(AnswerTimeout(sensor)))) {
+        CountUnclaimed();
+        Count(reading.Value());
+        if (!mSteps->WantsQuestion()) {
+            break;
+        }
+    }
     return reading;
+}
+
+/** Whether the steps are to be told as those walked. */
+bool CommandRunner::Counts() const
+{
+    const auto &sensors = mInvocation.mSensors;
+    return !mInvocation.mRaw && mInvocation.mAction != Invocation::Action::Stop &&
+           std::find(sensors.begin(), sensors.end(), Sensor::Pedometer) != sensors.end();
+}
+
+/** Enters a reading of the steps; in the order in which they come, and each of them. */
+void CommandRunner::Count(const Reading &reading)
+{
+    if (mSteps) {
+        mSteps->Take(reading, NowMs());
+    }
+}
+
+/** What has come before the answer that was awaited. */
+void CommandRunner::CountUnclaimed()
+{
+    for (const Reply &earlier : mClient.TakeUnclaimed()) {
+        if (const auto *pushed = std::get_if<Reading>(&earlier)) {
+            Count(*pushed);
+        }
+    }
 }
 
 /**
@@ -279,14 +352,27 @@ Result<Reading, Error> CommandRunner::MeasureOnce()
  */
 Error CommandRunner::PrintAll(SensorWatch &watch, const Deadline &end, bool &hasRead)
 {
+    constexpr milliseconds kTooLong{1000}; // for the reader of the output to hold everything up
     for (;;) {
         auto reading = watch.Next(end);
         if (!reading) {
             return std::move(reading).GetError();
         }
         hasRead = true;
+        Count(reading.Value());
+        if (mSteps && reading.Value().mSensor == Sensor::Pedometer && mSteps->WantsQuestion()) {
+            watch.AskAgain(Sensor::Pedometer);
+            if (!mInvocation.mJson) { // programs are told of every reading
+                continue;
+            }
+        }
+        const auto begin = std::chrono::steady_clock::now();
         if (!PrintReading(reading.Value(), true)) {
             return Interrupted{};
+        }
+        if (mSteps && std::chrono::steady_clock::now() - begin > kTooLong) {
+            mClient
+                .Disconnect(); // totals may have been dropped meanwhile: a new link has no old ones
         }
     }
 }
@@ -294,9 +380,13 @@ Error CommandRunner::PrintAll(SensorWatch &watch, const Deadline &end, bool &has
 /** Waits, and drops what is pushed meanwhile: it would be taken for the answer to the next question. */
 std::optional<Error> CommandRunner::Rest(const Deadline &end)
 {
-    mClient.TakeUnclaimed();
+    CountUnclaimed();
     do {
         auto pushed = mClient.Receive(end);
+        const auto *reading = pushed ? std::get_if<Reading>(&pushed.Value()) : nullptr;
+        if (reading != nullptr) {
+            Count(*reading);
+        }
         if (!pushed && !std::holds_alternative<Timeout>(pushed.GetError())) {
             return std::move(pushed).GetError();
         }
@@ -334,6 +424,9 @@ bool CommandRunner::Print(const Lines &lines)
 bool CommandRunner::PrintReading(const Reading &reading, bool isOneOfMany)
 {
     const std::int64_t now = NowMs();
+    if (mSteps && reading.mSensor == Sensor::Pedometer) {
+        return Print(mPrinter->Steps(reading, mSteps->Latest(now), now, isOneOfMany));
+    }
     if (!Print(isOneOfMany ? mPrinter->Watched(reading, now) : mPrinter->Measured(reading, now))) {
         return false;
     }

@@ -16,6 +16,7 @@
 #include "ProgressBar.h"
 #include "SensorWatch.h"
 #include "Signals.h"
+#include "StepCounter.h"
 
 namespace ParvaneHost {
 
@@ -46,6 +47,7 @@ private:
     Outcome List();
     Outcome Measure();
     Outcome Watch();
+    Outcome Today();
     Outcome Stop();
     Outcome Raw();
 
@@ -54,6 +56,9 @@ private:
     [[nodiscard]] Deadline Within(std::chrono::milliseconds usual) const;
     Result<Reading, Error> MeasureOnce();
     std::optional<Error> Rest(const Deadline &end);
+    [[nodiscard]] bool Counts() const;
+    void Count(const Reading &reading);
+    void CountUnclaimed();
     Error PrintAll(SensorWatch &watch, const Deadline &end, bool &hasRead);
     void BeginProgress();
     bool Print(const Lines &lines);
@@ -75,6 +80,7 @@ private:
     CaptureFile mCapture;
     bool mHasCaptureFailed = false;
     Client mClient;
+    std::optional<StepCounter> mSteps; // nothing: steps are told as they are on the wire
 };
 
 } // namespace ParvaneHost

@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "HexBytes.h"
+#include "StepLedgerText.h"
 
 namespace ParvaneHost {
 
@@ -53,6 +54,14 @@ void AddMeaning(Json &object, const Reading &reading)
         return;
     }
     object["unit"] = nullptr;
+}
+
+/** Of the day: how many, whether that is all, and since when. */
+void AddSteps(Json &object, const std::optional<DaySteps> &steps)
+{
+    object["steps"] = steps ? Json(steps->mSteps) : Json(nullptr);
+    object["exact"] = steps && steps->mIsExact;
+    object["since_ms"] = steps ? Json(steps->mSince.time_since_epoch().count()) : Json(nullptr);
 }
 
 Json HeaderObject(const SensorListHeader &header)
@@ -145,7 +154,10 @@ Lines JsonPrinter::Keys()
         "          null), time_ms (since the epoch; null when the watch knows no time);",
         "          hr also: usable (true/false); wear also: worn (true/false);",
         "          activity also: activity (text or null)",
-        "          the value of steps is the total on the wire, not the steps walked",
+        "          the value of steps is the total on the wire, not the steps walked;",
+        "          without --raw also: steps, exact, since_ms, as in today",
+        "today     date, steps (at least so many; null when not known), exact (true when",
+        "          it is all), since_ms (from when on it was counted), until_ms",
         "stopped   sensor, id",
         "packet    hex, and one of",
         "            reply: an object as above, or of type \"option\" (sensor, id); also",
@@ -174,6 +186,23 @@ Lines JsonPrinter::Measured(const Reading &reading, std::int64_t nowMs) const
 Lines JsonPrinter::Watched(const Reading &reading, std::int64_t nowMs) const
 {
     return Measured(reading, nowMs);
+}
+
+Lines JsonPrinter::Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
+                         bool /*isOneOfMany*/) const
+{
+    Json object = ReadingObject(reading, nowMs);
+    AddSteps(object, steps.mSteps);
+    return {object.dump()};
+}
+
+Lines JsonPrinter::Today(const StepsOfDay &steps) const
+{
+    Json object{{"type", "today"}, {"date", DateText(steps.mDate)}};
+    AddSteps(object, steps.mSteps);
+    object["until_ms"] =
+        steps.mSteps ? Json(steps.mSteps->mUntil.time_since_epoch().count()) : Json(nullptr);
+    return {object.dump()};
 }
 
 Lines JsonPrinter::Remark(const Reading & /*reading*/) const

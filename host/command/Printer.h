@@ -7,6 +7,7 @@
 
 #include "Messages.h"
 #include "Result.h"
+#include "StepsOfDay.h"
 #include "WireCodec.h"
 
 namespace ParvaneHost {
@@ -28,6 +29,17 @@ public:
 
     /** A reading among many: with its time. */
     virtual Lines Watched(const Reading &reading, std::int64_t nowMs) const = 0;
+
+    /**
+     * A reading of the steps, by what is known of the steps of the day.
+     *
+     * @param isOneOfMany  as if Watched(), else as if Measured()
+     */
+    virtual Lines Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
+                        bool isOneOfMany) const = 0;
+
+    /** The summary of a day. */
+    virtual Lines Today(const StepsOfDay &steps) const = 0;
 
     /** What the reading alone does not tell people; nothing for most. */
     virtual Lines Remark(const Reading &reading) const = 0;

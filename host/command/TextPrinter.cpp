@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "HexBytes.h"
+#include "StepLedgerText.h"
 
 namespace ParvaneHost {
 
@@ -69,6 +70,44 @@ std::string LocalTime(std::time_t seconds)
         return {};
     }
     return text.data();
+}
+
+/** "18:53", in local time. */
+std::string ClockText(Instant instant)
+{
+    constexpr std::size_t kClock = 11; // characters before it, and of it
+    constexpr std::size_t kLength = 5;
+    const std::string text =
+        LocalTime(std::chrono::floor<std::chrono::seconds>(instant).time_since_epoch().count());
+    return text.size() < kClock + kLength ? "-" : text.substr(kClock, kLength);
+}
+
+/** "1,284". */
+std::string Grouped(std::int64_t number)
+{
+    constexpr std::size_t kGroup = 3;
+    std::string text = std::to_string(number);
+    for (std::size_t at = text.size(); at > kGroup; at -= kGroup) {
+        text.insert(at - kGroup, ",");
+    }
+    return text;
+}
+
+/** "1,284 today, exact", "1,284 since 09:12, exact", "at least 1,284 today"; `today` follows the number. */
+std::string StepsText(const std::optional<DaySteps> &steps, const std::string &today)
+{
+    if (!steps) {
+        return "not known yet";
+    }
+    const std::string number = Grouped(steps->mSteps);
+    if (!steps->mIsExact) {
+        return "at least " + number + today;
+    }
+    if (steps->mFromMidnight) {
+        return number + today + ", exact";
+    }
+    return number + (today == " today" ? "" : today) + " since " + ClockText(steps->mSince) +
+           ", exact";
 }
 
 std::string TimeText(const Reading &reading, std::int64_t nowMs, TimeStyle style)
@@ -193,6 +232,26 @@ Lines TextPrinter::Measured(const Reading &reading, std::int64_t nowMs) const
 Lines TextPrinter::Watched(const Reading &reading, std::int64_t nowMs) const
 {
     return {TimeText(reading, nowMs, mStyle) + "  " + ValueText(reading)};
+}
+
+Lines TextPrinter::Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
+                         bool isOneOfMany) const
+{
+    const std::string text = "steps: " + StepsText(steps.mSteps, " today");
+    if (isOneOfMany || mStyle != TimeStyle::Short) {
+        return {TimeText(reading, nowMs, mStyle) + "  " + text};
+    }
+    return {text};
+}
+
+Lines TextPrinter::Today(const StepsOfDay &steps) const
+{
+    std::string text = DateText(steps.mDate) + ": ";
+    if (!steps.mSteps) {
+        return {text + "no steps known"};
+    }
+    text += StepsText(steps.mSteps, steps.mSteps->mSteps == 1 ? " step" : " steps");
+    return {text + ", as of " + ClockText(steps.mSteps->mUntil)};
 }
 
 Lines TextPrinter::Remark(const Reading &reading) const

@@ -25,6 +25,9 @@ public:
     Lines List(const SensorList &list) const override;
     Lines Measured(const Reading &reading, std::int64_t nowMs) const override;
     Lines Watched(const Reading &reading, std::int64_t nowMs) const override;
+    Lines Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
+                bool isOneOfMany) const override;
+    Lines Today(const StepsOfDay &steps) const override;
     Lines Remark(const Reading &reading) const override;
     Lines Stopped(const StopAck &acknowledgement) const override;
     Lines Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,

@@ -19,20 +19,20 @@ _parvane_host()
     esac
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
-        list | measure | watch | stop | raw)
+        list | measure | watch | today | stop | raw)
             subcommand=$word
             break
             ;;
         esac
     done
     case $subcommand in
-    '') words='list measure watch stop raw --version' ;;
-    measure) words='hr wear steps activity --every --count' ;;
-    watch) words='activity steps hr wear all --for' ;;
+    '') words='list measure watch today stop raw --version' ;;
+    measure) words='hr wear steps activity --every --count --raw' ;;
+    watch) words='activity steps hr wear all --for --raw' ;;
     stop) words='activity hr wear steps' ;;
     raw) words='--quiet-for' ;;
     esac
-    words+=' --socket --capture --timeout --wait --timestamps --json --help'
+    words+=' --socket --capture --timeout --wait --timestamps --json --no-state --help'
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
 }
 complete -F _parvane_host parvane-host

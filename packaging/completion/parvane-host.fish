@@ -4,6 +4,7 @@ complete -c parvane-host -f
 complete -c parvane-host -n __fish_use_subcommand -a list -d 'List the sensors and the address of the watch'
 complete -c parvane-host -n __fish_use_subcommand -a measure -d 'Ask for one reading, or for one again and again'
 complete -c parvane-host -n __fish_use_subcommand -a watch -d 'Print readings as they come'
+complete -c parvane-host -n __fish_use_subcommand -a today -d 'Print how many steps were walked today'
 complete -c parvane-host -n __fish_use_subcommand -a stop -d "End the pushing of a sensor's readings"
 complete -c parvane-host -n __fish_use_subcommand -a raw -d 'Send packets as they are, and print every reply'
 
@@ -13,6 +14,7 @@ complete -c parvane-host -l timeout -x -d 'How long to wait for the watch, in se
 complete -c parvane-host -l wait -d 'Wait for a service that is just starting'
 complete -c parvane-host -l timestamps -x -a 'iso unix' -d 'Begin each reading with its time'
 complete -c parvane-host -l json -d 'Print one JSON object a line'
+complete -c parvane-host -l no-state -d 'Keep and read no steps'
 complete -c parvane-host -s h -l help -d 'Print help and exit'
 complete -c parvane-host -n __fish_use_subcommand -l version -d 'Print the version and exit'
 
@@ -22,4 +24,5 @@ complete -c parvane-host -n '__fish_seen_subcommand_from measure' -l count -x -d
 complete -c parvane-host -n '__fish_seen_subcommand_from watch' -a 'activity steps hr wear all'
 complete -c parvane-host -n '__fish_seen_subcommand_from watch' -l for -x -d 'End after so many seconds'
 complete -c parvane-host -n '__fish_seen_subcommand_from stop' -a 'activity hr wear steps'
+complete -c parvane-host -n '__fish_seen_subcommand_from measure watch' -l raw -d 'Print steps as the total on the wire'
 complete -c parvane-host -n '__fish_seen_subcommand_from raw' -l quiet-for -x -d 'How many milliseconds are quiet'

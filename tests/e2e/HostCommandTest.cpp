@@ -23,7 +23,9 @@ protected:
     {
         std::vector<std::string> command = {PARVANE_HOST_PROGRAM, "--socket", LinkPath().string()};
         command.insert(command.end(), arguments.begin(), arguments.end());
-        return std::make_unique<Process>(command, BaseEnvironment(), mFolder.Path());
+        Environment environment = BaseEnvironment();
+        environment["XDG_STATE_HOME"] = mFolder.Path() / "phone";
+        return std::make_unique<Process>(command, environment, mFolder.Path());
     }
 
     std::unique_ptr<Process> RunHost(const std::vector<std::string> &arguments, int status) const
@@ -62,6 +64,25 @@ TEST_F(HostCommandTest, WornStateStepsAndActivityAreMeasured)
                 ContainsRegex("\"sensor\":\"steps\".*\"value\":[0-9]+"));
     EXPECT_THAT(RunHost({"--json", "measure", "activity"}, 0)->StandardOutput(),
                 ContainsRegex("\"sensor\":\"activity\".*\"value\":0"));
+}
+
+TEST_F(HostCommandTest, StepsAreExactAsLongAsTheServiceRuns)
+{
+    const Environment walk = {{"PARVANE_TRACE", WriteRecording(kRun)}, {"PARVANE_LOOP", "0"}};
+    StartService(walk);
+    ASSERT_TRUE(mService->HasLogged("app_service"));
+    for (int link = 0; link < 2; ++link) {
+        EXPECT_THAT(RunHost({"measure", "steps"}, 0)->StandardOutput(),
+                    ContainsRegex("^steps: [0-9,]+ since [0-9:]+, exact\n$"));
+    }
+    ASSERT_EQ(StopService(), 0);
+    StartService(walk);
+    ASSERT_TRUE(mService->HasLogged("app_service"));
+
+    EXPECT_THAT(RunHost({"measure", "steps"}, 0)->StandardOutput(),
+                ContainsRegex("^steps: at least [0-9,]+ today\n$"));
+    EXPECT_THAT(RunHost({"today"}, 0)->StandardOutput(),
+                ContainsRegex("^[0-9-]+: at least [0-9,]+ steps?, as of [0-9:]+\n$"));
 }
 
 TEST_F(HostCommandTest, HeartRateIsMeasuredWhileStepsArePushed)

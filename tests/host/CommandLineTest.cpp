@@ -44,6 +44,24 @@ void ExpectUsageError(const std::vector<std::string> &arguments, const std::stri
     EXPECT_EQ(ending.mError, "parvane-host: " + text + "\nTry 'parvane-host --help'.\n");
 }
 
+TEST(CommandLineTest, StepsAreKeptInAFileForEachSocket)
+{
+    const auto stepsPath = [](const std::vector<std::string> &words, const char *state) {
+        const Parvane::Environment environment = [state](const char *name) {
+            return std::string(name) == "XDG_STATE_HOME" ? state
+                   : std::string(name) == "HOME"         ? "/home/me"
+                                                         : nullptr;
+        };
+        return std::get<Invocation>(ParseCommandLine(words, environment)).mStepsPath;
+    };
+    const std::vector<std::string> today{"today", "--socket", "/run/a/../link.sock"};
+    EXPECT_EQ(stepsPath(today, "/state"), "/state/parvane-host/steps%run%link.sock");
+    EXPECT_EQ(stepsPath(today, "relative"),
+              "/home/me/.local/state/parvane-host/steps%run%link.sock");
+    EXPECT_EQ(stepsPath({"today", "--no-state"}, "/state"), "");
+    EXPECT_EQ(std::get<Invocation>(ParseCommandLine(today, NoEnvironment)).mStepsPath, "");
+}
+
 TEST(CommandLineTest, ListTakesTheDefaults)
 {
     const Invocation invocation = Parsed({"list"});
@@ -224,9 +242,9 @@ TEST(CommandLineTest, RawTakesPackets)
 
 TEST(CommandLineTest, SubcommandsAreNamedWhenMissingOrUnknown)
 {
-    ExpectUsageError({}, "no subcommand given; allowed: list, measure, watch, stop, raw");
+    ExpectUsageError({}, "no subcommand given; allowed: list, measure, watch, today, stop, raw");
     ExpectUsageError({"frob"},
-                     "unknown subcommand 'frob'; allowed: list, measure, watch, stop, raw");
+                     "unknown subcommand 'frob'; allowed: list, measure, watch, today, stop, raw");
     ExpectUsageError({"--frob"}, "unknown option '--frob'");
 }
 

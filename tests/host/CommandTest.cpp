@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -30,10 +31,17 @@ class Host : public Parvane::Program
 {
 public:
     explicit Host(std::vector<std::string> arguments, const Options &options = {})
-        : Program(Command(std::move(arguments)), options)
+        : Program(Command(std::move(arguments)), WithoutHome(options))
     {}
 
 private:
+    /** It keeps nothing, unless told where. */
+    static Options WithoutHome(Options options)
+    {
+        options.mEnvironment.insert({{"HOME", ""}, {"XDG_STATE_HOME", ""}});
+        return options;
+    }
+
     static std::vector<std::string> Command(std::vector<std::string> arguments)
     {
         arguments.insert(arguments.begin(), PARVANE_HOST_PROGRAM);
@@ -95,7 +103,13 @@ protected:
         mWatch.Send(AcknowledgementOf(stop));
     }
 
+    [[nodiscard]] std::string StateFolder() const
+    {
+        return mWithState.mEnvironment.at("XDG_STATE_HOME") + "/parvane-host";
+    }
+
     ScriptedWatch mWatch;
+    const Host::Options mWithState{.mEnvironment = {{"XDG_STATE_HOME", mWatch.Path() + ".state"}}};
     Bytes mStart;
 };
 
@@ -221,13 +235,77 @@ TEST_F(CommandTest, NoUsableReadingIsExitCodeFourAndSaysWhatToLookAt)
 
 TEST_F(CommandTest, TheTotalOfTheStepsSaysWhatItIs)
 {
-    Host host(Arguments({"measure", "steps"}));
+    Host host(Arguments({"measure", "steps", "--raw"}));
     mWatch.Accept();
     mWatch.Send(ReadingFor(mWatch.Receive(), 2));
 
     EXPECT_EQ(host.ReadOutput(), "steps: total on the wire 2\n");
     EXPECT_THAT(host.ReadErrors(), EndsWith("docs/wire-format.md#the-total-of-the-day\n"));
     EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, StepsAreThoseWalkedAndAskedForTwice)
+{
+    Host host(Arguments({"measure", "steps"}));
+    mWatch.Accept();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2));
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kSeventyTwo));
+
+    EXPECT_THAT(host.ReadOutput(), ContainsRegex("^steps: 0 since [0-9:]{5}, exact\n$"));
+    EXPECT_EQ(host.ReadErrors(), "");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(CommandTest, StepsGoOnFromRunToRun)
+{
+    for (const char *steps : {"0 since", "70 since"}) { // counts of 0, and of 70
+        Host host(Arguments({"measure", "steps"}), mWithState);
+        mWatch.Accept();
+        mWatch.Send(ReadingFor(mWatch.Receive(), 2));
+        const bool isFirst = steps[0] == '0';
+        mWatch.Send(ReadingFor(mWatch.Receive(), 2, isFirst ? kTwo : kSeventyTwo));
+        EXPECT_THAT(host.ReadOutput(), StartsWith("steps: " + std::string(steps)));
+        EXPECT_EQ(host.ReadErrors(), "");
+        EXPECT_EQ(host.Wait(), 0);
+    }
+    mWatch.StopListening();
+    Host today(Arguments({"today"}), mWithState);
+    EXPECT_THAT(today.ReadOutput(), ContainsRegex("^[0-9-]{10}: 70 steps since [0-9:]{5}, exact, "
+                                                  "as of [0-9:]{5}\n$"));
+    EXPECT_EQ(today.Wait(), 3);
+    Host without(Arguments({"today", "--no-state", "--json"}), mWithState);
+    EXPECT_TRUE(json::parse(without.ReadLine()).at("steps").is_null());
+}
+
+TEST_F(CommandTest, OneRunAtATimeKeepsTheSteps)
+{
+    Host watch(Arguments({"watch", "steps"}), mWithState);
+    mWatch.Accept();
+    const Bytes request = mWatch.Receive();
+    mWatch.Send(ReadingFor(request, 2));
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kSeventyTwo));
+    EXPECT_THAT(watch.ReadLine(), ContainsRegex("  steps: 0 since [0-9:]{5}, exact$"));
+
+    Host today(Arguments({"today", "--timeout", "0.1"}), mWithState);
+    EXPECT_THAT(today.ReadErrors(), HasSubstr("another parvane-host counts there"));
+    EXPECT_EQ(today.Wait(), 3);
+    watch.Signal(SIGINT);
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, DamagedStepsAreSetAside)
+{
+    std::filesystem::create_directories(StateFolder());
+    std::string name = mWatch.Path();
+    std::replace(name.begin(), name.end(), '/', '%');
+    const std::string file = StateFolder() + "/steps" + name;
+    std::ofstream(file) << "parvane-steps 1\nsum 0\n";
+    mWatch.StopListening();
+
+    Host host(Arguments({"today"}), mWithState);
+    EXPECT_THAT(host.ReadErrors(), HasSubstr("it is damaged; it is kept as .unread"));
+    EXPECT_EQ(host.Wait(), 3);
+    EXPECT_TRUE(std::filesystem::exists(file + ".unread"));
 }
 
 TEST_F(CommandTest, AServiceThatIsJustStartingIsWaitedFor)
@@ -274,7 +352,7 @@ TEST_F(CommandTest, MeasurementsAreRepeatedAsOftenAsTold)
 
 TEST_F(CommandTest, WhatIsPushedBetweenMeasurementsIsNoAnswer)
 {
-    Host host(Arguments({"measure", "steps", "--every", "0.2", "--count", "2"}));
+    Host host(Arguments({"measure", "steps", "--raw", "--every", "0.2", "--count", "2"}));
     mWatch.Accept();
     const Bytes first = mWatch.Receive();
     mWatch.Send(ReadingFor(first, 2));
@@ -334,7 +412,7 @@ TEST_F(CommandTest, ATimeThatIsTooShortForAnyReadingIsExitCodeThree)
 
 TEST_F(CommandTest, WatchingAllAsksForEverySensor)
 {
-    Host host(Arguments({"watch", "all", "--json"}));
+    Host host(Arguments({"watch", "all", "--json", "--raw"}));
     StartActivity();
     for (std::uint8_t sensor = 2; sensor <= 4; ++sensor) {
         const Bytes request = mWatch.Receive();
@@ -461,7 +539,7 @@ TEST_F(CommandTest, WatchEndsByItselfAfterItsTime)
 
 TEST_F(CommandTest, WatchingStepsEndsWithoutAStop)
 {
-    Host host(Arguments({"watch", "steps"}));
+    Host host(Arguments({"watch", "steps", "--raw"}));
     mWatch.Accept();
     const Bytes request = mWatch.Receive();
     EXPECT_EQ(Asked(request), (Bytes{2, 2}));

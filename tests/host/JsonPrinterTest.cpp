@@ -66,6 +66,28 @@ TEST(JsonPrinterTest, AnUnknownSensorHasNoUnit)
     EXPECT_TRUE(object.at("unit").is_null());
 }
 
+TEST(JsonPrinterTest, StepsHaveKeysOfTheirOwn)
+{
+    StepsOfDay day{std::chrono::local_days{std::chrono::days{16203}}, DaySteps{}};
+    day.mSteps->mSteps = 25;
+    day.mSteps->mIsExact = true;
+    day.mSteps->mSince = Instant{std::chrono::milliseconds{5}};
+    day.mSteps->mUntil = Instant{std::chrono::milliseconds{6}};
+    const Reading reading{.mSensor = Sensor::Pedometer, .mValue = 60.0F};
+    const auto object = json::parse(JsonPrinter().Steps(reading, day, kNowMs, true).at(0));
+    EXPECT_EQ(object.at("value"), 60);
+    EXPECT_EQ(object.at("steps"), 25);
+    EXPECT_EQ(object.at("exact"), true);
+    EXPECT_EQ(object.at("since_ms"), 5);
+    EXPECT_THAT(JsonPrinter().Today(day),
+                ElementsAre(R"({"type":"today","date":"2014-05-13","steps":25,"exact":true,)"
+                            R"("since_ms":5,"until_ms":6})"));
+    day.mSteps.reset();
+    EXPECT_THAT(JsonPrinter().Today(day),
+                ElementsAre(R"({"type":"today","date":"2014-05-13","steps":null,"exact":false,)"
+                            R"("since_ms":null,"until_ms":null})"));
+}
+
 TEST(JsonPrinterTest, LargeValuesStayNumbers)
 {
     EXPECT_EQ(json::parse(Measured(Sensor::Pedometer, 16777216.0F).at(0)).at("value"), 16777216);

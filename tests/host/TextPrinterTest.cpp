@@ -75,6 +75,30 @@ TEST_F(TextPrinterTest, MeasurementsAreSentencesWithUnits)
     ExpectMeasured(Sensor::Activity, 3.0F, "activity: wrist gesture");
 }
 
+TEST_F(TextPrinterTest, StepsSayHowSureTheyAre)
+{
+    const Reading reading = ReadingOf(Sensor::Pedometer, 99999.0F);
+    const Instant now{std::chrono::milliseconds{kNowMs}};
+    StepsOfDay day{LocalDate([](auto) { return std::chrono::seconds{0}; }, now), DaySteps{}};
+    day.mSteps->mSince = now;
+    day.mSteps->mUntil = now;
+    day.mSteps->mSteps = 1284;
+    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, false),
+                ElementsAre("steps: at least 1,284 today"));
+    EXPECT_THAT(mPrinter.Today(day), ElementsAre("2014-05-13: at least 1,284 steps, as of 16:53"));
+    day.mSteps->mIsExact = true;
+    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, true),
+                ElementsAre("2014-05-13 16:53:20  steps: 1,284 since 16:53, exact"));
+    day.mSteps->mFromMidnight = true;
+    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, false),
+                ElementsAre("steps: 1,284 today, exact"));
+    day.mSteps->mSteps = 1;
+    EXPECT_THAT(mPrinter.Today(day), ElementsAre("2014-05-13: 1 step, exact, as of 16:53"));
+    day.mSteps.reset();
+    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, false), ElementsAre("steps: not known yet"));
+    EXPECT_THAT(mPrinter.Today(day), ElementsAre("2014-05-13: no steps known"));
+}
+
 TEST_F(TextPrinterTest, ValuesWithoutAMeaningAreShownAsTheyAre)
 {
     ExpectMeasured(Sensor::Activity, 7.5F, "activity: unknown (7.5)");
