@@ -43,26 +43,6 @@ test_strap_is_found_and_measures() {
 }
 unconnected() { ! bluetoothctl devices Connected | grep Device; }
 
-test_contact_lost_is_not_worn() {
-    set_up
-    configure <<<"$setting"
-    eventually 90 beats 72
-    echo off >rate
-    parvane-host measure wear | grep no
-}
-
-test_strap_that_vanishes_and_returns_goes_on() {
-    set_up
-    configure <<<"$setting"
-    parvane-host watch hr --for 230 >readings 2>/dev/null &
-    eventually 90 grep '72 bpm' readings
-    powered hci1 false
-    eventually 40 logged 'strap .* is lost'
-    echo 81 >rate
-    powered hci1 true
-    eventually 90 grep '81 bpm' readings
-}
-
 test_bluetoothd_restarted_goes_on() {
     set_up
     configure <<<"$setting"
@@ -74,22 +54,6 @@ test_bluetoothd_restarted_goes_on() {
     powered hci1 true
     echo 83 >rate
     eventually 90 grep '83 bpm' readings
-}
-
-test_controllers_gone_and_back_go_on() {
-    set_up
-    configure <<<"$setting"
-    parvane-host watch hr --for 230 >readings 2>/dev/null &
-    eventually 90 grep '72 bpm' readings
-    kill "$btvirt"
-    eventually 30 test ! -e /sys/class/bluetooth/hci0
-    expect_equal "the service meanwhile" "$(property StatusText)" Serving
-    echo 85 >rate
-    controllers
-    eventually 40 adapters 2
-    eventually 20 powered hci0 true
-    eventually 20 powered hci1 true
-    eventually 90 grep '85 bpm' readings
 }
 
 test_address_in_the_list_is_the_adapters() {

@@ -5,7 +5,11 @@ inhibits() {
         grep -E '"sleep:idle" "Parvane" "[^"]*" "block"' >/dev/null
 }
 setting=$'[sensors]\nheart_rate=manual\npedometer=manual\nactivity=manual\n[power]\nlock=logind'
-slept() { journalctl -b --no-pager --after-cursor="$cursor" | grep -c 'PM: suspend exit'; }
+slept() { journalctl -b --no-pager --after-cursor="$cursor" | grep -c 'PM: suspend exit' || true; }
+
+# logind and polkit are awake, and grant the service's user what it asks for: the service itself waits for no more than
+# half a second, which an emulated machine exceeds at the first time.
+warm_up() { eventually 30 runuser -u parvane -- systemd-inhibit --what=sleep:idle --mode=block true; }
 
 # The power button wakes the machine, and shall do nothing else.
 button() {
@@ -13,7 +17,7 @@ button() {
     mkdir -p /run/systemd/logind.conf.d
     printf '[Login]\nHandlePowerKey=ignore\n' >/run/systemd/logind.conf.d/vm.conf
     systemctl restart systemd-logind
-    eventually 20 loginctl --no-pager
+    warm_up
 }
 # Sleeps for some seconds: doze SECONDS
 doze() {
@@ -26,6 +30,7 @@ doze() {
 woke() { [ "$(slept)" -gt "$1" ]; }
 
 test_measurement_keeps_the_machine_awake() {
+    warm_up
     configure <<<"$setting"
     parvane-watch set hr 66
     refused inhibits
@@ -71,13 +76,6 @@ test_link_and_pushes_go_on_after_sleep() {
     parvane-watch steps +4
     eventually 20 stores $((before + 10))
     eventually 20 grep -E "\"value\": ?$((before + 10))" pushes
-    doze 5
-    date +%s >now
-    parvane-watch steps +1
-    eventually 20 stores $((before + 18))
-    # The time of a push is that of the clock after the sleep.
-    parvane-host --json measure steps >last
-    cat last
 }
 
 test_logind_restarted_in_a_measurement() {
@@ -88,6 +86,7 @@ test_logind_restarted_in_a_measurement() {
     systemctl restart systemd-logind
     wait $!
     grep '66 bpm' beats
+    warm_up
     parvane-host measure hr >beats &
     eventually 10 inhibits
     wait $!
