@@ -25,7 +25,6 @@ using std::chrono::sys_seconds;
 namespace {
 
 constexpr std::int64_t kMsPerSecond = 1000;
-constexpr std::int64_t kHourMs = 3600 * kMsPerSecond;
 constexpr int kDaysOfAWorld = 25; // fewer than a ledger keeps
 
 int FromEnvironment(const char *name, int otherwise)
