@@ -73,8 +73,8 @@ test_journal_has_the_fields() {
         _SYSTEMD_UNIT=parvane.service _TRANSPORT=journal; do
         grep -E "^ +$field" <<<"$entry" || fail "no $field in: $entry"
     done
-    entry=$(journal PARVANE_TAG=Parvane CODE_FILE=HRMController -o verbose -n 1)
-    grep -E '^ +MESSAGE=HRMController: [A-Za-z]+\([0-9]+\) > ' <<<"$entry" || fail "not the service's form: $entry"
+    entry=$(journal PARVANE_TAG=Parvane CODE_FILE=ParvaneMain -o verbose -n 1)
+    grep -E '^ +MESSAGE=ParvaneMain: [a-z_]+\([0-9]+\) > ' <<<"$entry" || fail "not the service's form: $entry"
     journal -p warning PARVANE_TAG=platform | grep /nowhere
 }
 
