@@ -73,3 +73,17 @@ TEST_F(IdleTest, ServiceWithAHostAndAViewerThatAskNothingSleepsForAMinute)
 
     ExpectAsleep();
 }
+
+TEST_F(IdleTest, ServiceThatIsObservedSleepsForAMinute)
+{
+    StartService({{"PARVANE_TRACE", PARVANE_RECORDING}});
+    const Host host(LinkPath());
+    ASSERT_EQ(host.Ask({0x01, 0x00, 0x00, 0x00}, 5).size(), 5U);
+    const Host observer(mRunDirectory / "control.sock");
+    const std::string request = R"({"request":"observe"})";
+    ASSERT_EQ(observer.Ask({request.begin(), request.end()}, 1).size(), 1U);
+    host.Send({0x01, 0x00, 0x00, 0x00});
+    ASSERT_TRUE(observer.Receive().has_value()); // what has crossed the link
+
+    ExpectAsleep();
+}

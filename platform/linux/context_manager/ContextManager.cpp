@@ -78,7 +78,9 @@ int ContextManager::Subscribe(int item, const context_option *option, context_ch
     const auto takeBack = [&] {
         requestId = before;
         mSubscriptions.erase(*known);
-        source->Stop(*known);
+        if (!IsOn(*known)) {
+            source->Stop(*known);
+        }
     };
     try {
         const int result = source->Start(*known);
@@ -98,7 +100,7 @@ int ContextManager::Unsubscribe(int item)
     if (!known) {
         return ErrorCode::kNotSupported;
     }
-    if (mSubscriptions.erase(*known) > 0) {
+    if (mSubscriptions.erase(*known) > 0 && !IsOn(*known)) {
         mSources.SourceOf(*known)->Stop(*known);
     }
     std::erase_if(mQueries, [known](const PendingQuery &query) { return query.mItem == *known; });
@@ -127,6 +129,24 @@ int ContextManager::Query(int item, const context_option *option, context_change
     }
     requestId = receiver.mRequestId;
     return 0;
+}
+
+std::shared_ptr<void> ContextManager::Keep(ContextItem item, int pid)
+{
+    SensorSource *source = mSources.SourceOf(item);
+    if (source == nullptr || mSources.KindOf(item) == SourceKind::None) {
+        return nullptr;
+    }
+    const bool wasOn = IsOn(item);
+    const auto keeper = mKeepers.insert({item, Keeper{pid, mClock.Now()}});
+    std::shared_ptr<void> handle(&*keeper, [this, source, item, keeper](void *) {
+        mKeepers.erase(keeper);
+        if (!IsOn(item)) {
+            source->Stop(item);
+        }
+    });
+    // Begun anew, an item would tell its subscriber what that knows already.
+    return wasOn || source->Start(item) == 0 ? handle : nullptr;
 }
 
 void ContextManager::OnReading(ContextItem item, const SensorReading &reading)
@@ -167,6 +187,9 @@ std::vector<ContextManager::ItemStatus> ContextManager::Status() const
         if (const auto found = mSubscriptions.find(item); found != mSubscriptions.end()) {
             status.mRequestId = found->second.mReceiver.mRequestId;
             status.mSubscribed = found->second.mSince;
+        }
+        for (auto [at, end] = mKeepers.equal_range(item); at != end; ++at) {
+            status.mKeepers.push_back(at->second);
         }
         if (const auto found = mHistory.find(item); found != mHistory.end()) {
             static_cast<History &>(status) = found->second;

@@ -4,6 +4,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -75,6 +76,13 @@ public:
         std::uint64_t mDelivered = 0;
     };
 
+    /** A process for which an item is on, whether or not it is subscribed. */
+    struct Keeper
+    {
+        int mPid = 0;
+        Instant mSince;
+    };
+
     struct ItemStatus : History
     {
         ContextItem mItem = ContextItem::Gesture;
@@ -85,15 +93,24 @@ public:
         std::optional<int> mRequestId;
         /** When the subscription began. */
         Instant mSubscribed;
+        std::vector<Keeper> mKeepers;
     };
 
     /** The status of every item, by its number. */
     std::vector<ItemStatus> Status() const;
 
+    /**
+     * Keeps an item on for a process, until the handle goes; not from inside a reading, and before
+     * this object.
+     *
+     * @return null when the item has no source, or its source cannot serve it now
+     */
+    std::shared_ptr<void> Keep(ContextItem item, int pid);
+
     /** Hears every reading of a source before it is delivered. */
     using Tap = std::function<void(ContextItem, const SensorReading &)>;
 
-    /** Sets the tap; an empty one ends it. It must not call the context manager. */
+    /** Sets the tap; an empty one ends it. It must not change the context manager. */
     void SetTap(Tap tap) { mTap = std::move(tap); }
 
     /** The manual source, if some item has it; else null. */
@@ -124,11 +141,16 @@ private:
     };
 
     void OnReading(ContextItem item, const SensorReading &reading) override;
+    bool IsOn(ContextItem item) const
+    {
+        return mSubscriptions.contains(item) || mKeepers.contains(item);
+    }
     void AnswerQueries();
     void Deliver(const Receiver &receiver, ContextItem item, const SensorReading &reading) const;
 
     const Clock &mClock;
     std::map<ContextItem, Subscription> mSubscriptions;
+    std::multimap<ContextItem, Keeper> mKeepers;
     std::deque<PendingQuery> mQueries;
     std::uint64_t mTurn = 0;
     int mLastRequestId = 0;

@@ -2,13 +2,15 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <initializer_list>
 #include <limits>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "ConfigSchema.h"
 #include "ControlMessages.h"
@@ -27,16 +29,11 @@ constexpr int kLargestHeartRate = 65535;
 constexpr std::array kActivities = {"other", "still", "walking", "running"};
 
 /** A request that is not carried out, and what its sender is told. */
-class Refusal : public std::runtime_error
+struct Refusal
 {
-public:
-    Refusal(ControlError error, const std::string &text) : std::runtime_error(text), mError(error)
-    {}
-
-    ControlError Error() const { return mError; }
-
-private:
-    ControlError mError;
+    /** One of docs/control.md. */
+    const char *mCode;
+    std::string mText;
 };
 
 /** A value as it came, short enough for a message. */
@@ -51,6 +48,17 @@ std::string Quoted(const json &value)
     return text.size() <= kLongest ? text : text.substr(0, kLongest) + "...";
 }
 
+/** "up, down" */
+template <typename Words>
+std::string Joined(const Words &words)
+{
+    std::string text;
+    for (const char *word : words) {
+        text += (text.empty() ? "" : ", ") + std::string(word);
+    }
+    return text;
+}
+
 /** One request whose members are looked at one by one. */
 class Request
 {
@@ -58,19 +66,18 @@ public:
     explicit Request(std::string_view message) : mObject(Parse(message))
     {
         if (!mObject.is_object()) {
-            throw Refusal(ControlError::BadMessage,
-                          "the message is no JSON object but " + std::string(mObject.type_name()));
+            throw Refusal{"bad-message",
+                          "the message is no JSON object but " + std::string(mObject.type_name())};
         }
         CheckVersion();
         const auto name = mObject.find("request");
         if (name == mObject.end()) {
-            throw Refusal(ControlError::UnknownRequest,
-                          "\"request\" is missing; allowed: " + Names());
+            throw Refusal{"unknown-request", "\"request\" is missing; allowed: " + Joined(kNames)};
         }
         mName = name->is_string() ? name->get<std::string>() : "";
         if (std::find(kNames.begin(), kNames.end(), mName) == kNames.end()) {
-            throw Refusal(ControlError::UnknownRequest,
-                          "\"request\" is " + Quoted(*name) + "; allowed: " + Names());
+            throw Refusal{"unknown-request",
+                          "\"request\" is " + Quoted(*name) + "; allowed: " + Joined(kNames)};
         }
     }
 
@@ -85,12 +92,9 @@ public:
                 std::any_of(members.begin(), members.end(),
                             [&key = key](const char *member) { return key == member; });
             if (!isKnown) {
-                std::string allowed = "version, request";
-                for (const char *member : members) {
-                    allowed += std::string(", ") + member;
-                }
-                throw Refusal(ControlError::BadValue, "\"" + mName + "\" has no member " +
-                                                          Quoted(key) + "; allowed: " + allowed);
+                throw Refusal{"bad-value", "\"" + mName + "\" has no member " + Quoted(key) +
+                                               "; allowed: version, request" +
+                                               (members.size() > 0 ? ", " : "") + Joined(members)};
             }
         }
     }
@@ -100,27 +104,26 @@ public:
     {
         const auto found = mObject.find(member);
         if (found == mObject.end()) {
-            throw Refusal(ControlError::BadValue,
-                          "\"" + std::string(member) + "\" is missing; allowed: " + allowed);
+            throw Refusal{"bad-value",
+                          "\"" + std::string(member) + "\" is missing; allowed: " + allowed};
         }
         return *found;
     }
 
+    /** A member that is a list, unless somebody has sent something else; empty without it. */
+    json List(const char *member) const { return mObject.value(member, json::array()); }
+
     [[noreturn]] void Refuse(const char *member, const std::string &allowed) const
     {
-        throw Refusal(ControlError::BadValue, "\"" + std::string(member) + "\" is " +
-                                                  Quoted(mObject.at(member)) +
-                                                  "; allowed: " + allowed);
+        throw Refusal{"bad-value", "\"" + std::string(member) + "\" is " +
+                                       Quoted(mObject.at(member)) + "; allowed: " + allowed};
     }
 
     /** A member that is one of `names`. @return its place among them */
     template <std::size_t count>
     std::size_t Choice(const char *member, const std::array<const char *, count> &names) const
     {
-        std::string allowed;
-        for (const char *name : names) {
-            allowed += (allowed.empty() ? "" : ", ") + std::string(name);
-        }
+        const std::string allowed = Joined(names);
         const json &value = Get(member, allowed);
         const auto found = std::find_if(names.begin(), names.end(), [&value](const char *name) {
             return value.is_string() && value.get_ref<const std::string &>() == name;
@@ -165,9 +168,8 @@ private:
     /** @param byte  the first that is wrong, counted from 1 */
     static Refusal NoJson(std::size_t byte)
     {
-        return {ControlError::BadMessage, "the message is no JSON from byte " +
-                                              std::to_string(byte) +
-                                              " on; send one object, in UTF-8"};
+        return {"bad-message", "the message is no JSON from byte " + std::to_string(byte) +
+                                   " on; send one object, in UTF-8"};
     }
 
     static json Parse(std::string_view message)
@@ -181,8 +183,8 @@ private:
         } catch (const json::parse_error &failure) {
             throw NoJson(failure.byte);
         } catch (const json::exception &) {
-            throw Refusal(ControlError::BadMessage,
-                          "the message has a number that is too large; send one JSON object");
+            throw Refusal{"bad-message",
+                          "the message has a number that is too large; send one JSON object"};
         }
     }
 
@@ -190,23 +192,14 @@ private:
     {
         const auto version = mObject.find("version");
         if (version != mObject.end() && *version != kControlVersion) {
-            throw Refusal(ControlError::UnsupportedVersion,
+            throw Refusal{"unsupported-version",
                           "\"version\" is " + Quoted(*version) +
-                              "; allowed: " + std::to_string(kControlVersion));
+                              "; allowed: " + std::to_string(kControlVersion)};
         }
     }
 
-    static std::string Names()
-    {
-        std::string names;
-        for (const char *name : kNames) {
-            names += (names.empty() ? "" : ", ") + std::string(name);
-        }
-        return names;
-    }
-
-    static constexpr std::array kNames = {"status", "config",  "log",  "set",   "link",
-                                          "memory", "battery", "quit", "record"};
+    static constexpr std::array kNames = {"status", "config",  "log",  "set",    "link",
+                                          "memory", "battery", "quit", "record", "observe"};
 
     json mObject;
     std::string mName;
@@ -223,9 +216,10 @@ public:
     ControlAnswer Run(const Request &request)
     {
         const std::string &name = request.Name();
-        if (name == "status") {
+        if (name == "status" || name == "observe") {
             request.AllowOnly({});
-            return {StatusMessage(mParts, mStart, ControlServer::kMaxReplyBytes), false, nullptr};
+            return {StatusMessage(mParts, mStart, ControlServer::kMaxReplyBytes), false, nullptr,
+                    name == "observe"};
         }
         if (name == "config") {
             request.AllowOnly({});
@@ -240,11 +234,7 @@ public:
         if (name == "link") {
             return SetLink(request);
         }
-        if (name == "record") {
-            request.AllowOnly({});
-            return {DoneMessage(), true, nullptr};
-        }
-        return End(request);
+        return name == "record" ? Record(request) : End(request);
     }
 
 private:
@@ -265,86 +255,102 @@ private:
             LogInfo("control: process %d sets the log to %s", mPid, told.dump().c_str());
             log.SetFilter(settings.mLog);
         }
-        const json reply = {{"version", kControlVersion}, {"ok", true}, {"log", std::move(told)}};
-        return {reply.dump(), false, nullptr};
+        return Done({{"log", std::move(told)}});
+    }
+
+    /** Turns on what the recorder wants, for as long as it is there. */
+    ControlAnswer Record(const Request &request)
+    {
+        request.AllowOnly({"on"});
+        json wanted = request.List("on");
+        json on = json::array();
+        std::vector<std::shared_ptr<void>> held;
+        for (const ContextManager::ItemStatus &item : mParts.mContext.Status()) {
+            const std::string name = NameOf(item.mItem);
+            const auto found = std::find(wanted.begin(), wanted.end(), name);
+            if (found != wanted.end()) {
+                wanted.erase(found);
+                held.push_back(mParts.mContext.Keep(item.mItem, mPid));
+                if (!held.back()) {
+                    throw Refusal{"failed", name + " cannot be turned on; it has the source " +
+                                                NameOf(item.mSource)};
+                }
+                LogInfo("control: process %d turns %s on", mPid, name.c_str());
+                on.push_back(name);
+            } else if (item.mRequestId || !item.mKeepers.empty()) {
+                on.push_back(name);
+            }
+        }
+        if (!wanted.empty() || !wanted.is_array()) {
+            request.Refuse("on", "an array of gesture, pedometer, heart_rate, activity, each once");
+        }
+        return {Done({{"on", on}}).mReply, true, nullptr, false, std::move(held)};
     }
 
     ControlAnswer Set(const Request &request)
     {
         constexpr std::array kItems = {"heart_rate", "steps", "activity", "gesture"};
-        switch (request.Choice("item", kItems)) {
-        case 0:
-            return SetHeartRate(request);
-        case 1:
-            return AddSteps(request);
-        case 2:
-            return SetActivity(request);
-        default:
-            return MakeGesture(request);
+        const std::size_t item = request.Choice("item", kItems);
+        request.AllowOnly({"item", item == 1 ? "add" : "value"});
+        switch (item) {
+        case 0: {
+            const std::string allowed = "a whole number of beats per minute from 0 to " +
+                                        std::to_string(kLargestHeartRate) + ", \"off-wrist\"";
+            const bool isOffWrist = request.Get("value", allowed) == "off-wrist";
+            const int rate = isOffWrist
+                                 ? ManualSource::kNotWorn
+                                 : request.WholeNumber("value", 0, kLargestHeartRate, allowed);
+            ManualSource &source = Manual(ContextItem::HeartRate);
+            LogInfo("control: process %d sets the heart rate to %d", mPid, rate);
+            source.SetHeartRate(rate);
+            return Done();
+        }
+        case 1: {
+            const int steps = request.WholeNumber("add", 0, std::numeric_limits<int>::max());
+            ManualSource &source = Manual(ContextItem::Pedometer);
+            LogInfo("control: process %d adds %d steps", mPid, steps);
+            source.AddSteps(steps);
+            return Done();
+        }
+        case 2: {
+            const std::size_t activity = request.Choice("value", kActivities);
+            ManualSource &source = Manual(ContextItem::Activity);
+            LogInfo("control: process %d sets the activity to %s", mPid, kActivities[activity]);
+            source.SetActivity(static_cast<int>(activity));
+            return Done();
+        }
+        default: {
+            const int gesture = request.WholeNumber("value", std::numeric_limits<int>::min(),
+                                                    std::numeric_limits<int>::max());
+            ManualSource &source = Manual(ContextItem::Gesture);
+            LogInfo("control: process %d makes the gesture %d", mPid, gesture);
+            const ContextManager::ItemStatus status = StatusOf(ContextItem::Gesture);
+            source.MakeGesture(gesture);
+            return Done({{"heard", (status.mRequestId ? 1U : 0U) + status.mKeepers.size()}});
+        }
         }
     }
 
-    ControlAnswer SetHeartRate(const Request &request)
+    ContextManager::ItemStatus StatusOf(ContextItem item) const
     {
-        const std::string allowed = "a whole number of beats per minute from 0 to " +
-                                    std::to_string(kLargestHeartRate) + ", \"off-wrist\"";
-        request.AllowOnly({"item", "value"});
-        const bool isOffWrist = request.Get("value", allowed) == "off-wrist";
-        const int rate = isOffWrist ? ManualSource::kNotWorn
-                                    : request.WholeNumber("value", 0, kLargestHeartRate, allowed);
-        ManualSource &source = Manual(ContextItem::HeartRate);
-        LogInfo("control: process %d sets the heart rate to %d", mPid, rate);
-        source.SetHeartRate(rate);
-        return Done();
-    }
-
-    ControlAnswer AddSteps(const Request &request)
-    {
-        request.AllowOnly({"item", "add"});
-        const int steps = request.WholeNumber("add", 0, std::numeric_limits<int>::max());
-        ManualSource &source = Manual(ContextItem::Pedometer);
-        LogInfo("control: process %d adds %d steps", mPid, steps);
-        source.AddSteps(steps);
-        return Done();
-    }
-
-    ControlAnswer SetActivity(const Request &request)
-    {
-        request.AllowOnly({"item", "value"});
-        const std::size_t activity = request.Choice("value", kActivities);
-        ManualSource &source = Manual(ContextItem::Activity);
-        LogInfo("control: process %d sets the activity to %s", mPid, kActivities[activity]);
-        source.SetActivity(static_cast<int>(activity));
-        return Done();
-    }
-
-    ControlAnswer MakeGesture(const Request &request)
-    {
-        request.AllowOnly({"item", "value"});
-        const int gesture = request.WholeNumber("value", std::numeric_limits<int>::min(),
-                                                std::numeric_limits<int>::max());
-        ManualSource &source = Manual(ContextItem::Gesture);
-        LogInfo("control: process %d makes the gesture %d", mPid, gesture);
-        source.MakeGesture(gesture);
-        return Done();
+        for (const ContextManager::ItemStatus &status : mParts.mContext.Status()) {
+            if (status.mItem == item) {
+                return status;
+            }
+        }
+        return {};
     }
 
     /** The source that can be set, if it serves the item. */
     ManualSource &Manual(ContextItem item) const
     {
-        SourceKind kind = SourceKind::None;
-        for (const ContextManager::ItemStatus &status : mParts.mContext.Status()) {
-            if (status.mItem == item) {
-                kind = status.mSource;
-            }
-        }
+        const SourceKind kind = StatusOf(item).mSource;
         ManualSource *source = mParts.mContext.Manual();
         if (kind != SourceKind::Manual || source == nullptr) {
             const std::string name = NameOf(item);
-            throw Refusal(ControlError::NotManual,
-                          name + " has the source " + NameOf(kind) +
-                              "; only the source manual can be set (" + name +
-                              "=manual in section [sensors] of platform.conf)");
+            throw Refusal{"not-manual", name + " has the source " + NameOf(kind) +
+                                            "; only the source manual can be set (" + name +
+                                            "=manual in section [sensors] of platform.conf)"};
         }
         return *source;
     }
@@ -353,13 +359,13 @@ private:
     {
         constexpr std::array kStates = {"up", "down"};
         request.AllowOnly({"state"});
-        if (request.Choice("state", kStates) == 0) {
-            LogInfo("control: process %d wants the link up", mPid);
-            mParts.mLink.BringUp();
-        } else {
-            LogInfo("control: process %d wants the link down", mPid);
-            mParts.mLink.TakeDown();
+        const bool isUp = request.Choice("state", kStates) == 0;
+        LogInfo("control: process %d wants the link %s", mPid, isUp ? "up" : "down");
+        // What is so already is nobody's doing.
+        if (mParts.mLink.Status().mIsDown == isUp) {
+            mParts.mLinkSetBy = mPid;
         }
+        isUp ? mParts.mLink.BringUp() : mParts.mLink.TakeDown();
         return Done();
     }
 
@@ -371,18 +377,24 @@ private:
         if (request.Name() == "quit") {
             request.AllowOnly({});
             LogInfo("control: process %d ends the service", mPid);
-            return {DoneMessage(), false, [&events] { events.OnQuit(); }};
+            return Done({}, [&events] { events.OnQuit(); });
         }
         request.AllowOnly({"state"});
         request.Choice("state", kStates);
         LogInfo("control: process %d says that the %s is low", mPid, request.Name().c_str());
         if (request.Name() == "memory") {
-            return {DoneMessage(), false, [&events] { events.OnLowMemory(); }};
+            return Done({}, [&events] { events.OnLowMemory(); });
         }
-        return {DoneMessage(), false, [&events] { events.OnLowBattery(); }};
+        return Done({}, [&events] { events.OnLowBattery(); });
     }
 
-    static ControlAnswer Done() { return {DoneMessage(), false, nullptr}; }
+    /** @param reply  its members besides those that all have */
+    static ControlAnswer Done(json reply = json::object(), std::function<void()> then = nullptr)
+    {
+        reply["ok"] = true;
+        reply["version"] = kControlVersion;
+        return {reply.dump(), false, std::move(then)};
+    }
 
     ControlledParts &mParts;
     const Instant &mStart;
@@ -399,8 +411,13 @@ ControlAnswer ControlCommands::Answer(std::string_view message, int peerPid)
     try {
         return Execution(mParts, mStart, peerPid).Run(Request(message));
     } catch (const Refusal &refusal) {
-        return {ErrorMessage(refusal.Error(), refusal.what()), false, nullptr};
+        return {ErrorMessage(refusal.mCode, refusal.mText), false, nullptr};
     }
+}
+
+std::vector<std::string> ControlCommands::TakeChanges()
+{
+    return ChangeMessages(mParts, ControlServer::kMaxReplyBytes, mTold);
 }
 
 } // namespace ParvanePlatform

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "ControlHandler.h"
 #include "StatusReport.h"
@@ -19,10 +22,12 @@ public:
     explicit ControlCommands(ControlledParts parts);
 
     ControlAnswer Answer(std::string_view message, int peerPid) override;
+    std::vector<std::string> TakeChanges() override;
 
 private:
     ControlledParts mParts;
     Instant mStart;
+    std::map<std::string, std::string> mTold;
 };
 
 } // namespace ParvanePlatform

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ParvanePlatform {
 
@@ -15,6 +17,10 @@ struct ControlAnswer
     bool mStartsRecording = false;
     /** Called when the reply has been sent, or cannot be; may be empty. */
     std::function<void()> mAfterwards;
+    /** The connection is told of events, too. */
+    bool mStartsObserving = false;
+    /** What is held for as long as the connection is there. */
+    std::vector<std::shared_ptr<void>> mHeld = {};
 };
 
 /** Does what the messages on the control socket ask for. Main-loop thread only. */
@@ -29,6 +35,9 @@ public:
      * @param peerPid  the process that has sent it, for the log
      */
     virtual ControlAnswer Answer(std::string_view message, int peerPid) = 0;
+
+    /** The events since the last call that nobody else tells of: what has changed in the status. */
+    virtual std::vector<std::string> TakeChanges() = 0;
 };
 
 } // namespace ParvanePlatform

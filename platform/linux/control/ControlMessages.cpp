@@ -1,56 +1,24 @@
 #include "ControlMessages.h"
 
-#include <array>
 #include <nlohmann/json.hpp>
 
 namespace ParvanePlatform {
-
-namespace {
-
-/** By ControlError. */
-constexpr std::array kErrorNames = {
-    "bad-message", "unsupported-version", "unknown-request", "bad-value", "not-manual",
-    "busy",        "recording",           "too-slow",        "failed"};
 
 std::string TextOf(const nlohmann::json &message)
 {
     return message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-} // namespace
-
-std::string DoneMessage()
+std::string ErrorMessage(const char *code, const std::string &text)
 {
-    return TextOf({{"version", kControlVersion}, {"ok", true}});
+    return TextOf({{"version", kControlVersion},
+                   {"ok", false},
+                   {"error", {{"code", code}, {"message", text}}}});
 }
 
-std::string ErrorMessage(ControlError error, const std::string &text)
+std::string StreamMessage(const char *member, const std::string &text)
 {
-    return TextOf(
-        {{"version", kControlVersion},
-         {"ok", false},
-         {"error",
-          {{"code", kErrorNames.at(static_cast<std::size_t>(error))}, {"message", text}}}});
-}
-
-std::string HeaderMessage(const std::string &text)
-{
-    return TextOf({{"header", text}});
-}
-
-std::string RowMessage(const std::string &text)
-{
-    return TextOf({{"row", text}});
-}
-
-std::string LeftOutMessage(const std::string &reason)
-{
-    return TextOf({{"left_out", reason}});
-}
-
-std::string EndMessage()
-{
-    return TextOf({{"end", "service-ended"}});
+    return TextOf({{member, text}});
 }
 
 } // namespace ParvanePlatform

@@ -8,6 +8,7 @@
 #include "ControlMessages.h"
 #include "Files.h"
 #include "RuntimeLog.h"
+#include "StatusReport.h"
 
 namespace ParvanePlatform {
 
@@ -29,6 +30,8 @@ ControlServer::ControlServer(const std::string &runtimeDirectory,
       mBuffer(kMaxRequestBytes)
 {
     mListener.Watch();
+    mContext.SetTap(
+        [this](ContextItem item, const SensorReading &reading) { OnReading(item, reading); });
 }
 
 ControlServer::~ControlServer()
@@ -36,8 +39,8 @@ ControlServer::~ControlServer()
     mContext.SetTap(nullptr);
     try {
         for (Client &client : mClients) {
-            if (client.mWriter && !client.mIsEnding && !client.mIsGone) {
-                Enqueue(client, EndMessage());
+            if (client.mWriter || client.mObserves) {
+                Enqueue(client, StreamMessage("end", "service-ended"));
             }
         }
     } catch (const std::exception &failure) {
@@ -67,7 +70,7 @@ void ControlServer::OnListenerReady()
     } else if (count >= kMaxClients) {
         const std::string reason =
             std::to_string(count) + " clients are connected, no more are allowed";
-        const std::string reply = ErrorMessage(ControlError::Busy, reason);
+        const std::string reply = ErrorMessage("busy", reason);
         socket.Send(reply.data(), reply.size());
         mListener.LogRefusal("a client is refused: " + reason);
     } else {
@@ -120,13 +123,12 @@ bool ControlServer::ReadMessage(Client &client)
         Serve(client, {reinterpret_cast<const char *>(mBuffer.data()), size});
         break;
     case PacketSocket::Received::Empty:
-        Reply(client,
-              ErrorMessage(ControlError::BadMessage, "the message is empty; send one JSON object"));
+        Reply(client, ErrorMessage("bad-message", "the message is empty; send one JSON object"));
         break;
     case PacketSocket::Received::TooLong:
-        Reply(client, ErrorMessage(ControlError::BadMessage, "the message is too long; at most " +
-                                                                 std::to_string(kMaxRequestBytes) +
-                                                                 " bytes are allowed"));
+        Reply(client, ErrorMessage("bad-message", "the message is too long; at most " +
+                                                      std::to_string(kMaxRequestBytes) +
+                                                      " bytes are allowed"));
         break;
     case PacketSocket::Received::Error:
         break;
@@ -141,9 +143,9 @@ bool ControlServer::ReadMessage(Client &client)
 
 void ControlServer::Serve(Client &client, std::string_view message)
 {
-    if (client.mWriter) {
-        Reply(client, ErrorMessage(ControlError::Recording,
-                                   "this connection records; make another one for requests"));
+    if (client.mWriter || client.mObserves) {
+        Reply(client, ErrorMessage("recording",
+                                   "this connection is a stream; make another one for requests"));
         return;
     }
     ControlAnswer answer;
@@ -151,13 +153,21 @@ void ControlServer::Serve(Client &client, std::string_view message)
         answer = mHandler->Answer(message, client.mPid);
     } catch (const std::exception &failure) {
         LogError("control: %s", failure.what());
-        answer = {
-            ErrorMessage(ControlError::Failed, "the service could not do it; its log says why"),
-            false, nullptr};
+        answer = {ErrorMessage("failed", "the service could not do it; its log says why"), false,
+                  nullptr};
     }
     Reply(client, answer.mReply);
     if (answer.mStartsRecording && !client.mIsGone) {
-        StartRecording(client);
+        LogInfo("control: process %d records", client.mPid);
+        client.mWriter.emplace();
+        client.mStartUs = mClock.MonotonicUs();
+        Enqueue(client, StreamMessage("header", RecordingWriter::Header(mClock.WallMs())));
+        client.mHeld = std::move(answer.mHeld);
+    }
+    if (answer.mStartsObserving && !client.mIsGone) {
+        Tell(mHandler->TakeChanges()); // its reply has told it those already
+        client.mObserves = true;
+        mTurnEnd = LoopSource::BeforeSleep([this] { Tell(mHandler->TakeChanges()); });
     }
     if (answer.mAfterwards) {
         answer.mAfterwards();
@@ -166,8 +176,8 @@ void ControlServer::Serve(Client &client, std::string_view message)
 
 void ControlServer::Reply(Client &client, const std::string &reply)
 {
-    if (client.mWriter) {
-        Enqueue(client, reply); // in its place among the rows
+    if (client.mWriter || client.mObserves) {
+        Enqueue(client, reply); // in its place among the rows or events
         return;
     }
     const int error = client.mSocket.Send(reply.data(), reply.size());
@@ -180,25 +190,30 @@ void ControlServer::Reply(Client &client, const std::string &reply)
     Drop(client);
 }
 
-void ControlServer::StartRecording(Client &client)
+void ControlServer::OnReading(ContextItem item, const SensorReading &reading)
 {
-    LogInfo("control: process %d records", client.mPid);
-    client.mWriter.emplace();
-    client.mStartUs = mClock.MonotonicUs();
-    Enqueue(client, HeaderMessage(RecordingWriter::Header(mClock.WallMs())));
-    mContext.SetTap(
-        [this](ContextItem item, const SensorReading &reading) { Record(item, reading); });
+    if (mTurnEnd.IsActive()) {
+        Tell(mHandler->TakeChanges()); // first: what is on before what it reports
+        Tell({ReadingMessage(mClock, item, reading)});
+    }
+    for (Client &client : mClients) {
+        if (client.mWriter) {
+            const std::int64_t timeMs = (mClock.MonotonicUs() - client.mStartUs) / 1000;
+            const RecordingWriter::Row row = client.mWriter->MakeRow(timeMs, item, reading);
+            Enqueue(client, row.mError.empty() ? StreamMessage("row", row.mText)
+                                               : StreamMessage("left_out", row.mError));
+        }
+    }
 }
 
-void ControlServer::Record(ContextItem item, const SensorReading &reading)
+void ControlServer::Tell(const std::vector<std::string> &events)
 {
-    for (Client &client : mClients) {
-        if (!client.mWriter || client.mIsEnding || client.mIsGone) {
-            continue;
+    for (const std::string &event : events) {
+        for (Client &client : mClients) {
+            if (client.mObserves) {
+                Enqueue(client, event);
+            }
         }
-        const std::int64_t timeMs = (mClock.MonotonicUs() - client.mStartUs) / 1000;
-        const RecordingWriter::Row row = client.mWriter->MakeRow(timeMs, item, reading);
-        Enqueue(client, row.mError.empty() ? RowMessage(row.mText) : LeftOutMessage(row.mError));
     }
 }
 
@@ -207,14 +222,19 @@ void ControlServer::Enqueue(Client &client, std::string message)
     if (client.mIsEnding || client.mIsGone) {
         return;
     }
-    if (client.mQueuedBytes + message.size() > kMaxQueuedBytes) {
+    const bool isFull = client.mQueuedBytes + message.size() > kMaxQueuedBytes;
+    if (client.mObserves && (isFull || client.mMissed > 0)) {
+        ++client.mMissed;
+        return;
+    }
+    if (isFull) {
         LogWarning("control: process %d does not keep up with its recording and is dropped",
                    client.mPid);
         client.mIsEnding = true;
         client.mEndTimer.Arm(mClock.MonotonicUs() + kEndWaitMs * 1000,
                              [this, &client] { Drop(client); });
-        message = ErrorMessage(ControlError::TooSlow,
-                               "the recording ends here: its rows were not taken in time");
+        message =
+            ErrorMessage("too-slow", "the recording ends here: its rows were not taken in time");
     }
     const bool wasEmpty = client.mQueue.empty();
     client.mQueuedBytes += message.size();
@@ -245,6 +265,11 @@ void ControlServer::Flush(Client &client)
         }
         client.mQueuedBytes -= message.size();
         client.mQueue.pop_front();
+        if (client.mQueue.empty() && client.mMissed > 0) {
+            client.mQueue.push_back("{\"event\":\"missed\",\"count\":" +
+                                    std::to_string(std::exchange(client.mMissed, 0)) + "}");
+            client.mQueuedBytes = client.mQueue.front().size();
+        }
     }
     if (client.mIsEnding) {
         Drop(client);
@@ -265,11 +290,9 @@ void ControlServer::Drop(Client &client)
 void ControlServer::Sweep()
 {
     std::erase_if(mClients, [](const Client &client) { return client.mIsGone; });
-    const bool records = std::any_of(mClients.begin(), mClients.end(), [](const Client &client) {
-        return client.mWriter.has_value();
-    });
-    if (!records) {
-        mContext.SetTap(nullptr);
+    if (std::none_of(mClients.begin(), mClients.end(),
+                     [](const Client &client) { return client.mObserves; })) {
+        mTurnEnd.Remove();
     }
 }
 

@@ -24,9 +24,9 @@ namespace ParvanePlatform {
  * message of the socket per request and per reply.
  *
  * Served are processes of this user and of root. A reply that does not fit the client's socket drops
- * the client; the rows of a recording wait in a queue, and a client that lets that fill up is told so
- * after the last row that it gets. Nothing wakes the main loop unless a client does. Main-loop thread
- * only.
+ * the client; the rows of a recording and events wait in a queue. A client that lets that fill up is
+ * told so after the last row that it gets; one that observes is told how many events it has missed.
+ * Nothing wakes the main loop unless a client does. Main-loop thread only.
  */
 class ControlServer
 {
@@ -36,7 +36,7 @@ public:
     static constexpr std::size_t kMaxRequestBytes = 8192;
     static constexpr std::size_t kMaxReplyBytes = 65536;
 
-    /** The most bytes of messages that wait for one client that records. */
+    /** The most bytes of messages that wait for one client that records or observes. */
     static constexpr std::size_t kMaxQueuedBytes = 1048576;
 
     /** How long a client that has let its queue fill up has for what is in it. */
@@ -47,14 +47,14 @@ public:
 
     /**
      * @param runtimeDirectory  exists, and is used by this process alone
-     * @param context           whose readings are recorded; it and `clock` are borrowed for the life
+     * @param context           whose readings are told; it and `clock` are borrowed for the life
      *                          of the server, which sets the context manager's tap
      * @throws StartupError when there can be no socket
      */
     ControlServer(const std::string &runtimeDirectory, std::unique_ptr<ControlHandler> handler,
                   ContextManager &context, const Clock &clock);
 
-    /** Tells those who record of the end, and closes all connections. */
+    /** Tells those who record and observe of the end, and closes all connections. */
     ~ControlServer();
 
     ControlServer(const ControlServer &) = delete;
@@ -71,6 +71,10 @@ private:
         LoopSource mSource;
         /** Set while the client records. */
         std::optional<RecordingWriter> mWriter;
+        bool mObserves = false;
+        /** Messages that one who observes has not been told since the queue was full. */
+        std::uint64_t mMissed = 0;
+        std::vector<std::shared_ptr<void>> mHeld;
         std::int64_t mStartUs = 0;
         std::deque<std::string> mQueue;
         std::size_t mQueuedBytes = 0;
@@ -91,8 +95,9 @@ private:
     bool ReadMessage(Client &client);
     void Serve(Client &client, std::string_view message);
     void Reply(Client &client, const std::string &reply);
-    void StartRecording(Client &client);
-    void Record(ContextItem item, const SensorReading &reading);
+    void OnReading(ContextItem item, const SensorReading &reading);
+    /** Tells those who observe. */
+    void Tell(const std::vector<std::string> &events);
     void Enqueue(Client &client, std::string message);
     void Flush(Client &client);
     void Drop(Client &client);
@@ -105,6 +110,8 @@ private:
     std::vector<unsigned char> mBuffer;
     std::list<Client> mClients;
     LoopSource mSweep;
+    /** Set while somebody observes. */
+    LoopSource mTurnEnd;
 };
 
 } // namespace ParvanePlatform

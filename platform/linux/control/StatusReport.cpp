@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <unistd.h>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -32,6 +33,29 @@ std::string IsoTime(std::int64_t wallMs)
 
 /** By LinkSession::HostState. */
 constexpr std::array kHostStates = {"none", "waiting", "indicated", "open", "ending"};
+
+json ValuesOf(const SensorReading &reading)
+{
+    json values = json::object();
+    for (const SensorValue &value : reading) {
+        std::visit([&](auto number) { values[value.mKey] = number; }, value.mValue);
+    }
+    return values;
+}
+
+/** What is left of a part of a status when nothing in it but ages, and what readings tell, counts. */
+json WithoutAges(json part)
+{
+    if (part.is_object()) {
+        for (const char *age : {"for_ms", "ends", "ends_in_ms", "delivered", "last_reading"}) {
+            part.erase(age);
+        }
+    }
+    if (part.is_structured()) {
+        std::transform(part.begin(), part.end(), part.begin(), WithoutAges);
+    }
+    return part;
+}
 
 /** Makes the parts of a status at one instant. */
 class Reporter
@@ -67,6 +91,7 @@ public:
         const bool hasKey = mParts.mKeys.GetInt(LinkSession::kStatusKey, key) == 0;
         const LinkSession::Statistics &counts = link.mStatistics;
         return {{"state", link.mIsDown ? "down" : "up"},
+                {"set_by", mParts.mLinkSetBy != 0 ? json(mParts.mLinkSetBy) : json(nullptr)},
                 {"key", hasKey ? json(key) : json(nullptr)},
                 {"host_state", kHostStates.at(static_cast<std::size_t>(link.mHostState))},
                 {"packets_in", counts.mPacketsIn},
@@ -101,6 +126,16 @@ public:
         return locks;
     }
 
+    /** What of the status changes, but for the preferences. */
+    json Parts() const
+    {
+        const LinkSession::LinkStatus link = mParts.mLink.Status();
+        return {{"host", Host(link)},
+                {"link", Link(link)},
+                {"items", Items()},
+                {"power_locks", PowerLocksHeld()}};
+    }
+
     std::string Now() const { return IsoTime(mNow.mWallMs); }
 
 private:
@@ -120,7 +155,7 @@ private:
         json item = {{"item", NameOf(status.mItem)},     {"number", static_cast<int>(status.mItem)},
                      {"source", NameOf(status.mSource)}, {"problem", nullptr},
                      {"subscription", nullptr},          {"last_reading", nullptr},
-                     {"delivered", status.mDelivered}};
+                     {"delivered", status.mDelivered},   {"kept_by", json::array()}};
         if (!status.mProblem.empty()) {
             item["problem"] = status.mProblem;
         }
@@ -128,14 +163,14 @@ private:
             item["subscription"] = Since(status.mSubscribed);
             item["subscription"]["request_id"] = *status.mRequestId;
         }
+        for (const ContextManager::Keeper &keeper : status.mKeepers) {
+            item["kept_by"].push_back(Since(keeper.mSince));
+            item["kept_by"].back()["pid"] = keeper.mPid;
+        }
         if (status.mLastReading) {
-            json values = json::object();
-            for (const SensorValue &value : *status.mLastReading) {
-                std::visit([&](auto number) { values[value.mKey] = number; }, value.mValue);
-            }
             item["last_reading"] = {{"time", IsoTime(status.mLastRead.mWallMs)},
                                     {"age_ms", AgeMs(status.mLastRead)},
-                                    {"values", std::move(values)}};
+                                    {"values", ValuesOf(*status.mLastReading)}};
         }
         return item;
     }
@@ -145,11 +180,6 @@ private:
     /** On the time scale of the main loop, on which locks end. */
     std::int64_t mLoopNowUs;
 };
-
-std::string TextOf(const json &message)
-{
-    return message.dump(-1, ' ', false, json::error_handler_t::replace);
-}
 
 /** Adds the preferences that fit; null stands for a store that cannot be read. */
 void AddPreferences(json &status, PreferenceStore &store, std::size_t room)
@@ -185,16 +215,11 @@ std::string StatusMessage(const ControlledParts &parts, const Instant &start, st
 {
     constexpr std::size_t kReserve = 128; // for what stands around the preferences
     const Reporter reporter(parts);
-    const LinkSession::LinkStatus link = parts.mLink.Status();
-    json status = {{"time", reporter.Now()},
-                   {"service", reporter.Service(start)},
-                   {"directories",
-                    {{"state", parts.mSettings.mStateDirectory},
-                     {"runtime", parts.mSettings.mRuntimeDirectory}}},
-                   {"host", reporter.Host(link)},
-                   {"link", reporter.Link(link)},
-                   {"items", reporter.Items()},
-                   {"power_locks", reporter.PowerLocksHeld()}};
+    json status = reporter.Parts();
+    status["time"] = reporter.Now();
+    status["service"] = reporter.Service(start);
+    status["directories"] = {{"state", parts.mSettings.mStateDirectory},
+                             {"runtime", parts.mSettings.mRuntimeDirectory}};
     const std::size_t used = TextOf(status).size() + kReserve;
     AddPreferences(status, parts.mPreferences, maxBytes > used ? maxBytes - used : 0);
     return TextOf({{"version", kControlVersion}, {"ok", true}, {"status", std::move(status)}});
@@ -226,6 +251,43 @@ std::string ConfigMessage(const Settings &settings)
                      {"link_socket", directory + LinkTransport::kSocketName},
                      {"control_socket", directory + ControlServer::kSocketName},
                      {"values", std::move(values)}}}});
+}
+
+std::string ReadingMessage(const Clock &clock, ContextItem item, const SensorReading &reading)
+{
+    return TextOf({{"event", "reading"},
+                   {"time", IsoTime(clock.WallMs())},
+                   {"item", NameOf(item)},
+                   {"values", ValuesOf(reading)}});
+}
+
+std::vector<std::string> ChangeMessages(const ControlledParts &parts, std::size_t maxBytes,
+                                        std::map<std::string, std::string> &last)
+{
+    constexpr std::size_t kReserve = 128; // for what stands around the preferences
+    const Reporter reporter(parts);
+    std::vector<std::string> messages;
+    const auto tell = [&](const char *event, const std::string &name, const json &part) {
+        std::string text = TextOf(WithoutAges(part));
+        if (text == last[name]) {
+            return;
+        }
+        last[name] = std::move(text);
+        json message = {{"event", event}, {"time", reporter.Now()}, {event, part}};
+        if (name == "preferences") {
+            AddPreferences(message, parts.mPreferences, maxBytes - kReserve);
+        }
+        messages.push_back(TextOf(message));
+    };
+    const json now = reporter.Parts();
+    for (const json &item : now.at("items")) {
+        tell("item", item.at("item"), item);
+    }
+    for (const char *event : {"host", "link", "power_locks"}) {
+        tell(event, event, now.at(event));
+    }
+    tell("preferences", "preferences", parts.mPreferences.Revision());
+    return messages;
 }
 
 } // namespace ParvanePlatform

@@ -2,7 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "Clock.h"
 #include "ContextManager.h"
@@ -26,6 +28,8 @@ struct ControlledParts
     LinkSession &mLink;
     LifecycleEvents &mEvents;
     const Settings &mSettings;
+    /** The process that has taken the link down or up last; 0 for none. */
+    int mLinkSetBy = 0;
 };
 
 /**
@@ -38,5 +42,16 @@ std::string StatusMessage(const ControlledParts &parts, const Instant &start, st
 
 /** Makes the reply to "config" (docs/control.md). */
 std::string ConfigMessage(const Settings &settings);
+
+/** Makes the event of a reading that comes now. */
+std::string ReadingMessage(const Clock &clock, ContextItem item, const SensorReading &reading);
+
+/**
+ * Makes the events of what has changed in a status, by comparing it: nobody has to tell.
+ *
+ * @param last  what was so at the last call, by names of its own; brought up to date
+ */
+std::vector<std::string> ChangeMessages(const ControlledParts &parts, std::size_t maxBytes,
+                                        std::map<std::string, std::string> &last);
 
 } // namespace ParvanePlatform

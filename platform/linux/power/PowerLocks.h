@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -51,9 +50,6 @@ public:
      *         logged once per change of state
      */
     int Lock(int state, int timeoutMs);
-
-    /** How many locks are held. */
-    std::size_t Count() const { return mHeld.size(); }
 
     /** The locks that are held, the oldest first. */
     std::vector<Status> List() const;

@@ -117,6 +117,7 @@ int PreferenceStore::Set(std::string_view key, PreferenceValue value)
         }
         if (result == SQLITE_OK) {
             mTurn.insert_or_assign(std::string(key), std::move(value));
+            ++mRevision;
             return 0;
         }
     } catch (...) {
@@ -131,6 +132,7 @@ void PreferenceStore::TakeTurnBack() noexcept
 {
     mFile.Rollback();
     mTurn.clear();
+    ++mRevision;
     mTurnIsTakenBack = true;
     mTurnHasFailed = true;
 }

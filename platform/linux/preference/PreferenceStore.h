@@ -66,6 +66,9 @@ public:
      */
     int Set(std::string_view key, PreferenceValue value);
 
+    /** Another number whenever a preference may have changed. */
+    std::uint64_t Revision() const { return mRevision; }
+
     /** Does what a failed Set() does, for a caller that could not even get so far. */
     void TakeTurnBack() noexcept;
 
@@ -103,6 +106,7 @@ private:
     Writes mTurn;
     /** Written in earlier turns whose transaction could not be finished. */
     Writes mUnsaved;
+    std::uint64_t mRevision = 0;
     bool mTurnHasFailed = false;
     bool mTurnIsTakenBack = false;
     std::int64_t mRetryDelayUs = 0;

@@ -538,4 +538,45 @@ TEST_F(ContextManagerTest, EmptyTapEndsTheTapping)
     EXPECT_EQ(heard, 0);
 }
 
+TEST_F(ContextManagerTest, AnItemIsOnForAsLongAsSomebodyKeepsIt)
+{
+    auto first = mManager->Keep(ContextItem::HeartRate, 11);
+    auto second = mManager->Keep(ContextItem::HeartRate, 12);
+    EXPECT_THAT(mSource->mStarted, ElementsAre(ContextItem::HeartRate));
+    first.reset();
+    EXPECT_THAT(mSource->mStarted, ElementsAre(ContextItem::HeartRate));
+    ASSERT_EQ(StatusOf(ContextItem::HeartRate).mKeepers.size(), 1U);
+    EXPECT_EQ(StatusOf(ContextItem::HeartRate).mKeepers.front().mPid, 12);
+    EXPECT_THAT(StatusOf(ContextItem::Activity).mKeepers, IsEmpty());
+    second.reset();
+    EXPECT_THAT(mSource->mStarted, IsEmpty());
+}
+
+TEST_F(ContextManagerTest, WhoKeepsAnItemChangesNothingForItsSubscriber)
+{
+    Subscribe(7);
+    int starts = 0;
+    mSource->mOnStart = [&starts] { ++starts; };
+    auto keeper = mManager->Keep(ContextItem::HeartRate, 11);
+    EXPECT_EQ(starts, 0) << "an item that begins anew would tell its subscriber what that knows";
+    keeper.reset();
+    EXPECT_THAT(mSource->mStarted, ElementsAre(ContextItem::HeartRate));
+
+    keeper = mManager->Keep(ContextItem::HeartRate, 11);
+    mManager->Unsubscribe(7);
+    EXPECT_THAT(mSource->mStarted, ElementsAre(ContextItem::HeartRate));
+    mSource->Report(ContextItem::HeartRate, CONTEXT_HRM_HEART_RATE, 72);
+    EXPECT_THAT(Take(), IsEmpty());
+    Subscribe(7);
+    EXPECT_EQ(starts, 1) << "whoever subscribes begins as ever";
+}
+
+TEST_F(ContextManagerTest, WhatCannotBeKeptIsNotOn)
+{
+    mSource->mStartResult = -5;
+    EXPECT_EQ(mManager->Keep(ContextItem::HeartRate, 11), nullptr);
+    EXPECT_THAT(mSource->mStarted, IsEmpty());
+    EXPECT_THAT(StatusOf(ContextItem::HeartRate).mKeepers, IsEmpty());
+}
+
 } // namespace ParvanePlatform

@@ -164,6 +164,7 @@ TEST_F(ControlCommandsTest, StatusOfAServiceThatDoesNothing)
                                               {"problem", "no source configured"},
                                               {"subscription", nullptr},
                                               {"last_reading", nullptr},
+                                              {"kept_by", json::array()},
                                               {"delivered", 0}}));
 }
 
@@ -189,6 +190,7 @@ TEST_F(ControlCommandsTest, StatusTellsWhatKeepsAnItemOnAndWhatItHasReported)
               {{"time", "2026-01-31T12:34:58.789Z"},
                {"age_ms", 400},
                {"values", {{"hrm/heart_rate", 72}}}}},
+             {"kept_by", json::array()},
              {"delivered", 1}}));
 }
 
@@ -347,7 +349,8 @@ TEST_F(ControlCommandsTest, ActivitiesAndGesturesCanBeSet)
         ExpectDone(std::string(R"({"request":"set","item":"activity","value":")") + activity +
                    "\"}");
     }
-    ExpectDone(R"({"request":"set","item":"gesture","value":-2147483648})");
+    EXPECT_EQ(Ask(R"({"request":"set","item":"gesture","value":-2147483648})"),
+              json({{"version", 1}, {"ok", true}, {"heard", 1}}));
     EXPECT_THAT(mReadings, ElementsAre("23: 0", "23: 1", "23: 2", "23: 3", "1: -2147483648"));
 }
 
@@ -373,6 +376,7 @@ TEST_F(ControlCommandsTest, LinkGoesDownAndUp)
     ExpectDone(R"({"request":"link","state":"down"})");
     EXPECT_EQ(Status().at("link").at("state"), "down");
     EXPECT_EQ(Status().at("link").at("key"), 0);
+    EXPECT_EQ(Status().at("link").at("set_by"), 4711);
 
     ExpectDone(R"({"request":"link","state":"up"})");
     RunWhileBusy();
@@ -386,12 +390,90 @@ TEST_F(ControlCommandsTest, RecordStartsARecording)
     EXPECT_FALSE(mCommands.Answer(R"({"request":"record","a":1})", 1).mStartsRecording);
 }
 
+TEST_F(ControlCommandsTest, ARecordingTurnsItemsOnForAsLongAsItIsThere)
+{
+    Subscribe(1);
+    {
+        const ControlAnswer answer =
+            mCommands.Answer(R"({"request":"record","on":["activity","heart_rate"]})", 4711);
+        EXPECT_TRUE(answer.mStartsRecording);
+        EXPECT_EQ(json::parse(answer.mReply).at("on"), json({"gesture", "heart_rate", "activity"}));
+        EXPECT_EQ(Status().at("items").at(2).at("kept_by").at(0),
+                  json({{"pid", 4711}, {"since", "2026-01-31T12:34:56.789Z"}, {"for_ms", 0}}));
+        ExpectDone(R"({"request":"set","item":"heart_rate","value":72})");
+        EXPECT_EQ(Status().at("items").at(2).at("last_reading").at("values"),
+                  json({{"hrm/heart_rate", 72}}));
+        EXPECT_EQ(Status().at("items").at(2).at("delivered"), 0);
+    }
+    EXPECT_EQ(Status().at("items").at(2).at("kept_by"), json::array());
+    ExpectDone(R"({"request":"set","item":"heart_rate","value":73})");
+    EXPECT_EQ(Status().at("items").at(2).at("last_reading").at("values"),
+              json({{"hrm/heart_rate", 72}}));
+}
+
+TEST_F(ControlCommandsTest, AGestureThatNobodyHearsSaysSo)
+{
+    const char *const gesture = R"({"request":"set","item":"gesture","value":3})";
+    EXPECT_EQ(Ask(gesture).at("heard"), 0);
+    const ControlAnswer recording =
+        mCommands.Answer(R"({"request":"record","on":["gesture"]})", 4711);
+    EXPECT_EQ(Ask(gesture).at("heard"), 1);
+    Subscribe(1);
+    EXPECT_EQ(Ask(gesture).at("heard"), 2);
+}
+
+TEST_F(ControlCommandsTest, ObserveAnswersWithTheStatus)
+{
+    const ControlAnswer answer = mCommands.Answer(R"({"request":"observe"})", 1);
+    EXPECT_TRUE(answer.mStartsObserving);
+    EXPECT_EQ(json::parse(answer.mReply).at("status"), Status());
+    EXPECT_FALSE(mCommands.Answer(R"({"request":"status"})", 1).mStartsObserving);
+}
+
+TEST_F(ControlCommandsTest, ChangesAreTheStatusOfWhatHasChanged)
+{
+    mCommands.TakeChanges();
+    mClock.mWallMs += 1000;
+    mClock.mMonotonicUs += 1000000;
+    EXPECT_THAT(mCommands.TakeChanges(), IsEmpty()) << "ages alone are no change";
+
+    Subscribe(7);
+    EXPECT_THAT(mCommands.TakeChanges(), testing::SizeIs(1));
+    ExpectDone(R"({"request":"set","item":"heart_rate","value":72})");
+    EXPECT_THAT(mCommands.TakeChanges(), IsEmpty()) << "readings are told by themselves";
+    mContext.Unsubscribe(7);
+    mPower.Lock(2, 16000);
+    mPreferences.Set("a", true);
+    Ask(R"({"request":"link","state":"down"})");
+
+    std::vector<json> events;
+    for (const std::string &message : mCommands.TakeChanges()) {
+        events.push_back(json::parse(message));
+        EXPECT_EQ(events.back().at("time"), "2026-01-31T12:34:57.789Z");
+    }
+    ASSERT_EQ(events.size(), 4U);
+    const json status = Status();
+    EXPECT_EQ(events.at(0).at("event"), "item");
+    EXPECT_EQ(events.at(0).at("item"), status.at("items").at(2));
+    EXPECT_EQ(events.at(0).at("item").at("subscription"), nullptr);
+    EXPECT_EQ(events.at(1).at("event"), "link");
+    EXPECT_EQ(events.at(1).at("link").at("state"), "down");
+    EXPECT_EQ(events.at(2).at("event"), "power_locks");
+    EXPECT_EQ(events.at(2).at("power_locks"), status.at("power_locks"));
+    EXPECT_EQ(events.at(3).at("event"), "preferences");
+    EXPECT_EQ(events.at(3).at("preferences"), json({{"a", true}}));
+    mClock.mMonotonicUs += 1000;
+    EXPECT_THAT(mCommands.TakeChanges(), IsEmpty());
+}
+
 TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
 {
     const std::string names =
-        "allowed: status, config, log, set, link, memory, battery, quit, record";
+        "allowed: status, config, log, set, link, memory, battery, quit, record, observe";
     const std::string rate =
         "; allowed: a whole number of beats per minute from 0 to 65535, \"off-wrist\"";
+    const std::string on =
+        "; allowed: an array of gesture, pedometer, heart_rate, activity, each once";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"hello", "bad-message: the message is no JSON from byte 1 on; send one object, in UTF-8"},
         {"{} {}", "bad-message: the message is no JSON from byte 4 on; send one object, in UTF-8"},
@@ -437,6 +519,15 @@ TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
          "bad-value: \"state\" is \"sideways\"; allowed: up, down"},
         {R"({"request":"memory","state":"high"})",
          "bad-value: \"state\" is \"high\"; allowed: low"},
+        {R"({"request":"observe","on":[]})",
+         "bad-value: \"observe\" has no member \"on\"; allowed: version, request"},
+        {R"({"request":"record","on":"heart_rate"})", "bad-value: \"on\" is \"heart_rate\"" + on},
+        {R"({"request":"record","on":["hr"]})", "bad-value: \"on\" is an array" + on},
+        {R"({"request":"record","on":{"a":"gesture"}})", "bad-value: \"on\" is an object" + on},
+        {R"({"request":"record","on":["gesture","gesture"]})",
+         "bad-value: \"on\" is an array" + on},
+        {R"({"request":"record","on":["heart_rate","pedometer"]})",
+         "failed: pedometer cannot be turned on; it has the source none"},
         {R"({"request":"quit","state":"low"})",
          "bad-value: \"quit\" has no member \"state\"; allowed: version, request"}};
     for (const auto &[message, expected] : cases) {
@@ -444,6 +535,7 @@ TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
     }
     EXPECT_THAT(mReadings, IsEmpty());
     EXPECT_THAT(mEvents.mNotes, IsEmpty());
+    EXPECT_EQ(Status().at("items").at(2).at("kept_by"), json::array());
 }
 
 TEST_F(ControlCommandsTest, AZeroByteIsNotTheEndOfAMessage)

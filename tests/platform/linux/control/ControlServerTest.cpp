@@ -104,7 +104,9 @@ constexpr bool kIsSanitized = false;
 class EchoHandler : public ControlHandler
 {
 public:
-    explicit EchoHandler(std::vector<std::string> &events) : mEvents(events) {}
+    EchoHandler(std::vector<std::string> &events, std::vector<std::string> &changes)
+        : mEvents(events), mChanges(changes)
+    {}
 
     ControlAnswer Answer(std::string_view message, int peerPid) override
     {
@@ -118,11 +120,19 @@ public:
         if (message == "later") {
             return {"told", false, [this] { mEvents.emplace_back("done"); }};
         }
-        return {"echo " + std::string(message), message == "record", nullptr};
+        std::vector<std::shared_ptr<void>> held;
+        if (message == "record") {
+            held.emplace_back(nullptr, [this](void *) { mEvents.emplace_back("let go"); });
+        }
+        return {"echo " + std::string(message), message == "record", nullptr, message == "observe",
+                std::move(held)};
     }
+
+    std::vector<std::string> TakeChanges() override { return std::exchange(mChanges, {}); }
 
 private:
     std::vector<std::string> &mEvents;
+    std::vector<std::string> &mChanges;
 };
 
 /** What follows the heart rate in a row that has nothing else, and the row's end, as JSON. */
@@ -180,7 +190,7 @@ protected:
     {
         mServer.reset();
         mServer = std::make_unique<ControlServer>(
-            mDirectory.Path(), std::make_unique<EchoHandler>(mEvents), mContext, mClock);
+            mDirectory.Path(), std::make_unique<EchoHandler>(mEvents, mChanges), mContext, mClock);
     }
 
     std::string Socket() const { return mDirectory / "control.sock"; }
@@ -194,11 +204,29 @@ protected:
         return client;
     }
 
+    /** A client that observes. */
+    std::unique_ptr<RawClient> Observer() const
+    {
+        auto client = std::make_unique<RawClient>(Socket());
+        EXPECT_EQ(client->Ask("observe"), "echo observe");
+        RunWhileBusy();
+        return client;
+    }
+
+    /** Turns the main loop, at the end of which changes are told. */
+    static void EndTurn()
+    {
+        RunWhileBusy();
+        EXPECT_EQ(NextWakeMs(), -1);
+    }
+
     TemporaryDirectory mDirectory;
     ManualClock mClock;
     std::shared_ptr<ManualSource> mManual;
     ContextManager mContext;
     std::vector<std::string> mEvents;
+    /** What the status has to tell. */
+    std::vector<std::string> mChanges;
     std::unique_ptr<ControlServer> mServer;
     StderrCapture mLog;
 };
@@ -224,8 +252,8 @@ TEST_F(ControlServerTest, APathThatIsTooLongForASocketIsNamed)
     const std::string directory = mDirectory / std::string(100, 'd');
     std::filesystem::create_directory(directory);
     try {
-        const ControlServer server(directory, std::make_unique<EchoHandler>(mEvents), mContext,
-                                   mClock);
+        const ControlServer server(directory, std::make_unique<EchoHandler>(mEvents, mChanges),
+                                   mContext, mClock);
         FAIL() << "no exception";
     } catch (const StartupError &failure) {
         EXPECT_THAT(failure.what(), StartsWith("cannot make the socket " + directory));
@@ -332,6 +360,7 @@ TEST_F(ControlServerTest, NothingWakesTheLoopWhetherOrNotClientsAreThere)
 
     const RawClient client(Socket());
     const auto recorder = Recorder();
+    const auto observer = Observer();
     EXPECT_EQ(client.Ask("hello"), "echo hello");
     RunWhileBusy();
     EXPECT_EQ(NextWakeMs(), -1);
@@ -484,6 +513,107 @@ TEST_F(ControlServerTest, ARecorderThatGoesInTheMiddleLeavesTheOthersTheirRows)
     EXPECT_EQ(mServer->ClientCount(), 1U);
     mManual->SetHeartRate(73);
     EXPECT_EQ(staying->Receive(), HeartRateRow(0, 73));
+}
+
+TEST_F(ControlServerTest, WhatARecordingKeepsIsLetGoAtItsEnd)
+{
+    auto client = Recorder();
+    RunWhileBusy();
+    EXPECT_THAT(mEvents, testing::IsEmpty());
+    client.reset();
+    RunWhileBusy();
+    EXPECT_THAT(mEvents, testing::ElementsAre("let go"));
+}
+
+TEST_F(ControlServerTest, AllWhoObserveHearOfReadingsAndChangesInTheirOrder)
+{
+    const auto first = Observer();
+    const auto second = Observer();
+    const RawClient other(Socket());
+    mChanges = {"changed"};
+    mManual->SetHeartRate(72);
+    mChanges = {"later"};
+    EndTurn();
+
+    for (const auto *client : {first.get(), second.get()}) {
+        EXPECT_EQ(client->Receive(), "changed");
+        EXPECT_EQ(json::parse(client->Receive()), json({{"event", "reading"},
+                                                        {"time", "2026-01-31T12:34:56.789Z"},
+                                                        {"item", "heart_rate"},
+                                                        {"values", {{"hrm/heart_rate", 72}}}}));
+        EXPECT_EQ(client->Receive(), "later");
+        EXPECT_EQ(client->TryReceive(), std::nullopt);
+    }
+    EXPECT_EQ(other.Ask("hello"), "echo hello");
+    EXPECT_EQ(mLog.Take(), "");
+}
+
+TEST_F(ControlServerTest, WhatHasChangedBeforeSomebodyObservesIsInTheReply)
+{
+    mChanges = {"long ago"};
+    const auto first = Observer();
+    mChanges = {"before the second"};
+    const auto second = Observer();
+
+    EXPECT_EQ(first->Receive(), "before the second");
+    EXPECT_EQ(first->TryReceive(), std::nullopt);
+    EXPECT_EQ(second->TryReceive(), std::nullopt);
+}
+
+TEST_F(ControlServerTest, WhereNobodyObservesAnyMoreNothingIsCompared)
+{
+    auto client = Observer();
+    client.reset();
+    RunWhileBusy();
+    mChanges = {"unheard"};
+    mManual->SetHeartRate(72);
+    EndTurn();
+    EXPECT_EQ(mChanges.size(), 1U);
+}
+
+TEST_F(ControlServerTest, AConnectionThatObservesRefusesRequestsAndGoesOn)
+{
+    const auto client = Observer();
+    EXPECT_EQ(ErrorOf(client->Ask("hello")).Code(), "recording");
+    mChanges = {"changed"};
+    EXPECT_EQ(client->Receive(), "changed");
+}
+
+TEST_F(ControlServerTest, OneWhoReadsTooSlowlyIsToldHowManyMessagesItHasMissed)
+{
+    const auto slow = Observer();
+    const auto quick = Observer();
+    constexpr int kAll = 100000;
+    int heard = 0;
+    for (int rate = 0; rate < kAll; ++rate) {
+        mManual->SetHeartRate(rate);
+        while (quick->TryReceive()) {
+            ++heard;
+        }
+    }
+    EXPECT_EQ(heard, kAll);
+
+    int received = 0;
+    std::string message = slow->Receive();
+    for (; json::parse(message).at("event") == "reading"; message = slow->Receive()) {
+        ASSERT_EQ(json::parse(message).at("values").at("hrm/heart_rate"), received);
+        ++received;
+    }
+    EXPECT_GT(received, 10000 / 2);
+    EXPECT_EQ(json::parse(message), json({{"event", "missed"}, {"count", kAll - received}}));
+    EndTurn();
+    mManual->SetHeartRate(1);
+    EXPECT_EQ(json::parse(slow->Receive()).at("event"), "reading");
+    EXPECT_EQ(mServer->ClientCount(), 2U);
+    EXPECT_EQ(mLog.Take(), "");
+}
+
+TEST_F(ControlServerTest, TheEndOfTheServiceIsToldToThoseWhoObserve)
+{
+    const auto client = Observer();
+    mServer.reset();
+    EXPECT_EQ(client->Receive(), R"({"end":"service-ended"})");
+    EXPECT_EQ(client->Receive(), "end");
 }
 
 } // namespace ParvanePlatform

@@ -36,11 +36,11 @@ TEST(PowerLocksTest, LockEndsByItsTimeOut)
     PowerLocks locks(clock);
     StderrCapture capture;
     EXPECT_EQ(locks.Lock(2, 16000), 0);
-    EXPECT_EQ(locks.Count(), 1U);
+    EXPECT_EQ(locks.List().size(), 1U);
 
     RunWhileBusy();
 
-    EXPECT_EQ(locks.Count(), 0U);
+    EXPECT_EQ(locks.List().size(), 0U);
     EXPECT_EQ(capture.Take(), "I platform: power: state 2 kept for 16000 ms\n"
                               "I platform: power: state 2 released\n");
 }
@@ -52,7 +52,7 @@ TEST(PowerLocksTest, LocksAreIndependent)
     const StderrCapture quiet;
     EXPECT_EQ(locks.Lock(1, std::numeric_limits<int>::max()), 0);
     EXPECT_EQ(locks.Lock(2, 1), 0);
-    EXPECT_TRUE(RunUntil([&locks] { return locks.Count() == 1; }));
+    EXPECT_TRUE(RunUntil([&locks] { return locks.List().size() == 1; }));
     EXPECT_GT(NextWakeMs(), 2'000'000'000);
 }
 
@@ -74,7 +74,7 @@ TEST(PowerLocksTest, ValuesMustBeAboveZero)
     EXPECT_EQ(locks.Lock(-1, 1), -22);
     EXPECT_EQ(locks.Lock(2, 0), -22);
     EXPECT_EQ(locks.Lock(2, -1), -22);
-    EXPECT_EQ(locks.Count(), 0U);
+    EXPECT_EQ(locks.List().size(), 0U);
 }
 
 TEST(PowerLocksTest, FirstBackendThatCanHoldDoesUntilTheTimeOut)
@@ -109,7 +109,7 @@ TEST(PowerLocksTest, NextBackendHoldsWhatTheOneBeforeCannot)
 
     EXPECT_EQ(first.mHolds, 1);
     EXPECT_EQ(second.mHolds, 1);
-    ASSERT_EQ(locks.Count(), 2U);
+    ASSERT_EQ(locks.List().size(), 2U);
     EXPECT_EQ(locks.List()[0].mBackend, "second");
     EXPECT_EQ(locks.List()[1].mBackend, "first");
 }
@@ -125,7 +125,7 @@ TEST(PowerLocksTest, LockThatNothingCanHoldFailsWithOneLineUntilSomethingCan)
     StderrCapture capture;
     EXPECT_EQ(locks.Lock(2, 60000), -1);
     EXPECT_EQ(locks.Lock(2, 60000), -1);
-    EXPECT_EQ(locks.Count(), 0U);
+    EXPECT_EQ(locks.List().size(), 0U);
     EXPECT_EQ(NextWakeMs(), -1);
     first.mCanHold = true;
     EXPECT_EQ(locks.Lock(2, 60000), 0);

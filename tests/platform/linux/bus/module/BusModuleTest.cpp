@@ -130,7 +130,7 @@ TEST_F(BusModuleTest, PowerLockIsAnInhibitorUntilItsTimeOut)
     ASSERT_EQ(locks.Lock(2, 2000), 0);
     EXPECT_EQ(locks.List().at(0).mBackend, "logind");
     EXPECT_NE(inhibitors(), "([],)");
-    EXPECT_TRUE(Eventually([&] { return locks.Count() == 0 && inhibitors() == "([],)"; }));
+    EXPECT_TRUE(Eventually([&] { return locks.List().size() == 0 && inhibitors() == "([],)"; }));
 }
 
 TEST_F(BusModuleTest, WakeLockServesWhileThereIsNoLogind)
@@ -146,7 +146,7 @@ TEST_F(BusModuleTest, WakeLockServesWhileThereIsNoLogind)
     EXPECT_EQ(locks.Lock(2, 60000), 0);
     const auto logind = mBus->Run("logind");
     EXPECT_EQ(locks.Lock(2, 60000), 0);
-    ASSERT_EQ(locks.Count(), 2U);
+    ASSERT_EQ(locks.List().size(), 2U);
     EXPECT_EQ(locks.List()[0].mBackend, "wake_lock");
     EXPECT_EQ(locks.List()[1].mBackend, "logind");
 }
