@@ -4,9 +4,12 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -24,7 +27,8 @@ using nlohmann::json;
 
 constexpr const char *kProgram = "parvane-watch";
 constexpr const char *kSubcommands =
-    "status, config, log, set, steps, activity, gesture, link, memory, battery, quit, record, play, "
+    "status, monitor, config, log, set, steps, activity, gesture, link, memory, battery, quit, "
+    "record, play, "
     "check-config";
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
@@ -39,6 +43,9 @@ struct Texts
     std::optional<std::string> mTags;
     std::optional<std::string> mSeed;
     std::optional<std::string> mSpeed;
+    std::optional<std::string> mOn;
+    std::optional<std::string> mFor;
+    bool mPlain = false;
     bool mForce = false;
     bool mJson = false;
 };
@@ -54,6 +61,11 @@ public:
 void AddQuestions(CLI::App &app, Texts &texts)
 {
     app.add_subcommand("status", "Say what the service is doing");
+    CLI::App *monitor = app.add_subcommand(
+        "monitor", "Show what the service is doing as it happens: a screen with keys,\n"
+                   "or lines where standard output is no terminal");
+    monitor->add_flag("--plain", texts.mPlain, "Print a line for each event");
+    monitor->add_option("--for", texts.mFor, "End after so many seconds")->type_name("SECONDS");
     app.add_subcommand("config", "Say which settings are in force, and where each is from");
 
     CLI::App *log = app.add_subcommand("log", "Say or change which lines the service logs");
@@ -111,6 +123,10 @@ void AddSubcommands(CLI::App &app, Texts &texts)
         "record", "Write every reading of the sensors to a file that the replay\n"
                   "source plays, until Ctrl-C, SIGTERM or the service's end");
     record->add_option("file", texts.mFile, "The recording; - is standard output");
+    record
+        ->add_option("--on", texts.mOn,
+                     "Items that are on while this records, of\nhr, steps, activity, gesture")
+        ->type_name("ITEM,...");
     record->add_flag("--force", texts.mForce, "Overwrite a file that exists");
 
     AddPlay(app, texts);
@@ -210,6 +226,47 @@ json SetRequest(const std::string &where, const std::string &item, const Texts &
         throw Wrong("set", "item", texts.mItem, "hr, steps, activity, gesture");
     }
     return request;
+}
+
+/** @param words  as in "hr,steps" */
+json RecordRequest(const std::optional<std::string> &words)
+{
+    static const std::map<std::string, std::string> names = {{"hr", "heart_rate"},
+                                                             {"steps", "pedometer"},
+                                                             {"activity", "activity"},
+                                                             {"gesture", "gesture"}};
+    std::set<std::string> items;
+    std::istringstream list(words.value_or(""));
+    for (std::string word; std::getline(list, word, ',');) {
+        const auto found = names.find(word);
+        if (found == names.end()) {
+            throw Wrong("record --on", "item", word, "hr, steps, activity, gesture");
+        }
+        items.insert(found->second);
+    }
+    if (words && items.empty()) {
+        throw Wrong("record --on", "item", std::nullopt, "hr, steps, activity, gesture");
+    }
+    json request = {{"request", "record"}};
+    if (words) {
+        request["on"] = items;
+    }
+    return request;
+}
+
+/** @param text  of --for */
+std::optional<std::chrono::milliseconds> Length(const std::optional<std::string> &text)
+{
+    if (!text) {
+        return std::nullopt;
+    }
+    const std::string allowed = "seconds from 1 to 31536000, as in 30 or 30s";
+    const std::string digits = text->substr(0, text->size() - (text->ends_with('s') ? 1 : 0));
+    const std::int64_t seconds = ParseNumber("monitor --for", digits, 0, allowed);
+    if (seconds < 1 || seconds > 31536000) {
+        throw Wrong("monitor --for", "value", text, allowed);
+    }
+    return std::chrono::seconds(seconds);
 }
 
 json StateRequest(const std::string &name, const Texts &texts)
@@ -330,12 +387,17 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     } else if (name == "log") {
         invocation.mAction = Invocation::Action::Log;
         request = LogRequest(texts);
+    } else if (name == "monitor") {
+        invocation.mAction = Invocation::Action::Monitor;
+        request = {{"request", "observe"}};
+        invocation.mPlain = texts.mPlain;
+        invocation.mFor = Length(texts.mFor);
     } else if (name == "record") {
         if (texts.mFile.value_or("").empty()) {
             throw UsageError("record: no file given; allowed: the path of a file that is made");
         }
         invocation.mAction = Invocation::Action::Record;
-        request = {{"request", name}};
+        request = RecordRequest(texts.mOn);
         invocation.mFile = *texts.mFile;
         invocation.mForce = texts.mForce;
         const bool toOutput = invocation.mFile == "-" || invocation.mFile == "/dev/stdout";

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -20,6 +22,7 @@ struct Invocation
         Request, // whose reply says just whether it was served
         Play,
         Record,
+        Monitor,
         CheckConfig, // which needs no service
     };
 
@@ -31,6 +34,8 @@ struct Invocation
     bool mForce = false;     // Record: an existing file may be overwritten
     std::uint64_t mSeed = 1; // Play
     double mSpeed = 1.0;     // Play: how many times faster
+    bool mPlain = false;     // Monitor: lines on a terminal, too
+    std::optional<std::chrono::milliseconds> mFor; // Monitor
 };
 
 /** A run that is over before it begins: help, version, or wrong usage. */

@@ -1,5 +1,6 @@
 #include "CommandRunner.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -79,9 +80,12 @@ Outcome CommandRunner::Execute()
         return refused;
     }
     if (mInvocation.mAction == Invocation::Action::Record) {
-        return Record(client);
+        return Record(client, reply);
     }
     if (mInvocation.mAction == Invocation::Action::Request) {
+        if (reply.value("heard", json()) == 0) {
+            Complain("nobody has heard it: the item is off, and a gesture is over at once");
+        }
         return mInvocation.mJson ? Print(TextOf(reply) + '\n') : Outcome{};
     }
     return Show(reply);
@@ -108,7 +112,7 @@ Outcome CommandRunner::Show(const json &reply)
     return Print(text);
 }
 
-Outcome CommandRunner::Record(ControlClient &client)
+Outcome CommandRunner::Record(ControlClient &client, const json &reply)
 {
     // Only now, so that a service that cannot be reached or refuses costs nobody a file.
     if (const int error = mFile.Open(mInvocation.mForce); error != 0) {
@@ -118,6 +122,7 @@ Outcome CommandRunner::Record(ControlClient &client)
                                    : ""));
         return {ExitCode::Failure};
     }
+    SayWhatIsOn(reply.value("on", json()));
     mShowsProgress = Parvane::CanEraseLine(STDERR_FILENO, std::getenv("TERM"));
     ShowProgress(false);
     try {
@@ -145,6 +150,24 @@ Outcome CommandRunner::Record(ControlClient &client)
         mRecordingOutcome.mCode = ExitCode::Failure;
     }
     return FinishRecording();
+}
+
+void CommandRunner::SayWhatIsOn(const json &items) const
+{
+    if (items == json::array()) {
+        Complain("nothing is on: there is nothing to record before a phone asks for readings; "
+                 "--on hr,steps,activity turns them on while this records");
+        return;
+    }
+    const json wanted = json::parse(mInvocation.mRequest).value("on", json::array());
+    std::string names;
+    for (const json &item : wanted) {
+        names += (names.empty() ? "" : ", ") + item.get<std::string>();
+    }
+    if (!names.empty()) {
+        std::replace(names.begin(), names.end(), '_', ' ');
+        Complain("on while this records: " + names);
+    }
 }
 
 bool CommandRunner::TakeMessage(const json &message)

@@ -35,7 +35,8 @@ private:
     Outcome Execute();
     /** Prints what a reply tells. */
     Outcome Show(const nlohmann::json &reply);
-    Outcome Record(ControlClient &client);
+    Outcome Record(ControlClient &client, const nlohmann::json &reply);
+    void SayWhatIsOn(const nlohmann::json &items) const;
     /** Takes one message of a recording. @return false when the recording is over */
     bool TakeMessage(const nlohmann::json &message);
     bool WriteRow(const std::string &lines);

@@ -63,6 +63,9 @@ public:
      */
     std::optional<nlohmann::json> Next();
 
+    /** Readable when a message is there, or the service has gone; owned here. */
+    [[nodiscard]] int Fd() const { return mSocket.Get(); }
+
     /** The next message that is there already; nothing when none is. For the rest after an interruption. */
     std::optional<nlohmann::json> NextAtOnce();
 

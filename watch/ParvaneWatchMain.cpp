@@ -12,6 +12,7 @@
 #include "CommandLine.h"
 #include "CommandRunner.h"
 #include "ErrnoText.h"
+#include "Monitor.h"
 #include "Output.h"
 #include "PlayCommand.h"
 #include "Signals.h"
@@ -60,6 +61,10 @@ ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
     }
     if (invocation.mAction == ParvaneWatch::Invocation::Action::Play) {
         return ParvaneWatch::PlayScript(invocation, signals);
+    }
+    if (invocation.mAction == ParvaneWatch::Invocation::Action::Monitor) {
+        invocation.mPlain = invocation.mPlain || ::isatty(STDOUT_FILENO) != 1;
+        return ParvaneWatch::Monitor(std::move(invocation), signals).Run();
     }
     ParvaneWatch::CommandRunner runner(std::move(invocation), signals);
     return runner.Run();

@@ -20,27 +20,6 @@ using nlohmann::json;
 using Parvane::Printable;
 using Lines = std::vector<std::string>;
 
-/** A member of an object; null for one that is not there, or of what is no object. */
-const json &At(const json &object, const char *key)
-{
-    static const json kNull;
-    if (!object.is_object()) {
-        return kNull;
-    }
-    const auto found = object.find(key);
-    return found != object.end() ? *found : kNull;
-}
-
-/** A value as it is, without the quotes of a string; "?" for none. */
-std::string Plain(const json &value)
-{
-    if (value.is_string()) {
-        return Printable(value.get_ref<const std::string &>());
-    }
-    return value.is_null() ? "?"
-                           : Printable(value.dump(-1, ' ', false, json::error_handler_t::replace));
-}
-
 std::int64_t Whole(const json &value)
 {
     return value.is_number_integer() ? value.get<std::int64_t>() : 0;
@@ -62,12 +41,6 @@ std::string Number(const json &value)
         number.pop_back();
     }
     return number;
-}
-
-/** "no readings", "1 reading", "2 readings" */
-std::string Counted(const json &count, const char *what)
-{
-    return (count == 0 ? "no" : Plain(count)) + " " + what + (count == 1 ? "" : "s");
 }
 
 /** The instant of "2026-01-31T12:34:56.789Z", to the second, in this time zone. */
@@ -133,6 +106,32 @@ std::string OtherValue(const std::string &key, const json &value)
                                    : Printable(key) + " " + Number(value);
 }
 
+} // namespace
+
+const json &At(const json &object, const char *key)
+{
+    static const json kNull;
+    if (!object.is_object()) {
+        return kNull;
+    }
+    const auto found = object.find(key);
+    return found != object.end() ? *found : kNull;
+}
+
+std::string Plain(const json &value)
+{
+    if (value.is_string()) {
+        return Printable(value.get_ref<const std::string &>());
+    }
+    return value.is_null() ? "?"
+                           : Printable(value.dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+std::string Counted(const json &count, const char *what)
+{
+    return (count == 0 ? "no" : Plain(count)) + " " + what + (count == 1 ? "" : "s");
+}
+
 std::string ValuesText(const json &values)
 {
     std::string main;
@@ -151,6 +150,16 @@ std::string ValuesText(const json &values)
     }
     return main + " (" + others + ")";
 }
+
+std::string TimeOfDay(const json &instant)
+{
+    const auto time = LocalTime(instant);
+    std::array<char, 32> text{};
+    return time && std::strftime(text.data(), text.size(), "%H:%M:%S", &*time) > 0 ? text.data()
+                                                                                   : "";
+}
+
+namespace {
 
 /** Lays a status out in lines: a label, and what there is to say. */
 class Layout
@@ -214,7 +223,8 @@ private:
                                            Plain(At(host, "user")) + "," + Since(host)
                                      : "none");
         Add("link",
-            count("state") + ", key " + count("key") + ", host state " + count("host_state"));
+            count("state") + ", key " + count("key") + ", host state " + count("host_state") +
+                (At(link, "set_by").is_number() ? ", set by process " + count("set_by") : ""));
         Add("traffic", "in " + Counted(At(link, "packets_in"), "packet") + " of " +
                            Counted(At(link, "bytes_in"), "byte") + ", out " +
                            Counted(At(link, "packets_out"), "packet") + " of " +
@@ -231,6 +241,11 @@ private:
         if (subscription.is_object()) {
             text =
                 "on" + Since(subscription) + " by request " + Plain(At(subscription, "request_id"));
+        }
+        for (const json &keeper : At(item, "kept_by")) {
+            const std::string recorder = "on" + Since(keeper) + " by process " +
+                                         Plain(At(keeper, "pid")) + ", which records";
+            text = text == "off" ? recorder : text + ", " + recorder;
         }
         const json &problem = At(item, "problem");
         text +=

@@ -6,7 +6,7 @@ _parvane_watch()
     local word subcommand= words=
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
-        status | config | log | set | steps | activity | gesture | link | memory | battery | quit | \
+        status | monitor | config | log | set | steps | activity | gesture | link | memory | battery | quit | \
             record | play | check-config)
             subcommand=$word
             break
@@ -14,11 +14,15 @@ _parvane_watch()
         esac
     done
     case $previous in
-    --seed | --speed)
+    --seed | --speed | --for)
         return
         ;;
     --tags)
         mapfile -t COMPREPLY < <(compgen -W 'Parvane platform' -- "$current")
+        return
+        ;;
+    --on)
+        mapfile -t COMPREPLY < <(compgen -W 'hr steps activity gesture hr,steps,activity' -- "$current")
         return
         ;;
     --socket | record | --force | play | check-config)
@@ -29,7 +33,7 @@ _parvane_watch()
     esac
     case $subcommand in
     '')
-        words='status config log set steps activity gesture link memory battery quit record play'
+        words='status monitor config log set steps activity gesture link memory battery quit record play'
         words+=' check-config --version'
         ;;
     log) words='auto verbose debug info warning error fatal --tags' ;;
@@ -44,7 +48,8 @@ _parvane_watch()
     activity) words='walking running still other' ;;
     link) words='up down' ;;
     memory | battery) words='low' ;;
-    record) words='--force' ;;
+    record) words='--force --on' ;;
+    monitor) words='--plain --for' ;;
     esac
     words+=' --socket --json --help'
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")

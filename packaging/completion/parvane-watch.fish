@@ -4,6 +4,7 @@ complete -c parvane-watch -f
 complete -c parvane-watch -n __fish_use_subcommand -a status -d 'Say what the service is doing'
 complete -c parvane-watch -n __fish_use_subcommand -a config -d 'Say which settings are in force, and where each is from'
 complete -c parvane-watch -n __fish_use_subcommand -a log -d 'Say or change which lines the service logs'
+complete -c parvane-watch -n __fish_use_subcommand -a monitor -d 'Show what the service is doing as it happens'
 complete -c parvane-watch -n __fish_use_subcommand -a set -d 'Set what the manual source reports'
 complete -c parvane-watch -n __fish_use_subcommand -a steps -d 'Short for set steps'
 complete -c parvane-watch -n __fish_use_subcommand -a activity -d 'Short for set activity'
@@ -25,7 +26,10 @@ complete -c parvane-watch -n '__fish_seen_subcommand_from set' -a 'hr steps acti
 complete -c parvane-watch -n '__fish_seen_subcommand_from activity' -a 'walking running still other'
 complete -c parvane-watch -n '__fish_seen_subcommand_from link' -a 'up down'
 complete -c parvane-watch -n '__fish_seen_subcommand_from memory battery' -a low
+complete -c parvane-watch -n '__fish_seen_subcommand_from monitor' -l plain -d 'Print a line for each event'
+complete -c parvane-watch -n '__fish_seen_subcommand_from monitor' -l for -x -d 'End after so many seconds'
 complete -c parvane-watch -n '__fish_seen_subcommand_from record' -l force -d 'Overwrite a file that exists'
+complete -c parvane-watch -n '__fish_seen_subcommand_from record' -l on -x -a 'hr steps activity gesture hr,steps,activity' -d 'Items that are on meanwhile'
 complete -c parvane-watch -n '__fish_seen_subcommand_from record play check-config' -F
 complete -c parvane-watch -n '__fish_seen_subcommand_from log' -a 'auto verbose debug info warning error fatal'
 complete -c parvane-watch -n '__fish_seen_subcommand_from log' -l tags -x -a 'Parvane platform' -d 'Only lines with one of these tags'

@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "PseudoTerminal.h"
 #include "Requests.h"
 #include "ServiceFixture.h"
 
@@ -161,6 +162,68 @@ TEST_F(ControlTest, StatusShowsThePreferencesOfTheService)
     EXPECT_EQ(Status().at("preferences").at("Parvane/data/pedometer/requested"), true);
 }
 
+TEST_F(ControlTest, ARecordingTurnsItsItemsOnUntilItIsKilled)
+{
+    StartAndWait({{"PARVANE_TRACE", WriteRecording({"0,70,,,,,,,,", "100,72,,,,,,,,"})}});
+    const std::string file = mFolder.Path() / "made.csv";
+    Process recorder({PARVANE_WATCH_PROGRAM, "record", "--on", "hr", file}, BaseEnvironment(),
+                     mFolder.Path());
+    ASSERT_TRUE(recorder.HasLogged("parvane-watch: on while this records: heart rate\n"));
+    ASSERT_TRUE(Eventually([&] { return ReadFile(file).find(",72,") != std::string::npos; }));
+    EXPECT_THAT(
+        StatusLine("heart rate"),
+        MatchesRegex("heart rate  on since [0-9:]+ \\([0-9]+ s\\) by process [0-9]+, which "
+                     "records, source replay, last 7[02] /min 0\\.[0-9] s ago, no readings"));
+
+    recorder.Signal(SIGKILL);
+    ASSERT_EQ(recorder.WaitForEnd(), -SIGKILL);
+    EXPECT_TRUE(Eventually([this] { return Item("heart_rate").at("kept_by").empty(); }));
+    EXPECT_THAT(Watch({"record", "--on", "steps", file + ".2"}).mError,
+                HasSubstr("pedometer cannot be turned on; it has the source replay"));
+}
+
+TEST_F(ControlTest, WhoObservesIsToldWhatHappensAndBringsNoLogLine)
+{
+    StartAndWait({{"PARVANE_TRACE", WriteRecording({"0,70,,,,,,,,", "100,72,,,,,,,,"})}});
+    const std::string log = mService->StandardError();
+    const Host observer(ControlPath());
+    const std::string request = R"({"request":"observe"})";
+    const auto next = [&observer] {
+        const Bytes message = observer.Receive().value_or(Bytes{'0'});
+        return json::parse(message.begin(), message.end());
+    };
+    observer.Send({request.begin(), request.end()});
+    EXPECT_EQ(next().at("status").at("host"), nullptr);
+    EXPECT_EQ(mService->StandardError(), log);
+
+    const Host host(LinkPath());
+    host.Send(kMeasureHeartRate);
+    bool isOn = false;
+    bool isKept = false;
+    json event = next();
+    for (; event.value("event", "") != "reading"; event = next()) {
+        ASSERT_TRUE(event.contains("event")) << event;
+        isOn =
+            isOn || (event.at("event") == "item" && event.at("item").at("item") == "heart_rate" &&
+                     event.at("item").at("subscription").is_object());
+        isKept = isKept || (event.at("event") == "power_locks" && !event.at("power_locks").empty());
+    }
+    EXPECT_TRUE(isOn) << "before its first reading";
+    EXPECT_TRUE(isKept);
+    EXPECT_EQ(event.at("item"), "heart_rate");
+
+    ASSERT_EQ(Watch({"link", "down"}).mStatus, 0);
+    while (event.at("event") != "link" || event.at("link").at("state") != "down") {
+        event = next();
+        ASSERT_TRUE(event.contains("event")) << event;
+    }
+    EXPECT_TRUE(event.at("link").at("set_by").is_number());
+    ASSERT_EQ(StopService(), 0);
+    for (event = next(); event.contains("event"); event = next()) {
+    }
+    EXPECT_EQ(event, json({{"end", "service-ended"}}));
+}
+
 TEST_F(ControlTest, RefusedAndQueuedOutMessagesAreCounted)
 {
     StartAndWait();
@@ -292,6 +355,38 @@ protected:
         StartAndWait({{"PARVANE_PLATFORM_CONF", file.string()}});
     }
 };
+
+TEST_F(ManualControlTest, TheKeysOfTheMonitorAreTheHandsOfTheCommand)
+{
+    StartManual();
+    Environment environment = BaseEnvironment();
+    environment["TERM"] = "vt100";
+    Parvane::PseudoTerminal monitor({PARVANE_WATCH_PROGRAM, "monitor"}, environment);
+    ASSERT_TRUE(monitor.Shows("q quit")) << monitor.Output();
+    const Host host(LinkPath());
+    host.Send(kMeasureHeartRate);
+    ASSERT_TRUE(monitor.Shows("by request 1, source manual"));
+    EXPECT_TRUE(monitor.Shows("power lock  state "));
+    monitor.Type("h72\r");
+    EXPECT_TRUE(monitor.Shows("heart rate  72 /min"));
+    monitor.Type("w");
+    EXPECT_TRUE(monitor.Shows("heart rate  off wrist"));
+    monitor.Type("g3\r");
+    EXPECT_TRUE(monitor.Shows("nobody has heard it: the item is off"));
+    monitor.Type("l");
+    EXPECT_TRUE(monitor.Shows("link        down by process"));
+    monitor.Type("l");
+    EXPECT_TRUE(monitor.Shows("link        up by process"));
+
+    monitor.Type("my");
+    EXPECT_TRUE(monitor.Shows("the service has gone; this waits for its return"));
+    EXPECT_EQ(mService->WaitForEnd(), 0);
+    StartManual();
+    ASSERT_TRUE(monitor.Shows("Parvane: process " + std::to_string(mService->Pid())));
+    monitor.Type("q");
+    EXPECT_EQ(monitor.WaitForEnd(), 0) << monitor.Screen();
+    EXPECT_TRUE(monitor.IsAsItWas());
+}
 
 TEST_F(ManualControlTest, ActivityThatIsSetReachesTheHost)
 {

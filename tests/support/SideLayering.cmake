@@ -8,17 +8,18 @@ cmake_minimum_required(VERSION 3.25)
 
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
-set(FOLDERS common host host/ledger host/command watch watch/check_config watch/play)
+set(FOLDERS common host host/ledger host/command watch watch/check_config watch/monitor watch/play)
 set(SEES_common "")
 set(SEES_host host/ledger common)
 set(SEES_host/ledger host)
 set(SEES_host/command host host/ledger common)
-set(SEES_watch watch/check_config watch/play common)
+set(SEES_watch watch/check_config watch/monitor watch/play common)
+set(SEES_watch/monitor watch common)
 set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
 set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
 
-set(POSIX dirent.h fcntl.h poll.h signal.h sys/file.h sys/ioctl.h sys/signalfd.h sys/socket.h sys/stat.h sys/types.h
+set(POSIX dirent.h fcntl.h langinfo.h poll.h signal.h sys/file.h sys/ioctl.h sys/signalfd.h sys/socket.h sys/stat.h sys/types.h
     sys/un.h termios.h unistd.h)
 set(LIBRARIES_common "")
 set(LIBRARIES_host "")
@@ -27,6 +28,8 @@ set(LIBRARIES_host/command CLI nlohmann)
 set(LIBRARIES_watch CLI nlohmann)
 set(LIBRARIES_watch/check_config nlohmann)
 set(LIBRARIES_watch/play nlohmann)
+# The headers of ncurses, which have no folder.
+set(LIBRARIES_watch/monitor nlohmann curses.h)
 
 set(count 0)
 foreach(folder IN LISTS FOLDERS)
@@ -51,6 +54,7 @@ foreach(folder IN LISTS FOLDERS)
                 endif()
             elseif(line MATCHES "<(([A-Za-z]+)/[^>]+|[^>]+)>")
                 if(NOT CMAKE_MATCH_1 IN_LIST STANDARD AND NOT CMAKE_MATCH_1 IN_LIST POSIX
+                        AND NOT CMAKE_MATCH_1 IN_LIST LIBRARIES_${folder}
                         AND NOT CMAKE_MATCH_2 IN_LIST LIBRARIES_${folder})
                     offend("includes <${CMAKE_MATCH_1}>, which ${folder} may not use")
                 endif()

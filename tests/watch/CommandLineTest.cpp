@@ -123,9 +123,10 @@ TEST(CommandLineTest, GlobalOptionsMayFollowTheSubcommand)
 
 TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
 {
-    EXPECT_EQ(ErrorOf({}), "parvane-watch: no subcommand given; allowed: status, config, log, "
-                           "set, steps, activity, gesture, link, memory, battery, quit, record, "
-                           "play, check-config");
+    EXPECT_EQ(ErrorOf({}),
+              "parvane-watch: no subcommand given; allowed: status, monitor, config, "
+              "log, set, steps, activity, gesture, link, memory, battery, quit, record, "
+              "play, check-config");
     EXPECT_THAT(ErrorOf({"frob"}), HasSubstr("unknown subcommand 'frob'; allowed: status"));
     EXPECT_EQ(ErrorOf({"set"}),
               "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");
@@ -146,6 +147,16 @@ TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
     EXPECT_EQ(ErrorOf({"link", "off"}),
               "parvane-watch: link: unknown state 'off'; allowed: up, down");
     EXPECT_EQ(ErrorOf({"memory"}), "parvane-watch: memory: no state given; allowed: low");
+    EXPECT_THAT(ErrorOf({"monitor", "--for", "0s"}),
+                HasSubstr("monitor --for: unknown value '0s'; allowed: seconds from 1 to"));
+    EXPECT_THAT(ErrorOf({"monitor", "--for", "1h"}),
+                HasSubstr("monitor --for: unknown value '1h'; allowed: seconds from 1 to"));
+    EXPECT_EQ(Parsed({"monitor", "--for", "30s", "--plain"}).mFor, std::chrono::seconds(30));
+    EXPECT_EQ(ErrorOf({"record", "--on", "hr,pulse", "a.csv"}),
+              "parvane-watch: record --on: unknown item 'pulse'; allowed: hr, steps, activity, "
+              "gesture");
+    EXPECT_EQ(ErrorOf({"record", "--on", "", "a.csv"}),
+              "parvane-watch: record --on: no item given; allowed: hr, steps, activity, gesture");
     EXPECT_EQ(ErrorOf({"record"}),
               "parvane-watch: record: no file given; allowed: the path of a file that is made");
     EXPECT_THAT(ErrorOf({"--socket", std::string(108, 'x'), "status"}),

@@ -301,6 +301,46 @@ TEST_F(CommandTest, EachRowIsInTheFileWhenItComesAndASignalEndsTheRecordingWell)
     EXPECT_EQ(watch.ReadErrors(), "");
 }
 
+TEST_F(CommandTest, ARecordingTurnsOnWhatItIsToldAndSaysSo)
+{
+    Watch watch(Arguments({"record", "--on", "hr,steps", File()}));
+    EXPECT_EQ(json::parse(mService.AcceptRequest()),
+              json({{"version", 1}, {"request", "record"}, {"on", {"heart_rate", "pedometer"}}}));
+    mService.Send(R"({"version":1,"ok":true,"on":["heart_rate","pedometer","activity"]})");
+    EXPECT_THAT(watch.ReadErrorsUntil("\n"),
+                HasSubstr("parvane-watch: on while this records: heart rate, pedometer\n"));
+    mService.Send(R"({"end":"service-ended"})");
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, ARecordingOfNothingSaysWhatToDo)
+{
+    Watch watch(Arguments({"record", File()}));
+    mService.AcceptRequest();
+    mService.Send(R"({"version":1,"ok":true,"on":[]})");
+    EXPECT_THAT(
+        watch.ReadErrorsUntil("\n"),
+        StartsWith("parvane-watch: nothing is on: there is nothing to record before a phone "
+                   "asks for readings; --on hr,steps,activity turns them on"));
+    mService.Send(R"({"end":"service-ended"})");
+    EXPECT_EQ(watch.Wait(), 0);
+}
+
+TEST_F(CommandTest, AGestureThatNobodyHearsSaysSo)
+{
+    Watch unheard(Arguments({"gesture", "3"}));
+    mService.AcceptRequest();
+    mService.Send(R"({"version":1,"ok":true,"heard":0})");
+    EXPECT_THAT(unheard.ReadErrors(), StartsWith("parvane-watch: nobody has heard it"));
+    EXPECT_EQ(unheard.Wait(), 0);
+
+    Watch heard(Arguments({"gesture", "3"}));
+    mService.AcceptRequest();
+    mService.Send(R"({"version":1,"ok":true,"heard":1})");
+    EXPECT_EQ(heard.ReadErrors(), "");
+    EXPECT_EQ(heard.Wait(), 0);
+}
+
 TEST_F(CommandTest, TheEndOfTheServiceEndsTheRecordingWell)
 {
     Watch watch(Arguments({"record", File()}));

@@ -69,6 +69,18 @@ TEST_F(StatusTextTest, AnItemThatCannotHaveReadingsSaysWhy)
     EXPECT_EQ(Line(item), "heart rate  off, source none, no readings");
 }
 
+TEST_F(StatusTextTest, WhoRecordsAnItemThatIsKeptOnIsSaid)
+{
+    json item = Item({{"hrm/heart_rate", 72}});
+    item["kept_by"] =
+        json::array({{{"pid", 4711}, {"since", "2026-01-31T11:34:56.789Z"}, {"for_ms", 3000}}});
+    EXPECT_THAT(Line(item), testing::StartsWith("heart rate  on since 12:34:56 (3 s) by process "
+                                                "4711, which records, source ble, last"));
+    item["subscription"] = {{"request_id", 7}};
+    EXPECT_THAT(Line(item), testing::StartsWith("heart rate  on by request 7, on since 12:34:56 "
+                                                "(3 s) by process 4711, which records, source"));
+}
+
 TEST_F(StatusTextTest, ADayThatIsNotTodayIsSaid)
 {
     const json subscription = {
