@@ -75,7 +75,6 @@ test_journal_has_the_fields() {
     done
     entry=$(journal PARVANE_TAG=Parvane CODE_FILE=ParvaneMain -o verbose -n 1)
     grep -E '^ +MESSAGE=ParvaneMain: [a-z_]+\([0-9]+\) > ' <<<"$entry" || fail "not the service's form: $entry"
-    journal -p warning PARVANE_TAG=platform | grep /nowhere
 }
 
 test_forbidden_is_what_must_be() {
