@@ -210,7 +210,7 @@ TEST_F(CheckConfigTest, JsonOfProblems)
               nlohmann::json::parse(R"({"file": ")" + mPath.string() + R"(", "ok": false,
                   "problems": [
                       {"severity": "warning", "line": 1, "section": "what", "key": null,
-                       "message": "unknown section [what]; known are sensors, replay, iio, ble, power, memory, battery, bluetooth, control, directories"},
+                       "message": "unknown section [what]; known are sensors, replay, iio, ble, power, memory, battery, bluetooth, control, log, directories"},
                       {"severity": "error", "line": 3, "section": "control", "key": "enabled",
                        "message": "[control] enabled is 'no': it must be true, false, 1 or 0"}]})"));
 }
