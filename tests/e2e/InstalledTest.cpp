@@ -120,7 +120,7 @@ TEST_F(InstalledTest, AServiceWithoutTheModuleSaysWhoHasIt)
         }
     }
     const fs::path configuration = mFolder.Path() / "platform.conf";
-    WriteFile(configuration, "[power]\nlock=auto\n");
+    WriteFile(configuration, "[power]\nlock=logind\n");
     Environment environment = BaseEnvironment();
     environment["PARVANE_PLATFORM_CONF"] = configuration;
     Process asking({Installed("parvane")}, environment, mFolder.Path());
@@ -129,9 +129,12 @@ TEST_F(InstalledTest, AServiceWithoutTheModuleSaysWhoHasIt)
                 HasSubstr("parvane-platform-bus.so is missing, which the "
                           "configuration asks for: the package parvane-bluetooth has it"));
 
+    WriteFile(configuration,
+              "[power]\nlock=auto\n[memory]\nmonitor=auto\n[battery]\nmonitor=auto\n");
     mService = std::make_unique<Process>(std::vector<std::string>{Installed("parvane")},
-                                         BaseEnvironment(), mFolder.Path());
+                                         environment, mFolder.Path());
     EXPECT_TRUE(mService->HasLogged("app_service")) << mService->StandardError();
+    EXPECT_THAT(mService->StandardError(), HasSubstr("auto does without the system bus"));
 }
 
 TEST_F(InstalledTest, WhatAUserAndTheSystemLookForIsThere)

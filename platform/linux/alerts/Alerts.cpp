@@ -15,7 +15,8 @@ Alerts::Monitors MakeMemoryMonitors(const MemorySettings &settings, BusAlertPart
 {
     using Monitor = MemorySettings::Monitor;
     Alerts::Monitors monitors;
-    if (settings.mMonitor == Monitor::Auto || settings.mMonitor == Monitor::Glib) {
+    if (bus != nullptr &&
+        (settings.mMonitor == Monitor::Auto || settings.mMonitor == Monitor::Glib)) {
         monitors.push_back(bus->MakeGlibMemoryMonitor());
     }
     if (settings.mMonitor == Monitor::Auto || settings.mMonitor == Monitor::Pressure) {
@@ -29,7 +30,8 @@ Alerts::Monitors MakeBatteryMonitors(const BatterySettings &settings, const Cloc
 {
     using Monitor = BatterySettings::Monitor;
     Alerts::Monitors monitors;
-    if (settings.mMonitor == Monitor::Auto || settings.mMonitor == Monitor::UPower) {
+    if (bus != nullptr &&
+        (settings.mMonitor == Monitor::Auto || settings.mMonitor == Monitor::UPower)) {
         monitors.push_back(bus->MakeUPowerMonitor());
     }
     if (settings.mMonitor == Monitor::Auto || settings.mMonitor == Monitor::Sysfs) {

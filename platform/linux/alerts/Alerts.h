@@ -41,7 +41,7 @@ public:
      *
      * @param clock   borrowed for the life of this object
      * @param events  borrowed for the life of this object
-     * @param bus     may be null when the settings ask for nothing that is made over the bus
+     * @param bus     may be null when the settings name nothing of the bus; auto does without it then
      */
     Alerts(const Settings &settings, const Clock &clock, LifecycleEvents &events,
            BusAlertParts *bus);

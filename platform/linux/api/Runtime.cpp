@@ -53,7 +53,7 @@ Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEve
 Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
 {
     // The recording first: what is wrong in it is told before anything is made on the disk.
-    auto bus = NeedsBus(settings) ? LoadBusParts() : nullptr;
+    auto bus = LoadBusParts(UseOfBus(settings));
     SensorSources sources(settings, mClock, bus.get());
     PrepareDirectory(settings.mStateDirectory, "state");
     // Its content ends with the process: a start does not wait for the disk because of it.

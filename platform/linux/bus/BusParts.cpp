@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include "RuntimeLog.h"
 #include "StartupError.h"
 
 namespace ParvanePlatform {
@@ -36,25 +37,39 @@ std::filesystem::path ModulePath()
 
 } // namespace
 
-bool NeedsBus(const Settings &settings)
+BusUse UseOfBus(const Settings &settings)
 {
-    return settings.mSensors.mHeartRate == SourceKind::Ble ||
-           settings.mPower.mLock == PowerSettings::Lock::Auto ||
-           settings.mPower.mLock == PowerSettings::Lock::Logind ||
-           settings.mMemory.mMonitor == MemorySettings::Monitor::Auto ||
-           settings.mMemory.mMonitor == MemorySettings::Monitor::Glib ||
-           settings.mBattery.mMonitor == BatterySettings::Monitor::Auto ||
-           settings.mBattery.mMonitor == BatterySettings::Monitor::UPower ||
-           settings.mBluetooth.mAdapter == BluetoothSettings::Adapter::Bluez;
+    if (settings.mSensors.mHeartRate == SourceKind::Ble ||
+        settings.mPower.mLock == PowerSettings::Lock::Logind ||
+        settings.mMemory.mMonitor == MemorySettings::Monitor::Glib ||
+        settings.mBattery.mMonitor == BatterySettings::Monitor::UPower ||
+        settings.mBluetooth.mAdapter == BluetoothSettings::Adapter::Bluez) {
+        return BusUse::Required;
+    }
+    if (settings.mPower.mLock == PowerSettings::Lock::Auto ||
+        settings.mMemory.mMonitor == MemorySettings::Monitor::Auto ||
+        settings.mBattery.mMonitor == BatterySettings::Monitor::Auto) {
+        return BusUse::IfThere;
+    }
+    return BusUse::None;
 }
 
-std::unique_ptr<BusParts> LoadBusParts()
+std::unique_ptr<BusParts> LoadBusParts(BusUse use)
 {
+    if (use == BusUse::None) {
+        return nullptr;
+    }
     const std::filesystem::path path = ModulePath();
     // For good: GIO cannot be unloaded.
     void *module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     std::error_code ignored;
     if (module == nullptr && !std::filesystem::exists(path, ignored)) {
+        if (use == BusUse::IfThere) {
+            LogWarning("%s is missing: auto does without the system bus; the package "
+                       "parvane-bluetooth has it",
+                       path.c_str());
+            return nullptr;
+        }
         throw StartupError(path.string() +
                            " is missing, which the configuration asks for: the package " +
                            "parvane-bluetooth has it");

@@ -28,14 +28,17 @@ public:
 using MakeBusPartsFunction = BusParts *();
 constexpr char kMakeBusPartsSymbol[] = "parvane_make_bus_parts";
 
-/** True when the settings ask for a part that is made over the bus. */
-bool NeedsBus(const Settings &settings);
+/** Whether a part is made over the bus: none, one for which "auto" has another, or one that is named. */
+enum class BusUse { None, IfThere, Required };
+
+BusUse UseOfBus(const Settings &settings);
 
 /**
  * Loads the module, which lies beside the platform's library.
  *
+ * @return null without a use, and, which is logged, for IfThere when the module is not installed
  * @throws StartupError that names the module and what the loader says, or who has it when it is missing
  */
-std::unique_ptr<BusParts> LoadBusParts();
+std::unique_ptr<BusParts> LoadBusParts(BusUse use);
 
 } // namespace ParvanePlatform

@@ -9,7 +9,7 @@ std::vector<std::unique_ptr<PowerBackend>> MakePowerBackends(const PowerSettings
 {
     using Lock = PowerSettings::Lock;
     std::vector<std::unique_ptr<PowerBackend>> backends;
-    if (settings.mLock == Lock::Auto || settings.mLock == Lock::Logind) {
+    if (bus != nullptr && (settings.mLock == Lock::Auto || settings.mLock == Lock::Logind)) {
         backends.push_back(bus->MakeLogindBackend());
     }
     if (settings.mLock == Lock::Auto || settings.mLock == Lock::WakeLock) {

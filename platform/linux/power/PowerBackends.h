@@ -21,7 +21,7 @@ public:
 /**
  * Makes what the settings let hold the power locks, in the order in which it is asked.
  *
- * @param bus  may be null when the settings do not ask for logind
+ * @param bus  may be null when the settings do not name logind; auto does without it then
  * @return nothing when locks are to be kept without the system
  */
 std::vector<std::unique_ptr<PowerBackend>> MakePowerBackends(const PowerSettings &settings,
