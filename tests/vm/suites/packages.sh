@@ -1,9 +1,9 @@
 # The tests that come with the packages, in debian/tests, as they are.
 # limit=300
 
-test_list() { debian-tests/list; }
-test_measure() { debian-tests/measure; }
-test_steps() { debian-tests/steps; }
+test_list() { as_shipped; debian-tests/list; }
+test_measure() { as_shipped; debian-tests/measure; }
+test_steps() { as_shipped; debian-tests/steps; }
 test_upgrade_removal_and_purge() {
     [ -d earlier ] || skip "there are no packages of an earlier version"
     PARVANE_EARLIER=/vm/earlier PARVANE_PACKAGES=/vm/packages debian-tests/upgrade
