@@ -406,6 +406,9 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     if (texts.mCapture && texts.mCapture->empty()) {
         throw UsageError("--capture: the path is empty; give the file to write");
     }
+    if (texts.mCapture == "-") {
+        throw UsageError("--capture: a capture goes to a file; ./- is one of that name");
+    }
     invocation.mCapturePath = texts.mCapture;
     invocation.mTimeout = ParseSeconds("--timeout", texts.mTimeout);
     invocation.mWait = ParseSeconds("--wait", texts.mWait).value_or(milliseconds{0});

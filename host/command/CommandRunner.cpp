@@ -240,11 +240,16 @@ Outcome CommandRunner::Raw()
     // A watch that pushes is never quiet, so there is an end unless one is asked for.
     const bool hasEnd = mInvocation.mTimeout || mInvocation.mQuietFor;
     const Deadline end = hasEnd ? limit : Deadline::After(kLongest);
-    for (;;) {
+    for (bool isFirst = true;; isFirst = false) {
         auto packet = mClient.ReceiveRaw(Deadline::After(quiet).Earlier(end));
+        if (!packet && !std::holds_alternative<Timeout>(packet.GetError())) {
+            return Failed(packet.GetError());
+        }
         if (!packet) {
-            const bool isQuiet = std::holds_alternative<Timeout>(packet.GetError());
-            return isQuiet ? Outcome{} : Failed(packet.GetError());
+            if (isFirst) {
+                Complain("no packet came");
+            }
+            return {};
         }
         if (!Print(mPrinter->Packet(packet.Value(), Decode(packet.Value()), NowMs()))) {
             return OutputOutcome();

@@ -272,7 +272,10 @@ Lines TextPrinter::Remark(const Reading &reading) const
 
 Lines TextPrinter::Stopped(const StopAck &acknowledgement) const
 {
-    return {std::string(SensorName(acknowledgement.mSensor)) + ": stopped"};
+    // The watch acknowledges a stop of the steps, and pushes them for good once they were asked for.
+    const bool goesOn = acknowledgement.mSensor == Sensor::Pedometer;
+    return {std::string(SensorName(acknowledgement.mSensor)) +
+            (goesOn ? ": the stop is acknowledged; the watch goes on pushing them" : ": stopped")};
 }
 
 Lines TextPrinter::Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,

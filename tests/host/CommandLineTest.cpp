@@ -206,6 +206,8 @@ TEST(CommandLineTest, OptionsWithoutTheirValueAreNamedWithAnExample)
 {
     ExpectUsageError({"list", "--capture", ""},
                      "--capture: the path is empty; give the file to write");
+    ExpectUsageError({"list", "--capture", "-"},
+                     "--capture: a capture goes to a file; ./- is one of that name");
     ExpectUsageError({"list", "--socket"},
                      "--socket needs a value, as in: --socket /run/parvane/link.sock");
     ExpectUsageError({"list", "--timeout"}, "--timeout needs a value, as in: --timeout 2.5");

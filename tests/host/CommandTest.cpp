@@ -735,6 +735,16 @@ TEST_F(CommandTest, RawEndsAtItsTimeoutEvenWhenTheLinkIsNotQuiet)
     EXPECT_EQ(host.Wait(), 0);
 }
 
+TEST_F(CommandTest, RawSaysThatNothingCame)
+{
+    Host host(Arguments({"raw", "02", "--quiet-for", "100"}));
+    mWatch.Accept();
+    mWatch.Receive();
+
+    EXPECT_EQ(host.ReadErrors(), "parvane-host: no packet came\n");
+    EXPECT_EQ(host.Wait(), 0);
+}
+
 TEST_F(CommandTest, RawEndsWhileTheWatchPushes)
 {
     Host host(Arguments({"raw", "01"}));

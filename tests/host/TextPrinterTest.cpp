@@ -188,6 +188,12 @@ TEST_F(TextPrinterTest, AStopIsConfirmed)
                 ElementsAre("hr: stopped"));
 }
 
+TEST_F(TextPrinterTest, AStopThatTheWatchOnlyAcknowledgesIsToldSo)
+{
+    EXPECT_THAT(mPrinter.Stopped({.mFlags = 1, .mSensor = Sensor::Pedometer}),
+                ElementsAre("steps: the stop is acknowledged; the watch goes on pushing them"));
+}
+
 TEST_F(TextPrinterTest, PacketsAreHexAndTheirMeaning)
 {
     EXPECT_THAT(
