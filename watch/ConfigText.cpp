@@ -79,7 +79,7 @@ std::vector<std::string> ConfigText(const json &config)
         std::string from = Text(value, "from");
         constexpr const char *kLine = "line ";
         if (from.starts_with(kLine)) {
-            from = path + ":" + from.substr(std::char_traits<char>::length(kLine));
+            from.replace(0, std::char_traits<char>::length(kLine), path + ":");
         }
         lines.push_back(
             Padded(Printable(Text(value, "key") + "=" + ValueText(Member(value, "value"))),

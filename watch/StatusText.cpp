@@ -245,7 +245,11 @@ private:
         for (const json &keeper : At(item, "kept_by")) {
             const std::string recorder = "on" + Since(keeper) + " by process " +
                                          Plain(At(keeper, "pid")) + ", which records";
-            text = text == "off" ? recorder : text + ", " + recorder;
+            if (text == "off") {
+                text = recorder;
+            } else {
+                text += ", " + recorder;
+            }
         }
         const json &problem = At(item, "problem");
         text +=

@@ -27,7 +27,7 @@ std::string AgeText(milliseconds age)
 
 std::string ValueText(Sensor sensor, float value)
 {
-    const std::string number = std::to_string(std::llround(value));
+    std::string number = std::to_string(std::llround(value));
     switch (sensor) {
     case Sensor::Activity: {
         const auto activity = ActivityOf(value);

@@ -232,29 +232,31 @@ void Monitor::ShowScreen()
         if (polled[0].revents != 0) {
             throw Interrupted{};
         }
-        if (polled[1].revents != 0) {
-            if (terminal.Take() == SIGHUP) {
-                mOutcome = {ExitCode::Failure, SIGHUP};
-                return;
-            }
-            screen.Resize();
-            isNew = true;
+        isNew = true;
+        if (polled[1].revents != 0 && !TakeSignal(screen, terminal.Take())) {
+            return;
         }
         if ((polled[2].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
             mOutcome.mCode = ExitCode::Failure; // a terminal that has gone without a word
             return;
         }
-        if (polled[2].revents != 0) {
-            isNew = true;
-            if (!TakeKeys(screen)) {
-                return;
-            }
+        if (polled[2].revents != 0 && !TakeKeys(screen)) {
+            return;
         }
         if (polled[3].revents != 0) {
-            isNew = true;
             TakeEvents();
         }
     }
+}
+
+bool Monitor::TakeSignal(MonitorScreen &screen, int signal)
+{
+    if (signal == SIGHUP) {
+        mOutcome = {ExitCode::Failure, SIGHUP};
+        return false;
+    }
+    screen.Resize();
+    return true;
 }
 
 void Monitor::Draw(MonitorScreen &screen) const

@@ -40,6 +40,8 @@ private:
     void Draw(MonitorScreen &screen) const;
     /** Takes what has come from the service. */
     void TakeEvents();
+    /** A signal of the terminal's. @return false when it has gone */
+    bool TakeSignal(MonitorScreen &screen, int signal);
     /** @return false to quit */
     bool TakeKeys(MonitorScreen &screen);
     void Send(const nlohmann::json &request);

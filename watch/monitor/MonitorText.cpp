@@ -116,8 +116,7 @@ void AddHelp(Lines &lines)
           "g  make a gesture", "l  take the accessory link down, or bring it up",
           "m  tell the service that memory is low", "b  tell the service that the battery is low",
           "?  this help, and back", "q  quit; the service goes on", "",
-          "A question is answered with the return key, and taken "
-          "back with escape."}) {
+          "A question is answered with the return key, and taken back with escape."}) {
         lines.emplace_back(line);
     }
 }

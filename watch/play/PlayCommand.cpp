@@ -179,7 +179,7 @@ private:
         return reply;
     }
 
-    void Show(const Player::Progress &progress)
+    void Show(const Player::Progress &progress) const
     {
         if (mShowsProgress) {
             WriteAll(STDERR_FILENO,

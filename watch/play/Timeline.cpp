@@ -49,7 +49,7 @@ private:
         }
         if (cell.mNoise > 0) {
             // No distribution of the library: each library draws its own.
-            const auto width = static_cast<std::uint64_t>(2 * cell.mNoise + 1);
+            const auto width = 2 * static_cast<std::uint64_t>(cell.mNoise) + 1;
             value += static_cast<std::int64_t>(mRandom() % width) - cell.mNoise;
             value = std::clamp<std::int64_t>(value, 0, kLargestHeartRate);
         }

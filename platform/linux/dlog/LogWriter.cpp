@@ -20,7 +20,13 @@ namespace {
 constexpr std::size_t kStackBytes = 2048;
 
 // Constant-initialized and never destroyed: lines are logged before and after everything else.
-constinit LogWriter gStandardError(STDERR_FILENO);
+union Forever
+{
+    constexpr Forever() : mWriter(STDERR_FILENO) {}
+    ~Forever() {}
+    LogWriter mWriter;
+};
+constinit Forever gStandardError;
 
 struct Free
 {
@@ -65,7 +71,7 @@ int WriteOnce(int fd, const char *line, std::size_t size, bool isStream)
 
 LogWriter &StandardErrorLog()
 {
-    return gStandardError;
+    return gStandardError.mWriter;
 }
 
 std::size_t FormatLogLine(char *line, std::size_t size, std::int64_t wallMs, LogPriority priority,
@@ -85,7 +91,7 @@ std::size_t FormatLogLine(char *line, std::size_t size, std::int64_t wallMs, Log
 
 void LogWriter::SetFilter(const LogFilter &filter)
 {
-    delete std::exchange(mFilter, new LogFilter(filter));
+    mFilter = std::make_unique<const LogFilter>(filter);
 }
 
 bool LogWriter::IsWritten(LogPriority priority, std::string_view tag) const

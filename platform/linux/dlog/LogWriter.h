@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "LogPriority.h"
@@ -58,8 +59,7 @@ private:
 
     int mFd;
     Target mTarget = Target::Unknown;
-    /** Owned; the last one stays, as lines are logged until the very end. Null: the default. */
-    const LogFilter *mFilter = nullptr;
+    std::unique_ptr<const LogFilter> mFilter; // null: the default
 };
 
 /** The writer of standard error; works at any time of the process. */
