@@ -67,7 +67,7 @@ private:
 void CheckStatus(const nlohmann::json &reply)
 {
     for (const auto &[member, text] :
-         {std::pair("status", StatusText), {"config", ConfigText}, {"log", LogText}}) {
+         {std::pair("status", &StatusText), {"config", &ConfigText}, {"log", &LogText}}) {
         if (const auto report = reply.find(member); report != reply.end()) {
             for (const std::string &line : text(*report)) {
                 Require(line.find('\n') == std::string::npos, "a line is one line");

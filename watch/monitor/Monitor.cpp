@@ -233,14 +233,8 @@ void Monitor::ShowScreen()
             throw Interrupted{};
         }
         isNew = true;
-        if (polled[1].revents != 0 && !TakeSignal(screen, terminal.Take())) {
-            return;
-        }
-        if ((polled[2].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
-            mOutcome.mCode = ExitCode::Failure; // a terminal that has gone without a word
-            return;
-        }
-        if (polled[2].revents != 0 && !TakeKeys(screen)) {
+        const int signal = polled[1].revents != 0 ? terminal.Take() : 0;
+        if (!TakeTerminal(screen, signal, polled[2].revents)) {
             return;
         }
         if (polled[3].revents != 0) {
@@ -249,14 +243,20 @@ void Monitor::ShowScreen()
     }
 }
 
-bool Monitor::TakeSignal(MonitorScreen &screen, int signal)
+bool Monitor::TakeTerminal(MonitorScreen &screen, int signal, int keys)
 {
     if (signal == SIGHUP) {
         mOutcome = {ExitCode::Failure, SIGHUP};
         return false;
     }
-    screen.Resize();
-    return true;
+    if (signal != 0) {
+        screen.Resize();
+    }
+    if ((keys & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+        mOutcome.mCode = ExitCode::Failure; // a terminal that has gone without a word
+        return false;
+    }
+    return keys == 0 || TakeKeys(screen);
 }
 
 void Monitor::Draw(MonitorScreen &screen) const

@@ -40,8 +40,8 @@ private:
     void Draw(MonitorScreen &screen) const;
     /** Takes what has come from the service. */
     void TakeEvents();
-    /** A signal of the terminal's. @return false when it has gone */
-    bool TakeSignal(MonitorScreen &screen, int signal);
+    /** What the terminal tells: a signal or 0, and poll()'s events of the keys. @return false to end */
+    bool TakeTerminal(MonitorScreen &screen, int signal, int keys);
     /** @return false to quit */
     bool TakeKeys(MonitorScreen &screen);
     void Send(const nlohmann::json &request);

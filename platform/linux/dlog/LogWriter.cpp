@@ -23,7 +23,7 @@ constexpr std::size_t kStackBytes = 2048;
 union Forever
 {
     constexpr Forever() : mWriter(STDERR_FILENO) {}
-    ~Forever() {}
+    ~Forever() {} // NOLINT(modernize-use-equals-default): that would be deleted
     LogWriter mWriter;
 };
 constinit Forever gStandardError;
@@ -96,14 +96,15 @@ void LogWriter::SetFilter(const LogFilter &filter)
 
 bool LogWriter::IsWritten(LogPriority priority, std::string_view tag) const
 {
-    int least = mFilter != nullptr ? mFilter->mLevel : LogFilter::kAutomatic;
+    const LogFilter *const filter = mFilter.get();
+    int least = filter != nullptr ? filter->mLevel : LogFilter::kAutomatic;
     if (least == LogFilter::kAutomatic) {
         least = mTarget == Target::Terminal ? static_cast<int>(LogPriority::Warning) : 0;
     }
     if (static_cast<int>(priority) < least) {
         return false;
     }
-    std::string_view tags = mFilter != nullptr ? mFilter->mTags : std::string_view();
+    std::string_view tags = filter != nullptr ? filter->mTags : std::string_view();
     bool isOne = tags.empty() || priority >= LogPriority::Error;
     while (!isOne && !tags.empty()) {
         const std::size_t end = std::min(tags.find(','), tags.size());
