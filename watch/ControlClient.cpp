@@ -135,7 +135,9 @@ json ControlClient::Parse(const std::string &text) const
 
 std::string ControlClient::Timeout() const
 {
-    return "no answer on " + mPath + " within " + std::to_string(mAnswerTime.count()) + " ms";
+    const auto ms = mAnswerTime.count();
+    return "no answer on " + mPath + " within " +
+           (ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms");
 }
 
 } // namespace ParvaneWatch

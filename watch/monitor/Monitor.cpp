@@ -143,7 +143,7 @@ bool Monitor::Observe(milliseconds answerTime)
 
 void Monitor::ShowLines()
 {
-    if (!Observe(ControlClient::kAnswerTime)) {
+    if (!Observe(std::min<milliseconds>(ControlClient::kAnswerTime, mDeadline.Remaining()))) {
         return;
     }
     const json status = mModel.Status(Clock::now());
@@ -204,7 +204,9 @@ bool Monitor::Print(const std::string &text)
 
 void Monitor::ShowScreen()
 {
-    Observe(ControlClient::kAnswerTime); // first: without a service there is nothing to show
+    Observe(std::min<milliseconds>(
+        ControlClient::kAnswerTime,
+        mDeadline.Remaining())); // first: without a service there is nothing to show
     const TerminalSignals terminal;
     MonitorScreen screen;
     const bool hasKeys = ::isatty(STDIN_FILENO) == 1;
@@ -321,6 +323,9 @@ bool Monitor::ComeBack()
 bool Monitor::TakeKeys(MonitorScreen &screen)
 {
     for (int key = screen.NextKey(); key != 0; key = screen.NextKey()) {
+        if (mClient) {
+            mNote.clear(); // what the key before has done
+        }
         const MonitorKeys::Wish wish = mKeys.Take(key, mModel.Status(Clock::now()));
         if (wish.mQuit) {
             return false;

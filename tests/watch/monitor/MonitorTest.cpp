@@ -142,6 +142,17 @@ TEST_F(MonitorTest, APipeThatClosesATimeThatPassesAndASignalEndTheLines)
     EXPECT_EQ(interrupted.Wait(), -SIGINT);
 }
 
+TEST_F(MonitorTest, TheTimeHoldsForAServiceThatDoesNotAnswer)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    Parvane::Program timed(Command({"--for", "1"}), {});
+    mService.AcceptRequest();
+    EXPECT_EQ(timed.Wait(), 3);
+    EXPECT_EQ(timed.ReadErrors(),
+              "parvane-watch: no answer on " + mService.Path() + " within 1 s\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+}
+
 TEST_F(MonitorTest, ARefusalIsAFailure)
 {
     Parvane::Program monitor(Command(), {});
