@@ -149,6 +149,13 @@ std::string DeviceName(const std::string &text)
     return isName ? text : std::string();
 }
 
+std::string Tags(const std::string &text)
+{
+    const bool hasEmpty =
+        text.starts_with(',') || text.ends_with(',') || text.find(",,") != std::string::npos;
+    return hasEmpty ? std::string() : DeviceName(text);
+}
+
 std::string Address(const std::string &text)
 {
     return NormaliseBluetoothAddress(text).value_or(std::string());
@@ -312,7 +319,7 @@ std::vector<ConfigKey> OtherKeys()
                          In(&Settings::mBluetooth, &BluetoothSettings::mAddress)),
             Boolean("control", "enabled", &Settings::mControl),
             Choice("log", "level", levels, In(&Settings::mLog, &LogFilter::mLevel)),
-            OptionalText("log", "tags", "tags with , between them", DeviceName,
+            OptionalText("log", "tags", "tags with , between them", Tags,
                          In(&Settings::mLog, &LogFilter::mTags)),
             OptionalText("directories", "state", kPath, AbsolutePath, &Settings::mStateDirectory),
             OptionalText("directories", "runtime", "an absolute path of at most 94 bytes",

@@ -156,6 +156,14 @@ void ControlServer::Serve(Client &client, std::string_view message)
         answer = {ErrorMessage("failed", "the service could not do it; its log says why"), false,
                   nullptr};
     }
+    const auto streams = std::count_if(mClients.begin(), mClients.end(), [](const Client &other) {
+        return !other.mIsGone && (other.mWriter || other.mObserves);
+    });
+    if ((answer.mStartsRecording || answer.mStartsObserving) && streams >= kMaxStreams) {
+        answer = {ErrorMessage("busy", std::to_string(streams) +
+                                           " clients record or observe, no more are allowed"),
+                  false, nullptr};
+    }
     Reply(client, answer.mReply);
     if (answer.mStartsRecording && !client.mIsGone) {
         LogInfo("control: process %d records", client.mPid);

@@ -33,6 +33,8 @@ class ControlServer
 public:
     static constexpr char kSocketName[] = "control.sock";
     static constexpr std::size_t kMaxClients = 8;
+    /** Those that record or observe: a place stays for requests. */
+    static constexpr std::ptrdiff_t kMaxStreams = 7;
     static constexpr std::size_t kMaxRequestBytes = 8192;
     static constexpr std::size_t kMaxReplyBytes = 65536;
 

@@ -227,7 +227,7 @@ const std::vector<KeyCase> kCases = {
     {"log",
      "tags",
      {{"Parvane", "Parvane"}, {"Parvane,platform", "Parvane,platform"}, {"", ""}},
-     {"a\x01z"},
+     {"a\x01z", ",", "a,", "a,,b"},
      "it must be tags with , between them",
      [](const Settings &s) { return s.mLog.mTags; }},
     {"directories",

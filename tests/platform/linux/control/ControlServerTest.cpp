@@ -579,6 +579,17 @@ TEST_F(ControlServerTest, AConnectionThatObservesRefusesRequestsAndGoesOn)
     EXPECT_EQ(client->Receive(), "changed");
 }
 
+TEST_F(ControlServerTest, ThoseWhoObserveLeaveAPlaceForRequests)
+{
+    std::vector<std::unique_ptr<RawClient>> observers;
+    for (std::ptrdiff_t i = 0; i < ControlServer::kMaxStreams; ++i) {
+        observers.push_back(Observer());
+    }
+    const RawClient client(Socket());
+    EXPECT_EQ(ErrorOf(client.Ask("observe")).Code(), "busy");
+    EXPECT_EQ(client.Ask("hello"), "echo hello");
+}
+
 TEST_F(ControlServerTest, OneWhoReadsTooSlowlyIsToldHowManyMessagesItHasMissed)
 {
     const auto slow = Observer();
