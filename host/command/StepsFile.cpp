@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -45,7 +45,9 @@ Result<std::string, std::errc> StepsFile::Read() const
         return errno == ENOENT ? Result<std::string, std::errc>(std::string())
                                : Result<std::string, std::errc>(static_cast<std::errc>(errno));
     }
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    std::ostringstream text;
+    text << file.rdbuf();
+    return std::move(text).str();
 }
 
 void StepsFile::SetAside() const
