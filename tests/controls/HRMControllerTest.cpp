@@ -218,6 +218,15 @@ TEST_F(HRMControllerTest, ZeroAndNegativeReadingsAreIgnored)
     EXPECT_THAT(mPlatform.TakeLog(), IsEmpty());
 }
 
+TEST_F(HRMControllerTest, OneIsAReading)
+{
+    Open();
+
+    Read(1);
+
+    EXPECT_EQ(1, ReplyAfterThePeriod());
+}
+
 TEST_F(HRMControllerTest, LastPositiveReadingWins)
 {
     Open();

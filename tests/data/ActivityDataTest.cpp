@@ -15,11 +15,12 @@ protected:
     ScriptedPlatform mPlatform;
 };
 
-TEST_F(ActivityDataTest, NewRecordHasStatusZeroAndTheCurrentTime)
+TEST_F(ActivityDataTest, NewRecordHasStatusZeroNoAccuracyAndTheCurrentTime)
 {
     const ActivityData data;
 
     EXPECT_EQ(0, data.mStatus);
+    EXPECT_EQ(-1, data.mAccuracy);
     EXPECT_EQ(1400000000, data.mTimestamp);
 }
 
