@@ -14,7 +14,7 @@ using std::chrono::steady_clock;
 
 seconds SystemZone(std::chrono::sys_seconds instant)
 {
-    const std::time_t time = instant.time_since_epoch().count();
+    const auto time = static_cast<std::time_t>(instant.time_since_epoch().count());
     std::tm local{};
     return localtime_r(&time, &local) == nullptr ? seconds{0} : seconds{local.tm_gmtoff};
 }
