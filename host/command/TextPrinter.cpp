@@ -77,8 +77,8 @@ std::string ClockText(Instant instant)
 {
     constexpr std::size_t kClock = 11; // characters before it, and of it
     constexpr std::size_t kLength = 5;
-    const std::string text =
-        LocalTime(std::chrono::floor<std::chrono::seconds>(instant).time_since_epoch().count());
+    const std::string text = LocalTime(static_cast<std::time_t>(
+        std::chrono::floor<std::chrono::seconds>(instant).time_since_epoch().count()));
     return text.size() < kClock + kLength ? "-" : text.substr(kClock, kLength);
 }
 

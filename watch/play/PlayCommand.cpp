@@ -7,6 +7,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -76,11 +77,12 @@ std::string ReadScript(const std::string &path)
         throw PlayError("cannot read " + path + ": allowed: a file of at most 16 MiB");
     }
     std::ifstream file(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text;
     if (!file) {
         throw PlayError("cannot read " + path + ": " + Parvane::ErrnoText(errno));
     }
-    return text;
+    text << file.rdbuf();
+    return std::move(text).str();
 }
 
 /** One playing of a script. */

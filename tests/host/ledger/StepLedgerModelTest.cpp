@@ -164,7 +164,7 @@ private:
 
 std::chrono::seconds SystemOffset(sys_seconds instant)
 {
-    const std::time_t time = instant.time_since_epoch().count();
+    const auto time = static_cast<std::time_t>(instant.time_since_epoch().count());
     std::tm local{};
     localtime_r(&time, &local);
     return seconds(local.tm_gmtoff);
