@@ -54,6 +54,13 @@ std::size_t ControlServer::ClientCount() const
         mClients.begin(), mClients.end(), [](const Client &client) { return !client.mIsGone; }));
 }
 
+std::ptrdiff_t ControlServer::StreamCount() const
+{
+    return std::count_if(mClients.begin(), mClients.end(), [](const Client &client) {
+        return !client.mIsGone && (client.mWriter || client.mObserves);
+    });
+}
+
 void ControlServer::OnListenerReady()
 {
     PacketSocket socket = mListener.Accept();
@@ -156,9 +163,7 @@ void ControlServer::Serve(Client &client, std::string_view message)
         answer = {ErrorMessage("failed", "the service could not do it; its log says why"), false,
                   nullptr};
     }
-    const auto streams = std::count_if(mClients.begin(), mClients.end(), [](const Client &other) {
-        return !other.mIsGone && (other.mWriter || other.mObserves);
-    });
+    const std::ptrdiff_t streams = StreamCount();
     if ((answer.mStartsRecording || answer.mStartsObserving) && streams >= kMaxStreams) {
         answer = {ErrorMessage("busy", std::to_string(streams) +
                                            " clients record or observe, no more are allowed"),

@@ -87,6 +87,7 @@ private:
         LoopTimer mEndTimer;
     };
 
+    std::ptrdiff_t StreamCount() const;
     void OnListenerReady();
     /** Makes room of clients whose end has not had its turn of the loop yet. */
     void ServeThoseWhoHaveGone();
