@@ -14,7 +14,7 @@ class Host
 public:
     /** Connects, waiting for the socket to appear. @throws std::runtime_error if it does not */
     explicit Host(const std::filesystem::path &socketPath,
-                  std::chrono::milliseconds limit = std::chrono::seconds(20));
+                  std::chrono::milliseconds limit = std::chrono::seconds(30));
     Host(const Host &) = delete;
     Host &operator=(const Host &) = delete;
     ~Host();
@@ -25,7 +25,7 @@ public:
     bool TrySend(const Bytes &packet) const;
 
     /** The next packet; nothing when none comes in time or the link has ended. */
-    std::optional<Bytes> Receive(std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
+    std::optional<Bytes> Receive(std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
 
     /** Sends a packet and receives `count` packets. */
     std::vector<Bytes> Ask(const Bytes &packet, std::size_t count) const;

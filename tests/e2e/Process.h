@@ -49,7 +49,7 @@ public:
     void Signal(int number) const { mChild.Signal(number); }
 
     /** Exit status; minus the number of a signal; nothing if it does not end within the time. */
-    std::optional<int> WaitForEnd(std::chrono::seconds limit = std::chrono::seconds(20))
+    std::optional<int> WaitForEnd(std::chrono::seconds limit = std::chrono::seconds(30))
     {
         return mChild.WaitForEnd(limit);
     }
@@ -64,7 +64,7 @@ void WriteFile(const std::filesystem::path &path, const std::string &text);
 
 /** Asks every few milliseconds; false when `limit` has passed. */
 template <typename Condition>
-bool Eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(20));
+bool Eventually(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 void PauseBriefly();
 

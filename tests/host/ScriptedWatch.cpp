@@ -16,7 +16,7 @@ namespace ParvaneHost {
 
 namespace {
 
-constexpr int kLimitMs = 20000;
+constexpr int kLimitMs = 30000;
 constexpr std::size_t kBufferBytes = 70000;
 
 void Check(bool good, const char *what)

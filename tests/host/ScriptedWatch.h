@@ -14,7 +14,7 @@ namespace ParvaneHost {
  * The watch's end of the accessory link, as a test dictates it: a listening SOCK_SEQPACKET socket in a
  * directory of its own, which is removed at the end, and one connection at a time.
  *
- * What does not happen within 20 s is thrown as std::runtime_error, which fails the test.
+ * What does not happen within 30 s is thrown as std::runtime_error, which fails the test.
  */
 class ScriptedWatch
 {

@@ -16,7 +16,7 @@ namespace Parvane {
 
 namespace {
 
-constexpr std::chrono::milliseconds kLimit{20000};
+constexpr std::chrono::milliseconds kLimit{30000};
 
 /** Appends what comes next; false at the end. The end of a terminal reads as an error. */
 bool ReadMore(int fd, std::string &text, std::size_t atMost)

@@ -11,7 +11,7 @@ namespace Parvane {
 /**
  * One run of a program, with its three standard streams in the test's hands.
  *
- * A child that is still there at the end is killed and awaited. What does not happen within 20 s is
+ * A child that is still there at the end is killed and awaited. What does not happen within 30 s is
  * thrown as std::runtime_error.
  */
 class Program

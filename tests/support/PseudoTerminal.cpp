@@ -72,10 +72,10 @@ void PseudoTerminal::Resize(int rows, int columns)
     ::ioctl(mController.Get(), TIOCSWINSZ, &size);
 }
 
-bool PseudoTerminal::Shows(const std::string &text)
+bool PseudoTerminal::Becomes(const testing::Matcher<const std::string &> &matches)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (Screen().find(text) == std::string::npos) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!matches.Matches(Screen())) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
@@ -101,9 +101,9 @@ std::string PseudoTerminal::Screen() const
 std::optional<int> PseudoTerminal::WaitForEnd()
 {
     std::optional<int> status;
-    for (int i = 0; i < 1000 && !status; ++i) {
+    for (int i = 0; i < 1500 && !status; ++i) {
         ReadMore(0); // it may wait for room
-        status = mProcess->WaitForEnd(std::chrono::milliseconds(20));
+        status = mProcess->WaitForEnd(std::chrono::milliseconds(30));
     }
     ReadMore(0);
     return status;

@@ -6,6 +6,8 @@
 #include <termios.h>
 #include <vector>
 
+#include <gmock/gmock.h>
+
 #include "ChildProcess.h"
 #include "UniqueFd.h"
 
@@ -28,8 +30,14 @@ public:
     /** Gives it another size, which it is told by a signal. */
     void Resize(int rows, int columns);
 
-    /** Whether `text` is on the screen within 20 s. */
-    bool Shows(const std::string &text);
+    /**
+     * Whether the screen becomes one that `matches`, within 30 s. What was drawn may be read in parts: a
+     * look that does not wait may see half of it.
+     */
+    bool Becomes(const testing::Matcher<const std::string &> &matches);
+
+    /** Whether `text` comes to the screen. */
+    bool Shows(const std::string &text) { return Becomes(testing::HasSubstr(text)); }
 
     /** The screen: lines without the blanks at their ends. */
     [[nodiscard]] std::string Screen() const;

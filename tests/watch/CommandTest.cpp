@@ -86,7 +86,7 @@ protected:
     /** Waits until the file holds `text`. */
     [[nodiscard]] bool ContentBecomes(const std::string &text) const
     {
-        for (int i = 0; i < 4000 && Content() != text; ++i) {
+        for (int i = 0; i < 6000 && Content() != text; ++i) {
             ::usleep(5000);
         }
         return Content() == text;
@@ -492,7 +492,7 @@ TEST_F(CommandTest, ASignalEndsARecordingWhoseReaderTakesNothing)
         mService.Send(R"({"row":")" + row + R"(\n"})");
     }
     pollfd polled{reader.Get(), POLLIN, 0};
-    ASSERT_EQ(::poll(&polled, 1, 20000), 1); // it has begun
+    ASSERT_EQ(::poll(&polled, 1, 30000), 1); // it has begun
     watch.Signal(SIGINT);
     watch.Signal(SIGTERM);
 

@@ -24,7 +24,7 @@ void Check(bool good, const char *what)
 
 void AwaitReadable(int fd, const char *what)
 {
-    constexpr int kLimitMs = 20000;
+    constexpr int kLimitMs = 30000;
     pollfd polled{fd, POLLIN, 0};
     if (poll(&polled, 1, kLimitMs) <= 0) {
         throw std::runtime_error(what);

@@ -10,7 +10,7 @@ namespace ParvaneWatch {
  * The service's end of the control socket, as a test dictates it: a listening SOCK_SEQPACKET socket in
  * a directory of its own, which is removed at the end, and one connection at a time.
  *
- * What does not happen within 20 s is thrown as std::runtime_error, which fails the test.
+ * What does not happen within 30 s is thrown as std::runtime_error, which fails the test.
  */
 class ScriptedService
 {

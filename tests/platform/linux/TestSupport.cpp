@@ -18,7 +18,7 @@ namespace ParvanePlatform {
 namespace {
 
 constexpr unsigned kNobody = 65534;
-constexpr std::int64_t kDeadlineUs = 5'000'000;
+constexpr std::int64_t kDeadlineUs = 30'000'000;
 
 } // namespace
 
