@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include <glib.h>
+
+#include "LoopSource.h"
+#include "PhoneSeat.h"
+#include "Road.h"
+#include "Settings.h"
+#include "Signals.h"
+
+namespace ParvaneGateway {
+
+/** The gateway at work: the seat, the roads to it, and the main loop until SIGTERM or SIGINT. */
+class Gateway
+{
+public:
+    /** How long the ends of connections may take at the end. */
+    static constexpr std::chrono::milliseconds kShutTime{2000};
+
+    /** @param signals  borrowed for the life of the gateway */
+    Gateway(const Settings &settings, const Parvane::Signals &signals);
+
+    /**
+     * Serves until a signal comes.
+     *
+     * @throws std::runtime_error when a road cannot be served
+     */
+    void Run();
+
+private:
+    struct LoopRelease
+    {
+        void operator()(GMainLoop *loop) const noexcept { g_main_loop_unref(loop); }
+    };
+
+    void OnSignal();
+    void EndWhenShut();
+
+    const Parvane::Signals &mSignals;
+    std::unique_ptr<GMainLoop, LoopRelease> mLoop;
+    PhoneSeat mSeat;
+    std::vector<std::unique_ptr<Road>> mRoads;
+    LoopSource mSignalSource;
+    LoopSource mShutTimer;
+    int mShutTurns = 0;
+};
+
+} // namespace ParvaneGateway

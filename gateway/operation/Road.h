@@ -1,0 +1,30 @@
+#pragma once
+
+namespace ParvaneGateway {
+
+/**
+ * One of the ways on which phones come: it lets them in and seats them. Made with the PhoneSeat that is
+ * borrowed for its life. Main-loop thread only.
+ */
+class Road
+{
+public:
+    /** Ends whatever is left at once. */
+    virtual ~Road() = default;
+
+    /**
+     * Phones may come from now on. What can come later (a network address, a Bluetooth service) and is
+     * not there is waited for, and is no failure.
+     *
+     * @throws std::runtime_error when the road cannot be served at all; the gateway ends
+     */
+    virtual void Open() = 0;
+
+    /** Nobody comes any more; the seat has closed its phone with PhoneEnd::Stopping. */
+    virtual void Shut() = 0;
+
+    /** Whether all that was to be told to phones on their end is on its way. */
+    [[nodiscard]] virtual bool IsShut() const = 0;
+};
+
+} // namespace ParvaneGateway
