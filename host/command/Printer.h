@@ -7,7 +7,7 @@
 
 #include "Messages.h"
 #include "Result.h"
-#include "StepsOfDay.h"
+#include "StepLedger.h"
 #include "WireCodec.h"
 
 namespace ParvaneHost {

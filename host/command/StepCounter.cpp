@@ -65,12 +65,7 @@ bool StepCounter::WantsQuestion() const
 
 StepsOfDay StepCounter::Today(std::int64_t nowMs) const
 {
-    StepsOfDay today{LocalDate(SystemZone, Instant(milliseconds(nowMs))), std::nullopt};
-    const auto found = mLedger.Days().find(today.mDate);
-    if (found != mLedger.Days().end()) {
-        today.mSteps = found->second;
-    }
-    return today;
+    return mLedger.DayOf(Instant(milliseconds(nowMs)));
 }
 
 StepsOfDay StepCounter::Latest(std::int64_t nowMs) const

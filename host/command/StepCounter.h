@@ -11,7 +11,6 @@
 #include "Messages.h"
 #include "StepLedger.h"
 #include "StepsFile.h"
-#include "StepsOfDay.h"
 
 namespace ParvaneHost {
 

@@ -88,6 +88,13 @@ void StepLedger::Take(const StepTotal &total)
     }
 }
 
+StepsOfDay StepLedger::DayOf(Instant instant) const
+{
+    const local_days date = LocalDate(mZone, instant);
+    const auto found = mDays.find(date);
+    return {date, found == mDays.end() ? std::nullopt : std::optional(found->second)};
+}
+
 std::optional<StepLedger::Total> StepLedger::Read(const StepTotal &total)
 {
     constexpr float kLimit = 2147483648.0F; // 2,147,483,647 is rounded to it

@@ -47,6 +47,15 @@ struct DaySteps
     Instant mUntil; // the reading that it ends with, so far
 };
 
+/** What is known of the steps of one day. */
+struct StepsOfDay
+{
+    bool operator==(const StepsOfDay &) const = default;
+
+    std::chrono::local_days mDate{};
+    std::optional<DaySteps> mSteps; // nothing: none at all
+};
+
 /**
  * Recovers the steps really walked from the totals that the watch sends.
  *
@@ -90,6 +99,9 @@ public:
 
     /** By date; there is none of a day on which nothing was learned. */
     [[nodiscard]] const std::map<std::chrono::local_days, DaySteps> &Days() const { return mDays; }
+
+    /** The day of the instant, as of its last reading that told something. */
+    [[nodiscard]] StepsOfDay DayOf(Instant instant) const;
 
     /** All of it as text: lines, the last of them a checksum. */
     [[nodiscard]] std::string Save() const;

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Failure.h"
+
 namespace ParvaneHost {
 namespace {
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "ErrnoText.h"
+#include "Failure.h"
 
 namespace ParvaneHost {
 
@@ -34,21 +35,6 @@ std::string DescribeLink(const LinkError &error)
 }
 
 } // namespace
-
-std::string SecondsText(std::chrono::milliseconds length)
-{
-    const auto whole = std::chrono::floor<std::chrono::seconds>(length);
-    std::string text = std::to_string(whole.count());
-    std::string decimals = std::to_string(1000 + (length - whole).count()).substr(1);
-    while (!decimals.empty() && decimals.back() == '0') {
-        decimals.pop_back();
-    }
-    if (!decimals.empty()) {
-        text += '.';
-        text += decimals;
-    }
-    return text + " s";
-}
 
 std::string Describe(const Error &error)
 {

@@ -50,7 +50,4 @@ using Error = std::variant<LinkError, Timeout, ProtocolError, Interrupted, Unsup
 /** One line for people, without a full stop. */
 std::string Describe(const Error &error);
 
-/** `length` in seconds, at most three decimals, none that are 0: "15 s", "0.25 s". */
-std::string SecondsText(std::chrono::milliseconds length);
-
 } // namespace ParvaneHost

@@ -50,22 +50,6 @@ Result<Reading, Error> AsReading(Result<Reply, Error> outcome)
 
 } // namespace
 
-std::chrono::milliseconds AnswerTimeout(Sensor sensor)
-{
-    constexpr std::chrono::milliseconds kHeartRate{20000}; // the watch takes 15 s
-    constexpr std::chrono::milliseconds kWearState{8000};  // 3 s, or twice that when asked twice
-    constexpr std::chrono::milliseconds kOther{5000};
-    if (sensor == Sensor::HeartRate) {
-        return kHeartRate;
-    }
-    return sensor == Sensor::WearState ? kWearState : kOther;
-}
-
-std::string MeasurementText(Sensor sensor)
-{
-    return "the measurement of '" + std::string(SensorName(sensor)) + "'";
-}
-
 Client::Client(ClientOptions options) : mOptions(std::move(options)), mFlags(mOptions.mFirstFlags)
 {}
 

@@ -15,16 +15,11 @@
 #include "Link.h"
 #include "Messages.h"
 #include "Result.h"
+#include "Session.h"
 #include "UniqueFd.h"
 #include "Wait.h"
 
 namespace ParvaneHost {
-
-/** How long a measurement may take until it counts as unanswered, with some room. */
-std::chrono::milliseconds AnswerTimeout(Sensor sensor);
-
-/** "the measurement of 'hr'": what a Timeout names. */
-std::string MeasurementText(Sensor sensor);
 
 struct ClientOptions
 {
