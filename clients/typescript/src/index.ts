@@ -1,0 +1,10 @@
+/**
+ * The phone's side of a Parvane watch.
+ *
+ * @module
+ */
+export * from './messages.js';
+export { decode, DecodeError, encode, MAX_MESSAGE_BYTES } from './codec.js';
+export { StepLedger, type DaySteps, type StepsOfDay, type StepTotal } from './ledger.js';
+export { Observation, Observations, WORN_HOLDS_MS, type Worn } from './observation.js';
+export { localDate, namedZone, systemZone, type ZoneOffset } from './zone.js';
