@@ -132,6 +132,13 @@ std::string Counted(const json &count, const char *what)
     return (count == 0 ? "no" : Plain(count)) + " " + what + (count == 1 ? "" : "s");
 }
 
+std::string LockText(const json &lock)
+{
+    const json &by = At(lock, "held_by");
+    return "state " + Plain(At(lock, "state")) + ", " +
+           (by == "none" ? "kept by the service" : "kept by " + Plain(by));
+}
+
 std::string ValuesText(const json &values)
 {
     std::string main;
@@ -269,8 +276,7 @@ private:
         const json &locks = At(mStatus, "power_locks");
         for (const json &lock : locks) {
             const json &endsInMs = At(lock, "ends_in_ms");
-            std::string text = "state " + Plain(At(lock, "state")) + ", held by " +
-                               Plain(At(lock, "held_by")) + Since(lock);
+            std::string text = LockText(lock) + Since(lock);
             if (endsInMs.is_number()) {
                 text += ", ends in " + LengthText(Whole(endsInMs));
             }

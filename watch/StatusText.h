@@ -19,6 +19,9 @@ const nlohmann::json &At(const nlohmann::json &object, const char *key);
 /** A value as it is, for a terminal, without the quotes of a string; "?" for none. */
 std::string Plain(const nlohmann::json &value);
 
+/** "state 2, kept by logind": of a power lock. */
+std::string LockText(const nlohmann::json &lock);
+
 /** The values of a reading: "72 /min (812 ms peak to peak)". */
 std::string ValuesText(const nlohmann::json &values);
 

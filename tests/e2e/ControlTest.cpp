@@ -179,7 +179,7 @@ TEST_F(ControlTest, ARecordingTurnsItsItemsOnUntilItIsKilled)
     ASSERT_EQ(recorder.WaitForEnd(), -SIGKILL);
     EXPECT_TRUE(Eventually([this] { return Item("heart_rate").at("kept_by").empty(); }));
     EXPECT_THAT(Watch({"record", "--on", "steps", file + ".2"}).mError,
-                HasSubstr("pedometer cannot be turned on; it has the source replay"));
+                HasSubstr("pedometer cannot be turned on: the recording has no reading of it"));
 }
 
 TEST_F(ControlTest, WhoObservesIsToldWhatHappensAndBringsNoLogLine)
@@ -363,6 +363,8 @@ TEST_F(ManualControlTest, TheKeysOfTheMonitorAreTheHandsOfTheCommand)
     environment["TERM"] = "vt100";
     Parvane::PseudoTerminal monitor({PARVANE_WATCH_PROGRAM, "monitor"}, environment);
     ASSERT_TRUE(monitor.Shows("q quit")) << monitor.Output();
+    monitor.Type("h60\r");
+    EXPECT_TRUE(monitor.Shows("done, and shown once the item is on"));
     const Host host(LinkPath());
     host.Send(kMeasureHeartRate);
     ASSERT_TRUE(monitor.Shows("by request 1, source manual"));
@@ -371,8 +373,15 @@ TEST_F(ManualControlTest, TheKeysOfTheMonitorAreTheHandsOfTheCommand)
     EXPECT_TRUE(monitor.Shows("heart rate  72 /min"));
     monitor.Type("w");
     EXPECT_TRUE(monitor.Shows("heart rate  off wrist"));
+    EXPECT_TRUE(mService->HasLogged("sets the heart rate to off-wrist"));
     monitor.Type("g3\r");
     EXPECT_TRUE(monitor.Shows("nobody has heard it: the item is off"));
+    monitor.Type("s");
+    EXPECT_TRUE(monitor.Shows("steps to add: "));
+    monitor.Type("\033");
+    EXPECT_TRUE(
+        monitor.Becomes(testing::Not(testing::ContainsRegex("steps to add|nobody has heard"))))
+        << "taken back, and nothing done";
     monitor.Type("l");
     EXPECT_TRUE(monitor.Shows("link        down by process"));
     monitor.Type("l");

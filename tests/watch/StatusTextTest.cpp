@@ -156,7 +156,7 @@ TEST_F(StatusTextTest, AWholeStatusIsAlignedAndComplete)
                     "traffic     in 1 packet of 4 bytes, out 5 packets of 90 bytes, no hosts "
                     "refused, queue full 2 times",
                     "gesture     off, source none, no readings",
-                    "power lock  state 2, held by logind since 12:34:56 (3 s), ends in 13 s",
+                    "power lock  state 2, kept by logind since 12:34:56 (3 s), ends in 13 s",
                     "preference  a/b = true", "preference  c = \"x\\ny\"",
                     "preference  (1 more that are too long)"));
 }

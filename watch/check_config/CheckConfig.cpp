@@ -115,7 +115,12 @@ void PrintText(const std::string &path, const Configuration &configuration, bool
         const ParvanePlatform::SourceKind source = configuration.mSettings.mSensors.*item.mSource;
         out << item.mKey << ": " << ParvanePlatform::NameOf(source) << '\n';
     }
-    out << ParvanePlatform::PrintablePath(path) << ": ok\n";
+    const std::size_t warnings = configuration.mProblems.size(); // with an error it were not ok
+    out << ParvanePlatform::PrintablePath(path) << ": ok";
+    if (warnings > 0) {
+        out << ", with " << warnings << (warnings == 1 ? " warning" : " warnings");
+    }
+    out << '\n';
 }
 
 } // namespace

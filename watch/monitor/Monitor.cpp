@@ -343,13 +343,26 @@ void Monitor::Send(const json &request)
     try {
         ControlClient client(mInvocation.mSocketPath, mSignals.Fd(), kAnswerTime);
         const json reply = client.Ask(TextOf(request));
-        mNote = !reply.at("ok").get<bool>()               ? RefusalText(reply)
-                : reply.value("heard", json()) == json(0) ? "nobody has heard it: the item is off"
-                                                          : "done";
+        mNote = reply.at("ok").get<bool>() ? DoneText(request, reply) : RefusalText(reply);
     } catch (const std::runtime_error &failure) {
         mNote = failure.what();
     }
     mNote = Parvane::Printable(mNote);
+}
+
+std::string Monitor::DoneText(const json &request, const json &reply) const
+{
+    if (reply.value("heard", json()) == json(0)) {
+        return "nobody has heard it: the item is off";
+    }
+    const json &item = At(request, "item");
+    const std::string name = !item.is_string() ? ""
+                             : item == "steps" ? "pedometer"
+                                               : item.get<std::string>();
+    // Its reading is shown when it comes.
+    return name.empty() || name == "gesture" || mModel.IsOn(name)
+               ? "done"
+               : "done, and shown once the item is on: nobody asks for its readings now";
 }
 
 } // namespace ParvaneWatch

@@ -45,6 +45,9 @@ private:
     /** @return false to quit */
     bool TakeKeys(MonitorScreen &screen);
     void Send(const nlohmann::json &request);
+    /** What a request that was served has come to. */
+    [[nodiscard]] std::string DoneText(const nlohmann::json &request,
+                                       const nlohmann::json &reply) const;
     void Lose(const std::string &why);
     /** Tries to observe again. @return whether it does */
     bool ComeBack();

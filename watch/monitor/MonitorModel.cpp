@@ -42,6 +42,10 @@ void Grow(json &part, std::int64_t ms)
 
 void MonitorModel::Reset(const json &status, Time now)
 {
+    if (At(At(status, "service"), "pid") != At(mParts["service"].mContent, "pid")) {
+        mTrends.clear();
+        mSteps = -1;
+    }
     mParts.clear();
     mOrder.clear();
     mItems.clear();
@@ -64,6 +68,13 @@ void MonitorModel::Reset(const json &status, Time now)
             AddToTrend(name, At(At(item, "last_reading"), "values"));
         }
     }
+}
+
+bool MonitorModel::IsOn(const std::string &item) const
+{
+    const auto found = mItems.find(item);
+    return found != mItems.end() && (At(found->second.mContent, "subscription").is_object() ||
+                                     !At(found->second.mContent, "kept_by").empty());
 }
 
 void MonitorModel::Apply(const json &event, Time now)

@@ -22,8 +22,11 @@ public:
     /** The most values of a trend. */
     static constexpr std::size_t kTrend = 24;
 
-    /** Begins with a status, which came at `now`; trends go on. */
+    /** Begins with a status, which came at `now`; trends go on, if it is the process of the one before. */
     void Reset(const nlohmann::json &status, Time now);
+
+    /** Whether somebody keeps the item on, so that its readings are told. */
+    [[nodiscard]] bool IsOn(const std::string &item) const;
 
     /** Takes one event, which came at `now`. */
     void Apply(const nlohmann::json &event, Time now);

@@ -84,11 +84,6 @@ std::string RefusedText(const json &link)
            Counted(At(link, "queue_full"), "time");
 }
 
-std::string LockText(const json &lock)
-{
-    return "state " + Plain(At(lock, "state")) + ", held by " + Plain(At(lock, "held_by"));
-}
-
 void AddItem(Lines &lines, const MonitorModel &model, const json &item, const MonitorView &view)
 {
     constexpr std::size_t kValue = 28;
@@ -170,6 +165,15 @@ std::string LocksText(const std::string &start, const json &before, const json &
     return text;
 }
 
+/** What of a note is on the first of its two rows: whole words, and the blank after them. */
+std::string FirstRow(const std::string &note, std::size_t columns)
+{
+    const std::string fits = Clipped(note, columns);
+    const auto blank = fits.rfind(' ');
+    return fits.size() == note.size() || blank == std::string::npos ? fits
+                                                                    : fits.substr(0, blank + 1);
+}
+
 std::string PreferencesText(const std::string &start, const json &before, const json &now)
 {
     std::string text;
@@ -231,9 +235,15 @@ std::vector<std::string> MonitorLines(const MonitorModel &model, MonitorModel::T
     } else {
         AddStatus(lines, model, status, view);
     }
-    // The last two lines are always there; what does not fit above them is left out.
-    lines.resize(std::max<std::size_t>(view.mRows, 3) - 2);
-    lines.push_back(view.mPrompt.empty() ? view.mNote : view.mPrompt + "_");
+    // The last lines are always there; what does not fit above them is left out.
+    const std::string note = view.mPrompt.empty() ? view.mNote : view.mPrompt + "_";
+    const std::string first = FirstRow(note, view.mColumns);
+    const bool isLong = first.size() < note.size();
+    lines.resize(std::max<std::size_t>(view.mRows, 4) - (isLong ? 3 : 2));
+    lines.push_back(first);
+    if (isLong) {
+        lines.push_back(note.substr(first.size()));
+    }
     lines.emplace_back("h rate  w worn  s steps  a activity  g gesture  l link  m b low  ? help  "
                        "q quit");
     for (std::string &line : lines) {

@@ -272,8 +272,7 @@ private:
                 wanted.erase(found);
                 held.push_back(mParts.mContext.Keep(item.mItem, mPid));
                 if (!held.back()) {
-                    throw Refusal{"failed", name + " cannot be turned on; it has the source " +
-                                                NameOf(item.mSource)};
+                    throw Refusal{"failed", name + " cannot be turned on: " + WhyOff(item)};
                 }
                 LogInfo("control: process %d turns %s on", mPid, name.c_str());
                 on.push_back(name);
@@ -285,6 +284,17 @@ private:
             request.Refuse("on", "an array of gesture, pedometer, heart_rate, activity, each once");
         }
         return {Done({{"on", on}}).mReply, true, nullptr, false, std::move(held)};
+    }
+
+    /** Why an item cannot be turned on. */
+    static std::string WhyOff(const ContextManager::ItemStatus &item)
+    {
+        if (!item.mProblem.empty()) {
+            return item.mProblem;
+        }
+        return item.mSource == SourceKind::Replay
+                   ? "the recording has no reading of it"
+                   : std::string("the source ") + NameOf(item.mSource) + " cannot serve it now";
     }
 
     ControlAnswer Set(const Request &request)
@@ -301,7 +311,8 @@ private:
                                  ? ManualSource::kNotWorn
                                  : request.WholeNumber("value", 0, kLargestHeartRate, allowed);
             ManualSource &source = Manual(ContextItem::HeartRate);
-            LogInfo("control: process %d sets the heart rate to %d", mPid, rate);
+            LogInfo("control: process %d sets the heart rate to %s", mPid,
+                    isOffWrist ? "off-wrist" : std::to_string(rate).c_str());
             source.SetHeartRate(rate);
             return Done();
         }

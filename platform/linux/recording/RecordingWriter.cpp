@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <variant>
 
 namespace ParvanePlatform {
@@ -23,6 +24,15 @@ std::string ToText(double value, Format... format)
     const auto [end, error] =
         std::to_chars(text.data(), text.data() + text.size(), value, format...);
     return error == std::errc() ? std::string(text.data(), end) : std::string();
+}
+
+/** The nearest number of 15 digits: what a double has beyond them is the dust of sums and products. */
+double WithoutDust(double value)
+{
+    constexpr int kDigitsAfterPoint = std::numeric_limits<double>::digits10 - 1;
+    const std::string text = ToText(value, std::chars_format::scientific, kDigitsAfterPoint);
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
 }
 
 std::string CellText(const CellRule &rule, double value)
@@ -68,7 +78,7 @@ std::string FillCells(Cells &cells, ContextItem item, const SensorReading &readi
             return std::string(info.mName) + ": " + ToText(number) + " is not " + info.mRule.mText;
         }
         if (!cells[*column]) {
-            cells[*column] = number;
+            cells[*column] = WithoutDust(number);
         }
     }
     return {};

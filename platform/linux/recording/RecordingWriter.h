@@ -12,7 +12,7 @@ namespace ParvanePlatform {
 
 /**
  * Writes readings down as a recording, which ReplaySource plays back to the same readings in the
- * same order: whoever reads a key from them, as an int or as a double, gets the same answer.
+ * same order: whoever reads a key from them, as an int or as a double, gets the same answer, to 15 digits.
  *
  * Makes text only, line by line; the header and the rows in their order are the file. Where a
  * counter of the pedometer goes down, which the format takes for a mistake otherwise, or a value is

@@ -90,7 +90,9 @@ TEST_F(CheckConfigTest, WarningsDoNotStopTheService)
     EXPECT_EQ(CheckText("[control]\nport=1\n"), 0);
     EXPECT_EQ(mErr.str(), "warning: " + mPath.string() +
                               ": line 2: unknown key 'port' in [control]; known are enabled\n");
-    EXPECT_EQ(mOut.str(), kSilent + mPath.string() + ": ok\n");
+    EXPECT_EQ(mOut.str(), kSilent + mPath.string() + ": ok, with 1 warning\n");
+    EXPECT_EQ(CheckText("[control]\nport=1\nhost=2\n"), 0);
+    EXPECT_THAT(mOut.str(), testing::EndsWith(": ok, with 2 warnings\n"));
 }
 
 TEST_F(CheckConfigTest, AllProblemsAreToldAtOnce)

@@ -121,6 +121,36 @@ TEST_F(MonitorModelTest, ATrendHasTheLastValuesOnly)
     EXPECT_EQ(mModel.Trend("heart_rate").back(), 999);
 }
 
+TEST_F(MonitorModelTest, TrendsGoOnWithTheSameProcessOnly)
+{
+    const json again = mModel.Status(mNow);
+    Read("heart_rate", {{"hrm/heart_rate", 75}});
+    mModel.Reset(again, mNow);
+    EXPECT_THAT(mModel.Trend("heart_rate"), ElementsAre(72, 75));
+
+    json other = again;
+    other["service"]["pid"] = 12;
+    other["items"][0]["last_reading"] = nullptr;
+    Read("pedometer", {{"pedometer/total_steps", 10}});
+    mModel.Reset(other, mNow);
+    EXPECT_THAT(mModel.Trend("heart_rate"), IsEmpty());
+    Read("pedometer", {{"pedometer/total_steps", 500}});
+    EXPECT_THAT(mModel.Trend("pedometer"), IsEmpty()) << "no steps of another process's count";
+}
+
+TEST_F(MonitorModelTest, AnItemIsOnWhileSomebodyKeepsItOn)
+{
+    EXPECT_TRUE(mModel.IsOn("heart_rate"));
+    EXPECT_FALSE(mModel.IsOn("pedometer"));
+    EXPECT_FALSE(mModel.IsOn("nothing"));
+    mModel.Apply(
+        {{"event", "item"},
+         {"item",
+          {{"item", "pedometer"}, {"subscription", nullptr}, {"kept_by", {{{"pid", 4711}}}}}}},
+        mNow);
+    EXPECT_TRUE(mModel.IsOn("pedometer"));
+}
+
 TEST_F(MonitorModelTest, WhatWasMissedIsCountedUntilTheNextStatus)
 {
     mModel.Apply({{"event", "missed"}, {"count", 3}}, mNow);

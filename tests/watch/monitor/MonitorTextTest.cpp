@@ -76,7 +76,8 @@ TEST_F(MonitorTextTest, TheScreenHasReadingsKeepersTrafficAndLocks)
     EXPECT_EQ(lines.at(7), "link        up, host state open");
     EXPECT_EQ(lines.at(8), "traffic     in 1 packet of 4 bytes, out no packets of no bytes");
     EXPECT_EQ(lines.at(9), "            2 hosts refused, queue full no times");
-    EXPECT_EQ(lines.at(10), "power lock  state 2, held by none since 12:34:57 (2 s), ends in 14 s");
+    EXPECT_EQ(lines.at(10),
+              "power lock  state 2, kept by the service since 12:34:57 (2 s), ends in 14 s");
     EXPECT_THAT(lines.back(), HasSubstr("q quit"));
 }
 
@@ -104,6 +105,11 @@ TEST_F(MonitorTextTest, NotesAndQuestionsAreOnTheLineBeforeTheLast)
     EXPECT_EQ(Lines().at(22), "done");
     mView.mPrompt = "steps to add: 1";
     EXPECT_EQ(Lines().at(22), "steps to add: 1_");
+    mView.mPrompt.clear();
+    mView.mNote = std::string(70, 'x') + " is a word too long for a row";
+    EXPECT_EQ(Lines().at(21), std::string(70, 'x') + " is a ");
+    EXPECT_EQ(Lines().at(22), "word too long for a row");
+    EXPECT_THAT(Lines().at(23), HasSubstr("q quit"));
     mView.mShowsHelp = true;
     EXPECT_EQ(Lines().at(2), "h  set the heart rate of the manual source");
 }
@@ -141,8 +147,8 @@ TEST_F(MonitorTextTest, EachEventIsALine)
     json other = mStatus.at("power_locks").at(0);
     other["state"] = 3;
     EXPECT_EQ(text({{"event", "power_locks"}, {"power_locks", {other}}}),
-              "12:35:00  power lock  state 3, held by none, taken, ends in 14 s\n"
-              "12:35:00  power lock  state 2, held by none, released\n");
+              "12:35:00  power lock  state 3, kept by the service, taken, ends in 14 s\n"
+              "12:35:00  power lock  state 2, kept by the service, released\n");
     EXPECT_EQ(text({{"event", "preferences"}, {"preferences", {{"a", 1}, {"b", true}}}}),
               "12:35:00  preference  b = true\n");
     EXPECT_EQ(EventText({{"event", "missed"}, {"count", 3}}, mStatus),

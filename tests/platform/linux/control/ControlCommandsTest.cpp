@@ -527,7 +527,7 @@ TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
         {R"({"request":"record","on":["gesture","gesture"]})",
          "bad-value: \"on\" is an array" + on},
         {R"({"request":"record","on":["heart_rate","pedometer"]})",
-         "failed: pedometer cannot be turned on; it has the source none"},
+         "failed: pedometer cannot be turned on: no source configured"},
         {R"({"request":"quit","state":"low"})",
          "bad-value: \"quit\" has no member \"state\"; allowed: version, request"}};
     for (const auto &[message, expected] : cases) {

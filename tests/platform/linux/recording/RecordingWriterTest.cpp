@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <iomanip>
 #include <limits>
 #include <memory>
 #include <random>
@@ -204,7 +205,9 @@ private:
             number = std::fmod(mCounts[column], rule.mMax + 1.0);
             break;
         }
-        return rule.mIsWhole ? std::trunc(number) : number;
+        std::ostringstream digits; // as many as a recording has
+        digits << std::setprecision(std::numeric_limits<double>::digits10) << number;
+        return rule.mIsWhole ? std::trunc(number) : std::strtod(digits.str().c_str(), nullptr);
     }
 
     std::mt19937_64 mRandom;
@@ -316,6 +319,13 @@ TEST_F(RecordingWriterTest, NumbersHaveNoExponent)
     EXPECT_THAT(
         Distance(0, std::numeric_limits<double>::denorm_min()),
         testing::AllOf(testing::StartsWith("0,,,,,0.000000"), testing::EndsWith("5,,,,,,,,1")));
+}
+
+TEST_F(RecordingWriterTest, NumbersHaveNoDustOfSums)
+{
+    EXPECT_EQ(Distance(0, 0.1 + 0.2), "0,,,,,0.3,,,,,,,,");
+    EXPECT_EQ(Distance(0, 171.01000000000002), "0,,,,,171.01,,,,,,,,");
+    EXPECT_EQ(Distance(0, 171.01), "0,,,,,171.01,,,,,,,,") << "which is no smaller than before";
 }
 
 TEST_F(RecordingWriterTest, CounterThatGoesDownBeginsAnew)
