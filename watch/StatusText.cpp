@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <utility>
 
+#include "LocalTime.h"
 #include "Printable.h"
 
 namespace ParvaneWatch {
@@ -17,6 +17,7 @@ namespace ParvaneWatch {
 namespace {
 
 using nlohmann::json;
+using Parvane::kDateLength;
 using Parvane::Printable;
 using Lines = std::vector<std::string>;
 
@@ -43,20 +44,15 @@ std::string Number(const json &value)
     return number;
 }
 
-/** The instant of "2026-01-31T12:34:56.789Z", to the second, in this time zone. */
-std::optional<std::tm> LocalTime(const json &value)
+/** The instant of "2026-01-31T12:34:56.789Z", to the second, in this time zone; empty for none. */
+std::string LocalTimeOf(const json &value)
 {
     std::tm utc{};
-    if (!value.is_string() || ::strptime(value.get_ref<const std::string &>().c_str(),
-                                         "%Y-%m-%dT%H:%M:%S", &utc) == nullptr) {
-        return std::nullopt;
-    }
-    const std::time_t seconds = ::timegm(&utc);
-    std::tm local{};
-    if (::localtime_r(&seconds, &local) == nullptr) {
-        return std::nullopt;
-    }
-    return local;
+    const bool isTime =
+        value.is_string() && ::strptime(value.get_ref<const std::string &>().c_str(),
+                                        "%Y-%m-%dT%H:%M:%S", &utc) != nullptr;
+    const std::string text = isTime ? Parvane::LocalTime(::timegm(&utc)) : "";
+    return text.substr(0, text.size() - std::min(Parvane::kOffsetLength, text.size()));
 }
 
 /** What the readings of one item consist of: the value that says it all, and the others. */
@@ -160,10 +156,8 @@ std::string ValuesText(const json &values)
 
 std::string TimeOfDay(const json &instant)
 {
-    const auto time = LocalTime(instant);
-    std::array<char, 32> text{};
-    return time && std::strftime(text.data(), text.size(), "%H:%M:%S", &*time) > 0 ? text.data()
-                                                                                   : "";
+    const std::string text = LocalTimeOf(instant);
+    return text.substr(std::min(kDateLength, text.size()));
 }
 
 namespace {
@@ -172,7 +166,7 @@ namespace {
 class Layout
 {
 public:
-    explicit Layout(const json &status) : mStatus(status), mNow(LocalTime(At(status, "time"))) {}
+    explicit Layout(const json &status) : mStatus(status), mNow(LocalTimeOf(At(status, "time"))) {}
 
     Lines Take()
     {
@@ -197,15 +191,12 @@ private:
     /** " since 12:34:56 (3 s)", with the day unless that is today; empty when it is not told. */
     std::string Since(const json &object) const
     {
-        const auto time = LocalTime(At(object, "since"));
-        if (!time) {
+        const std::string time = LocalTimeOf(At(object, "since"));
+        if (time.empty()) {
             return "";
         }
-        const bool isToday =
-            mNow && mNow->tm_year == time->tm_year && mNow->tm_yday == time->tm_yday;
-        std::array<char, 64> text{};
-        std::strftime(text.data(), text.size(), isToday ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &*time);
-        return std::string(" since ") + text.data() + " (" +
+        const bool isToday = mNow.starts_with(time.substr(0, kDateLength));
+        return " since " + time.substr(isToday ? kDateLength : 0) + " (" +
                LengthText(Whole(At(object, "for_ms"))) + ")";
     }
 
@@ -305,7 +296,7 @@ private:
     }
 
     const json &mStatus;
-    std::optional<std::tm> mNow;
+    std::string mNow;
     Lines mLines;
 };
 

@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,12 +11,14 @@
 
 #include "ErrnoText.h"
 #include "Output.h"
+#include "RegularFile.h"
 
 namespace ParvaneHost {
 
 namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
+constexpr std::size_t kLongest = std::size_t{1024} * 1024;
 
 } // namespace
 
@@ -40,14 +40,12 @@ StepsFile::StepsFile(std::string path) : mPath(std::move(path))
 
 Result<std::string, std::errc> StepsFile::Read() const
 {
-    std::ifstream file(mPath, std::ios::binary);
-    if (!file) {
-        return errno == ENOENT ? Result<std::string, std::errc>(std::string())
-                               : Result<std::string, std::errc>(static_cast<std::errc>(errno));
+    std::string text;
+    const int error = Parvane::ReadWholeFile(mPath, kLongest, text);
+    if (error != 0 && error != ENOENT) {
+        return std::errc{error == Parvane::kNotARegularFile ? EINVAL : error};
     }
-    std::ostringstream text;
-    text << file.rdbuf();
-    return std::move(text).str();
+    return text;
 }
 
 void StepsFile::SetAside() const

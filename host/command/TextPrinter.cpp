@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "HexBytes.h"
+#include "LocalTime.h"
 #include "StepLedgerText.h"
 
 namespace ParvaneHost {
@@ -59,27 +60,13 @@ std::string ValueText(const Reading &reading)
     return "sensor " + IdText(reading.mSensor) + ": " + NumberText(reading.mValue);
 }
 
-/** "2014-05-13 18:53:20+0200", in local time; empty for a time beyond all calendars. */
-std::string LocalTime(std::time_t seconds)
-{
-    constexpr std::size_t kLongest = 64;
-    std::tm local{};
-    std::array<char, kLongest> text{};
-    if (localtime_r(&seconds, &local) == nullptr ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S%z", &local) == 0) {
-        return {};
-    }
-    return text.data();
-}
-
 /** "18:53", in local time. */
 std::string ClockText(Instant instant)
 {
-    constexpr std::size_t kClock = 11; // characters before it, and of it
-    constexpr std::size_t kLength = 5;
-    const std::string text = LocalTime(static_cast<std::time_t>(
+    constexpr std::size_t kClock = 5; // characters
+    const std::string text = Parvane::LocalTime(static_cast<std::time_t>(
         std::chrono::floor<std::chrono::seconds>(instant).time_since_epoch().count()));
-    return text.size() < kClock + kLength ? "-" : text.substr(kClock, kLength);
+    return text.empty() ? "-" : text.substr(Parvane::kDateLength, kClock);
 }
 
 /** "1,284". */
@@ -114,25 +101,23 @@ std::string TimeText(const Reading &reading, std::int64_t nowMs, TimeStyle style
 {
     constexpr std::int64_t kMsPerSecond = 1000;
     constexpr std::size_t kMinutes = 2; // characters at the end of the offset
-    constexpr std::size_t kOffset = 5;
-    constexpr std::size_t kDate = 10; // characters before the blank
     const std::int64_t timeMs = FullTimeMs(reading.mTimeFieldMs, nowMs);
     const auto seconds = static_cast<std::time_t>(timeMs / kMsPerSecond);
     const std::string decimals =
         "." + std::to_string(kMsPerSecond + timeMs % kMsPerSecond).substr(1);
-    std::string text = LocalTime(seconds);
-    if (reading.mTimeFieldMs == 0 || text.size() < kDate + kOffset) {
+    std::string text = Parvane::LocalTime(seconds);
+    if (reading.mTimeFieldMs == 0 || text.empty()) {
         return style == TimeStyle::Short ? "time unknown" : "-";
     }
     if (style == TimeStyle::Unix) {
         return std::to_string(seconds) + decimals;
     }
     if (style == TimeStyle::Short) {
-        return text.substr(0, text.size() - kOffset);
+        return text.substr(0, text.size() - Parvane::kOffsetLength);
     }
     text.insert(text.size() - kMinutes, ":");
-    text.replace(kDate, 1, "T");
-    return text.insert(text.size() - kOffset - 1, decimals);
+    text.replace(Parvane::kDateLength - 1, 1, "T");
+    return text.insert(text.size() - Parvane::kOffsetLength - 1, decimals);
 }
 
 Row EntryRow(const SensorEntry &entry)

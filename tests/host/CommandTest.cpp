@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <signal.h> // NOLINT(modernize-deprecated-headers): the signals are POSIX
 #include <stdexcept>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -306,6 +307,19 @@ TEST_F(CommandTest, DamagedStepsAreSetAside)
     EXPECT_THAT(host.ReadErrors(), HasSubstr("it is damaged; it is kept as .unread"));
     EXPECT_EQ(host.Wait(), 3);
     EXPECT_TRUE(std::filesystem::exists(file + ".unread"));
+}
+
+TEST_F(CommandTest, StepsThatAreNoFileHoldNothingUp)
+{
+    std::filesystem::create_directories(StateFolder());
+    std::string name = mWatch.Path();
+    std::replace(name.begin(), name.end(), '/', '%');
+    ASSERT_EQ(::mkfifo((StateFolder() + "/steps" + name).c_str(), 0600), 0);
+    mWatch.StopListening();
+
+    Host host(Arguments({"today"}), mWithState);
+    EXPECT_THAT(host.ReadErrors(), HasSubstr(": Invalid argument"));
+    EXPECT_EQ(host.Wait(), 3);
 }
 
 TEST_F(CommandTest, AServiceThatIsJustStartingIsWaitedFor)

@@ -3,13 +3,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <stdexcept>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -19,6 +15,7 @@
 #include "Output.h"
 #include "Player.h"
 #include "Printable.h"
+#include "RegularFile.h"
 #include "StatusText.h"
 #include "Terminal.h"
 #include "VersionRemark.h"
@@ -32,7 +29,7 @@ using nlohmann::json;
 using Parvane::WriteAll;
 using std::chrono::microseconds;
 
-constexpr std::uintmax_t kLongestScript = std::uintmax_t{16} * 1024 * 1024;
+constexpr std::size_t kLongestScript = std::size_t{16} * 1024 * 1024;
 
 /** By PlayItem: the item in a status, which is its key in the configuration. */
 constexpr std::array kItems = {"heart_rate", "pedometer", "activity", "gesture"};
@@ -69,20 +66,12 @@ private:
 
 std::string ReadScript(const std::string &path)
 {
-    struct stat status = {};
-    if (::stat(path.c_str(), &status) != 0) {
-        throw PlayError("cannot read " + path + ": " + Parvane::ErrnoText(errno));
+    std::string text;
+    if (const int error = Parvane::ReadWholeFile(path, kLongestScript, text); error != 0) {
+        throw PlayError("cannot read " + path + ": " +
+                        (error == EFBIG ? "it is longer than 16 MiB" : Parvane::ErrnoText(error)));
     }
-    if (!S_ISREG(status.st_mode) || static_cast<std::uintmax_t>(status.st_size) > kLongestScript) {
-        throw PlayError("cannot read " + path + ": allowed: a file of at most 16 MiB");
-    }
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    if (!file) {
-        throw PlayError("cannot read " + path + ": " + Parvane::ErrnoText(errno));
-    }
-    text << file.rdbuf();
-    return std::move(text).str();
+    return text;
 }
 
 /** One playing of a script. */

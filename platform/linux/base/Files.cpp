@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 
 #include "UniqueFd.h"
@@ -27,27 +26,6 @@ int WriteAll(int fd, std::string_view content)
         content.remove_prefix(static_cast<std::size_t>(written));
     }
     return 0;
-}
-
-/** Opens a regular file that exists. Returns 0, an errno value or kNotARegularFile. */
-int OpenRegularFile(const std::string &path, int flags, Parvane::UniqueFd &file)
-{
-    struct stat status = {};
-    const bool isFollowed = (flags & O_NOFOLLOW) == 0;
-    if ((isFollowed ? ::stat(path.c_str(), &status) : ::lstat(path.c_str(), &status)) != 0) {
-        return errno;
-    }
-    if (S_ISREG(status.st_mode)) {
-        // Not blocking: a FIFO that takes the file's place just now must not hold the caller up.
-        file.Reset(::open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-        if (!file || ::fstat(file.Get(), &status) != 0) {
-            return errno;
-        }
-    }
-    if (S_ISDIR(status.st_mode)) {
-        return EISDIR;
-    }
-    return S_ISREG(status.st_mode) ? 0 : kNotARegularFile;
 }
 
 int WriteNewFile(const std::string &path, std::string_view content, Durability durability)
@@ -96,38 +74,10 @@ int MakeDirectories(const std::string &path, Durability durability)
     return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
 }
 
-int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content)
-{
-    Parvane::UniqueFd file;
-    if (const int error = OpenRegularFile(path, O_RDONLY, file); error != 0) {
-        return error;
-    }
-    std::string read;
-    for (;;) {
-        char part[16384];
-        const ssize_t count = ::read(file.Get(), part, sizeof part);
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        if (count == 0) {
-            break;
-        }
-        if (static_cast<std::size_t>(count) > maxBytes - read.size()) {
-            return EFBIG;
-        }
-        read.append(part, static_cast<std::size_t>(count));
-    }
-    content = std::move(read);
-    return 0;
-}
-
 int WriteInPlace(const std::string &path, std::string_view content)
 {
     Parvane::UniqueFd file;
-    const int error = OpenRegularFile(path, O_WRONLY | O_NOFOLLOW, file);
+    const int error = Parvane::OpenRegularFile(path, O_WRONLY | O_NOFOLLOW, file);
     return error != 0 ? error : WriteAll(file.Get(), content);
 }
 
@@ -144,12 +94,6 @@ int WriteFileAtomically(const std::string &path, std::string_view content, Durab
         return error;
     }
     return durability == Durability::Disk ? SyncDirectory(directory) : 0;
-}
-
-std::string ErrorText(int error)
-{
-    return error == kNotARegularFile ? "it is not a regular file"
-                                     : std::generic_category().message(error);
 }
 
 int SyncDirectory(const std::string &path)

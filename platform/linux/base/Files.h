@@ -4,16 +4,15 @@
 #include <string>
 #include <string_view>
 
+#include "RegularFile.h"
+
 namespace ParvanePlatform {
 
 /** Whether a write has reached the disk when the call returns, or just the file system. */
 enum class Durability { FileSystem, Disk };
 
-/**
- * What stands for an errno value where something else than a regular file is in a file's place. None
- * that the system has will do: drivers return each of them when their files are read or written.
- */
-inline constexpr int kNotARegularFile = -1;
+using Parvane::kNotARegularFile;
+using Parvane::ReadWholeFile;
 
 /**
  * Makes a directory and those above it that are missing, each with mode 0700.
@@ -22,15 +21,6 @@ inline constexpr int kNotARegularFile = -1;
  * @return 0, also when it exists already, or an errno value
  */
 int MakeDirectories(const std::string &path, Durability durability = Durability::Disk);
-
-/**
- * Reads a regular file of at most `maxBytes` bytes. Anything else is not even opened: that alone
- * makes some devices do something.
- *
- * @return 0, or an errno value; EFBIG when the file is longer, EISDIR for a directory,
- *         kNotARegularFile for what is neither
- */
-int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content);
 
 /** The text of a file without the byte-order mark that some editors put at its beginning. */
 inline std::string_view WithoutByteOrderMark(std::string_view text)
@@ -56,7 +46,10 @@ int WriteInPlace(const std::string &path, std::string_view content);
 int WriteFileAtomically(const std::string &path, std::string_view content, Durability durability);
 
 /** The text of an errno value, kNotARegularFile included. */
-std::string ErrorText(int error);
+inline std::string ErrorText(int error)
+{
+    return Parvane::ErrnoText(error);
+}
 
 /** Makes what happened to the names in a directory durable. Returns 0 or an errno value. */
 int SyncDirectory(const std::string &path);

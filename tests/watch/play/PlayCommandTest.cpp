@@ -95,6 +95,9 @@ TEST_F(PlayCommandTest, AScriptThatIsWrongIsToldBeforeTheServiceIsAsked)
     EXPECT_EQ(missing.ReadErrors(),
               "parvane-watch: cannot read /nonexistent: No such file or directory\n");
     EXPECT_EQ(missing.Wait(), 1);
+    Parvane::Program folder({PARVANE_WATCH_PROGRAM, "play", "/"}, {});
+    EXPECT_EQ(folder.ReadErrors(), "parvane-watch: cannot read /: Is a directory\n");
+    EXPECT_EQ(folder.Wait(), 1);
 }
 
 TEST_F(PlayCommandTest, ItemsThatCannotBeSetAreToldBeforeAnyIs)

@@ -49,25 +49,6 @@ TEST_F(FilesTest, FailedAtomicWriteLeavesTheOldFileAndNothingElse)
     EXPECT_EQ(WriteFileAtomically(mDirectory / "none/f", "new", Durability::FileSystem), ENOENT);
 }
 
-TEST_F(FilesTest, ReadingIsBounded)
-{
-    WriteFile(mDirectory / "f", "12345");
-    std::string content = "untouched";
-    EXPECT_EQ(ReadWholeFile(mDirectory / "f", 4, content), EFBIG);
-    EXPECT_EQ(content, "untouched");
-    EXPECT_EQ(ReadWholeFile(mDirectory / "f", 5, content), 0);
-    EXPECT_EQ(content, "12345");
-}
-
-TEST_F(FilesTest, OnlyRegularFilesAreRead)
-{
-    std::string content;
-    ASSERT_EQ(mkfifo((mDirectory / "fifo").c_str(), 0600), 0);
-    EXPECT_EQ(ReadWholeFile(mDirectory / "fifo", 10, content), kNotARegularFile);
-    EXPECT_EQ(ReadWholeFile(mDirectory.Path(), 10, content), EISDIR);
-    EXPECT_EQ(ReadWholeFile(mDirectory / "none", 10, content), ENOENT);
-}
-
 TEST_F(FilesTest, DeviceIsNotEvenOpened)
 {
     // This one has nothing behind it: to open it is an error of its own.

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "ErrnoText.h"
+#include "UniqueFd.h"
+
+namespace Parvane {
+
+/**
+ * Opens a regular file that exists. Anything else is not even opened: that alone makes some devices do
+ * something.
+ *
+ * @param flags  of open(); O_NOFOLLOW counts for the look before, too
+ * @return 0, or an errno value; EISDIR for a directory, kNotARegularFile for what is neither
+ */
+int OpenRegularFile(const std::string &path, int flags, UniqueFd &file);
+
+/**
+ * Reads a regular file of at most `maxBytes` bytes.
+ *
+ * @return as OpenRegularFile(), or EFBIG when the file is longer; `content` is left alone then
+ */
+int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content);
+
+} // namespace Parvane
