@@ -3,9 +3,11 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -13,6 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "ControlClient.h"
 #include "ExitCodeText.h"
@@ -28,8 +31,11 @@ using nlohmann::json;
 constexpr const char *kProgram = "parvane-watch";
 constexpr const char *kSubcommands =
     "status, monitor, config, log, set, steps, activity, gesture, link, memory, battery, quit, "
-    "record, play, "
+    "record, capture, play, "
     "check-config";
+
+/** Of --until-quiet without a number: longer than a measurement takes. */
+constexpr const char *kQuietSeconds = "20";
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
 struct Texts
@@ -45,6 +51,7 @@ struct Texts
     std::optional<std::string> mSpeed;
     std::optional<std::string> mOn;
     std::optional<std::string> mFor;
+    std::optional<std::string> mQuiet;
     bool mPlain = false;
     bool mForce = false;
     bool mJson = false;
@@ -76,6 +83,21 @@ void AddQuestions(CLI::App &app, Texts &texts)
                     "Below errors only lines with one of these tags, with commas between\n"
                     "them, as in Parvane,platform; '' is any")
         ->type_name("TAGS");
+}
+
+void AddCapture(CLI::App &app, Texts &texts)
+{
+    CLI::App *capture = app.add_subcommand(
+        "capture", "Write every packet that crosses the accessory link to a pcapng\n"
+                   "file, for Wireshark, until Ctrl-C, SIGTERM or the service's end");
+    capture->add_option("file", texts.mFile, "The capture");
+    capture->add_option("--for", texts.mFor, "End after so many seconds")->type_name("SECONDS");
+    capture
+        ->add_option("--until-quiet", texts.mQuiet,
+                     "End when nothing has crossed the link for so many\n"
+                     "seconds, 20 unless told, after its first packet")
+        ->type_name("[SECONDS]");
+    capture->add_flag("--force", texts.mForce, "Overwrite a file that exists");
 }
 
 void AddPlay(CLI::App &app, Texts &texts)
@@ -129,6 +151,7 @@ void AddSubcommands(CLI::App &app, Texts &texts)
         ->type_name("ITEM,...");
     record->add_flag("--force", texts.mForce, "Overwrite a file that exists");
 
+    AddCapture(app, texts);
     AddPlay(app, texts);
 
     CLI::App *check = app.add_subcommand(
@@ -254,19 +277,36 @@ json RecordRequest(const std::optional<std::string> &words)
     return request;
 }
 
-/** @param text  of --for */
-std::optional<std::chrono::milliseconds> Length(const std::optional<std::string> &text)
+/** @param option  the words of the command line that name it */
+std::optional<std::chrono::milliseconds> Length(const std::string &option,
+                                                const std::optional<std::string> &text)
 {
     if (!text) {
         return std::nullopt;
     }
     const std::string allowed = "seconds from 1 to 31536000, as in 30 or 30s";
     const std::string digits = text->substr(0, text->size() - (text->ends_with('s') ? 1 : 0));
-    const std::int64_t seconds = ParseNumber("monitor --for", digits, 0, allowed);
+    const std::int64_t seconds = ParseNumber(option, digits, 0, allowed);
     if (seconds < 1 || seconds > 31536000) {
-        throw Wrong("monitor --for", "value", text, allowed);
+        throw Wrong(option, "value", text, allowed);
     }
     return std::chrono::seconds(seconds);
+}
+
+/** The members of a capture besides its request. */
+void ReadCapture(const Texts &texts, Invocation &invocation)
+{
+    invocation.mAction = Invocation::Action::Capture;
+    invocation.mFile = texts.mFile.value_or("");
+    if (invocation.mFile.empty()) {
+        throw UsageError("capture: no file given; allowed: the path of a file that is made");
+    }
+    if (invocation.mFile == "-") {
+        throw UsageError("capture: a capture goes to a file; ./- is one of that name");
+    }
+    invocation.mForce = texts.mForce;
+    invocation.mFor = Length("capture --for", texts.mFor);
+    invocation.mQuiet = Length("capture --until-quiet", texts.mQuiet);
 }
 
 json StateRequest(const std::string &name, const Texts &texts)
@@ -391,7 +431,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         invocation.mAction = Invocation::Action::Monitor;
         request = {{"request", "observe"}};
         invocation.mPlain = texts.mPlain;
-        invocation.mFor = Length(texts.mFor);
+        invocation.mFor = Length("monitor --for", texts.mFor);
+    } else if (name == "capture") {
+        ReadCapture(texts, invocation);
+        request = {{"request", name}};
     } else if (name == "record") {
         if (texts.mFile.value_or("").empty()) {
             throw UsageError("record: no file given; allowed: the path of a file that is made");
@@ -411,6 +454,23 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     request["version"] = ControlClient::kVersion;
     invocation.mRequest = request.dump(-1, ' ', false, json::error_handler_t::replace);
     return invocation;
+}
+
+/** `--until-quiet` takes a number that follows it; anything else stays a word of its own. */
+std::vector<std::string> WithQuietValue(std::vector<std::string> words)
+{
+    const auto word = std::find(words.begin(), words.end(), "--until-quiet");
+    if (word == words.end()) {
+        return words;
+    }
+    const auto next = std::next(word);
+    const bool isNumber = next != words.end() && !next->empty() &&
+                          next->find_first_not_of("0123456789s") == std::string::npos;
+    *word += "=" + (isNumber ? *next : kQuietSeconds);
+    if (isNumber) {
+        words.erase(next);
+    }
+    return words;
 }
 
 Ending BadUsage(const std::string &text)
@@ -434,7 +494,9 @@ std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string>
     app.footer(Parvane::kExitCodeText);
 
     try {
-        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+        std::vector<std::string> words = WithQuietValue(arguments);
+        std::reverse(words.begin(), words.end());
+        app.parse(std::move(words));
         return Interpret(app, texts, environment);
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {

@@ -22,6 +22,7 @@ struct Invocation
         Request, // whose reply says just whether it was served
         Play,
         Record,
+        Capture,
         Monitor,
         CheckConfig, // which needs no service
     };
@@ -30,12 +31,14 @@ struct Invocation
     std::string mSocketPath;
     bool mJson = false;
     std::string mRequest;    // of every action that needs the service, but Play: its JSON
-    std::string mFile;       // Record, Play, CheckConfig
-    bool mForce = false;     // Record: an existing file may be overwritten
+    std::string mFile;       // Record, Capture, Play, CheckConfig
+    bool mForce = false;     // Record, Capture: an existing file may be overwritten
     std::uint64_t mSeed = 1; // Play
     double mSpeed = 1.0;     // Play: how many times faster
     bool mPlain = false;     // Monitor: lines on a terminal, too
-    std::optional<std::chrono::milliseconds> mFor; // Monitor
+    std::optional<std::chrono::milliseconds> mFor; // Monitor, Capture
+    /** Capture: it ends when nothing has crossed the link for so long. */
+    std::optional<std::chrono::milliseconds> mQuiet;
 };
 
 /** A run that is over before it begins: help, version, or wrong usage. */

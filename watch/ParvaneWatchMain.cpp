@@ -8,6 +8,7 @@
 #include <variant>
 #include <vector>
 
+#include "CaptureCommand.h"
 #include "CheckConfig.h"
 #include "CommandLine.h"
 #include "CommandRunner.h"
@@ -61,6 +62,9 @@ ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)
     }
     if (invocation.mAction == ParvaneWatch::Invocation::Action::Play) {
         return ParvaneWatch::PlayScript(invocation, signals);
+    }
+    if (invocation.mAction == ParvaneWatch::Invocation::Action::Capture) {
+        return ParvaneWatch::CaptureLink(invocation, signals);
     }
     if (invocation.mAction == ParvaneWatch::Invocation::Action::Monitor) {
         invocation.mPlain = invocation.mPlain || ::isatty(STDOUT_FILENO) != 1;

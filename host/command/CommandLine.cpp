@@ -31,20 +31,21 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr const char *kProgram = "parvane-host";
-constexpr const char *kSubcommands = "list, measure, watch, today, stop, raw";
+constexpr const char *kSubcommands = "list, measure, watch, today, stop, raw, export";
 
 /** How each command is used, for whoever has it wrong. */
-constexpr std::array<std::pair<std::string_view, std::string_view>, 6> kCommandExamples = {{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 7> kCommandExamples = {{
     {"list", "list"},
     {"measure", "measure hr"},
     {"watch", "watch all"},
     {"today", "today"},
     {"stop", "stop activity"},
     {"raw", "raw 01 00 00 00"},
+    {"export", "export --format tcx day.pcapng"},
 }};
 
 /** And each option that has a value. */
-constexpr std::array<std::pair<std::string_view, std::string_view>, 9> kOptionExamples = {{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 11> kOptionExamples = {{
     {"--socket", "/run/parvane/link.sock"},
     {"--capture", "link.pcapng"},
     {"--timeout", "2.5"},
@@ -54,6 +55,8 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 9> kOptionEx
     {"--count", "6"},
     {"--for", "60"},
     {"--quiet-for", "500"},
+    {"--format", "tcx"},
+    {"--output", "day.tcx"},
 }};
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
@@ -70,9 +73,13 @@ struct Texts
     std::optional<std::string> mQuietFor;
     std::optional<std::string> mSensor;
     std::vector<std::string> mPackets;
+    std::vector<std::string> mCaptures;
+    std::optional<std::string> mFormat;
+    std::optional<std::string> mOutput;
     bool mJson = false;
     bool mRaw = false;
     bool mNoState = false;
+    bool mForce = false;
 };
 
 /** Wrong usage: its text says what was wrong and what is allowed. */
@@ -110,6 +117,21 @@ void AddOption(CLI::App &app, const char *name, std::optional<std::string> &text
 void AddRawFlag(CLI::App &subcommand, Texts &texts)
 {
     subcommand.add_flag("--raw", texts.mRaw, "Print steps as the total on the wire");
+}
+
+CLI::App *AddExport(CLI::App &app, Texts &texts)
+{
+    CLI::App *subcommand = app.add_subcommand(
+        "export", "Print what captures hold (--capture of watch all, or parvane-watch\n"
+                  "capture): heart rates, true steps, activities, worn or not");
+    subcommand->add_option("capture", texts.mCaptures, "A capture each, in their order")
+        ->type_name("FILE");
+    AddOption(*subcommand, "--format", texts.mFormat,
+              "csv (the default); jsonl, an object a line; tcx, trainings;\n"
+              "recording, which the service replays",
+              "FORMAT");
+    AddOption(*subcommand, "--output", texts.mOutput, "Write it to a file", "FILE");
+    return subcommand;
 }
 
 void AddSubcommands(CLI::App &app, Texts &texts)
@@ -154,7 +176,9 @@ void AddSubcommands(CLI::App &app, Texts &texts)
               "How long is quiet; however long that takes\n(default: 1000, and the end after 2000)",
               "MS");
 
-    for (CLI::App *subcommand : {list, measure, watch, today, stop, raw}) {
+    CLI::App *exported = AddExport(app, texts);
+
+    for (CLI::App *subcommand : {list, measure, watch, today, stop, raw, exported}) {
         subcommand->footer("The options of 'parvane-host --help' are allowed here, too.");
     }
 }
@@ -169,6 +193,7 @@ void AddOptions(CLI::App &app, Texts &texts)
               "PATH");
     AddOption(app, "--capture", texts.mCapture,
               "Write every packet of the link to a pcapng file,\nfor Wireshark", "FILE");
+    app.add_flag("--force", texts.mForce, "Overwrite a file that exists");
     AddOption(app, "--timeout", texts.mTimeout,
               "How long to wait for the watch\n"
               "(default: 20 for hr, 8 for wear, else 5;\n"
@@ -364,6 +389,33 @@ void InterpretMeasure(const Texts &texts, Invocation &invocation)
     }
 }
 
+void InterpretExport(const Texts &texts, Invocation &invocation)
+{
+    constexpr std::array<std::pair<std::string_view, ExportFormat>, 4> kFormats = {{
+        {"csv", ExportFormat::Csv},
+        {"jsonl", ExportFormat::JsonLines},
+        {"tcx", ExportFormat::Tcx},
+        {"recording", ExportFormat::Recording},
+    }};
+    invocation.mAction = Invocation::Action::Export;
+    if (texts.mCaptures.empty()) {
+        throw UsageError("export: no capture given, as in: parvane-host export --format tcx "
+                         "day.pcapng");
+    }
+    const std::string format = texts.mFormat.value_or("csv");
+    const auto *const found = std::find_if(kFormats.begin(), kFormats.end(),
+                                           [&](const auto &pair) { return pair.first == format; });
+    if (found == kFormats.end()) {
+        throw UsageError("--format: " + Quoted(format) +
+                         " is not allowed; give csv, jsonl, tcx or recording");
+    }
+    invocation.mFormat = found->second;
+    invocation.mCaptures = texts.mCaptures;
+    if (texts.mOutput != "-") {
+        invocation.mOutputPath = texts.mOutput;
+    }
+}
+
 void InterpretAction(const std::string &subcommand, const Texts &texts, Invocation &invocation)
 {
     if (subcommand == "measure") {
@@ -383,6 +435,8 @@ void InterpretAction(const std::string &subcommand, const Texts &texts, Invocati
         invocation.mSensors = ParseSensors(
             "stop", texts.mSensor ? texts.mSensor : std::string(SensorName(Sensor::Activity)),
             {Sensor::Activity, Sensor::HeartRate, Sensor::WearState, Sensor::Pedometer});
+    } else if (subcommand == "export") {
+        InterpretExport(texts, invocation);
     } else if (subcommand == "raw") {
         invocation.mAction = Invocation::Action::Raw;
         invocation.mPackets = ParsePackets(texts.mPackets);
@@ -410,6 +464,7 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         throw UsageError("--capture: a capture goes to a file; ./- is one of that name");
     }
     invocation.mCapturePath = texts.mCapture;
+    invocation.mForce = texts.mForce;
     invocation.mTimeout = ParseSeconds("--timeout", texts.mTimeout);
     invocation.mWait = ParseSeconds("--wait", texts.mWait).value_or(milliseconds{0});
     invocation.mTimeStyle = ParseTimeStyle(texts.mTimestamps);

@@ -13,6 +13,9 @@
 
 namespace ParvaneHost {
 
+/** The forms of an export. */
+enum class ExportFormat { Csv, JsonLines, Tcx, Recording };
+
 /** One run of the command, as it was asked for. */
 struct Invocation
 {
@@ -23,11 +26,13 @@ struct Invocation
         Today,
         Stop,
         Raw,
+        Export, // which needs no watch
     };
 
     Action mAction = Action::List;
     std::string mSocketPath;
     std::optional<std::string> mCapturePath; // nothing: no capture
+    bool mForce = false;                     // a file that exists may be overwritten
     bool mJson = false;
     TimeStyle mTimeStyle = TimeStyle::Short;
     std::optional<std::chrono::milliseconds> mTimeout; // nothing: the default of the action
@@ -41,6 +46,9 @@ struct Invocation
     std::string mStepsPath;
     std::vector<Bytes> mPackets;                        // Raw; at least one
     std::optional<std::chrono::milliseconds> mQuietFor; // Raw; nothing: the default
+    std::vector<std::string> mCaptures;                 // Export; at least one
+    ExportFormat mFormat = ExportFormat::Csv;           // Export
+    std::optional<std::string> mOutputPath;             // Export; nothing: standard output
 };
 
 /** A run that is over before it begins: help, version, or wrong usage. */

@@ -102,6 +102,8 @@ Outcome CommandRunner::Act()
         return Stop();
     case Invocation::Action::Raw:
         return Raw();
+    case Invocation::Action::Export: // which is no matter of a watch
+        break;
     }
     return {ExitCode::BadUsage};
 }
@@ -477,8 +479,9 @@ void CommandRunner::BeginCapture(ClientOptions &options)
     if (!mInvocation.mCapturePath) {
         return;
     }
-    LookAtCapture(mCapture.Open(*mInvocation.mCapturePath));
-    options.mOnPacket = [this](Sender sender, std::span<const std::uint8_t> packet) {
+    LookAtCapture(mCapture.Open(*mInvocation.mCapturePath, mInvocation.mForce));
+    options.mOnConnected = [this] { mCapture.LinkBegins(mClient.PeerRun()); };
+    options.mOnPacket = [this](Parvane::Sender sender, std::span<const std::uint8_t> packet) {
         LookAtCapture(mCapture.Add(sender, packet));
     };
 }
@@ -488,8 +491,8 @@ void CommandRunner::LookAtCapture(int error)
 {
     if (error != 0) {
         mHasCaptureFailed = true;
-        Complain("cannot write the capture to '" + *mInvocation.mCapturePath +
-                 "': " + Parvane::ErrnoText(error));
+        Complain("cannot write the capture to '" + *mInvocation.mCapturePath + "': " +
+                 Parvane::ErrnoText(error) + (error == EEXIST ? " (--force overwrites it)" : ""));
     }
 }
 

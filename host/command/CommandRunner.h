@@ -77,7 +77,7 @@ private:
     LineWriter mErrors;
     std::optional<ProgressBar> mBar;
     std::set<Sensor> mRemarkedOn;
-    CaptureFile mCapture;
+    Parvane::CaptureFile mCapture;
     bool mHasCaptureFailed = false;
     Client mClient;
     std::optional<StepCounter> mSteps; // nothing: steps are told as they are on the wire

@@ -9,6 +9,7 @@
 #include "CommandLine.h"
 #include "CommandRunner.h"
 #include "ErrnoText.h"
+#include "ExportCommand.h"
 #include "Output.h"
 #include "Signals.h"
 #include "StandardDescriptors.h"
@@ -38,7 +39,11 @@ ParvaneHost::Outcome Run(const std::vector<std::string> &arguments)
     if (const auto *ending = std::get_if<ParvaneHost::Ending>(&parsed)) {
         return End(*ending);
     }
-    ParvaneHost::CommandRunner runner(std::get<ParvaneHost::Invocation>(parsed), signals);
+    const auto &invocation = std::get<ParvaneHost::Invocation>(parsed);
+    if (invocation.mAction == ParvaneHost::Invocation::Action::Export) {
+        return ParvaneHost::Export(invocation);
+    }
+    ParvaneHost::CommandRunner runner(invocation, signals);
     return runner.Run();
 }
 

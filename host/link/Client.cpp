@@ -186,7 +186,7 @@ std::optional<Error> Client::SendRaw(std::span<const std::uint8_t> packet, const
     }
     auto error = mLink->Send(packet, deadline, mOptions.mWait);
     if (!error && mOptions.mOnPacket) {
-        mOptions.mOnPacket(Sender::Phone, packet);
+        mOptions.mOnPacket(Parvane::Sender::Phone, packet);
     }
     if (error && std::holds_alternative<LinkError>(*error)) {
         Disconnect();
@@ -201,7 +201,7 @@ Result<Bytes, Error> Client::ReceiveRaw(const Deadline &deadline)
     }
     auto packet = mLink->Receive(deadline, mOptions.mWait);
     if (packet && mOptions.mOnPacket) {
-        mOptions.mOnPacket(Sender::Watch, packet.Value());
+        mOptions.mOnPacket(Parvane::Sender::Watch, packet.Value());
     }
     if (!packet && std::holds_alternative<LinkError>(packet.GetError())) {
         Disconnect();

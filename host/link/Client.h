@@ -30,8 +30,10 @@ struct ClientOptions
     std::uint8_t mFirstFlags = 1;
     /** After this long without an answer the worn state is asked for again, see Measure(). */
     std::chrono::milliseconds mAskAgainAfter{3500};
+    /** Called when a link is there that was not before, before any packet of it. */
+    std::function<void()> mOnConnected = nullptr;
     /** Called with each packet that was sent or read, after it was. Must not use the client. */
-    std::function<void(Sender, std::span<const std::uint8_t>)> mOnPacket = nullptr;
+    std::function<void(Parvane::Sender, std::span<const std::uint8_t>)> mOnPacket = nullptr;
     /** How much unasked a request may have come before its answer: a bound on memory. */
     std::size_t mMaxUnclaimed = 100000;
 };

@@ -7,14 +7,14 @@ _parvane_watch()
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
         status | monitor | config | log | set | steps | activity | gesture | link | memory | battery | quit | \
-            record | play | check-config)
+            record | capture | play | check-config)
             subcommand=$word
             break
             ;;
         esac
     done
     case $previous in
-    --seed | --speed | --for)
+    --seed | --speed | --for | --until-quiet)
         return
         ;;
     --tags)
@@ -25,16 +25,16 @@ _parvane_watch()
         mapfile -t COMPREPLY < <(compgen -W 'hr steps activity gesture hr,steps,activity' -- "$current")
         return
         ;;
-    --socket | record | --force | play | check-config)
+    --socket | record | capture | --force | play | check-config)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
-        [[ $previous != record && $previous != play || $current != -* ]] && return
+        [[ $previous != record && $previous != capture && $previous != play || $current != -* ]] && return
         ;;
     esac
     case $subcommand in
     '')
-        words='status monitor config log set steps activity gesture link memory battery quit record play'
-        words+=' check-config --version'
+        words='status monitor config log set steps activity gesture link memory battery quit record'
+        words+=' capture play check-config --version'
         ;;
     log) words='auto verbose debug info warning error fatal --tags' ;;
     play) words='--seed --speed' ;;
@@ -49,6 +49,7 @@ _parvane_watch()
     link) words='up down' ;;
     memory | battery) words='low' ;;
     record) words='--force --on' ;;
+    capture) words='--for --until-quiet --force' ;;
     monitor) words='--plain --for' ;;
     esac
     words+=' --socket --json --help'

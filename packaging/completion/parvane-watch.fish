@@ -14,6 +14,7 @@ complete -c parvane-watch -n __fish_use_subcommand -a memory -d 'Tell the servic
 complete -c parvane-watch -n __fish_use_subcommand -a battery -d 'Tell the service that the battery is low'
 complete -c parvane-watch -n __fish_use_subcommand -a quit -d 'End the service in order'
 complete -c parvane-watch -n __fish_use_subcommand -a record -d 'Write every reading of the sensors to a file'
+complete -c parvane-watch -n __fish_use_subcommand -a capture -d 'Write what crosses the accessory link to a file'
 complete -c parvane-watch -n __fish_use_subcommand -a play -d 'Play a scenario'
 complete -c parvane-watch -n __fish_use_subcommand -a check-config -d 'Say what is wrong with a configuration file'
 
@@ -27,10 +28,11 @@ complete -c parvane-watch -n '__fish_seen_subcommand_from activity' -a 'walking 
 complete -c parvane-watch -n '__fish_seen_subcommand_from link' -a 'up down'
 complete -c parvane-watch -n '__fish_seen_subcommand_from memory battery' -a low
 complete -c parvane-watch -n '__fish_seen_subcommand_from monitor' -l plain -d 'Print a line for each event'
-complete -c parvane-watch -n '__fish_seen_subcommand_from monitor' -l for -x -d 'End after so many seconds'
-complete -c parvane-watch -n '__fish_seen_subcommand_from record' -l force -d 'Overwrite a file that exists'
+complete -c parvane-watch -n '__fish_seen_subcommand_from monitor capture' -l for -x -d 'End after so many seconds'
+complete -c parvane-watch -n '__fish_seen_subcommand_from capture' -l until-quiet -x -d 'End when nothing has crossed the link for so many seconds'
+complete -c parvane-watch -n '__fish_seen_subcommand_from record capture' -l force -d 'Overwrite a file that exists'
 complete -c parvane-watch -n '__fish_seen_subcommand_from record' -l on -x -a 'hr steps activity gesture hr,steps,activity' -d 'Items that are on meanwhile'
-complete -c parvane-watch -n '__fish_seen_subcommand_from record play check-config' -F
+complete -c parvane-watch -n '__fish_seen_subcommand_from record capture play check-config' -F
 complete -c parvane-watch -n '__fish_seen_subcommand_from log' -a 'auto verbose debug info warning error fatal'
 complete -c parvane-watch -n '__fish_seen_subcommand_from log' -l tags -x -a 'Parvane platform' -d 'Only lines with one of these tags'
 complete -c parvane-watch -n '__fish_seen_subcommand_from play' -l seed -x -d 'Of the noise'

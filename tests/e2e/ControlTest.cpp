@@ -224,6 +224,33 @@ TEST_F(ControlTest, WhoObservesIsToldWhatHappensAndBringsNoLogLine)
     EXPECT_EQ(event, json({{"end", "service-ended"}}));
 }
 
+TEST_F(ControlTest, WhatCrossesTheLinkIsCapturedFromWithin)
+{
+    StartAndWait();
+    const std::string file = mFolder.Path() / "link.pcapng";
+    Process capture({PARVANE_WATCH_PROGRAM, "capture", "--until-quiet", "1", file},
+                    BaseEnvironment(), mFolder.Path());
+    ASSERT_TRUE(Eventually([&file] { return std::filesystem::exists(file); }));
+    const std::string log = mService->StandardError();
+
+    const Host host(LinkPath());
+    const Bytes acknowledged = host.Ask(kStopActivity, 1).front();
+    ASSERT_EQ(capture.WaitForEnd(), 0) << capture.StandardError();
+    EXPECT_EQ(mService->StandardError().find("control", log.size()), std::string::npos);
+
+    const std::string content = ReadFile(file);
+    const auto at = [&content](const Bytes &packet, char direction) {
+        return content.find(std::string(packet.begin(), packet.end()) + std::string("\2\0\4\0", 4) +
+                            direction);
+    };
+    const std::size_t request =
+        content.find(std::string(kStopActivity.begin(), kStopActivity.end()) +
+                     std::string("\1\0", 2)); // and a comment: a link begins
+    EXPECT_NE(request, std::string::npos);
+    EXPECT_GT(at(acknowledged, '\1'), request);
+    EXPECT_NE(at(acknowledged, '\1'), std::string::npos);
+}
+
 TEST_F(ControlTest, RefusedAndQueuedOutMessagesAreCounted)
 {
     StartAndWait();

@@ -84,6 +84,9 @@ TEST_F(IdleTest, ServiceThatIsObservedSleepsForAMinute)
     ASSERT_EQ(observer.Ask({request.begin(), request.end()}, 1).size(), 1U);
     host.Send({0x01, 0x00, 0x00, 0x00});
     ASSERT_TRUE(observer.Receive().has_value()); // what has crossed the link
+    const Host capturer(mRunDirectory / "control.sock");
+    const std::string capture = R"({"request":"capture"})";
+    ASSERT_EQ(capturer.Ask({capture.begin(), capture.end()}, 1).size(), 1U);
 
     ExpectAsleep();
 }

@@ -244,9 +244,11 @@ TEST(CommandLineTest, RawTakesPackets)
 
 TEST(CommandLineTest, SubcommandsAreNamedWhenMissingOrUnknown)
 {
-    ExpectUsageError({}, "no subcommand given; allowed: list, measure, watch, today, stop, raw");
-    ExpectUsageError({"frob"},
-                     "unknown subcommand 'frob'; allowed: list, measure, watch, today, stop, raw");
+    ExpectUsageError(
+        {}, "no subcommand given; allowed: list, measure, watch, today, stop, raw, export");
+    ExpectUsageError(
+        {"frob"},
+        "unknown subcommand 'frob'; allowed: list, measure, watch, today, stop, raw, export");
     ExpectUsageError({"--frob"}, "unknown option '--frob'");
 }
 

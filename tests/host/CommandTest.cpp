@@ -849,11 +849,26 @@ TEST_F(CaptureTest, TheFileHasTheStopThatCtrlCLeadsTo)
 
 TEST_F(CaptureTest, AFileThatCannotBeWrittenIsAFailureBeforeTheLinkIsTouched)
 {
-    Host host(Arguments({"--capture", "/dev/full", "list"}));
+    Host host(Arguments({"--capture", "/dev/full", "--force", "list"}));
 
     EXPECT_EQ(host.Wait(), 1);
     EXPECT_EQ(host.ReadErrors(),
               "parvane-host: cannot write the capture to '/dev/full': No space left on device\n");
+}
+
+TEST_F(CaptureTest, AFileThatIsThereIsOverwrittenOnlyWithForce)
+{
+    std::ofstream(mPath) << "dear";
+    Host refused(Captured({"list"}));
+    EXPECT_EQ(refused.Wait(), 1);
+    EXPECT_EQ(refused.ReadErrors(), "parvane-host: cannot write the capture to '" + mPath +
+                                        "': File exists (--force overwrites it)\n");
+    EXPECT_EQ(std::filesystem::file_size(mPath), 4U);
+
+    Host host(Captured({"list", "--force"}));
+    SendList(mWatch);
+    EXPECT_EQ(host.Wait(), 0) << host.ReadErrors();
+    EXPECT_EQ(Senders(), "><<");
 }
 
 TEST_F(CommandTest, RawReportsALinkThatIsClosed)

@@ -121,12 +121,35 @@ TEST(CommandLineTest, GlobalOptionsMayFollowTheSubcommand)
     EXPECT_EQ(Parsed({"status"}).mSocketPath, "/run/parvane/control.sock");
 }
 
+TEST(CommandLineTest, CaptureHasAFileAndMayEndByItself)
+{
+    const Invocation plain = Parsed({"capture", "link.pcapng"});
+    EXPECT_EQ(plain.mAction, Invocation::Action::Capture);
+    EXPECT_EQ(plain.mFile, "link.pcapng");
+    EXPECT_EQ(plain.mFor, std::nullopt);
+    EXPECT_EQ(plain.mQuiet, std::nullopt);
+    EXPECT_FALSE(plain.mForce);
+    EXPECT_EQ(RequestOf({"capture", "link.pcapng"}),
+              json({{"version", 1}, {"request", "capture"}}));
+
+    const Invocation quiet = Parsed({"capture", "--until-quiet", "link.pcapng", "--for", "30"});
+    EXPECT_EQ(quiet.mQuiet, std::chrono::seconds(20));
+    EXPECT_EQ(quiet.mFor, std::chrono::seconds(30));
+    EXPECT_EQ(quiet.mFile, "link.pcapng");
+    EXPECT_EQ(Parsed({"capture", "--force", "a", "--until-quiet", "3s"}).mQuiet,
+              std::chrono::seconds(3));
+    EXPECT_THAT(ErrorOf({"capture", "a", "--until-quiet", "0"}),
+                HasSubstr("capture --until-quiet: unknown value '0'; allowed: seconds from 1 to"));
+    EXPECT_THAT(ErrorOf({"capture"}), HasSubstr("capture: no file given"));
+    EXPECT_THAT(ErrorOf({"capture", "-"}), HasSubstr("./- is one of that name"));
+}
+
 TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
 {
     EXPECT_EQ(ErrorOf({}),
               "parvane-watch: no subcommand given; allowed: status, monitor, config, "
               "log, set, steps, activity, gesture, link, memory, battery, quit, record, "
-              "play, check-config");
+              "capture, play, check-config");
     EXPECT_THAT(ErrorOf({"frob"}), HasSubstr("unknown subcommand 'frob'; allowed: status"));
     EXPECT_EQ(ErrorOf({"set"}),
               "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");

@@ -18,6 +18,12 @@ std::int64_t SystemClock::WallMs() const
     return std::chrono::floor<std::chrono::milliseconds>(now).count();
 }
 
+std::int64_t SystemClock::WallUs() const
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::floor<std::chrono::microseconds>(now).count();
+}
+
 std::int64_t SystemClock::BootUs() const
 {
     timespec now = {};

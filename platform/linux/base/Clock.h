@@ -25,6 +25,9 @@ public:
     /** Milliseconds since the epoch, UTC. */
     virtual std::int64_t WallMs() const = 0;
 
+    /** Microseconds since the epoch, UTC, as exactly as the clock knows it. */
+    virtual std::int64_t WallUs() const { return WallMs() * 1000; }
+
     /** Microseconds on a steady time scale that counts suspension, for how long ago something was. */
     virtual std::int64_t BootUs() const { return MonotonicUs(); }
 
@@ -37,6 +40,7 @@ class SystemClock : public Clock
 public:
     std::int64_t MonotonicUs() const override;
     std::int64_t WallMs() const override;
+    std::int64_t WallUs() const override;
     std::int64_t BootUs() const override;
 };
 

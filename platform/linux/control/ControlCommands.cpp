@@ -198,8 +198,9 @@ private:
         }
     }
 
-    static constexpr std::array kNames = {"status", "config",  "log",  "set",    "link",
-                                          "memory", "battery", "quit", "record", "observe"};
+    static constexpr std::array kNames = {"status", "config",  "log",     "set",
+                                          "link",   "memory",  "battery", "quit",
+                                          "record", "observe", "capture"};
 
     json mObject;
     std::string mName;
@@ -220,6 +221,12 @@ public:
             request.AllowOnly({});
             return {StatusMessage(mParts, mStart, ControlServer::kMaxReplyBytes), false, nullptr,
                     name == "observe"};
+        }
+        if (name == "capture") {
+            request.AllowOnly({});
+            ControlAnswer answer = Done();
+            answer.mStartsCapture = true;
+            return answer;
         }
         if (name == "config") {
             request.AllowOnly({});

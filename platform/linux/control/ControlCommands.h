@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "ControlHandler.h"
@@ -23,6 +24,7 @@ public:
 
     ControlAnswer Answer(std::string_view message, int peerPid) override;
     std::vector<std::string> TakeChanges() override;
+    void TapLink(LinkSession::Tap tap) override { mParts.mLink.SetTap(std::move(tap)); }
 
 private:
     ControlledParts mParts;

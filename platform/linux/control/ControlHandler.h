@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "LinkSession.h"
+
 namespace ParvanePlatform {
 
 /** What becomes of one request. */
@@ -21,6 +23,8 @@ struct ControlAnswer
     bool mStartsObserving = false;
     /** What is held for as long as the connection is there. */
     std::vector<std::shared_ptr<void>> mHeld = {};
+    /** The connection is told of what crosses the link. */
+    bool mStartsCapture = false;
 };
 
 /** Does what the messages on the control socket ask for. Main-loop thread only. */
@@ -38,6 +42,9 @@ public:
 
     /** The events since the last call that nobody else tells of: what has changed in the status. */
     virtual std::vector<std::string> TakeChanges() = 0;
+
+    /** Has a function told of each packet of the accessory link, as LinkSession::SetTap() does. */
+    virtual void TapLink(LinkSession::Tap tap) = 0;
 };
 
 } // namespace ParvanePlatform

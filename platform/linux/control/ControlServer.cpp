@@ -37,9 +37,10 @@ ControlServer::ControlServer(const std::string &runtimeDirectory,
 ControlServer::~ControlServer()
 {
     mContext.SetTap(nullptr);
+    mHandler->TapLink(nullptr);
     try {
         for (Client &client : mClients) {
-            if (client.mWriter || client.mObserves) {
+            if (client.IsStream()) {
                 Enqueue(client, StreamMessage("end", "service-ended"));
             }
         }
@@ -56,9 +57,8 @@ std::size_t ControlServer::ClientCount() const
 
 std::ptrdiff_t ControlServer::StreamCount() const
 {
-    return std::count_if(mClients.begin(), mClients.end(), [](const Client &client) {
-        return !client.mIsGone && (client.mWriter || client.mObserves);
-    });
+    return std::count_if(mClients.begin(), mClients.end(),
+                         [](const Client &client) { return !client.mIsGone && client.IsStream(); });
 }
 
 void ControlServer::OnListenerReady()
@@ -150,7 +150,7 @@ bool ControlServer::ReadMessage(Client &client)
 
 void ControlServer::Serve(Client &client, std::string_view message)
 {
-    if (client.mWriter || client.mObserves) {
+    if (client.IsStream()) {
         Reply(client, ErrorMessage("recording",
                                    "this connection is a stream; make another one for requests"));
         return;
@@ -164,10 +164,12 @@ void ControlServer::Serve(Client &client, std::string_view message)
                   nullptr};
     }
     const std::ptrdiff_t streams = StreamCount();
-    if ((answer.mStartsRecording || answer.mStartsObserving) && streams >= kMaxStreams) {
-        answer = {ErrorMessage("busy", std::to_string(streams) +
-                                           " clients record or observe, no more are allowed"),
-                  false, nullptr};
+    if ((answer.mStartsRecording || answer.mStartsObserving || answer.mStartsCapture) &&
+        streams >= kMaxStreams) {
+        answer = {
+            ErrorMessage("busy", std::to_string(streams) +
+                                     " clients record, observe or capture, no more are allowed"),
+            false, nullptr};
     }
     Reply(client, answer.mReply);
     if (answer.mStartsRecording && !client.mIsGone) {
@@ -182,6 +184,10 @@ void ControlServer::Serve(Client &client, std::string_view message)
         client.mObserves = true;
         mTurnEnd = LoopSource::BeforeSleep([this] { Tell(mHandler->TakeChanges()); });
     }
+    if (answer.mStartsCapture && !client.mIsGone) {
+        client.mCaptures = true;
+        mHandler->TapLink([this](const LinkSession::Packet &packet) { OnPacket(packet); });
+    }
     if (answer.mAfterwards) {
         answer.mAfterwards();
     }
@@ -189,7 +195,7 @@ void ControlServer::Serve(Client &client, std::string_view message)
 
 void ControlServer::Reply(Client &client, const std::string &reply)
 {
-    if (client.mWriter || client.mObserves) {
+    if (client.IsStream()) {
         Enqueue(client, reply); // in its place among the rows or events
         return;
     }
@@ -219,6 +225,16 @@ void ControlServer::OnReading(ContextItem item, const SensorReading &reading)
     }
 }
 
+void ControlServer::OnPacket(const LinkSession::Packet &packet)
+{
+    const std::string message = PacketMessage(mClock, packet);
+    for (Client &client : mClients) {
+        if (client.mCaptures) {
+            Enqueue(client, message);
+        }
+    }
+}
+
 void ControlServer::Tell(const std::vector<std::string> &events)
 {
     for (const std::string &event : events) {
@@ -236,7 +252,7 @@ void ControlServer::Enqueue(Client &client, std::string message)
         return;
     }
     const bool isFull = client.mQueuedBytes + message.size() > kMaxQueuedBytes;
-    if (client.mObserves && (isFull || client.mMissed > 0)) {
+    if (!client.mWriter && (isFull || client.mMissed > 0)) {
         ++client.mMissed;
         return;
     }
@@ -306,6 +322,10 @@ void ControlServer::Sweep()
     if (std::none_of(mClients.begin(), mClients.end(),
                      [](const Client &client) { return client.mObserves; })) {
         mTurnEnd.Remove();
+    }
+    if (std::none_of(mClients.begin(), mClients.end(),
+                     [](const Client &client) { return client.mCaptures; })) {
+        mHandler->TapLink(nullptr);
     }
 }
 

@@ -25,7 +25,8 @@ namespace ParvanePlatform {
  *
  * Served are processes of this user and of root. A reply that does not fit the client's socket drops
  * the client; the rows of a recording and events wait in a queue. A client that lets that fill up is
- * told so after the last row that it gets; one that observes is told how many events it has missed.
+ * told so after the last row that it gets; one that observes or captures is told how many events it
+ * has missed.
  * Nothing wakes the main loop unless a client does. Main-loop thread only.
  */
 class ControlServer
@@ -33,12 +34,12 @@ class ControlServer
 public:
     static constexpr char kSocketName[] = "control.sock";
     static constexpr std::size_t kMaxClients = 8;
-    /** Those that record or observe: a place stays for requests. */
+    /** Those that record, observe or capture: a place stays for requests. */
     static constexpr std::ptrdiff_t kMaxStreams = 7;
     static constexpr std::size_t kMaxRequestBytes = 8192;
     static constexpr std::size_t kMaxReplyBytes = 65536;
 
-    /** The most bytes of messages that wait for one client that records or observes. */
+    /** The most bytes of messages that wait for one client that records, observes or captures. */
     static constexpr std::size_t kMaxQueuedBytes = 1048576;
 
     /** How long a client that has let its queue fill up has for what is in it. */
@@ -68,13 +69,18 @@ public:
 private:
     struct Client
     {
+        /** Whether it asks for nothing more. */
+        bool IsStream() const { return mWriter || mObserves || mCaptures; }
+
         PacketSocket mSocket;
         int mPid = 0;
         LoopSource mSource;
         /** Set while the client records. */
         std::optional<RecordingWriter> mWriter;
         bool mObserves = false;
-        /** Messages that one who observes has not been told since the queue was full. */
+        /** Is told of what crosses the link. */
+        bool mCaptures = false;
+        /** Messages that one who observes or captures has not been told since the queue was full. */
         std::uint64_t mMissed = 0;
         std::vector<std::shared_ptr<void>> mHeld;
         std::int64_t mStartUs = 0;
@@ -99,6 +105,7 @@ private:
     void Serve(Client &client, std::string_view message);
     void Reply(Client &client, const std::string &reply);
     void OnReading(ContextItem item, const SensorReading &reading);
+    void OnPacket(const LinkSession::Packet &packet);
     /** Tells those who observe. */
     void Tell(const std::vector<std::string> &events);
     void Enqueue(Client &client, std::string message);

@@ -261,6 +261,24 @@ std::string ReadingMessage(const Clock &clock, ContextItem item, const SensorRea
                    {"values", ValuesOf(reading)}});
 }
 
+std::string PacketMessage(const Clock &clock, const LinkSession::Packet &packet)
+{
+    constexpr std::size_t kMostBytes = 16384; // of what no phone and no watch sends
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string bytes;
+    for (const unsigned char byte :
+         packet.mBytes.first(std::min(packet.mBytes.size(), kMostBytes))) {
+        bytes += kDigits[byte >> 4U];
+        bytes += kDigits[byte & 0xFU];
+    }
+    return TextOf({{"event", "packet"},
+                   {"time_us", clock.WallUs()},
+                   {"link", packet.mConnectionId},
+                   {"from", packet.mIsFromHost ? "phone" : "watch"},
+                   {"size", packet.mBytes.size()},
+                   {"bytes", bytes}});
+}
+
 std::vector<std::string> ChangeMessages(const ControlledParts &parts, std::size_t maxBytes,
                                         std::map<std::string, std::string> &last)
 {

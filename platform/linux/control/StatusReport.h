@@ -46,6 +46,9 @@ std::string ConfigMessage(const Settings &settings);
 /** Makes the event of a reading that comes now. */
 std::string ReadingMessage(const Clock &clock, ContextItem item, const SensorReading &reading);
 
+/** Makes the event of a packet that crosses the link now; bytes beyond 16,384 are left out of it. */
+std::string PacketMessage(const Clock &clock, const LinkSession::Packet &packet);
+
 /**
  * Makes the events of what has changed in a status, by comparing it: nobody has to tell.
  *

@@ -129,6 +129,11 @@ int LinkSession::Send(int connectionId, int channelId, int size, const void *dat
     case 0:
         ++mStatistics.mPacketsOut;
         mStatistics.mBytesOut += static_cast<unsigned>(size);
+        if (mTap) {
+            mTap({connectionId,
+                  false,
+                  {static_cast<const unsigned char *>(data), static_cast<std::size_t>(size)}});
+        }
         return 0;
     case EAGAIN:
     case ENOBUFS:
@@ -219,6 +224,9 @@ bool LinkSession::OnMessage(std::span<unsigned char> message)
     const int connectionId = mConnectionId;
     ++mStatistics.mPacketsIn;
     mStatistics.mBytesIn += message.size();
+    if (mTap) {
+        mTap({connectionId, true, message});
+    }
     if (mNotifications->dataReceived != nullptr) {
         mNotifications->dataReceived(connectionId, mAgent->mChannels.front(),
                                      static_cast<int>(message.size()), message.data());

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <platform/tal_client.h>
@@ -161,6 +163,23 @@ public:
 
     LinkStatus Status() const;
 
+    /** A packet that crosses the link. */
+    struct Packet
+    {
+        /** Of the connection that it crosses; another one for each host. */
+        int mConnectionId = 0;
+        bool mIsFromHost = false;
+        std::span<const unsigned char> mBytes;
+    };
+
+    using Tap = std::function<void(const Packet &)>;
+
+    /**
+     * Has a function told of each packet, before the service is told of a host's and after one to a host
+     * is sent. It may call nothing of the link. Null ends it, and costs nothing.
+     */
+    void SetTap(Tap tap) { mTap = std::move(tap); }
+
 private:
     struct Agent
     {
@@ -197,6 +216,7 @@ private:
     bool mIsDown = false;
     /** The link was taken down, and the key has not been set to 1 since. */
     bool mKeyIsDown = false;
+    Tap mTap;
     int mConnectionId = 0;
     int mLastAgentId = 0;
     LoopSource mWork;

@@ -430,6 +430,14 @@ TEST_F(ControlCommandsTest, ObserveAnswersWithTheStatus)
     EXPECT_FALSE(mCommands.Answer(R"({"request":"status"})", 1).mStartsObserving);
 }
 
+TEST_F(ControlCommandsTest, CaptureIsDoneAndBeginsWithTheNextPacket)
+{
+    const ControlAnswer answer = mCommands.Answer(R"({"request":"capture"})", 1);
+    EXPECT_TRUE(answer.mStartsCapture);
+    EXPECT_EQ(answer.mReply, R"({"ok":true,"version":1})");
+    EXPECT_FALSE(mCommands.Answer(R"({"request":"status"})", 1).mStartsCapture);
+}
+
 TEST_F(ControlCommandsTest, ChangesAreTheStatusOfWhatHasChanged)
 {
     mCommands.TakeChanges();
@@ -469,7 +477,8 @@ TEST_F(ControlCommandsTest, ChangesAreTheStatusOfWhatHasChanged)
 TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
 {
     const std::string names =
-        "allowed: status, config, log, set, link, memory, battery, quit, record, observe";
+        "allowed: status, config, log, set, link, memory, battery, quit, record, observe, "
+        "capture";
     const std::string rate =
         "; allowed: a whole number of beats per minute from 0 to 65535, \"off-wrist\"";
     const std::string on =

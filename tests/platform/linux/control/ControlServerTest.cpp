@@ -104,8 +104,9 @@ constexpr bool kIsSanitized = false;
 class EchoHandler : public ControlHandler
 {
 public:
-    EchoHandler(std::vector<std::string> &events, std::vector<std::string> &changes)
-        : mEvents(events), mChanges(changes)
+    EchoHandler(std::vector<std::string> &events, std::vector<std::string> &changes,
+                LinkSession::Tap &tap)
+        : mEvents(events), mChanges(changes), mTap(tap)
     {}
 
     ControlAnswer Answer(std::string_view message, int peerPid) override
@@ -124,15 +125,18 @@ public:
         if (message == "record") {
             held.emplace_back(nullptr, [this](void *) { mEvents.emplace_back("let go"); });
         }
-        return {"echo " + std::string(message), message == "record", nullptr, message == "observe",
-                std::move(held)};
+        return {"echo " + std::string(message), message == "record", nullptr,
+                message == "observe",           std::move(held),     message == "capture"};
     }
 
     std::vector<std::string> TakeChanges() override { return std::exchange(mChanges, {}); }
 
+    void TapLink(LinkSession::Tap tap) override { mTap = std::move(tap); }
+
 private:
     std::vector<std::string> &mEvents;
     std::vector<std::string> &mChanges;
+    LinkSession::Tap &mTap;
 };
 
 /** What follows the heart rate in a row that has nothing else, and the row's end, as JSON. */
@@ -190,7 +194,8 @@ protected:
     {
         mServer.reset();
         mServer = std::make_unique<ControlServer>(
-            mDirectory.Path(), std::make_unique<EchoHandler>(mEvents, mChanges), mContext, mClock);
+            mDirectory.Path(), std::make_unique<EchoHandler>(mEvents, mChanges, mTap), mContext,
+            mClock);
     }
 
     std::string Socket() const { return mDirectory / "control.sock"; }
@@ -213,6 +218,14 @@ protected:
         return client;
     }
 
+    /** A client that captures. */
+    std::unique_ptr<RawClient> Capturer() const
+    {
+        auto client = std::make_unique<RawClient>(Socket());
+        EXPECT_EQ(client->Ask("capture"), "echo capture");
+        return client;
+    }
+
     /** Turns the main loop, at the end of which changes are told. */
     static void EndTurn()
     {
@@ -227,6 +240,8 @@ protected:
     std::vector<std::string> mEvents;
     /** What the status has to tell. */
     std::vector<std::string> mChanges;
+    /** Who is told of what crosses the link. */
+    LinkSession::Tap mTap;
     std::unique_ptr<ControlServer> mServer;
     StderrCapture mLog;
 };
@@ -252,8 +267,8 @@ TEST_F(ControlServerTest, APathThatIsTooLongForASocketIsNamed)
     const std::string directory = mDirectory / std::string(100, 'd');
     std::filesystem::create_directory(directory);
     try {
-        const ControlServer server(directory, std::make_unique<EchoHandler>(mEvents, mChanges),
-                                   mContext, mClock);
+        const ControlServer server(
+            directory, std::make_unique<EchoHandler>(mEvents, mChanges, mTap), mContext, mClock);
         FAIL() << "no exception";
     } catch (const StartupError &failure) {
         EXPECT_THAT(failure.what(), StartsWith("cannot make the socket " + directory));
@@ -362,9 +377,81 @@ TEST_F(ControlServerTest, NothingWakesTheLoopWhetherOrNotClientsAreThere)
     const RawClient client(Socket());
     const auto recorder = Recorder();
     const auto observer = Observer();
+    const auto capturer = Capturer();
     EXPECT_EQ(client.Ask("hello"), "echo hello");
     RunWhileBusy();
     EXPECT_EQ(NextWakeMs(), -1);
+}
+
+TEST_F(ControlServerTest, WhoCapturesIsToldOfEachPacketWithItsTimeAndDirection)
+{
+    const std::vector<unsigned char> request{0x12, 0x00, 0x00, 0x03};
+    const std::vector<unsigned char> reply{0x14, 0x02, 0xAB, 0x03};
+    const auto first = Capturer();
+    const auto second = Capturer();
+    const auto observer = Observer();
+
+    mClock.mWallMs = 1769862896789;
+    mTap({3, true, request});
+    mTap({3, false, reply});
+
+    for (const auto &capturer : {&first, &second}) {
+        EXPECT_EQ((*capturer)->Receive(),
+                  R"({"bytes":"12000003","event":"packet","from":"phone","link":3,"size":4,)"
+                  R"("time_us":1769862896789000})");
+        EXPECT_EQ((*capturer)->Receive(),
+                  R"({"bytes":"1402ab03","event":"packet","from":"watch","link":3,"size":4,)"
+                  R"("time_us":1769862896789000})");
+    }
+    EXPECT_EQ(observer->TryReceive(), std::nullopt);
+    EXPECT_EQ(ErrorOf(first->Ask("hello")).Code(), "recording");
+}
+
+TEST_F(ControlServerTest, NobodyIsToldOfPacketsWhenNobodyCaptures)
+{
+    EXPECT_FALSE(mTap);
+    auto first = Capturer();
+    auto second = Capturer();
+    EXPECT_TRUE(mTap);
+    first->Close();
+    EXPECT_TRUE(RunUntil([this] { return mServer->ClientCount() == 1; }));
+    RunWhileBusy();
+    EXPECT_TRUE(mTap);
+    second->Close();
+    EXPECT_TRUE(RunUntil([this] { return mServer->ClientCount() == 0; }));
+    RunWhileBusy();
+    EXPECT_FALSE(mTap);
+}
+
+TEST_F(ControlServerTest, APacketThatNoMessageHoldsIsCutAndHasItsSize)
+{
+    const auto capturer = Capturer();
+    const std::vector<unsigned char> packet(65531, 0x7F);
+    mTap({1, true, packet});
+
+    const json message = json::parse(capturer->Receive());
+    EXPECT_EQ(message.at("size"), 65531);
+    EXPECT_EQ(message.at("bytes").get<std::string>().size(), 2U * 16384);
+}
+
+TEST_F(ControlServerTest, WhoCapturesTooSlowlyIsToldHowMuchIsMissingAndGoesOn)
+{
+    const auto capturer = Capturer();
+    const std::vector<unsigned char> packet(16384, 0x7F);
+    for (int i = 0; i < 100; ++i) {
+        mTap({1, true, packet});
+    }
+    std::uint64_t taken = 0;
+    json message;
+    do {
+        message = json::parse(capturer->Receive());
+        ++taken;
+    } while (message.at("event") == "packet");
+    EXPECT_EQ(message, json({{"event", "missed"}, {"count", 100 - (taken - 1)}}));
+    mTap({1, true, packet});
+    EXPECT_EQ(json::parse(capturer->Receive()).at("event"), "packet");
+    mServer.reset();
+    EXPECT_EQ(capturer->Receive(), R"({"end":"service-ended"})");
 }
 
 TEST_F(ControlServerTest, AClientOfAnotherUserIsRefused)

@@ -374,6 +374,29 @@ TEST_F(LinkSessionTest, MessagesGoBothWays)
     EXPECT_EQ(host.Receive(), "nothing");
 }
 
+TEST_F(LinkSessionTest, TheTapHasEachPacketThatCrossesInItsOrder)
+{
+    std::vector<std::string> seen;
+    StartService();
+    mLink->SetTap([&](const LinkSession::Packet &packet) {
+        seen.push_back(std::to_string(packet.mConnectionId) +
+                       (packet.mIsFromHost ? " in " : " out ") +
+                       std::string(packet.mBytes.begin(), packet.mBytes.end()));
+    });
+    RawHost host(Socket());
+    RunWhileBusy();
+    host.Send("request");
+    RunWhileBusy();
+    EXPECT_EQ(Send("answer"), 0);
+    EXPECT_NE(mLink->Send(mConnectionId + 1, kChannel, 1, "x"), 0);
+    const std::string link = std::to_string(mConnectionId);
+    EXPECT_THAT(seen, ElementsAre(link + " in request", link + " out answer"));
+
+    mLink->SetTap(nullptr);
+    EXPECT_EQ(Send("more"), 0);
+    EXPECT_EQ(seen.size(), 2U);
+}
+
 TEST_F(LinkSessionTest, WhatIsSentBeforeTheAcceptanceIsKept)
 {
     const RawHost host(Socket());

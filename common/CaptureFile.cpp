@@ -5,9 +5,9 @@
 #include <chrono>
 #include <fcntl.h>
 #include <unistd.h>
-#include <vector>
+#include <utility>
 
-namespace ParvaneHost {
+namespace Parvane {
 
 namespace {
 
@@ -61,31 +61,43 @@ Block InterfaceDescription()
     return Framed(1, body);
 }
 
-Block EnhancedPacket(Sender sender, std::span<const std::uint8_t> packet)
+void AppendOption(Block &block, std::uint16_t code, std::span<const std::uint8_t> value)
 {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto time =
-        static_cast<std::uint64_t>(std::chrono::floor<std::chrono::microseconds>(now).count());
+    Append(block, code, 2);
+    Append(block, value.size(), 2);
+    AppendPadded(block, value);
+}
+
+Block EnhancedPacket(const CapturedPacket &packet, const std::vector<std::string> &comments)
+{
+    constexpr std::uint16_t kComment = 1;
+    constexpr std::uint16_t kFlags = 2;
+    const auto time = static_cast<std::uint64_t>(packet.mAt.time_since_epoch().count());
     Block body;
     Append(body, 0, 4); // the interface
     Append(body, time >> 32U, 4);
     Append(body, time & UINT32_MAX, 4);
-    Append(body, packet.size(), 4);
-    Append(body, packet.size(), 4);
-    AppendPadded(body, packet);
-    Append(body, 2, 2); // epb_flags, of 4 bytes: outbound or inbound
-    Append(body, 4, 2);
-    Append(body, sender == Sender::Phone ? 2 : 1, 4);
+    Append(body, packet.mBytes.size(), 4);
+    Append(body, packet.mSize, 4);
+    AppendPadded(body, packet.mBytes);
+    for (const std::string &comment : comments) {
+        AppendOption(body, kComment,
+                     {reinterpret_cast<const std::uint8_t *>(comment.data()), comment.size()});
+    }
+    Block direction;
+    Append(direction, packet.mSender == Sender::Phone ? 2 : 1, 4); // outbound or inbound
+    AppendOption(body, kFlags, direction);
     Append(body, 0, 4); // the end of the options
     return Framed(6, body);
 }
 
 } // namespace
 
-int CaptureFile::Open(const std::string &path)
+int CaptureFile::Open(const std::string &path, bool mayReplace)
 {
     constexpr int kOwnerOnly = 0600; // somebody's heart rate
-    mFile.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kOwnerOnly));
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (mayReplace ? O_TRUNC : O_EXCL);
+    mFile.Reset(::open(path.c_str(), flags, kOwnerOnly));
     if (!mFile) {
         return errno;
     }
@@ -96,9 +108,21 @@ int CaptureFile::Open(const std::string &path)
     return Write(beginning);
 }
 
+void CaptureFile::LinkBegins(const std::string &run)
+{
+    mComments.push_back(std::string(kLinkBegins) + (run.empty() ? "" : ", run " + run));
+}
+
+int CaptureFile::Add(const CapturedPacket &packet)
+{
+    const auto comments = std::exchange(mComments, {});
+    return mFile ? Write(EnhancedPacket(packet, comments)) : 0;
+}
+
 int CaptureFile::Add(Sender sender, std::span<const std::uint8_t> packet)
 {
-    return mFile ? Write(EnhancedPacket(sender, packet)) : 0;
+    const auto now = std::chrono::system_clock::now();
+    return Add({sender, std::chrono::floor<std::chrono::microseconds>(now), packet, packet.size()});
 }
 
 int CaptureFile::Write(std::span<const std::uint8_t> bytes)
@@ -116,4 +140,4 @@ int CaptureFile::Write(std::span<const std::uint8_t> bytes)
     return error;
 }
 
-} // namespace ParvaneHost
+} // namespace Parvane

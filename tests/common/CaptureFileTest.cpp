@@ -6,15 +6,17 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <sys/resource.h>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Messages.h"
-
-namespace ParvaneHost {
+namespace Parvane {
 namespace {
+
+using Bytes = std::vector<std::uint8_t>;
 
 // docs/capture.md: a section, and an interface of the link type 147.
 const Bytes kBeginning{0x0A, 0x0D, 0x0D, 0x0A, 0x1C, 0x00, 0x00, 0x00, 0x4D, 0x3C, 0x2B, 0x1A,
@@ -32,6 +34,8 @@ const Bytes kReply{0x06, 0x00, 0x00, 0x00, 0x30, 0x00, 0x00, 0x00, 0x00, 0x00, 0
                    0x04, 0x00, 0x00, 0x00, 0x14, 0x02, 0x00, 0x03, 0x02, 0x00, 0x04, 0x00,
                    0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x30, 0x00, 0x00, 0x00};
 constexpr std::ptrdiff_t kTime = 12;
+
+using testing::HasSubstr;
 
 class CaptureFileTest : public testing::Test
 {
@@ -67,19 +71,59 @@ protected:
 
 TEST_F(CaptureFileTest, AFileBeginsWithItsSectionAndInterfaceAndIsItsOwnersAlone)
 {
-    std::ofstream(mPath) << std::string(1000, 'x');
-
-    EXPECT_EQ(mFile.Open(mPath), 0);
+    EXPECT_EQ(mFile.Open(mPath, false), 0);
 
     EXPECT_EQ(Content(), kBeginning);
-    std::filesystem::remove(mPath);
-    EXPECT_EQ(mFile.Open(mPath), 0);
     EXPECT_EQ(std::filesystem::status(mPath).permissions(), std::filesystem::perms(0600));
+}
+
+TEST_F(CaptureFileTest, AFileThatIsThereIsReplacedOnlyWhereThatIsWanted)
+{
+    const std::string before(1000, 'x');
+    std::ofstream(mPath) << before;
+
+    EXPECT_EQ(mFile.Open(mPath, false), EEXIST);
+    EXPECT_FALSE(mFile.IsOpen());
+    EXPECT_EQ(Content(), Bytes(before.begin(), before.end()));
+    EXPECT_EQ(mFile.Open(mPath, true), 0);
+    EXPECT_EQ(Content(), kBeginning);
+}
+
+TEST_F(CaptureFileTest, WhatIsSaidOfALinkIsACommentOfItsFirstPacket)
+{
+    ASSERT_EQ(mFile.Open(mPath, false), 0);
+    mFile.LinkBegins("");
+    mFile.PacketsAreMissing();
+    ASSERT_EQ(mFile.Add(Sender::Phone, Bytes{0x01}), 0);
+    const Bytes first = Content();
+    const std::string text(first.begin(), first.end());
+    mFile.LinkBegins("7:12");
+    ASSERT_EQ(mFile.Add(Sender::Phone, Bytes{0x01}), 0);
+    ASSERT_EQ(mFile.Add(Sender::Phone, Bytes{0x01}), 0);
+    const Bytes all = Content();
+
+    // Code 1, the length, the text, and zeros up to four bytes.
+    EXPECT_THAT(text, HasSubstr(std::string("\1\0\13\0link begins\0\1\0\30\0", 20) +
+                                "packets are missing here"));
+    EXPECT_THAT(std::string(all.begin(), all.end()),
+                HasSubstr(std::string("\1\0\25\0link begins, run 7:12\0\0\0\2\0\4\0", 32)));
+    EXPECT_EQ(all.size() - first.size(), 48U + 28U + 48U); // the third one has no comment
+}
+
+TEST_F(CaptureFileTest, APacketThatWasCutHasItsWholeSize)
+{
+    const Bytes some{0x12, 0x00, 0x00, 0x03};
+    ASSERT_EQ(mFile.Open(mPath, false), 0);
+    ASSERT_EQ(mFile.Add({Sender::Phone, {}, some, 70000}), 0);
+
+    const Bytes added = Added();
+    EXPECT_EQ(Bytes(added.begin() + 20, added.begin() + 32),
+              (Bytes{0x04, 0x00, 0x00, 0x00, 0x70, 0x11, 0x01, 0x00, 0x12, 0x00, 0x00, 0x03}));
 }
 
 TEST_F(CaptureFileTest, WhatThePhoneSendsIsOutboundAndPaddedToFourBytes)
 {
-    ASSERT_EQ(mFile.Open(mPath), 0);
+    ASSERT_EQ(mFile.Open(mPath, false), 0);
     EXPECT_EQ(mFile.Add(Sender::Phone, Bytes{0x33, 0x00, 0x00, 0x01, 0x02}), 0);
 
     EXPECT_EQ(Added(), kRequest); // in the file while that is still open
@@ -87,7 +131,7 @@ TEST_F(CaptureFileTest, WhatThePhoneSendsIsOutboundAndPaddedToFourBytes)
 
 TEST_F(CaptureFileTest, WhatTheWatchSendsIsInbound)
 {
-    ASSERT_EQ(mFile.Open(mPath), 0);
+    ASSERT_EQ(mFile.Open(mPath, false), 0);
     EXPECT_EQ(mFile.Add(Sender::Watch, Bytes{0x14, 0x02, 0x00, 0x03}), 0);
 
     EXPECT_EQ(Added(), kReply);
@@ -99,7 +143,7 @@ TEST_F(CaptureFileTest, APacketHasTheTimeInMicroseconds)
         const auto time = std::chrono::system_clock::now().time_since_epoch();
         return std::chrono::floor<std::chrono::microseconds>(time).count();
     };
-    ASSERT_EQ(mFile.Open(mPath), 0);
+    ASSERT_EQ(mFile.Open(mPath, false), 0);
     const auto before = now();
     ASSERT_EQ(mFile.Add(Sender::Phone, {}), 0);
     const auto after = now();
@@ -116,13 +160,13 @@ TEST_F(CaptureFileTest, APacketHasTheTimeInMicroseconds)
 TEST_F(CaptureFileTest, AFileThatIsNotOpenTakesNothing)
 {
     EXPECT_EQ(mFile.Add(Sender::Phone, Bytes{0x01}), 0);
-    EXPECT_EQ(mFile.Open(mFolder / "missing" / "link.pcapng"), ENOENT);
-    EXPECT_EQ(mFile.Open("/dev/full"), ENOSPC);
+    EXPECT_EQ(mFile.Open(mFolder / "missing" / "link.pcapng", false), ENOENT);
+    EXPECT_EQ(mFile.Open("/dev/full", true), ENOSPC);
 }
 
 TEST_F(CaptureFileTest, APacketWithoutRoomLeavesTheFileWholeAndIsToldOnce)
 {
-    ASSERT_EQ(mFile.Open(mPath), 0);
+    ASSERT_EQ(mFile.Open(mPath, false), 0);
     rlimit usual{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &usual), 0);
     const rlimit little{kBeginning.size() + 20, usual.rlim_max};
@@ -140,4 +184,4 @@ TEST_F(CaptureFileTest, APacketWithoutRoomLeavesTheFileWholeAndIsToldOnce)
 }
 
 } // namespace
-} // namespace ParvaneHost
+} // namespace Parvane
