@@ -73,7 +73,7 @@ def check_element(element):
     if name == "Extensions":
         check([child.tag for child in element] == [LAP_EXTENSION + "LX"], "the extension of a lap")
         check([child.tag for child in element[0]] == [LAP_EXTENSION + "Steps"], "what the extension has")
-        check(int(element[0][0].text) <= 65535, "the steps of a lap")
+        check(0 <= int(element[0][0].text) <= 65535, "the steps of a lap")
         return
     rule = STRUCTURE.get(name)
     check(rule is not None, "an unknown element " + name)
@@ -98,7 +98,7 @@ def tree(text):
 def check_that_faults_are_found(text):
     """The check of the structure has to fail for what is none."""
     for old, new in [("<Calories>0</Calories>", ""), ("<Intensity>Active", "<Intensity>Fast"), ("Sport=", "Kind="),
-                     ("<Track>", "<Notes/><Track>"), ("<Steps>", "<Steps>-")]:
+                     ("<Track>", "<Notes/><Track>"), ("<Steps>25", "<Steps>-25")]:
         check(old in text, old)
         try:
             tree(text.replace(old, new, 1))
