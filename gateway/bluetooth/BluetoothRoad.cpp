@@ -1,0 +1,149 @@
+#include "BluetoothRoad.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "BluezNames.h"
+#include "Log.h"
+
+namespace ParvaneGateway {
+
+namespace {
+
+constexpr int kLongestFlushMs = 500;
+
+/** Returns when the bus has all that was sent; GIO's own flush has no limit. */
+void Flush(GDBusConnection *connection)
+{
+    const VariantPtr answer(g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, kLongestFlushMs, nullptr, nullptr));
+}
+
+} // namespace
+
+BluetoothRoad::BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat)
+    : mSettings(std::move(settings)), mSeat(seat)
+{
+    const std::weak_ptr<std::string> alive = mState;
+    seat.AddListener([this, alive] {
+        if (!alive.expired() && mSession) {
+            mSession->OnSeatChanged();
+        }
+    });
+}
+
+BluetoothRoad::~BluetoothRoad()
+{
+    BluetoothRoad::Shut();
+}
+
+void BluetoothRoad::Shut()
+{
+    if (mConnecting) {
+        g_cancellable_cancel(mConnecting.get());
+        mConnecting.reset();
+    }
+    mRetry.Remove();
+    Disconnect();
+}
+
+void BluetoothRoad::Connect()
+{
+    GError *error = nullptr;
+    char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    const BusErrorPtr failure(error);
+    if (address == nullptr) {
+        TakeConnection(nullptr, failure.get());
+        return;
+    }
+    mConnecting.reset(g_cancellable_new());
+    // The callback tells by its cancellable whether there still is a road.
+    g_dbus_connection_new_for_address(
+        address,
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, mConnecting.get(), OnConnected, this);
+    g_free(address);
+}
+
+void BluetoothRoad::OnConnected(GObject * /*source*/, GAsyncResult *result,
+                                gpointer user_data) noexcept
+{
+    GError *error = nullptr;
+    BusObjectPtr<GDBusConnection> connection(
+        g_dbus_connection_new_for_address_finish(result, &error));
+    const BusErrorPtr failure(error);
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE) {
+        return; // the road has gone
+    }
+    auto *self = static_cast<BluetoothRoad *>(user_data);
+    RunBusHandler([&] { self->TakeConnection(std::move(connection), failure.get()); });
+}
+
+void BluetoothRoad::TakeConnection(BusObjectPtr<GDBusConnection> connection, const GError *error)
+{
+    mConnecting.reset();
+    mConnection = std::move(connection);
+    if (!mConnection) {
+        OnState(std::string("there is no system bus: ") + error->message, true);
+        mRetry = LoopSource::After(mPause, [this] { Connect(); });
+        mPause = std::min(2 * mPause, Registration::kLongestPause);
+        return;
+    }
+    mPause = mSettings.mFirstPause;
+    mClosed = g_signal_connect(mConnection.get(), "closed", G_CALLBACK(OnClosed), this);
+    mBluez = std::make_unique<BusScope>(mConnection.get(), Bluez::kName);
+    mBluez->WatchOwner([this](const std::string &owner) { OnBluez(owner); });
+}
+
+void BluetoothRoad::OnClosed(GDBusConnection * /*connection*/, gboolean /*byPeer*/,
+                             GError * /*error*/, gpointer user_data) noexcept
+{
+    auto *self = static_cast<BluetoothRoad *>(user_data);
+    RunBusHandler([self] {
+        self->Disconnect();
+        self->OnState("the system bus is lost", true);
+        self->mRetry = LoopSource::After(self->mPause, [self] { self->Connect(); });
+    });
+}
+
+void BluetoothRoad::Disconnect()
+{
+    mSession.reset();
+    mBluez.reset();
+    if (mConnection) {
+        g_signal_handler_disconnect(mConnection.get(), mClosed);
+        if (g_dbus_connection_is_closed(mConnection.get()) == FALSE) {
+            Flush(mConnection.get());
+            g_dbus_connection_close(mConnection.get(), nullptr, nullptr, nullptr);
+        }
+        mConnection.reset();
+    }
+}
+
+void BluetoothRoad::OnBluez(const std::string &owner)
+{
+    mSession.reset();
+    if (owner.empty()) {
+        OnState("BlueZ is not running", true);
+        return;
+    }
+    mSession = std::make_unique<BluezSession>(
+        mConnection.get(), owner, mSettings, mSeat,
+        [this](const std::string &state, bool isTrouble) { OnState(state, isTrouble); });
+}
+
+void BluetoothRoad::OnState(const std::string &state, bool isTrouble)
+{
+    if (std::exchange(*mState, state) == state) {
+        return;
+    }
+    if (isTrouble) {
+        LogWarning("bluetooth: " + state);
+    } else {
+        LogInfo("bluetooth: " + state);
+    }
+}
+
+} // namespace ParvaneGateway

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "BluetoothSettings.h"
+#include "BluezSession.h"
+#include "BusScope.h"
+#include "BusTypes.h"
+#include "LoopSource.h"
+#include "PhoneSeat.h"
+
+namespace ParvaneGateway {
+
+/**
+ * The accessory link over Bluetooth Low Energy, through BlueZ on the system bus: docs/transports.md.
+ *
+ * Waits for the bus and for BlueZ, each life of which gets a BluezSession; that either is away is no
+ * failure. While all is there and nobody comes it has no timer. Log lines tell each change of state,
+ * once. Main-loop thread only.
+ */
+class BluetoothRoad
+{
+public:
+    /** @param seat  borrowed for the life of the road; may outlive it */
+    BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat);
+
+    ~BluetoothRoad();
+
+    BluetoothRoad(const BluetoothRoad &) = delete;
+    BluetoothRoad &operator=(const BluetoothRoad &) = delete;
+
+    void Open() { Connect(); }
+
+    /** Takes everything back, and waits for half a second at most until the bus has it. */
+    void Shut();
+
+    [[nodiscard]] bool IsShut() const { return true; }
+
+    /** How things stand, in words, such as "advertised on hci0". */
+    [[nodiscard]] const std::string &State() const { return *mState; }
+
+private:
+    static void OnConnected(GObject *source, GAsyncResult *result, gpointer user_data) noexcept;
+    static void OnClosed(GDBusConnection *connection, gboolean byPeer, GError *error,
+                         gpointer user_data) noexcept;
+
+    void Connect();
+    void TakeConnection(BusObjectPtr<GDBusConnection> connection, const GError *error);
+    void Disconnect();
+    void OnBluez(const std::string &owner);
+    void OnState(const std::string &state, bool isTrouble);
+
+    const BluetoothSettings mSettings;
+    PhoneSeat &mSeat;
+    /** Shared with what the seat calls, which may outlive the road. */
+    std::shared_ptr<std::string> mState = std::make_shared<std::string>();
+    BusObjectPtr<GCancellable> mConnecting;
+    BusObjectPtr<GDBusConnection> mConnection;
+    gulong mClosed = 0;
+    LoopSource mRetry;
+    std::chrono::milliseconds mPause = mSettings.mFirstPause;
+    /** Who BlueZ is. */
+    std::unique_ptr<BusScope> mBluez;
+    std::unique_ptr<BluezSession> mSession;
+};
+
+} // namespace ParvaneGateway
