@@ -66,7 +66,8 @@ TEST_F(StartTest, SecondInstanceLeavesTheFirstAlone)
     EXPECT_EQ(second.WaitForEnd(), 0);
     EXPECT_THAT(second.StandardError(),
                 HasSubstr("platform: another process uses the run-time directory " +
-                          LinkPath().parent_path().string() + "\n"));
+                          LinkPath().parent_path().string() +
+                          ": end it, or set RUNTIME_DIRECTORY"));
     EXPECT_THAT(second.StandardError(), HasSubstr("main(114) > APP_ERROR_ALREADY_RUNNING"));
     EXPECT_THAT(second.StandardError(), HasSubstr("main(116) > app running is failed = [-114]"));
     EXPECT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);

@@ -60,7 +60,9 @@ Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
     PrepareDirectory(settings.mRuntimeDirectory, "run-time", Durability::FileSystem);
     mLocks.push_back(InstanceLock::OfRunTime(settings.mRuntimeDirectory));
     if (!mLocks.back().IsHeld()) {
-        mTaken = "run-time directory " + settings.mRuntimeDirectory;
+        mTaken =
+            "run-time directory " + settings.mRuntimeDirectory +
+            ": end it, or set RUNTIME_DIRECTORY and STATE_DIRECTORY to some of this service alone";
         return;
     }
     mLocks.push_back(InstanceLock::OfState(settings.mStateDirectory));
