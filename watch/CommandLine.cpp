@@ -4,38 +4,67 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
-#include <iterator>
+#include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "ControlClient.h"
 #include "ExitCodeText.h"
-#include "Printable.h"
-#include "UnixSocket.h"
+#include "Usage.h"
 
 namespace ParvaneWatch {
 
 namespace {
 
 using nlohmann::json;
+using Int = std::numeric_limits<int>;
+using Parvane::ParseSeconds;
+using Parvane::Quoted;
+using Parvane::UsageError;
 
 constexpr const char *kProgram = "parvane-watch";
-constexpr const char *kSubcommands =
-    "status, monitor, config, log, set, steps, activity, gesture, link, memory, battery, quit, "
-    "record, capture, play, "
-    "check-config";
+constexpr int kLargestHeartRate = 65535;
+constexpr int kLongestSeconds = 31536000; // a year
 
-/** Of --until-quiet without a number: longer than a measurement takes. */
-constexpr const char *kQuietSeconds = "20";
+/** For whoever has it wrong. */
+const Parvane::UsageWords &Words()
+{
+    static const Parvane::UsageWords words = {
+        kProgram,
+        {{"status", "status"},
+         {"monitor", "monitor --for 60"},
+         {"config", "config"},
+         {"log", "log warning"},
+         {"set", "set hr 72"},
+         {"steps", "steps +10"},
+         {"activity", "activity walking"},
+         {"gesture", "gesture 3"},
+         {"link", "link down"},
+         {"memory", "memory low"},
+         {"battery", "battery low"},
+         {"quit", "quit"},
+         {"record", "record --on hr,steps run.csv"},
+         {"capture", "capture link.pcapng"},
+         {"play", "play walk.csv"},
+         {"check-config", "check-config platform.conf", {"--socket"}}},
+        {{"--socket", "/run/parvane/control.sock"},
+         {"--for", "60"},
+         {"--tags", "Parvane,platform"},
+         {"--on", "hr,steps,activity"},
+         {"--until-quiet", "20"}, // longer than a measurement takes
+         {"--seed", "7"},
+         {"--speed", "10"}}};
+    return words;
+}
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
 struct Texts
@@ -55,13 +84,6 @@ struct Texts
     bool mPlain = false;
     bool mForce = false;
     bool mJson = false;
-};
-
-/** Wrong usage: its text says what was wrong and what is allowed. */
-class UsageError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
 };
 
 /** Those that say what is so. */
@@ -176,11 +198,6 @@ void AddOptions(CLI::App &app, Texts &texts)
                          "Print the version and exit");
 }
 
-std::string Quoted(const std::string &text)
-{
-    return "'" + Parvane::Printable(text) + "'";
-}
-
 /** What is wrong with a word of the command line, and what is allowed. */
 UsageError Wrong(const std::string &where, const std::string &what,
                  const std::optional<std::string> &text, const std::string &allowed)
@@ -188,20 +205,6 @@ UsageError Wrong(const std::string &where, const std::string &what,
     const std::string problem =
         text ? "unknown " + what + " " + Quoted(*text) : "no " + what + " given";
     return UsageError(where + ": " + problem + "; allowed: " + allowed);
-}
-
-std::int64_t ParseNumber(const std::string &where, const std::optional<std::string> &text,
-                         std::size_t from, const std::string &allowed)
-{
-    std::int64_t number = 0;
-    if (text && from < text->size()) {
-        const char *const end = text->data() + text->size();
-        const auto parsed = std::from_chars(text->data() + from, end, number);
-        if (parsed.ec == std::errc{} && parsed.ptr == end) {
-            return number;
-        }
-    }
-    throw Wrong(where, "value", text, allowed);
 }
 
 /** Reads a number that is all of a text. */
@@ -213,6 +216,19 @@ bool ParseAll(const std::string &text, Number &number)
     return parsed.ec == std::errc{} && parsed.ptr == end;
 }
 
+/** A whole number from character `from` of a word on, within what the protocol takes. */
+std::int64_t ParseWhole(const std::string &where, const std::optional<std::string> &text,
+                        std::size_t from, std::int64_t least, std::int64_t most,
+                        const std::string &allowed)
+{
+    std::int64_t number = 0;
+    const bool isNumber = text && from < text->size() && ParseAll(text->substr(from), number);
+    if (!isNumber || number < least || number > most) {
+        throw Wrong(where, "value", text, allowed);
+    }
+    return number;
+}
+
 /** @param where  the words of the command line that name the item */
 json SetRequest(const std::string &where, const std::string &item, const Texts &texts)
 {
@@ -222,11 +238,12 @@ json SetRequest(const std::string &where, const std::string &item, const Texts &
         if (texts.mValue == "off-wrist") {
             request["value"] = "off-wrist";
         } else {
-            request["value"] = ParseNumber(where, texts.mValue, 0,
-                                           "a whole number of beats per minute, off-wrist");
+            request["value"] =
+                ParseWhole(where, texts.mValue, 0, 0, kLargestHeartRate,
+                           "a whole number of beats per minute from 0 to 65535, off-wrist");
         }
     } else if (item == "steps") {
-        const std::string allowed = "steps to add, as in +10";
+        const std::string allowed = "steps to add, as in +10, up to +2147483647";
         // "+-10" is no number of steps, and "10" could be meant as a total.
         const bool hasSign =
             texts.mValue && texts.mValue->starts_with("+") && !texts.mValue->starts_with("+-");
@@ -234,7 +251,7 @@ json SetRequest(const std::string &where, const std::string &item, const Texts &
             throw Wrong(where, "value", texts.mValue, allowed);
         }
         request["item"] = "steps";
-        request["add"] = ParseNumber(where, texts.mValue, 1, allowed);
+        request["add"] = ParseWhole(where, texts.mValue, 1, 0, Int::max(), allowed);
     } else if (item == "activity") {
         const std::string value = texts.mValue.value_or("");
         if (value != "walking" && value != "running" && value != "still" && value != "other") {
@@ -244,7 +261,8 @@ json SetRequest(const std::string &where, const std::string &item, const Texts &
         request["value"] = value;
     } else if (item == "gesture") {
         request["item"] = "gesture";
-        request["value"] = ParseNumber(where, texts.mValue, 0, "the number of a gesture");
+        request["value"] = ParseWhole(where, texts.mValue, 0, Int::min(), Int::max(),
+                                      "the number of a gesture, a whole number of 32 bits");
     } else {
         throw Wrong("set", "item", texts.mItem, "hr, steps, activity, gesture");
     }
@@ -277,22 +295,6 @@ json RecordRequest(const std::optional<std::string> &words)
     return request;
 }
 
-/** @param option  the words of the command line that name it */
-std::optional<std::chrono::milliseconds> Length(const std::string &option,
-                                                const std::optional<std::string> &text)
-{
-    if (!text) {
-        return std::nullopt;
-    }
-    const std::string allowed = "seconds from 1 to 31536000, as in 30 or 30s";
-    const std::string digits = text->substr(0, text->size() - (text->ends_with('s') ? 1 : 0));
-    const std::int64_t seconds = ParseNumber(option, digits, 0, allowed);
-    if (seconds < 1 || seconds > 31536000) {
-        throw Wrong(option, "value", text, allowed);
-    }
-    return std::chrono::seconds(seconds);
-}
-
 /** The members of a capture besides its request. */
 void ReadCapture(const Texts &texts, Invocation &invocation)
 {
@@ -305,8 +307,8 @@ void ReadCapture(const Texts &texts, Invocation &invocation)
         throw UsageError("capture: a capture goes to a file; ./- is one of that name");
     }
     invocation.mForce = texts.mForce;
-    invocation.mFor = Length("capture --for", texts.mFor);
-    invocation.mQuiet = Length("capture --until-quiet", texts.mQuiet);
+    invocation.mFor = ParseSeconds("--for", texts.mFor, kLongestSeconds);
+    invocation.mQuiet = ParseSeconds("--until-quiet", texts.mQuiet, kLongestSeconds);
 }
 
 json StateRequest(const std::string &name, const Texts &texts)
@@ -325,7 +327,13 @@ json LogRequest(const Texts &texts)
 {
     json request = {{"request", "log"}};
     if (texts.mLevel) {
-        request["level"] = *texts.mLevel; // which there are is the service's to know
+        constexpr std::array kLevels = {"auto",    "verbose", "debug", "info",
+                                        "warning", "error",   "fatal"};
+        if (std::find(kLevels.begin(), kLevels.end(), *texts.mLevel) == kLevels.end()) {
+            throw Wrong("log", "level", texts.mLevel,
+                        "auto, verbose, debug, info, warning, error, fatal");
+        }
+        request["level"] = *texts.mLevel;
     }
     if (texts.mTags) {
         request["tags"] = *texts.mTags;
@@ -351,32 +359,6 @@ Invocation PlayInvocation(const Texts &texts)
         throw Wrong("play", "speed", texts.mSpeed, "a number from 0.001 to 100000");
     }
     return invocation;
-}
-
-std::string CheckedPath(std::string path)
-{
-    if (path.empty()) {
-        throw UsageError("--socket: the path is empty; give the path of the control socket");
-    }
-    if (path.size() > Parvane::LongestSocketPath()) {
-        throw UsageError("socket path " + Quoted(path) + " has " + std::to_string(path.size()) +
-                         " bytes; at most " + std::to_string(Parvane::LongestSocketPath()) +
-                         " are allowed");
-    }
-    return path;
-}
-
-/** What to say about a command line without a subcommand, of which `words` were not understood. */
-std::string SubcommandText(const std::vector<std::string> &words)
-{
-    const std::string allowed = std::string("; allowed: ") + kSubcommands;
-    if (words.empty()) {
-        return "no subcommand given" + allowed;
-    }
-    if (words.front().starts_with('-')) {
-        return "unknown option " + Quoted(words.front());
-    }
-    return "unknown subcommand " + Quoted(words.front()) + allowed;
 }
 
 /** The request of a command that just sends one. */
@@ -411,9 +393,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         invocation.mFile = *texts.mFile;
         return invocation;
     }
-    invocation.mSocketPath = CheckedPath(
+    invocation.mSocketPath = Parvane::CheckedSocketPath(
         texts.mSocket ? *texts.mSocket
-                      : Parvane::RuntimeDirectory(environment, "parvane") + "/control.sock");
+                      : Parvane::RuntimeDirectory(environment, "parvane") + "/control.sock",
+        "the control socket");
     if (name == "play") {
         Invocation play = PlayInvocation(texts);
         play.mSocketPath = invocation.mSocketPath;
@@ -431,7 +414,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         invocation.mAction = Invocation::Action::Monitor;
         request = {{"request", "observe"}};
         invocation.mPlain = texts.mPlain;
-        invocation.mFor = Length("monitor --for", texts.mFor);
+        if (texts.mPlain && texts.mJson) {
+            throw UsageError("monitor: --plain has no effect with --json");
+        }
+        invocation.mFor = ParseSeconds("--for", texts.mFor, kLongestSeconds);
     } else if (name == "capture") {
         ReadCapture(texts, invocation);
         request = {{"request", name}};
@@ -447,6 +433,9 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         if (toOutput && invocation.mJson) {
             throw UsageError("record: --json and the recording cannot both go to standard output");
         }
+        if (toOutput && texts.mForce) {
+            throw UsageError("record: --force has no effect on standard output");
+        }
     } else {
         invocation.mAction = Invocation::Action::Request;
         request = PlainRequest(name, texts);
@@ -454,30 +443,6 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     request["version"] = ControlClient::kVersion;
     invocation.mRequest = request.dump(-1, ' ', false, json::error_handler_t::replace);
     return invocation;
-}
-
-/** `--until-quiet` takes a number that follows it; anything else stays a word of its own. */
-std::vector<std::string> WithQuietValue(std::vector<std::string> words)
-{
-    const auto word = std::find(words.begin(), words.end(), "--until-quiet");
-    if (word == words.end()) {
-        return words;
-    }
-    const auto next = std::next(word);
-    const bool isNumber = next != words.end() && !next->empty() &&
-                          next->find_first_not_of("0123456789s") == std::string::npos;
-    *word += "=" + (isNumber ? *next : kQuietSeconds);
-    if (isNumber) {
-        words.erase(next);
-    }
-    return words;
-}
-
-Ending BadUsage(const std::string &text)
-{
-    return {ExitCode::BadUsage, "",
-            std::string(kProgram) + ": " + Parvane::Printable(text) + "\nTry '" + kProgram +
-                " --help'.\n"};
 }
 
 } // namespace
@@ -493,23 +458,16 @@ std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string>
     AddSubcommands(app, texts);
     app.footer(Parvane::kExitCodeText);
 
-    try {
-        std::vector<std::string> words = WithQuietValue(arguments);
-        std::reverse(words.begin(), words.end());
-        app.parse(std::move(words));
-        return Interpret(app, texts, environment);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {
-            const bool noSubcommand =
-                app.get_subcommands().empty() && error.get_name() == "RequiredError";
-            return BadUsage(noSubcommand ? SubcommandText(app.remaining()) : error.what());
-        }
-        std::ostringstream output;
-        app.exit(error, output, output);
-        return Ending{ExitCode::Success, output.str(), ""};
-    } catch (const std::runtime_error &error) { // of words, or of a variable
-        return BadUsage(error.what());
+    Invocation invocation;
+    const auto end = Parvane::ParseUsage(
+        app, Words(),
+        Parvane::WithOptionalValue(arguments, "--until-quiet", Words().mValues.at("--until-quiet")),
+        [&] { invocation = Interpret(app, texts, environment); });
+    if (end) {
+        return Ending{end->mIsBadUsage ? ExitCode::BadUsage : ExitCode::Success, end->mOutput,
+                      end->mError};
     }
+    return invocation;
 }
 
 } // namespace ParvaneWatch

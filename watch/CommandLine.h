@@ -52,7 +52,7 @@ struct Ending
 /**
  * Reads the command line.
  *
- * Values are looked at for their form only; their ranges are the service's to check.
+ * Values are looked at for form and range; what else is wrong with them is the service's to say.
  *
  * @param arguments    without the program's name
  * @param environment  for the default of the socket's path

@@ -5,14 +5,9 @@
 #include <CLI/Formatter.hpp>
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <charconv>
 #include <cstdint>
 #include <filesystem>
-#include <iterator>
 #include <limits>
-#include <sstream>
-#include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -20,44 +15,49 @@
 #include "ExitCodeText.h"
 #include "HexBytes.h"
 #include "JsonPrinter.h"
-#include "Printable.h"
-#include "UnixSocket.h"
+#include "Usage.h"
 #include "WireFormat.h"
 
 namespace ParvaneHost {
 
 namespace {
 
+using Parvane::ParseNumber;
+using Parvane::ParseSeconds;
+using Parvane::Quoted;
+using Parvane::UsageError;
 using std::chrono::milliseconds;
 
 constexpr const char *kProgram = "parvane-host";
-constexpr const char *kSubcommands = "list, measure, watch, today, stop, raw, export";
-
-/** How each command is used, for whoever has it wrong. */
-constexpr std::array<std::pair<std::string_view, std::string_view>, 7> kCommandExamples = {{
-    {"list", "list"},
-    {"measure", "measure hr"},
-    {"watch", "watch all"},
-    {"today", "today"},
-    {"stop", "stop activity"},
-    {"raw", "raw 01 00 00 00"},
-    {"export", "export --format tcx day.pcapng"},
-}};
-
-/** And each option that has a value. */
-constexpr std::array<std::pair<std::string_view, std::string_view>, 11> kOptionExamples = {{
-    {"--socket", "/run/parvane/link.sock"},
-    {"--capture", "link.pcapng"},
-    {"--timeout", "2.5"},
-    {"--wait", "10"},
-    {"--timestamps", "iso"},
-    {"--every", "10s"},
-    {"--count", "6"},
-    {"--for", "60"},
-    {"--quiet-for", "500"},
-    {"--format", "tcx"},
-    {"--output", "day.tcx"},
-}};
+constexpr int kLongestSeconds = 86400;
+/** For whoever has it wrong. */
+const Parvane::UsageWords &Words()
+{
+    static const Parvane::UsageWords words = {
+        kProgram,
+        {{"list", "list", {"--timestamps", "--no-state"}},
+         {"measure", "measure hr"},
+         {"watch", "watch all"},
+         {"today", "today", {"--timestamps"}},
+         {"stop", "stop activity", {"--timestamps", "--no-state"}},
+         {"raw", "raw 01 00 00 00", {"--no-state"}},
+         {"export",
+          "export --format tcx day.pcapng",
+          {"--socket", "--capture", "--timeout", "--wait", "--timestamps", "--json",
+           "--no-state"}}},
+        {{"--socket", "/run/parvane/link.sock"},
+         {"--capture", "link.pcapng"},
+         {"--timeout", "2.5"},
+         {"--wait", "10"},
+         {"--timestamps", "iso"},
+         {"--every", "10s"},
+         {"--count", "6"},
+         {"--for", "60"},
+         {"--quiet-for", "500"},
+         {"--format", "tcx"},
+         {"--output", "day.tcx"}}};
+    return words;
+}
 
 /** What CLI11 fills in; every text is looked at afterwards, so that all messages have one form. */
 struct Texts
@@ -82,13 +82,6 @@ struct Texts
     bool mForce = false;
 };
 
-/** Wrong usage: its text says what was wrong and what is allowed. */
-class UsageError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
-
 std::string Footer()
 {
     std::string text =
@@ -107,11 +100,10 @@ std::string Footer()
     return text;
 }
 
-/** Of an option that is given again, the last one counts. */
 void AddOption(CLI::App &app, const char *name, std::optional<std::string> &text,
                const char *description, const char *value)
 {
-    app.add_option(name, text, description)->type_name(value)->take_last();
+    app.add_option(name, text, description)->type_name(value);
 }
 
 void AddRawFlag(CLI::App &subcommand, Texts &texts)
@@ -162,7 +154,8 @@ void AddSubcommands(CLI::App &app, Texts &texts)
 
     CLI::App *today = app.add_subcommand("today", "Print how many steps were walked today");
 
-    CLI::App *stop = app.add_subcommand("stop", "End the pushing of a sensor's readings");
+    CLI::App *stop = app.add_subcommand("stop", "End the pushing of a sensor's readings:\n"
+                                                "of the activity, unless another is named");
     stop->add_option("sensor", texts.mSensor, "activity (the default), hr, wear or steps");
 
     CLI::App *raw =
@@ -212,43 +205,6 @@ void AddOptions(CLI::App &app, Texts &texts)
                  "(default: ~/.local/state/parvane-host), read none");
     app.set_version_flag("--version", std::string(kProgram) + " " + PARVANE_HOST_VERSION,
                          "Print the version and exit");
-}
-
-std::string Quoted(const std::string &text)
-{
-    return "'" + Parvane::Printable(text) + "'";
-}
-
-/** A number of at most `largest`; not negative, and not 0 unless `mayBeZero`; `unit` may follow it. */
-template <typename Number>
-Number ParseNumber(const std::string &option, const std::string &text, Number largest,
-                   bool mayBeZero, std::string_view allowed, std::string_view unit = "")
-{
-    Number value{};
-    const char *end = text.data() + text.size();
-    const auto parsed = std::from_chars(text.data(), end, value);
-    const std::string_view rest(parsed.ptr, static_cast<std::size_t>(end - parsed.ptr));
-    // Written so that a floating-point value that is not a number fails, too.
-    const bool inRange = value <= largest && (value > 0 || (mayBeZero && value >= 0));
-    if (parsed.ec != std::errc{} || !(rest.empty() || rest == unit) || !inRange) {
-        throw UsageError(option + ": " + Quoted(text) + " is not allowed; give " +
-                         std::string(allowed));
-    }
-    return value;
-}
-
-std::optional<milliseconds> ParseSeconds(const std::string &option,
-                                         const std::optional<std::string> &text)
-{
-    constexpr double kLargest = 86400.0;
-    constexpr double kMsPerSecond = 1000.0;
-    if (!text) {
-        return std::nullopt;
-    }
-    const double seconds = ParseNumber(option, *text, kLargest, false,
-                                       "seconds above 0 and up to 86400, as in 2.5", "s");
-    return milliseconds{
-        std::max(static_cast<std::int64_t>(seconds * kMsPerSecond), std::int64_t{1})};
 }
 
 milliseconds ParseMilliseconds(const std::string &option, const std::string &text)
@@ -325,29 +281,6 @@ std::string DefaultSocketPath(const Parvane::Environment &environment)
     return link.empty() ? Parvane::RuntimeDirectory(environment, "parvane") + "/link.sock" : link;
 }
 
-std::string CheckedPath(std::string path)
-{
-    if (path.size() > Parvane::LongestSocketPath()) {
-        throw UsageError("socket path " + Quoted(path) + " has " + std::to_string(path.size()) +
-                         " bytes; at most " + std::to_string(Parvane::LongestSocketPath()) +
-                         " are allowed");
-    }
-    return path;
-}
-
-/** What to say about a command line without a subcommand, of which `words` were not understood. */
-std::string SubcommandText(const std::vector<std::string> &words)
-{
-    const std::string allowed = std::string("; allowed: ") + kSubcommands;
-    if (words.empty()) {
-        return "no subcommand given" + allowed;
-    }
-    if (words.front().starts_with('-')) {
-        return "unknown option " + Quoted(words.front());
-    }
-    return "unknown subcommand " + Quoted(words.front()) + allowed;
-}
-
 /**
  * Where the steps of the watch behind a socket are kept: a file for each socket, named after its path.
  * Empty where the environment knows no place.
@@ -374,7 +307,7 @@ void InterpretMeasure(const Texts &texts, Invocation &invocation)
     invocation.mSensors =
         ParseSensors("measure", texts.mSensor,
                      {Sensor::HeartRate, Sensor::WearState, Sensor::Pedometer, Sensor::Activity});
-    invocation.mEvery = ParseSeconds("--every", texts.mEvery);
+    invocation.mEvery = ParseSeconds("--every", texts.mEvery, kLongestSeconds);
     if (!texts.mEvery) {
         invocation.mCount = 1;
     }
@@ -426,7 +359,7 @@ void InterpretAction(const std::string &subcommand, const Texts &texts, Invocati
         invocation.mSensors = ParseSensors(
             "watch", texts.mSensor,
             {Sensor::Activity, Sensor::Pedometer, Sensor::HeartRate, Sensor::WearState}, true);
-        invocation.mFor = ParseSeconds("--for", texts.mFor);
+        invocation.mFor = ParseSeconds("--for", texts.mFor, kLongestSeconds);
     } else if (subcommand == "today") {
         invocation.mAction = Invocation::Action::Today;
         invocation.mSensors = {Sensor::Pedometer};
@@ -446,17 +379,32 @@ void InterpretAction(const std::string &subcommand, const Texts &texts, Invocati
     }
 }
 
+/** Options that another option or the sensor leaves without an effect. */
+void RefuseWithoutEffect(const Texts &texts, const Invocation &invocation)
+{
+    const auto &sensors = invocation.mSensors;
+    const bool hasSteps =
+        std::find(sensors.begin(), sensors.end(), Sensor::Pedometer) != sensors.end();
+    if (!hasSteps && (texts.mRaw || texts.mNoState)) {
+        throw UsageError(std::string(texts.mRaw ? "--raw" : "--no-state") +
+                         " has no effect here: it is for the steps");
+    }
+    if (texts.mTimestamps && texts.mJson) {
+        throw UsageError("--timestamps has no effect with --json, which has time_ms");
+    }
+    if (texts.mForce && !texts.mOutput && !texts.mCapture) {
+        throw UsageError("--force has no effect without a file to write: --capture, --output");
+    }
+}
+
 Invocation Interpret(const CLI::App &app, const Texts &texts,
                      const Parvane::Environment &environment)
 {
     Invocation invocation;
     invocation.mJson = texts.mJson;
-    if (texts.mSocket && texts.mSocket->empty()) {
-        throw UsageError(
-            "--socket: the path is empty; give the path of the accessory link's socket");
-    }
     invocation.mSocketPath =
-        CheckedPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment));
+        Parvane::CheckedSocketPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment),
+                                   "the accessory link's socket");
     if (texts.mCapture && texts.mCapture->empty()) {
         throw UsageError("--capture: the path is empty; give the file to write");
     }
@@ -465,82 +413,17 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     }
     invocation.mCapturePath = texts.mCapture;
     invocation.mForce = texts.mForce;
-    invocation.mTimeout = ParseSeconds("--timeout", texts.mTimeout);
-    invocation.mWait = ParseSeconds("--wait", texts.mWait).value_or(milliseconds{0});
+    invocation.mTimeout = ParseSeconds("--timeout", texts.mTimeout, kLongestSeconds);
+    invocation.mWait =
+        ParseSeconds("--wait", texts.mWait, kLongestSeconds).value_or(milliseconds{0});
     invocation.mTimeStyle = ParseTimeStyle(texts.mTimestamps);
     invocation.mRaw = texts.mRaw;
     if (!texts.mNoState) {
         invocation.mStepsPath = StepsPath(environment, invocation.mSocketPath);
     }
     InterpretAction(app.get_subcommands().front()->get_name(), texts, invocation);
+    RefuseWithoutEffect(texts, invocation);
     return invocation;
-}
-
-/** What goes with `name` in one of the tables of examples; empty when it is not there. */
-template <typename Examples>
-std::string ExampleOf(const Examples &examples, std::string_view name)
-{
-    const auto *const found = std::find_if(examples.begin(), examples.end(),
-                                           [name](const auto &pair) { return pair.first == name; });
-    return found == examples.end() ? std::string() : std::string(found->second);
-}
-
-/** What the parser has found wrong, in our words. */
-std::string UsageText(const CLI::App &app, const CLI::ParseError &error)
-{
-    const auto chosen = app.get_subcommands();
-    const auto is = [&error](CLI::ExitCodes code) {
-        return error.get_exit_code() == static_cast<int>(code);
-    };
-    if (chosen.empty() && is(CLI::ExitCodes::RequiredError)) {
-        return SubcommandText(app.remaining());
-    }
-    const std::vector<std::string> rest = app.remaining(true);
-    if (is(CLI::ExitCodes::ExtrasError) && !chosen.empty() && !rest.empty()) {
-        const std::string subcommand = chosen.front()->get_name();
-        if (rest.front().starts_with('-')) {
-            return subcommand + ": unknown option " + Quoted(rest.front());
-        }
-        return subcommand + ": " + Quoted(rest.front()) +
-               " is one word too many, as in: " + kProgram + " " +
-               ExampleOf(kCommandExamples, subcommand);
-    }
-    std::string text = error.what();
-    if (is(CLI::ExitCodes::ConversionError)) { // every value but that of a flag is read here
-        const std::size_t flag = std::min(text.find("--"), text.size());
-        return text.substr(flag, text.find(' ', flag) - flag) + " takes no value";
-    }
-    const std::string option = text.substr(0, text.find_first_of(": "));
-    const std::string example = ExampleOf(kOptionExamples, option);
-    if (is(CLI::ExitCodes::ArgumentMismatch) && !example.empty()) {
-        return option + " needs a value, as in: " + option + " " + example;
-    }
-    return text;
-}
-
-/** `--wait` takes a number that follows it; anything else stays a word of its own. */
-std::vector<std::string> WithWaitValue(std::vector<std::string> words)
-{
-    for (auto word = words.begin(); word != words.end() && *word != "--"; ++word) {
-        if (*word != "--wait") {
-            continue;
-        }
-        const auto next = std::next(word);
-        const bool isNumber = next != words.end() && !next->empty() &&
-                              std::isdigit(static_cast<unsigned char>(next->front())) != 0;
-        *word += "=" + (isNumber ? *next : ExampleOf(kOptionExamples, "--wait"));
-        if (isNumber) {
-            word = std::prev(words.erase(next));
-        }
-    }
-    return words;
-}
-
-Ending BadUsage(const std::string &text)
-{
-    return {ExitCode::BadUsage, "",
-            std::string(kProgram) + ": " + Parvane::Printable(text) + "\nTry '" + kProgram +
-                " --help'.\n"};
 }
 
 } // namespace
@@ -556,21 +439,15 @@ std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string>
     AddSubcommands(app, texts);
     app.footer(Footer());
 
-    try {
-        std::vector<std::string> words = WithWaitValue(arguments);
-        std::reverse(words.begin(), words.end());
-        app.parse(std::move(words));
-        return Interpret(app, texts, environment);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {
-            return BadUsage(UsageText(app, error));
-        }
-        std::ostringstream output;
-        app.exit(error, output, output);
-        return Ending{ExitCode::Success, output.str(), ""};
-    } catch (const std::runtime_error &error) { // of words, or of a variable
-        return BadUsage(error.what());
+    Invocation invocation;
+    const auto end = Parvane::ParseUsage(
+        app, Words(), Parvane::WithOptionalValue(arguments, "--wait", Words().mValues.at("--wait")),
+        [&] { invocation = Interpret(app, texts, environment); });
+    if (end) {
+        return Ending{end->mIsBadUsage ? ExitCode::BadUsage : ExitCode::Success, end->mOutput,
+                      end->mError};
     }
+    return invocation;
 }
 
 } // namespace ParvaneHost

@@ -216,9 +216,27 @@ TEST(CommandLineTest, OptionsWithoutTheirValueAreNamedWithAnExample)
     ExpectUsageError({"measure", "hr", "--every"}, "--every needs a value, as in: --every 10s");
     ExpectUsageError({"measure", "hr", "--count"}, "--count needs a value, as in: --count 6");
     ExpectUsageError({"watch", "hr", "--for"}, "--for needs a value, as in: --for 60");
-    ExpectUsageError({"list", "--json=maybe"}, "--json takes no value");
+    for (const char *flag : {"--json=maybe", "--json=3", "--json=true"}) {
+        ExpectUsageError({"list", flag}, "--json takes no value");
+    }
     ExpectUsageError({"raw", "01", "--quiet-for"},
                      "--quiet-for needs a value, as in: --quiet-for 500");
+}
+
+TEST(CommandLineTest, OptionsWithoutAnEffectAreWrongUsage)
+{
+    ExpectUsageError({"list", "--timestamps", "iso"}, "list: --timestamps has no effect here");
+    ExpectUsageError({"--no-state", "stop"}, "stop: --no-state has no effect here");
+    ExpectUsageError({"raw", "01", "--no-state"}, "raw: --no-state has no effect here");
+    ExpectUsageError({"export", "a.pcapng", "--json"}, "export: --json has no effect here");
+    ExpectUsageError({"measure", "hr", "--raw"}, "--raw has no effect here: it is for the steps");
+    ExpectUsageError({"watch", "hr", "--no-state"},
+                     "--no-state has no effect here: it is for the steps");
+    ExpectUsageError({"watch", "hr", "--json", "--timestamps", "iso"},
+                     "--timestamps has no effect with --json, which has time_ms");
+    ExpectUsageError({"list", "--force"},
+                     "--force has no effect without a file to write: --capture, --output");
+    EXPECT_TRUE(Parsed({"watch", "all", "--raw"}).mRaw);
 }
 
 TEST(CommandLineTest, StopMeansTheActivityUnlessTold)

@@ -8,15 +8,16 @@ cmake_minimum_required(VERSION 3.25)
 
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
-set(FOLDERS common host/wire host/ledger host/session host/link host/export host/command watch watch/check_config watch/monitor watch/play)
+set(FOLDERS common common/usage host/wire host/ledger host/session host/link host/export host/command watch watch/check_config watch/monitor watch/play)
 set(SEES_common "")
+set(SEES_common/usage common)
 set(SEES_host/wire "")
 set(SEES_host/ledger host/wire)
 set(SEES_host/session host/ledger host/wire)
 set(SEES_host/link host/session host/ledger host/wire common)
 set(SEES_host/export host/ledger host/wire common)
-set(SEES_host/command host/export host/link host/session host/ledger host/wire common)
-set(SEES_watch watch/check_config watch/monitor watch/play common)
+set(SEES_host/command host/export host/link host/session host/ledger host/wire common/usage common)
+set(SEES_watch watch/check_config watch/monitor watch/play common/usage common)
 set(SEES_watch/monitor watch common)
 set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
@@ -27,6 +28,7 @@ set(POSIX dirent.h clocale fcntl.h langinfo.h poll.h signal.h sys/file.h sys/ioc
 # No I/O: what is in here is told what happens, and when.
 set(PURE host/wire host/ledger host/session)
 set(LIBRARIES_common "")
+set(LIBRARIES_common/usage CLI)
 set(LIBRARIES_host/wire "")
 set(LIBRARIES_host/ledger "")
 set(LIBRARIES_host/session "")

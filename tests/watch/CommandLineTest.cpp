@@ -98,8 +98,9 @@ TEST(CommandLineTest, StepsActivityAndGestureNeedNoSet)
     EXPECT_EQ(RequestOf({"steps", "+10"}), RequestOf({"set", "steps", "+10"}));
     EXPECT_EQ(RequestOf({"activity", "running"}), RequestOf({"set", "activity", "running"}));
     EXPECT_EQ(RequestOf({"gesture", "-3"}), RequestOf({"set", "gesture", "-3"}));
-    EXPECT_EQ(ErrorOf({"steps", "10"}),
-              "parvane-watch: steps: unknown value '10'; allowed: steps to add, as in +10");
+    EXPECT_EQ(
+        ErrorOf({"steps", "10"}),
+        "parvane-watch: steps: unknown value '10'; allowed: steps to add, as in +10, up to +2147483647");
     EXPECT_EQ(ErrorOf({"activity"}), "parvane-watch: activity: no value given; allowed: walking, "
                                      "running, still, other");
 }
@@ -139,7 +140,7 @@ TEST(CommandLineTest, CaptureHasAFileAndMayEndByItself)
     EXPECT_EQ(Parsed({"capture", "--force", "a", "--until-quiet", "3s"}).mQuiet,
               std::chrono::seconds(3));
     EXPECT_THAT(ErrorOf({"capture", "a", "--until-quiet", "0"}),
-                HasSubstr("capture --until-quiet: unknown value '0'; allowed: seconds from 1 to"));
+                HasSubstr("--until-quiet: '0' is not allowed; give seconds above 0"));
     EXPECT_THAT(ErrorOf({"capture"}), HasSubstr("capture: no file given"));
     EXPECT_THAT(ErrorOf({"capture", "-"}), HasSubstr("./- is one of that name"));
 }
@@ -155,26 +156,29 @@ TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
               "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");
     EXPECT_EQ(ErrorOf({"set", "pulse", "7"}),
               "parvane-watch: set: unknown item 'pulse'; allowed: hr, steps, activity, gesture");
-    EXPECT_EQ(ErrorOf({"set", "hr", "7x"}), "parvane-watch: set hr: unknown value '7x'; allowed: "
-                                            "a whole number of beats per minute, off-wrist");
+    EXPECT_EQ(ErrorOf({"set", "hr", "7x"}),
+              "parvane-watch: set hr: unknown value '7x'; allowed: "
+              "a whole number of beats per minute from 0 to 65535, off-wrist");
     EXPECT_EQ(ErrorOf({"set", "hr", "99999999999999999999"}),
               "parvane-watch: set hr: unknown value '99999999999999999999'; allowed: a whole "
-              "number of beats per minute, off-wrist");
+              "number of beats per minute from 0 to 65535, off-wrist");
     for (const char *steps : {"10", "+", "+-1", "++1", "+1.5", "+ 1"}) {
-        EXPECT_EQ(ErrorOf({"set", "steps", steps}), "parvane-watch: set steps: unknown value '" +
-                                                        std::string(steps) +
-                                                        "'; allowed: steps to add, as in +10");
+        EXPECT_EQ(ErrorOf({"set", "steps", steps}),
+                  "parvane-watch: set steps: unknown value '" + std::string(steps) +
+                      "'; allowed: steps to add, as in +10, up to +2147483647");
     }
     EXPECT_EQ(ErrorOf({"set", "activity"}), "parvane-watch: set activity: no value given; "
                                             "allowed: walking, running, still, other");
     EXPECT_EQ(ErrorOf({"link", "off"}),
               "parvane-watch: link: unknown state 'off'; allowed: up, down");
     EXPECT_EQ(ErrorOf({"memory"}), "parvane-watch: memory: no state given; allowed: low");
-    EXPECT_THAT(ErrorOf({"monitor", "--for", "0s"}),
-                HasSubstr("monitor --for: unknown value '0s'; allowed: seconds from 1 to"));
-    EXPECT_THAT(ErrorOf({"monitor", "--for", "1h"}),
-                HasSubstr("monitor --for: unknown value '1h'; allowed: seconds from 1 to"));
+    for (const char *length : {"0s", "1h", "31536001", "-1"}) {
+        EXPECT_EQ(ErrorOf({"monitor", std::string("--for=") + length}),
+                  std::string("parvane-watch: --for: '") + length +
+                      "' is not allowed; give seconds above 0 and up to 31536000, as in 2.5");
+    }
     EXPECT_EQ(Parsed({"monitor", "--for", "30s", "--plain"}).mFor, std::chrono::seconds(30));
+    EXPECT_EQ(Parsed({"monitor", "--for", "1.5"}).mFor, std::chrono::milliseconds(1500));
     EXPECT_EQ(ErrorOf({"record", "--on", "hr,pulse", "a.csv"}),
               "parvane-watch: record --on: unknown item 'pulse'; allowed: hr, steps, activity, "
               "gesture");
@@ -185,6 +189,55 @@ TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
     EXPECT_THAT(ErrorOf({"--socket", std::string(108, 'x'), "status"}),
                 HasSubstr("has 108 bytes; at most 107 are allowed"));
     EXPECT_THAT(ErrorOf({"--socket", "", "status"}), HasSubstr("the path is empty"));
+}
+
+TEST(CommandLineTest, NumbersAndLevelsOutOfRangeAreWrongUsage)
+{
+    EXPECT_EQ(RequestOf({"set", "hr", "65535"}).at("value"), 65535);
+    for (const char *rate : {"65536", "-1"}) {
+        EXPECT_EQ(ErrorOf({"set", "hr", rate}),
+                  std::string("parvane-watch: set hr: unknown value '") + rate +
+                      "'; allowed: a whole number of beats per minute from 0 to 65535, off-wrist");
+    }
+    EXPECT_EQ(RequestOf({"steps", "+2147483647"}).at("add"), 2147483647);
+    EXPECT_THAT(ErrorOf({"steps", "+2147483648"}), EndsWith("as in +10, up to +2147483647"));
+    EXPECT_EQ(RequestOf({"gesture", "-2147483648"}).at("value"), -2147483648);
+    EXPECT_THAT(ErrorOf({"gesture", "2147483648"}), EndsWith("a whole number of 32 bits"));
+    EXPECT_EQ(ErrorOf({"log", "loud"}),
+              "parvane-watch: log: unknown level 'loud'; allowed: auto, verbose, debug, info, "
+              "warning, error, fatal");
+}
+
+TEST(CommandLineTest, WhatTheParserFindsWrongIsSaidAsEverythingElseIs)
+{
+    EXPECT_EQ(ErrorOf({"status", "more"}), "parvane-watch: status: 'more' is one word too many, as "
+                                           "in: parvane-watch status");
+    EXPECT_EQ(ErrorOf({"play", "--frob"}), "parvane-watch: play: unknown option '--frob'");
+    EXPECT_EQ(ErrorOf({"--frob"}), "parvane-watch: unknown option '--frob'");
+    EXPECT_EQ(ErrorOf({"status", "--socket"}),
+              "parvane-watch: --socket needs a value, as in: --socket /run/parvane/control.sock");
+    for (const char *option : {"--for", "--tags", "--on", "--seed", "--speed"}) {
+        const std::string command = option == std::string("--for")    ? "monitor"
+                                    : option == std::string("--tags") ? "log"
+                                    : option == std::string("--on")   ? "record"
+                                                                      : "play";
+        EXPECT_THAT(ErrorOf({command, option}), HasSubstr(" needs a value, as in: "));
+    }
+    for (const char *flag : {"--json=3", "--json=true"}) {
+        EXPECT_EQ(ErrorOf({"status", flag}), "parvane-watch: --json takes no value");
+    }
+    EXPECT_EQ(ErrorOf({"record", "--force=1", "a"}), "parvane-watch: --force takes no value");
+    EXPECT_EQ(Parsed({"play", "a", "--seed", "1", "--seed", "2"}).mSeed, 2U);
+}
+
+TEST(CommandLineTest, OptionsWithoutAnEffectAreWrongUsage)
+{
+    EXPECT_EQ(ErrorOf({"check-config", "a.conf", "--socket", "/s"}),
+              "parvane-watch: check-config: --socket has no effect here");
+    EXPECT_EQ(ErrorOf({"monitor", "--plain", "--json"}),
+              "parvane-watch: monitor: --plain has no effect with --json");
+    EXPECT_EQ(ErrorOf({"record", "--force", "-"}),
+              "parvane-watch: record: --force has no effect on standard output");
 }
 
 TEST(CommandLineTest, HelpListsTheExitCodes)
