@@ -13,7 +13,7 @@ export default tseslint.config(
     },
   },
   {
-    files: ['*.mjs'],
-    languageOptions: { globals: { URL: 'readonly' } },
+    files: ['**/*.mjs'],
+    languageOptions: { globals: { console: 'readonly', URL: 'readonly' } },
   },
 );

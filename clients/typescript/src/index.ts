@@ -26,3 +26,21 @@ export {
   type SessionOptions,
   type Stopped,
 } from './session.js';
+export { Watch, WatchError, type Listener, type WatchOptions } from './watch.js';
+export type { Link, LinkEvents, Transport } from './transport/transport.js';
+export {
+  LINK_PROTOCOL,
+  signIn,
+  WebSocketTransport,
+  type WebSocketLike,
+  type WebSocketOptions,
+} from './transport/websocket.js';
+export {
+  BluetoothTransport,
+  FROM_WATCH,
+  LINK_SERVICE,
+  TO_WATCH,
+  type BluetoothDeviceLike,
+  type BluetoothLike,
+  type CharacteristicLike,
+} from './transport/bluetooth.js';
