@@ -271,11 +271,33 @@ void StrapSession::OnConnected(const GError *error)
         mIsOurConnection = g_dbus_error_is_remote_error(error) == FALSE;
         Fail("cannot be connected: " + Reason(error));
     } else if (!mObjects.FindDevice(mStrap)->mIsConnected) {
-        Fail("cannot be connected: it is gone again");
+        AskWhetherConnected();
     } else {
         mStep = Step::Resolving;
         Advance();
     }
+}
+
+void StrapSession::AskWhetherConnected()
+{
+    // BlueZ 5.66 never says that Connected has changed when the strap's own channel is open before
+    // the controller's word of the connection has been read.
+    mScope.Call(mStrap, kProperties, "GetAll", g_variant_new("(s)", Bluez::kDevice), "(a{sv})",
+                [this, attempt = mAttempt](GVariant *reply, const GError * /*error*/) {
+                    if (attempt != mAttempt) {
+                        return;
+                    }
+                    if (reply != nullptr) {
+                        const GVariantPtr none(g_variant_ref_sink(g_variant_new_strv(nullptr, 0)));
+                        mObjects.Change(mStrap, Bluez::kDevice, Child(reply, 0).get(), none.get());
+                    }
+                    if (!mObjects.FindDevice(mStrap)->mIsConnected) {
+                        Fail("cannot be connected: it is gone again");
+                        return;
+                    }
+                    mStep = Step::Resolving;
+                    Advance();
+                });
 }
 
 void StrapSession::Subscribe()

@@ -93,6 +93,8 @@ private:
     void Take(const std::string &strap);
     void Connect();
     void OnConnected(const GError *error);
+    /** For the time after a connection that no signal has told of. */
+    void AskWhetherConnected();
     void Subscribe();
     void OnSubscribed(const GError *error);
     /** Puts the present strap aside after a failed step. */

@@ -235,6 +235,21 @@ TEST_F(BleSourceTest, NothingIsAskedOfBluezBeforeTheStart)
     EXPECT_THAT(mBluez->Calls(), IsEmpty());
 }
 
+TEST_F(BleSourceTest, ConnectionThatIsNotSignalledIsAskedFor)
+{
+    StartBluezWithStrap();
+    mBluez->LetConnectingBeSilent(mStrap);
+
+    StartAndMeasure();
+
+    EXPECT_EQ(ReadingOfValue({0x00, 72}), "heart_rate=72");
+    EXPECT_THAT(mBluez->Calls(), ElementsAre("GetManagedObjects", "Connect", "StartNotify"));
+    StderrCapture log;
+    mBluez->Disconnect(mStrap);
+    ASSERT_TRUE(Settle());
+    EXPECT_THAT(log.Take(), HasSubstr("is lost"));
+}
+
 TEST_F(BleSourceTest, StopTakesBackNotificationsAndTheConnectionThatItMade)
 {
     StartBluezWithStrap();

@@ -62,14 +62,19 @@ for gone, interface in ((path + '/service000e/char000f', 'org.bluez.GattCharacte
                                 [dbus.ObjectPath(gone), [interface]])
 )py";
 
+/** Python: the services of the strap `path` are found. */
+std::string ResolveCode()
+{
+    return "if path + '/service000e' not in objects:\n    exec(ADD_GATT)\n"
+           "objects[path].UpdateProperties('org.bluez.Device1',"
+           " {'ServicesResolved': dbus.Boolean(True)})\n";
+}
+
 /** Python: what connecting the strap `path` does. */
 std::string ConnectCode()
 {
-    return std::string("objects[path].UpdateProperties('org.bluez.Device1',"
-                       " {'Connected': dbus.Boolean(True)})\n") +
-           "if path + '/service000e' not in objects:\n    exec(ADD_GATT)\n"
-           "objects[path].UpdateProperties('org.bluez.Device1',"
-           " {'ServicesResolved': dbus.Boolean(True)})\n";
+    return "objects[path].UpdateProperties('org.bluez.Device1', {'Connected': dbus.Boolean(True)})\n" +
+           ResolveCode();
 }
 
 /** Python: what the end of its connection does. */
@@ -177,6 +182,13 @@ void MockedBluez::SetReachable(const std::string &strap, bool isReachable)
 void MockedBluez::LetConnectingHang(const std::string &strap)
 {
     SetMethod(strap, "org.bluez.Device1", "Connect", "time.sleep(3600)");
+}
+
+void MockedBluez::LetConnectingBeSilent(const std::string &strap)
+{
+    const std::string silence =
+        "objects[path].props['org.bluez.Device1']['Connected'] = dbus.Boolean(True)\n";
+    SetMethod(strap, "org.bluez.Device1", "Connect", WithNames(strap, silence + ResolveCode()));
 }
 
 void MockedBluez::Connect(const std::string &strap)

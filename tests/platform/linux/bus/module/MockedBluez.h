@@ -38,6 +38,8 @@ public:
     void SetReachable(const std::string &strap, bool isReachable);
     /** Lets the next attempt to connect a strap hang, and all of BlueZ with it. */
     void LetConnectingHang(const std::string &strap);
+    /** Lets attempts to connect a strap succeed without a signal of that, as BlueZ does at times. */
+    void LetConnectingBeSilent(const std::string &strap);
 
     /** Connects a strap as if another program had, or as if its peer had come by itself. */
     void Connect(const std::string &strap);
