@@ -28,6 +28,9 @@ public:
     [[nodiscard]] int Get() const noexcept { return mFd; }
     explicit operator bool() const noexcept { return mFd >= 0; }
 
+    /** The descriptor, which the caller owns from now on. */
+    [[nodiscard]] int Release() noexcept { return std::exchange(mFd, -1); }
+
     /** Closes the descriptor that is held and takes over `fd`; -1 for none. */
     void Reset(int fd = -1) noexcept
     {

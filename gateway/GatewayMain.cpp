@@ -1,29 +1,108 @@
+#include <cerrno>
+#include <cstdlib>
 #include <exception>
+#include <stdexcept>
 #include <string>
-#include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <variant>
+#include <vector>
 
+#include "CommandLine.h"
+#include "Commands.h"
+#include "ConfigFile.h"
+#include "ErrnoText.h"
 #include "Gateway.h"
 #include "Log.h"
 #include "Output.h"
+#include "RuntimeDirectory.h"
 #include "Settings.h"
 #include "Signals.h"
 #include "StandardDescriptors.h"
 
+namespace {
+
+using ParvaneGateway::ExitCode;
+using ParvaneGateway::Settings;
+
+/** Makes a directory that is not there, for this user alone. */
+void MakeDirectory(const std::string &path)
+{
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw std::runtime_error("cannot make the directory " + path + ": " +
+                                 Parvane::ErrnoText(errno));
+    }
+}
+
+/** The configuration's settings; what the service manager gives goes before it. */
+Settings ReadSettings(const ParvaneGateway::Invocation &invocation, bool isServing)
+{
+    const auto configuration =
+        ParvaneGateway::LoadConfiguration(invocation.mConfig, invocation.mIsConfigNamed);
+    if (isServing) {
+        for (const auto &problem : configuration.mProblems) {
+            if (!problem.mIsError) {
+                ParvaneGateway::LogWarning(ToString(invocation.mConfig, problem));
+            }
+        }
+    }
+    if (const auto *error = configuration.FirstError()) {
+        throw std::runtime_error(ToString(invocation.mConfig, *error));
+    }
+    Settings settings = configuration.mSettings;
+    const auto environment = [](const char *name) {
+        return static_cast<const char *>(std::getenv(name));
+    };
+    if (auto state = Parvane::ManagedDirectory(environment, "STATE_DIRECTORY"); !state.empty()) {
+        settings.mStateDirectory = state;
+    }
+    if (auto run = Parvane::ManagedDirectory(environment, "RUNTIME_DIRECTORY"); !run.empty()) {
+        settings.mRuntimeDirectory = run;
+    }
+    return settings;
+}
+
+ExitCode Serve(const Settings &settings)
+{
+    MakeDirectory(settings.mStateDirectory);
+    MakeDirectory(settings.mRuntimeDirectory);
+    const Parvane::Signals signals;
+    ParvaneGateway::Gateway(settings, signals).Run();
+    return ExitCode::Success;
+}
+
+ExitCode Run(const std::vector<std::string> &arguments)
+{
+    const auto parsed = ParvaneGateway::ParseCommandLine(
+        arguments, [](const char *name) { return static_cast<const char *>(std::getenv(name)); });
+    if (const auto *ending = std::get_if<ParvaneGateway::Ending>(&parsed)) {
+        Parvane::WriteAll(STDOUT_FILENO, ending->mOutput);
+        Parvane::WriteAll(STDERR_FILENO, ending->mError);
+        return ending->mCode;
+    }
+    const auto &invocation = std::get<ParvaneGateway::Invocation>(parsed);
+    using Action = ParvaneGateway::Invocation::Action;
+    if (invocation.mAction == Action::CheckConfig) {
+        return ParvaneGateway::CheckConfig(invocation);
+    }
+    const bool isServing = invocation.mAction == Action::Serve;
+    const Settings settings = ReadSettings(invocation, isServing);
+    return isServing ? Serve(settings) : ParvaneGateway::RunCommand(invocation, settings);
+}
+
+} // namespace
+
 int main(int argc, char **argv)
 {
     Parvane::ReserveStandardDescriptors();
-    if (argc > 1 && std::string_view(argv[1]) == "--version") {
-        Parvane::WriteAll(STDOUT_FILENO,
-                          "parvane-gateway " + std::string(PARVANE_GATEWAY_VERSION) + '\n');
-        return 0;
-    }
     try {
-        const Parvane::Signals signals;
-        ParvaneGateway::Gateway(ParvaneGateway::Settings{}, signals).Run();
-        return 0;
+        return static_cast<int>(
+            Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc)));
+    } catch (const ParvaneGateway::NoAnswer &failure) {
+        ParvaneGateway::LogError(failure.what());
+        return static_cast<int>(ExitCode::NoAnswer);
     } catch (const std::exception &failure) {
         ParvaneGateway::LogError(failure.what());
-        return 1;
+        return static_cast<int>(ExitCode::Failure);
     }
 }

@@ -1,14 +1,43 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace ParvaneGateway {
+
+/** Section [web]: the network. */
+struct WebSettings
+{
+    bool mEnabled = true;
+    /** An address of this host, IPv4 or IPv6. */
+    std::string mAddress = "127.0.0.1";
+    /** 0: a free one, which the log tells. */
+    int mPort = 8467;
+    /** Whether TLS is served. On a loopback address, and where mInsecure says so, plain HTTP is as well. */
+    bool mTls = true;
+    /** Plain HTTP for others than this host. */
+    bool mInsecure = false;
+    /** PEM files; empty: those of the state directory, which are made at first use. */
+    std::string mCertificate;
+    std::string mKey;
+    /** Pages of other origins that may connect, such as "https://console.example". */
+    std::vector<std::string> mOrigins;
+
+    bool operator==(const WebSettings &) const = default;
+};
 
 /** What the configuration asks of the gateway; the defaults are those of an empty file. */
 struct Settings
 {
     /** Section [watch]: the run-time directory of the watch service, with its sockets. */
     std::string mWatchDirectory = "/run/parvane";
+    WebSettings mWeb;
+    /** Section [directories]: tokens and certificate; what is there for one run. */
+    std::string mStateDirectory = "/var/lib/parvane-gateway";
+    std::string mRuntimeDirectory = "/run/parvane-gateway";
+
+    bool operator==(const Settings &) const = default;
 };
 
 } // namespace ParvaneGateway

@@ -1,15 +1,18 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <vector>
 
 #include <glib.h>
 
 #include "LoopSource.h"
+#include "OperationSocket.h"
 #include "PhoneSeat.h"
 #include "Road.h"
 #include "Settings.h"
 #include "Signals.h"
+#include "TokenStore.h"
 
 namespace ParvaneGateway {
 
@@ -18,9 +21,12 @@ class Gateway
 {
 public:
     /** How long the ends of connections may take at the end. */
-    static constexpr std::chrono::milliseconds kShutTime{2000};
+    static constexpr std::chrono::milliseconds kShutTime{2500};
 
-    /** @param signals  borrowed for the life of the gateway */
+    /**
+     * @param settings  it and `signals` are borrowed for the life of the gateway; its directories exist
+     * @throws std::runtime_error
+     */
     Gateway(const Settings &settings, const Parvane::Signals &signals);
 
     /**
@@ -36,12 +42,15 @@ private:
         void operator()(GMainLoop *loop) const noexcept { g_main_loop_unref(loop); }
     };
 
+    nlohmann::json Status() const;
     void OnSignal();
     void EndWhenShut();
 
     const Parvane::Signals &mSignals;
     std::unique_ptr<GMainLoop, LoopRelease> mLoop;
     PhoneSeat mSeat;
+    TokenStore mTokens;
+    OperationSocket mOperation;
     std::vector<std::unique_ptr<Road>> mRoads;
     LoopSource mSignalSource;
     LoopSource mShutTimer;

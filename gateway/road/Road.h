@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 namespace ParvaneGateway {
 
 /**
@@ -22,6 +24,15 @@ public:
 
     /** Nobody comes any more; the seat has closed its phone with PhoneEnd::Stopping. */
     virtual void Shut() = 0;
+
+    /** Its name in the status: "web", "bluetooth". */
+    [[nodiscard]] virtual const char *Name() const = 0;
+
+    /**
+     * What `status` tells of it: an object, with "text", one line for people; "refusals", an object of
+     * counts by reason, is put together with those of the others.
+     */
+    [[nodiscard]] virtual nlohmann::json Status() const = 0;
 
     /** Whether all that was to be told to phones on their end is on its way. */
     [[nodiscard]] virtual bool IsShut() const = 0;

@@ -1,0 +1,190 @@
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <optional>
+#include <sstream>
+
+#include "ConfigFile.h"
+#include "Printable.h"
+
+namespace ParvaneGateway {
+
+namespace {
+
+constexpr char kExitCodes[] = "Exit codes:\n"
+                              "  0  done\n"
+                              "  1  a failure\n"
+                              "  2  bad usage\n"
+                              "  3  no gateway that serves this user\n";
+
+/** The texts of options, before they are looked at. */
+struct Texts
+{
+    std::string mConfig;
+    std::string mName;
+    std::string mScope;
+    std::string mFor;
+    std::string mFile;
+    bool mJson = false;
+    bool mNoQr = false;
+};
+
+/** "90", "90s", "15m", "12h" or "30d" in seconds. */
+std::optional<std::int64_t> ParseLength(std::string text)
+{
+    constexpr std::int64_t kMost = 3650LL * 86400;
+    std::int64_t unit = 1;
+    switch (text.empty() ? '\0' : text.back()) {
+    case 'd':
+        unit = 86400;
+        break;
+    case 'h':
+        unit = 3600;
+        break;
+    case 'm':
+        unit = 60;
+        break;
+    case 's':
+        break;
+    default:
+        text += 's';
+    }
+    std::int64_t number = 0;
+    const char *end = text.data() + text.size() - 1;
+    const auto result = std::from_chars(text.data(), end, number);
+    const bool isNumber = result.ec == std::errc() && result.ptr == end;
+    return isNumber && number > 0 && number <= kMost / unit ? std::optional(number * unit)
+                                                            : std::nullopt;
+}
+
+Ending Wrong(const std::string &text)
+{
+    return {ExitCode::BadUsage, "",
+            "parvane-gateway: " + text + "\nTry 'parvane-gateway --help'.\n"};
+}
+
+void AddSubcommands(CLI::App &app, Texts &texts)
+{
+    CLI::App *status = app.add_subcommand("status", "Say how the gateway that serves is doing");
+    status->add_flag("--json", texts.mJson, "One object on one line");
+
+    CLI::App *token = app.add_subcommand("token", "Say or change who is let in");
+    token->require_subcommand(1);
+    CLI::App *add = token->add_subcommand("add", "Let somebody in; the token is shown this once");
+    add->add_option("name", texts.mName, "Whose token it is")->required();
+    add->add_option("--scope", texts.mScope,
+                    "phone (default): be the watch's phone; view: look into the\n"
+                    "service; control: look into it and steer it")
+        ->type_name("SCOPE");
+    add->add_option("--for", texts.mFor, "End after so long, such as 90s, 15m, 12h or 30d")
+        ->type_name("LENGTH");
+    add->add_flag("--no-qr", texts.mNoQr, "No QR code on the terminal");
+    add->add_flag("--json", texts.mJson, "One object on one line");
+    CLI::App *list = token->add_subcommand("list", "Say who is let in");
+    list->add_flag("--json", texts.mJson, "One object on one line");
+    CLI::App *remove =
+        token->add_subcommand("remove", "Let somebody in no more; connections end, too");
+    remove->add_option("name", texts.mName, "Whose token it is")->required();
+
+    CLI::App *pair = app.add_subcommand("pair", "Let phones pair over Bluetooth for a while");
+    pair->add_option("--for", texts.mFor, "For how long, such as 60s (default) or 2m")
+        ->type_name("LENGTH");
+
+    CLI::App *check = app.add_subcommand("check-config", "Say what is wrong with a configuration");
+    check->add_option("file", texts.mFile, "The file (default: the one that counts)");
+}
+
+/** The token's or the pairing's options; what is wrong with them is returned. */
+std::string ApplyTexts(const Texts &texts, Invocation &invocation)
+{
+    using Action = Invocation::Action;
+    invocation.mName = texts.mName;
+    const bool hasName =
+        invocation.mAction == Action::TokenAdd || invocation.mAction == Action::TokenRemove;
+    if (hasName && !IsTokenName(texts.mName)) {
+        return "a token's name is 1 to 64 bytes of printable text";
+    }
+    if (!texts.mScope.empty()) {
+        const auto scope = ScopeOf(texts.mScope);
+        if (!scope) {
+            return "there is no scope '" + Parvane::Printable(texts.mScope) +
+                   "'; there are phone, view and control";
+        }
+        invocation.mScope = *scope;
+    }
+    constexpr std::int64_t kPairS = 60;
+    invocation.mForS = invocation.mAction == Action::Pair ? kPairS : 0;
+    if (!texts.mFor.empty()) {
+        const auto length = ParseLength(texts.mFor);
+        if (!length) {
+            return "'" + Parvane::Printable(texts.mFor) +
+                   "' is no length such as 90s, 15m, 12h or 30d";
+        }
+        invocation.mForS = *length;
+    }
+    return {};
+}
+
+Invocation::Action ActionOf(const CLI::App &app)
+{
+    using Action = Invocation::Action;
+    if (app.got_subcommand("token")) {
+        const CLI::App *token = app.get_subcommand("token");
+        return token->got_subcommand("add")
+                   ? Action::TokenAdd
+                   : (token->got_subcommand("list") ? Action::TokenList : Action::TokenRemove);
+    }
+    if (app.got_subcommand("status")) {
+        return Action::Status;
+    }
+    if (app.got_subcommand("pair")) {
+        return Action::Pair;
+    }
+    return app.got_subcommand("check-config") ? Action::CheckConfig : Action::Serve;
+}
+
+} // namespace
+
+std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
+                                                  const Parvane::Environment &environment)
+{
+    Texts texts;
+    CLI::App app("The watch's accessory link on the network and over Bluetooth.\n"
+                 "Without a command it serves, until SIGTERM or SIGINT.",
+                 "parvane-gateway");
+    app.set_version_flag("--version", "parvane-gateway " PARVANE_GATEWAY_VERSION);
+    app.add_option("--config", texts.mConfig,
+                   "The configuration (default: $PARVANE_GATEWAY_CONF, else\n" +
+                       std::string(kSystemConfigFile) + ")")
+        ->type_name("FILE");
+    app.footer(kExitCodes);
+    AddSubcommands(app, texts);
+    try {
+        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+        app.parse(reversed);
+    } catch (const CLI::Success &success) {
+        std::ostringstream output;
+        app.exit(success, output, output);
+        return Ending{ExitCode::Success, output.str(), ""};
+    } catch (const CLI::ParseError &failure) {
+        return Wrong(Parvane::Printable(failure.what()));
+    }
+
+    Invocation invocation;
+    invocation.mAction = ActionOf(app);
+    invocation.mJson = texts.mJson;
+    invocation.mNoQr = texts.mNoQr;
+    if (std::string wrong = ApplyTexts(texts, invocation); !wrong.empty()) {
+        return Wrong(wrong);
+    }
+    const std::string variable = Parvane::ValueOf(environment, "PARVANE_GATEWAY_CONF");
+    const std::string &named =
+        !texts.mFile.empty() ? texts.mFile : (!texts.mConfig.empty() ? texts.mConfig : variable);
+    invocation.mIsConfigNamed = !named.empty();
+    invocation.mConfig = named.empty() ? kSystemConfigFile : named;
+    return invocation;
+}
+
+} // namespace ParvaneGateway

@@ -1,0 +1,210 @@
+#include "Commands.h"
+
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "Certificate.h"
+#include "ConfigFile.h"
+#include "ErrnoText.h"
+#include "OperationSocket.h"
+#include "Output.h"
+#include "Printable.h"
+#include "QrCode.h"
+#include "TokenStore.h"
+
+namespace ParvaneGateway {
+
+namespace {
+
+/** Keeps the members in the order in which they are written here. */
+using Json = nlohmann::ordered_json;
+
+void Print(const std::string &text)
+{
+    if (const int error = Parvane::WriteAll(STDOUT_FILENO, text); error != 0 && error != EPIPE) {
+        throw std::runtime_error("cannot write to standard output: " + Parvane::ErrnoText(error));
+    }
+}
+
+std::string TimeText(std::int64_t seconds)
+{
+    const std::time_t time = seconds;
+    std::tm parts{};
+    std::array<char, 32> text{};
+    ::gmtime_r(&time, &parts);
+    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text.data();
+}
+
+/** The certificate's fingerprint; empty where there is none yet. */
+std::string Fingerprint(const Settings &settings)
+{
+    const WebSettings &web = settings.mWeb;
+    const bool isOwn = web.mCertificate.empty();
+    try {
+        return FingerprintOf(
+            LoadCertificate(isOwn ? settings.mStateDirectory + "/certificate.pem"
+                                  : web.mCertificate,
+                            isOwn ? settings.mStateDirectory + "/key.pem" : web.mKey,
+                            HostNames(web.mAddress), isOwn)
+                .get());
+    } catch (const std::runtime_error &) {
+        return {};
+    }
+}
+
+/** Where a browser finds the console. */
+std::string ConsoleAddress(const WebSettings &web)
+{
+    std::string host = web.mAddress;
+    if (host == "0.0.0.0" || host == "::") {
+        std::array<char, 256> name{};
+        ::gethostname(name.data(), name.size() - 1);
+        host = name.data();
+    }
+    const bool isV6 = host.find(':') != std::string::npos;
+    return (web.mTls ? "https://" : "http://") + (isV6 ? '[' + host + ']' : host) + ':' +
+           std::to_string(web.mPort) + '/';
+}
+
+ExitCode AddToken(const Invocation &invocation, const Settings &settings)
+{
+    const std::int64_t ends = invocation.mForS == 0 ? 0 : std::time(nullptr) + invocation.mForS;
+    const std::string secret =
+        TokenFile(settings.mStateDirectory).Add(invocation.mName, invocation.mScope, ends);
+    const std::string fingerprint = settings.mWeb.mTls ? Fingerprint(settings) : "";
+    // Behind '#', a browser keeps it to itself.
+    const std::string address = ConsoleAddress(settings.mWeb) + "#token=" + secret +
+                                (fingerprint.empty() ? "" : "&sha256=" + fingerprint);
+    if (invocation.mJson) {
+        Print(Json{{"name", invocation.mName}, {"token", secret}, {"address", address}}.dump() +
+              '\n');
+        return ExitCode::Success;
+    }
+    Print("token    " + secret + "\naddress  " + address + '\n');
+    if (!invocation.mNoQr && ::isatty(STDOUT_FILENO) == 1) {
+        Print(QrCode(address));
+    }
+    Print("It is not shown again.\n");
+    return ExitCode::Success;
+}
+
+ExitCode ListTokens(const Invocation &invocation, const Settings &settings)
+{
+    Json list = Json::array();
+    std::string text;
+    const std::int64_t now = std::time(nullptr);
+    for (const Token &token : TokenFile(settings.mStateDirectory).Load()) {
+        const std::string ends = token.mEnds == 0 ? "" : TimeText(token.mEnds);
+        list.push_back({{"name", token.mName},
+                        {"scope", NameOf(token.mScope)},
+                        {"created", TimeText(token.mCreated)},
+                        {"ends", ends.empty() ? Json() : Json(ends)},
+                        {"ended", token.HasEnded(now)}});
+        text += token.mName + "  " + NameOf(token.mScope) + "  since " + TimeText(token.mCreated) +
+                (ends.empty() ? "" : (token.HasEnded(now) ? ", ended " : ", until ") + ends) + '\n';
+    }
+    Print(invocation.mJson ? Json{{"tokens", list}}.dump() + '\n'
+                           : (text.empty() ? "no tokens\n" : text));
+    return ExitCode::Success;
+}
+
+ExitCode RemoveToken(const Invocation &invocation, const Settings &settings)
+{
+    if (!TokenFile(settings.mStateDirectory).Remove(invocation.mName)) {
+        throw std::runtime_error("there is no token of the name " + invocation.mName);
+    }
+    return ExitCode::Success;
+}
+
+std::string Line(const std::string &what, const std::string &value)
+{
+    constexpr std::size_t kWidth = 13;
+    return what + std::string(kWidth - what.size(), ' ') + value + '\n';
+}
+
+std::string StatusText(const nlohmann::json &status)
+{
+    std::string text;
+    const auto &phone = status.at("phone");
+    text += Line("phone", phone.is_null() ? "none"
+                                          : phone.at("name").get<std::string>() + " by " +
+                                                phone.at("road").get<std::string>() + " since " +
+                                                phone.at("since").get<std::string>());
+    text += Line("packets", std::to_string(status.at("packets_to_watch").get<std::uint64_t>()) +
+                                " to the watch, " +
+                                std::to_string(status.at("packets_to_phone").get<std::uint64_t>()) +
+                                " to phones");
+    for (const auto &[name, road] : status.at("roads").items()) {
+        text += Line(name, road.value("text", road.dump()));
+        if (road.contains("fingerprint")) {
+            text += Line("fingerprint", "SHA-256 " + road["fingerprint"].get<std::string>());
+        }
+    }
+    for (const auto &[reason, count] : status.at("refusals").items()) {
+        text += Line("refused", std::to_string(count.get<std::uint64_t>()) + ' ' + reason);
+    }
+    return text;
+}
+
+ExitCode ShowStatus(const Invocation &invocation, const Settings &settings)
+{
+    const nlohmann::json status =
+        OperationSocket::Ask(settings.mRuntimeDirectory, {{"request", "status"}});
+    Print(invocation.mJson ? status.dump() + '\n' : StatusText(status));
+    return ExitCode::Success;
+}
+
+ExitCode Pair(const Invocation &invocation, const Settings &settings)
+{
+    const nlohmann::json reply = OperationSocket::Ask(
+        settings.mRuntimeDirectory, {{"request", "pair"}, {"for_s", invocation.mForS}});
+    Print(reply.value("text", "phones may pair for " + std::to_string(invocation.mForS) + " s") +
+          '\n');
+    return ExitCode::Success;
+}
+
+} // namespace
+
+ExitCode RunCommand(const Invocation &invocation, const Settings &settings)
+{
+    switch (invocation.mAction) {
+    case Invocation::Action::TokenAdd:
+        return AddToken(invocation, settings);
+    case Invocation::Action::TokenList:
+        return ListTokens(invocation, settings);
+    case Invocation::Action::TokenRemove:
+        return RemoveToken(invocation, settings);
+    case Invocation::Action::Status:
+        return ShowStatus(invocation, settings);
+    case Invocation::Action::Pair:
+        return Pair(invocation, settings);
+    case Invocation::Action::CheckConfig:
+    case Invocation::Action::Serve:
+        break;
+    }
+    return CheckConfig(invocation);
+}
+
+ExitCode CheckConfig(const Invocation &invocation)
+{
+    const Configuration configuration =
+        LoadConfiguration(invocation.mConfig, invocation.mIsConfigNamed);
+    std::string text;
+    for (const ConfigProblem &problem : configuration.mProblems) {
+        text += (problem.mIsError ? "error: " : "warning: ") +
+                ToString(invocation.mConfig, problem) + '\n';
+    }
+    const bool isGood = configuration.FirstError() == nullptr;
+    Print(text +
+          (isGood ? "the gateway starts with it\n" : "the gateway does not start with it\n"));
+    return isGood ? ExitCode::Success : ExitCode::Failure;
+}
+
+} // namespace ParvaneGateway

@@ -1,0 +1,316 @@
+#include "ConfigFile.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <netinet/in.h>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include <glib.h>
+
+#include "Printable.h"
+
+namespace ParvaneGateway {
+
+namespace {
+
+constexpr std::size_t kMostBytes = 1048576;
+constexpr int kMostProblems = 20;
+constexpr int kMostPort = 65535;
+
+/** One key: what it may hold, and how it is taken; false when the value is not allowed. */
+struct Key
+{
+    const char *mSection;
+    const char *mName;
+    const char *mAllowed; // the end of the sentence "it must be ..."
+    std::function<bool(const std::string &value, Settings &settings)> mApply;
+};
+
+std::optional<bool> ParseBoolean(const std::string &text)
+{
+    if (text == "yes" || text == "true" || text == "1") {
+        return true;
+    }
+    return text == "no" || text == "false" || text == "0" ? std::optional(false) : std::nullopt;
+}
+
+template <typename Field>
+auto Boolean(Field field)
+{
+    return [field](const std::string &text, Settings &settings) {
+        const auto value = ParseBoolean(text);
+        std::invoke(field, settings) = value.value_or(false);
+        return value.has_value();
+    };
+}
+
+/** A path without slashes at its end; a socket's path below it has room. */
+bool IsDirectory(const std::string &text)
+{
+    constexpr std::size_t kMost = 92;
+    return text.starts_with('/') && text.size() <= kMost &&
+           (text.size() == 1 || !text.ends_with('/'));
+}
+
+template <typename Field>
+auto Directory(Field field)
+{
+    return [field](const std::string &text, Settings &settings) {
+        std::invoke(field, settings) = text;
+        return IsDirectory(text);
+    };
+}
+
+template <typename Field>
+auto OptionalPath(Field field)
+{
+    return [field](const std::string &text, Settings &settings) {
+        std::invoke(field, settings) = text;
+        return text.empty() || text.starts_with('/');
+    };
+}
+
+bool ApplyAddress(const std::string &text, Settings &settings)
+{
+    std::array<unsigned char, sizeof(in6_addr)> address{};
+    settings.mWeb.mAddress = text;
+    return ::inet_pton(AF_INET, text.c_str(), address.data()) == 1 ||
+           ::inet_pton(AF_INET6, text.c_str(), address.data()) == 1;
+}
+
+bool ApplyPort(const std::string &text, Settings &settings)
+{
+    int port = -1;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), port);
+    settings.mWeb.mPort = port;
+    return result.ec == std::errc() && result.ptr == text.data() + text.size() && port >= 0 &&
+           port <= kMostPort;
+}
+
+bool IsOrigin(const std::string &text)
+{
+    const std::size_t begin =
+        text.starts_with("https://") ? 8 : (text.starts_with("http://") ? 7 : 0);
+    return begin != 0 && text.size() > begin && text.find('/', begin) == std::string::npos;
+}
+
+bool ApplyOrigins(const std::string &text, Settings &settings)
+{
+    std::vector<std::string> &origins = settings.mWeb.mOrigins;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find(';', begin), text.size());
+        origins.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return std::all_of(origins.begin(), origins.end(), IsOrigin);
+}
+
+WebSettings &Web(Settings &settings)
+{
+    return settings.mWeb;
+}
+
+template <typename Value>
+auto OfWeb(Value WebSettings::*field)
+{
+    return [field](Settings &settings) -> Value & { return Web(settings).*field; };
+}
+
+const std::vector<Key> &Schema()
+{
+    static constexpr char kBoolean[] = "yes, no, true, false, 1 or 0";
+    static constexpr char kDirectory[] =
+        "an absolute path of at most 92 bytes, without / at its end";
+    static constexpr char kPath[] = "an absolute path, or empty";
+    static const std::vector<Key> schema = {
+        {"watch", "directory", kDirectory, Directory(&Settings::mWatchDirectory)},
+        {"web", "enabled", kBoolean, Boolean(OfWeb(&WebSettings::mEnabled))},
+        {"web", "address", "an IPv4 or IPv6 address of this host", ApplyAddress},
+        {"web", "port", "a whole number from 0 to 65535", ApplyPort},
+        {"web", "tls", kBoolean, Boolean(OfWeb(&WebSettings::mTls))},
+        {"web", "insecure", kBoolean, Boolean(OfWeb(&WebSettings::mInsecure))},
+        {"web", "certificate", kPath, OptionalPath(OfWeb(&WebSettings::mCertificate))},
+        {"web", "key", kPath, OptionalPath(OfWeb(&WebSettings::mKey))},
+        {"web", "origins", "origins such as https://console.example, with ; between them",
+         ApplyOrigins},
+        {"directories", "state", kDirectory, Directory(&Settings::mStateDirectory)},
+        {"directories", "runtime", kDirectory, Directory(&Settings::mRuntimeDirectory)}};
+    return schema;
+}
+
+std::string_view Trim(std::string_view text)
+{
+    constexpr std::string_view kBlanks = " \t\r";
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+/** Goes through the lines of a file. */
+class Reader
+{
+public:
+    Configuration Read(std::string_view text);
+
+private:
+    void ReadLine(std::string_view line);
+    void ReadKey(std::string_view name, const std::string &value);
+    void CheckTogether();
+    void Add(bool isError, int line, std::string text);
+
+    Configuration mResult;
+    std::string mSection;
+    int mLine = 0;
+    std::map<std::string, int> mLines;
+};
+
+Configuration Reader::Read(std::string_view text)
+{
+    if (g_utf8_validate_len(text.data(), text.size(), nullptr) == FALSE ||
+        text.find('\0') != std::string_view::npos) {
+        Add(true, 0, "it is no text in UTF-8");
+        return std::move(mResult);
+    }
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        ++mLine;
+        ReadLine(Trim(line));
+    }
+    CheckTogether();
+    return std::move(mResult);
+}
+
+void Reader::ReadLine(std::string_view line)
+{
+    if (line.empty() || line.front() == '#') {
+        return;
+    }
+    if (line.front() == '[' && line.back() == ']') {
+        mSection = line.substr(1, line.size() - 2);
+        const auto &schema = Schema();
+        if (std::none_of(schema.begin(), schema.end(),
+                         [this](const Key &key) { return mSection == key.mSection; })) {
+            Add(false, mLine, "unknown section [" + Parvane::Printable(mSection) + "]");
+        }
+        return;
+    }
+    const std::size_t equals = line.find('=');
+    if (equals == std::string_view::npos || mSection.empty()) {
+        Add(true, mLine, "it must be [section], key=value or a comment, a key below a section");
+        return;
+    }
+    ReadKey(Trim(line.substr(0, equals)), std::string(Trim(line.substr(equals + 1))));
+}
+
+void Reader::ReadKey(std::string_view name, const std::string &value)
+{
+    const auto &schema = Schema();
+    const auto key = std::find_if(schema.begin(), schema.end(), [&](const Key &one) {
+        return mSection == one.mSection && name == one.mName;
+    });
+    const std::string place = "[" + Parvane::Printable(mSection) + "] " + Parvane::Printable(name);
+    if (key == schema.end()) {
+        const bool isKnown = std::any_of(schema.begin(), schema.end(), [this](const Key &one) {
+            return mSection == one.mSection;
+        });
+        if (isKnown) {
+            Add(false, mLine, "unknown key " + place);
+        }
+        return;
+    }
+    const auto [earlier, isFirst] = mLines.insert({mSection + '.' + key->mName, mLine});
+    if (!isFirst) {
+        Add(true, mLine, place + " stands in line " + std::to_string(earlier->second) + " already");
+    } else if (!key->mApply(value, mResult.mSettings)) {
+        Add(true, mLine,
+            place + " is '" + Parvane::Printable(value, 200) + "': it must be " + key->mAllowed);
+    }
+}
+
+/** What the keys must be to each other. */
+void Reader::CheckTogether()
+{
+    if (mResult.FirstError() != nullptr) {
+        return;
+    }
+    const WebSettings &web = mResult.mSettings.mWeb;
+    if (web.mCertificate.empty() != web.mKey.empty()) {
+        Add(true, 0, "[web] certificate and key: one without the other is of no use");
+    }
+    const bool isLocal = web.mAddress.starts_with("127.") || web.mAddress == "::1";
+    if (web.mEnabled && !isLocal && !web.mTls && !web.mInsecure) {
+        Add(true, mLines["web.address"],
+            "[web] address is " + Parvane::Printable(web.mAddress) +
+                ", which others reach, and tls is no: it must be yes, or insecure=yes");
+    }
+}
+
+void Reader::Add(bool isError, int line, std::string text)
+{
+    mResult.mProblems.push_back({isError, line, std::move(text)});
+}
+
+} // namespace
+
+std::string ToString(const std::string &path, const ConfigProblem &problem)
+{
+    const std::string line =
+        problem.mLine > 0 ? "line " + std::to_string(problem.mLine) + ": " : std::string();
+    return Parvane::Printable(path) + ": " + line + problem.mText;
+}
+
+const ConfigProblem *Configuration::FirstError() const
+{
+    const auto found = std::find_if(mProblems.begin(), mProblems.end(),
+                                    [](const ConfigProblem &problem) { return problem.mIsError; });
+    return found == mProblems.end() ? nullptr : &*found;
+}
+
+Configuration ParseConfiguration(const std::string &text)
+{
+    Configuration configuration = Reader().Read(text);
+    if (configuration.FirstError() == nullptr && configuration.mProblems.size() > kMostProblems) {
+        configuration.mProblems.resize(kMostProblems);
+    }
+    return configuration;
+}
+
+Configuration LoadConfiguration(const std::string &path, bool mustExist)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        if (!mustExist && errno == ENOENT) {
+            return {};
+        }
+        throw std::runtime_error("cannot read the configuration file " + Parvane::Printable(path));
+    }
+    std::string text(kMostBytes + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (file.bad() || text.size() > kMostBytes) {
+        throw std::runtime_error("cannot read the configuration file " + Parvane::Printable(path) +
+                                 (file.bad() ? "" : ": it is longer than 1 MiB"));
+    }
+    return ParseConfiguration(text);
+}
+
+std::vector<std::string> ConfigKeys()
+{
+    std::vector<std::string> keys;
+    for (const Key &key : Schema()) {
+        keys.push_back(std::string(key.mSection) + '.' + key.mName);
+    }
+    return keys;
+}
+
+} // namespace ParvaneGateway

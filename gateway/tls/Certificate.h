@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+
+#include "ObjectPtr.h"
+
+namespace ParvaneGateway {
+
+/** A certificate and its key, as PEM. */
+struct CertificateText
+{
+    std::string mCertificate;
+    std::string mKey;
+};
+
+/**
+ * A certificate that signs itself, for TLS servers of these names and addresses, for ten years, with a key on the curve
+ * P-256. @throws std::runtime_error
+ */
+CertificateText MakeCertificate(const std::vector<std::string> &names);
+
+/** The host's name, "localhost", and the addresses of its interfaces and of `address`. */
+std::vector<std::string> HostNames(const std::string &address);
+
+/**
+ * The certificate of two files. When neither is there and `mayMake`, they are made, the key of mode 0600.
+ *
+ * @throws std::runtime_error that names the file and the reason
+ */
+ObjectPtr<GTlsCertificate> LoadCertificate(const std::string &certificateFile,
+                                           const std::string &keyFile,
+                                           const std::vector<std::string> &names, bool mayMake);
+
+/** SHA-256 of the certificate: 32 pairs of upper-case digits with ':' between them. */
+std::string FingerprintOf(GTlsCertificate *certificate);
+
+} // namespace ParvaneGateway
