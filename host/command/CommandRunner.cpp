@@ -21,8 +21,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kAtOnce{5000}; // how long to wait for what the watch answers at once
-
 std::int64_t NowMs()
 {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -49,15 +47,19 @@ bool IsNotThereYet(const Error &error)
 bool IsNoAnswer(const Error &error)
 {
     const auto *link = std::get_if<LinkError>(&error);
-    return std::holds_alternative<Timeout>(error) ||
+    return IsTimeout(error) ||
            (link != nullptr && (link->mReason == LinkError::Reason::CannotConnect ||
                                 link->mReason == LinkError::Reason::AnotherHost));
 }
 
-/** The watch says with a heart rate of 0 that it has none; of the others it cannot say so. */
-bool IsUsable(const Reading &reading)
+/** The request that the event ends; 0: none. */
+template <typename T>
+RequestId RequestOf(const T &told)
 {
-    return reading.mSensor != Sensor::HeartRate || reading.mValue > 0;
+    if constexpr (requires { told.mRequest; }) {
+        return told.mRequest;
+    }
+    return 0;
 }
 
 } // namespace
@@ -68,11 +70,22 @@ CommandRunner::CommandRunner(Invocation invocation, Parvane::Signals &signals)
       mPrinter(MakePrinter(mInvocation)),
       mOutput(STDOUT_FILENO),
       mErrors(STDERR_FILENO),
-      mClient(MakeClientOptions())
+      mSteps(Counts() ? mInvocation.mStepsPath : std::string(),
+             [this](const std::string &text) { Complain(text); }),
+      mWatch(mInvocation.mSocketPath, MakeSessionOptions(), mSteps.Load())
 {
-    if (Counts()) {
-        mSteps.emplace(mInvocation.mStepsPath, [this](const std::string &text) { Complain(text); });
+    mWait.mInterruptFd = mSignals->Fd();
+    mWait.mOutputFd = STDOUT_FILENO;
+    if (mInvocation.mAction == Invocation::Action::Measure && !mInvocation.mJson &&
+        Parvane::CanEraseLine(STDERR_FILENO, std::getenv("TERM"))) {
+        mWait.mOnTick = [this] {
+            if (mBar) {
+                mBar->Update();
+            }
+        };
     }
+    mWatch.SetOnLink([this](Link &link) { BeginLink(link); });
+    BeginCapture();
 }
 
 CommandRunner::~CommandRunner() = default;
@@ -83,6 +96,7 @@ Outcome CommandRunner::Run()
         return {ExitCode::Failure};
     }
     const Outcome outcome = Act();
+    mSteps.SaveRest(mWatch.Get().Steps());
     const bool isLost = mHasCaptureFailed && outcome.mCode == ExitCode::Success;
     return isLost ? Outcome{ExitCode::Failure, outcome.mSignal} : outcome;
 }
@@ -113,8 +127,8 @@ Outcome CommandRunner::List()
     if (auto error = Connect()) {
         return Failed(*error);
     }
-    auto list = mClient.ListSensors(Within(kAtOnce));
-    return list ? Printed(mPrinter->List(list.Value())) : Failed(list.GetError());
+    auto list = Await<Told::NewList>(mWatch.Get().List(Now()));
+    return list ? Printed(mPrinter->List(list.Value().mList)) : Failed(list.GetError());
 }
 
 Outcome CommandRunner::Measure()
@@ -129,7 +143,7 @@ Outcome CommandRunner::Measure()
             trouble = std::move(reading).GetError();
             break;
         }
-        isUsable = isUsable || IsUsable(reading.Value());
+        isUsable = isUsable || reading.Value().mObservation.IsMeasurement();
         ++done;
         if (!PrintReading(reading.Value(), mInvocation.mEvery.has_value()) ||
             done == mInvocation.mCount) {
@@ -139,7 +153,7 @@ Outcome CommandRunner::Measure()
     }
     if (trouble && !(done > 0 && std::holds_alternative<Interrupted>(*trouble))) {
         const Outcome outcome = Failed(*trouble);
-        if (std::holds_alternative<Timeout>(*trouble)) {
+        if (IsTimeout(*trouble)) {
             Complain(TextPrinter::kWhereToLook);
         }
         return outcome;
@@ -152,39 +166,27 @@ Outcome CommandRunner::Measure()
 
 Outcome CommandRunner::Watch()
 {
-    constexpr milliseconds kGrace{500}; // for the acknowledgement, when the time is over
-    SensorWatchOptions options;
-    options.mRequestTimeout = mInvocation.mTimeout;
-    options.mOnNotice = [this](const std::string &text) { Complain(text); };
-    options.mOnLinkedAgain = [this] {
-        if (mSteps) {
-            mSteps->Connected(mClient.PeerRun());
-        }
-    };
-    SensorWatch watch(mClient, mInvocation.mSensors, std::move(options));
+    for (const Sensor sensor : mInvocation.mSensors) {
+        mWatch.Get().Follow(sensor, Now());
+    }
     const Deadline end = mInvocation.mFor ? Deadline::After(*mInvocation.mFor) : Deadline::Never();
-
-    std::optional<Error> trouble = Connect(end);
-    if (!trouble) {
-        trouble = watch.Begin(end);
+    auto connected = Connect(end);
+    if (connected && !std::holds_alternative<Interrupted>(*connected)) {
+        return Failed(*connected);
     }
-    if (trouble && !std::holds_alternative<Interrupted>(*trouble)) {
-        return Failed(*trouble);
-    }
-    bool hasRead = false;
-    if (!trouble) {
-        trouble = PrintAll(watch, end, hasRead);
-    }
+    Following following;
+    const Error trouble = connected ? *std::move(connected) : PrintAll(following, end);
     Outcome outcome = OutputOutcome();
-    const bool overByTime =
-        hasRead && trouble && std::holds_alternative<Timeout>(*trouble) && end.HasPassed();
-    if (trouble && std::holds_alternative<Interrupted>(*trouble)) {
+    const bool overByTime = following.mHasRead && IsTimeout(trouble) && end.HasPassed();
+    if (std::holds_alternative<Interrupted>(trouble)) {
+        if (mSignals->Take() == 0) {
+            return outcome; // the reader of the output has gone, and waits for nothing
+        }
         // Asked for: the end of a watch is no failure.
-        [[maybe_unused]] const int signal = mSignals->Take();
-    } else if (trouble && !overByTime) {
-        outcome = Failed(*trouble);
+    } else if (!overByTime) {
+        outcome = Failed(trouble);
     }
-    if (auto error = watch.End(overByTime ? Deadline::After(kGrace) : Deadline::Never())) {
+    if (auto error = EndActivity(overByTime)) {
         const Outcome ending = Failed(*error);
         return outcome.mCode == ExitCode::Success ? ending : outcome;
     }
@@ -208,7 +210,7 @@ Outcome CommandRunner::Today()
             return outcome;
         }
     }
-    const StepsOfDay steps = mSteps->Today(NowMs());
+    const StepsOfDay steps = mWatch.Get().Steps().DayOf(Now().mWall);
     const Outcome printed = Printed(mPrinter->Today(steps));
     if (outcome.mCode != ExitCode::Success || printed.mCode != ExitCode::Success) {
         return outcome.mCode != ExitCode::Success ? outcome : printed;
@@ -221,21 +223,26 @@ Outcome CommandRunner::Stop()
     if (auto error = Connect()) {
         return Failed(*error);
     }
-    auto stopped = mClient.Stop(mInvocation.mSensors.front(), Within(kAtOnce));
-    return stopped ? Printed(mPrinter->Stopped(stopped.Value())) : Failed(stopped.GetError());
+    auto stopped = Await<Told::Stopped>(mWatch.Get().Stop(mInvocation.mSensors.front(), Now()));
+    return stopped ? Printed(mPrinter->Stopped(stopped.Value().mSensor))
+                   : Failed(stopped.GetError());
 }
 
 Outcome CommandRunner::Raw()
 {
-    if (auto error = Connect()) {
-        return Failed(*error);
+    auto link = MakeLink(Deadline::Never());
+    if (!link) {
+        return Failed(link.GetError());
     }
+    BeginLink(link.Value());
+    constexpr milliseconds kToSend{5000};
     constexpr milliseconds kLongest{2000};
     const milliseconds quiet = mInvocation.mQuietFor.value_or(milliseconds{1000});
     const Deadline limit =
         mInvocation.mTimeout ? Deadline::After(*mInvocation.mTimeout) : Deadline::Never();
     for (const Bytes &packet : mInvocation.mPackets) {
-        if (auto error = mClient.SendRaw(packet, Within(kAtOnce).Earlier(limit))) {
+        const Deadline within = Deadline::After(mInvocation.mTimeout.value_or(kToSend));
+        if (auto error = link.Value().Send(packet, within.Earlier(limit), mWait)) {
             return Failed(*error);
         }
     }
@@ -243,8 +250,8 @@ Outcome CommandRunner::Raw()
     const bool hasEnd = mInvocation.mTimeout || mInvocation.mQuietFor;
     const Deadline end = hasEnd ? limit : Deadline::After(kLongest);
     for (bool isFirst = true;; isFirst = false) {
-        auto packet = mClient.ReceiveRaw(Deadline::After(quiet).Earlier(end));
-        if (!packet && !std::holds_alternative<Timeout>(packet.GetError())) {
+        auto packet = link.Value().Receive(Deadline::After(quiet).Earlier(end), mWait);
+        if (!packet && !IsTimeout(packet.GetError())) {
             return Failed(packet.GetError());
         }
         if (!packet) {
@@ -262,67 +269,99 @@ Outcome CommandRunner::Raw()
     }
 }
 
-ClientOptions CommandRunner::MakeClientOptions()
+SessionOptions CommandRunner::MakeSessionOptions() const
 {
-    constexpr milliseconds kConnectTimeout{5000};
-    ClientOptions options;
-    options.mPath = mInvocation.mSocketPath;
-    options.mConnectTimeout = mInvocation.mTimeout.value_or(kConnectTimeout);
-    options.mWait.mInterruptFd = mSignals->Fd();
-    options.mWait.mOutputFd = STDOUT_FILENO;
+    SessionOptions options;
     // Runs one after another differ in their flags, too, so that late answers are told apart.
     options.mFirstFlags = static_cast<std::uint8_t>(1 + ::getpid() % WireFormat::kFlagsMask);
-    if (mInvocation.mAction == Invocation::Action::Measure && !mInvocation.mJson &&
-        Parvane::CanEraseLine(STDERR_FILENO, std::getenv("TERM"))) {
-        options.mWait.mOnTick = [this] {
-            if (mBar) {
-                mBar->Update();
-            }
-        };
-    }
-    BeginCapture(options);
+    options.mTimeout = mInvocation.mTimeout;
+    options.mProvesLink = false; // what is asked for proves it, too
+    options.mCountsSteps = Counts();
     return options;
 }
 
 /** Connects; as long as it was told to wait, again and again. */
-std::optional<Error> CommandRunner::Connect(const Deadline &bound)
+Result<Link, Error> CommandRunner::MakeLink(const Deadline &bound)
 {
+    constexpr milliseconds kConnectTimeout{5000};
     constexpr milliseconds kPause{50};
     const Deadline patience = Deadline::After(mInvocation.mWait).Earlier(bound);
     for (;;) {
-        auto error = mClient.Connect(bound);
-        if (!error && mSteps) {
-            mSteps->Connected(mClient.PeerRun());
-        }
-        if (!error || !IsNotThereYet(*error) || patience.HasPassed()) {
-            return error;
+        const auto within = Deadline::After(mInvocation.mTimeout.value_or(kConnectTimeout));
+        auto link = Link::Connect(mInvocation.mSocketPath, within.Earlier(bound), mWait);
+        if (link || !IsNotThereYet(link.GetError()) || patience.HasPassed()) {
+            return link;
         }
         const Deadline pause = Deadline::After(kPause).Earlier(patience);
-        if (Parvane::WaitFor(-1, 0, pause, mClient.Options().mWait) ==
-            Parvane::WaitResult::Interrupted) {
-            return Interrupted{};
+        if (Parvane::WaitFor(-1, 0, pause, mWait) == Parvane::WaitResult::Interrupted) {
+            return Error{Interrupted{}};
         }
     }
 }
 
-Deadline CommandRunner::Within(milliseconds usual) const
+std::optional<Error> CommandRunner::Connect(const Deadline &bound)
 {
-    return Deadline::After(mInvocation.mTimeout.value_or(usual));
+    auto link = MakeLink(bound);
+    if (!link) {
+        return std::move(link).GetError();
+    }
+    mWatch.Use(std::move(link).Value());
+    return std::nullopt;
 }
 
-Result<Reading, Error> CommandRunner::MeasureOnce()
+/** The next event, once it is clear that nothing is amiss: of a lost link, and of a packet that is none. */
+Result<Told::Event, Error> CommandRunner::Next(const Deadline &deadline)
 {
-    const Sensor sensor = mInvocation.mSensors.front();
+    auto event = mWatch.Next(deadline, mWait);
+    if (!event) {
+        return event;
+    }
+    if (const auto *told = std::get_if<Told::NewReading>(&event.Value())) {
+        if (told->mSteps) {
+            mSteps.Save(mWatch.Get().Steps());
+        }
+    } else if (const auto *nonsense = std::get_if<Told::Nonsense>(&event.Value())) {
+        return Error{Failure{Failure::Reason::Malformed, nonsense->mText}};
+    }
+    return event;
+}
+
+/** Why there is no link: what the transport says of it, unless it is the session that has given it up. */
+Error CommandRunner::WhyLost(const Failure &why) const
+{
+    return why.mReason == Failure::Reason::LinkLost ? Error{*mWatch.WhyLost()} : Error{why};
+}
+
+/** The event that ends the request. */
+template <typename T>
+Result<T, Error> CommandRunner::Await(RequestId request)
+{
+    for (;;) {
+        auto event = Next(Deadline::Never());
+        if (!event) {
+            return std::move(event).GetError();
+        }
+        if (const auto *lost = std::get_if<Told::Lost>(&event.Value())) {
+            return WhyLost(lost->mWhy);
+        }
+        if (const auto *failed = std::get_if<Told::AttemptFailed>(&event.Value())) {
+            return WhyLost(failed->mWhy);
+        }
+        if (std::visit([](const auto &told) { return RequestOf(told); }, event.Value()) ==
+            request) {
+            const auto *failed = std::get_if<Told::Failed>(&event.Value());
+            return failed != nullptr ? Result<T, Error>(Error{failed->mWhy})
+                                     : std::get<T>(std::move(event).Value());
+        }
+    }
+}
+
+Result<Told::NewReading, Error> CommandRunner::MeasureOnce()
+{
     BeginProgress();
-    auto reading = mClient.Measure(sensor, Within(AnswerTimeout(sensor)));
+    auto reading =
+        Await<Told::NewReading>(mWatch.Get().Measure(mInvocation.mSensors.front(), Now()));
     mBar.reset();
-    for (; reading && mSteps; reading = mClient.Measure(sensor, Within(AnswerTimeout(sensor)))) {
-        CountUnclaimed();
-        Count(reading.Value());
-        if (!mSteps->WantsQuestion()) {
-            break;
-        }
-    }
     return reading;
 }
 
@@ -334,68 +373,89 @@ bool CommandRunner::Counts() const
            std::find(sensors.begin(), sensors.end(), Sensor::Pedometer) != sensors.end();
 }
 
-/** Enters a reading of the steps; in the order in which they come, and each of them. */
-void CommandRunner::Count(const Reading &reading)
-{
-    if (mSteps) {
-        mSteps->Take(reading, NowMs());
-    }
-}
-
-/** What has come before the answer that was awaited. */
-void CommandRunner::CountUnclaimed()
-{
-    for (const Reply &earlier : mClient.TakeUnclaimed()) {
-        if (const auto *pushed = std::get_if<Reading>(&earlier)) {
-            Count(*pushed);
-        }
-    }
-}
-
 /**
  * Prints what comes until something ends it.
  *
  * @return what: Interrupted also for an output that takes no more
  */
-Error CommandRunner::PrintAll(SensorWatch &watch, const Deadline &end, bool &hasRead)
+Error CommandRunner::PrintAll(Following &following, const Deadline &end)
 {
-    constexpr milliseconds kTooLong{1000}; // for the reader of the output to hold everything up
     for (;;) {
-        auto reading = watch.Next(end);
-        if (!reading) {
-            return std::move(reading).GetError();
+        auto event = Next(end);
+        if (!event) {
+            const bool isOver = IsTimeout(event.GetError()) && !following.mHasRead;
+            return isOver ? NoAnswer(MeasurementText(mInvocation.mSensors.front()), end.Length())
+                          : std::move(event).GetError();
         }
-        hasRead = true;
-        Count(reading.Value());
-        if (mSteps && reading.Value().mSensor == Sensor::Pedometer && mSteps->WantsQuestion()) {
-            watch.AskAgain(Sensor::Pedometer);
-            if (!mInvocation.mJson) { // programs are told of every reading
-                continue;
+        const auto *told = std::get_if<Told::NewReading>(&event.Value());
+        if (told == nullptr) {
+            if (auto error = Notice(event.Value(), following)) {
+                return *std::move(error);
+            }
+        } else if (mWatch.Get().Follows(told->mReading.mSensor)) {
+            following.mHasRead = true;
+            following.mSilent.erase(told->mReading.mSensor);
+            if (std::exchange(following.mIsBack, false)) {
+                Complain("connected again");
+            }
+            // Programs are told of every reading, and people of the steps when they are known.
+            if ((told->mIsSettled || mInvocation.mJson) && !PrintReading(*told, true)) {
+                return Interrupted{};
             }
         }
-        const auto begin = std::chrono::steady_clock::now();
-        if (!PrintReading(reading.Value(), true)) {
-            return Interrupted{};
-        }
-        if (mSteps && std::chrono::steady_clock::now() - begin > kTooLong) {
-            mClient
-                .Disconnect(); // totals may have been dropped meanwhile: a new link has no old ones
+        if (end.HasPassed() && following.mHasRead) {
+            return NoAnswer("the next reading", end.Length());
         }
     }
+}
+
+/** Tells people of what is no reading. What happens before the first reading is final: it is returned. */
+std::optional<Error> CommandRunner::Notice(const Told::Event &event, Following &following)
+{
+    const auto *lost = std::get_if<Told::Lost>(&event);
+    const auto *attempt = std::get_if<Told::AttemptFailed>(&event);
+    if (lost != nullptr || attempt != nullptr) {
+        const Error why = WhyLost(lost != nullptr ? lost->mWhy : attempt->mWhy);
+        if (!following.mHasRead) {
+            return why;
+        }
+        following.mIsBack = true;
+        following.mSilent.clear();
+        Complain(Describe(why) + (lost != nullptr ? "; connecting again" : "; trying again"));
+    } else if (const auto *failed = std::get_if<Told::Failed>(&event)) {
+        following.mSilent.insert(*failed->mSensor);
+        if (following.mSilent.size() == mInvocation.mSensors.size()) {
+            return failed->mWhy;
+        }
+        Complain(failed->mWhy.mText + "; it is left out");
+    }
+    return std::nullopt;
+}
+
+/** Stops an activity that was started, or whose start was interrupted; without a link it ends by itself. */
+std::optional<Error> CommandRunner::EndActivity(bool isOver)
+{
+    constexpr milliseconds kGrace{500}; // when the time is over
+    if (!mWatch.Get().Follows(Sensor::Activity) || mWatch.Fd() < 0) {
+        return std::nullopt;
+    }
+    const milliseconds within = mInvocation.mTimeout.value_or(AnswerTimeout(Sensor::Activity));
+    auto stopped = Await<Told::Stopped>(
+        mWatch.Get().Stop(Sensor::Activity, Now(), isOver ? std::min(within, kGrace) : within));
+    return stopped ? std::nullopt : std::optional(std::move(stopped).GetError());
 }
 
 /** Waits, and drops what is pushed meanwhile: it would be taken for the answer to the next question. */
 std::optional<Error> CommandRunner::Rest(const Deadline &end)
 {
-    CountUnclaimed();
     do {
-        auto pushed = mClient.Receive(end);
-        const auto *reading = pushed ? std::get_if<Reading>(&pushed.Value()) : nullptr;
-        if (reading != nullptr) {
-            Count(*reading);
+        auto event = Next(end);
+        if (!event) {
+            return IsTimeout(event.GetError()) ? std::nullopt
+                                               : std::optional(std::move(event).GetError());
         }
-        if (!pushed && !std::holds_alternative<Timeout>(pushed.GetError())) {
-            return std::move(pushed).GetError();
+        if (const auto *lost = std::get_if<Told::Lost>(&event.Value())) {
+            return WhyLost(lost->mWhy);
         }
     } while (!end.HasPassed());
     return std::nullopt;
@@ -404,7 +464,7 @@ std::optional<Error> CommandRunner::Rest(const Deadline &end)
 void CommandRunner::BeginProgress()
 {
     const Sensor sensor = mInvocation.mSensors.front();
-    if (!mClient.Options().mWait.mOnTick) {
+    if (!mWait.mOnTick) {
         return;
     }
     if (sensor == Sensor::HeartRate) {
@@ -428,11 +488,12 @@ bool CommandRunner::Print(const Lines &lines)
 }
 
 /** With what there is to say about it, once for each sensor. */
-bool CommandRunner::PrintReading(const Reading &reading, bool isOneOfMany)
+bool CommandRunner::PrintReading(const Told::NewReading &told, bool isOneOfMany)
 {
     const std::int64_t now = NowMs();
-    if (mSteps && reading.mSensor == Sensor::Pedometer) {
-        return Print(mPrinter->Steps(reading, mSteps->Latest(now), now, isOneOfMany));
+    const Reading &reading = told.mReading;
+    if (told.mSteps) {
+        return Print(mPrinter->Steps(reading, *told.mSteps, now, isOneOfMany));
     }
     if (!Print(isOneOfMany ? mPrinter->Watched(reading, now) : mPrinter->Measured(reading, now))) {
         return false;
@@ -474,16 +535,21 @@ Outcome CommandRunner::Failed(const Error &error)
     return {IsNoAnswer(error) ? ExitCode::NoAnswer : ExitCode::Failure};
 }
 
-void CommandRunner::BeginCapture(ClientOptions &options)
+void CommandRunner::BeginCapture()
 {
-    if (!mInvocation.mCapturePath) {
-        return;
+    if (mInvocation.mCapturePath) {
+        LookAtCapture(mCapture.Open(*mInvocation.mCapturePath, mInvocation.mForce));
     }
-    LookAtCapture(mCapture.Open(*mInvocation.mCapturePath, mInvocation.mForce));
-    options.mOnConnected = [this] { mCapture.LinkBegins(mClient.PeerRun()); };
-    options.mOnPacket = [this](Parvane::Sender sender, std::span<const std::uint8_t> packet) {
-        LookAtCapture(mCapture.Add(sender, packet));
-    };
+}
+
+void CommandRunner::BeginLink(Link &link)
+{
+    if (mInvocation.mCapturePath) {
+        mCapture.LinkBegins(link.PeerRun());
+        link.SetOnPacket([this](Parvane::Sender sender, std::span<const std::uint8_t> packet) {
+            LookAtCapture(mCapture.Add(sender, packet));
+        });
+    }
 }
 
 /** A capture that fails under way ends nothing, and is a failure in the end. */

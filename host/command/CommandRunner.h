@@ -7,16 +7,15 @@
 #include <string>
 
 #include "CaptureFile.h"
-#include "Client.h"
 #include "CommandLine.h"
 #include "Error.h"
 #include "ExitCode.h"
 #include "LineWriter.h"
+#include "LinkedSession.h"
 #include "Printer.h"
 #include "ProgressBar.h"
-#include "SensorWatch.h"
 #include "Signals.h"
-#include "StepCounter.h"
+#include "StepsKeeper.h"
 
 namespace ParvaneHost {
 
@@ -51,22 +50,35 @@ private:
     Outcome Stop();
     Outcome Raw();
 
-    [[nodiscard]] ClientOptions MakeClientOptions();
-    std::optional<Error> Connect(const Deadline &bound = Deadline::Never());
-    [[nodiscard]] Deadline Within(std::chrono::milliseconds usual) const;
-    Result<Reading, Error> MeasureOnce();
-    std::optional<Error> Rest(const Deadline &end);
+    /** What a watch has come to. */
+    struct Following
+    {
+        bool mHasRead = false;
+        bool mIsBack = false;     // a link was lost, and nothing has come since
+        std::set<Sensor> mSilent; // left out
+    };
+
+    [[nodiscard]] SessionOptions MakeSessionOptions() const;
     [[nodiscard]] bool Counts() const;
-    void Count(const Reading &reading);
-    void CountUnclaimed();
-    Error PrintAll(SensorWatch &watch, const Deadline &end, bool &hasRead);
+    Result<Link, Error> MakeLink(const Deadline &bound);
+    std::optional<Error> Connect(const Deadline &bound = Deadline::Never());
+    Result<Told::Event, Error> Next(const Deadline &deadline);
+    [[nodiscard]] Error WhyLost(const Failure &why) const;
+    template <typename T>
+    Result<T, Error> Await(RequestId request);
+    Result<Told::NewReading, Error> MeasureOnce();
+    std::optional<Error> Rest(const Deadline &end);
+    Error PrintAll(Following &following, const Deadline &end);
+    std::optional<Error> Notice(const Told::Event &event, Following &following);
+    std::optional<Error> EndActivity(bool isOver);
     void BeginProgress();
     bool Print(const Lines &lines);
-    bool PrintReading(const Reading &reading, bool isOneOfMany);
+    bool PrintReading(const Told::NewReading &told, bool isOneOfMany);
     Outcome Printed(const Lines &lines);
     [[nodiscard]] Outcome OutputOutcome();
     Outcome Failed(const Error &error);
-    void BeginCapture(ClientOptions &options);
+    void BeginCapture();
+    void BeginLink(Link &link);
     void LookAtCapture(int error);
     void Complain(const std::string &text);
 
@@ -79,8 +91,9 @@ private:
     std::set<Sensor> mRemarkedOn;
     Parvane::CaptureFile mCapture;
     bool mHasCaptureFailed = false;
-    Client mClient;
-    std::optional<StepCounter> mSteps; // nothing: steps are told as they are on the wire
+    WaitOptions mWait; // applies to everything that waits
+    StepsKeeper mSteps;
+    LinkedSession mWatch;
 };
 
 } // namespace ParvaneHost

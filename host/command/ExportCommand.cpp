@@ -14,7 +14,7 @@
 #include "Output.h"
 #include "Printable.h"
 #include "ReadingLog.h"
-#include "StepCounter.h"
+#include "StepsKeeper.h"
 #include "Tcx.h"
 #include "UniqueFd.h"
 

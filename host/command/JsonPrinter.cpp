@@ -210,9 +210,9 @@ Lines JsonPrinter::Remark(const Reading & /*reading*/) const
     return {};
 }
 
-Lines JsonPrinter::Stopped(const StopAck &acknowledgement) const
+Lines JsonPrinter::Stopped(Sensor sensor) const
 {
-    return {SensorObject("stopped", acknowledgement.mSensor).dump()};
+    return {SensorObject("stopped", sensor).dump()};
 }
 
 Lines JsonPrinter::Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,

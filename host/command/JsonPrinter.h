@@ -23,7 +23,7 @@ public:
                 bool isOneOfMany) const override;
     Lines Today(const StepsOfDay &steps) const override;
     Lines Remark(const Reading &reading) const override;
-    Lines Stopped(const StopAck &acknowledgement) const override;
+    Lines Stopped(Sensor sensor) const override;
     Lines Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,
                  std::int64_t nowMs) const override;
 };

@@ -44,7 +44,7 @@ public:
     /** What the reading alone does not tell people; nothing for most. */
     virtual Lines Remark(const Reading &reading) const = 0;
 
-    virtual Lines Stopped(const StopAck &acknowledgement) const = 0;
+    virtual Lines Stopped(Sensor sensor) const = 0;
 
     /** A packet as it came, with what it means or why it means nothing. */
     virtual Lines Packet(const Bytes &packet, const Result<Reply, DecodeError> &meaning,

@@ -255,11 +255,11 @@ Lines TextPrinter::Remark(const Reading &reading) const
     return {};
 }
 
-Lines TextPrinter::Stopped(const StopAck &acknowledgement) const
+Lines TextPrinter::Stopped(Sensor sensor) const
 {
     // The watch acknowledges a stop of the steps, and pushes them for good once they were asked for.
-    const bool goesOn = acknowledgement.mSensor == Sensor::Pedometer;
-    return {std::string(SensorName(acknowledgement.mSensor)) +
+    const bool goesOn = sensor == Sensor::Pedometer;
+    return {std::string(SensorName(sensor)) +
             (goesOn ? ": the stop is acknowledged; the watch goes on pushing them" : ": stopped")};
 }
 

@@ -3,7 +3,6 @@
 #include <cerrno>
 
 #include "ErrnoText.h"
-#include "Failure.h"
 
 namespace ParvaneHost {
 
@@ -26,8 +25,6 @@ std::string DescribeLink(const LinkError &error)
                " at once: another host is connected, or it does not serve this user";
     case LinkError::Reason::Closed:
         return "the watch closed the link " + error.mPath;
-    case LinkError::Reason::NotConnected:
-        return "not connected to " + error.mPath;
     case LinkError::Reason::Failed:
         break;
     }
@@ -36,19 +33,21 @@ std::string DescribeLink(const LinkError &error)
 
 } // namespace
 
+bool IsTimeout(const Error &error)
+{
+    const auto *failure = std::get_if<Failure>(&error);
+    return failure != nullptr && failure->mReason == Failure::Reason::NoAnswer;
+}
+
 std::string Describe(const Error &error)
 {
     if (const auto *link = std::get_if<LinkError>(&error)) {
         return DescribeLink(*link);
     }
-    if (const auto *timeout = std::get_if<Timeout>(&error)) {
-        return "no answer to " + timeout->mWhat + " within " + SecondsText(timeout->mAfter);
-    }
-    if (const auto *protocol = std::get_if<ProtocolError>(&error)) {
-        return "the watch broke the protocol: " + protocol->mWhat;
-    }
-    if (const auto *unsupported = std::get_if<Unsupported>(&error)) {
-        return unsupported->mWhat;
+    if (const auto *failure = std::get_if<Failure>(&error)) {
+        return failure->mReason == Failure::Reason::Malformed
+                   ? "the watch broke the protocol: " + failure->mText
+                   : failure->mText;
     }
     return "interrupted";
 }

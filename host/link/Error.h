@@ -1,8 +1,9 @@
 #pragma once
 
-#include <chrono>
 #include <string>
 #include <variant>
+
+#include "Failure.h"
 
 namespace ParvaneHost {
 
@@ -13,8 +14,7 @@ struct LinkError
         CannotConnect,
         AnotherHost, // the watch closed a fresh link at once: it serves one host at a time, and one user
         Closed,      // the watch closed the link
-        NotConnected,
-        Failed, // a system call on the link failed
+        Failed,      // a system call on the link failed
     };
 
     Reason mReason = Reason::Failed;
@@ -22,30 +22,15 @@ struct LinkError
     std::string mPath;
 };
 
-/** The watch did not answer in time. The link is still there. */
-struct Timeout
-{
-    std::string mWhat; // what was asked for, as in "no answer to <mWhat>"
-    std::chrono::milliseconds mAfter{0};
-};
-
-/** The watch sent what docs/wire-format.md does not allow. The link is still there. */
-struct ProtocolError
-{
-    std::string mWhat;
-};
-
 /** WaitOptions::mInterruptFd or mOutputFd ended a wait. The link is still there. */
 struct Interrupted
 {};
 
-/** The watch is known to refuse this without an answer, so it was not sent. */
-struct Unsupported
-{
-    std::string mWhat;
-};
+/** With a Failure the link is still there, unless it says so. */
+using Error = std::variant<LinkError, Interrupted, Failure>;
 
-using Error = std::variant<LinkError, Timeout, ProtocolError, Interrupted, Unsupported>;
+/** Whether something did not come in time. */
+bool IsTimeout(const Error &error);
 
 /** One line for people, without a full stop. */
 std::string Describe(const Error &error);

@@ -30,7 +30,7 @@ Error WaitError(WaitResult result, const std::string &path, const Deadline &dead
         return Interrupted{};
     }
     if (result == WaitResult::TimedOut) {
-        return Timeout{what, deadline.Length()};
+        return NoAnswer(what, deadline.Length());
     }
     return LinkError{LinkError::Reason::Failed, errno, path};
 }
@@ -68,14 +68,17 @@ std::optional<Error> Link::Send(std::span<const std::uint8_t> packet, const Dead
         }
         const ssize_t sent =
             ::send(mSocket.Get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent >= 0) {
-            return std::nullopt; // packets are sent whole or not at all
+        if (sent >= 0) { // packets are sent whole or not at all
+            if (mOnPacket) {
+                mOnPacket(Parvane::Sender::Phone, packet);
+            }
+            return std::nullopt;
         }
         if (!WouldBlock(errno)) {
             return Lost(errno);
         }
         if (deadline.HasPassed()) {
-            return Timeout{"an outgoing packet", deadline.Length()};
+            return NoAnswer("an outgoing packet", deadline.Length());
         }
     }
 }
@@ -102,10 +105,15 @@ Result<Bytes, Error> Link::Receive(const Deadline &deadline, const WaitOptions &
         mHasReceived = true;
         const auto size = static_cast<std::size_t>(received);
         if (size > mBuffer.size()) {
-            return Error{ProtocolError{"a packet of " + std::to_string(size) + " bytes, at most " +
-                                       std::to_string(mBuffer.size()) + " are allowed"}};
+            return Error{Failure{Failure::Reason::Malformed,
+                                 "a packet of " + std::to_string(size) + " bytes, at most " +
+                                     std::to_string(mBuffer.size()) + " are allowed"}};
         }
-        return Bytes(mBuffer.begin(), mBuffer.begin() + received);
+        Bytes packet(mBuffer.begin(), mBuffer.begin() + received);
+        if (mOnPacket) {
+            mOnPacket(Parvane::Sender::Watch, packet);
+        }
+        return packet;
     }
 }
 

@@ -3,10 +3,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
+#include "CaptureFile.h"
 #include "Deadline.h"
 #include "Error.h"
 #include "Messages.h"
@@ -40,15 +43,23 @@ public:
     static Result<Link, Error> Connect(const std::string &path, const Deadline &deadline,
                                        const WaitOptions &options);
 
-    /** Sends one packet. Fails with LinkError, Timeout and Interrupted. */
+    using OnPacket = std::function<void(Parvane::Sender, std::span<const std::uint8_t>)>;
+
+    /** Called with each packet that was sent or read, after it was. Must not use the link. */
+    void SetOnPacket(OnPacket onPacket) { mOnPacket = std::move(onPacket); }
+
+    /** For poll(2); stays the link's. */
+    [[nodiscard]] int Fd() const { return mSocket.Get(); }
+
+    /** Sends one packet. Fails with LinkError, Failure NoAnswer and Interrupted. */
     std::optional<Error> Send(std::span<const std::uint8_t> packet, const Deadline &deadline,
                               const WaitOptions &options);
 
     /**
      * The next packet, which may be empty.
      *
-     * Fails with LinkError, Timeout, Interrupted, and ProtocolError for a packet above the size limit
-     * of the link. The watch closing the link before it sent anything is
+     * Fails with LinkError, Failure NoAnswer, Interrupted, and Failure Malformed for a packet above the
+     * size limit of the link. The watch closing the link before it sent anything is
      * LinkError::Reason::AnotherHost within two seconds of connecting, and Closed later.
      */
     Result<Bytes, Error> Receive(const Deadline &deadline, const WaitOptions &options);
@@ -67,6 +78,7 @@ private:
     std::string mPath;
     std::chrono::steady_clock::time_point mConnectedAt;
     bool mHasReceived = false;
+    OnPacket mOnPacket;
     Bytes mBuffer;
 };
 

@@ -31,17 +31,16 @@ TEST(ErrorTest, LinkErrorsNameThePathAndTheReason)
         Describe(LinkError{Reason::AnotherHost, 0, "/x"}),
         "the watch closed the link /x at once: another host is connected, or it does not serve this user");
     EXPECT_EQ(Describe(LinkError{Reason::Closed, 0, "/x"}), "the watch closed the link /x");
-    EXPECT_EQ(Describe(LinkError{Reason::NotConnected, 0, "/x"}), "not connected to /x");
     EXPECT_EQ(Describe(LinkError{Reason::Failed, EMSGSIZE, "/x"}),
               "the link /x failed: Message too long");
 }
 
 TEST(ErrorTest, TheOtherErrorsSayWhatHappened)
 {
-    EXPECT_EQ(Describe(Timeout{"the sensor list", milliseconds{5000}}),
+    EXPECT_EQ(Describe(NoAnswer("the sensor list", milliseconds{5000})),
               "no answer to the sensor list within 5 s");
-    EXPECT_EQ(Describe(ProtocolError{"nonsense"}), "the watch broke the protocol: nonsense");
-    EXPECT_EQ(Describe(Unsupported{"no such thing"}), "no such thing");
+    EXPECT_EQ(Describe(Failure{Failure::Reason::Malformed, "nonsense"}), "the watch broke the protocol: nonsense");
+    EXPECT_EQ(Describe(Failure{Failure::Reason::Unsupported, "no such thing"}), "no such thing");
     EXPECT_EQ(Describe(Interrupted{}), "interrupted");
 }
 

@@ -127,7 +127,7 @@ TEST(JsonPrinterTest, TheListIsALineForTheWatchAndOneForEachSensor)
 
 TEST(JsonPrinterTest, AStopIsALine)
 {
-    EXPECT_THAT(JsonPrinter().Stopped({.mFlags = 1, .mSensor = Sensor::Activity}),
+    EXPECT_THAT(JsonPrinter().Stopped(Sensor::Activity),
                 ElementsAre(R"({"type":"stopped","sensor":"activity","id":1})"));
 }
 

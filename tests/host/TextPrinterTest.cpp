@@ -184,13 +184,12 @@ TEST_F(TextPrinterTest, AnUnknownAddressIsCalledSo)
 
 TEST_F(TextPrinterTest, AStopIsConfirmed)
 {
-    EXPECT_THAT(mPrinter.Stopped({.mFlags = 1, .mSensor = Sensor::HeartRate}),
-                ElementsAre("hr: stopped"));
+    EXPECT_THAT(mPrinter.Stopped(Sensor::HeartRate), ElementsAre("hr: stopped"));
 }
 
 TEST_F(TextPrinterTest, AStopThatTheWatchOnlyAcknowledgesIsToldSo)
 {
-    EXPECT_THAT(mPrinter.Stopped({.mFlags = 1, .mSensor = Sensor::Pedometer}),
+    EXPECT_THAT(mPrinter.Stopped(Sensor::Pedometer),
                 ElementsAre("steps: the stop is acknowledged; the watch goes on pushing them"));
 }
 

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Deadline.h"
+#include "Error.h"
+#include "Link.h"
+#include "Result.h"
+#include "Session.h"
+#include "Wait.h"
+
+namespace ParvaneHost {
+
+/** The present, by the clocks of this machine. */
+Moment Now();
+
+/**
+ * A Session with a Unix socket for its link. Not thread-safe; many of them may share a thread.
+ *
+ * In a loop of one's own: Process(), look at every Get().NextEvent(), then wait as Fd(), Awaits() and
+ * Get().Deadline() say. Or call Next(), which does all of that.
+ */
+class LinkedSession
+{
+public:
+    /** @param path  of the link's socket; it is not touched yet */
+    LinkedSession(std::string path, SessionOptions options, StepLedger ledger);
+
+    using OnLink = std::function<void(Link &)>;
+
+    /** Called with each link that is there from now on, before any packet of it. */
+    void SetOnLink(OnLink onLink) { mOnLink = std::move(onLink); }
+
+    [[nodiscard]] Session &Get() { return mSession; }
+    [[nodiscard]] const Session &Get() const { return mSession; }
+
+    /** Gives it a link that was made elsewhere. */
+    void Use(Link link);
+
+    /** Makes or closes the link as the session wants, sends, and reads what is there, without a wait. */
+    void Process();
+
+    /** Of the link, -1 without one; it may be another one after each Process(). */
+    [[nodiscard]] int Fd() const { return mLink ? mLink->Fd() : -1; }
+
+    /** The poll(2) events of Fd() to wait for. */
+    [[nodiscard]] short Awaits() const;
+
+    /**
+     * The next event. Waits for it, with Interrupted as the options say, and Failure NoAnswer, of the
+     * next reading, when `deadline` passes.
+     */
+    Result<Told::Event, Error> Next(const Deadline &deadline, const WaitOptions &options);
+
+    /** What was the matter with the link that was lost last, or could not be made; nothing before. */
+    [[nodiscard]] const std::optional<LinkError> &WhyLost() const { return mWhyLost; }
+
+private:
+    void SendAll();
+    bool ReadAll();
+    void LoseLink(const LinkError &error);
+
+    std::string mPath;
+    Session mSession;
+    OnLink mOnLink;
+    std::optional<Link> mLink;
+    std::optional<Bytes> mUnsent; // for which there was no room
+    std::optional<LinkError> mWhyLost;
+};
+
+} // namespace ParvaneHost
