@@ -1,8 +1,8 @@
 import { beforeEach, describe, expect, it } from 'vitest';
 
 import { withChecksum } from '../src/ledger-text.js';
-import { namedZone, StepLedger, systemZone, type DaySteps } from '../src/index.js';
-import { exchanges } from './vectors.js';
+import { namedZone, StepLedger, systemZone, type DaySteps, type ZoneOffset } from '../src/index.js';
+import { exchanges, ledgers, type LedgerEvent } from './vectors.js';
 
 const HOUR = 3600;
 const DAY = 24 * HOUR;
@@ -354,6 +354,36 @@ describe('the steps of each exchange are those walked', () => {
 
   it('there are some', () => {
     expect(counting.length).toBeGreaterThan(2);
+  });
+});
+
+/** The ledger after the event. */
+function enter(ledger: StepLedger, event: LedgerEvent, zone: ZoneOffset): StepLedger {
+  if (event.restored) {
+    return StepLedger.restore(ledger.save(), zone);
+  }
+  if (event.link !== undefined) {
+    ledger.connected(event.link);
+  } else if (event.missed) {
+    ledger.missed();
+  } else {
+    const { total = NaN, watch_s: watchTime, at_ms: at = NaN } = event;
+    ledger.take({ value: total, watchTime: watchTime ?? undefined, at });
+  }
+  return ledger;
+}
+
+describe('each ledger is stored as it stands', () => {
+  it.each(ledgers())('$name', ({ zone: changes, events, text }) => {
+    const zone: ZoneOffset = (at) => changes.filter(([from]) => from <= at).at(-1)?.[1] ?? 0;
+    let ledger = new StepLedger(zone);
+    for (const event of events) {
+      ledger = enter(ledger, event, zone);
+      expect(ledger.wantsQuestion, JSON.stringify(event)).toBe(event.unsure);
+    }
+    const stored = text.map((line) => `${line}\n`).join('');
+    expect(ledger.save()).toBe(stored);
+    expect(StepLedger.restore(stored, zone).save()).toBe(stored);
   });
 });
 

@@ -31,6 +31,23 @@ export interface Exchange {
   events: ExchangeEvent[];
 }
 
+export interface LedgerEvent {
+  link?: string;
+  missed?: true;
+  restored?: true;
+  total?: number;
+  watch_s?: number | null;
+  at_ms?: number;
+  unsure: boolean;
+}
+
+export interface Ledger {
+  name: string;
+  zone: [from: number, offset: number][];
+  events: LedgerEvent[];
+  text: string[];
+}
+
 function read(file: string): unknown {
   const url = new URL(`../../../docs/vectors/${file}`, import.meta.url);
   const whole = JSON.parse(readFileSync(url, 'utf8')) as { format: number };
@@ -46,6 +63,10 @@ export function vectors(file: string): Vector[] {
 
 export function exchanges(): Exchange[] {
   return (read('exchanges.json') as { exchanges: Exchange[] }).exchanges;
+}
+
+export function ledgers(): Ledger[] {
+  return (read('ledgers.json') as { ledgers: Ledger[] }).ledgers;
 }
 
 /** Every packet that somebody sends or may send, those of the exchanges after the others. */

@@ -1,5 +1,6 @@
 #include <chrono>
 #include <cstdint>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -33,7 +34,61 @@ void Take(StepLedger &ledger, const json &event, seconds begins)
     ledger.Take({event.at("packet").at("value").get<float>(), std::chrono::floor<seconds>(at), at});
 }
 
+/** The zone of a list of instants, in seconds, from which on an offset holds. */
+ZoneOffset ZoneOf(const json &changes)
+{
+    return [changes](std::chrono::sys_seconds instant) {
+        seconds offset{0};
+        for (const json &change : changes) {
+            if (change.at(0).get<std::int64_t>() <= instant.time_since_epoch().count()) {
+                offset = seconds(change.at(1).get<std::int64_t>());
+            }
+        }
+        return offset;
+    };
+}
+
+void Enter(StepLedger &ledger, const json &event, const ZoneOffset &zone)
+{
+    if (event.contains("link")) {
+        ledger.Connected(event.at("link").get<std::string>());
+    } else if (event.contains("missed")) {
+        ledger.Missed();
+    } else if (event.contains("restored")) {
+        ledger = StepLedger::Restore(ledger.Save(), zone).Value();
+    } else {
+        StepTotal total{event.at("total").get<float>(), std::nullopt,
+                        Instant(milliseconds(event.at("at_ms").get<std::int64_t>()))};
+        if (!event.at("watch_s").is_null()) {
+            total.mWatchTime =
+                std::chrono::sys_seconds(seconds(event.at("watch_s").get<std::int64_t>()));
+        }
+        ledger.Take(total);
+    }
+}
+
 } // namespace
+
+TEST(StepLedgerVectorsTest, EachLedgerIsStoredAsItStands)
+{
+    const json file = Parvane::Vectors::Read("ledgers.json");
+    EXPECT_GT(file.at("ledgers").size(), 15U);
+    for (const json &vector : file.at("ledgers")) {
+        SCOPED_TRACE(vector.at("name"));
+        const ZoneOffset zone = ZoneOf(vector.at("zone"));
+        StepLedger ledger(zone);
+        for (const json &event : vector.at("events")) {
+            Enter(ledger, event, zone);
+            EXPECT_EQ(ledger.WantsQuestion(), event.at("unsure")) << event;
+        }
+        std::string text;
+        for (const json &line : vector.at("text")) {
+            text += line.get<std::string>() + '\n';
+        }
+        EXPECT_EQ(ledger.Save(), text);
+        EXPECT_EQ(StepLedger::Restore(text, zone).Value().Save(), text);
+    }
+}
 
 TEST(StepLedgerVectorsTest, TheStepsOfEachExchangeAreThoseWalked)
 {
