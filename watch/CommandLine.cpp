@@ -43,7 +43,7 @@ const Parvane::UsageWords &Words()
         {{"status", "status"},
          {"monitor", "monitor --for 60"},
          {"config", "config"},
-         {"log", "log warning"},
+         {"log", "log warning", {}, true},
          {"set", "set hr 72"},
          {"steps", "steps +10"},
          {"activity", "activity walking"},

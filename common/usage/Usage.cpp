@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <utility>
 
@@ -70,6 +71,17 @@ std::string UsageText(const CLI::App &app, const UsageWords &usage, const CLI::P
     return text;
 }
 
+/** Brackets stand around words that may be left out, not around all that the program looks at itself. */
+class NeededWords : public CLI::Formatter
+{
+public:
+    std::string make_option_usage(const CLI::Option *option) const override
+    {
+        const std::string text = CLI::Formatter::make_option_usage(option);
+        return text.starts_with('[') ? text.substr(1, text.size() - 2) : text;
+    }
+};
+
 void LetTheLastCount(CLI::App &app)
 {
     for (CLI::Option *option : app.get_options()) {
@@ -119,8 +131,12 @@ std::optional<EarlyEnd> ParseUsage(CLI::App &app, const UsageWords &usage,
                                    const std::function<void()> &interpret)
 {
     LetTheLastCount(app);
-    for (CLI::App *subcommand : app.get_subcommands({})) {
+    for (const UsageWords::Command &command : usage.mCommands) {
+        CLI::App *subcommand = app.get_subcommand(command.mName);
         LetTheLastCount(*subcommand);
+        if (!command.mMayBeAlone) {
+            subcommand->formatter(std::make_shared<NeededWords>());
+        }
     }
     std::string problem;
     try {

@@ -34,6 +34,8 @@ struct UsageWords
         std::string mExample;
         /** Options of the program that have no effect on it. */
         std::vector<std::string> mIdle = {};
+        /** It does without the word behind it. */
+        bool mMayBeAlone = false;
     };
 
     std::string mProgram;

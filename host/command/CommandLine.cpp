@@ -39,7 +39,7 @@ const Parvane::UsageWords &Words()
          {"measure", "measure hr"},
          {"watch", "watch all"},
          {"today", "today", {"--timestamps"}},
-         {"stop", "stop activity", {"--timestamps", "--no-state"}},
+         {"stop", "stop activity", {"--timestamps", "--no-state"}, true},
          {"raw", "raw 01 00 00 00", {"--no-state"}},
          {"export",
           "export --format tcx day.pcapng",

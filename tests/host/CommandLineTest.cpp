@@ -345,6 +345,9 @@ TEST(CommandLineTest, HelpNamesTheExitCodesAndTheKeys)
     EXPECT_THAT(ending.mOutput, HasSubstr("$RUNTIME_DIRECTORY/link.sock"));
     EXPECT_THAT(ending.mOutput, HasSubstr("time_ms"));
     EXPECT_THAT(Refused({"watch", "--help"}).mOutput, HasSubstr("--for SECONDS"));
+    EXPECT_THAT(Refused({"watch", "--help"}).mOutput, HasSubstr("[OPTIONS] sensor\n"));
+    EXPECT_THAT(Refused({"raw", "--help"}).mOutput, HasSubstr("[OPTIONS] packet...\n"));
+    EXPECT_THAT(Refused({"stop", "--help"}).mOutput, HasSubstr("[OPTIONS] [sensor]\n"));
 }
 
 TEST(CommandLineTest, VersionIsOneLine)

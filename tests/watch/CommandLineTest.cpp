@@ -248,5 +248,15 @@ TEST(CommandLineTest, HelpListsTheExitCodes)
                 HasSubstr("  3  no answer in time, or no service that serves this user\n"));
 }
 
+TEST(CommandLineTest, HelpHasBracketsAroundWhatMayBeLeftOut)
+{
+    const auto help = [](const char *command) {
+        return std::get<Ending>(ParseCommandLine({command, "--help"}, NoVariable)).mOutput;
+    };
+    EXPECT_THAT(help("set"), HasSubstr("Usage: parvane-watch set [OPTIONS] item value\n"));
+    EXPECT_THAT(help("record"), HasSubstr("Usage: parvane-watch record [OPTIONS] file\n"));
+    EXPECT_THAT(help("log"), HasSubstr("Usage: parvane-watch log [OPTIONS] [level]\n"));
+}
+
 } // namespace
 } // namespace ParvaneWatch

@@ -64,7 +64,7 @@ MonitorKeys::Wish MonitorKeys::Take(int key, const json &status)
         mAsking = 0;
         return wish;
     }
-    constexpr std::size_t kLongest = 10;
+    constexpr std::size_t kLongest = 18; // digits that 64 bits hold: more is refused, not cut
     if (key == kEnter || key == '\r') {
         Wish wish = Finish();
         mAsking = 0;

@@ -32,6 +32,7 @@ TEST_F(MonitorKeysTest, NumbersAreAskedForAndEndWithTheReturnKey)
     EXPECT_EQ(Type("h72\n"), json({{"request", "set"}, {"item", "heart_rate"}, {"value", 72}}));
     EXPECT_EQ(Type("s110\n"), json({{"request", "set"}, {"item", "steps"}, {"add", 110}}));
     EXPECT_EQ(Type("g-3\n"), json({{"request", "set"}, {"item", "gesture"}, {"value", -3}}));
+    EXPECT_EQ(Type("s12345678901\n").at("add"), 12345678901) << "not cut to what would be taken";
 }
 
 TEST_F(MonitorKeysTest, WhatIsTypedIsShownAndCanBeTakenBack)
