@@ -17,17 +17,20 @@ constexpr int kPacketsPerTurn = 32;
 /** The longest value of an attribute. */
 constexpr std::size_t kLongestValueBytes = 512;
 
-/** Two ends, of which neither blocks: the first is given to BlueZ, where nothing may ever wait for us. */
-std::pair<Parvane::UniqueFd, Parvane::UniqueFd> MakePair()
+/**
+ * Makes two ends, of which neither blocks: the one that is returned is for BlueZ, where nothing may ever wait for
+ * us. Both are empty when the system has no descriptor left.
+ */
+Parvane::UniqueFd MakePair(Parvane::UniqueFd &ours)
 {
     int ends[2] = {-1, -1};
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
         LogError("bluetooth: no descriptor left for a phone");
-        return {};
     }
     const int size = static_cast<int>(kMaxWaitingBytes / 2); // the kernel doubles it
     setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    return {Parvane::UniqueFd(ends[0]), Parvane::UniqueFd(ends[1])};
+    ours.Reset(ends[1]);
+    return Parvane::UniqueFd(ends[0]);
 }
 
 /** Whether the other end is closed; an empty packet reads like that, too. */
@@ -56,25 +59,37 @@ BluetoothPhone::~BluetoothPhone()
 
 Parvane::UniqueFd BluetoothPhone::OpenWrite()
 {
-    auto [theirs, ours] = MakePair();
-    mWrite = std::move(ours);
+    CloseWrite();
+    Parvane::UniqueFd end = MakePair(mWrite);
     WatchWrite();
-    return std::move(theirs);
+    return end;
 }
 
 Parvane::UniqueFd BluetoothPhone::OpenNotify()
 {
-    auto [theirs, ours] = MakePair();
-    mNotify = std::move(ours);
-    mNotifyWatch =
-        LoopSource::WatchFd(mNotify.Get(), G_IO_HUP, [this] { mEvents.OnDescriptorClosed(); });
-    return std::move(theirs);
+    Parvane::UniqueFd end = MakePair(mNotify);
+    WatchNotify();
+    return end;
+}
+
+void BluetoothPhone::WatchNotify()
+{
+    mNotifyWatch.Remove();
+    if (mNotify) {
+        mNotifyWatch =
+            LoopSource::WatchFd(mNotify.Get(), G_IO_HUP, [this] { mEvents.OnDescriptorClosed(); });
+    }
 }
 
 void BluetoothPhone::CloseDescriptors()
 {
     mNotifyWatch.Remove();
     mNotify.Reset();
+    CloseWrite();
+}
+
+void BluetoothPhone::CloseWrite()
+{
     mWriteInput.Remove();
     const Parvane::UniqueFd write = std::move(mWrite);
     if (!write) {
@@ -93,6 +108,7 @@ void BluetoothPhone::CloseDescriptors()
 
 void BluetoothPhone::WatchWrite()
 {
+    mWriteInput.Remove();
     if (!mWrite || !mMayRead) {
         return;
     }
@@ -169,8 +185,7 @@ bool BluetoothPhone::DeliverByDescriptor(PacketBytes packet)
                 mEvents.OnDescriptorClosed();
                 return;
             }
-            mNotifyWatch = LoopSource::WatchFd(mNotify.Get(), G_IO_HUP,
-                                               [this] { mEvents.OnDescriptorClosed(); });
+            WatchNotify();
             OnWritable();
         });
     return false;

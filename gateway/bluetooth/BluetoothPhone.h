@@ -87,7 +87,10 @@ public:
     [[nodiscard]] PhoneIdentity Identity() const override { return mPeer.mIdentity; }
 
 private:
+    /** Reads first what BlueZ has written. */
+    void CloseWrite();
     void WatchWrite();
+    void WatchNotify();
     void OnWritable();
     /** Reads at most so many packets. @return false once BlueZ's end is closed and all is read */
     bool ReadPackets(int limit);

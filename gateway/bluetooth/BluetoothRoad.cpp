@@ -129,9 +129,8 @@ void BluetoothRoad::OnBluez(const std::string &owner)
         OnState("BlueZ is not running", true);
         return;
     }
-    mSession = std::make_unique<BluezSession>(
-        mConnection.get(), owner, mSettings, mSeat,
-        [this](const std::string &state, bool isTrouble) { OnState(state, isTrouble); });
+    BluezSessionEvents &events = *this;
+    mSession = std::make_unique<BluezSession>(mConnection.get(), owner, mSettings, mSeat, events);
 }
 
 void BluetoothRoad::OnState(const std::string &state, bool isTrouble)

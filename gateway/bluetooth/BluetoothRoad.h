@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -20,13 +22,13 @@ namespace ParvaneGateway {
  * failure. While all is there and nobody comes it has no timer. Log lines tell each change of state,
  * once. Main-loop thread only.
  */
-class BluetoothRoad
+class BluetoothRoad : private BluezSessionEvents
 {
 public:
     /** @param seat  borrowed for the life of the road; may outlive it */
     BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat);
 
-    ~BluetoothRoad();
+    ~BluetoothRoad() override;
 
     BluetoothRoad(const BluetoothRoad &) = delete;
     BluetoothRoad &operator=(const BluetoothRoad &) = delete;
@@ -41,6 +43,9 @@ public:
     /** How things stand, in words, such as "advertised on hci0". */
     [[nodiscard]] const std::string &State() const { return *mState; }
 
+    /** How many phones were refused since the start, by reason. */
+    [[nodiscard]] const std::map<std::string, std::uint64_t> &Refusals() const { return mRefusals; }
+
 private:
     static void OnConnected(GObject *source, GAsyncResult *result, gpointer user_data) noexcept;
     static void OnClosed(GDBusConnection *connection, gboolean byPeer, GError *error,
@@ -50,12 +55,14 @@ private:
     void TakeConnection(BusObjectPtr<GDBusConnection> connection, const GError *error);
     void Disconnect();
     void OnBluez(const std::string &owner);
-    void OnState(const std::string &state, bool isTrouble);
+    void OnState(const std::string &state, bool isTrouble) override;
+    void OnRefused(const std::string &reason) override { ++mRefusals[reason]; }
 
     const BluetoothSettings mSettings;
     PhoneSeat &mSeat;
     /** Shared with what the seat calls, which may outlive the road. */
     std::shared_ptr<std::string> mState = std::make_shared<std::string>();
+    std::map<std::string, std::uint64_t> mRefusals;
     BusObjectPtr<GCancellable> mConnecting;
     BusObjectPtr<GDBusConnection> mConnection;
     gulong mClosed = 0;

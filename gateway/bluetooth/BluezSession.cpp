@@ -31,6 +31,18 @@ std::string Text(GVariant *tuple, gsize index)
     return g_variant_get_string(Child(tuple, index).get(), nullptr);
 }
 
+/** Why a phone was refused, as it is counted. */
+std::string KindOf(const std::string &code)
+{
+    if (code == BluezSession::kAnotherPhone) {
+        return "another phone";
+    }
+    if (code == BluezSession::kWatchAway) {
+        return "watch away";
+    }
+    return code == BluezSession::kSmallMtu ? "small MTU" : "not bonded";
+}
+
 std::string ReasonOf(const std::string &code)
 {
     if (code == BluezSession::kAnotherPhone) {
@@ -62,17 +74,19 @@ std::string ReasonOf(PhoneEnd why)
 } // namespace
 
 BluezSession::Service::Service(const BusScope &bluez, const std::string &adapter,
-                               std::chrono::milliseconds firstPause, Registration::Changed changed)
+                               std::chrono::milliseconds firstPause,
+                               const Registration::Changed &changed)
     : mAdapter(adapter),
       mApplication(bluez, adapter, kApplication, firstPause, changed),
       mAdvertisement(bluez, adapter, kAdvertisement, firstPause, changed)
 {}
 
 BluezSession::BluezSession(GDBusConnection *connection, const std::string &owner,
-                           const BluetoothSettings &settings, PhoneSeat &seat, StateHandler onState)
+                           const BluetoothSettings &settings, PhoneSeat &seat,
+                           BluezSessionEvents &events)
     : mSettings(settings),
       mSeat(seat),
-      mOnState(std::move(onState)),
+      mEvents(events),
       mBluez(connection, owner),
       mObjects(connection, settings.mIsAuthenticated, *this)
 {
@@ -183,6 +197,7 @@ void BluezSession::CheckOthers()
     }
     for (const std::string &device : mSubscribers) {
         if (device != mPhone->Device() && IsConnected(device) && !mDismissed.contains(device)) {
+            mEvents.OnRefused(KindOf(kAnotherPhone));
             Dismiss(device, ReasonOf(kAnotherPhone));
         }
     }
@@ -199,23 +214,23 @@ void BluezSession::TellState()
     const std::string named =
         mSettings.mAdapter.empty() ? "Bluetooth adapter" : "adapter " + mSettings.mAdapter;
     if (!mService) {
-        mOnState("there is no " + named, true);
+        mEvents.OnState("there is no " + named, true);
         return;
     }
     const std::string adapter = mService->mAdapter.substr(mService->mAdapter.rfind('/') + 1);
     const bool isPowered = mDevices.GetAdapter(mService->mAdapter)->mIsPowered;
     for (const Registration *registration : {&mService->mApplication, &mService->mAdvertisement}) {
         if (!registration->Problem().empty()) {
-            mOnState(adapter + " refuses " + registration->Problem(), true);
+            mEvents.OnState(adapter + " refuses " + registration->Problem(), true);
             return;
         }
     }
     if (mSeat.IsTaken()) {
-        mOnState("rests while a phone is connected", false);
+        mEvents.OnState("rests while a phone is connected", false);
     } else if (!isPowered) {
-        mOnState(adapter + " is not powered", true);
+        mEvents.OnState(adapter + " is not powered", true);
     } else if (mService->mAdvertisement.IsOn()) {
-        mOnState("advertised on " + adapter, false);
+        mEvents.OnState("advertised on " + adapter, false);
     }
 }
 
@@ -351,7 +366,8 @@ void BluezSession::Refuse(GattCall call, const char *code)
 {
     const std::string device = call.Device();
     call.Refuse(Bluez::kFailed, code);
-    if (!device.empty() && !mDismissed.contains(device)) {
+    if (!mDismissed.contains(device)) {
+        mEvents.OnRefused(KindOf(code));
         Dismiss(device, ReasonOf(code));
     }
 }
@@ -385,6 +401,9 @@ void BluezSession::RefuseHeld()
 void BluezSession::Dismiss(const std::string &device, const std::string &reason)
 {
     LogWarning("bluetooth: " + NameOf(device) + " is refused: " + reason);
+    if (!IsConnected(device)) {
+        return;
+    }
     mDismissed.insert(device);
     mBluez.Call(device, Bluez::kDevice, "Disconnect", nullptr, "()",
                 [this, device](GVariant * /*reply*/, const GError *error) {

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,6 +16,19 @@
 #include "Registration.h"
 
 namespace ParvaneGateway {
+
+/** Hears how the road is doing. Must not destroy the session. */
+class BluezSessionEvents
+{
+public:
+    virtual ~BluezSessionEvents() = default;
+
+    /** How things stand, in words, whenever it may have changed, and whether that is a trouble. */
+    virtual void OnState(const std::string &state, bool isTrouble) = 0;
+
+    /** A phone was refused. @param reason  one of a few, such as "not bonded" */
+    virtual void OnRefused(const std::string &reason) = 0;
+};
 
 /**
  * The road's doings with one life of BlueZ: lets an adapter serve the link's attributes, advertises them
@@ -40,16 +52,13 @@ public:
     static constexpr char kSmallMtu[] = "0x83";
     static constexpr char kNotBonded[] = "0x84";
 
-    /** Gets how things stand, in words, whenever it may have changed, and whether that is a trouble. */
-    using StateHandler = std::function<void(const std::string &state, bool isTrouble)>;
-
     /**
      * What is a reference is borrowed for the life of the session.
      *
      * @param owner  BlueZ's unique name on the bus
      */
     BluezSession(GDBusConnection *connection, const std::string &owner,
-                 const BluetoothSettings &settings, PhoneSeat &seat, StateHandler onState);
+                 const BluetoothSettings &settings, PhoneSeat &seat, BluezSessionEvents &events);
     ~BluezSession() override = default;
 
     BluezSession(const BluezSession &) = delete;
@@ -63,7 +72,7 @@ private:
     struct Service
     {
         Service(const BusScope &bluez, const std::string &adapter,
-                std::chrono::milliseconds firstPause, Registration::Changed changed);
+                std::chrono::milliseconds firstPause, const Registration::Changed &changed);
 
         std::string mAdapter;
         Registration mApplication;
@@ -105,7 +114,7 @@ private:
 
     const BluetoothSettings &mSettings;
     PhoneSeat &mSeat;
-    StateHandler mOnState;
+    BluezSessionEvents &mEvents;
     BusScope mBluez;
     GattObjects mObjects;
     BluezDevices mDevices;

@@ -158,12 +158,7 @@ GVariant *GattObjects::OnGet(GDBusConnection * /*connection*/, const char * /*se
 GVariant *GattObjects::Property(const std::string &path, const std::string &name) const
 {
     if (path == kAdvertisementPath) {
-        if (name == "ServiceUUIDs") {
-            return Texts({kLinkService});
-        }
-        return name == "Discoverable"
-                   ? g_variant_new_boolean(TRUE)
-                   : g_variant_new_string(name == "Type" ? "peripheral" : mName.c_str());
+        return AdvertisementProperty(name);
     }
     const bool isToWatch = path == kToWatchPath;
     if (name == "UUID") {
@@ -174,14 +169,23 @@ GVariant *GattObjects::Property(const std::string &path, const std::string &name
     if (name == "Service") {
         return g_variant_new_object_path(kServicePath);
     }
-    if (name == "Flags" && isToWatch) {
-        return Texts({"write", "write-without-response",
-                      mIsAuthenticated ? "encrypt-authenticated-write" : "encrypt-write"});
-    }
     if (name == "Flags") {
-        return Texts({mIsAuthenticated ? "encrypt-authenticated-notify" : "encrypt-notify"});
+        return isToWatch
+                   ? Texts({"write", "write-without-response",
+                            mIsAuthenticated ? "encrypt-authenticated-write" : "encrypt-write"})
+                   : Texts({mIsAuthenticated ? "encrypt-authenticated-notify" : "encrypt-notify"});
     }
     return g_variant_new_boolean(name == "Primary" ? TRUE : FALSE);
+}
+
+GVariant *GattObjects::AdvertisementProperty(const std::string &name) const
+{
+    if (name == "ServiceUUIDs") {
+        return Texts({kLinkService});
+    }
+    return name == "Discoverable"
+               ? g_variant_new_boolean(TRUE)
+               : g_variant_new_string(name == "Type" ? "peripheral" : mName.c_str());
 }
 
 GVariant *GattObjects::ManagedObjects() const

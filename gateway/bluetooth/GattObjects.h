@@ -61,6 +61,7 @@ private:
     void Call(const std::string &interface, const std::string &method,
               GDBusMethodInvocation *invocation);
     [[nodiscard]] GVariant *Property(const std::string &path, const std::string &name) const;
+    [[nodiscard]] GVariant *AdvertisementProperty(const std::string &name) const;
     [[nodiscard]] GVariant *ManagedObjects() const;
 
     BusObjectPtr<GDBusConnection> mConnection;

@@ -464,6 +464,7 @@ TEST_F(BluetoothRoadTest, UnbondedPhoneIsRefused)
     EXPECT_TRUE(IsDisconnected(mPhone));
     EXPECT_FALSE(mWatch.Accept());
     EXPECT_THAT(TakeLog(), HasSubstr("it is not bonded with the watch"));
+    EXPECT_THAT(mRoad->Refusals(), ElementsAre(std::pair{"not bonded", 1U}));
 }
 
 TEST_F(BluetoothRoadTest, PhoneMayBePairedWithoutABondAndIsRefused)
@@ -549,6 +550,7 @@ TEST_F(BluetoothRoadTest, SecondPhoneIsRefusedAndHearsNothing)
     EXPECT_TRUE(WatchReceives(kStop));
     EXPECT_EQ(mWatch.Receive(), std::nullopt);
     EXPECT_EQ(mBluez->Count("Disconnect"), 1);
+    EXPECT_THAT(mRoad->Refusals(), ElementsAre(std::pair{"another phone", 1U}));
 }
 
 TEST_F(BluetoothRoadTest, EarlierPhoneThatComesBackMeanwhileIsDisconnected)
