@@ -1,6 +1,7 @@
 #include "BluetoothRoad.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "BluezNames.h"
@@ -22,8 +23,9 @@ void Flush(GDBusConnection *connection)
 
 } // namespace
 
-BluetoothRoad::BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat)
-    : mSettings(std::move(settings)), mSeat(seat)
+BluetoothRoad::BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat,
+                             const BluetoothTimes &times)
+    : mSettings(std::move(settings)), mTimes(times), mSeat(seat)
 {
     const std::weak_ptr<std::string> alive = mState;
     seat.AddListener([this, alive] {
@@ -48,11 +50,16 @@ void BluetoothRoad::Shut()
     Disconnect();
 }
 
+nlohmann::json BluetoothRoad::Status() const
+{
+    return {{"text", *mState}, {"refusals", mRefusals}};
+}
+
 void BluetoothRoad::Connect()
 {
     GError *error = nullptr;
     char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-    const BusErrorPtr failure(error);
+    const ErrorPtr failure(error);
     if (address == nullptr) {
         TakeConnection(nullptr, failure.get());
         return;
@@ -71,9 +78,8 @@ void BluetoothRoad::OnConnected(GObject * /*source*/, GAsyncResult *result,
                                 gpointer user_data) noexcept
 {
     GError *error = nullptr;
-    BusObjectPtr<GDBusConnection> connection(
-        g_dbus_connection_new_for_address_finish(result, &error));
-    const BusErrorPtr failure(error);
+    ObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, &error));
+    const ErrorPtr failure(error);
     if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE) {
         return; // the road has gone
     }
@@ -81,7 +87,7 @@ void BluetoothRoad::OnConnected(GObject * /*source*/, GAsyncResult *result,
     RunBusHandler([&] { self->TakeConnection(std::move(connection), failure.get()); });
 }
 
-void BluetoothRoad::TakeConnection(BusObjectPtr<GDBusConnection> connection, const GError *error)
+void BluetoothRoad::TakeConnection(ObjectPtr<GDBusConnection> connection, const GError *error)
 {
     mConnecting.reset();
     mConnection = std::move(connection);
@@ -91,7 +97,7 @@ void BluetoothRoad::TakeConnection(BusObjectPtr<GDBusConnection> connection, con
         mPause = std::min(2 * mPause, Registration::kLongestPause);
         return;
     }
-    mPause = mSettings.mFirstPause;
+    mPause = mTimes.mFirstPause;
     mClosed = g_signal_connect(mConnection.get(), "closed", G_CALLBACK(OnClosed), this);
     mBluez = std::make_unique<BusScope>(mConnection.get(), Bluez::kName);
     mBluez->WatchOwner([this](const std::string &owner) { OnBluez(owner); });
@@ -130,7 +136,15 @@ void BluetoothRoad::OnBluez(const std::string &owner)
         return;
     }
     BluezSessionEvents &events = *this;
-    mSession = std::make_unique<BluezSession>(mConnection.get(), owner, mSettings, mSeat, events);
+    mSession =
+        std::make_unique<BluezSession>(mConnection.get(), owner, mSettings, mTimes, mSeat, events);
+}
+
+void BluetoothRoad::OnRefused(const std::string &reason)
+{
+    if (!reason.empty()) {
+        ++mRefusals[reason];
+    }
 }
 
 void BluetoothRoad::OnState(const std::string &state, bool isTrouble)

@@ -6,12 +6,14 @@
 #include <memory>
 #include <string>
 
-#include "BluetoothSettings.h"
+#include "BluetoothTimes.h"
 #include "BluezSession.h"
 #include "BusScope.h"
 #include "BusTypes.h"
 #include "LoopSource.h"
 #include "PhoneSeat.h"
+#include "Road.h"
+#include "Settings.h"
 
 namespace ParvaneGateway {
 
@@ -22,29 +24,29 @@ namespace ParvaneGateway {
  * failure. While all is there and nobody comes it has no timer. Log lines tell each change of state,
  * once. Main-loop thread only.
  */
-class BluetoothRoad : private BluezSessionEvents
+class BluetoothRoad : public Road, private BluezSessionEvents
 {
 public:
     /** @param seat  borrowed for the life of the road; may outlive it */
-    BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat);
+    BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat, const BluetoothTimes &times);
 
     ~BluetoothRoad() override;
 
     BluetoothRoad(const BluetoothRoad &) = delete;
     BluetoothRoad &operator=(const BluetoothRoad &) = delete;
 
-    void Open() { Connect(); }
+    void Open() override { Connect(); }
 
     /** Takes everything back, and waits for half a second at most until the bus has it. */
-    void Shut();
+    void Shut() override;
 
-    [[nodiscard]] bool IsShut() const { return true; }
+    [[nodiscard]] bool IsShut() const override { return true; }
+
+    [[nodiscard]] const char *Name() const override { return "bluetooth"; }
+    [[nodiscard]] nlohmann::json Status() const override;
 
     /** How things stand, in words, such as "advertised on hci0". */
     [[nodiscard]] const std::string &State() const { return *mState; }
-
-    /** How many phones were refused since the start, by reason. */
-    [[nodiscard]] const std::map<std::string, std::uint64_t> &Refusals() const { return mRefusals; }
 
 private:
     static void OnConnected(GObject *source, GAsyncResult *result, gpointer user_data) noexcept;
@@ -52,22 +54,23 @@ private:
                          gpointer user_data) noexcept;
 
     void Connect();
-    void TakeConnection(BusObjectPtr<GDBusConnection> connection, const GError *error);
+    void TakeConnection(ObjectPtr<GDBusConnection> connection, const GError *error);
     void Disconnect();
     void OnBluez(const std::string &owner);
     void OnState(const std::string &state, bool isTrouble) override;
-    void OnRefused(const std::string &reason) override { ++mRefusals[reason]; }
+    void OnRefused(const std::string &reason) override;
 
     const BluetoothSettings mSettings;
+    const BluetoothTimes mTimes;
     PhoneSeat &mSeat;
     /** Shared with what the seat calls, which may outlive the road. */
     std::shared_ptr<std::string> mState = std::make_shared<std::string>();
     std::map<std::string, std::uint64_t> mRefusals;
-    BusObjectPtr<GCancellable> mConnecting;
-    BusObjectPtr<GDBusConnection> mConnection;
+    ObjectPtr<GCancellable> mConnecting;
+    ObjectPtr<GDBusConnection> mConnection;
     gulong mClosed = 0;
     LoopSource mRetry;
-    std::chrono::milliseconds mPause = mSettings.mFirstPause;
+    std::chrono::milliseconds mPause = mTimes.mFirstPause;
     /** Who BlueZ is. */
     std::unique_ptr<BusScope> mBluez;
     std::unique_ptr<BluezSession> mSession;

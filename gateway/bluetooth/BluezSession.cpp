@@ -31,16 +31,16 @@ std::string Text(GVariant *tuple, gsize index)
     return g_variant_get_string(Child(tuple, index).get(), nullptr);
 }
 
-/** Why a phone was refused, as it is counted. */
+/** Why a phone was refused, as it is counted; empty where the seat has counted it. */
 std::string KindOf(const std::string &code)
 {
     if (code == BluezSession::kAnotherPhone) {
-        return "another phone";
+        return "a second phone over Bluetooth";
     }
     if (code == BluezSession::kWatchAway) {
-        return "watch away";
+        return {};
     }
-    return code == BluezSession::kSmallMtu ? "small MTU" : "not bonded";
+    return code == BluezSession::kSmallMtu ? "the MTU is too small" : "not bonded";
 }
 
 std::string ReasonOf(const std::string &code)
@@ -82,9 +82,10 @@ BluezSession::Service::Service(const BusScope &bluez, const std::string &adapter
 {}
 
 BluezSession::BluezSession(GDBusConnection *connection, const std::string &owner,
-                           const BluetoothSettings &settings, PhoneSeat &seat,
-                           BluezSessionEvents &events)
+                           const BluetoothSettings &settings, const BluetoothTimes &times,
+                           PhoneSeat &seat, BluezSessionEvents &events)
     : mSettings(settings),
+      mTimes(times),
       mSeat(seat),
       mEvents(events),
       mBluez(connection, owner),
@@ -177,8 +178,8 @@ void BluezSession::ChooseAdapter()
     Leave();
     mService.reset();
     if (!adapter.empty()) {
-        mService = std::make_unique<Service>(mBluez, adapter, mSettings.mFirstPause,
-                                             [this] { Advance(); });
+        mService =
+            std::make_unique<Service>(mBluez, adapter, mTimes.mFirstPause, [this] { Advance(); });
     }
 }
 
@@ -289,7 +290,7 @@ void BluezSession::Take(GattCall call)
     if (isBehind || awaitsBond) {
         mHeld.push_back(std::move(call));
         if (!mHeldLimit.IsActive()) {
-            mHeldLimit = LoopSource::After(mSettings.mBondingTime, [this] { RefuseHeld(); });
+            mHeldLimit = LoopSource::After(mTimes.mBondingTime, [this] { RefuseHeld(); });
         }
         return;
     }

@@ -7,13 +7,14 @@
 #include <string>
 
 #include "BluetoothPhone.h"
-#include "BluetoothSettings.h"
+#include "BluetoothTimes.h"
 #include "BluezDevices.h"
 #include "BusScope.h"
 #include "GattObjects.h"
 #include "LoopSource.h"
 #include "PhoneSeat.h"
 #include "Registration.h"
+#include "Settings.h"
 
 namespace ParvaneGateway {
 
@@ -26,7 +27,7 @@ public:
     /** How things stand, in words, whenever it may have changed, and whether that is a trouble. */
     virtual void OnState(const std::string &state, bool isTrouble) = 0;
 
-    /** A phone was refused. @param reason  one of a few, such as "not bonded" */
+    /** A phone was refused. @param reason  such as "not bonded"; empty where the seat has counted it */
     virtual void OnRefused(const std::string &reason) = 0;
 };
 
@@ -58,7 +59,8 @@ public:
      * @param owner  BlueZ's unique name on the bus
      */
     BluezSession(GDBusConnection *connection, const std::string &owner,
-                 const BluetoothSettings &settings, PhoneSeat &seat, BluezSessionEvents &events);
+                 const BluetoothSettings &settings, const BluetoothTimes &times, PhoneSeat &seat,
+                 BluezSessionEvents &events);
     ~BluezSession() override = default;
 
     BluezSession(const BluezSession &) = delete;
@@ -113,6 +115,7 @@ private:
     [[nodiscard]] std::string NameOf(const std::string &device) const;
 
     const BluetoothSettings &mSettings;
+    const BluetoothTimes &mTimes;
     PhoneSeat &mSeat;
     BluezSessionEvents &mEvents;
     BusScope mBluez;

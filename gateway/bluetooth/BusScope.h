@@ -70,9 +70,9 @@ public:
     [[nodiscard]] const std::string &Peer() const { return mPeer; }
 
 private:
-    BusObjectPtr<GDBusConnection> mConnection;
+    ObjectPtr<GDBusConnection> mConnection;
     std::string mPeer;
-    BusObjectPtr<GCancellable> mEnd;
+    ObjectPtr<GCancellable> mEnd;
     std::vector<guint> mSubscriptions;
     guint mOwnerWatch = 0;
 };

@@ -303,16 +303,15 @@ std::string Pairing::NameOf(const std::string &device) const
                             : "a phone";
 }
 
-int RunPairing(const PairingSettings &settings)
+bool RunPairing(const PairingSettings &settings)
 {
     const Parvane::Signals signals;
     GError *error = nullptr;
-    const BusObjectPtr<GDBusConnection> connection(
-        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
-    const BusErrorPtr failure(error);
+    const ObjectPtr<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
+    const ErrorPtr failure(error);
     if (!connection) {
         LogError(std::string("there is no system bus: ") + failure->message);
-        return 1;
+        return false;
     }
     g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
     GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
@@ -332,7 +331,7 @@ int RunPairing(const PairingSettings &settings)
     g_main_loop_unref(loop);
     // What was taken back is on its way before the process ends.
     g_dbus_connection_flush_sync(connection.get(), nullptr, nullptr);
-    return hasPaired ? 0 : 1;
+    return hasPaired;
 }
 
 } // namespace ParvaneGateway

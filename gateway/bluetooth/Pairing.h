@@ -86,8 +86,8 @@ private:
 
 /**
  * The command `parvane-gateway pair`: a Pairing on the system bus, with standard input and output, until it
- * ends or a signal comes. @return the exit status: 0 when a phone was paired
+ * ends or a signal comes. @return whether a phone was paired
  */
-int RunPairing(const PairingSettings &settings);
+bool RunPairing(const PairingSettings &settings);
 
 } // namespace ParvaneGateway

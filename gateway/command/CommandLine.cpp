@@ -29,6 +29,7 @@ struct Texts
     std::string mFile;
     bool mJson = false;
     bool mNoQr = false;
+    bool mYes = false;
 };
 
 /** "90", "90s", "15m", "12h" or "30d" in seconds. */
@@ -91,6 +92,8 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     CLI::App *pair = app.add_subcommand("pair", "Let phones pair over Bluetooth for a while");
     pair->add_option("--for", texts.mFor, "For how long, such as 60s (default) or 2m")
         ->type_name("LENGTH");
+    pair->add_flag("--yes", texts.mYes,
+                   "Let the first phone in that asks, without comparing\nnumbers");
 
     CLI::App *check = app.add_subcommand("check-config", "Say what is wrong with a configuration");
     check->add_option("file", texts.mFile, "The file (default: the one that counts)");
@@ -176,6 +179,7 @@ std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string>
     invocation.mAction = ActionOf(app);
     invocation.mJson = texts.mJson;
     invocation.mNoQr = texts.mNoQr;
+    invocation.mYes = texts.mYes;
     if (std::string wrong = ApplyTexts(texts, invocation); !wrong.empty()) {
         return Wrong(wrong);
     }

@@ -32,6 +32,7 @@ struct Invocation
     Scope mScope = Scope::Phone; // TokenAdd
     std::int64_t mForS = 0;      // TokenAdd: its life, 0 for no end; Pair: how long
     bool mNoQr = false;          // TokenAdd
+    bool mYes = false;           // Pair: without a question
 };
 
 /** A run that is over before it begins: help, version, or wrong usage. */

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 #include "ErrnoText.h"
 #include "OperationSocket.h"
 #include "Output.h"
+#include "Pairing.h"
 #include "Printable.h"
 #include "QrCode.h"
 #include "TokenStore.h"
@@ -161,13 +163,13 @@ ExitCode ShowStatus(const Invocation &invocation, const Settings &settings)
     return ExitCode::Success;
 }
 
+/** At BlueZ, without the gateway: docs/transports.md says why. */
 ExitCode Pair(const Invocation &invocation, const Settings &settings)
 {
-    const nlohmann::json reply = OperationSocket::Ask(
-        settings.mRuntimeDirectory, {{"request", "pair"}, {"for_s", invocation.mForS}});
-    Print(reply.value("text", "phones may pair for " + std::to_string(invocation.mForS) + " s") +
-          '\n');
-    return ExitCode::Success;
+    return RunPairing({settings.mBluetooth.mAdapter, std::chrono::seconds(invocation.mForS),
+                       invocation.mYes})
+               ? ExitCode::Success
+               : ExitCode::Failure;
 }
 
 } // namespace

@@ -126,6 +126,26 @@ auto OfWeb(Value WebSettings::*field)
     return [field](Settings &settings) -> Value & { return Web(settings).*field; };
 }
 
+template <typename Value>
+auto OfBluetooth(Value BluetoothSettings::*field)
+{
+    return [field](Settings &settings) -> Value & { return settings.mBluetooth.*field; };
+}
+
+bool ApplyAdapter(const std::string &text, Settings &settings)
+{
+    settings.mBluetooth.mAdapter = text;
+    return text.empty() || (text.size() > 3 && text.starts_with("hci") &&
+                            text.find_first_not_of("0123456789", 3) == std::string::npos);
+}
+
+bool ApplyName(const std::string &text, Settings &settings)
+{
+    constexpr std::size_t kMost = 29; // what a scan response holds
+    settings.mBluetooth.mName = text;
+    return text.size() <= kMost && Parvane::Printable(text) == text;
+}
+
 const std::vector<Key> &Schema()
 {
     static constexpr char kBoolean[] = "yes, no, true, false, 1 or 0";
@@ -143,6 +163,11 @@ const std::vector<Key> &Schema()
         {"web", "key", kPath, OptionalPath(OfWeb(&WebSettings::mKey))},
         {"web", "origins", "origins such as https://console.example, with ; between them",
          ApplyOrigins},
+        {"bluetooth", "enabled", kBoolean, Boolean(OfBluetooth(&BluetoothSettings::mEnabled))},
+        {"bluetooth", "adapter", "an adapter such as hci0, or empty", ApplyAdapter},
+        {"bluetooth", "name", "printable text of at most 29 bytes, or empty", ApplyName},
+        {"bluetooth", "authenticated", kBoolean,
+         Boolean(OfBluetooth(&BluetoothSettings::mIsAuthenticated))},
         {"directories", "state", kDirectory, Directory(&Settings::mStateDirectory)},
         {"directories", "runtime", kDirectory, Directory(&Settings::mRuntimeDirectory)}};
     return schema;

@@ -27,6 +27,20 @@ struct WebSettings
     bool operator==(const WebSettings &) const = default;
 };
 
+/** Section [bluetooth]: how the watch shows itself to phones over the air. */
+struct BluetoothSettings
+{
+    bool mEnabled = true;
+    /** The adapter, such as "hci0"; empty for the first one that is powered. */
+    std::string mAdapter;
+    /** The name that is advertised; empty for the adapter's own. */
+    std::string mName;
+    /** Whether a phone must have been paired by a number that both sides showed or that was typed in. */
+    bool mIsAuthenticated = false;
+
+    bool operator==(const BluetoothSettings &) const = default;
+};
+
 /** What the configuration asks of the gateway; the defaults are those of an empty file. */
 struct Settings
 {
@@ -36,6 +50,7 @@ struct Settings
     /** Section [directories]: tokens and certificate; what is there for one run. */
     std::string mStateDirectory = "/var/lib/parvane-gateway";
     std::string mRuntimeDirectory = "/run/parvane-gateway";
+    BluetoothSettings mBluetooth;
 
     bool operator==(const Settings &) const = default;
 };

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "BluetoothRoad.h"
 #include "Log.h"
 #include "WebRoad.h"
 
@@ -34,6 +35,10 @@ Gateway::Gateway(const Settings &settings, const Parvane::Signals &signals)
     mOperation.Serve("status", [this](const nlohmann::json & /*request*/) { return Status(); });
     if (settings.mWeb.mEnabled) {
         mRoads.push_back(std::make_unique<WebRoad>(settings, mSeat, mTokens, WebTimes{}));
+    }
+    if (settings.mBluetooth.mEnabled) {
+        mRoads.push_back(
+            std::make_unique<BluetoothRoad>(settings.mBluetooth, mSeat, BluetoothTimes{}));
     }
 }
 

@@ -88,7 +88,8 @@ class GatewayTest(unittest.TestCase):
     def configure(self, web):
         with open(self.file, "w", encoding="utf-8") as file:
             file.write(f"[watch]\ndirectory={self.folder}/watch\n[web]\nport=0\n{web}\n"
-                       f"[directories]\nstate={self.folder}/state\nruntime={self.folder}/run\n")
+                       f"[directories]\nstate={self.folder}/state\nruntime={self.folder}/run\n"
+                       "[bluetooth]\nenabled=no\n")
 
     def start(self):
         with open(self.log, "ab") as log:

@@ -1,6 +1,7 @@
 #include "BluetoothRoad.h"
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <numeric>
 #include <optional>
 #include <poll.h>
@@ -88,8 +89,8 @@ protected:
             GTEST_SKIP() << reason;
         }
         mBus.emplace();
-        mSettings.mFirstPause = std::chrono::milliseconds(1);
-        mSettings.mBondingTime = std::chrono::milliseconds(100);
+        mTimes.mFirstPause = std::chrono::milliseconds(1);
+        mTimes.mBondingTime = std::chrono::milliseconds(100);
         testing::internal::CaptureStderr();
     }
 
@@ -114,7 +115,7 @@ protected:
 
     void Open()
     {
-        mRoad = std::make_unique<BluetoothRoad>(mSettings, mSeat);
+        mRoad = std::make_unique<BluetoothRoad>(mSettings, mSeat, mTimes);
         mRoad->Open();
     }
 
@@ -197,6 +198,7 @@ protected:
     FakeWatch mWatch{mFolder.Path("link.sock")};
     PhoneSeat mSeat{mFolder.Path("link.sock")};
     BluetoothSettings mSettings;
+    BluetoothTimes mTimes;
     std::unique_ptr<FakeBluez> mBluez;
     std::unique_ptr<BluetoothRoad> mRoad;
     std::string mPhone;
@@ -464,7 +466,7 @@ TEST_F(BluetoothRoadTest, UnbondedPhoneIsRefused)
     EXPECT_TRUE(IsDisconnected(mPhone));
     EXPECT_FALSE(mWatch.Accept());
     EXPECT_THAT(TakeLog(), HasSubstr("it is not bonded with the watch"));
-    EXPECT_THAT(mRoad->Refusals(), ElementsAre(std::pair{"not bonded", 1U}));
+    EXPECT_EQ(mRoad->Status()["refusals"], nlohmann::json({{"not bonded", 1}}));
 }
 
 TEST_F(BluetoothRoadTest, PhoneMayBePairedWithoutABondAndIsRefused)
@@ -479,7 +481,7 @@ TEST_F(BluetoothRoadTest, PhoneMayBePairedWithoutABondAndIsRefused)
 
 TEST_F(BluetoothRoadTest, FirstWordsMayOvertakeTheNewsOfTheBond)
 {
-    mSettings.mBondingTime = std::chrono::seconds(60);
+    mTimes.mBondingTime = std::chrono::seconds(60);
     OpenWithBluez();
     mPhone = mBluez->AddDevice("hci0", kPhoneAddress, false);
 
@@ -508,7 +510,7 @@ TEST_F(BluetoothRoadTest, NobodyButBluezIsServed)
     mPhone = mBluez->AddDevice("hci0", kPhoneAddress, true);
 
     // Another program on the bus, which has found out where the objects are.
-    const BusObjectPtr<GDBusConnection> stranger = Connect(mBus->Address());
+    const ObjectPtr<GDBusConnection> stranger = Connect(mBus->Address());
     std::string answer;
     g_dbus_connection_call(
         stranger.get(), mBluez->Owner().c_str(), "/parvane/service/from_watch",
@@ -519,7 +521,7 @@ TEST_F(BluetoothRoadTest, NobodyButBluezIsServed)
             GError *error = nullptr;
             const VariantPtr reply(
                 g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error));
-            const BusErrorPtr failure(error);
+            const ErrorPtr failure(error);
             *static_cast<std::string *>(place) = error != nullptr ? error->message : "served";
         },
         &answer);
@@ -550,7 +552,7 @@ TEST_F(BluetoothRoadTest, SecondPhoneIsRefusedAndHearsNothing)
     EXPECT_TRUE(WatchReceives(kStop));
     EXPECT_EQ(mWatch.Receive(), std::nullopt);
     EXPECT_EQ(mBluez->Count("Disconnect"), 1);
-    EXPECT_THAT(mRoad->Refusals(), ElementsAre(std::pair{"another phone", 1U}));
+    EXPECT_EQ(mRoad->Status()["refusals"], nlohmann::json({{"a second phone over Bluetooth", 1}}));
 }
 
 TEST_F(BluetoothRoadTest, EarlierPhoneThatComesBackMeanwhileIsDisconnected)

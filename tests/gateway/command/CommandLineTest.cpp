@@ -61,6 +61,8 @@ TEST(GatewayCommandLineTest, ReadsTheCommandsOfTokens)
     EXPECT_EQ(Parsed({"token", "remove", "a"}).mAction, Action::TokenRemove);
     EXPECT_EQ(Parsed({"pair"}).mForS, 60);
     EXPECT_EQ(Parsed({"pair", "--for", "90"}).mForS, 90);
+    EXPECT_FALSE(Parsed({"pair"}).mYes);
+    EXPECT_TRUE(Parsed({"pair", "--yes"}).mYes);
     EXPECT_TRUE(Parsed({"status", "--json"}).mJson);
 }
 

@@ -30,13 +30,15 @@ TEST(GatewayConfigFileTest, TakesEveryKey)
     const Configuration configuration = ParseConfiguration(
         "# a comment\n[watch]\ndirectory = /run/other\n[web]\nenabled=no\naddress=::\nport=0\ntls=0\n"
         "insecure=yes\ncertificate=/c\nkey=/k\norigins=https://a.example;http://b:1\n"
+        "[bluetooth]\nenabled=no\nadapter=hci1\nname=Left wrist\nauthenticated=yes\n"
         "[directories]\nstate=/s\nruntime=/r\n");
     EXPECT_TRUE(configuration.mProblems.empty());
     const Settings expected{
         "/run/other",
         {false, "::", 0, false, true, "/c", "/k", {"https://a.example", "http://b:1"}},
         "/s",
-        "/r"};
+        "/r",
+        {false, "hci1", "Left wrist", true}};
     EXPECT_EQ(configuration.mSettings, expected);
 }
 
@@ -59,6 +61,9 @@ TEST(GatewayConfigFileTest, SaysWhatIsWrongAndWhere)
     EXPECT_THAT(ProblemsOf("[web]\nkey=/k\n"), ::testing::SizeIs(1));
     EXPECT_THAT(ProblemsOf("[watch]\ndirectory=run\n[directories]\nstate=/a/\n"),
                 ::testing::SizeIs(2));
+    EXPECT_THAT(ProblemsOf("[bluetooth]\nadapter=0\nname=a watch with more than 29 bytes\n"),
+                ::testing::SizeIs(2));
+    EXPECT_TRUE(ProblemsOf("[bluetooth]\nadapter=\nname=\n").empty());
     EXPECT_THAT(ProblemsOf("\xFF"), ::testing::ElementsAre("error f: it is no text in UTF-8"));
 }
 
