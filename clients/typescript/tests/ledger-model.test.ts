@@ -2,32 +2,12 @@
 import { expect, it } from 'vitest';
 
 import { namedZone, StepLedger, type StepTotal, type ZoneOffset } from '../src/index.js';
+import { Random } from './random.js';
 
 const DAY = 86400;
 const JANUARY = 1767225600;
 const DAYS_OF_A_WORLD = 25; // fewer than a ledger keeps
 const WORLDS = Number(process.env['PARVANE_LEDGER_DAYS'] ?? 2500) / DAYS_OF_A_WORLD;
-
-/** The same numbers from the same seed. */
-class Random {
-  #state: number;
-
-  constructor(seed: number) {
-    this.#state = seed;
-  }
-
-  /** From `least` to `most`, both included. */
-  next(least: number, most: number): number {
-    this.#state = (this.#state + 0x6d2b79f5) | 0;
-    let mixed = Math.imul(this.#state ^ (this.#state >>> 15), 1 | this.#state);
-    mixed = (mixed + Math.imul(mixed ^ (mixed >>> 7), 61 | mixed)) ^ mixed;
-    return least + Math.floor((((mixed ^ (mixed >>> 14)) >>> 0) / 2 ** 32) * (most - least + 1));
-  }
-
-  oneIn(times: number): boolean {
-    return this.next(1, times) === 1;
-  }
-}
 
 /** Its offsets, looked up once for each quarter of an hour. */
 function remembered(zone: ZoneOffset): ZoneOffset {
