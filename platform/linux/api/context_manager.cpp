@@ -41,13 +41,13 @@ extern "C" ContextManagerOptionType *context_option_new(void)
 extern "C" int context_option_add_value_int(ContextManagerOptionType **option, const char *key,
                                             int value)
 {
-    return AddOptionInt(option, key, value);
+    return AddOptionValue(option, key, value);
 }
 
 extern "C" int context_option_add_value_double(ContextManagerOptionType **option, const char *key,
                                                double value)
 {
-    return AddOptionDouble(option, key, value);
+    return AddOptionValue(option, key, value);
 }
 
 extern "C" int context_context_data_get_int(context_data *data, const char *key, int *value)

@@ -1,5 +1,6 @@
 #include "ContextBlock.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -12,8 +13,6 @@
 
 namespace {
 
-enum class ValueType : std::uint32_t { Int = 1, Double = 2 };
-
 struct BlockHeader
 {
     std::uint32_t mMagic;
@@ -24,9 +23,7 @@ struct BlockHeader
 struct BlockEntry
 {
     char mKey[ParvanePlatform::kMaxContextKeyBytes + 1];
-    ValueType mType;
-    std::int32_t mInt;
-    double mDouble;
+    std::variant<int, double> mValue;
 };
 
 static_assert(sizeof(BlockHeader) % alignof(BlockEntry) == 0, "entries follow the header");
@@ -72,30 +69,26 @@ BlockEntry MakeEntry(const char *key, const std::variant<int, double> &value)
 {
     BlockEntry entry = {};
     std::memcpy(entry.mKey, key, std::strlen(key));
-    if (const int *number = std::get_if<int>(&value)) {
-        entry.mType = ValueType::Int;
-        entry.mInt = *number;
-    } else {
-        entry.mType = ValueType::Double;
-        entry.mDouble = std::get<double>(value);
-    }
+    entry.mValue = value;
     return entry;
-}
-
-const BlockEntry *Find(const BlockHeader &header, const char *key)
-{
-    const BlockEntry *entries = EntriesOf(header);
-    for (std::uint32_t i = 0; i < header.mCount; ++i) {
-        if (std::strcmp(entries[i].mKey, key) == 0) {
-            return &entries[i];
-        }
-    }
-    return nullptr;
 }
 
 bool IsData(const context_data *data)
 {
     return data != nullptr && data->mHeader.mMagic == kDataMagic;
+}
+
+/** Looks a value up. @return 0; -22 for a null or for what is no reading; -2 for no such key */
+int Find(const context_data *data, const char *key, const void *result, const BlockEntry *&entry)
+{
+    if (!IsData(data) || key == nullptr || result == nullptr) {
+        return ErrorCode::kInvalidParameter;
+    }
+    const BlockEntry *const begin = EntriesOf(data->mHeader);
+    const BlockEntry *const end = begin + data->mHeader.mCount;
+    entry = std::find_if(begin, end,
+                         [key](const BlockEntry &one) { return std::strcmp(one.mKey, key) == 0; });
+    return entry == end ? ErrorCode::kNotFound : 0;
 }
 
 std::optional<int> ExactInt(double value)
@@ -112,25 +105,6 @@ bool IsValidKey(const char *key)
 {
     return key != nullptr && key[0] != '\0' &&
            ::strnlen(key, kMaxContextKeyBytes + 1) <= kMaxContextKeyBytes;
-}
-
-int AddOptionValue(context_option **option, const char *key,
-                   const std::variant<int, double> &value) noexcept
-{
-    if (option == nullptr || !IsContextOption(*option) || !IsValidKey(key) ||
-        (*option)->mHeader.mCount >= kMaxOptionValues) {
-        return ErrorCode::kInvalidParameter;
-    }
-    const std::uint32_t count = (*option)->mHeader.mCount;
-    void *moved = std::realloc(*option, BlockBytes(count + 1));
-    if (moved == nullptr) {
-        return ErrorCode::kOutOfMemory;
-    }
-    auto *block = static_cast<context_option *>(moved);
-    EntriesOf(block->mHeader)[count] = MakeEntry(key, value);
-    block->mHeader.mCount = count + 1;
-    *option = block;
-    return 0;
 }
 
 } // namespace
@@ -153,15 +127,12 @@ context_data *MakeContextData(std::int64_t wallMs, const SensorReading &reading)
 
 int GetContextInt(const context_data *data, const char *key, int *value) noexcept
 {
-    if (!IsData(data) || key == nullptr || value == nullptr) {
-        return ErrorCode::kInvalidParameter;
-    }
-    const BlockEntry *entry = Find(data->mHeader, key);
-    if (entry == nullptr) {
-        return ErrorCode::kNotFound;
+    const BlockEntry *entry = nullptr;
+    if (const int error = Find(data, key, value, entry); error != 0) {
+        return error;
     }
     const auto number =
-        entry->mType == ValueType::Int ? std::optional<int>(entry->mInt) : ExactInt(entry->mDouble);
+        std::visit([](auto held) { return ExactInt(static_cast<double>(held)); }, entry->mValue);
     if (!number) {
         return ErrorCode::kOutOfRange;
     }
@@ -171,14 +142,11 @@ int GetContextInt(const context_data *data, const char *key, int *value) noexcep
 
 int GetContextDouble(const context_data *data, const char *key, double *value) noexcept
 {
-    if (!IsData(data) || key == nullptr || value == nullptr) {
-        return ErrorCode::kInvalidParameter;
+    const BlockEntry *entry = nullptr;
+    if (const int error = Find(data, key, value, entry); error != 0) {
+        return error;
     }
-    const BlockEntry *entry = Find(data->mHeader, key);
-    if (entry == nullptr) {
-        return ErrorCode::kNotFound;
-    }
-    *value = entry->mType == ValueType::Int ? entry->mInt : entry->mDouble;
+    *value = std::visit([](auto held) { return static_cast<double>(held); }, entry->mValue);
     return 0;
 }
 
@@ -200,14 +168,23 @@ context_option *MakeContextOption() noexcept
     return option;
 }
 
-int AddOptionInt(context_option **option, const char *key, int value) noexcept
+int AddOptionValue(context_option **option, const char *key,
+                   const std::variant<int, double> &value) noexcept
 {
-    return AddOptionValue(option, key, value);
-}
-
-int AddOptionDouble(context_option **option, const char *key, double value) noexcept
-{
-    return AddOptionValue(option, key, value);
+    if (option == nullptr || !IsContextOption(*option) || !IsValidKey(key) ||
+        (*option)->mHeader.mCount >= kMaxOptionValues) {
+        return ErrorCode::kInvalidParameter;
+    }
+    const std::uint32_t count = (*option)->mHeader.mCount;
+    void *moved = std::realloc(*option, BlockBytes(count + 1));
+    if (moved == nullptr) {
+        return ErrorCode::kOutOfMemory;
+    }
+    auto *block = static_cast<context_option *>(moved);
+    EntriesOf(block->mHeader)[count] = MakeEntry(key, value);
+    block->mHeader.mCount = count + 1;
+    *option = block;
+    return 0;
 }
 
 bool IsContextOption(const context_option *option) noexcept
@@ -220,8 +197,9 @@ std::vector<int> GetOptionInts(const context_option *option, const char *key)
     std::vector<int> values;
     const BlockEntry *entries = EntriesOf(option->mHeader);
     for (std::uint32_t i = 0; i < option->mHeader.mCount; ++i) {
-        if (entries[i].mType == ValueType::Int && std::strcmp(entries[i].mKey, key) == 0) {
-            values.push_back(entries[i].mInt);
+        const int *value = std::get_if<int>(&entries[i].mValue);
+        if (value != nullptr && std::strcmp(entries[i].mKey, key) == 0) {
+            values.push_back(*value);
         }
     }
     return values;

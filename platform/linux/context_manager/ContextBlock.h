@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <variant>
 #include <vector>
 
 #include <platform/context_manager.h>
@@ -49,8 +50,8 @@ context_option *MakeContextOption() noexcept;
  *
  * @return 0; -22 for null, no key or one that is too long, or too many values; -12 without memory
  */
-int AddOptionInt(context_option **option, const char *key, int value) noexcept;
-int AddOptionDouble(context_option **option, const char *key, double value) noexcept;
+int AddOptionValue(context_option **option, const char *key,
+                   const std::variant<int, double> &value) noexcept;
 
 /** True for a block that MakeContextOption() has made. */
 bool IsContextOption(const context_option *option) noexcept;

@@ -46,23 +46,17 @@ std::size_t PlainLength(std::string_view text)
 void AddEscaped(LogText &line, unsigned char byte)
 {
     constexpr char kDigits[] = "0123456789abcdef";
+    constexpr std::string_view kControls = "\n\r\t";
+    constexpr std::string_view kLetters = "nrt";
     line.Add('\\');
-    switch (byte) {
-    case '\n':
-        line.Add('n');
-        break;
-    case '\r':
-        line.Add('r');
-        break;
-    case '\t':
-        line.Add('t');
-        break;
-    default:
-        line.Add('x');
-        line.Add(kDigits[byte >> 4]);
-        line.Add(kDigits[byte & 0x0f]);
-        break;
+    const std::size_t place = kControls.find(static_cast<char>(byte));
+    if (place != std::string_view::npos) {
+        line.Add(kLetters[place]);
+        return;
     }
+    line.Add('x');
+    line.Add(kDigits[byte >> 4]);
+    line.Add(kDigits[byte & 0x0f]);
 }
 
 } // namespace
@@ -74,20 +68,17 @@ void LogText::AddTime(std::int64_t wallMs)
     const auto day = floor<std::chrono::days>(now);
     const std::chrono::year_month_day date(day);
     const std::chrono::hh_mm_ss time(now - day);
-    AddNumber(static_cast<unsigned>(static_cast<int>(date.year())), 4);
-    Add('-');
-    AddNumber(static_cast<unsigned>(date.month()), 2);
-    Add('-');
-    AddNumber(static_cast<unsigned>(date.day()), 2);
-    Add('T');
-    AddNumber(static_cast<unsigned>(time.hours().count()), 2);
-    Add(':');
-    AddNumber(static_cast<unsigned>(time.minutes().count()), 2);
-    Add(':');
-    AddNumber(static_cast<unsigned>(time.seconds().count()), 2);
-    Add('.');
-    AddNumber(static_cast<unsigned>(time.subseconds().count()), 3);
-    Add('Z');
+    const auto add = [this](auto value, int width, char after) {
+        AddNumber(static_cast<unsigned>(value), width);
+        Add(after);
+    };
+    add(static_cast<int>(date.year()), 4, '-');
+    add(static_cast<unsigned>(date.month()), 2, '-');
+    add(static_cast<unsigned>(date.day()), 2, 'T');
+    add(time.hours().count(), 2, ':');
+    add(time.minutes().count(), 2, ':');
+    add(time.seconds().count(), 2, '.');
+    add(time.subseconds().count(), 3, 'Z');
 }
 
 void LogText::AddNumber(unsigned value, int width)

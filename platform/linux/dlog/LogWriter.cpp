@@ -35,21 +35,9 @@ struct Free
 
 char LetterOf(LogPriority priority)
 {
-    switch (priority) {
-    case LogPriority::Verbose:
-        return 'V';
-    case LogPriority::Debug:
-        return 'D';
-    case LogPriority::Info:
-        return 'I';
-    case LogPriority::Warning:
-        return 'W';
-    case LogPriority::Error:
-        return 'E';
-    case LogPriority::Fatal:
-        return 'F';
-    }
-    return '?';
+    constexpr std::string_view kLetters = "??VDIWEF";
+    const auto index = static_cast<std::size_t>(priority);
+    return index < kLetters.size() ? kLetters[index] : '?';
 }
 
 int WriteOnce(int fd, const char *line, std::size_t size, bool isStream)

@@ -17,20 +17,6 @@ namespace {
 
 constexpr int kBacklog = 8;
 
-/** Sets the umask for the length of its life. */
-class UmaskGuard
-{
-public:
-    explicit UmaskGuard(mode_t mask) : mOld(::umask(mask)) {}
-    ~UmaskGuard() { ::umask(mOld); }
-
-    UmaskGuard(const UmaskGuard &) = delete;
-    UmaskGuard &operator=(const UmaskGuard &) = delete;
-
-private:
-    mode_t mOld;
-};
-
 [[noreturn]] void Refuse(const std::string &path, int error)
 {
     throw StartupError("cannot make the socket " + path + ": " + ErrorText(error));
@@ -38,9 +24,12 @@ private:
 
 void Bind(int fd, const sockaddr_un &address)
 {
-    const UmaskGuard onlyOwner(0177);
-    if (::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        Refuse(address.sun_path, errno);
+    const mode_t old = ::umask(0177);
+    const int result = ::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    const int error = errno;
+    ::umask(old);
+    if (result != 0) {
+        Refuse(address.sun_path, error);
     }
 }
 
