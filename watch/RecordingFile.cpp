@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
+#include <filesystem>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -29,7 +31,10 @@ int RecordingFile::Open(bool mayReplace)
         O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (mayReplace ? O_TRUNC : O_EXCL);
     mFd.Reset(::open(mPath.c_str(), flags, 0666));
     mSize = 0;
-    return mFd ? 0 : errno;
+    const int error = mFd ? 0 : errno;
+    std::error_code ignored;
+    // A folder is nothing that could be overwritten.
+    return error == EEXIST && std::filesystem::is_directory(mPath, ignored) ? EISDIR : error;
 }
 
 int RecordingFile::Write(std::string_view lines)

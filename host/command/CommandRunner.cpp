@@ -154,7 +154,7 @@ Outcome CommandRunner::Measure()
     if (trouble && !(done > 0 && std::holds_alternative<Interrupted>(*trouble))) {
         const Outcome outcome = Failed(*trouble);
         if (IsTimeout(*trouble)) {
-            Complain(TextPrinter::kWhereToLook);
+            Complain("is its link up, and " + std::string(TextPrinter::kWhereToLook));
         }
         return outcome;
     }
@@ -532,6 +532,10 @@ Outcome CommandRunner::Failed(const Error &error)
         return {signal != 0 ? ExitCode::Failure : ExitCode::Success, signal};
     }
     Complain(Describe(error));
+    if (IsTimeout(error) && (mInvocation.mAction == Invocation::Action::List ||
+                             mInvocation.mAction == Invocation::Action::Stop)) {
+        Complain("is its link up? 'parvane-watch status' on the watch tells");
+    }
     return {IsNoAnswer(error) ? ExitCode::NoAnswer : ExitCode::Failure};
 }
 

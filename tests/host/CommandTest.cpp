@@ -216,9 +216,20 @@ TEST_F(CommandTest, ASilentWatchIsExitCodeThree)
     EXPECT_EQ(host.ReadOutput(), "");
     EXPECT_EQ(host.ReadErrors(),
               "parvane-host: no answer to the measurement of 'hr' within 0.05 s\n"
-              "parvane-host: is a source configured for it on the watch? 'parvane-watch status' "
-              "there tells, and its last reading\n");
+              "parvane-host: is its link up, and is a source configured for it on the watch? "
+              "'parvane-watch status' there tells, and its last reading\n");
     EXPECT_EQ(host.Wait(), 3);
+}
+
+TEST_F(CommandTest, ASilentWatchMayHaveItsLinkDown)
+{
+    for (const char *command : {"list", "stop"}) {
+        Host host(Arguments({command, "--timeout", "0.05"}));
+        mWatch.Accept();
+        EXPECT_THAT(host.ReadErrors(), EndsWith("\nparvane-host: is its link up? 'parvane-watch "
+                                                "status' on the watch tells\n"));
+        EXPECT_EQ(host.Wait(), 3);
+    }
 }
 
 TEST_F(CommandTest, NoUsableReadingIsExitCodeFourAndSaysWhatToLookAt)

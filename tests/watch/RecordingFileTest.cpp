@@ -54,6 +54,7 @@ TEST_F(RecordingFileTest, AFileThatExistsIsReplacedOnlyWhenThatIsAllowed)
     std::ofstream(Path()) << "precious, and longer than what comes";
     EXPECT_EQ(RecordingFile(Path()).Open(false), EEXIST);
     EXPECT_EQ(Content(), "precious, and longer than what comes");
+    EXPECT_EQ(RecordingFile("/").Open(false), EISDIR) << "which is never replaced";
 
     RecordingFile file(Path());
     ASSERT_EQ(file.Open(true), 0);
