@@ -16,6 +16,9 @@ import tempfile
 import time
 import xml.etree.ElementTree
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+from service import Service, check  # noqa: E402
+
 PARVANE, HOST, WATCH = sys.argv[1:4]
 TCX = "{http://www.garmin.com/xmlschemas/TrainingCenterDatabase/v2}"
 LAP_EXTENSION = "{http://www.garmin.com/xmlschemas/ActivityExtension/v2}"
@@ -49,11 +52,6 @@ STRUCTURE = {
                                 ("HeartRateBpm", 0, 1), ("Cadence", 0, 1), ("SensorState", 0, 1), ("Extensions", 0, 1)]},
     "Time": {"text": UTC},
 }
-
-
-def check(condition, what):
-    if not condition:
-        raise AssertionError(what)
 
 
 def check_children(element, children):
@@ -105,38 +103,6 @@ def check_that_faults_are_found(text):
         except (AssertionError, ValueError, xml.etree.ElementTree.ParseError):
             continue
         raise AssertionError("%s instead of %s is not found" % (new, old))
-
-
-class Service:
-    """A service in a folder of its own."""
-
-    def __init__(self, folder, **environment):
-        self.folder = pathlib.Path(folder)
-        for name in "run", "state":
-            (self.folder / name).mkdir(parents=True)
-        self.environment = {**os.environ, "TZ": "UTC", "RUNTIME_DIRECTORY": str(self.folder / "run"),
-                            "STATE_DIRECTORY": str(self.folder / "state"), "XDG_STATE_HOME": str(self.folder / "home")}
-        log = open(self.folder / "log", "w", encoding="utf-8")
-        self.process = subprocess.Popen([PARVANE], env={**self.environment, **environment}, stderr=log)
-        log.close()
-        for _ in range(400):
-            if self.watch("status", check=False).returncode == 0:
-                return
-            time.sleep(0.05)
-        raise AssertionError("no service: " + (self.folder / "log").read_text("utf-8"))
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.terminate()
-        self.process.wait(20)
-
-    def start(self, *command):
-        return subprocess.Popen(command, env=self.environment, stdout=subprocess.PIPE, text=True)
-
-    def watch(self, *arguments, check=True):
-        return subprocess.run([WATCH, *arguments], env=self.environment, check=check, capture_output=True, text=True, timeout=20)
 
 
 def follow(service, capture, end):
@@ -211,7 +177,7 @@ def replayed(folder, recording, count):
         seen.append(reading)
         return reading.get("steps") == count
 
-    with Service(folder / "replay", PARVANE_TRACE=str(recording), PARVANE_LOOP="0") as service:
+    with Service(PARVANE, WATCH, folder / "replay", PARVANE_TRACE=str(recording), PARVANE_LOOP="0") as service:
         follow(service, capture, end)
     return without_times(export("jsonl", capture))
 
@@ -219,9 +185,7 @@ def replayed(folder, recording, count):
 def main():
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        config = folder / "platform.conf"
-        config.write_text("[sensors]\nheart_rate=manual\npedometer=manual\nactivity=manual\n", "utf-8")
-        with Service(folder / "service", PARVANE_PLATFORM_CONF=str(config)) as service:
+        with Service(PARVANE, WATCH, folder / "service", manual=True) as service:
             outer, inner = walk_and_run(service, folder)
 
         rows = check_rows(export("csv", outer))
