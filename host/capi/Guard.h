@@ -4,12 +4,13 @@
 #include <chrono>
 #include <cstring>
 #include <new>
+#include <optional>
+#include <parvane/host.h>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
 #include "Session.h"
-#include "parvane/host.h"
 
 namespace ParvaneHost {
 
@@ -43,7 +44,8 @@ Moment MomentOf(const parvane_moment *now) noexcept;
 /** A packet of the watch as it is told in C. */
 parvane_packet PacketOf(const Reply &reply) noexcept;
 
-/** A new session as the options say. 0 or a PARVANE_E number. */
-int NewSession(const parvane_options *options, parvane_session **session);
+/** What a session is made with, as the options say; null: all as usual. 0 or a PARVANE_E number. */
+int ReadStart(const parvane_options *options, SessionOptions &session,
+              std::optional<StepLedger> &ledger);
 
 } // namespace ParvaneHost

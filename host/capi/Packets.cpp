@@ -1,12 +1,12 @@
 #include <algorithm>
 #include <cstdlib>
+#include <parvane/host.h>
 #include <string>
 #include <variant>
 
 #include "Guard.h"
 #include "Messages.h"
 #include "WireCodec.h"
-#include "parvane/host.h"
 
 using namespace ParvaneHost;
 

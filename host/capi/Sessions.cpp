@@ -4,12 +4,12 @@
 #include <ctime>
 #include <iterator>
 #include <optional>
+#include <parvane/host.h>
 #include <utility>
 #include <variant>
 
 #include "Guard.h"
 #include "SessionHandle.h"
-#include "parvane/host.h"
 
 using namespace ParvaneHost;
 using std::chrono::microseconds;
@@ -213,10 +213,10 @@ template <typename Function>
 int Happens(parvane_session *session, Function function) noexcept
 {
     return Guarded([&] {
-        if (session == nullptr || session->mIsOfAWatch) {
+        if (session == nullptr || session->IsOfAWatch()) {
             return kInvalid;
         }
-        function(session->mSession);
+        function(*session->mSession);
         return 0;
     });
 }
@@ -228,7 +228,7 @@ int Asks(parvane_session *session, int timeoutMs, uint64_t *request, Function fu
         if (session == nullptr || timeoutMs < 0) {
             return kInvalid;
         }
-        const RequestId id = function(session->mSession);
+        const RequestId id = function(*session->mSession);
         session->mIsAsked = true;
         if (request != nullptr) {
             *request = id;
@@ -247,26 +247,27 @@ Moment MomentOf(const parvane_moment *now) noexcept
         return {std::chrono::steady_clock::time_point(microseconds(now->steady_us)),
                 Instant(milliseconds(now->wall_ms))};
     }
-    return {std::chrono::steady_clock::now(),
-            std::chrono::floor<milliseconds>(std::chrono::system_clock::now())};
+    return Now();
 }
 
-int NewSession(const parvane_options *options, parvane_session **session)
+int ReadStart(const parvane_options *options, SessionOptions &session,
+              std::optional<StepLedger> &ledger)
 {
     parvane_options known{};
-    if (session == nullptr || !ReadOptions(options, known)) {
+    if (!ReadOptions(options, known)) {
         return kInvalid;
     }
+    session = OptionsOf(known);
     const ZoneOffset zone = ZoneOf(known);
-    StepLedger ledger(zone);
-    if (known.steps != nullptr) {
-        auto restored = StepLedger::Restore(known.steps, zone);
-        if (!restored) {
-            return PARVANE_EMALFORMED;
-        }
-        ledger = std::move(restored).Value();
+    if (known.steps == nullptr) {
+        ledger.emplace(zone);
+        return 0;
     }
-    *session = new parvane_session(OptionsOf(known), std::move(ledger));
+    auto restored = StepLedger::Restore(known.steps, zone);
+    if (!restored) {
+        return PARVANE_EMALFORMED;
+    }
+    ledger.emplace(std::move(restored).Value());
     return 0;
 }
 
@@ -274,12 +275,20 @@ int NewSession(const parvane_options *options, parvane_session **session)
 
 int parvane_session_new(const parvane_options *options, parvane_session **session) noexcept
 {
-    return Guarded([=] { return NewSession(options, session); });
+    return Guarded([=] {
+        SessionOptions known;
+        std::optional<StepLedger> ledger;
+        const int error = session == nullptr ? kInvalid : ReadStart(options, known, ledger);
+        if (error == 0) {
+            *session = new parvane_session(known, *std::move(ledger));
+        }
+        return error;
+    });
 }
 
 void parvane_session_free(parvane_session *session) noexcept
 {
-    if (session != nullptr && !session->mIsOfAWatch) {
+    if (session != nullptr && !session->IsOfAWatch()) {
         delete session;
     }
 }
@@ -316,24 +325,24 @@ int parvane_session_advance(parvane_session *session, const parvane_moment *now)
 
 int parvane_session_wants_link(const parvane_session *session) noexcept
 {
-    return session == nullptr ? kInvalid : int{session->mSession.WantsLink()};
+    return session == nullptr ? kInvalid : int{session->mSession->WantsLink()};
 }
 
 int parvane_session_is_linked(const parvane_session *session) noexcept
 {
-    return session == nullptr ? kInvalid : int{session->mSession.IsLinked()};
+    return session == nullptr ? kInvalid : int{session->mSession->IsLinked()};
 }
 
 int parvane_session_next_packet(parvane_session *session, uint8_t *bytes, size_t size) noexcept
 {
     return Guarded([=] {
-        if (session == nullptr || session->mIsOfAWatch || bytes == nullptr) {
+        if (session == nullptr || session->IsOfAWatch() || bytes == nullptr) {
             return kInvalid;
         }
         if (size < PARVANE_MAX_REQUEST) {
             return static_cast<int>(PARVANE_EROOM);
         }
-        const auto packet = session->mSession.NextPacket();
+        const auto packet = session->mSession->NextPacket();
         if (packet) {
             std::copy(packet->begin(), packet->end(), bytes);
         }
@@ -346,7 +355,7 @@ int parvane_session_timeout_ms(const parvane_session *session, const parvane_mom
     if (session == nullptr) {
         return kInvalid;
     }
-    const auto deadline = session->mSession.Deadline();
+    const auto deadline = session->mSession->Deadline();
     if (!deadline) {
         return -1;
     }
@@ -390,8 +399,8 @@ int parvane_session_follow(parvane_session *session, int sensor, int every_ms,
         if (session == nullptr || !IsSensor(sensor) || every_ms < 0) {
             return kInvalid;
         }
-        session->mSession.Follow(static_cast<Sensor>(sensor), MomentOf(now),
-                                 milliseconds(every_ms));
+        session->mSession->Follow(static_cast<Sensor>(sensor), MomentOf(now),
+                                  milliseconds(every_ms));
         session->mIsAsked = true;
         return 0;
     });
@@ -403,7 +412,7 @@ int parvane_session_next_event(parvane_session *session, parvane_event *event, s
         if (session == nullptr || event == nullptr) {
             return kInvalid;
         }
-        const auto next = session->mSession.NextEvent();
+        const auto next = session->mSession->NextEvent();
         if (!next) {
             return 0;
         }
@@ -424,7 +433,7 @@ int parvane_session_latest(const parvane_session *session, int sensor, parvane_r
         if (session == nullptr || reading == nullptr || !IsSensor(sensor)) {
             return kInvalid;
         }
-        const auto latest = session->mSession.Latest(static_cast<Sensor>(sensor));
+        const auto latest = session->mSession->Latest(static_cast<Sensor>(sensor));
         if (!latest) {
             return 0;
         }
@@ -440,7 +449,7 @@ char *parvane_session_latest_text(const parvane_session *session, int sensor,
     Guarded([&] {
         const auto latest = session == nullptr || !IsSensor(sensor)
                                 ? std::nullopt
-                                : session->mSession.Latest(static_cast<Sensor>(sensor));
+                                : session->mSession->Latest(static_cast<Sensor>(sensor));
         text = latest ? NewText(latest->Text(MomentOf(now).mWall)) : nullptr;
         return 0;
     });
@@ -452,7 +461,7 @@ int parvane_session_days(const parvane_session *session, parvane_day *days, size
     if (session == nullptr || (days == nullptr && count > 0)) {
         return kInvalid;
     }
-    const auto &known = session->mSession.Steps().Days();
+    const auto &known = session->mSession->Steps().Days();
     const std::size_t left = known.size() > count ? known.size() - count : 0;
     auto from = std::next(known.begin(), static_cast<std::ptrdiff_t>(left));
     for (; from != known.end(); ++from, ++days) {
@@ -465,7 +474,7 @@ char *parvane_session_save_steps(const parvane_session *session) noexcept
 {
     char *text = nullptr;
     Guarded([&] {
-        text = session == nullptr ? nullptr : NewText(session->mSession.Steps().Save());
+        text = session == nullptr ? nullptr : NewText(session->mSession->Steps().Save());
         return 0;
     });
     return text;
