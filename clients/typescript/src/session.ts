@@ -188,7 +188,9 @@ type Draft = { -readonly [Name in keyof NewReading]: NewReading[Name] };
  * each new one. Throws what the ledger's zone throws, and nothing else.
  */
 export class Session {
-  readonly #options: Required<Omit<SessionOptions, 'timeoutMs'>>;
+  readonly #provesLink: boolean;
+  readonly #countsSteps: boolean;
+  readonly #askAgainAfterMs: number;
   readonly #timeoutMs: number | undefined;
   readonly #ledger: StepLedger;
   readonly #observations = new Observations();
@@ -213,19 +215,15 @@ export class Session {
    * @param ledger - new or restored: what is known of the steps
    */
   constructor(options: SessionOptions, ledger: StepLedger) {
-    this.#options = {
-      firstFlags: 1,
-      askAgainAfterMs: 3500,
-      firstPauseMs: 100,
-      longestPauseMs: 5000,
-      provesLink: true,
-      countsSteps: true,
-      ...options,
-    };
+    const { firstFlags = 1, provesLink = true, countsSteps = true } = options;
+    const { askAgainAfterMs = 3500, firstPauseMs = 100, longestPauseMs = 5000 } = options;
+    this.#provesLink = provesLink;
+    this.#countsSteps = countsSteps;
+    this.#askAgainAfterMs = askAgainAfterMs;
     this.#timeoutMs = options.timeoutMs;
     this.#ledger = ledger;
-    this.#backoff = new Backoff(this.#options.firstPauseMs, this.#options.longestPauseMs);
-    this.#flags = this.#options.firstFlags;
+    this.#backoff = new Backoff(firstPauseMs, longestPauseMs);
+    this.#flags = [1, 2, 3].includes(firstFlags) ? firstFlags : 1; // whatever is called without types
   }
 
   // --- what happens ---
@@ -242,7 +240,7 @@ export class Session {
     this.#state = 'trying';
     this.#ledger.connected(run);
     this.#unsure = 0;
-    if (this.#options.provesLink || this.follows(Sensor.Activity)) {
+    if (this.#provesLink || this.follows(Sensor.Activity)) {
       // Also what a start needs: the watch may still count the activity as started.
       const id = this.#ask({ kind: 'stop', sensor: Sensor.Activity, flags: 0 }, true, now);
       const stop = this.#questions.find((question) => question.id === id);
@@ -516,7 +514,7 @@ export class Session {
       this.#events.push({ kind: 'failed', request: 0, sensor: sensorOf(request), why });
     }
     const hasHeardNothing = sentAt !== undefined && this.#heardAt <= sentAt;
-    if (this.#options.provesLink && this.isLinked && hasHeardNothing) {
+    if (this.#provesLink && this.isLinked && hasHeardNothing) {
       this.#ask({ kind: 'list', flags: 0 }, true, now);
     }
   }
@@ -565,7 +563,7 @@ export class Session {
     }
     const { request } = question;
     if (request.kind === 'measure' && request.sensor === Sensor.WearState) {
-      question.askAgainAt = now.steadyMs + this.#options.askAgainAfterMs;
+      question.askAgainAt = now.steadyMs + this.#askAgainAfterMs;
     }
     this.#packets.push(encode(request));
   }
@@ -640,7 +638,7 @@ export class Session {
       isSettled: true,
       request: 0,
     };
-    if (sensor === Sensor.Pedometer && this.#options.countsSteps) {
+    if (sensor === Sensor.Pedometer && this.#countsSteps) {
       this.#count(told, now);
     }
     const question = this.#find(reading.command === 2 ? 'measure' : 'start', sensor);
@@ -684,7 +682,7 @@ export class Session {
     const wish = this.#wishes.get(sensor);
     if (wish && !isPushed(sensor)) {
       // Of two questions for the worn state within 3 s the watch may answer one.
-      const least = sensor === Sensor.WearState ? this.#options.askAgainAfterMs : 0;
+      const least = sensor === Sensor.WearState ? this.#askAgainAfterMs : 0;
       const next = (question.sentAt ?? now.steadyMs) + Math.max(wish.everyMs, least);
       wish.askAt = Math.max(next, now.steadyMs);
     }

@@ -3,6 +3,7 @@
  *
  * @module
  */
+import { errorText } from './error-text.js';
 import { StepLedger, type StepsOfDay } from './ledger.js';
 import type { Observation } from './observation.js';
 import {
@@ -268,7 +269,7 @@ export class Watch {
       });
       this.#link = link;
     } catch (error) {
-      this.#lose(textOf(error));
+      this.#lose(errorText(error));
     }
   }
 
@@ -297,7 +298,7 @@ export class Watch {
       }
     } catch (error) {
       this.#dropLink();
-      this.#lose(textOf(error));
+      this.#lose(errorText(error));
     }
   }
 
@@ -343,8 +344,4 @@ export class Watch {
 
 function now(): Moment {
   return { steadyMs: performance.now(), wallMs: Date.now() };
-}
-
-function textOf(error: unknown): string {
-  return error instanceof Error ? error.message : String(error);
 }

@@ -1,6 +1,6 @@
 import { beforeEach, describe, expect, it } from 'vitest';
 
-import { Sensor, type NewReading } from '../src/index.js';
+import { Sensor, type NewReading, type SessionOptions } from '../src/index.js';
 import { listEntry, listHeader, PlayedSession, reading, trusting } from './played-session.js';
 
 const SECOND = 1000;
@@ -91,6 +91,14 @@ describe('Session', () => {
     }
     expect(played.sent()).toEqual(['12 00 00 01', '22 00 00 01', '32 00 00 01', '12 00 00 01']);
     expect(played.texts()).toEqual([1, 2, 3, 4].map((id) => `activity 1 #${id}`));
+  });
+
+  it.each([0, 4, 255, undefined])('takes first flags of %s for 1', (flags) => {
+    const options = { ...trusting(), firstFlags: flags } as SessionOptions;
+    played = new PlayedSession(options);
+    played.session.connected(played.now);
+    measure(Sensor.Activity);
+    expect(played.sent()).toEqual(['12 00 00 01']);
   });
 
   it('asks many questions at a time', () => {

@@ -3,6 +3,7 @@
  *
  * @module
  */
+import { errorText } from '../error-text.js';
 import type { Link, LinkEvents, Transport } from './transport.js';
 
 /** The UUID of the service. */
@@ -84,7 +85,7 @@ class BluetoothLink implements Link {
     this.#events = events;
     device.addEventListener('gattserverdisconnected', this.#onLost);
     this.#connect().catch((error: unknown) => {
-      this.#end(`no Bluetooth connection: ${textOf(error)}`);
+      this.#end(`no Bluetooth connection: ${errorText(error)}`);
     });
   }
 
@@ -92,7 +93,7 @@ class BluetoothLink implements Link {
     this.#sent = this.#sent
       .then(() => (this.#isOver ? undefined : this.#toWatch?.writeValueWithResponse(packet)))
       .catch((error: unknown) => {
-        this.#end(`the watch could not be written to: ${textOf(error)}`);
+        this.#end(`the watch could not be written to: ${errorText(error)}`);
       });
   }
 
@@ -138,8 +139,4 @@ class BluetoothLink implements Link {
       this.#events.closed(why);
     }
   }
-}
-
-function textOf(error: unknown): string {
-  return error instanceof Error ? error.message : String(error);
 }
