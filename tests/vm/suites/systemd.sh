@@ -75,6 +75,7 @@ test_journal_has_the_fields() {
     done
     entry=$(journal PARVANE_TAG=Parvane CODE_FILE=ParvaneMain -o verbose -n 1)
     grep -E '^ +MESSAGE=ParvaneMain: [a-z_]+\([0-9]+\) > ' <<<"$entry" || fail "not the service's form: $entry"
+    journal -p warning PARVANE_TAG=platform | grep /nowhere
 }
 
 test_forbidden_is_what_must_be() {
@@ -89,7 +90,7 @@ test_forbidden_is_what_must_be() {
     systemctl daemon-reload
     systemctl stop parvane
     systemctl start parvane-probe
-    journalctl -u parvane-probe -o cat --no-pager --after-cursor="$cursor" | grep -E '^(allowed|forbidden) ' >inside
+    journalctl -u parvane-probe -o cat --no-pager --cursor="$cursor" | grep -E '^(allowed|forbidden) ' >inside
     # The same by root, outside of it, shows that each attempt can succeed.
     bash guest/probe | grep -E '^(allowed|forbidden) ' >outside
     systemctl start parvane
