@@ -1,10 +1,12 @@
 /**
  * A heart-rate strap for the virtual watch: a GATT server and an advertisement on one of BlueZ's adapters.
  *
- * Usage: parvane-vm-strap ADAPTER NAME FILE
+ * Usage: parvane-vm-strap ADAPTER NAME FILE FLAG
  *
- * Notifies each second what FILE says then: a number of beats, "off" for a lost contact, anything else
- * for nothing. Registers itself anew with each BlueZ that appears, and tells standard output what happens.
+ * FLAG is how the measurement can be had: notify, or encrypt-notify. Whoever wants to pair may: the strap is
+ * BlueZ's agent as well, one without buttons and screen. Notifies each second what FILE says then: a number of
+ * beats, or "off" for a lost contact; with "gone" it is not advertised any more. Registers itself anew with each
+ * BlueZ and adapter that appears, and tells standard output what happens.
  */
 #include <cstdint>
 #include <cstdio>
@@ -22,7 +24,11 @@ constexpr char kBluez[] = "org.bluez";
 constexpr char kService[] = "org.bluez.GattService1";
 constexpr char kCharacteristic[] = "org.bluez.GattCharacteristic1";
 constexpr char kAdvertisement[] = "org.bluez.LEAdvertisement1";
+constexpr char kAdvertiser[] = "org.bluez.LEAdvertisingManager1";
+constexpr char kAgent[] = "org.bluez.Agent1";
+constexpr char kBluezPath[] = "/org/bluez";
 constexpr char kRoot[] = "/strap";
+constexpr char kAgentPath[] = "/strap/agent";
 constexpr char kServicePath[] = "/strap/service";
 constexpr char kMeasurementPath[] = "/strap/service/measurement";
 constexpr char kAdvertisementPath[] = "/strap/advertisement";
@@ -53,6 +59,17 @@ constexpr char kInterfaces[] = R"(<node>
     <property name="ServiceUUIDs" type="as" access="read"/>
     <property name="LocalName" type="s" access="read"/>
   </interface>
+  <interface name="org.bluez.Agent1">
+    <method name="Release"/>
+    <method name="Cancel"/>
+    <method name="RequestAuthorization"><arg direction="in" type="o"/></method>
+    <method name="RequestConfirmation">
+      <arg direction="in" type="o"/><arg direction="in" type="u"/>
+    </method>
+    <method name="AuthorizeService">
+      <arg direction="in" type="o"/><arg direction="in" type="s"/>
+    </method>
+  </interface>
 </node>)";
 
 struct Strap
@@ -60,8 +77,10 @@ struct Strap
     std::string mAdapter;
     std::string mName;
     std::string mFile;
+    std::string mFlag;
     GDBusConnection *mBus = nullptr; // not owned
     bool mIsNotifying = false;
+    bool mIsGone = false;
 };
 
 void Say(const std::string &text)
@@ -91,7 +110,7 @@ GVariant *Property(const Strap &strap, const std::string &interface, const std::
     if (name == "UUID") {
         return g_variant_new_string(kHeartRateMeasurement);
     }
-    return name == "Service" ? g_variant_new_object_path(kServicePath) : Texts("notify");
+    return name == "Service" ? g_variant_new_object_path(kServicePath) : Texts(strap.mFlag.c_str());
 }
 
 GVariant *GetProperty(GDBusConnection * /*bus*/, const char * /*sender*/, const char * /*path*/,
@@ -154,23 +173,45 @@ void OnReply(GObject *bus, GAsyncResult *result, void *method)
     }
 }
 
-void Register(const Strap &strap, const char *manager, const char *method, const char *path)
+/** Calls a method of `interface`, at one of BlueZ's paths; takes floating arguments. */
+void Ask(const Strap &strap, const char *path, const char *interface, const char *method,
+         GVariant *arguments)
 {
-    const std::string adapter = "/org/bluez/" + strap.mAdapter;
-    g_dbus_connection_call(strap.mBus, kBluez, adapter.c_str(), manager, method,
-                           g_variant_new("(oa{sv})", path, nullptr), nullptr,
+    g_dbus_connection_call(strap.mBus, kBluez, path, interface, method, arguments, nullptr,
                            G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, OnReply,
                            const_cast<char *>(method));
+}
+
+std::string AdapterPath(const Strap &strap)
+{
+    return "/org/bluez/" + strap.mAdapter;
+}
+
+void Register(const Strap &strap, const char *manager, const char *method, const char *path)
+{
+    Ask(strap, AdapterPath(strap).c_str(), manager, method,
+        g_variant_new("(oa{sv})", path, nullptr));
+}
+
+/** Lets those be found that are there. */
+void Advertise(const Strap &strap)
+{
+    if (strap.mIsGone) {
+        Ask(strap, AdapterPath(strap).c_str(), kAdvertiser, "UnregisterAdvertisement",
+            g_variant_new("(o)", kAdvertisementPath));
+    } else {
+        Register(strap, kAdvertiser, "RegisterAdvertisement", kAdvertisementPath);
+    }
 }
 
 void RegisterAll(Strap &strap)
 {
     strap.mIsNotifying = false;
     Register(strap, "org.bluez.GattManager1", "RegisterApplication", kRoot);
-    Register(strap, "org.bluez.LEAdvertisingManager1", "RegisterAdvertisement", kAdvertisementPath);
+    Advertise(strap);
 }
 
-/** An adapter that appears or is powered on is a new one to register with. */
+/** An adapter that appears is a new one to register with. */
 void OnAdapterAdded(GDBusConnection * /*bus*/, const char * /*sender*/, const char * /*path*/,
                     const char * /*interface*/, const char * /*signal*/, GVariant *arguments,
                     void *data)
@@ -178,7 +219,7 @@ void OnAdapterAdded(GDBusConnection * /*bus*/, const char * /*sender*/, const ch
     Strap &strap = *static_cast<Strap *>(data);
     const char *path = nullptr;
     g_variant_get_child(arguments, 0, "&o", &path);
-    if (path == "/org/bluez/" + strap.mAdapter) {
+    if (path == AdapterPath(strap)) {
         RegisterAll(strap);
     }
 }
@@ -186,14 +227,22 @@ void OnAdapterAdded(GDBusConnection * /*bus*/, const char * /*sender*/, const ch
 void OnBluez(GDBusConnection * /*bus*/, const char * /*name*/, const char * /*owner*/, void *data)
 {
     Strap &strap = *static_cast<Strap *>(data);
+    constexpr char kAgents[] = "org.bluez.AgentManager1";
+    Ask(strap, kBluezPath, kAgents, "RegisterAgent",
+        g_variant_new("(os)", kAgentPath, "NoInputNoOutput"));
+    Ask(strap, kBluezPath, kAgents, "RequestDefaultAgent", g_variant_new("(o)", kAgentPath));
     RegisterAll(strap);
 }
 
 gboolean Beat(void *data)
 {
-    const Strap &strap = *static_cast<Strap *>(data);
+    Strap &strap = *static_cast<Strap *>(data);
     std::string rate;
     std::ifstream(strap.mFile) >> rate;
+    if ((rate == "gone") != strap.mIsGone) {
+        strap.mIsGone = !strap.mIsGone;
+        Advertise(strap);
+    }
     const bool isOff = rate == "off";
     const auto beats = static_cast<std::uint8_t>(std::strtoul(rate.c_str(), nullptr, 10));
     if (!strap.mIsNotifying || (beats == 0 && !isOff)) {
@@ -219,7 +268,8 @@ bool Export(Strap &strap)
     for (const auto &[path, interface] : {std::pair{kRoot, "org.freedesktop.DBus.ObjectManager"},
                                           {kServicePath, kService},
                                           {kMeasurementPath, kCharacteristic},
-                                          {kAdvertisementPath, kAdvertisement}}) {
+                                          {kAdvertisementPath, kAdvertisement},
+                                          {kAgentPath, kAgent}}) {
         isDone = isDone && g_dbus_connection_register_object(
                                strap.mBus, path, g_dbus_node_info_lookup_interface(node, interface),
                                &kFunctions, &strap, nullptr, nullptr) != 0;
@@ -232,11 +282,11 @@ bool Export(Strap &strap)
 
 int main(int argc, char **argv)
 {
-    if (argc != 4) {
-        std::fprintf(stderr, "usage: parvane-vm-strap ADAPTER NAME FILE\n");
+    if (argc != 5) {
+        std::fprintf(stderr, "usage: parvane-vm-strap ADAPTER NAME FILE FLAG\n");
         return 2;
     }
-    Strap strap{argv[1], argv[2], argv[3]};
+    Strap strap{argv[1], argv[2], argv[3], argv[4]};
     GError *error = nullptr;
     strap.mBus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
     if (strap.mBus == nullptr || !Export(strap)) {
