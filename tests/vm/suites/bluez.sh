@@ -132,31 +132,6 @@ test_named_strap_is_the_one() {
     refused hears 72
 }
 
-test_bonded_strap_measures_encrypted() {
-    local device bond
-    set_up 1 encrypt-notify
-    device=$(strap hci1)
-    bluetoothctl --timeout 300 scan le >scan.log &
-    eventually 60 busctl get-property org.bluez "$device" org.bluez.Device1 Paired
-    busctl --timeout=120 call org.bluez "$device" org.bluez.Device1 Pair
-    kill $!
-    expect_equal "whether it is bonded" "$(busctl get-property org.bluez "$device" org.bluez.Device1 Bonded)" "b true"
-    bond=$(grep -A1 -h LongTermKey /var/lib/bluetooth/*/*/info)
-    listen
-    eventually 90 hears 72
-    # BlueZ remembers it while it is away, and after a restart of its own.
-    vanish 1
-    echo 81 >rate1
-    eventually 120 hears 81
-    systemctl restart bluetooth
-    eventually 40 adapters 2
-    eventually 20 powered hci0 true
-    eventually 20 powered hci1 true
-    echo 83 >rate1
-    eventually 120 hears 83
-    expect_equal "its bond" "$(grep -A1 -h LongTermKey /var/lib/bluetooth/*/*/info)" "$bond"
-}
-
 test_bluetoothd_restarted_goes_on() {
     set_up 1
     listen
