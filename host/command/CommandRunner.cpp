@@ -490,13 +490,12 @@ bool CommandRunner::Print(const Lines &lines)
 /** With what there is to say about it, once for each sensor. */
 bool CommandRunner::PrintReading(const Told::NewReading &told, bool isOneOfMany)
 {
-    const std::int64_t now = NowMs();
     const Reading &reading = told.mReading;
-    if (told.mSteps) {
-        return Print(mPrinter->Steps(reading, *told.mSteps, now, isOneOfMany));
-    }
-    if (!Print(isOneOfMany ? mPrinter->Watched(reading, now) : mPrinter->Measured(reading, now))) {
+    if (!Print(mPrinter->Measured(told, Now().mWall, isOneOfMany))) {
         return false;
+    }
+    if (told.mSteps) {
+        return true;
     }
     const Lines remark = mPrinter->Remark(reading);
     if (!remark.empty() && mRemarkedOn.insert(reading.mSensor).second) {

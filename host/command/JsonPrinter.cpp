@@ -151,8 +151,10 @@ Lines JsonPrinter::Keys()
         "sensor    position, sensor, id, available (true/false), range, resolution,",
         "          minimum, minimum_delay_ms",
         "reading   sensor, id, command (\"measure\" or \"start\"), value, unit (text or",
-        "          null), time_ms (since the epoch; null when the watch knows no time);",
-        "          hr also: usable (true/false); wear also: worn (true/false);",
+        "          null), time_ms (since the epoch; null when the watch knows no time),",
+        "          usable (false: a heart rate of 0, which is none), age_ms (since it was",
+        "          sent), worn (true/false; null when not known), unbroken (false: it lay in",
+        "          a link that was not read, and others may be missing);",
         "          activity also: activity (text or null)",
         "          the value of steps is the total on the wire, not the steps walked;",
         "          without --raw also: steps, exact, since_ms, as in today",
@@ -178,21 +180,17 @@ Lines JsonPrinter::List(const SensorList &list) const
     return lines;
 }
 
-Lines JsonPrinter::Measured(const Reading &reading, std::int64_t nowMs) const
+Lines JsonPrinter::Measured(const Told::NewReading &told, Instant now, bool /*isOneOfMany*/) const
 {
-    return {ReadingObject(reading, nowMs).dump()};
-}
-
-Lines JsonPrinter::Watched(const Reading &reading, std::int64_t nowMs) const
-{
-    return Measured(reading, nowMs);
-}
-
-Lines JsonPrinter::Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
-                         bool /*isOneOfMany*/) const
-{
-    Json object = ReadingObject(reading, nowMs);
-    AddSteps(object, steps.mSteps);
+    Json object = ReadingObject(told.mReading, now.time_since_epoch().count());
+    const Observation &worth = told.mObservation;
+    object["usable"] = worth.IsMeasurement();
+    object["age_ms"] = worth.Age(now).count();
+    object["worn"] = worth.mWorn == Worn::Unknown ? Json(nullptr) : Json(worth.mWorn == Worn::Yes);
+    object["unbroken"] = worth.mIsUnbroken;
+    if (told.mSteps) {
+        AddSteps(object, told.mSteps->mSteps);
+    }
     return {object.dump()};
 }
 

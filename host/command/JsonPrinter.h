@@ -17,10 +17,7 @@ public:
     static Lines Keys();
 
     Lines List(const SensorList &list) const override;
-    Lines Measured(const Reading &reading, std::int64_t nowMs) const override;
-    Lines Watched(const Reading &reading, std::int64_t nowMs) const override;
-    Lines Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
-                bool isOneOfMany) const override;
+    Lines Measured(const Told::NewReading &told, Instant now, bool isOneOfMany) const override;
     Lines Today(const StepsOfDay &steps) const override;
     Lines Remark(const Reading &reading) const override;
     Lines Stopped(Sensor sensor) const override;

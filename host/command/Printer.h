@@ -7,6 +7,7 @@
 
 #include "Messages.h"
 #include "Result.h"
+#include "Session.h"
 #include "StepLedger.h"
 #include "WireCodec.h"
 
@@ -24,19 +25,13 @@ public:
 
     virtual Lines List(const SensorList &list) const = 0;
 
-    /** The answer to a measurement. `nowMs` is the time of day, see FullTimeMs(). */
-    virtual Lines Measured(const Reading &reading, std::int64_t nowMs) const = 0;
-
-    /** A reading among many: with its time. */
-    virtual Lines Watched(const Reading &reading, std::int64_t nowMs) const = 0;
-
     /**
-     * A reading of the steps, by what is known of the steps of the day.
+     * A reading with what it is worth: its age, and whether the watch is worn. Steps are those of the
+     * day where it has them, else the total on the wire.
      *
-     * @param isOneOfMany  as if Watched(), else as if Measured()
+     * @param isOneOfMany  with its time, else it is the answer to a measurement
      */
-    virtual Lines Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
-                        bool isOneOfMany) const = 0;
+    virtual Lines Measured(const Told::NewReading &told, Instant now, bool isOneOfMany) const = 0;
 
     /** The summary of a day. */
     virtual Lines Today(const StepsOfDay &steps) const = 0;

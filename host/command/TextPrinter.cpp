@@ -44,7 +44,7 @@ std::string ActivityText(float value)
     return activity ? std::string(ActivityName(*activity)) : "unknown (" + NumberText(value) + ")";
 }
 
-std::string ValueText(const Reading &reading)
+std::string ValueText(const Reading &reading, Worn worn = Worn::Unknown)
 {
     switch (reading.mSensor) {
     case Sensor::Activity:
@@ -52,8 +52,11 @@ std::string ValueText(const Reading &reading)
     case Sensor::Pedometer:
         return "steps: total on the wire " + NumberText(reading.mValue);
     case Sensor::HeartRate:
-        return reading.mValue > 0 ? "heart rate: " + NumberText(reading.mValue) + " bpm"
-                                  : "heart rate: no usable reading";
+        if (reading.mValue > 0) {
+            return "heart rate: " + NumberText(reading.mValue) + " bpm";
+        }
+        return worn == Worn::No ? "heart rate: no reading: the watch is not worn"
+                                : "heart rate: no usable reading";
     case Sensor::WearState:
         return reading.mValue > 0 ? "worn: yes" : "worn: no";
     }
@@ -67,6 +70,19 @@ std::string ClockText(Instant instant)
     const std::string text = Parvane::LocalTime(static_cast<std::time_t>(
         std::chrono::floor<std::chrono::seconds>(instant).time_since_epoch().count()));
     return text.empty() ? "-" : text.substr(Parvane::kDateLength, kClock);
+}
+
+/** ", 4 s ago, worn": the age from a second on, and of a heart rate whether the watch is worn. */
+std::string WorthText(const Observation &observation, Instant now)
+{
+    using namespace std::chrono_literals;
+    const auto age = observation.Age(now);
+    std::string text = age < 1s ? "" : ", " + AgeText(age);
+    if (observation.mSensor == Sensor::HeartRate && observation.IsMeasurement() &&
+        observation.mWorn != Worn::Unknown) {
+        text += observation.mWorn == Worn::Yes ? ", worn" : ", not worn";
+    }
+    return text;
 }
 
 /** "1,284". */
@@ -209,24 +225,15 @@ Lines TextPrinter::List(const SensorList &list) const
     return lines;
 }
 
-Lines TextPrinter::Measured(const Reading &reading, std::int64_t nowMs) const
+Lines TextPrinter::Measured(const Told::NewReading &told, Instant now, bool isOneOfMany) const
 {
-    return mStyle == TimeStyle::Short ? Lines{ValueText(reading)} : Watched(reading, nowMs);
-}
-
-Lines TextPrinter::Watched(const Reading &reading, std::int64_t nowMs) const
-{
-    return {TimeText(reading, nowMs, mStyle) + "  " + ValueText(reading)};
-}
-
-Lines TextPrinter::Steps(const Reading &reading, const StepsOfDay &steps, std::int64_t nowMs,
-                         bool isOneOfMany) const
-{
-    const std::string text = "steps: " + StepsText(steps.mSteps, " today");
-    if (isOneOfMany || mStyle != TimeStyle::Short) {
-        return {TimeText(reading, nowMs, mStyle) + "  " + text};
+    const std::string text = told.mSteps ? "steps: " + StepsText(told.mSteps->mSteps, " today")
+                                         : ValueText(told.mReading, told.mObservation.mWorn);
+    const std::string line = text + WorthText(told.mObservation, now);
+    if (!isOneOfMany && mStyle == TimeStyle::Short) {
+        return {line};
     }
-    return {text};
+    return {TimeText(told.mReading, now.time_since_epoch().count(), mStyle) + "  " + line};
 }
 
 Lines TextPrinter::Today(const StepsOfDay &steps) const

@@ -9,22 +9,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/** In the largest unit of which there is one at least, and without what is left. */
-std::string AgeText(milliseconds age)
-{
-    using namespace std::chrono;
-    if (age < 1min) {
-        return std::to_string(duration_cast<seconds>(age).count()) + " s ago";
-    }
-    if (age < 1h) {
-        return std::to_string(duration_cast<minutes>(age).count()) + " min ago";
-    }
-    if (age < days(1)) {
-        return std::to_string(duration_cast<hours>(age).count()) + " h ago";
-    }
-    return std::to_string(duration_cast<days>(age).count()) + " d ago";
-}
-
 std::string ValueText(Sensor sensor, float value)
 {
     std::string number = std::to_string(std::llround(value));
@@ -44,6 +28,21 @@ std::string ValueText(Sensor sensor, float value)
 }
 
 } // namespace
+
+std::string AgeText(milliseconds age)
+{
+    using namespace std::chrono;
+    if (age < 1min) {
+        return std::to_string(duration_cast<seconds>(age).count()) + " s ago";
+    }
+    if (age < 1h) {
+        return std::to_string(duration_cast<minutes>(age).count()) + " min ago";
+    }
+    if (age < days(1)) {
+        return std::to_string(duration_cast<hours>(age).count()) + " h ago";
+    }
+    return std::to_string(duration_cast<days>(age).count()) + " d ago";
+}
 
 bool Observation::IsMeasurement() const
 {

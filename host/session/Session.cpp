@@ -16,6 +16,9 @@ constexpr int kManyInARow = 64;
 
 constexpr milliseconds kHeldUp{1000}; // so late, the process was stopped, or had no time to read
 
+/** So long is the worn state to hold on when the heart rate is asked for, which takes 15 s. */
+constexpr milliseconds kWornLeft{30000};
+
 /** Totals that do not tell: two tell, and a midnight may lie between them. */
 constexpr int kEnoughTotals = 4;
 
@@ -93,6 +96,7 @@ void Session::Connected(Moment now, std::string_view run)
     mState = State::Trying;
     mLedger.Connected(run);
     mUnsure = 0;
+    mLag.reset();
     if (mOptions.mProvesLink || Follows(Sensor::Activity)) {
         // Also what a start needs: the watch may still count the activity as started.
         const RequestId stop = Ask(Request::Stop(Sensor::Activity, 0), true, now, std::nullopt);
@@ -393,11 +397,11 @@ RequestId Session::Ask(Request request, bool isOurs, Moment now,
         Fail(question, {Failure::Reason::Unsupported, "the watch has no such sensor"});
         return question.mId;
     }
-    mQuestions.push_back(std::move(question));
+    Question &asking = mQuestions.emplace_back(std::move(question));
     if (IsLinked()) {
-        Send(mQuestions.back(), now);
+        Send(asking, now); // may ask for more
     }
-    return mLastId;
+    return asking.mId;
 }
 
 /** Sends it, or sends it once more: with the same flags, as either of the two may be answered. */
@@ -412,6 +416,12 @@ void Session::Send(Question &question, Moment now)
         question.mAskAgainAt = now.mSteady + mOptions.mAskAgainAfter;
     }
     mPackets.push_back(Encode(question.mRequest));
+    const bool isHeartRate = question.mRequest.mSensor == Sensor::HeartRate &&
+                             question.mRequest.mCommand == Command::MeasureOnce;
+    if (mOptions.mAsksWorn && isHeartRate &&
+        mObservations.WornAt(now.mWall + kWornLeft) == Worn::Unknown) {
+        Ask(Request::MeasureOnce(Sensor::WearState, 0), true, now, std::nullopt);
+    }
 }
 
 /** Tells who has asked. */
@@ -446,11 +456,13 @@ std::uint8_t Session::NextFlags()
 
 void Session::TakeReply(const Reading &reading, Moment now)
 {
-    Told::NewReading told{reading, mObservations.Take(reading, now.mWall), {}, {}, true, 0};
+    Told::NewReading told{reading, {}, {}, {}, true, 0};
     if (reading.mTimeFieldMs != 0) {
         const std::int64_t wall = now.mWall.time_since_epoch().count();
         told.mWatchTime = Instant(milliseconds(FullTimeMs(reading.mTimeFieldMs, wall)));
     }
+    told.mObservation = mObservations.Take(reading, SentAt(told.mWatchTime, now));
+    told.mObservation.mIsUnbroken = mTakenInARow < kManyInARow;
     if (reading.mSensor == Sensor::Pedometer && mOptions.mCountsSteps) {
         Count(told, now);
     }
@@ -470,6 +482,24 @@ void Session::TakeReply(const Reading &reading, Moment now)
     const bool isAsked = Find(Command::MeasureOnce, Sensor::Pedometer) != mQuestions.end();
     told.mIsSettled = told.mIsSettled || (wish == mWishes.end() && !isAsked);
     mEvents.emplace_back(std::move(told));
+}
+
+/**
+ * When the watch has sent it, by the phone's clock: before it arrived where it took longer than others,
+ * as it lay in the link of a process that was held up.
+ */
+Instant Session::SentAt(std::optional<Instant> watchTime, Moment now)
+{
+    constexpr milliseconds kInaccuracy{2000}; // whole seconds, and those of activities a second off
+    if (!watchTime) {
+        return now.mWall;
+    }
+    const milliseconds lag = now.mWall - *watchTime;
+    const bool hasGoneBack =
+        mWatchTime && *watchTime < *mWatchTime - kInaccuracy; // the watch's clock
+    mLag = mLag && !hasGoneBack ? std::min(*mLag, lag) : lag;
+    mWatchTime = watchTime;
+    return lag - *mLag > kInaccuracy ? now.mWall - (lag - *mLag) : now.mWall;
 }
 
 /** Enters a total, and says what is known of the steps by now. */

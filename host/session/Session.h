@@ -58,10 +58,11 @@ struct AttemptFailed
 /** A reading, asked for or pushed. Each packet is told once. */
 struct NewReading
 {
-    Reading mReading;                  // as on the wire
-    Observation mObservation;          // what it is worth: its age, whether it is one, worn or not
-    std::optional<Instant> mWatchTime; // by the clock of the watch; nothing where that has no time
-    std::optional<StepsOfDay> mSteps;  // pedometer, where they are counted: of the day, so far
+    Reading mReading{};         // as on the wire
+    Observation mObservation{}; // what it is worth: its age, whether it is one, worn or not
+    std::optional<Instant>
+        mWatchTime{};                   // by the clock of the watch; nothing where that has no time
+    std::optional<StepsOfDay> mSteps{}; // pedometer, where they are counted: of the day, so far
     /** False: the same is asked for again at once, as this total alone does not tell the steps. */
     bool mIsSettled = true;
     RequestId mRequest = 0; // that it answers; 0: none, it was pushed or is followed
@@ -118,6 +119,11 @@ struct SessionOptions
      * still there. False: that is left to whoever asks, except where the activity is followed.
      */
     bool mProvesLink = true;
+    /**
+     * With a heart rate the worn state is asked for, unless it was just told: what a watch measures that
+     * is not worn is worth little. It is a reading like any other, and a silent one is passed over.
+     */
+    bool mAsksWorn = true;
     /** Steps are asked for until they are known. False: once, and the total is told as it is. */
     bool mCountsSteps = true;
 };
@@ -273,6 +279,7 @@ private:
     void TakeReply(const SensorEntry &entry, Moment now);
     void TakeReply(const OptionReply &reply, Moment now);
     void EndListWhenWhole(Questions::iterator question);
+    [[nodiscard]] Instant SentAt(std::optional<Instant> watchTime, Moment now);
     void Count(Told::NewReading &told, Moment now);
     void Answered(Questions::iterator question, Told::NewReading &told, Moment now);
     [[nodiscard]] bool WantsAnotherTotal() const;
@@ -295,6 +302,9 @@ private:
     SteadyTime mMissedAt = SteadyTime::min();
     std::uint8_t mFlags;
     RequestId mLastId = 0;
+    std::optional<Instant> mWatchTime; // of the last reading
+    std::optional<std::chrono::milliseconds>
+        mLag;             // of the fastest reading, behind the watch's clock
     int mTakenInARow = 0; // packets since the last Advance()
     int mUnsure = 0;      // totals in a row that did not tell the steps
 };

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -245,6 +246,18 @@ TEST_F(CommandTest, NoUsableReadingIsExitCodeFourAndSaysWhatToLookAt)
     EXPECT_EQ(host.Wait(), 4);
 }
 
+TEST_F(CommandTest, AWatchThatIsNotWornSaysSoWithItsHeartRate)
+{
+    Host host(Arguments({"measure", "hr"}));
+    mWatch.Accept();
+    const Bytes heartRate = mWatch.Receive();
+    mWatch.Send(ReadingFor(mWatch.Receive(), 2, kZero));
+    mWatch.Send(ReadingFor(heartRate, 2, kZero));
+
+    EXPECT_EQ(host.ReadOutput(), "heart rate: no reading: the watch is not worn\n");
+    EXPECT_EQ(host.Wait(), 4);
+}
+
 TEST_F(CommandTest, TheTotalOfTheStepsSaysWhatItIs)
 {
     Host host(Arguments({"measure", "steps", "--raw"}));
@@ -365,6 +378,7 @@ TEST_F(CommandTest, MeasurementsAreRepeatedAsOftenAsTold)
     mWatch.Accept();
     const auto begin = std::chrono::steady_clock::now();
     mWatch.Send(ReadingFor(mWatch.Receive(), 2, kZero));
+    EXPECT_EQ(Asked(mWatch.Receive()), (Bytes{2, 4})) << "is it worn?";
     mWatch.Send(ReadingFor(mWatch.Receive(), 2, kSeventyTwo));
 
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds{50});
@@ -408,11 +422,17 @@ TEST_F(CommandTest, WatchingHeartRateMeasuresAgainAndAgain)
 {
     Host host(Arguments({"watch", "hr"}));
     mWatch.Accept();
+    bool isWornUnknown = true;
     for (const bool isUsable : {false, true, false}) {
         const Bytes request = mWatch.Receive();
         EXPECT_EQ(Asked(request), (Bytes{2, 3}));
+        if (std::exchange(isWornUnknown, false)) {
+            const Bytes question = mWatch.Receive();
+            EXPECT_EQ(Asked(question), (Bytes{2, 4}));
+            mWatch.Send(ReadingFor(question, 2));
+        }
         mWatch.Send(ReadingFor(request, 2, isUsable ? kSeventyTwo : kZero));
-        EXPECT_THAT(host.ReadLine(), EndsWith(isUsable ? "  heart rate: 72 bpm"
+        EXPECT_THAT(host.ReadLine(), EndsWith(isUsable ? "  heart rate: 72 bpm, worn"
                                                        : "  heart rate: no usable reading"));
     }
     host.Signal(SIGTERM);

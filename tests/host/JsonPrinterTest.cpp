@@ -13,33 +13,44 @@ using testing::ElementsAre;
 
 constexpr std::int64_t kNowMs = 1400000000000LL; // its last word is 0xF680B000
 
+constexpr Instant kNow{std::chrono::milliseconds{kNowMs}};
+
 Lines Measured(Sensor sensor, float value)
 {
-    return JsonPrinter().Measured({.mCommand = Command::MeasureOnce,
-                                   .mFlags = 1,
-                                   .mSensor = sensor,
-                                   .mTimeFieldMs = 0xF680B000U,
-                                   .mValue = value},
-                                  kNowMs + 700);
+    const Reading reading{.mCommand = Command::MeasureOnce,
+                          .mFlags = 1,
+                          .mSensor = sensor,
+                          .mTimeFieldMs = 0xF680B000U,
+                          .mValue = value};
+    return JsonPrinter().Measured(
+        {.mReading = reading, .mObservation = {sensor, value, kNow, Worn::Yes, true}},
+        kNow + std::chrono::milliseconds{700}, false);
 }
 
 TEST(JsonPrinterTest, ReadingsHaveOneLineWithTheirKeysInOrder)
 {
     EXPECT_THAT(
         Measured(Sensor::HeartRate, 72.0F),
-        ElementsAre(R"({"type":"reading","sensor":"hr","id":3,"command":"measure","value":72,)"
-                    R"("unit":"bpm","usable":true,"time_ms":1400000000000})"));
+        ElementsAre(
+            R"({"type":"reading","sensor":"hr","id":3,"command":"measure","value":72,)"
+            R"("unit":"bpm","usable":true,"time_ms":1400000000000,"age_ms":700,"worn":true,)"
+            R"("unbroken":true})"));
     EXPECT_THAT(
         Measured(Sensor::HeartRate, 0.0F),
-        ElementsAre(R"({"type":"reading","sensor":"hr","id":3,"command":"measure","value":0,)"
-                    R"("unit":"bpm","usable":false,"time_ms":1400000000000})"));
+        ElementsAre(
+            R"({"type":"reading","sensor":"hr","id":3,"command":"measure","value":0,)"
+            R"("unit":"bpm","usable":false,"time_ms":1400000000000,"age_ms":700,"worn":true,)"
+            R"("unbroken":true})"));
     EXPECT_THAT(
         Measured(Sensor::WearState, 1.0F),
-        ElementsAre(R"({"type":"reading","sensor":"wear","id":4,"command":"measure","value":1,)"
-                    R"("unit":"worn","worn":true,"time_ms":1400000000000})"));
+        ElementsAre(
+            R"({"type":"reading","sensor":"wear","id":4,"command":"measure","value":1,)"
+            R"("unit":"worn","worn":true,"time_ms":1400000000000,"usable":true,"age_ms":700,)"
+            R"("unbroken":true})"));
     EXPECT_THAT(Measured(Sensor::Pedometer, 12345.0F),
                 ElementsAre(R"({"type":"reading","sensor":"steps","id":2,"command":"measure",)"
-                            R"("value":12345,"unit":"steps","time_ms":1400000000000})"));
+                            R"("value":12345,"unit":"steps","time_ms":1400000000000,"usable":true,)"
+                            R"("age_ms":700,"worn":true,"unbroken":true})"));
 }
 
 TEST(JsonPrinterTest, NothingIsRemarkedOn)
@@ -74,7 +85,8 @@ TEST(JsonPrinterTest, StepsHaveKeysOfTheirOwn)
     day.mSteps->mSince = Instant{std::chrono::milliseconds{5}};
     day.mSteps->mUntil = Instant{std::chrono::milliseconds{6}};
     const Reading reading{.mSensor = Sensor::Pedometer, .mValue = 60.0F};
-    const auto object = json::parse(JsonPrinter().Steps(reading, day, kNowMs, true).at(0));
+    const auto object =
+        json::parse(JsonPrinter().Measured({.mReading = reading, .mSteps = day}, kNow, true).at(0));
     EXPECT_EQ(object.at("value"), 60);
     EXPECT_EQ(object.at("steps"), 25);
     EXPECT_EQ(object.at("exact"), true);
@@ -100,9 +112,13 @@ TEST(JsonPrinterTest, AWatchedReadingHasTheSameKeysAndNullForAnUnknownTime)
     const Reading reading{.mCommand = Command::Start, .mSensor = Sensor::Activity, .mValue = 2.0F};
 
     EXPECT_THAT(
-        JsonPrinter().Watched(reading, kNowMs),
-        ElementsAre(R"({"type":"reading","sensor":"activity","id":1,"command":"start","value":2,)"
-                    R"("unit":"activity","activity":"running","time_ms":null})"));
+        JsonPrinter().Measured({.mReading = reading,
+                                .mObservation = {Sensor::Activity, 2, kNow, Worn::Unknown, false}},
+                               kNow, true),
+        ElementsAre(
+            R"({"type":"reading","sensor":"activity","id":1,"command":"start","value":2,)"
+            R"("unit":"activity","activity":"running","time_ms":null,"usable":true,"age_ms":0,)"
+            R"("worn":null,"unbroken":false})"));
 }
 
 TEST(JsonPrinterTest, TheListIsALineForTheWatchAndOneForEachSensor)
@@ -163,12 +179,36 @@ TEST(JsonPrinterTest, EveryKeyIsDocumented)
         EXPECT_LE(line.size(), 80U) << line;
         documentation += line + " ";
     }
-    for (const char *key :
-         {"type",      "address", "count",      "position", "sensor",           "id",
-          "available", "range",   "resolution", "minimum",  "minimum_delay_ms", "command",
-          "value",     "unit",    "usable",     "worn",     "activity",         "time_ms",
-          "hex",       "reply",   "error",      "flags",    "reserved",         "time_field_ms",
-          "offset",    "field",   "expected",   "found"}) {
+    for (const char *key : {"type",
+                            "address",
+                            "count",
+                            "position",
+                            "sensor",
+                            "id",
+                            "available",
+                            "range",
+                            "resolution",
+                            "minimum",
+                            "minimum_delay_ms",
+                            "command",
+                            "value",
+                            "unit",
+                            "usable",
+                            "worn",
+                            "activity",
+                            "time_ms",
+                            "age_ms",
+                            "unbroken",
+                            "hex",
+                            "reply",
+                            "error",
+                            "flags",
+                            "reserved",
+                            "time_field_ms",
+                            "offset",
+                            "field",
+                            "expected",
+                            "found"}) {
         EXPECT_THAT(documentation, testing::HasSubstr(key));
     }
 }

@@ -14,6 +14,8 @@ using testing::ElementsAre;
 constexpr std::int64_t kNowMs =
     1400000000000LL; // 2014-05-13 16:53:20 UTC; its last word is 0xF680B000
 
+constexpr Instant kNow{std::chrono::milliseconds{kNowMs}};
+
 Reading ReadingOf(Sensor sensor, float value, std::uint32_t timeFieldMs = 0xF680B000U)
 {
     return {.mCommand = Command::MeasureOnce,
@@ -21,6 +23,14 @@ Reading ReadingOf(Sensor sensor, float value, std::uint32_t timeFieldMs = 0xF680
             .mSensor = sensor,
             .mTimeFieldMs = timeFieldMs,
             .mValue = value};
+}
+
+/** As it was told `age` ago. */
+Told::NewReading NewReading(const Reading &reading, Worn worn = Worn::Unknown,
+                            std::chrono::milliseconds age = {})
+{
+    return {.mReading = reading,
+            .mObservation = {reading.mSensor, reading.mValue, kNow - age, worn, true}};
 }
 
 /** Puts the local time zone to UTC, and back. */
@@ -49,7 +59,8 @@ protected:
 
     void ExpectMeasured(Sensor sensor, float value, const std::string &line) const
     {
-        EXPECT_THAT(mPrinter.Measured(ReadingOf(sensor, value), kNowMs), ElementsAre(line));
+        EXPECT_THAT(mPrinter.Measured(NewReading(ReadingOf(sensor, value)), kNow, false),
+                    ElementsAre(line));
     }
 
     std::string PacketMeaning(const Reply &reply) const
@@ -77,25 +88,23 @@ TEST_F(TextPrinterTest, MeasurementsAreSentencesWithUnits)
 
 TEST_F(TextPrinterTest, StepsSayHowSureTheyAre)
 {
-    const Reading reading = ReadingOf(Sensor::Pedometer, 99999.0F);
-    const Instant now{std::chrono::milliseconds{kNowMs}};
-    StepsOfDay day{LocalDate([](auto) { return std::chrono::seconds{0}; }, now), DaySteps{}};
-    day.mSteps->mSince = now;
-    day.mSteps->mUntil = now;
+    auto told = NewReading(ReadingOf(Sensor::Pedometer, 99999.0F));
+    StepsOfDay &day = told.mSteps.emplace();
+    day = {LocalDate([](auto) { return std::chrono::seconds{0}; }, kNow), DaySteps{}};
+    day.mSteps->mSince = kNow;
+    day.mSteps->mUntil = kNow;
     day.mSteps->mSteps = 1284;
-    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, false),
-                ElementsAre("steps: at least 1,284 today"));
+    EXPECT_THAT(mPrinter.Measured(told, kNow, false), ElementsAre("steps: at least 1,284 today"));
     EXPECT_THAT(mPrinter.Today(day), ElementsAre("2014-05-13: at least 1,284 steps, as of 16:53"));
     day.mSteps->mIsExact = true;
-    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, true),
+    EXPECT_THAT(mPrinter.Measured(told, kNow, true),
                 ElementsAre("2014-05-13 16:53:20  steps: 1,284 since 16:53, exact"));
     day.mSteps->mFromMidnight = true;
-    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, false),
-                ElementsAre("steps: 1,284 today, exact"));
+    EXPECT_THAT(mPrinter.Measured(told, kNow, false), ElementsAre("steps: 1,284 today, exact"));
     day.mSteps->mSteps = 1;
     EXPECT_THAT(mPrinter.Today(day), ElementsAre("2014-05-13: 1 step, exact, as of 16:53"));
     day.mSteps.reset();
-    EXPECT_THAT(mPrinter.Steps(reading, day, kNowMs, false), ElementsAre("steps: not known yet"));
+    EXPECT_THAT(mPrinter.Measured(told, kNow, false), ElementsAre("steps: not known yet"));
     EXPECT_THAT(mPrinter.Today(day), ElementsAre("2014-05-13: no steps known"));
 }
 
@@ -108,11 +117,30 @@ TEST_F(TextPrinterTest, ValuesWithoutAMeaningAreShownAsTheyAre)
                    "steps: total on the wire 340282346638528859811704183484516925440");
 }
 
+TEST_F(TextPrinterTest, ReadingsSayHowOldTheyAreAndWhetherTheWatchIsWorn)
+{
+    using namespace std::chrono_literals;
+    const auto text = [this](float value, Worn worn, std::chrono::milliseconds age) {
+        const auto told = NewReading(ReadingOf(Sensor::HeartRate, value), worn, age);
+        return mPrinter.Measured(told, kNow, false).at(0);
+    };
+    EXPECT_EQ(text(72, Worn::Yes, 4s), "heart rate: 72 bpm, 4 s ago, worn");
+    EXPECT_EQ(text(72, Worn::Yes, 999ms), "heart rate: 72 bpm, worn");
+    EXPECT_EQ(text(72, Worn::No, 61min), "heart rate: 72 bpm, 1 h ago, not worn");
+    EXPECT_EQ(text(72, Worn::Unknown, 1s), "heart rate: 72 bpm, 1 s ago");
+    EXPECT_EQ(text(0, Worn::No, 0s), "heart rate: no reading: the watch is not worn");
+    EXPECT_EQ(text(0, Worn::Yes, 0s), "heart rate: no usable reading");
+    const auto steps = NewReading(ReadingOf(Sensor::Pedometer, 7), Worn::Yes, 2min);
+    EXPECT_THAT(mPrinter.Measured(steps, kNow, true),
+                ElementsAre("2014-05-13 16:53:20  steps: total on the wire 7, 2 min ago"));
+}
+
 TEST_F(TextPrinterTest, WatchedReadingsBeginWithTheirLocalTime)
 {
-    EXPECT_THAT(mPrinter.Watched(ReadingOf(Sensor::Activity, 1.0F), kNowMs + 20),
+    EXPECT_THAT(mPrinter.Measured(NewReading(ReadingOf(Sensor::Activity, 1.0F)),
+                                  kNow + std::chrono::milliseconds{20}, true),
                 ElementsAre("2014-05-13 16:53:20  activity: walking"));
-    EXPECT_THAT(mPrinter.Watched(ReadingOf(Sensor::Activity, 1.0F, 0), kNowMs),
+    EXPECT_THAT(mPrinter.Measured(NewReading(ReadingOf(Sensor::Activity, 1.0F, 0)), kNow, true),
                 ElementsAre("time unknown  activity: walking"));
 }
 
@@ -121,15 +149,16 @@ TEST_F(TextPrinterTest, TimesForProgramsAreIsoOrUnix)
     ::setenv("TZ", "XYZ-02:30", 1);
     ::tzset();
     const Reading reading = ReadingOf(Sensor::Activity, 1.0F, 0xF680B007U);
-    EXPECT_THAT(TextPrinter(TimeStyle::Iso).Watched(reading, kNowMs),
+    EXPECT_THAT(TextPrinter(TimeStyle::Iso).Measured(NewReading(reading), kNow, true),
                 ElementsAre("2014-05-13T19:23:20.007+02:30  activity: walking"));
-    EXPECT_THAT(TextPrinter(TimeStyle::Unix).Watched(reading, kNowMs),
+    EXPECT_THAT(TextPrinter(TimeStyle::Unix).Measured(NewReading(reading), kNow, true),
                 ElementsAre("1400000000.007  activity: walking"));
-    EXPECT_THAT(TextPrinter(TimeStyle::Unix).Measured(reading, kNowMs),
+    EXPECT_THAT(TextPrinter(TimeStyle::Unix).Measured(NewReading(reading), kNow, false),
                 ElementsAre("1400000000.007  activity: walking"));
     EXPECT_THAT(TextPrinter(TimeStyle::Unix).Packet({0x01}, Reply{reading}, kNowMs).at(1),
                 testing::HasSubstr("1400000000.007"));
-    EXPECT_THAT(TextPrinter(TimeStyle::Iso).Watched(ReadingOf(Sensor::Activity, 1.0F, 0), kNowMs),
+    EXPECT_THAT(TextPrinter(TimeStyle::Iso)
+                    .Measured(NewReading(ReadingOf(Sensor::Activity, 1.0F, 0)), kNow, true),
                 ElementsAre("-  activity: walking"));
 }
 

@@ -24,7 +24,14 @@ protected:
 
     void Lose() { mPlayed.mSession.Lost("gone", mPlayed.Now()); }
 
-    PlayedSession mPlayed;
+    static SessionOptions Options()
+    {
+        SessionOptions options;
+        options.mAsksWorn = false; // the packets alone that a case is about
+        return options;
+    }
+
+    PlayedSession mPlayed{Options()};
 };
 
 } // namespace

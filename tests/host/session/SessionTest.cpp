@@ -16,6 +16,7 @@ SessionOptions Trusting(bool countsSteps = false)
 {
     SessionOptions options;
     options.mProvesLink = false;
+    options.mAsksWorn = false;
     options.mCountsSteps = countsSteps;
     return options;
 }
@@ -272,6 +273,49 @@ TEST_F(SessionTest, ReadingsHaveTheirTimeAndWhatTheyAreWorth)
     EXPECT_TRUE(told.mObservation.mIsUnbroken);
     played.mSession.Lost("gone", played.Now());
     EXPECT_FALSE(played.mSession.Latest(Sensor::HeartRate)->mIsUnbroken);
+}
+
+TEST_F(SessionTest, WornStateIsAskedForWithAHeartRateUnlessItWasJustTold)
+{
+    SessionOptions options = Trusting();
+    options.mAsksWorn = true;
+    PlayedSession played(options);
+    played.mSession.Connected(played.Now());
+    played.mSession.Follow(Sensor::HeartRate, played.Now());
+    EXPECT_THAT(played.Sent(), ElementsAre("12000003", "22000004"));
+    played.Hear({ReadingPacket(0x22, 4, 1)});
+    played.Until(15s);
+    played.Hear({ReadingPacket(0x12, 3, 72)});
+    EXPECT_EQ(std::get<Told::NewReading>(played.Events().back()).mObservation.mWorn, Worn::Yes);
+    EXPECT_THAT(played.Sent(), ElementsAre("32000003"));
+    played.Until(31s);
+    played.Hear({ReadingPacket(0x32, 3, 72)});
+    EXPECT_THAT(played.Sent(), ElementsAre("12000003", "22000004"));
+}
+
+// What lay in the link while the process was held up is as old as its time says, whatever the clocks.
+TEST_F(SessionTest, AgeBeginsWhenTheReadingWasSent)
+{
+    const auto heartRate = [](std::uint8_t minutes) {
+        Bytes packet = ReadingPacket(0x12, 3, 72); // its time is 1,000,000 ms
+        const std::uint32_t time = 1000000U + minutes * 60000U;
+        for (unsigned byte = 0; byte < 4; ++byte) {
+            packet[9 + byte] = static_cast<std::uint8_t>(time >> (24 - 8 * byte));
+        }
+        return packet;
+    };
+    const auto age = [this](const Told::Event &event) {
+        return std::get<Told::NewReading>(event).mObservation.Age(mPlayed.Now().mWall);
+    };
+    mPlayed.Hear({heartRate(0)});
+    EXPECT_EQ(age(mPlayed.Events().back()), 0s);
+    mPlayed.Sleep(60min);
+    mPlayed.Hear({heartRate(1), heartRate(60)});
+    const auto events = mPlayed.Events();
+    EXPECT_EQ(age(events.at(0)), 59min);
+    EXPECT_EQ(age(events.at(1)), 0s);
+    mPlayed.Hear({heartRate(30)}); // the watch's clock was set back
+    EXPECT_EQ(age(mPlayed.Events().back()), 0s);
 }
 
 TEST_F(SessionTest, TimeOfZeroIsNone)

@@ -22,6 +22,7 @@ SessionOptions Trusting()
 {
     SessionOptions options;
     options.mProvesLink = false;
+    options.mAsksWorn = false;
     return options;
 }
 
