@@ -43,7 +43,7 @@ class World {
     );
     writeFileSync(
       this.#config,
-      `[watch]\ndirectory=${this.folder}/run\n[web]\nport=0\n` +
+      `[watch]\ndirectory=${this.folder}/run\n[web]\nport=0\n[bluetooth]\nenabled=no\n` +
         `[directories]\nstate=${this.folder}/gateway-state\nruntime=${this.folder}/gateway-run\n`,
     );
   }
