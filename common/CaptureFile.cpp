@@ -135,7 +135,7 @@ int CaptureFile::Write(std::span<const std::uint8_t> bytes)
     // Less than all of it: the device is full, or the limit of a file's size is reached.
     const int error = written < 0 ? errno : ENOSPC;
     // In vain for a pipe; what reads it finds its last block cut off.
-    [[maybe_unused]] const int isMended = ::ftruncate(mFile.Get(), mSize);
+    [[maybe_unused]] const int isMended = ::ftruncate(mFile.Get(), static_cast<off_t>(mSize));
     mFile.Reset();
     return error;
 }

@@ -74,7 +74,7 @@ private:
     int Write(std::span<const std::uint8_t> bytes);
 
     UniqueFd mFile;
-    off_t mSize = 0;
+    std::int64_t mSize = 0; // of the same size in each source, however that is compiled
     std::vector<std::string> mComments;
 };
 

@@ -47,7 +47,7 @@ int RecordingFile::Write(std::string_view lines)
         }
         return error;
     }
-    mSize += static_cast<off_t>(lines.size());
+    mSize += static_cast<std::int64_t>(lines.size());
     return 0;
 }
 

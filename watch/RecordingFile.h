@@ -1,8 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 
 #include "Output.h"
 #include "UniqueFd.h"
@@ -52,7 +52,7 @@ private:
     bool mIsStandardOutput;
     Parvane::Patience mPatience;
     Parvane::UniqueFd mFd;
-    off_t mSize = 0;
+    std::int64_t mSize = 0; // of the same size in each source, however that is compiled
 };
 
 } // namespace ParvaneWatch
