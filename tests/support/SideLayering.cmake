@@ -25,7 +25,7 @@ set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
 set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
 
-set(POSIX dirent.h clocale fcntl.h langinfo.h poll.h signal.h sys/file.h sys/ioctl.h sys/signalfd.h sys/socket.h sys/stat.h sys/types.h
+set(POSIX dirent.h clocale fcntl.h langinfo.h poll.h signal.h sys/file.h sys/ioctl.h sys/mman.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
     sys/un.h termios.h unistd.h)
 # No I/O: what is in here is told what happens, and when.
 set(PURE host/wire host/ledger host/session)

@@ -11,6 +11,8 @@
 
 namespace ParvanePlatform {
 
+using Parvane::JournalSocket;
+
 namespace {
 
 // Constant-initialized and never destroyed: lines are logged before and after everything else.

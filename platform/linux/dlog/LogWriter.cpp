@@ -15,6 +15,8 @@
 
 namespace ParvanePlatform {
 
+using Parvane::IsJournalStream;
+
 namespace {
 
 constexpr std::size_t kStackBytes = 2048;

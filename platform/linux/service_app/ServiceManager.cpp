@@ -12,6 +12,9 @@
 
 namespace ParvanePlatform {
 
+using Parvane::OpenDatagramSocket;
+using Parvane::SendDatagram;
+
 namespace {
 
 constexpr std::uint64_t kMinPeriodUs = 1000;

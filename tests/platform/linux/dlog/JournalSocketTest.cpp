@@ -16,6 +16,8 @@
 
 namespace ParvanePlatform {
 
+using Parvane::JournalSocket;
+
 /** A socket in the journal's place. */
 class JournalSocketTest : public testing::Test
 {

@@ -15,6 +15,8 @@
 
 namespace ParvanePlatform {
 
+using Parvane::IsJournalStream;
+
 namespace {
 
 std::string StreamOf(int fd)

@@ -19,6 +19,8 @@
 
 namespace ParvanePlatform {
 
+using Parvane::SendDatagram;
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 /**
  * Sends entries to the journal in its native form. An entry that is too long for a datagram goes as a
@@ -33,4 +33,4 @@ private:
     bool mIsBehind = false;
 };
 
-} // namespace ParvanePlatform
+} // namespace Parvane

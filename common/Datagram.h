@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 // Datagrams to Unix sockets of the system. Neither needs memory or throws.
 
@@ -26,4 +26,4 @@ int OpenDatagramSocket(int maxWaitMs) noexcept;
 int SendDatagram(int socket, std::string_view address, std::string_view bytes, int flags,
                  int attached = -1) noexcept;
 
-} // namespace ParvanePlatform
+} // namespace Parvane

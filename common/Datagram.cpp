@@ -8,7 +8,7 @@
 #include <sys/uio.h>
 #include <sys/un.h>
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 int OpenDatagramSocket(int maxWaitMs) noexcept
 {
@@ -53,4 +53,4 @@ int SendDatagram(int socket, std::string_view address, std::string_view bytes, i
     return ::sendmsg(socket, &message, flags | MSG_NOSIGNAL) < 0 ? -errno : 0;
 }
 
-} // namespace ParvanePlatform
+} // namespace Parvane

@@ -1,6 +1,6 @@
 #pragma once
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 /**
  * True when the service manager connected this descriptor to the journal: JOURNAL_STREAM holds its
@@ -10,4 +10,4 @@ namespace ParvanePlatform {
  */
 bool IsJournalStream(int fd) noexcept;
 
-} // namespace ParvanePlatform
+} // namespace Parvane

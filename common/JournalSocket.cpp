@@ -9,7 +9,7 @@
 #include "Datagram.h"
 #include "UniqueFd.h"
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 namespace {
 
@@ -36,7 +36,7 @@ int JournalSocket::Send(std::string_view entry) noexcept
 
 int JournalSocket::SendAsFile(std::string_view entry, int flags) const noexcept
 {
-    const Parvane::UniqueFd file(::memfd_create("parvane-log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    const UniqueFd file(::memfd_create("parvane-log", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (!file) {
         return -errno;
     }
@@ -52,4 +52,4 @@ int JournalSocket::SendAsFile(std::string_view entry, int flags) const noexcept
     return SendDatagram(mSocket, mPath, {}, flags, file.Get());
 }
 
-} // namespace ParvanePlatform
+} // namespace Parvane
