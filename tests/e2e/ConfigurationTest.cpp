@@ -36,9 +36,10 @@ TEST_F(ConfigurationTest, UnknownKeysAreOneWarningAndTheServiceRuns)
     const Host host(LinkPath());
     EXPECT_EQ(host.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
 
-    EXPECT_THAT(mService->StandardError(),
-                HasSubstr(" W platform: " + mPath.string() +
-                          ": line 2: unknown key 'colour' in [control]; known are enabled\n"));
+    EXPECT_THAT(
+        mService->StandardError(),
+        HasSubstr(" W platform: " + mPath.string() +
+                  ": line 2: unknown key 'colour' in [control]; known are enabled, allow\n"));
     EXPECT_EQ(StopService(), 0);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "AllowedUser.h"
 #include "ControlCommands.h"
 #include "PowerBackends.h"
 #include "RuntimeLog.h"
@@ -32,7 +33,8 @@ Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEve
       mBluetooth(settings.mBluetooth.mAddress, settings.mStateDirectory,
                  MakeAddressSource(settings.mBluetooth, mBus.get())),
       mPower(clock, MakePowerBackends(settings.mPower, mBus.get())),
-      mLink(settings.mRuntimeDirectory, mKeys, clock),
+      mLink(settings.mRuntimeDirectory, mKeys, clock,
+            AllowedUser(settings.mLinkAllow, "accessory link")),
       mAlerts(settings, clock, events, mBus.get())
 {
     for (const ContextManager::ItemStatus &item : mContext.Status()) {
@@ -46,7 +48,8 @@ Runtime::Parts::Parts(const Settings &settings, const Clock &clock, LifecycleEve
         auto commands = std::make_unique<ControlCommands>(
             ControlledParts{clock, mPreferences, mKeys, mContext, mPower, mLink, events, settings});
         mControl = std::make_unique<ControlServer>(settings.mRuntimeDirectory, std::move(commands),
-                                                   mContext, clock);
+                                                   mContext, clock,
+                                                   AllowedUser(settings.mControlAllow, "control"));
     }
 }
 
@@ -58,6 +61,9 @@ Runtime::Runtime(const Settings &settings, LifecycleEvents &events)
     PrepareDirectory(settings.mStateDirectory, "state");
     // Its content ends with the process: a start does not wait for the disk because of it.
     PrepareDirectory(settings.mRuntimeDirectory, "run-time", Durability::FileSystem);
+    if (!settings.mLinkAllow.empty() || !settings.mControlAllow.empty()) {
+        LetOthersThrough(settings.mRuntimeDirectory);
+    }
     mLocks.push_back(InstanceLock::OfRunTime(settings.mRuntimeDirectory));
     if (!mLocks.back().IsHeld()) {
         mTaken =

@@ -156,6 +156,17 @@ std::string Tags(const std::string &text)
     return hasEmpty ? std::string() : DeviceName(text);
 }
 
+std::string UserName(const std::string &text)
+{
+    constexpr std::size_t kMostBytes = 32;
+    const bool isName =
+        text.size() <= kMostBytes && std::all_of(text.begin(), text.end(), [](char character) {
+            return g_ascii_isalnum(character) || character == '_' || character == '-' ||
+                   character == '.';
+        });
+    return isName ? text : std::string();
+}
+
 std::string Address(const std::string &text)
 {
     return NormaliseBluetoothAddress(text).value_or(std::string());
@@ -222,6 +233,7 @@ bool ApplySpeed(const std::vector<std::string> &value, Settings &settings)
 
 constexpr char kPath[] = "an absolute path";
 constexpr char kAdapter[] = "an adapter's name such as hci0, of letters, digits and _";
+constexpr char kUser[] = "a user's name or number, or empty";
 constexpr char kAddress[] = "six hexadecimal octets such as AA:BB:CC:DD:EE:FF";
 
 constexpr int kLeastIioPeriodMs = 100;
@@ -317,7 +329,9 @@ std::vector<ConfigKey> OtherKeys()
                          In(&Settings::mBluetooth, &BluetoothSettings::mName)),
             OptionalText("bluetooth", "address", kAddress, Address,
                          In(&Settings::mBluetooth, &BluetoothSettings::mAddress)),
+            OptionalText("link", "allow", kUser, UserName, &Settings::mLinkAllow),
             Boolean("control", "enabled", &Settings::mControl),
+            OptionalText("control", "allow", kUser, UserName, &Settings::mControlAllow),
             Choice("log", "level", levels, In(&Settings::mLog, &LogFilter::mLevel)),
             OptionalText("log", "tags", "tags with , between them", Tags,
                          In(&Settings::mLog, &LogFilter::mTags)),

@@ -142,8 +142,12 @@ struct Settings
     MemorySettings mMemory;
     BatterySettings mBattery;
     BluetoothSettings mBluetooth;
+    /** A user who may be the host besides the service's own and root, by name or number; empty for none. */
+    std::string mLinkAllow;
     /** Whether there is a control socket. */
     bool mControl = true;
+    /** A user who is served there, as mLinkAllow. */
+    std::string mControlAllow;
     /** Section [log]. */
     LogFilter mLog;
 

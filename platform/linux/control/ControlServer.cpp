@@ -21,12 +21,13 @@ constexpr GIOCondition kAllEvents = static_cast<GIOCondition>(kReadEvents | G_IO
 
 ControlServer::ControlServer(const std::string &runtimeDirectory,
                              std::unique_ptr<ControlHandler> handler, ContextManager &context,
-                             const Clock &clock)
+                             const Clock &clock, std::optional<uid_t> allowed)
     : mClock(clock),
       mContext(context),
       mHandler(std::move(handler)),
-      mListener(runtimeDirectory + '/' + kSocketName, "control", clock,
-                [this] { OnListenerReady(); }),
+      mListener(
+          runtimeDirectory + '/' + kSocketName, "control", clock, [this] { OnListenerReady(); },
+          allowed),
       mBuffer(kMaxRequestBytes)
 {
     mListener.Watch();
@@ -72,7 +73,7 @@ void ControlServer::OnListenerReady()
         ServeThoseWhoHaveGone();
     }
     const auto count = ClientCount();
-    if (!peer.IsTrusted()) {
+    if (!mListener.Admits(peer)) {
         mListener.LogRefusal("a client of user " + std::to_string(peer.mUid) + " is refused");
     } else if (count >= kMaxClients) {
         const std::string reason =

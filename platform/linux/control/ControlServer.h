@@ -52,10 +52,12 @@ public:
      * @param runtimeDirectory  exists, and is used by this process alone
      * @param context           whose readings are told; it and `clock` are borrowed for the life
      *                          of the server, which sets the context manager's tap
+     * @param allowed           a user who is served besides the service's own and root
      * @throws StartupError when there can be no socket
      */
     ControlServer(const std::string &runtimeDirectory, std::unique_ptr<ControlHandler> handler,
-                  ContextManager &context, const Clock &clock);
+                  ContextManager &context, const Clock &clock,
+                  std::optional<uid_t> allowed = std::nullopt);
 
     /** Tells those who record and observe of the end, and closes all connections. */
     ~ControlServer();

@@ -51,6 +51,13 @@ void PrepareDirectory(const std::string &path, const std::string &purpose, Durab
     }
 }
 
+void LetOthersThrough(const std::string &path)
+{
+    if (::chmod(path.c_str(), 0711) != 0) {
+        Refuse(path, "run-time", ErrorText(errno));
+    }
+}
+
 InstanceLock InstanceLock::OfRunTime(const std::string &directory)
 {
     return {directory + "/lock", O_RDWR | O_CREAT | O_NOFOLLOW};

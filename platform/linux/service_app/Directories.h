@@ -20,6 +20,12 @@ void PrepareDirectory(const std::string &path, const std::string &purpose,
                       Durability durability = Durability::Disk);
 
 /**
+ * Lets other users reach what lies in a directory of this user, if its own mode lets them: 0711. They do not see
+ * what there is. @throws StartupError
+ */
+void LetOthersThrough(const std::string &path);
+
+/**
  * The claim of one process on a directory, taken without waiting. The kernel drops the lock when the
  * process ends, however it ends.
  */

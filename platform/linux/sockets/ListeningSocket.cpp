@@ -22,9 +22,9 @@ constexpr int kBacklog = 8;
     throw StartupError("cannot make the socket " + path + ": " + ErrorText(error));
 }
 
-void Bind(int fd, const sockaddr_un &address)
+void Bind(int fd, const sockaddr_un &address, mode_t mask)
 {
-    const mode_t old = ::umask(0177);
+    const mode_t old = ::umask(mask);
     const int result = ::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
     const int error = errno;
     ::umask(old);
@@ -36,8 +36,8 @@ void Bind(int fd, const sockaddr_un &address)
 } // namespace
 
 ListeningSocket::ListeningSocket(std::string path, const char *owner, const Clock &clock,
-                                 std::function<void()> onReady)
-    : mOwner(owner), mClock(clock), mOnReady(std::move(onReady))
+                                 std::function<void()> onReady, std::optional<uid_t> allowed)
+    : mOwner(owner), mClock(clock), mOnReady(std::move(onReady)), mAllowed(allowed)
 {
     sockaddr_un address = {};
     if (Parvane::MakeSocketAddress(path, address) != 0) {
@@ -58,7 +58,7 @@ ListeningSocket::ListeningSocket(std::string path, const char *owner, const Cloc
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
         Refuse(path, errno);
     }
-    Bind(mFd.Get(), address);
+    Bind(mFd.Get(), address, mAllowed ? 0111 : 0177);
     mPath = std::move(path);
     if (::listen(mFd.Get(), kBacklog) != 0) {
         const int error = errno;

@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 
 #include "Clock.h"
 #include "LoopSource.h"
@@ -12,8 +14,9 @@
 namespace ParvanePlatform {
 
 /**
- * A socket on which others connect: a Unix-domain SOCK_SEQPACKET socket of mode 0600. The one of an
- * earlier run is replaced, nothing else is; it goes with the object. Main-loop thread only.
+ * A socket on which others connect: a Unix-domain SOCK_SEQPACKET socket of mode 0600, or 0666 where another
+ * user is let in, too; it is Admits() that tells them apart. The one of an earlier run is replaced, nothing
+ * else is; it goes with the object. Main-loop thread only.
  */
 class ListeningSocket
 {
@@ -28,10 +31,11 @@ public:
      * @param owner    whose socket it is, for the log; not copied
      * @param clock    borrowed for the life of the socket
      * @param onReady  called, while the socket is watched, for each connection that waits
+     * @param allowed  a user who may connect besides this process's own and root
      * @throws StartupError that names the path and the reason
      */
     ListeningSocket(std::string path, const char *owner, const Clock &clock,
-                    std::function<void()> onReady);
+                    std::function<void()> onReady, std::optional<uid_t> allowed = std::nullopt);
     ~ListeningSocket();
 
     ListeningSocket(const ListeningSocket &) = delete;
@@ -42,6 +46,12 @@ public:
 
     /** Leaves connections in the queue until Watch(). */
     void Unwatch();
+
+    /** Whether whoever is at the other end may be served. */
+    bool Admits(const PacketSocket::Peer &peer) const
+    {
+        return peer.IsTrusted() || (mAllowed && peer.mUid == *mAllowed);
+    }
 
     /** Takes the next connection, without waiting; empty when there is none that can be used. */
     PacketSocket Accept();
@@ -59,6 +69,7 @@ private:
     const char *mOwner;
     const Clock &mClock;
     std::function<void()> mOnReady;
+    std::optional<uid_t> mAllowed;
     std::string mPath;
     Parvane::UniqueFd mFd;
     LoopSource mSource;

@@ -10,8 +10,8 @@
 namespace ParvanePlatform {
 
 LinkSession::LinkSession(const std::string &runtimeDirectory, KeyValueStore &keys,
-                         const Clock &clock)
-    : mKeys(keys), mClock(clock), mTransport(runtimeDirectory, clock, *this)
+                         const Clock &clock, std::optional<uid_t> allowed)
+    : mKeys(keys), mClock(clock), mTransport(runtimeDirectory, clock, *this, allowed)
 {
     mKeys.SetInt(kStatusKey, 1);
     mTransport.Listen();

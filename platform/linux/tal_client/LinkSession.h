@@ -61,9 +61,11 @@ public:
      * @param runtimeDirectory  exists, and is used by this process alone
      * @param keys              borrowed for the life of the link
      * @param clock             borrowed for the life of the link
+     * @param allowed           a user who may be the host besides the service's own and root
      * @throws StartupError when there can be no socket
      */
-    LinkSession(const std::string &runtimeDirectory, KeyValueStore &keys, const Clock &clock);
+    LinkSession(const std::string &runtimeDirectory, KeyValueStore &keys, const Clock &clock,
+                std::optional<uid_t> allowed = std::nullopt);
 
     /** Closes the host's connection, removes the socket and sets the key to 0. */
     ~LinkSession() override;

@@ -14,10 +14,11 @@ constexpr GIOCondition kEndEvents = static_cast<GIOCondition>(G_IO_HUP | G_IO_ER
 } // namespace
 
 LinkTransport::LinkTransport(const std::string &runtimeDirectory, const Clock &clock,
-                             LinkEvents &events)
+                             LinkEvents &events, std::optional<uid_t> allowed)
     : mEvents(events),
-      mListener(runtimeDirectory + '/' + kSocketName, "accessory link", clock,
-                [this] { OnListenerReady(); }),
+      mListener(
+          runtimeDirectory + '/' + kSocketName, "accessory link", clock,
+          [this] { OnListenerReady(); }, allowed),
       mReceiveBuffer(
           std::make_unique_for_overwrite<unsigned char[]>(PacketSocket::kMaxReceiveBytes))
 {}
@@ -50,7 +51,7 @@ void LinkTransport::OnListenerReady()
         return;
     }
     const PacketSocket::Peer peer = host.GetPeer();
-    if (!peer.IsTrusted()) {
+    if (!mListener.Admits(peer)) {
         ++mRefusedHosts;
         mListener.LogRefusal("a host of user " + std::to_string(peer.mUid) + " is refused");
     } else if (mHost) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -51,9 +52,11 @@ public:
      * Opens the socket; hosts wait in its queue until Listen().
      *
      * @param events  it and `clock` are borrowed for the life of the transport
+     * @param allowed a user who may connect besides the service's own and root
      * @throws StartupError when there can be no socket
      */
-    LinkTransport(const std::string &runtimeDirectory, const Clock &clock, LinkEvents &events);
+    LinkTransport(const std::string &runtimeDirectory, const Clock &clock, LinkEvents &events,
+                  std::optional<uid_t> allowed = std::nullopt);
 
     /** Takes the next host, and refuses others while there is one. */
     void Listen() { mListener.Watch(); }

@@ -88,8 +88,9 @@ TEST_F(CheckConfigTest, SourcesAreThoseThatTheServiceWouldUse)
 TEST_F(CheckConfigTest, WarningsDoNotStopTheService)
 {
     EXPECT_EQ(CheckText("[control]\nport=1\n"), 0);
-    EXPECT_EQ(mErr.str(), "warning: " + mPath.string() +
-                              ": line 2: unknown key 'port' in [control]; known are enabled\n");
+    EXPECT_EQ(mErr.str(),
+              "warning: " + mPath.string() +
+                  ": line 2: unknown key 'port' in [control]; known are enabled, allow\n");
     EXPECT_EQ(mOut.str(), kSilent + mPath.string() + ": ok, with 1 warning\n");
     EXPECT_EQ(CheckText("[control]\nport=1\nhost=2\n"), 0);
     EXPECT_THAT(mOut.str(), testing::EndsWith(": ok, with 2 warnings\n"));
@@ -103,7 +104,7 @@ TEST_F(CheckConfigTest, AllProblemsAreToldAtOnce)
                   ": line 2: [control] enabled is 'no': it must be true, false, 1 or 0\n"
                   "warning: " +
                   mPath.string() +
-                  ": line 3: unknown key 'port' in [control]; known are enabled\n"
+                  ": line 3: unknown key 'port' in [control]; known are enabled, allow\n"
                   "error: " +
                   mPath.string() + ": line 5: [iio] root is 'sys': it must be an absolute path\n");
     EXPECT_EQ(mOut.str(), "");
@@ -212,7 +213,7 @@ TEST_F(CheckConfigTest, JsonOfProblems)
               nlohmann::json::parse(R"({"file": ")" + mPath.string() + R"(", "ok": false,
                   "problems": [
                       {"severity": "warning", "line": 1, "section": "what", "key": null,
-                       "message": "unknown section [what]; known are sensors, replay, iio, ble, power, memory, battery, bluetooth, control, log, directories"},
+                       "message": "unknown section [what]; known are sensors, replay, iio, ble, power, memory, battery, bluetooth, link, control, log, directories"},
                       {"severity": "error", "line": 3, "section": "control", "key": "enabled",
                        "message": "[control] enabled is 'no': it must be true, false, 1 or 0"}]})"));
 }

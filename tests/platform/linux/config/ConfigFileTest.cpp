@@ -98,10 +98,11 @@ TEST(ConfigFileTest, SeveralSectionsAreReadAsOne)
 
 TEST(ConfigFileTest, UnknownSectionIsOneWarningWithItsLine)
 {
-    EXPECT_THAT(ProblemsOf("# c\n\n[sensor]\nheart_rate=fast\nx=y\n[sensor]\n[iio]\n"),
-                ElementsAre("W p.conf: line 3: unknown section [sensor]; known are sensors, "
-                            "replay, iio, ble, power, memory, battery, bluetooth, control, log, "
-                            "directories"));
+    EXPECT_THAT(
+        ProblemsOf("# c\n\n[sensor]\nheart_rate=fast\nx=y\n[sensor]\n[iio]\n"),
+        ElementsAre("W p.conf: line 3: unknown section [sensor]; known are sensors, "
+                    "replay, iio, ble, power, memory, battery, bluetooth, link, control, log, "
+                    "directories"));
 }
 
 TEST(ConfigFileTest, UnknownKeyIsOneWarningWithItsLine)
@@ -312,7 +313,7 @@ TEST(ConfigFileTest, ManyUnknownKeysAreToldEachWithItsLine)
     const std::vector<std::string> problems = ProblemsOf(text);
     ASSERT_THAT(problems, SizeIs(kKeys));
     EXPECT_EQ(problems.back(),
-              "W p.conf: line 50001: unknown key 'k49999' in [control]; known are enabled");
+              "W p.conf: line 50001: unknown key 'k49999' in [control]; known are enabled, allow");
 }
 
 TEST(ConfigFileTest, NameOfTheFileIsPrintable)

@@ -75,6 +75,11 @@ const std::vector<std::string> kBadAdapters = {"hci 0", "/org", "hci-0", "hci0;h
 const std::vector<std::pair<std::string, std::string>> kAddresses = {
     {"aa:bb:cc:dd:ee:0f", "AA:BB:CC:DD:EE:0F"}, {"", ""}};
 const std::vector<std::string> kBadAddresses = {"AA:BB:CC:DD:EE", "AA-BB-CC-DD-EE-FF", "any"};
+const std::string kUserAllowed = "it must be a user's name or number, or empty";
+const std::vector<std::pair<std::string, std::string>> kUsers = {
+    {"parvane-gateway", "parvane-gateway"}, {"1000", "1000"}, {"a.b_c", "a.b_c"}, {"", ""}};
+const std::vector<std::string> kBadUsers = {"a b", "a:b", "a;b",
+                                            "012345678901234567890123456789012"};
 
 const std::vector<KeyCase> kCases = {
     {"sensors",
@@ -210,8 +215,12 @@ const std::vector<KeyCase> kCases = {
      [](const Settings &s) { return s.mBluetooth.mName; }},
     {"bluetooth", "address", kAddresses, kBadAddresses, kAddressAllowed,
      [](const Settings &s) { return s.mBluetooth.mAddress; }},
+    {"link", "allow", kUsers, kBadUsers, kUserAllowed,
+     [](const Settings &s) { return s.mLinkAllow; }},
     {"control", "enabled", kBooleans, kBadBooleans, kBooleanAllowed,
      [](const Settings &s) { return Number(s.mControl); }},
+    {"control", "allow", kUsers, kBadUsers, kUserAllowed,
+     [](const Settings &s) { return s.mControlAllow; }},
     {"log",
      "level",
      {{"auto", "-1"},
@@ -312,7 +321,7 @@ TEST(ConfigSchemaTest, HasTheSectionsOfTheRuntimesParts)
 {
     EXPECT_THAT(ConfigSections(),
                 ElementsAre("sensors", "replay", "iio", "ble", "power", "memory", "battery",
-                            "bluetooth", "control", "log", "directories"));
+                            "bluetooth", "link", "control", "log", "directories"));
 }
 
 TEST(ConfigSchemaTest, WhatIsShownIsWhatHasBeenSet)

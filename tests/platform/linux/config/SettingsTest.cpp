@@ -316,11 +316,11 @@ TEST_F(ConfiguredSettingsTest, WarningsAreLoggedEachInOneLine)
     const Settings settings = Read({}, file);
     EXPECT_EQ(capture.Take(),
               "W platform: " + file +
-                  ": line 2: unknown key 'port' in [control]; known are enabled\n"
+                  ": line 2: unknown key 'port' in [control]; known are enabled, allow\n"
                   "W platform: " +
                   file +
                   ": line 3: unknown section [what]; known are sensors, replay, iio, ble, power, "
-                  "memory, battery, bluetooth, control, log, directories\n");
+                  "memory, battery, bluetooth, link, control, log, directories\n");
     EXPECT_TRUE(settings.mControl);
 }
 
@@ -330,8 +330,9 @@ TEST_F(ConfiguredSettingsTest, WarningsAreLoggedWithAnErrorToo)
     StderrCapture capture;
     EXPECT_EQ(ErrorOf({}, file),
               file + ": line 2: [control] enabled is 'x': it must be true, false, 1 or 0");
-    EXPECT_EQ(capture.Take(), "W platform: " + file +
-                                  ": line 3: unknown key 'port' in [control]; known are enabled\n");
+    EXPECT_EQ(capture.Take(),
+              "W platform: " + file +
+                  ": line 3: unknown key 'port' in [control]; known are enabled, allow\n");
 }
 
 TEST_F(ConfiguredSettingsTest, ForeignFilesDoNotFloodTheLog)
