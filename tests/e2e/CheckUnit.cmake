@@ -10,23 +10,24 @@ endif()
 
 file(REMOVE_RECURSE ${FOLDER})
 file(READ ${UNIT} text)
+get_filename_component(name ${UNIT} NAME_WLE)
 get_filename_component(CMAKE_INSTALL_FULL_BINDIR ${PROGRAM} DIRECTORY)
 string(CONFIGURE "${text}" text @ONLY)
-file(WRITE ${FOLDER}/parvane.service "${text}${MORE}\n")
+file(WRITE ${FOLDER}/${name} "${text}${MORE}\n")
 string(REPLACE "," ";" drop_ins "${DROP_INS}")
 foreach(drop_in IN LISTS drop_ins)
-    file(COPY ${drop_in} DESTINATION ${FOLDER}/parvane.service.d)
+    file(COPY ${drop_in} DESTINATION ${FOLDER}/${name}.d)
 endforeach()
 
 # It succeeds in spite of unknown keys and values; it only says so.
-execute_process(COMMAND ${ANALYZE} verify --man=no ${FOLDER}/parvane.service
+execute_process(COMMAND ${ANALYZE} verify --man=no ${FOLDER}/${name}
     RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE error)
 if(NOT result EQUAL 0 OR NOT "${output}${error}" STREQUAL "")
     message(FATAL_ERROR "systemd-analyze verify: ${result}\n${output}${error}")
 endif()
 
 # The threshold is ten times the exposure.
-execute_process(COMMAND ${ANALYZE} security --no-pager --offline=yes --threshold=15 ${FOLDER}/parvane.service
+execute_process(COMMAND ${ANALYZE} security --no-pager --offline=yes --threshold=15 ${FOLDER}/${name}
     RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE error)
 if(NOT result EQUAL 0)
     message(FATAL_ERROR "systemd-analyze security: ${result}\n${output}${error}")
