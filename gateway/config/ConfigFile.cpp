@@ -5,7 +5,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -17,7 +16,9 @@
 
 #include <glib.h>
 
+#include "ErrnoText.h"
 #include "Printable.h"
+#include "RegularFile.h"
 
 namespace ParvaneGateway {
 
@@ -312,19 +313,15 @@ Configuration ParseConfiguration(const std::string &text)
 
 Configuration LoadConfiguration(const std::string &path, bool mustExist)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        if (!mustExist && errno == ENOENT) {
-            return {};
-        }
-        throw std::runtime_error("cannot read the configuration file " + Parvane::Printable(path));
+    std::string text;
+    const int error = Parvane::ReadWholeFile(path, kMostBytes, text);
+    if (error == ENOENT && !mustExist) {
+        return {};
     }
-    std::string text(kMostBytes + 1, '\0');
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<std::size_t>(file.gcount()));
-    if (file.bad() || text.size() > kMostBytes) {
-        throw std::runtime_error("cannot read the configuration file " + Parvane::Printable(path) +
-                                 (file.bad() ? "" : ": it is longer than 1 MiB"));
+    if (error != 0) {
+        throw std::runtime_error(
+            "cannot read the configuration file " + Parvane::Printable(path) + ": " +
+            (error == EFBIG ? "it is longer than 1 MiB" : Parvane::ErrnoText(error)));
     }
     return ParseConfiguration(text);
 }

@@ -1,18 +1,56 @@
 #include "Log.h"
 
+#include <cstring>
+#include <new>
 #include <string>
 #include <unistd.h>
 
+#include "JournalSocket.h"
+#include "JournalStream.h"
 #include "Output.h"
 
 namespace ParvaneGateway {
 
 namespace {
 
-void Write(const char *prefix, std::string_view text) noexcept
+constexpr char kJournalPath[] = "/run/systemd/journal/socket";
+
+/** A kind of line: its priority as syslog counts, and what a line begins with. */
+struct Kind
+{
+    int mPriority;
+    const char *mPrefix;
+};
+
+std::string FileOf(const std::source_location &place)
+{
+    const char *slash = std::strrchr(place.file_name(), '/');
+    return slash == nullptr ? place.file_name() : slash + 1;
+}
+
+/** @return whether the journal has taken it */
+bool SendToJournal(const Kind &kind, std::string_view text, const std::source_location &place)
+{
+    static Parvane::JournalSocket journal(kJournalPath);
+    static const bool isJournal = Parvane::IsJournalStream(STDERR_FILENO);
+    if (!isJournal) {
+        return false;
+    }
+    std::string entry =
+        "SYSLOG_IDENTIFIER=parvane-gateway\nPRIORITY=" + std::to_string(kind.mPriority) +
+        "\nPARVANE_TAG=gateway\nCODE_FILE=" + FileOf(place) +
+        "\nCODE_FUNC=" + place.function_name() + "\nCODE_LINE=" + std::to_string(place.line()) +
+        "\nMESSAGE=";
+    entry.append(text).append("\n");
+    return journal.Send(entry) == 0;
+}
+
+void Write(const Kind &kind, std::string_view text, const std::source_location &place) noexcept
 {
     try {
-        Parvane::WriteAll(STDERR_FILENO, prefix + std::string(text) + '\n');
+        if (!SendToJournal(kind, text, place)) {
+            Parvane::WriteAll(STDERR_FILENO, kind.mPrefix + std::string(text) + '\n');
+        }
     } catch (const std::bad_alloc &) {
         Parvane::WriteAll(STDERR_FILENO, "parvane-gateway: no memory for a log line\n");
     }
@@ -20,19 +58,19 @@ void Write(const char *prefix, std::string_view text) noexcept
 
 } // namespace
 
-void LogInfo(std::string_view text) noexcept
+void LogInfo(std::string_view text, std::source_location place) noexcept
 {
-    Write("parvane-gateway: ", text);
+    Write({6, "parvane-gateway: "}, text, place);
 }
 
-void LogWarning(std::string_view text) noexcept
+void LogWarning(std::string_view text, std::source_location place) noexcept
 {
-    Write("parvane-gateway: warning: ", text);
+    Write({4, "parvane-gateway: warning: "}, text, place);
 }
 
-void LogError(std::string_view text) noexcept
+void LogError(std::string_view text, std::source_location place) noexcept
 {
-    Write("parvane-gateway: error: ", text);
+    Write({3, "parvane-gateway: error: "}, text, place);
 }
 
 } // namespace ParvaneGateway

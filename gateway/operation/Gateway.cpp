@@ -49,6 +49,7 @@ void Gateway::Run()
         road->Open();
     }
     LogInfo("serving");
+    mManager.OnReady();
     g_main_loop_run(mLoop.get());
 }
 
@@ -86,6 +87,7 @@ void Gateway::OnSignal()
     }
     mSignalSource.Remove();
     LogInfo("ending");
+    mManager.OnStopping();
     mSeat.Stop();
     for (const auto &road : mRoads) {
         road->Shut();

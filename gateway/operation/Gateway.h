@@ -10,6 +10,7 @@
 #include "OperationSocket.h"
 #include "PhoneSeat.h"
 #include "Road.h"
+#include "ServiceManager.h"
 #include "Settings.h"
 #include "Signals.h"
 #include "TokenStore.h"
@@ -52,6 +53,7 @@ private:
     TokenStore mTokens;
     OperationSocket mOperation;
     std::vector<std::unique_ptr<Road>> mRoads;
+    ServiceManager mManager;
     LoopSource mSignalSource;
     LoopSource mShutTimer;
     int mShutTurns = 0;

@@ -17,6 +17,7 @@
 
 #include "ErrnoText.h"
 #include "PrivateFile.h"
+#include "RegularFile.h"
 
 namespace ParvaneGateway {
 
@@ -130,7 +131,7 @@ std::string Mismatch(CertificateText &text)
 
 int ReadPart(const std::string &path, std::string &text)
 {
-    const int error = ReadPrivateFile(path, kMostFileBytes, text);
+    const int error = Parvane::ReadWholeFile(path, kMostFileBytes, text);
     if (error != 0 && error != ENOENT) {
         throw std::runtime_error("cannot read " + path + ": " + Parvane::ErrnoText(error));
     }

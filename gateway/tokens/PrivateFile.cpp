@@ -1,6 +1,5 @@
 #include "PrivateFile.h"
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -35,31 +34,6 @@ int GiveAway(int fd, int folder)
 }
 
 } // namespace
-
-int ReadPrivateFile(const std::string &path, std::size_t mostBytes, std::string &text)
-{
-    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd) {
-        return errno;
-    }
-    text.clear();
-    std::array<char, 4096> buffer{};
-    for (;;) {
-        const ssize_t count = ::read(fd.Get(), buffer.data(), buffer.size());
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
-        if (count == 0) {
-            return 0;
-        }
-        if (count > 0) {
-            text.append(buffer.data(), static_cast<std::size_t>(count));
-        }
-        if (text.size() > mostBytes) {
-            return EFBIG;
-        }
-    }
-}
 
 void ReplacePrivateFile(const std::string &path, std::string_view text)
 {

@@ -1,13 +1,9 @@
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace ParvaneGateway {
-
-/** Reads a whole file of at most `mostBytes`. @return 0 or errno; EFBIG when it is longer */
-int ReadPrivateFile(const std::string &path, std::size_t mostBytes, std::string &text);
 
 /**
  * Puts a file of mode 0600 in the place of what is there, whole or not at all, and on the disk. It

@@ -12,13 +12,14 @@
 #include "ErrnoText.h"
 #include "Log.h"
 #include "PrivateFile.h"
+#include "RegularFile.h"
 
 namespace ParvaneGateway {
 
 std::vector<Token> TokenFile::Load() const
 {
     std::string text;
-    const int error = ReadPrivateFile(mPath, kMostBytes, text);
+    const int error = Parvane::ReadWholeFile(mPath, kMostBytes, text);
     if (error == ENOENT) {
         return {};
     }

@@ -8,8 +8,8 @@
 #include <tuple>
 #include <utility>
 
+#include "ControlBridge.h"
 #include "LinkPhone.h"
-#include "Log.h"
 
 namespace ParvaneGateway {
 
@@ -17,6 +17,7 @@ namespace {
 
 constexpr char kCookie[] = "parvane_session";
 constexpr char kLinkPath[] = "/link";
+constexpr char kControlPath[] = "/control";
 constexpr std::uint8_t kTlsHandshake = 0x16;
 
 constexpr int kNoContent = 204;
@@ -188,7 +189,7 @@ void WebConnection::Serve(const HttpRequest &request, std::string rest)
         Refuse(kUpgradeRequired, "plain HTTP", {{"Upgrade", "TLS/1.2"}});
     } else if (!IsOriginAllowed(request)) {
         Refuse(kForbidden, "foreign origin");
-    } else if (request.Path() == kLinkPath) {
+    } else if (request.Path() == kLinkPath || request.Path() == kControlPath) {
         ServeSocket(request, std::move(rest));
     } else if (request.Path() == "/session") {
         ServeSession(request);
@@ -223,7 +224,9 @@ void WebConnection::ServeSession(const HttpRequest &request)
 
 void WebConnection::ServeSocket(const HttpRequest &request, std::string rest)
 {
-    const int status = request.JudgeUpgrade(LinkPhone::kProtocol);
+    const bool isLink = request.Path() == kLinkPath;
+    const int status =
+        request.JudgeUpgrade(isLink ? LinkPhone::kProtocol : ControlBridge::kProtocol);
     if (status != SOUP_STATUS_SWITCHING_PROTOCOLS) {
         HeaderList headers;
         if (status == kUpgradeRequired) {
@@ -233,7 +236,7 @@ void WebConnection::ServeSocket(const HttpRequest &request, std::string rest)
         return;
     }
     if (const auto token = Authorize(request, true)) {
-        if (token->mScope == Scope::Phone) {
+        if ((token->mScope == Scope::Phone) == isLink) {
             OpenClient(request, *token, std::move(rest));
         } else {
             Refuse(kForbidden, "token of another scope");
@@ -247,10 +250,18 @@ void WebConnection::OpenClient(const HttpRequest &request, const Token &token, s
     mStream->RestInput();
     mHead = {};
     mToken = token;
-    mStream->Write(MakeUpgradeResponse(request.Header("Sec-WebSocket-Key"), LinkPhone::kProtocol));
-    mClient =
-        std::make_unique<LinkPhone>(std::move(mStream), std::move(rest), mContext.mTimes.mSocket,
-                                    token.mName, mContext.mSeat, [this] { Gone(); });
+    const auto onClosed = [this] { Gone(); };
+    const bool isLink = request.Path() == kLinkPath;
+    mStream->Write(MakeUpgradeResponse(request.Header("Sec-WebSocket-Key"),
+                                       isLink ? LinkPhone::kProtocol : ControlBridge::kProtocol));
+    const WebSocketTimes &times = mContext.mTimes.mSocket;
+    if (isLink) {
+        mClient = std::make_unique<LinkPhone>(std::move(mStream), std::move(rest), times,
+                                              token.mName, mContext.mSeat, onClosed);
+    } else {
+        mClient = std::make_unique<ControlBridge>(std::move(mStream), std::move(rest), times,
+                                                  mContext.mControlSocket, token.mScope, onClosed);
+    }
     WatchTokenEnd();
     mClient->Open();
 }

@@ -91,9 +91,21 @@ class GatewayTest(unittest.TestCase):
                        f"[directories]\nstate={self.folder}/state\nruntime={self.folder}/run\n"
                        "[bluetooth]\nenabled=no\n")
 
+    def as_user(self):
+        """As whom the gateway runs: arguments of Popen."""
+        return {}
+
+    def program(self):
+        """A copy that every user may run."""
+        if not self.as_user():
+            return PROGRAM
+        copy = os.path.join(self.folder, "program")
+        shutil.copy(PROGRAM, copy)
+        return copy
+
     def start(self):
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen([PROGRAM, "--config", self.file], stderr=log)
+            self.process = subprocess.Popen([self.program(), "--config", self.file], stderr=log, **self.as_user())
         self.addCleanup(self.stop)
         until(lambda: "serving" in self.log_text() or self.process.poll() is not None, "the start")
         self.assertIsNone(self.process.poll(), self.log_text())

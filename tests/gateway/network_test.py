@@ -6,6 +6,7 @@ Usage: network_test.py PARVANE-GATEWAY [TEST...]
 import asyncio
 import hashlib
 import os
+import re
 import shutil
 import signal
 import socket
@@ -425,6 +426,29 @@ class CommandTest(GatewayTest):
         os.chown(self.folder + "/state", 65534, 65534)
         self.command("token", "add", "one", "--json")
         self.assertEqual(os.stat(self.folder + "/state/tokens").st_uid, 65534)
+
+    def test_sample_manual_and_completions_have_everything(self):
+        root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+        read = lambda name: open(os.path.join(root, name), encoding="utf-8").read()
+        lines = read("packaging/gateway.conf.sample").splitlines()
+        keys = [line[1:].split("=")[0] for line in lines if line.startswith("#") and line[1:2].isalpha() and "=" in line]
+        self.assertEqual(len(keys), 15)
+        with open(self.file, "w", encoding="utf-8") as file:
+            file.write("\n".join(line[1:] if line[1:].split("=")[0] in keys else line for line in lines))
+        self.assertEqual(self.end("check-config")[:2], (0, "the gateway starts with it\n"))
+        manual = read("docs/man/parvane-gateway.8").replace("\\-", "-")
+        for key in keys:
+            self.assertRegex(manual, rf"(?m)^\.It Cm \[\w+\] ([a-z]+ , )*{key}\b", key)
+        words = set()
+        for command in ((), ("status",), ("token",), ("token", "add"), ("token", "list"), ("token", "remove"), ("pair",),
+                        ("check-config",)):
+            words |= set(re.findall(r"--([a-z-]+)", self.end(*command, "--help")[1]))
+        self.assertIn("yes", words)
+        for word in words - {"version", "help"}:
+            self.assertIn("Fl -" + word, manual)
+            self.assertIn("--" + word, read("packaging/completion/parvane-gateway.bash"))
+            self.assertIn("--" + word, read("packaging/completion/_parvane-gateway"))
+            self.assertIn("-l " + word, read("packaging/completion/parvane-gateway.fish"))
 
     def test_a_configuration_is_checked(self):
         self.assertEqual(self.end("check-config")[:2], (0, "the gateway starts with it\n"))
