@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,6 +22,18 @@ namespace {
 
 using Json = nlohmann::json;
 using Parvane::UniqueFd;
+
+UniqueFd Lock(const std::string &directory)
+{
+    const std::string path = directory + "/lock";
+    UniqueFd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock || ::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
+        throw std::runtime_error(errno == EWOULDBLOCK
+                                     ? "another gateway uses the run-time directory " + directory
+                                     : "cannot lock " + path + ": " + Parvane::ErrnoText(errno));
+    }
+    return lock;
+}
 
 [[noreturn]] void Fail(const std::string &what, int error)
 {
@@ -46,7 +60,7 @@ std::string Receive(int fd)
 } // namespace
 
 OperationSocket::OperationSocket(const std::string &runtimeDirectory)
-    : mPath(runtimeDirectory + '/' + kName)
+    : mPath(runtimeDirectory + '/' + kName), mLock(Lock(runtimeDirectory))
 {
     sockaddr_un address{};
     if (const int error = Parvane::MakeSocketAddress(mPath, address); error != 0) {

@@ -34,7 +34,7 @@ public:
     /** Answers a request, which is an object; what it throws becomes {"error": "..."}. */
     using Handler = std::function<nlohmann::json(const nlohmann::json &request)>;
 
-    /** @throws std::runtime_error when there can be no socket */
+    /** @throws std::runtime_error when there can be no socket, or another gateway has it */
     explicit OperationSocket(const std::string &runtimeDirectory);
     ~OperationSocket();
 
@@ -63,6 +63,8 @@ private:
     nlohmann::json Answer(const std::string &text) const;
 
     std::string mPath;
+    /** One gateway for each run-time directory; the kernel drops it when the process ends. */
+    Parvane::UniqueFd mLock;
     Parvane::UniqueFd mListener;
     LoopSource mSource;
     std::list<Client> mClients;

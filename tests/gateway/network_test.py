@@ -186,6 +186,20 @@ class LinkTest(GatewayTest):
         self.watch.accept().send(b"for the second")
         self.assertEqual(receive_frame(second), (0x82, b"for the second"))
 
+    def test_a_killed_gateway_comes_back(self):
+        secret = self.token()
+        for _ in range(3):
+            phone = self.phone(secret)
+            host = self.watch.accept()
+            phone.sendall(frame(b"before"))
+            self.assertEqual(host.recv(100), b"before")
+            self.process.kill()
+            self.process.wait(PATIENCE_S)
+            self.assertEqual(read_all(phone), b"")
+            self.assertEqual(host.recv(100), b"")
+            os.remove(self.log)
+            self.start()
+
     def test_connects_and_drops_do_not_disturb_a_phone(self):
         self.watch.echo()
         phone = self.phone(self.token())
@@ -426,6 +440,28 @@ class CommandTest(GatewayTest):
         os.chown(self.folder + "/state", 65534, 65534)
         self.command("token", "add", "one", "--json")
         self.assertEqual(os.stat(self.folder + "/state/tokens").st_uid, 65534)
+
+    def test_a_second_gateway_leaves_the_first_alone(self):
+        code, _, error = self.end()
+        self.assertEqual(code, 1)
+        self.assertIn("another gateway uses the run-time directory", error)
+        self.assertIsNone(self.status()["phone"])
+
+    def test_a_service_manager_is_told(self):
+        self.stop()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(self.folder + "/notify")
+            manager.settimeout(PATIENCE_S)
+            process = subprocess.Popen([PROGRAM, "--config", self.file], stderr=subprocess.DEVNULL, env={
+                **os.environ, "NOTIFY_SOCKET": self.folder + "/notify", "WATCHDOG_USEC": "100000"})
+            self.assertEqual(manager.recv(100), b"READY=1\nSTATUS=Serving")
+            self.assertEqual([manager.recv(100) for _ in range(2)], [b"WATCHDOG=1"] * 2)
+            process.send_signal(signal.SIGTERM)
+            messages = [b"WATCHDOG=1"]
+            while messages[-1] == b"WATCHDOG=1":
+                messages.append(manager.recv(100))
+            self.assertEqual(messages[-1], b"STOPPING=1\nSTATUS=Ending")
+            self.assertEqual(process.wait(PATIENCE_S), 0)
 
     def test_sample_manual_and_completions_have_everything(self):
         root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
