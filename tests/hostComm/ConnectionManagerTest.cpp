@@ -109,16 +109,11 @@ TEST_F(ConnectionManagerTest, LinkStatusKeyIsWatchedOnceForTheProcess)
                 ElementsAre(Pair("memory/private/tal/conn_status", nullptr)));
 }
 
-// Runs in a process of its own, where the instance has yet to be made.
-class ConnectionManagerBirthTest : public testing::Test
+// The instance is made in the processes that the tests fork. Death tests run before all others, which make it in this one.
+class ConnectionManagerBirthDeathTest : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        if (!ScriptedPlatform::KeyWatches().empty()) {
-            GTEST_SKIP() << "another test of this process has made the instance already";
-        }
-    }
+    void SetUp() override { ASSERT_THAT(ScriptedPlatform::KeyWatches(), IsEmpty()); }
 
     ScriptedPlatform mPlatform;
 };
@@ -131,7 +126,7 @@ void LiveWithoutTheWatch(ScriptedPlatform &platform)
     std::_Exit(platform.HasNotifications() ? 0 : 1);
 }
 
-TEST_F(ConnectionManagerBirthTest, FailedWatchIsLoggedAndTheLinkStillRegisters)
+TEST_F(ConnectionManagerBirthDeathTest, FailedWatchIsLoggedAndTheLinkStillRegisters)
 {
     EXPECT_EXIT(LiveWithoutTheWatch(mPlatform), testing::ExitedWithCode(0),
                 "mvconf_notify_key_changed FAIL \\[-6\\]");
@@ -148,7 +143,7 @@ void BeBorn(ScriptedPlatform &platform)
     std::_Exit(asExpected ? 0 : 1);
 }
 
-TEST_F(ConnectionManagerBirthTest, NewInstanceWatchesTheKeyAndDoesNothingElse)
+TEST_F(ConnectionManagerBirthDeathTest, NewInstanceWatchesTheKeyAndDoesNothingElse)
 {
     EXPECT_EXIT(BeBorn(mPlatform), testing::ExitedWithCode(0), "");
 }
@@ -163,7 +158,7 @@ void SearchBeforeAnyConfirmation(ScriptedPlatform &platform)
     std::_Exit(calls == std::vector<std::string>(11, "findPeerAgent(-1)") ? 0 : 1);
 }
 
-TEST_F(ConnectionManagerBirthTest, PeerSearchesCountFromZeroBeforeAnyConfirmation)
+TEST_F(ConnectionManagerBirthDeathTest, PeerSearchesCountFromZeroBeforeAnyConfirmation)
 {
     EXPECT_EXIT(SearchBeforeAnyConfirmation(mPlatform), testing::ExitedWithCode(0), "");
 }
@@ -177,7 +172,7 @@ void SendBeforeAnyHost(ScriptedPlatform &platform)
     std::_Exit(sent == std::vector<SentMessage>{{-1, 143, 1, {1}}} ? 0 : 1);
 }
 
-TEST_F(ConnectionManagerBirthTest, NobodyIsConnectedBeforeAnyHost)
+TEST_F(ConnectionManagerBirthDeathTest, NobodyIsConnectedBeforeAnyHost)
 {
     EXPECT_EXIT(SendBeforeAnyHost(mPlatform), testing::ExitedWithCode(0),
                 "mIsServiceConnected is false");

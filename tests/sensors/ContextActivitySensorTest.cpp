@@ -103,6 +103,9 @@ TEST_F(ContextActivitySensorTest, SubscribesWithoutAFilterWhenThereIsNoOption)
 
     EXPECT_EQ(mPlatform.TakeCalls().back(), "context_set_changed_callback(23)");
     EXPECT_TRUE(mPlatform.IsSubscribed(23));
+    EXPECT_THAT(mPlatform.TakeLog(),
+                ElementsAre(testing::Field(&LogLine::mText,
+                                           testing::HasSubstr("context_option_new FAIL"))));
 }
 
 TEST_F(ContextActivitySensorTest, SubscribesWithTheRestOfTheFilterWhenAPartFails)
