@@ -17,7 +17,7 @@ export class Observation {
     readonly sensor: number,
     /** As in {@link Reading}; of the steps it is the total on the wire. */
     readonly value: number,
-    /** When it arrived, in milliseconds since 1970-01-01 UTC. */
+    /** When it was sent, in milliseconds since 1970-01-01 UTC by the phone's clock. */
     readonly at: number,
     readonly worn: Worn,
     /** The link has been there since, without a gap. */
@@ -29,7 +29,7 @@ export class Observation {
     return this.sensor !== Sensor.HeartRate || this.value > 0;
   }
 
-  /** Milliseconds since it arrived; 0 for a clock that has gone back. */
+  /** Milliseconds since the watch has sent it; 0 for a clock that has gone back. */
   ageMs(nowMs: number): number {
     return Math.max(nowMs - this.at, 0);
   }
@@ -60,10 +60,10 @@ export class Observation {
 export class Observations {
   readonly #latest = new Map<number, Observation>();
 
-  /** Enters a reading that has arrived at `atMs`, in milliseconds since 1970-01-01 UTC. */
+  /** Enters a reading that was sent at `atMs`, in milliseconds since 1970-01-01 UTC. */
   take({ sensor, value }: Reading, atMs: number): Observation {
     const told: Worn = value > 0 ? 'yes' : 'no';
-    const worn = sensor === Sensor.WearState ? told : this.#wornAt(atMs);
+    const worn = sensor === Sensor.WearState ? told : this.wornAt(atMs);
     const observation = new Observation(sensor, value, atMs, worn, true);
     this.#latest.set(sensor, observation);
     return observation;
@@ -81,7 +81,8 @@ export class Observations {
     return this.#latest.get(sensor);
   }
 
-  #wornAt(atMs: number): Worn {
+  /** What is known of the worn state at an instant, in milliseconds since 1970-01-01 UTC. */
+  wornAt(atMs: number): Worn {
     const told = this.latest(Sensor.WearState);
     return told?.isUnbroken && told.ageMs(atMs) <= WORN_HOLDS_MS ? told.worn : 'unknown';
   }

@@ -18,7 +18,7 @@ import {
   type SensorEntry,
   type StopAck,
 } from './messages.js';
-import { Observations, type Observation } from './observation.js';
+import { Observation, Observations } from './observation.js';
 
 /** A point in time by both clocks of the caller. */
 export interface Moment {
@@ -141,6 +141,12 @@ export interface SessionOptions {
    * False: that is left to whoever asks, except where the activity is followed. True unless given.
    */
   readonly provesLink?: boolean;
+  /**
+   * With a heart rate the worn state is asked for, unless it was just told: what a watch measures that
+   * is not worn is worth little. It is a reading like any other, and a silent one is passed over. True
+   * unless given.
+   */
+  readonly asksWorn?: boolean;
   /** Steps are asked for until they are known. False: once, and the total is told as it is. True unless given. */
   readonly countsSteps?: boolean;
 }
@@ -149,6 +155,10 @@ export interface SessionOptions {
 const MANY_IN_A_ROW = 64;
 // So late, the program was stopped, or had no time to read.
 const HELD_UP_MS = 1000;
+// So long is the worn state to hold on when the heart rate is asked for, which takes 15 s.
+const WORN_LEFT_MS = 30_000;
+// How far off the times of readings may be: whole seconds, and those of activities a second off.
+const INACCURACY_MS = 2000;
 // Totals that do not tell: two tell, and a midnight may lie between them.
 const ENOUGH_TOTALS = 4;
 
@@ -189,6 +199,7 @@ type Draft = { -readonly [Name in keyof NewReading]: NewReading[Name] };
  */
 export class Session {
   readonly #provesLink: boolean;
+  readonly #asksWorn: boolean;
   readonly #countsSteps: boolean;
   readonly #askAgainAfterMs: number;
   readonly #timeoutMs: number | undefined;
@@ -206,6 +217,8 @@ export class Session {
   #missedAt = -Infinity;
   #flags: Flags;
   #lastId = 0;
+  #watchTimeMs: number | undefined; // of the last reading
+  #lagMs: number | undefined; // of the fastest reading, behind the watch's clock
   #takenInARow = 0; // packets since the last advance()
   #unsure = 0; // totals in a row that did not tell the steps
 
@@ -215,9 +228,10 @@ export class Session {
    * @param ledger - new or restored: what is known of the steps
    */
   constructor(options: SessionOptions, ledger: StepLedger) {
-    const { firstFlags = 1, provesLink = true, countsSteps = true } = options;
+    const { firstFlags = 1, provesLink = true, asksWorn = true, countsSteps = true } = options;
     const { askAgainAfterMs = 3500, firstPauseMs = 100, longestPauseMs = 5000 } = options;
     this.#provesLink = provesLink;
+    this.#asksWorn = asksWorn;
     this.#countsSteps = countsSteps;
     this.#askAgainAfterMs = askAgainAfterMs;
     this.#timeoutMs = options.timeoutMs;
@@ -240,6 +254,7 @@ export class Session {
     this.#state = 'trying';
     this.#ledger.connected(run);
     this.#unsure = 0;
+    this.#lagMs = undefined;
     if (this.#provesLink || this.follows(Sensor.Activity)) {
       // Also what a start needs: the watch may still count the activity as started.
       const id = this.#ask({ kind: 'stop', sensor: Sensor.Activity, flags: 0 }, true, now);
@@ -550,7 +565,7 @@ export class Session {
     }
     this.#questions.push(question);
     if (this.isLinked) {
-      this.#send(question, now);
+      this.#send(question, now); // may ask for more
     }
     return id;
   }
@@ -566,6 +581,16 @@ export class Session {
       question.askAgainAt = now.steadyMs + this.#askAgainAfterMs;
     }
     this.#packets.push(encode(request));
+    const isHeartRate = request.kind === 'measure' && request.sensor === Sensor.HeartRate;
+    if (this.#asksWorn && isHeartRate) {
+      this.#askWorn(now);
+    }
+  }
+
+  #askWorn(now: Moment): void {
+    if (this.#observations.wornAt(now.wallMs + WORN_LEFT_MS) === 'unknown') {
+      this.#ask({ kind: 'measure', sensor: Sensor.WearState, flags: 0 }, true, now);
+    }
   }
 
   /** Tells who has asked. */
@@ -629,11 +654,12 @@ export class Session {
 
   #takeReading(reading: Reading, now: Moment): void {
     const { sensor, timeMs } = reading;
+    const watchTimeMs = timeMs === 0 ? undefined : fullTimeMs(timeMs, now.wallMs);
     const told: Draft = {
       kind: 'reading',
       reading,
-      observation: this.#observations.take(reading, now.wallMs),
-      watchTimeMs: timeMs === 0 ? undefined : fullTimeMs(timeMs, now.wallMs),
+      observation: this.#observe(reading, this.#sentAt(watchTimeMs, now)),
+      watchTimeMs,
       steps: undefined,
       isSettled: true,
       request: 0,
@@ -656,6 +682,32 @@ export class Session {
     const isAsked = this.#find('measure', Sensor.Pedometer) !== undefined;
     told.isSettled ||= !wish && !isAsked;
     this.#events.push(told);
+  }
+
+  /** What is read in a hurry may have gaps before it. */
+  #observe(reading: Reading, atMs: number): Observation {
+    const observation = this.#observations.take(reading, atMs);
+    const { sensor, value, at, worn } = observation;
+    return this.#takenInARow < MANY_IN_A_ROW
+      ? observation
+      : new Observation(sensor, value, at, worn, false);
+  }
+
+  /**
+   * When the watch has sent it, by the phone's clock: before it arrived where it took longer than others,
+   * as it lay in the link of a program that was held up.
+   */
+  #sentAt(watchTimeMs: number | undefined, now: Moment): number {
+    if (watchTimeMs === undefined) {
+      return now.wallMs;
+    }
+    const lagMs = now.wallMs - watchTimeMs;
+    const last = this.#watchTimeMs ?? -Infinity;
+    const hasGoneBack = watchTimeMs < last - INACCURACY_MS; // the watch's clock
+    this.#lagMs = hasGoneBack ? lagMs : Math.min(this.#lagMs ?? lagMs, lagMs);
+    this.#watchTimeMs = watchTimeMs;
+    const late = lagMs - this.#lagMs;
+    return late > INACCURACY_MS ? now.wallMs - late : now.wallMs;
   }
 
   /** Enters a total, and says what is known of the steps by now. */

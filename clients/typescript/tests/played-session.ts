@@ -11,9 +11,9 @@ import { fromHex, toHex } from './vectors.js';
 /** Noon, UTC. */
 export const BEGIN = 1773489600000;
 
-/** A link that is not put to the proof. */
+/** A link that is not put to the proof, and the packets alone that a case is about. */
 export function trusting(countsSteps = false): SessionOptions {
-  return { provesLink: false, countsSteps };
+  return { provesLink: false, asksWorn: false, countsSteps };
 }
 
 /** A session in a world of the test's: its time moves when the test says so, and packets are values. */

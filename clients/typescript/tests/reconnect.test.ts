@@ -10,7 +10,7 @@ describe('Session whose links come and go', () => {
   let played: PlayedSession;
 
   beforeEach(() => {
-    played = new PlayedSession();
+    played = new PlayedSession({ asksWorn: false });
   });
 
   /** A link, and the acknowledgement of its stop, with its flags. */

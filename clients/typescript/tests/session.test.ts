@@ -250,6 +250,51 @@ describe('Session', () => {
     expect(played.session.latest(Sensor.HeartRate)?.isUnbroken).toBe(false);
   });
 
+  it('asks for the worn state with a heart rate, unless it was just told', () => {
+    played = new PlayedSession({ ...trusting(), asksWorn: true });
+    played.session.connected(played.now);
+    follow(Sensor.HeartRate);
+    expect(played.sent()).toEqual(['12 00 00 03', '22 00 00 04']);
+    played.hear(reading(0x22, 4, 1));
+    played.until(15 * SECOND);
+    played.hear(reading(0x12, 3, 72));
+    expect(lastReading().observation.worn).toBe('yes');
+    expect(played.sent()).toEqual(['32 00 00 03']);
+    played.until(31 * SECOND);
+    played.hear(reading(0x32, 3, 72));
+    expect(played.sent()).toEqual(['12 00 00 03', '22 00 00 04']);
+  });
+
+  // What lay in the link while the program was held up is as old as its time says, whatever the clocks.
+  it('has ages that begin when the reading was sent', () => {
+    const heartRate = (minutes: number) => {
+      const packet = reading(0x12, 3, 72);
+      new DataView(packet.buffer).setUint32(9, 1_000_000 + minutes * 60 * SECOND);
+      return packet;
+    };
+    const ages = () =>
+      played
+        .events()
+        .map((event) => event.kind === 'reading' && event.observation.ageMs(played.now.wallMs));
+    played.hear(heartRate(0));
+    expect(ages()).toEqual([0]);
+    played.sleep(HOUR);
+    played.hear(heartRate(1), heartRate(60));
+    expect(ages()).toEqual([59 * 60 * SECOND, 0]);
+    played.hear(heartRate(30)); // the watch's clock was set back
+    expect(ages()).toEqual([0]);
+  });
+
+  it('says that there may be a gap before what is read in a hurry', () => {
+    for (let i = 0; i < 64; ++i) {
+      played.session.take(reading(0x12, 3, 72), played.now);
+    }
+    const unbroken = played
+      .events()
+      .map((event) => event.kind === 'reading' && event.observation.isUnbroken);
+    expect([unbroken.at(-2), unbroken.at(-1)]).toEqual([true, false]);
+  });
+
   it('takes a time of 0 for none', () => {
     played.hear('12 00 0E 03 11 00 00 00 00 00 00 00 00 42 90 00 00 00');
     expect(lastReading().watchTimeMs).toBeUndefined();

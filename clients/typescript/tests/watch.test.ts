@@ -81,7 +81,7 @@ describe('Watch', () => {
   beforeEach(async () => {
     vi.useFakeTimers({ now: BEGIN });
     transport = new ScriptedTransport();
-    watch = new Watch(transport, { ledger: new StepLedger(() => 0) });
+    watch = new Watch(transport, { ledger: new StepLedger(() => 0), asksWorn: false });
     told = [];
     watch.listen((event) => told.push(event));
     await Promise.resolve();

@@ -190,7 +190,9 @@ describe('WebSocketTransport', () => {
 
   it('serves a Watch, through a lost link', async () => {
     serve();
-    const watch = new Watch(new WebSocketTransport(`${address()}/link`, { create }));
+    const watch = new Watch(new WebSocketTransport(`${address()}/link`, { create }), {
+      asksWorn: false,
+    });
     watch.listen((event) => log.push(textOf(event)));
     expect((await watch.measure(Sensor.HeartRate)).reading.value).toBe(72);
     phones[0]?.close(4503);
