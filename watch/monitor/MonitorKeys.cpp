@@ -23,17 +23,16 @@ json HeartRate(const json &value)
     return {{"request", "set"}, {"item", "heart_rate"}, {"value", value}};
 }
 
-/** Off the wrist when the last heart rate is one of a watch that is worn, else on it. */
-json OtherWorn(const json &status)
+/** The last heart rate that was read; null before the first. */
+json LastRate(const json &status)
 {
-    constexpr int kSomeRate = 70;
     for (const json &item : At(status, "items")) {
         const json &rate = At(At(At(item, "last_reading"), "values"), "hrm/heart_rate");
-        if (rate.is_number() && rate.get<double>() >= 0) {
-            return HeartRate("off-wrist");
+        if (rate.is_number()) {
+            return rate;
         }
     }
-    return HeartRate(kSomeRate);
+    return nullptr;
 }
 
 const std::map<int, const char *> &Questions()
@@ -89,12 +88,22 @@ MonitorKeys::Wish MonitorKeys::Begin(int key, const json &status)
         mAsking = key;
         mTyped.clear();
     } else if (key == 'w') {
-        return Ask(OtherWorn(status));
+        return Ask(OtherWorn(LastRate(status)));
     } else if (key == 'l') {
         const bool isDown = At(At(status, "link"), "state") == "down";
         return Ask({{"request", "link"}, {"state", isDown ? "up" : "down"}});
     }
     return {};
+}
+
+json MonitorKeys::OtherWorn(const json &rate)
+{
+    constexpr int kSomeRate = 70;
+    const bool isWorn = rate.is_number() && rate.get<double>() >= 0;
+    // Of an item that is off there is no reading that would tell what the key before has done.
+    mWantsWorn = rate == mRateBefore ? !mWantsWorn : !isWorn;
+    mRateBefore = rate;
+    return HeartRate(mWantsWorn ? json(kSomeRate) : json("off-wrist"));
 }
 
 MonitorKeys::Wish MonitorKeys::Choose(int key) const

@@ -35,11 +35,16 @@ private:
     /** A key that answers with one letter. */
     Wish Choose(int key) const;
     [[nodiscard]] Wish Finish() const;
+    /** What puts the watch on the wrist or takes it off. @param rate  the last one read, or null */
+    nlohmann::json OtherWorn(const nlohmann::json &rate);
 
     /** The key whose question is open; 0 for none. */
     int mAsking = 0;
     std::string mTyped;
     bool mShowsHelp = false;
+    /** Of the last change of the wrist: the heart rate that it found, and what it was. */
+    nlohmann::json mRateBefore;
+    bool mWantsWorn = false;
 };
 
 } // namespace ParvaneWatch

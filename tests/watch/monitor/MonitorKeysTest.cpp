@@ -90,6 +90,8 @@ TEST_F(MonitorKeysTest, TheLinkAndTheWristGoBackAndForth)
     EXPECT_EQ(worn(-3), 70);
     mStatus = nullptr;
     EXPECT_EQ(Type("w").at("value"), 70);
+    EXPECT_EQ(Type("w").at("value"), "off-wrist") << "also where no reading tells of it";
+    EXPECT_EQ(Type("w").at("value"), 70);
 }
 
 TEST_F(MonitorKeysTest, HelpComesAndGoesAndQuitQuits)
