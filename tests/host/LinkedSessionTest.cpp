@@ -32,11 +32,18 @@ std::vector<Bytes> Answer(const Bytes &packet, float value)
                            : std::vector<Bytes>{ReadingPacket(first, packet.at(3), value)};
 }
 
+SessionOptions Options()
+{
+    SessionOptions options;
+    options.mAsksWorn = false; // nothing but what a case asks for
+    return options;
+}
+
 /** A session and the watch that it talks to, over a real socket. */
 struct Pair
 {
     ScriptedWatch mWatch;
-    LinkedSession mPhone{mWatch.Path(), {}, NewLedger()};
+    LinkedSession mPhone{mWatch.Path(), Options(), NewLedger()};
     std::vector<std::string> mTold;
 };
 
