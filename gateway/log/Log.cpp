@@ -22,14 +22,14 @@ struct Kind
     const char *mPrefix;
 };
 
-std::string FileOf(const std::source_location &place)
+std::string FileOf(const LogPlace &place)
 {
-    const char *slash = std::strrchr(place.file_name(), '/');
-    return slash == nullptr ? place.file_name() : slash + 1;
+    const char *slash = std::strrchr(place.mFile, '/');
+    return slash == nullptr ? place.mFile : slash + 1;
 }
 
 /** @return whether the journal has taken it */
-bool SendToJournal(const Kind &kind, std::string_view text, const std::source_location &place)
+bool SendToJournal(const Kind &kind, std::string_view text, const LogPlace &place)
 {
     static Parvane::JournalSocket journal(kJournalPath);
     static const bool isJournal = Parvane::IsJournalStream(STDERR_FILENO);
@@ -38,14 +38,13 @@ bool SendToJournal(const Kind &kind, std::string_view text, const std::source_lo
     }
     std::string entry =
         "SYSLOG_IDENTIFIER=parvane-gateway\nPRIORITY=" + std::to_string(kind.mPriority) +
-        "\nPARVANE_TAG=gateway\nCODE_FILE=" + FileOf(place) +
-        "\nCODE_FUNC=" + place.function_name() + "\nCODE_LINE=" + std::to_string(place.line()) +
-        "\nMESSAGE=";
+        "\nPARVANE_TAG=gateway\nCODE_FILE=" + FileOf(place) + "\nCODE_FUNC=" + place.mFunction +
+        "\nCODE_LINE=" + std::to_string(place.mLine) + "\nMESSAGE=";
     entry.append(text).append("\n");
     return journal.Send(entry) == 0;
 }
 
-void Write(const Kind &kind, std::string_view text, const std::source_location &place) noexcept
+void Write(const Kind &kind, std::string_view text, const LogPlace &place) noexcept
 {
     try {
         if (!SendToJournal(kind, text, place)) {
@@ -58,17 +57,17 @@ void Write(const Kind &kind, std::string_view text, const std::source_location &
 
 } // namespace
 
-void LogInfo(std::string_view text, std::source_location place) noexcept
+void LogInfo(std::string_view text, LogPlace place) noexcept
 {
     Write({6, "parvane-gateway: "}, text, place);
 }
 
-void LogWarning(std::string_view text, std::source_location place) noexcept
+void LogWarning(std::string_view text, LogPlace place) noexcept
 {
     Write({4, "parvane-gateway: warning: "}, text, place);
 }
 
-void LogError(std::string_view text, std::source_location place) noexcept
+void LogError(std::string_view text, LogPlace place) noexcept
 {
     Write({3, "parvane-gateway: error: "}, text, place);
 }

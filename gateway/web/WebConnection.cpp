@@ -204,6 +204,13 @@ void WebConnection::Serve(const HttpRequest &request, std::string rest)
 
 void WebConnection::ServeSession(const HttpRequest &request)
 {
+    HeaderList headers = SharingHeaders(request);
+    if (request.Method() == "OPTIONS" && !headers.empty()) {
+        headers.insert(headers.end(), {{"Access-Control-Allow-Methods", "POST"},
+                                       {"Access-Control-Allow-Headers", "Authorization"}});
+        Respond(kNoContent, headers);
+        return;
+    }
     if (request.Method() != "POST") {
         Respond(kMethodNotAllowed, {{"Allow", "POST"}});
         return;
@@ -218,7 +225,8 @@ void WebConnection::ServeSession(const HttpRequest &request)
             "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" +
             std::to_string(std::chrono::seconds(Admission::kSessionTime).count()) +
             (mIsTls ? "; Secure" : "");
-        Respond(kNoContent, {{"Set-Cookie", cookie}});
+        headers.emplace_back("Set-Cookie", cookie);
+        Respond(kNoContent, headers);
     }
 }
 
@@ -293,6 +301,16 @@ std::optional<Token> WebConnection::Authorize(const HttpRequest &request, bool m
         Refuse(status, "no token that counts", {{"WWW-Authenticate", "Bearer"}});
     }
     return token;
+}
+
+HeaderList WebConnection::SharingHeaders(const HttpRequest &request) const
+{
+    const std::string origin = request.Header("Origin");
+    const auto &allowed = mContext.mSettings.mOrigins;
+    if (std::find(allowed.begin(), allowed.end(), origin) == allowed.end()) {
+        return {};
+    }
+    return {{"Access-Control-Allow-Origin", origin}, {"Access-Control-Allow-Credentials", "true"}};
 }
 
 bool WebConnection::IsOriginAllowed(const HttpRequest &request) const

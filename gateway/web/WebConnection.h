@@ -64,6 +64,8 @@ private:
     void WatchTokenEnd();
     /** The bearer; empty when it was refused, and the answer is on its way. */
     std::optional<Token> Authorize(const HttpRequest &request, bool mayUseCookie);
+    /** With which a browser lets a page of a configured origin see the answer; none for others. */
+    HeaderList SharingHeaders(const HttpRequest &request) const;
     bool IsOriginAllowed(const HttpRequest &request) const;
     void Respond(int status, const HeaderList &headers = {}, std::string_view body = {});
     void Refuse(int status, const char *reason, const HeaderList &headers = {});

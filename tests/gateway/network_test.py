@@ -292,6 +292,21 @@ class AdmissionTest(GatewayTest):
         self.assertEqual(self.request("POST /session")[0], 401)
         self.assertEqual(self.request("GET /session")[0], 405)
 
+    def test_a_page_of_a_configured_origin_may_ask_for_a_session(self):
+        origin = "Origin: https://console.example"
+        status, answer = self.request("OPTIONS /session", origin, "Access-Control-Request-Method: POST",
+                                      "Access-Control-Request-Headers: authorization")
+        self.assertEqual(status, 204)
+        for header in ("Allow-Origin: https://console.example", "Allow-Credentials: true", "Allow-Methods: POST",
+                       "Allow-Headers: Authorization"):
+            self.assertIn("\r\nAccess-Control-" + header + "\r\n", answer)
+        bearer = "Authorization: Bearer " + self.token()
+        self.assertIn("Access-Control-Allow-Origin: https://console.example", self.request("POST /session", origin, bearer)[1])
+        own = f"Origin: http://127.0.0.1:{self.port}"
+        self.assertEqual(self.request("OPTIONS /session", own)[0], 405)
+        self.assertNotIn("Access-Control", self.request("POST /session", own, bearer)[1])
+        self.assertEqual(self.request("OPTIONS /session", "Origin: https://evil.example")[0], 403)
+
     def test_a_foreign_page_is_refused_whatever_its_token(self):
         self.assertEqual(self.judge("Authorization: Bearer " + self.token(), "Origin: http://evil.example"), 403)
 
