@@ -22,6 +22,9 @@ public:
 /** The service itself. */
 std::unique_ptr<Peer> MakeServicePeer(const Setting &setting);
 
+/** The service, asked through the C interface of libparvane-host. */
+std::unique_ptr<Peer> MakeLibraryPeer(const Setting &setting);
+
 /** The yardstick parvane-bench-echo in one of its modes, once for each of the two answers. */
 std::unique_ptr<Peer> MakeEchoPeer(const Setting &setting, const std::string &mode);
 

@@ -27,6 +27,7 @@ constexpr std::size_t kPoll = 1;
 constexpr std::size_t kGlib = 2;
 constexpr std::size_t kBus = 3;
 constexpr std::size_t kTopics = 4;
+constexpr std::size_t kLibrary = 5;
 
 double Time(int requests, const std::function<void()> &ask)
 {
@@ -50,12 +51,13 @@ std::vector<Contender> MakeContenders(const Setting &setting)
 {
     constexpr int kFast = 100;
     constexpr int kSlow = 40;
-    std::vector<Contender> contenders(5);
+    std::vector<Contender> contenders(6);
     contenders[kService] = {"service", MakeServicePeer(setting), kFast, {}, {}};
     contenders[kPoll] = {"bare poll echo", MakeEchoPeer(setting, "poll"), kFast, {}, {}};
     contenders[kGlib] = {"bare GLib echo", MakeEchoPeer(setting, "glib"), kFast, {}, {}};
     contenders[kBus] = {"D-Bus (sd-bus)", MakeBusPeer(setting), kSlow, {}, {}};
     contenders[kTopics] = {"mosquitto", MakeTopicPeer(setting), kSlow, {}, {}};
+    contenders[kLibrary] = {"C interface", MakeLibraryPeer(setting), kFast, {}, {}};
     return contenders;
 }
 
@@ -116,7 +118,15 @@ std::vector<Row> MeasureRoundTrips(const Setting &setting)
     const Contender &service = contenders[kService];
     const std::string measure = "measure once, activity" + OnCpus(setting);
     const std::string list = "sensor list, 5 packets" + OnCpus(setting);
+    const auto through = [&](const std::string &name, std::vector<double> Contender::*times) {
+        Row row = Compare("libparvane-host: " + name, contenders[kLibrary], service, times,
+                          atMost(1.1), false);
+        row.mYardstick = "bare send and recv";
+        return row;
+    };
     return {
+        through(measure, &Contender::mReadings),
+        through(list, &Contender::mLists),
         Compare(measure, service, contenders[kGlib], &Contender::mReadings, atMost(1.15), false),
         Compare(measure, service, contenders[kPoll], &Contender::mReadings, std::nullopt, false),
         Compare(measure, service, contenders[kBus], &Contender::mReadings, atLeast3, true),

@@ -86,7 +86,8 @@ public:
     std::filesystem::path Proc(const std::string &file) const;
 
     /** Connects a host; one at a time. */
-    Fd ConnectHost() const { return ConnectTo(mFolder.Path() / "run" / "link.sock"); }
+    Fd ConnectHost() const { return ConnectTo(LinkPath()); }
+    std::filesystem::path LinkPath() const { return mFolder.Path() / "run" / "link.sock"; }
 
     /** Connects to the control socket. */
     Fd ConnectControl() const { return ConnectTo(mFolder.Path() / "run" / "control.sock"); }
