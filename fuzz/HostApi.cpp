@@ -187,6 +187,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     options.steps = steps.empty() ? nullptr : steps.c_str();
     parvane_session *session = nullptr;
     const int made = parvane_session_new(&options, &session);
+    Require(options.size >= sizeof options || made == PARVANE_EINVAL,
+            "a size of no version is refused");
     Require(made <= 0 && made >= kWorst && (made == 0) == (session != nullptr),
             "a session or a reason");
     parvane_moment now{0, 1769862896789};

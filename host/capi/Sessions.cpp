@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -25,12 +26,14 @@ bool IsSensor(int sensor)
     return sensor >= PARVANE_ACTIVITY && sensor <= PARVANE_WORN;
 }
 
-/** The options as far as the caller knows of them; the others are as usual. */
+/** The options as far as the caller knows of them, the first version at least; the others are as usual. */
 bool ReadOptions(const parvane_options *options, parvane_options &known)
 {
     constexpr int kDay = 86400;
     if (options != nullptr) {
-        if (options->size < sizeof options->size) {
+        constexpr std::size_t kFirstVersion =
+            offsetof(parvane_options, counts_no_steps) + sizeof options->counts_no_steps;
+        if (options->size < kFirstVersion) {
             return false;
         }
         std::memcpy(&known, options, std::min(options->size, sizeof known));

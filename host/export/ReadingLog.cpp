@@ -79,7 +79,7 @@ void ReadingLog::CountSteps(const Reading &reading, LogEntry &entry)
     if (reading.mTimeFieldMs != 0) {
         const milliseconds time(
             FullTimeMs(reading.mTimeFieldMs, entry.mAt.time_since_epoch().count()));
-        total.mWatchTime = std::chrono::floor<seconds>(std::chrono::sys_time(time));
+        total.mWatchTime = std::chrono::floor<seconds>(std::chrono::sys_time<milliseconds>(time));
     }
     // Days that the ledger no longer keeps take their steps with them.
     const std::int64_t before = Sum(mLedger);

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -358,10 +359,13 @@ TEST(HostApiTest, ArgumentsThatAreNotAllowedChangeNothing)
     EXPECT_EQ(parvane_session_next_packet(session.get(), bytes.data(), bytes.size()), 0);
 
     parvane_session *made = nullptr;
-    for (const auto change : {+[](parvane_options &options) { options.size = 1; },
-                              +[](parvane_options &options) { options.first_flags = 4; },
-                              +[](parvane_options &options) { options.timeout_ms = -1; },
-                              +[](parvane_options &options) { options.zone_offset_s = 86401; }}) {
+    for (const auto change :
+         {+[](parvane_options &options) { options.size = 1; },
+          // Half a pointer is none.
+          +[](parvane_options &options) { options.size = offsetof(parvane_options, steps) + 2; },
+          +[](parvane_options &options) { options.first_flags = 4; },
+          +[](parvane_options &options) { options.timeout_ms = -1; },
+          +[](parvane_options &options) { options.zone_offset_s = 86401; }}) {
         parvane_options options = Trusting();
         change(options);
         EXPECT_EQ(parvane_session_new(&options, &made), PARVANE_EINVAL);
