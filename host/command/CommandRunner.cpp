@@ -392,21 +392,26 @@ Error CommandRunner::PrintAll(Following &following, const Deadline &end)
             if (auto error = Notice(event.Value(), following)) {
                 return *std::move(error);
             }
-        } else if (mWatch.Get().Follows(told->mReading.mSensor)) {
-            following.mHasRead = true;
-            following.mSilent.erase(told->mReading.mSensor);
-            if (std::exchange(following.mIsBack, false)) {
-                Complain("connected again");
-            }
-            // Programs are told of every reading, and people of the steps when they are known.
-            if ((told->mIsSettled || mInvocation.mJson) && !PrintReading(*told, true)) {
-                return Interrupted{};
-            }
+        } else if (mWatch.Get().Follows(told->mReading.mSensor) && !PrintOne(*told, following)) {
+            return Interrupted{};
         }
         if (end.HasPassed() && following.mHasRead) {
             return NoAnswer("the next reading", end.Length());
         }
     }
+}
+
+/** @return false for an output that takes no more */
+bool CommandRunner::PrintOne(const Told::NewReading &told, Following &following)
+{
+    following.mHasRead = true;
+    following.mSilent.erase(told.mReading.mSensor);
+    if (std::exchange(following.mIsBack, false)) {
+        Complain("connected again");
+    }
+    // Programs are told of every reading, and people of the steps when they are known.
+    const bool isToldNow = told.mIsSettled || mInvocation.mJson;
+    return !isToldNow || PrintReading(told, true);
 }
 
 /** Tells people of what is no reading. What happens before the first reading is final: it is returned. */

@@ -69,6 +69,7 @@ private:
     Result<Told::NewReading, Error> MeasureOnce();
     std::optional<Error> Rest(const Deadline &end);
     Error PrintAll(Following &following, const Deadline &end);
+    bool PrintOne(const Told::NewReading &told, Following &following);
     std::optional<Error> Notice(const Told::Event &event, Following &following);
     std::optional<Error> EndActivity(bool isOver);
     void BeginProgress();

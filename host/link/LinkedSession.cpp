@@ -64,11 +64,11 @@ short LinkedSession::Awaits() const
 Result<Told::Event, Error> LinkedSession::Next(const Deadline &deadline, const WaitOptions &options)
 {
     for (;;) {
+        // What WhyLost() says belongs to the events that are not taken yet.
         if (auto event = mSession.NextEvent()) {
             return *std::move(event);
         }
         Process();
-        // A request may have made events before its packet could not be sent.
         if (auto event = mSession.NextEvent()) {
             return *std::move(event);
         }

@@ -323,9 +323,11 @@ void Session::GiveUpWhatIsLate(Moment now)
     for (auto question = mQuestions.begin(); question != mQuestions.end();) {
         const auto next = std::next(question);
         if (question->mGiveUpAt <= now.mSteady) {
+            const bool wasResting = mState == State::Resting;
             GiveUp(question, now);
-            if (mState == State::Resting) {
-                return; // nothing that was sent is left
+            if (!wasResting && mState == State::Resting) {
+                question = mQuestions.begin(); // what was sent has ended with the link
+                continue;
             }
         } else if (question->mAskAgainAt && *question->mAskAgainAt <= now.mSteady) {
             Send(*question, now);
@@ -481,7 +483,7 @@ void Session::TakeReply(const Reading &reading, Moment now)
     }
     const bool isAsked = Find(Command::MeasureOnce, Sensor::Pedometer) != mQuestions.end();
     told.mIsSettled = told.mIsSettled || (wish == mWishes.end() && !isAsked);
-    mEvents.emplace_back(std::move(told));
+    mEvents.emplace_back(told);
 }
 
 /**

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -594,6 +595,45 @@ TEST_F(CommandTest, WatchingStepsEndsWithoutAStop)
     host.Signal(SIGINT);
 
     EXPECT_TRUE(mWatch.SeesHostLeave());
+    EXPECT_EQ(host.Wait(), 0);
+}
+
+// A process that was stopped reads what the link had room for, and then what is new; what came in
+// between was dropped.
+TEST_F(CommandTest, StepsAreNotCountedTooHighByAProcessThatWasStopped)
+{
+    const auto reading = [](const Bytes &request, float total) {
+        const auto bits = std::bit_cast<std::uint32_t>(total);
+        Bytes packet = ReadingFor(request, 2);
+        for (unsigned byte = 0; byte < 4; ++byte) {
+            packet[13 + byte] = static_cast<std::uint8_t>(bits >> (24 - 8 * byte));
+        }
+        return packet;
+    };
+    Host host(Arguments({"watch", "steps", "--json"}));
+    mWatch.Accept();
+    mWatch.Send(reading(mWatch.Receive(), 0));
+    const Bytes request = mWatch.Receive();
+    mWatch.Send(reading(request, 0));
+    host.ReadLine();
+    host.ReadLine();
+    host.Signal(SIGSTOP);
+    float total = 0;
+    for (float count = 1; count <= 200; ++count) { // the next 800 are dropped
+        mWatch.Send(reading(request, total += count));
+    }
+    host.Signal(SIGCONT);
+    const Bytes first = mWatch.Receive();
+    mWatch.Send(reading(request, 500500 + 1000)); // a push before the answer
+    mWatch.Send(reading(first, 500500 + 2000));
+
+    json line = json::parse(host.ReadLine());
+    while (line.at("value") != 502500) {
+        EXPECT_LE(line.at("steps"), 1000) << line;
+        line = json::parse(host.ReadLine());
+    }
+    EXPECT_EQ(line.at("steps"), 1000) << "all that were walked";
+    host.Signal(SIGINT);
     EXPECT_EQ(host.Wait(), 0);
 }
 

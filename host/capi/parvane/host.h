@@ -307,7 +307,7 @@ typedef struct parvane_reading
     int32_t sensor;
     float
         value; /**< beats a minute, an activity, 1 worn or 0 not; of the steps the total on the wire */
-    int64_t at_ms;       /**< when it arrived, since 1970-01-01 UTC */
+    int64_t at_ms;       /**< when it was sent, by the clock of the phone, since 1970-01-01 UTC */
     int64_t watch_ms;    /**< its time by the clock of the watch; 0: the watch knows none */
     int32_t has_value;   /**< 0: it says that there is no usable one */
     int32_t worn;        /**< PARVANE_WORN_... */
