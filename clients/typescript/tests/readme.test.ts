@@ -50,5 +50,13 @@ it('what travels on the roads is what the page on transports says', () => {
   ]) {
     expect(page).toContain(`| ${what} | \`${uuid}\` |`);
   }
-  expect(LINK_PROTOCOL).toBe('parvane.link.v1');
+  expect(page).toContain(`| subprotocol | \`${LINK_PROTOCOL}\``);
+  for (const code of [
+    '1001 | the gateway ends',
+    '4401 | the token has ended',
+    '4409 | another phone',
+    '4503 | the watch is away',
+  ]) {
+    expect(page).toContain(`| ${code}`);
+  }
 });

@@ -89,10 +89,11 @@ describe('WebSocketTransport', () => {
   });
 
   it.each([
+    [4401, 'away with it', 'the token has ended'],
     [4409, 'taken', 'another phone is connected'],
     [4503, 'away', "the watch's service is down"],
     [1001, '', 'the gateway has ended'],
-    [1008, 'the token was removed', 'the gateway has closed the link: the token was removed'],
+    [1003, 'no text', 'the gateway has closed the link: no text'],
     [4000, '', 'the gateway has closed the link: 4000'],
   ])('says why it was closed with %d', async (code, reason, text) => {
     open();

@@ -146,6 +146,8 @@ function closeText(code: number, reason: string, error: string): string {
   switch (code) {
     case 1001:
       return 'the gateway has ended';
+    case 4401:
+      return 'the token has ended';
     case 4409:
       return 'another phone is connected';
     case 4503:
