@@ -85,3 +85,12 @@ test_bluetoothd_restarted_goes_on() {
     eventually 120 joined 1 2
     [ -n "$(through 1 steps)" ]
 }
+
+test_watch_service_restarted_is_told() {
+    set_up 1
+    pair_and_join
+    systemctl restart parvane
+    eventually 60 gateway_says 'the watch service has closed the link'
+    eventually 120 joined 1 2
+    [ -n "$(through 1 steps)" ]
+}
