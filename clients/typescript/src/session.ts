@@ -493,11 +493,11 @@ export class Session {
 
   #giveUpWhatIsLate(now: Moment): void {
     for (const question of [...this.#questions]) {
+      if (!this.#questions.includes(question)) {
+        continue; // it has ended with the link
+      }
       if (question.giveUpAt <= now.steadyMs) {
         this.#giveUp(question, now);
-        if (this.#state === 'resting') {
-          return; // nothing that was sent is left
-        }
       } else if (question.askAgainAt !== undefined && question.askAgainAt <= now.steadyMs) {
         this.#send(question, now);
       }

@@ -175,6 +175,18 @@ describe('Session whose links come and go', () => {
     expect(played.texts()).toEqual(['failed activity #1: no link to the watch within 2 s']);
   });
 
+  it('says so of each of several requests, while it waits for the next attempt', () => {
+    lose('refused');
+    played.session.measure(Sensor.Activity, played.now, 50);
+    played.session.measure(Sensor.Pedometer, played.now, 50);
+    played.until(50);
+    expect(played.texts()).toEqual([
+      'attempt failed: refused, 100 ms',
+      'failed activity #1: no link to the watch within 0.05 s',
+      'failed steps #2: no link to the watch within 0.05 s',
+    ]);
+  });
+
   it('asks a watch that has fallen silent for its sensors, and then gives it up', () => {
     link(1);
     played.session.measure(Sensor.HeartRate, played.now);
