@@ -182,7 +182,7 @@ std::optional<FrameReader::Event> FrameReader::TakeControl(FrameKind kind,
     if (payload.empty()) {
         return Break(CloseCode::NoCode);
     }
-    const unsigned code = payload.size() < 2 ? 0 : payload[0] << 8U | payload[1];
+    const unsigned code = payload.size() < 2 ? 0U : unsigned{payload[0]} << 8U | payload[1];
     if (!IsCloseCode(code)) {
         return Break(CloseCode::ProtocolError);
     }
