@@ -526,9 +526,9 @@ TEST_F(ContextPedometerSensorTest, FailuresOfTheOptionAreLoggedWithTheirCodes)
 
     const std::vector<LogLine> log = mPlatform.TakeLog();
     ASSERT_THAT(log, SizeIs(3));
-    EXPECT_THAT(log[0].mText, testing::HasSubstr("[-12]"));
-    EXPECT_THAT(log[1].mText, testing::HasSubstr("[-13]"));
-    EXPECT_THAT(log[2].mText, testing::HasSubstr("[-14]"));
+    EXPECT_THAT(log[0].mText, testing::HasSubstr("mcontext_option_add_value_int FAIL [-12]"));
+    EXPECT_THAT(log[1].mText, testing::HasSubstr("mcontext_option_add_value_double FAIL [-13]"));
+    EXPECT_THAT(log[2].mText, testing::HasSubstr("mcontext_option_add_value_double FAIL [-14]"));
 }
 
 TEST_F(ContextPedometerSensorTest, NoOptionGivesNoOption)
