@@ -207,11 +207,13 @@ TEST(ManualPageTest, MandocFindsNothingWrong)
     if (RunShell("command -v mandoc").mStatus != 0) {
         GTEST_SKIP() << "mandoc is not installed";
     }
-    EXPECT_EQ(Pages().size(), 4U);
+    EXPECT_EQ(Pages().size(), 5U);
     for (const std::string &page : Pages()) {
-        const Finished lint = RunShell("mandoc -T lint -W style '" + page + "' 2>&1");
-        EXPECT_EQ(lint.mOutput, "");
-        EXPECT_EQ(lint.mStatus, 0);
+        // The pages that it refers to are not installed here.
+        EXPECT_EQ(RunShell("mandoc -T lint -W style '" + page +
+                           "' 2>&1 | grep -v ': referenced manual not found: Xr parvane'")
+                      .mOutput,
+                  "");
     }
 }
 

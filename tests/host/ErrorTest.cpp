@@ -39,7 +39,8 @@ TEST(ErrorTest, TheOtherErrorsSayWhatHappened)
 {
     EXPECT_EQ(Describe(NoAnswer("the sensor list", milliseconds{5000})),
               "no answer to the sensor list within 5 s");
-    EXPECT_EQ(Describe(Failure{Failure::Reason::Malformed, "nonsense"}), "the watch broke the protocol: nonsense");
+    EXPECT_EQ(Describe(Failure{Failure::Reason::Malformed, "nonsense"}),
+              "the watch broke the protocol: nonsense");
     EXPECT_EQ(Describe(Failure{Failure::Reason::Unsupported, "no such thing"}), "no such thing");
     EXPECT_EQ(Describe(Interrupted{}), "interrupted");
 }
