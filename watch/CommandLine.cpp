@@ -296,6 +296,33 @@ json RecordRequest(const std::optional<std::string> &words)
 }
 
 /** The members of a capture besides its request. */
+void ReadMonitor(const Texts &texts, Invocation &invocation)
+{
+    invocation.mAction = Invocation::Action::Monitor;
+    invocation.mPlain = texts.mPlain;
+    if (texts.mPlain && texts.mJson) {
+        throw UsageError("monitor: --plain has no effect with --json");
+    }
+    invocation.mFor = ParseSeconds("--for", texts.mFor, kLongestSeconds);
+}
+
+void ReadRecord(const Texts &texts, Invocation &invocation)
+{
+    invocation.mAction = Invocation::Action::Record;
+    invocation.mFile = texts.mFile.value_or("");
+    invocation.mForce = texts.mForce;
+    if (invocation.mFile.empty()) {
+        throw UsageError("record: no file given; allowed: the path of a file that is made");
+    }
+    const bool toOutput = invocation.mFile == "-" || invocation.mFile == "/dev/stdout";
+    if (toOutput && texts.mJson) {
+        throw UsageError("record: --json and the recording cannot both go to standard output");
+    }
+    if (toOutput && texts.mForce) {
+        throw UsageError("record: --force has no effect on standard output");
+    }
+}
+
 void ReadCapture(const Texts &texts, Invocation &invocation)
 {
     invocation.mAction = Invocation::Action::Capture;
@@ -411,31 +438,14 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
         invocation.mAction = Invocation::Action::Log;
         request = LogRequest(texts);
     } else if (name == "monitor") {
-        invocation.mAction = Invocation::Action::Monitor;
+        ReadMonitor(texts, invocation);
         request = {{"request", "observe"}};
-        invocation.mPlain = texts.mPlain;
-        if (texts.mPlain && texts.mJson) {
-            throw UsageError("monitor: --plain has no effect with --json");
-        }
-        invocation.mFor = ParseSeconds("--for", texts.mFor, kLongestSeconds);
     } else if (name == "capture") {
         ReadCapture(texts, invocation);
         request = {{"request", name}};
     } else if (name == "record") {
-        if (texts.mFile.value_or("").empty()) {
-            throw UsageError("record: no file given; allowed: the path of a file that is made");
-        }
-        invocation.mAction = Invocation::Action::Record;
+        ReadRecord(texts, invocation);
         request = RecordRequest(texts.mOn);
-        invocation.mFile = *texts.mFile;
-        invocation.mForce = texts.mForce;
-        const bool toOutput = invocation.mFile == "-" || invocation.mFile == "/dev/stdout";
-        if (toOutput && invocation.mJson) {
-            throw UsageError("record: --json and the recording cannot both go to standard output");
-        }
-        if (toOutput && texts.mForce) {
-            throw UsageError("record: --force has no effect on standard output");
-        }
     } else {
         invocation.mAction = Invocation::Action::Request;
         request = PlainRequest(name, texts);

@@ -61,7 +61,7 @@ std::string UsageText(const CLI::App &app, const UsageWords &usage, const CLI::P
         return command.mName + ": " + Quoted(rest.front()) +
                " is one word too many, as in: " + usage.mProgram + " " + command.mExample;
     }
-    const std::string text = error.what();
+    std::string text = error.what();
     if (is(CLI::ExitCodes::ArgumentMismatch)) {
         const std::string option = text.substr(0, text.find_first_of(": "));
         const auto example = usage.mValues.find(option);

@@ -42,6 +42,7 @@ char *NewText(std::string_view text) noexcept;
 Moment MomentOf(const parvane_moment *now) noexcept;
 
 /** A packet of the watch as it is told in C. */
+// NOLINTNEXTLINE(bugprone-exception-escape): a reply is never without a value
 parvane_packet PacketOf(const Reply &reply) noexcept;
 
 /** What a session is made with, as the options say; null: all as usual. 0 or a PARVANE_E number. */

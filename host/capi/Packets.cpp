@@ -109,6 +109,7 @@ bool ReadRequest(const parvane_packet &packet, Request &request)
 
 namespace ParvaneHost {
 
+// NOLINTNEXTLINE(bugprone-exception-escape): a reply is never without a value
 parvane_packet PacketOf(const Reply &reply) noexcept
 {
     parvane_packet packet{};

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <parvane/host.h>
 #include <utility>
@@ -283,7 +284,7 @@ int parvane_session_new(const parvane_options *options, parvane_session **sessio
         std::optional<StepLedger> ledger;
         const int error = session == nullptr ? kInvalid : ReadStart(options, known, ledger);
         if (error == 0) {
-            *session = new parvane_session(known, *std::move(ledger));
+            *session = std::make_unique<parvane_session>(known, *std::move(ledger)).release();
         }
         return error;
     });
@@ -467,7 +468,7 @@ int parvane_session_days(const parvane_session *session, parvane_day *days, size
     const auto &known = session->mSession->Steps().Days();
     const std::size_t left = known.size() > count ? known.size() - count : 0;
     auto from = std::next(known.begin(), static_cast<std::ptrdiff_t>(left));
-    for (; from != known.end(); ++from, ++days) {
+    for (; days != nullptr && from != known.end(); ++from, ++days) {
         *days = DayOf(from->first, from->second);
     }
     return static_cast<int>(known.size());

@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <parvane/host.h>
 #include <poll.h>
@@ -42,7 +43,7 @@ int parvane_watch_new(const char *path, const parvane_options *options,
         std::optional<StepLedger> ledger;
         const int error = ReadStart(options, known, ledger);
         if (error == 0) {
-            *watch = new parvane_watch(socket, known, *std::move(ledger));
+            *watch = std::make_unique<parvane_watch>(socket, known, *std::move(ledger)).release();
         }
         return error;
     });
@@ -65,7 +66,7 @@ int parvane_watch_fd(const parvane_watch *watch) noexcept
 
 short parvane_watch_poll_events(const parvane_watch *watch) noexcept
 {
-    return watch == nullptr ? POLLIN : watch->mLinked.Awaits();
+    return watch == nullptr ? short{POLLIN} : watch->mLinked.Awaits();
 }
 
 int parvane_watch_timeout_ms(const parvane_watch *watch) noexcept

@@ -101,8 +101,8 @@ json MonitorKeys::OtherWorn(const json &rate)
     constexpr int kSomeRate = 70;
     const bool isWorn = rate.is_number() && rate.get<double>() >= 0;
     // Of an item that is off there is no reading that would tell what the key before has done.
-    mWantsWorn = rate == mRateBefore ? !mWantsWorn : !isWorn;
-    mRateBefore = rate;
+    mWantsWorn = rate.dump() == mRateBefore ? !mWantsWorn : !isWorn;
+    mRateBefore = rate.dump();
     return HeartRate(mWantsWorn ? json(kSomeRate) : json("off-wrist"));
 }
 

@@ -42,8 +42,8 @@ private:
     int mAsking = 0;
     std::string mTyped;
     bool mShowsHelp = false;
-    /** Of the last change of the wrist: the heart rate that it found, and what it was. */
-    nlohmann::json mRateBefore;
+    /** Of the last change of the wrist: the heart rate that it found, as text, and what it was. */
+    std::string mRateBefore = "null";
     bool mWantsWorn = false;
 };
 

@@ -101,6 +101,13 @@ std::optional<int> ExactInt(double value)
     return static_cast<int>(value);
 }
 
+/** Of either kind, without what std::visit may throw. */
+double NumberOf(const BlockEntry &entry)
+{
+    const auto *const whole = std::get_if<int>(&entry.mValue);
+    return whole != nullptr ? *whole : *std::get_if<double>(&entry.mValue);
+}
+
 bool IsValidKey(const char *key)
 {
     return key != nullptr && key[0] != '\0' &&
@@ -131,8 +138,7 @@ int GetContextInt(const context_data *data, const char *key, int *value) noexcep
     if (const int error = Find(data, key, value, entry); error != 0) {
         return error;
     }
-    const auto number =
-        std::visit([](auto held) { return ExactInt(static_cast<double>(held)); }, entry->mValue);
+    const auto number = ExactInt(NumberOf(*entry));
     if (!number) {
         return ErrorCode::kOutOfRange;
     }
@@ -146,7 +152,7 @@ int GetContextDouble(const context_data *data, const char *key, double *value) n
     if (const int error = Find(data, key, value, entry); error != 0) {
         return error;
     }
-    *value = std::visit([](auto held) { return static_cast<double>(held); }, entry->mValue);
+    *value = NumberOf(*entry);
     return 0;
 }
 
