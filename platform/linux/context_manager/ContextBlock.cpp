@@ -104,8 +104,11 @@ std::optional<int> ExactInt(double value)
 /** Of either kind, without what std::visit may throw. */
 double NumberOf(const BlockEntry &entry)
 {
-    const auto *const whole = std::get_if<int>(&entry.mValue);
-    return whole != nullptr ? *whole : *std::get_if<double>(&entry.mValue);
+    if (const auto *const whole = std::get_if<int>(&entry.mValue)) {
+        return *whole;
+    }
+    const auto *const fraction = std::get_if<double>(&entry.mValue);
+    return fraction != nullptr ? *fraction : 0.0;
 }
 
 bool IsValidKey(const char *key)
