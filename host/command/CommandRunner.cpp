@@ -329,7 +329,10 @@ Result<Told::Event, Error> CommandRunner::Next(const Deadline &deadline)
 /** Why there is no link: what the transport says of it, unless it is the session that has given it up. */
 Error CommandRunner::WhyLost(const Failure &why) const
 {
-    return why.mReason == Failure::Reason::LinkLost ? Error{*mWatch.WhyLost()} : Error{why};
+    if (why.mReason == Failure::Reason::LinkLost) {
+        return *mWatch.WhyLost();
+    }
+    return why;
 }
 
 /** The event that ends the request. */
@@ -349,9 +352,10 @@ Result<T, Error> CommandRunner::Await(RequestId request)
         }
         if (std::visit([](const auto &told) { return RequestOf(told); }, event.Value()) ==
             request) {
-            const auto *failed = std::get_if<Told::Failed>(&event.Value());
-            return failed != nullptr ? Result<T, Error>(Error{failed->mWhy})
-                                     : std::get<T>(std::move(event).Value());
+            if (const auto *ended = std::get_if<Told::Failed>(&event.Value())) {
+                return Error{ended->mWhy};
+            }
+            return std::get<T>(std::move(event).Value());
         }
     }
 }

@@ -62,7 +62,7 @@ public:
             if (mNumbers.At(mRest, 0, 4) == kSection) { // its type reads the same both ways
                 BeginSection();
             }
-            const std::size_t length = mNumbers.At(mRest, 4, 4);
+            const std::size_t length = static_cast<std::size_t>(mNumbers.At(mRest, 4, 4));
             if (length < kFrame || length % 4 != 0) {
                 throw BadCapture("a block has a length of " + std::to_string(length));
             }
@@ -101,7 +101,7 @@ private:
     {
         while (offset + 4 <= body.size()) {
             const std::uint64_t code = mNumbers.At(body, offset, 2);
-            const std::size_t size = mNumbers.At(body, offset + 2, 2);
+            const std::size_t size = static_cast<std::size_t>(mNumbers.At(body, offset + 2, 2));
             if (code == 0) {
                 return;
             }
@@ -142,8 +142,8 @@ private:
         constexpr std::size_t kHead = 20;
         constexpr std::uint64_t kComment = 1;
         constexpr std::uint64_t kFlags = 2;
-        const std::size_t interface = mNumbers.At(body, 0, 4);
-        const std::size_t size = mNumbers.At(body, 12, 4);
+        const std::size_t interface = static_cast<std::size_t>(mNumbers.At(body, 0, 4));
+        const std::size_t size = static_cast<std::size_t>(mNumbers.At(body, 12, 4));
         if (interface >= mTicks.size() || size > body.size() || kHead + size > body.size()) {
             throw BadCapture("a packet has no interface, or is longer than its block");
         }
