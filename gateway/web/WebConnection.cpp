@@ -98,11 +98,12 @@ void WebConnection::OnFirstByte()
     }
     mFirst.Remove();
     const bool isTls = byte == kTlsHandshake;
-    if (count <= 0 || (isTls && mContext.mCertificate == nullptr)) {
-        Gone();
-    } else if (isTls) {
+    if (count > 0 && isTls && mContext.mCertificate != nullptr) {
         StartTls();
-    } else if (auto connection = Adopt(std::move(mFd))) {
+        return;
+    }
+    auto connection = count > 0 && !isTls ? Adopt(std::move(mFd)) : nullptr;
+    if (connection) {
         OpenStream(ObjectPtr<GIOStream>(G_IO_STREAM(connection.release())));
     } else {
         Gone();
