@@ -76,8 +76,8 @@ void BluetoothPhone::WatchNotify()
 {
     mNotifyWatch.Remove();
     if (mNotify) {
-        mNotifyWatch =
-            LoopSource::WatchFd(mNotify.Get(), G_IO_HUP, [this] { mEvents.OnDescriptorClosed(); });
+        mNotifyWatch = Parvane::LoopSource::WatchFd(mNotify.Get(), G_IO_HUP,
+                                                    [this] { mEvents.OnDescriptorClosed(); });
     }
 }
 
@@ -112,8 +112,8 @@ void BluetoothPhone::WatchWrite()
     if (!mWrite || !mMayRead) {
         return;
     }
-    mWriteInput =
-        LoopSource::WatchFd(mWrite.Get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), [this] {
+    mWriteInput = Parvane::LoopSource::WatchFd(
+        mWrite.Get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), [this] {
             if (!ReadPackets(kPacketsPerTurn)) {
                 mEvents.OnDescriptorClosed();
             }
@@ -179,8 +179,8 @@ bool BluetoothPhone::DeliverByDescriptor(PacketBytes packet)
     if (errno != EAGAIN) {
         return true; // its end is told by the watch on the descriptor
     }
-    mNotifyWatch =
-        LoopSource::WatchFd(mNotify.Get(), static_cast<GIOCondition>(G_IO_OUT | G_IO_HUP), [this] {
+    mNotifyWatch = Parvane::LoopSource::WatchFd(
+        mNotify.Get(), static_cast<GIOCondition>(G_IO_OUT | G_IO_HUP), [this] {
             if (HasHungUp(mNotify.Get())) {
                 mEvents.OnDescriptorClosed();
                 return;

@@ -104,10 +104,10 @@ private:
     BluetoothPhoneEvents &mEvents;
     BusScope mBluez;
     Parvane::UniqueFd mWrite;
-    LoopSource mWriteInput;
+    Parvane::LoopSource mWriteInput;
     bool mMayRead = true;
     Parvane::UniqueFd mNotify;
-    LoopSource mNotifyWatch;
+    Parvane::LoopSource mNotifyWatch;
     bool mIsHeld = false;
     bool mIsOver = false;
     /** A packet was refused, and the seat awaits HasRoom(). */

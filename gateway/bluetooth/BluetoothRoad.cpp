@@ -59,7 +59,7 @@ void BluetoothRoad::Connect()
 {
     GError *error = nullptr;
     char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-    const ErrorPtr failure(error);
+    const Parvane::ErrorPtr failure(error);
     if (address == nullptr) {
         TakeConnection(nullptr, failure.get());
         return;
@@ -78,8 +78,9 @@ void BluetoothRoad::OnConnected(GObject * /*source*/, GAsyncResult *result,
                                 gpointer user_data) noexcept
 {
     GError *error = nullptr;
-    ObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, &error));
-    const ErrorPtr failure(error);
+    Parvane::ObjectPtr<GDBusConnection> connection(
+        g_dbus_connection_new_for_address_finish(result, &error));
+    const Parvane::ErrorPtr failure(error);
     if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE) {
         return; // the road has gone
     }
@@ -87,13 +88,14 @@ void BluetoothRoad::OnConnected(GObject * /*source*/, GAsyncResult *result,
     RunBusHandler([&] { self->TakeConnection(std::move(connection), failure.get()); });
 }
 
-void BluetoothRoad::TakeConnection(ObjectPtr<GDBusConnection> connection, const GError *error)
+void BluetoothRoad::TakeConnection(Parvane::ObjectPtr<GDBusConnection> connection,
+                                   const GError *error)
 {
     mConnecting.reset();
     mConnection = std::move(connection);
     if (!mConnection) {
         OnState(std::string("there is no system bus: ") + error->message, true);
-        mRetry = LoopSource::After(mPause, [this] { Connect(); });
+        mRetry = Parvane::LoopSource::After(mPause, [this] { Connect(); });
         mPause = std::min(2 * mPause, Registration::kLongestPause);
         return;
     }
@@ -110,7 +112,7 @@ void BluetoothRoad::OnClosed(GDBusConnection * /*connection*/, gboolean /*byPeer
     RunBusHandler([self] {
         self->Disconnect();
         self->OnState("the system bus is lost", true);
-        self->mRetry = LoopSource::After(self->mPause, [self] { self->Connect(); });
+        self->mRetry = Parvane::LoopSource::After(self->mPause, [self] { self->Connect(); });
     });
 }
 

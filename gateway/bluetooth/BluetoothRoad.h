@@ -54,7 +54,7 @@ private:
                          gpointer user_data) noexcept;
 
     void Connect();
-    void TakeConnection(ObjectPtr<GDBusConnection> connection, const GError *error);
+    void TakeConnection(Parvane::ObjectPtr<GDBusConnection> connection, const GError *error);
     void Disconnect();
     void OnBluez(const std::string &owner);
     void OnState(const std::string &state, bool isTrouble) override;
@@ -66,10 +66,10 @@ private:
     /** Shared with what the seat calls, which may outlive the road. */
     std::shared_ptr<std::string> mState = std::make_shared<std::string>();
     std::map<std::string, std::uint64_t> mRefusals;
-    ObjectPtr<GCancellable> mConnecting;
-    ObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GCancellable> mConnecting;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
     gulong mClosed = 0;
-    LoopSource mRetry;
+    Parvane::LoopSource mRetry;
     std::chrono::milliseconds mPause = mTimes.mFirstPause;
     /** Who BlueZ is. */
     std::unique_ptr<BusScope> mBluez;

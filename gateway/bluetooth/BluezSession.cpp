@@ -290,7 +290,7 @@ void BluezSession::Take(GattCall call)
     if (isBehind || awaitsBond) {
         mHeld.push_back(std::move(call));
         if (!mHeldLimit.IsActive()) {
-            mHeldLimit = LoopSource::After(mTimes.mBondingTime, [this] { RefuseHeld(); });
+            mHeldLimit = Parvane::LoopSource::After(mTimes.mBondingTime, [this] { RefuseHeld(); });
         }
         return;
     }
@@ -429,7 +429,7 @@ void BluezSession::OnGivenUp(PhoneEnd why)
         return; // it is leaving
     }
     mGivenUp = std::move(mPhone);
-    mRemoval = LoopSource::Post([this] { mGivenUp.reset(); });
+    mRemoval = Parvane::LoopSource::Post([this] { mGivenUp.reset(); });
     Dismiss(mGivenUp->Device(), ReasonOf(why));
     Advance();
 }

@@ -128,13 +128,13 @@ private:
     std::unique_ptr<BluetoothPhone> mPhone;
     /** Phones that the seat has given up, for the rest of the turn. */
     std::unique_ptr<BluetoothPhone> mGivenUp;
-    LoopSource mRemoval;
+    Parvane::LoopSource mRemoval;
     /** Devices that BlueZ may notify: they have asked for it, and BlueZ keeps that. */
     std::set<std::string> mSubscribers;
     /** Devices that BlueZ was asked to disconnect, and that still are connected. */
     std::set<std::string> mDismissed;
     std::deque<GattCall> mHeld;
-    LoopSource mHeldLimit;
+    Parvane::LoopSource mHeldLimit;
     bool mIsAdvancing = false;
 };
 

@@ -22,7 +22,7 @@ struct Registration
 
     [[nodiscard]] bool HasEnded() const { return g_cancellable_is_cancelled(mEnd.get()) != FALSE; }
 
-    ObjectPtr<GCancellable> mEnd;
+    Parvane::ObjectPtr<GCancellable> mEnd;
     Handler mHandler;
 };
 
@@ -41,7 +41,7 @@ void OnReply(GObject *connection, GAsyncResult *result, gpointer user_data) noex
     GError *failure = nullptr;
     const VariantPtr reply(
         g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure));
-    const ErrorPtr error(failure);
+    const Parvane::ErrorPtr error(failure);
     if (!call->HasEnded()) {
         RunBusHandler([&] { call->mHandler(reply.get(), error.get()); });
     }
@@ -96,7 +96,7 @@ void RunBusHandler(const std::function<void()> &handler) noexcept
 
 std::string BusReason(const GError *error)
 {
-    const ErrorPtr copy(g_error_copy(error));
+    const Parvane::ErrorPtr copy(g_error_copy(error));
     g_dbus_error_strip_remote_error(copy.get());
     return copy->message;
 }

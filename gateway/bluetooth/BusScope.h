@@ -70,9 +70,9 @@ public:
     [[nodiscard]] const std::string &Peer() const { return mPeer; }
 
 private:
-    ObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
     std::string mPeer;
-    ObjectPtr<GCancellable> mEnd;
+    Parvane::ObjectPtr<GCancellable> mEnd;
     std::vector<guint> mSubscriptions;
     guint mOwnerWatch = 0;
 };

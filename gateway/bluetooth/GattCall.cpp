@@ -57,10 +57,10 @@ void GattCall::Succeed()
 
 void GattCall::Succeed(const Parvane::UniqueFd &end)
 {
-    const ObjectPtr<GUnixFDList> list(g_unix_fd_list_new());
+    const Parvane::ObjectPtr<GUnixFDList> list(g_unix_fd_list_new());
     GError *error = nullptr;
     const int handle = g_unix_fd_list_append(list.get(), end.Get(), &error);
-    const ErrorPtr failure(error);
+    const Parvane::ErrorPtr failure(error);
     if (handle < 0) {
         Refuse(Bluez::kNotSupported, failure->message);
         return;

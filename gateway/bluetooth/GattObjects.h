@@ -64,7 +64,7 @@ private:
     [[nodiscard]] GVariant *AdvertisementProperty(const std::string &name) const;
     [[nodiscard]] GVariant *ManagedObjects() const;
 
-    ObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
     bool mIsAuthenticated;
     GattEvents &mEvents;
     std::string mName;

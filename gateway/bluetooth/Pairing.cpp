@@ -153,9 +153,9 @@ void Pairing::Offer()
                    g_variant_new_uint32(static_cast<guint32>(mSettings.mTime.count())));
         SetAdapter("Pairable", g_variant_new_boolean(TRUE));
     }
-    mLimit =
-        LoopSource::After(mSettings.mTime, [this] { Fail("no phone has paired in that time"); });
-    mInputSource = LoopSource::WatchFd(
+    mLimit = Parvane::LoopSource::After(mSettings.mTime,
+                                        [this] { Fail("no phone has paired in that time"); });
+    mInputSource = Parvane::LoopSource::WatchFd(
         mInput, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), [this] { OnInput(); });
     mSay("A phone may pair for " + std::to_string(mSettings.mTime.count()) + " s.");
 }
@@ -307,8 +307,9 @@ bool RunPairing(const PairingSettings &settings)
 {
     const Parvane::Signals signals;
     GError *error = nullptr;
-    const ObjectPtr<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
-    const ErrorPtr failure(error);
+    const Parvane::ObjectPtr<GDBusConnection> connection(
+        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
+    const Parvane::ErrorPtr failure(error);
     if (!connection) {
         LogError(std::string("there is no system bus: ") + failure->message);
         return false;
@@ -324,8 +325,8 @@ bool RunPairing(const PairingSettings &settings)
                 hasPaired = isPaired;
                 g_main_loop_quit(loop);
             });
-        const LoopSource interrupted =
-            LoopSource::WatchFd(signals.Fd(), G_IO_IN, [loop] { g_main_loop_quit(loop); });
+        const Parvane::LoopSource interrupted =
+            Parvane::LoopSource::WatchFd(signals.Fd(), G_IO_IN, [loop] { g_main_loop_quit(loop); });
         g_main_loop_run(loop);
     }
     g_main_loop_unref(loop);

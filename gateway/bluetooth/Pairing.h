@@ -80,8 +80,8 @@ private:
     std::set<std::string> mBondedBefore;
     std::string mShown;
     std::string mLine;
-    LoopSource mInputSource;
-    LoopSource mLimit;
+    Parvane::LoopSource mInputSource;
+    Parvane::LoopSource mLimit;
 };
 
 /**

@@ -92,7 +92,7 @@ void Registration::Retry(const std::string &problem)
 {
     mProblem = std::string(mMethods.mRegister) + ": " + problem;
     if (mIsWanted) {
-        mRetry = LoopSource::After(mPause, [this] {
+        mRetry = Parvane::LoopSource::After(mPause, [this] {
             mRetry.Remove();
             Advance();
         });

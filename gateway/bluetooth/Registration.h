@@ -68,7 +68,7 @@ private:
     std::string mProblem;
     std::chrono::milliseconds mFirstPause;
     std::chrono::milliseconds mPause;
-    LoopSource mRetry;
+    Parvane::LoopSource mRetry;
 };
 
 } // namespace ParvaneGateway

@@ -13,6 +13,7 @@
 #include "Certificate.h"
 #include "ConfigFile.h"
 #include "ErrnoText.h"
+#include "Fingerprint.h"
 #include "OperationSocket.h"
 #include "Output.h"
 #include "Pairing.h"
@@ -50,7 +51,7 @@ std::string Fingerprint(const Settings &settings)
     const WebSettings &web = settings.mWeb;
     const bool isOwn = web.mCertificate.empty();
     try {
-        return FingerprintOf(
+        return Parvane::FingerprintOf(
             LoadCertificate(isOwn ? settings.mStateDirectory + "/certificate.pem"
                                   : web.mCertificate,
                             isOwn ? settings.mStateDirectory + "/key.pem" : web.mKey,

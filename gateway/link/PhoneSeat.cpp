@@ -63,7 +63,7 @@ void PhoneSeat::Left(Phone &phone)
         return;
     }
     mLink.StopReading();
-    mLeaving = LoopSource::After(kLeavingTime, [this] {
+    mLeaving = Parvane::LoopSource::After(kLeavingTime, [this] {
         LogWarning("the last packets of a phone are dropped: the watch does not read");
         CloseLink();
     });

@@ -108,7 +108,7 @@ private:
     PacketQueue mToWatch;
     bool mMayGoOn = true;
     bool mIsStopped = false;
-    LoopSource mLeaving;
+    Parvane::LoopSource mLeaving;
     std::vector<std::function<void()>> mListeners;
     Status mStatus;
 };

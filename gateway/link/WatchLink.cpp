@@ -53,7 +53,7 @@ WatchLink::Sent WatchLink::Send(PacketBytes packet)
     if (errno != EAGAIN && errno != ENOBUFS && errno != ENOMEM) {
         return Sent::Gone;
     }
-    mOutput = LoopSource::WatchFd(mSocket.Get(), G_IO_OUT, [this] {
+    mOutput = Parvane::LoopSource::WatchFd(mSocket.Get(), G_IO_OUT, [this] {
         mOutput.Remove();
         mEvents.OnWatchRoom();
     });
@@ -86,8 +86,8 @@ void WatchLink::StopReading()
 
 void WatchLink::WatchInput()
 {
-    mInput = LoopSource::WatchFd(mSocket.Get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
-                                 [this] { OnReadable(); });
+    mInput = Parvane::LoopSource::WatchFd(
+        mSocket.Get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), [this] { OnReadable(); });
 }
 
 void WatchLink::OnReadable()

@@ -73,8 +73,8 @@ private:
     std::string mPath;
     WatchLinkEvents &mEvents;
     Parvane::UniqueFd mSocket;
-    LoopSource mInput;
-    LoopSource mOutput;
+    Parvane::LoopSource mInput;
+    Parvane::LoopSource mOutput;
     std::vector<std::uint8_t> mBuffer;
     /** The packet that nobody has taken yet is the first so many bytes of the buffer. */
     std::size_t mHeldBytes = 0;

@@ -44,7 +44,7 @@ Gateway::Gateway(const Settings &settings, const Parvane::Signals &signals)
 
 void Gateway::Run()
 {
-    mSignalSource = LoopSource::WatchFd(mSignals.Fd(), G_IO_IN, [this] { OnSignal(); });
+    mSignalSource = Parvane::LoopSource::WatchFd(mSignals.Fd(), G_IO_IN, [this] { OnSignal(); });
     for (const auto &road : mRoads) {
         road->Open();
     }
@@ -104,7 +104,7 @@ void Gateway::EndWhenShut()
         g_main_loop_quit(mLoop.get());
         return;
     }
-    mShutTimer = LoopSource::After(kLook, [this] { EndWhenShut(); });
+    mShutTimer = Parvane::LoopSource::After(kLook, [this] { EndWhenShut(); });
 }
 
 } // namespace ParvaneGateway

@@ -54,8 +54,8 @@ private:
     OperationSocket mOperation;
     std::vector<std::unique_ptr<Road>> mRoads;
     ServiceManager mManager;
-    LoopSource mSignalSource;
-    LoopSource mShutTimer;
+    Parvane::LoopSource mSignalSource;
+    Parvane::LoopSource mShutTimer;
     int mShutTurns = 0;
 };
 

@@ -80,7 +80,7 @@ OperationSocket::OperationSocket(const std::string &runtimeDirectory)
     if (!isBound || ::listen(mListener.Get(), static_cast<int>(kMostClients)) != 0) {
         Fail("cannot make the socket " + mPath, isBound ? errno : error);
     }
-    mSource = LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
+    mSource = Parvane::LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
 }
 
 OperationSocket::~OperationSocket()
@@ -104,8 +104,8 @@ void OperationSocket::OnAcceptable()
     }
     Client &client = mClients.emplace_back();
     client.mSocket = std::move(socket);
-    client.mSource =
-        LoopSource::WatchFd(client.mSocket.Get(), G_IO_IN, [this, &client] { OnRequest(client); });
+    client.mSource = Parvane::LoopSource::WatchFd(client.mSocket.Get(), G_IO_IN,
+                                                  [this, &client] { OnRequest(client); });
 }
 
 void OperationSocket::OnRequest(Client &client)

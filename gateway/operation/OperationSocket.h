@@ -55,7 +55,7 @@ private:
     struct Client
     {
         Parvane::UniqueFd mSocket;
-        LoopSource mSource;
+        Parvane::LoopSource mSource;
     };
 
     void OnAcceptable();
@@ -66,7 +66,7 @@ private:
     /** One gateway for each run-time directory; the kernel drops it when the process ends. */
     Parvane::UniqueFd mLock;
     Parvane::UniqueFd mListener;
-    LoopSource mSource;
+    Parvane::LoopSource mSource;
     std::list<Client> mClients;
     std::map<std::string, Handler> mHandlers;
 };

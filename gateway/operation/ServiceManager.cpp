@@ -70,7 +70,7 @@ void ServiceManager::Tell(const char *state) const
 void ServiceManager::WatchOver()
 {
     if (mPeriod.count() > 0) {
-        mTimer = LoopSource::After(mPeriod, [this] {
+        mTimer = Parvane::LoopSource::After(mPeriod, [this] {
             Tell("WATCHDOG=1");
             WatchOver();
         });

@@ -25,7 +25,7 @@ private:
 
     std::string mAddress;
     std::chrono::milliseconds mPeriod{0}; // 0: no signs of life
-    LoopSource mTimer;
+    Parvane::LoopSource mTimer;
 };
 
 } // namespace ParvaneGateway

@@ -190,9 +190,10 @@ std::vector<std::string> HostNames(const std::string &address)
     return names;
 }
 
-ObjectPtr<GTlsCertificate> LoadCertificate(const std::string &certificateFile,
-                                           const std::string &keyFile,
-                                           const std::vector<std::string> &names, bool mayMake)
+Parvane::ObjectPtr<GTlsCertificate> LoadCertificate(const std::string &certificateFile,
+                                                    const std::string &keyFile,
+                                                    const std::vector<std::string> &names,
+                                                    bool mayMake)
 {
     CertificateText text;
     const int noCertificate = ReadPart(certificateFile, text.mCertificate);
@@ -214,31 +215,13 @@ ObjectPtr<GTlsCertificate> LoadCertificate(const std::string &certificateFile,
     }
     const std::string both = text.mCertificate + '\n' + text.mKey;
     GError *failure = nullptr;
-    ObjectPtr<GTlsCertificate> certificate(
+    Parvane::ObjectPtr<GTlsCertificate> certificate(
         g_tls_certificate_new_from_pem(both.c_str(), static_cast<gssize>(both.size()), &failure));
-    const ErrorPtr owned(failure);
+    const Parvane::ErrorPtr owned(failure);
     if (!certificate) {
         throw fail(failure->message);
     }
     return certificate;
-}
-
-std::string FingerprintOf(GTlsCertificate *certificate)
-{
-    GByteArray *bytes = nullptr;
-    g_object_get(certificate, "certificate", &bytes, nullptr);
-    const std::unique_ptr<GByteArray, decltype(&g_byte_array_unref)> owned(bytes,
-                                                                           g_byte_array_unref);
-    const GlibText hash(g_compute_checksum_for_data(G_CHECKSUM_SHA256, bytes->data, bytes->len));
-    std::string fingerprint;
-    for (const char *digit = hash.get(); *digit != '\0'; ++digit) {
-        const auto place = digit - hash.get();
-        if (place > 0 && place % 2 == 0) {
-            fingerprint += ':';
-        }
-        fingerprint += g_ascii_toupper(*digit);
-    }
-    return fingerprint;
 }
 
 } // namespace ParvaneGateway

@@ -30,11 +30,9 @@ std::vector<std::string> HostNames(const std::string &address);
  *
  * @throws std::runtime_error that names the file and the reason
  */
-ObjectPtr<GTlsCertificate> LoadCertificate(const std::string &certificateFile,
-                                           const std::string &keyFile,
-                                           const std::vector<std::string> &names, bool mayMake);
-
-/** SHA-256 of the certificate: 32 pairs of upper-case digits with ':' between them. */
-std::string FingerprintOf(GTlsCertificate *certificate);
+Parvane::ObjectPtr<GTlsCertificate> LoadCertificate(const std::string &certificateFile,
+                                                    const std::string &keyFile,
+                                                    const std::vector<std::string> &names,
+                                                    bool mayMake);
 
 } // namespace ParvaneGateway

@@ -112,7 +112,7 @@ void TokenStore::Watch(const std::string &stateDirectory)
         throw std::runtime_error("cannot watch " + stateDirectory + ": " +
                                  Parvane::ErrnoText(errno));
     }
-    mSource = LoopSource::WatchFd(mWatch.Get(), G_IO_IN, [this] { OnFolderChanged(); });
+    mSource = Parvane::LoopSource::WatchFd(mWatch.Get(), G_IO_IN, [this] { OnFolderChanged(); });
 }
 
 void TokenStore::OnFolderChanged()

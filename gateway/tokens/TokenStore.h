@@ -76,7 +76,7 @@ private:
     std::vector<Token> mTokens;
     std::function<void()> mListener;
     Parvane::UniqueFd mWatch;
-    LoopSource mSource;
+    Parvane::LoopSource mSource;
 };
 
 } // namespace ParvaneGateway

@@ -50,10 +50,10 @@ bool MayView(const std::string &request, std::string &forward)
     return isLook && object.size() == (object.contains("version") ? 2U : 1U);
 }
 
-ControlBridge::ControlBridge(std::unique_ptr<WebStream> stream, std::string first,
-                             const WebSocketTimes &times, std::string path, Scope scope,
+ControlBridge::ControlBridge(std::unique_ptr<Parvane::WebStream> stream, std::string first,
+                             const Parvane::WebSocketTimes &times, std::string path, Scope scope,
                              std::function<void()> onClosed)
-    : mSocket(std::move(stream), std::move(first), FrameKind::Text, kMostRequestBytes,
+    : mSocket(std::move(stream), std::move(first), Parvane::FrameKind::Text, kMostRequestBytes,
               kMostReplyBytes + 64, times, *this),
       mPath(std::move(path)),
       mScope(scope),
@@ -63,14 +63,14 @@ ControlBridge::ControlBridge(std::unique_ptr<WebStream> stream, std::string firs
 void ControlBridge::Open()
 {
     if (Connect() != 0) {
-        mSocket.Close(CloseCode::WatchAway, "the watch is away");
+        mSocket.Close(Parvane::CloseCode::WatchAway, "the watch is away");
     } else {
         WatchService();
     }
     mSocket.Start();
 }
 
-void ControlBridge::End(CloseCode code, const char *reason)
+void ControlBridge::End(Parvane::CloseCode code, const char *reason)
 {
     mSocket.Close(code, reason);
 }
@@ -100,14 +100,14 @@ void ControlBridge::OnMessage(std::span<const std::uint8_t> message)
     } else if (mToService.Push(AsBytes(forward))) {
         Flush();
     } else {
-        mSocket.Close(CloseCode::TooMuch, "more than the watch takes");
+        mSocket.Close(Parvane::CloseCode::TooMuch, "more than the watch takes");
     }
 }
 
 void ControlBridge::Say(const std::string &text)
 {
     if (!mSocket.Send(AsBytes(text))) {
-        mSocket.Close(CloseCode::TooMuch, "answers are not read");
+        mSocket.Close(Parvane::CloseCode::TooMuch, "answers are not read");
     }
 }
 
@@ -120,7 +120,7 @@ void ControlBridge::Flush()
         } else if (errno == EAGAIN) {
             mRests = true;
             mSocket.Rest();
-            mOutput = LoopSource::WatchFd(mService.Get(), G_IO_OUT, [this] {
+            mOutput = Parvane::LoopSource::WatchFd(mService.Get(), G_IO_OUT, [this] {
                 mOutput.Remove();
                 Flush();
             });
@@ -137,8 +137,8 @@ void ControlBridge::Flush()
 
 void ControlBridge::WatchService()
 {
-    mInput = LoopSource::WatchFd(mService.Get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP),
-                                 [this] { OnReadable(); });
+    mInput = Parvane::LoopSource::WatchFd(
+        mService.Get(), static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), [this] { OnReadable(); });
 }
 
 void ControlBridge::OnReadable()
@@ -151,7 +151,7 @@ void ControlBridge::OnReadable()
     if (count <= 0) {
         mHeld.clear();
         mInput.Remove();
-        mSocket.Close(CloseCode::WatchAway, "the watch is away");
+        mSocket.Close(Parvane::CloseCode::WatchAway, "the watch is away");
         return;
     }
     mHeld.resize(static_cast<std::size_t>(count));

@@ -28,7 +28,7 @@ bool MayView(const std::string &request, std::string &forward);
  * message, in both directions. What has no room at the client rests with the service, which tells of what
  * it was too slow for.
  */
-class ControlBridge : public WebClient, private WebSocketEvents
+class ControlBridge : public WebClient, private Parvane::WebSocketEvents
 {
 public:
     static constexpr char kProtocol[] = "parvane.control.v1";
@@ -40,11 +40,12 @@ public:
      * @param scope     View or Control
      * @param onClosed  called when it is not needed any more, not inside the constructor
      */
-    ControlBridge(std::unique_ptr<WebStream> stream, std::string first, const WebSocketTimes &times,
-                  std::string path, Scope scope, std::function<void()> onClosed);
+    ControlBridge(std::unique_ptr<Parvane::WebStream> stream, std::string first,
+                  const Parvane::WebSocketTimes &times, std::string path, Scope scope,
+                  std::function<void()> onClosed);
 
     void Open() override;
-    void End(CloseCode code, const char *reason) override;
+    void End(Parvane::CloseCode code, const char *reason) override;
 
 private:
     void OnMessage(std::span<const std::uint8_t> message) override;
@@ -57,13 +58,13 @@ private:
     void Flush();
     void Say(const std::string &text);
 
-    WebSocket mSocket;
+    Parvane::WebSocket mSocket;
     std::string mPath;
     Scope mScope;
     std::function<void()> mOnClosed;
     Parvane::UniqueFd mService;
-    LoopSource mInput;
-    LoopSource mOutput;
+    Parvane::LoopSource mInput;
+    Parvane::LoopSource mOutput;
     PacketQueue mToService;
     bool mRests = false; // until the service has room
     /** A message of the service that has had no room. */

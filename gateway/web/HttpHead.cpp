@@ -1,7 +1,6 @@
 #include "HttpHead.h"
 
-#include <array>
-
+#include "AcceptKey.h"
 #include "ObjectPtr.h"
 
 namespace ParvaneGateway {
@@ -26,21 +25,8 @@ bool IsKey(const std::string &key)
         return false;
     }
     gsize size = 0;
-    const std::unique_ptr<guchar, GlibFree> bytes(g_base64_decode(key.c_str(), &size));
+    const std::unique_ptr<guchar, Parvane::GlibFree> bytes(g_base64_decode(key.c_str(), &size));
     return size == kKeyBytes;
-}
-
-std::string AcceptOf(const std::string &key)
-{
-    const std::string text = key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
-    const std::unique_ptr<GChecksum, decltype(&g_checksum_free)> checksum(
-        g_checksum_new(G_CHECKSUM_SHA1), g_checksum_free);
-    g_checksum_update(checksum.get(), reinterpret_cast<const guchar *>(text.data()),
-                      static_cast<gssize>(text.size()));
-    std::array<guint8, 20> digest{};
-    gsize size = digest.size();
-    g_checksum_get_digest(checksum.get(), digest.data(), &size);
-    return GlibText(g_base64_encode(digest.data(), size)).get();
 }
 
 } // namespace
@@ -59,8 +45,8 @@ std::optional<HttpRequest> HttpRequest::Parse(const std::string &head)
     const guint status =
         soup_headers_parse_request(head.c_str(), static_cast<int>(head.size() - 2),
                                    request.mHeaders.get(), &method, &path, &version);
-    const GlibText ownedMethod(method);
-    const GlibText ownedPath(path);
+    const Parvane::GlibText ownedMethod(method);
+    const Parvane::GlibText ownedPath(path);
     if (status != SOUP_STATUS_OK || method == nullptr || path == nullptr) {
         return std::nullopt;
     }
@@ -153,7 +139,7 @@ std::string MakeUpgradeResponse(const std::string &key, const char *protocol)
 {
     return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
            "Sec-WebSocket-Accept: " +
-           AcceptOf(key) + "\r\nSec-WebSocket-Protocol: " + protocol + "\r\n\r\n";
+           Parvane::AcceptOf(key) + "\r\nSec-WebSocket-Protocol: " + protocol + "\r\n\r\n";
 }
 
 } // namespace ParvaneGateway

@@ -4,10 +4,10 @@
 
 namespace ParvaneGateway {
 
-LinkPhone::LinkPhone(std::unique_ptr<WebStream> stream, std::string first,
-                     const WebSocketTimes &times, std::string name, PhoneSeat &seat,
+LinkPhone::LinkPhone(std::unique_ptr<Parvane::WebStream> stream, std::string first,
+                     const Parvane::WebSocketTimes &times, std::string name, PhoneSeat &seat,
                      std::function<void()> onClosed)
-    : mSocket(std::move(stream), std::move(first), FrameKind::Binary, kMaxPacketBytes,
+    : mSocket(std::move(stream), std::move(first), Parvane::FrameKind::Binary, kMaxPacketBytes,
               kMaxWaitingBytes, times, *this),
       mName(std::move(name)),
       mSeat(seat),
@@ -23,10 +23,10 @@ void LinkPhone::Open()
 {
     switch (mSeat.Sit(*this)) {
     case PhoneSeat::Answer::AnotherPhone:
-        mSocket.Close(CloseCode::AnotherPhone, "another phone is connected");
+        mSocket.Close(Parvane::CloseCode::AnotherPhone, "another phone is connected");
         break;
     case PhoneSeat::Answer::WatchAway:
-        mSocket.Close(CloseCode::WatchAway, "the watch is away");
+        mSocket.Close(Parvane::CloseCode::WatchAway, "the watch is away");
         break;
     case PhoneSeat::Answer::Seated:
         break;
@@ -34,7 +34,7 @@ void LinkPhone::Open()
     mSocket.Start();
 }
 
-void LinkPhone::End(CloseCode code, const char *reason)
+void LinkPhone::End(Parvane::CloseCode code, const char *reason)
 {
     mSocket.Close(code, reason);
 }
@@ -53,13 +53,13 @@ void LinkPhone::Close(PhoneEnd why)
 {
     switch (why) {
     case PhoneEnd::WatchAway:
-        mSocket.Close(CloseCode::WatchAway, "the watch is away");
+        mSocket.Close(Parvane::CloseCode::WatchAway, "the watch is away");
         break;
     case PhoneEnd::Stopping:
-        mSocket.Close(CloseCode::GoingAway, "the gateway ends");
+        mSocket.Close(Parvane::CloseCode::GoingAway, "the gateway ends");
         break;
     case PhoneEnd::TooMuch:
-        mSocket.Close(CloseCode::TooMuch, "more than the watch takes");
+        mSocket.Close(Parvane::CloseCode::TooMuch, "more than the watch takes");
         break;
     }
 }

@@ -12,7 +12,7 @@
 namespace ParvaneGateway {
 
 /** A phone on /link: one binary message is one packet, in both directions. */
-class LinkPhone : public WebClient, private Phone, private WebSocketEvents
+class LinkPhone : public WebClient, private Phone, private Parvane::WebSocketEvents
 {
 public:
     static constexpr char kProtocol[] = "parvane.link.v1";
@@ -22,12 +22,13 @@ public:
      * @param seat      borrowed for the life of the phone
      * @param onClosed  called when it is not needed any more, not inside the constructor
      */
-    LinkPhone(std::unique_ptr<WebStream> stream, std::string first, const WebSocketTimes &times,
-              std::string name, PhoneSeat &seat, std::function<void()> onClosed);
+    LinkPhone(std::unique_ptr<Parvane::WebStream> stream, std::string first,
+              const Parvane::WebSocketTimes &times, std::string name, PhoneSeat &seat,
+              std::function<void()> onClosed);
     ~LinkPhone() override;
 
     void Open() override;
-    void End(CloseCode code, const char *reason) override;
+    void End(Parvane::CloseCode code, const char *reason) override;
 
 private:
     bool Deliver(PacketBytes packet) override;
@@ -39,7 +40,7 @@ private:
     void OnEnd() override;
     void OnClosed() override;
 
-    WebSocket mSocket;
+    Parvane::WebSocket mSocket;
     std::string mName;
     PhoneSeat &mSeat;
     std::function<void()> mOnClosed;

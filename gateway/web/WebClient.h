@@ -14,7 +14,7 @@ public:
     virtual void Open() = 0;
 
     /** Ends it for that reason, after what was sent. */
-    virtual void End(CloseCode code, const char *reason) = 0;
+    virtual void End(Parvane::CloseCode code, const char *reason) = 0;
 };
 
 } // namespace ParvaneGateway

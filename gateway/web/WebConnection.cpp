@@ -36,15 +36,15 @@ constexpr char kPage[] =
 
 using Handle = std::shared_ptr<WebConnection>;
 
-ObjectPtr<GSocketConnection> Adopt(Parvane::UniqueFd fd)
+Parvane::ObjectPtr<GSocketConnection> Adopt(Parvane::UniqueFd fd)
 {
-    const ObjectPtr<GSocket> socket(g_socket_new_from_fd(fd.Get(), nullptr));
+    const Parvane::ObjectPtr<GSocket> socket(g_socket_new_from_fd(fd.Get(), nullptr));
     if (!socket) {
         return nullptr;
     }
     std::ignore = fd.Release(); // the socket closes it
     g_socket_set_blocking(socket.get(), FALSE);
-    return ObjectPtr<GSocketConnection>(
+    return Parvane::ObjectPtr<GSocketConnection>(
         g_socket_connection_factory_create_connection(socket.get()));
 }
 
@@ -66,24 +66,24 @@ WebConnection::~WebConnection()
 
 void WebConnection::Start()
 {
-    mDeadline = LoopSource::After(mContext.mTimes.mHandshake, [this] {
+    mDeadline = Parvane::LoopSource::After(mContext.mTimes.mHandshake, [this] {
         mContext.mRefusals.Count("too slow", mAddress);
         Gone();
     });
-    mFirst = LoopSource::WatchFd(mFd.Get(), G_IO_IN, [this] { OnFirstByte(); });
+    mFirst = Parvane::LoopSource::WatchFd(mFd.Get(), G_IO_IN, [this] { OnFirstByte(); });
 }
 
 void WebConnection::CheckToken()
 {
     if (mClient && !mContext.mTokens.Find(mToken->mName, mToken->mHash)) {
-        mClient->End(CloseCode::TokenEnded, "the token has ended");
+        mClient->End(Parvane::CloseCode::TokenEnded, "the token has ended");
     }
 }
 
 void WebConnection::Shut()
 {
     if (mClient) {
-        mClient->End(CloseCode::GoingAway, "the gateway ends");
+        mClient->End(Parvane::CloseCode::GoingAway, "the gateway ends");
     } else {
         Gone();
     }
@@ -104,7 +104,7 @@ void WebConnection::OnFirstByte()
     }
     auto connection = count > 0 && !isTls ? Adopt(std::move(mFd)) : nullptr;
     if (connection) {
-        OpenStream(ObjectPtr<GIOStream>(G_IO_STREAM(connection.release())));
+        OpenStream(Parvane::ObjectPtr<GIOStream>(G_IO_STREAM(connection.release())));
     } else {
         Gone();
     }
@@ -121,7 +121,7 @@ void WebConnection::StartTls()
         Gone();
         return;
     }
-    const ObjectPtr<GIOStream> owned(tls);
+    const Parvane::ObjectPtr<GIOStream> owned(tls);
     g_tls_connection_handshake_async(G_TLS_CONNECTION(tls), G_PRIORITY_DEFAULT, mCancellable.get(),
                                      OnHandshake,
                                      new std::weak_ptr<WebConnection>(weak_from_this()));
@@ -134,23 +134,23 @@ void WebConnection::OnHandshake(GObject *stream, GAsyncResult *result, gpointer 
     GError *failure = nullptr;
     const bool isDone =
         g_tls_connection_handshake_finish(G_TLS_CONNECTION(stream), result, &failure) != FALSE;
-    const ErrorPtr owned(failure);
+    const Parvane::ErrorPtr owned(failure);
     const Handle self = weak->lock();
     if (!self || self->mIsGone) {
         return;
     }
     if (isDone && g_tls_connection_get_protocol_version(G_TLS_CONNECTION(stream)) >=
                       G_TLS_PROTOCOL_VERSION_TLS_1_2) {
-        self->OpenStream(ObjectPtr<GIOStream>(G_IO_STREAM(g_object_ref(stream))));
+        self->OpenStream(Parvane::ObjectPtr<GIOStream>(G_IO_STREAM(g_object_ref(stream))));
     } else {
         self->mContext.mRefusals.Count("no TLS", self->mAddress);
         self->Gone();
     }
 }
 
-void WebConnection::OpenStream(ObjectPtr<GIOStream> stream)
+void WebConnection::OpenStream(Parvane::ObjectPtr<GIOStream> stream)
 {
-    mStream = std::make_unique<WebStream>(std::move(stream));
+    mStream = std::make_unique<Parvane::WebStream>(std::move(stream));
     mStream->WatchInput([this] { OnHead(); });
 }
 
@@ -263,7 +263,7 @@ void WebConnection::OpenClient(const HttpRequest &request, const Token &token, s
     const bool isLink = request.Path() == kLinkPath;
     mStream->Write(MakeUpgradeResponse(request.Header("Sec-WebSocket-Key"),
                                        isLink ? LinkPhone::kProtocol : ControlBridge::kProtocol));
-    const WebSocketTimes &times = mContext.mTimes.mSocket;
+    const Parvane::WebSocketTimes &times = mContext.mTimes.mSocket;
     if (isLink) {
         mClient = std::make_unique<LinkPhone>(std::move(mStream), std::move(rest), times,
                                               token.mName, mContext.mSeat, onClosed);
@@ -281,7 +281,7 @@ void WebConnection::WatchTokenEnd()
     if (mToken->mEnds != 0) {
         const std::chrono::seconds left{
             std::clamp<std::int64_t>(mToken->mEnds - std::time(nullptr), 0, kMostSeconds)};
-        mTokenEnd = LoopSource::After(left, [this] {
+        mTokenEnd = Parvane::LoopSource::After(left, [this] {
             CheckToken();
             if (mContext.mTokens.Find(mToken->mName, mToken->mHash)) {
                 WatchTokenEnd();
@@ -336,7 +336,7 @@ void WebConnection::Respond(int status, const HeaderList &headers, std::string_v
     }
     // What else it sends is read: else the end of the connection would overtake the answer.
     mStream->WatchInput([this] { Discard(); });
-    mDeadline = LoopSource::After(mContext.mTimes.mLinger, [this] { Gone(); });
+    mDeadline = Parvane::LoopSource::After(mContext.mTimes.mLinger, [this] { Gone(); });
 }
 
 void WebConnection::Discard()

@@ -55,7 +55,7 @@ private:
     void OnFirstByte();
     void StartTls();
     static void OnHandshake(GObject *stream, GAsyncResult *result, gpointer data) noexcept;
-    void OpenStream(ObjectPtr<GIOStream> stream);
+    void OpenStream(Parvane::ObjectPtr<GIOStream> stream);
     void OnHead();
     void Serve(const HttpRequest &request, std::string rest);
     void ServeSession(const HttpRequest &request);
@@ -79,13 +79,13 @@ private:
     std::function<void()> mOnGone;
     bool mIsTls = false;
     bool mIsGone = false;
-    ObjectPtr<GCancellable> mCancellable{g_cancellable_new()};
-    LoopSource mFirst;
-    LoopSource mDeadline;
-    LoopSource mTokenEnd;
+    Parvane::ObjectPtr<GCancellable> mCancellable{g_cancellable_new()};
+    Parvane::LoopSource mFirst;
+    Parvane::LoopSource mDeadline;
+    Parvane::LoopSource mTokenEnd;
     std::string mHead;
     std::optional<Token> mToken;
-    std::unique_ptr<WebStream> mStream; // until it belongs to a client
+    std::unique_ptr<Parvane::WebStream> mStream; // until it belongs to a client
     std::unique_ptr<WebClient> mClient;
 };
 

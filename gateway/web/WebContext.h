@@ -35,7 +35,7 @@ struct WebTimes
     std::chrono::milliseconds mHandshake{5000};
     /** For a client to read its answer and to go. */
     std::chrono::milliseconds mLinger{1000};
-    WebSocketTimes mSocket;
+    Parvane::WebSocketTimes mSocket;
 };
 
 /** What all connections of the network share; all that it refers to is borrowed. */

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "ErrnoText.h"
+#include "Fingerprint.h"
 #include "Log.h"
 
 namespace ParvaneGateway {
@@ -156,7 +157,7 @@ void WebRoad::Listen()
     }
     mPort = ntohs(address.mStorage.ss_family == AF_INET ? address.V4()->sin_port
                                                         : address.V6()->sin6_port);
-    mSource = LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
+    mSource = Parvane::LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
 }
 
 void WebRoad::Shut()
@@ -179,7 +180,7 @@ nlohmann::json WebRoad::Status() const
                              {"refusals", mContext.mRefusals.Counts()},
                              {"text", Text()}};
     if (mCertificate) {
-        status["fingerprint"] = FingerprintOf(mCertificate.get());
+        status["fingerprint"] = Parvane::FingerprintOf(mCertificate.get());
     }
     return status;
 }
@@ -201,8 +202,9 @@ void WebRoad::OnAcceptable()
             // The connection stays in the queue: without a pause the loop would spin.
             LogError("cannot take a connection: " + Parvane::ErrnoText(errno));
             mSource.Remove();
-            mPause = LoopSource::After(kPause, [this] {
-                mSource = LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
+            mPause = Parvane::LoopSource::After(kPause, [this] {
+                mSource = Parvane::LoopSource::WatchFd(mListener.Get(), G_IO_IN,
+                                                       [this] { OnAcceptable(); });
             });
         }
         return;
@@ -229,7 +231,7 @@ void WebRoad::Take(Parvane::UniqueFd fd, const std::string &address)
     entry.mConnection =
         std::make_shared<WebConnection>(std::move(fd), address, mContext, [this, &entry] {
             entry.mIsGone = true;
-            mSweep = LoopSource::Post([this] { Sweep(); });
+            mSweep = Parvane::LoopSource::Post([this] { Sweep(); });
         });
     entry.mConnection->Start();
 }

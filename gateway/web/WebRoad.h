@@ -48,13 +48,13 @@ private:
     const WebSettings &mSettings;
     std::string mStateDirectory;
     TokenStore &mTokens;
-    ObjectPtr<GTlsCertificate> mCertificate;
+    Parvane::ObjectPtr<GTlsCertificate> mCertificate;
     WebContext mContext;
     int mPort = 0;
     Parvane::UniqueFd mListener;
-    LoopSource mSource;
-    LoopSource mPause;
-    LoopSource mSweep;
+    Parvane::LoopSource mSource;
+    Parvane::LoopSource mPause;
+    Parvane::LoopSource mSweep;
 
     struct Entry
     {

@@ -510,7 +510,7 @@ TEST_F(BluetoothRoadTest, NobodyButBluezIsServed)
     mPhone = mBluez->AddDevice("hci0", kPhoneAddress, true);
 
     // Another program on the bus, which has found out where the objects are.
-    const ObjectPtr<GDBusConnection> stranger = Connect(mBus->Address());
+    const Parvane::ObjectPtr<GDBusConnection> stranger = Connect(mBus->Address());
     std::string answer;
     g_dbus_connection_call(
         stranger.get(), mBluez->Owner().c_str(), "/parvane/service/from_watch",
@@ -521,7 +521,7 @@ TEST_F(BluetoothRoadTest, NobodyButBluezIsServed)
             GError *error = nullptr;
             const VariantPtr reply(
                 g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error));
-            const ErrorPtr failure(error);
+            const Parvane::ErrorPtr failure(error);
             *static_cast<std::string *>(place) = error != nullptr ? error->message : "served";
         },
         &answer);

@@ -71,9 +71,9 @@ Bytes BytesOf(GVariant *value)
 
 } // namespace
 
-ObjectPtr<GDBusConnection> Connect(const std::string &busAddress)
+Parvane::ObjectPtr<GDBusConnection> Connect(const std::string &busAddress)
 {
-    return ObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
+    return Parvane::ObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
         busAddress.c_str(),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
@@ -411,8 +411,8 @@ FakeBluez::OutcomePtr FakeBluez::Call(const std::string &peer, const char *path,
             GError *error = nullptr;
             const VariantPtr reply(g_dbus_connection_call_with_unix_fd_list_finish(
                 G_DBUS_CONNECTION(connection), &fds, result, &error));
-            const ErrorPtr failure(error);
-            const ObjectPtr<GUnixFDList> list(fds);
+            const Parvane::ErrorPtr failure(error);
+            const Parvane::ObjectPtr<GUnixFDList> list(fds);
             told.mIsDone = true;
             if (error != nullptr) {
                 char *name = g_dbus_error_get_remote_error(error);

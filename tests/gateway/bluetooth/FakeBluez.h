@@ -15,7 +15,7 @@
 namespace ParvaneGateway {
 
 /** A connection to a bus; null when there is none. */
-ObjectPtr<GDBusConnection> Connect(const std::string &busAddress);
+Parvane::ObjectPtr<GDBusConnection> Connect(const std::string &busAddress);
 
 /**
  * BlueZ, as far as a peripheral's program sees it, on the main loop of the test and a connection of its
@@ -121,7 +121,7 @@ private:
     OutcomePtr Call(const std::string &peer, const char *path, const char *interface,
                     const char *method, GVariant *arguments);
 
-    ObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
     std::map<std::string, Interfaces> mObjects;
     std::map<std::string, std::vector<guint>> mRegistrations;
     std::map<std::string, std::pair<std::string, int>> mFailures;

@@ -115,7 +115,7 @@ protected:
     }
 
     std::optional<PrivateSystemBus> mBus;
-    ObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
     std::unique_ptr<FakeBluez> mBluez;
     Parvane::UniqueFd mInput;
     Parvane::UniqueFd mKeyboard;

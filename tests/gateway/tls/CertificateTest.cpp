@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "FakeWatch.h"
+#include "Fingerprint.h"
 #include "PrivateFile.h"
 
 namespace ParvaneGateway {
@@ -14,7 +15,7 @@ namespace {
 class CertificateTest : public ::testing::Test
 {
 protected:
-    ObjectPtr<GTlsCertificate> Load(bool mayMake)
+    Parvane::ObjectPtr<GTlsCertificate> Load(bool mayMake)
     {
         return LoadCertificate(mCertificate, mKey, {"localhost", "127.0.0.1", "::1"}, mayMake);
     }
@@ -26,10 +27,10 @@ protected:
 
 TEST_F(CertificateTest, IsMadeOnceWithAKeyForItsOwnerAlone)
 {
-    const std::string fingerprint = FingerprintOf(Load(true).get());
+    const std::string fingerprint = Parvane::FingerprintOf(Load(true).get());
     EXPECT_THAT(fingerprint, ::testing::MatchesRegex("([0-9A-F][0-9A-F]:)+[0-9A-F][0-9A-F]"));
     EXPECT_EQ(fingerprint.size(), 95U);
-    EXPECT_EQ(FingerprintOf(Load(false).get()), fingerprint);
+    EXPECT_EQ(Parvane::FingerprintOf(Load(false).get()), fingerprint);
     struct stat status
     {};
     ASSERT_EQ(::stat(mKey.c_str(), &status), 0);
@@ -40,7 +41,7 @@ TEST_F(CertificateTest, CountsForTheNamesAndAddresses)
 {
     const auto certificate = Load(true);
     const auto flagsFor = [&certificate](const char *name) {
-        const ObjectPtr<GSocketConnectable> identity(g_network_address_new(name, 1));
+        const Parvane::ObjectPtr<GSocketConnectable> identity(g_network_address_new(name, 1));
         return g_tls_certificate_verify(certificate.get(), identity.get(), certificate.get());
     };
     EXPECT_EQ(flagsFor("localhost"), 0);

@@ -3,7 +3,7 @@
 #include <array>
 #include <utility>
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 namespace {
 
@@ -19,10 +19,11 @@ std::string_view AsText(std::span<const std::uint8_t> bytes)
 
 WebSocket::WebSocket(std::unique_ptr<WebStream> stream, std::string first, FrameKind kind,
                      std::size_t mostBytes, std::size_t mostWaiting, const WebSocketTimes &times,
-                     WebSocketEvents &events)
+                     WebSocketEvents &events, WebSocketRole role)
     : mStream(std::move(stream)),
-      mReader(kind, mostBytes),
+      mReader(kind, mostBytes, role),
       mKind(kind),
+      mRole(role),
       mMostWaiting(mostWaiting),
       mTimes(times),
       mEvents(events),
@@ -44,7 +45,7 @@ void WebSocket::Start()
 
 bool WebSocket::Send(std::span<const std::uint8_t> message)
 {
-    constexpr std::size_t kMostHeaderBytes = 10;
+    constexpr std::size_t kMostHeaderBytes = 14;
     if (mIsClosing) {
         return true; // it has ended: the message has nobody to go to
     }
@@ -53,7 +54,7 @@ bool WebSocket::Send(std::span<const std::uint8_t> message)
         mWantsRoom = true;
         return false;
     }
-    mStream->Write(MakeFrame(mKind, AsText(message)));
+    Write(mKind, AsText(message));
     return true;
 }
 
@@ -73,15 +74,20 @@ void WebSocket::Resume()
     Work();
 }
 
+void WebSocket::Ping()
+{
+    Write(FrameKind::Ping, {});
+}
+
 void WebSocket::Close(CloseCode code, std::string_view reason)
 {
     if (mIsClosing) {
         return;
     }
     mIsClosing = true;
-    mStream->Write(MakeFrame(FrameKind::Close, ClosePayload(code, reason)));
+    Write(FrameKind::Close, ClosePayload(code, reason));
     mSilence.Remove();
-    // Reads on, for the client's own close.
+    // Reads on, for the other end's own close.
     if (mRests) {
         Resume();
     }
@@ -144,19 +150,21 @@ void WebSocket::Handle(const FrameReader::Event &event)
     case FrameKind::Ping:
         // One who asks and does not read gets no more than there is room for.
         if (!mIsClosing && mStream->Waiting() < mMostWaiting / 2) {
-            mStream->Write(MakeFrame(FrameKind::Pong, AsText(event.mPayload)));
+            Write(FrameKind::Pong, AsText(event.mPayload));
         }
         break;
     case FrameKind::Pong:
+        mEvents.OnPong();
         break;
     case FrameKind::Close:
-        OnClientClosed(event.mCode);
+        OnPeerClosed(event.mCode);
         break;
     }
 }
 
-void WebSocket::OnClientClosed(CloseCode code)
+void WebSocket::OnPeerClosed(CloseCode code)
 {
+    mEndCode = code;
     if (!std::exchange(mIsClosing, true)) {
         mStream->Write(MakeFrame(FrameKind::Close, code == CloseCode::NoCode
                                                        ? std::string()
@@ -196,6 +204,11 @@ void WebSocket::Finish()
     mEvents.OnClosed();
 }
 
+void WebSocket::Write(FrameKind kind, std::string_view payload)
+{
+    mStream->Write(MakeFrame(kind, payload, mRole));
+}
+
 void WebSocket::WatchSilence(std::chrono::milliseconds delay)
 {
     mSilence = LoopSource::After(delay, [this] { OnSilence(); });
@@ -205,18 +218,21 @@ void WebSocket::OnSilence()
 {
     const auto silent = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - mHeard);
-    if (mRests) {
-        WatchSilence(mTimes.mPing); // whatever it says is not read now
+    if (mRests) { // whatever it says is not read now; but it is to know that somebody is here
+        if (mStream->Waiting() == 0) {
+            Ping();
+        }
+        WatchSilence(mTimes.mPing);
     } else if (silent < mTimes.mPing) {
         mIsAsked = false;
         WatchSilence(mTimes.mPing - silent);
     } else if (!mIsAsked) {
         mIsAsked = true;
-        mStream->Write(MakeFrame(FrameKind::Ping, {}));
+        Write(FrameKind::Ping, {});
         WatchSilence(mTimes.mPong);
     } else {
         Finish();
     }
 }
 
-} // namespace ParvaneGateway
+} // namespace Parvane

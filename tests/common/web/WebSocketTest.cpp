@@ -8,7 +8,7 @@
 #include "TestLoop.h"
 #include "UniqueFd.h"
 
-namespace ParvaneGateway {
+namespace Parvane {
 namespace {
 
 using namespace std::chrono_literals;
@@ -53,7 +53,7 @@ protected:
         return bytes;
     }
 
-    Parvane::UniqueFd mClient;
+    UniqueFd mClient;
     std::unique_ptr<WebSocket> mSocket;
     std::vector<std::string> mMessages;
     int mRooms = 0;
@@ -65,13 +65,13 @@ TEST_F(WebSocketTest, AsksASilentClientAndEndsWithoutAnAnswer)
 {
     Open({50ms, 50ms, 50ms});
     std::string received;
-    EXPECT_TRUE(RunUntil([&] {
+    EXPECT_TRUE(ParvaneGateway::RunUntil([&] {
         received += ReceiveAsClient();
         return !received.empty();
     }));
     EXPECT_EQ(received, std::string("\x89\x00", 2));
     EXPECT_FALSE(mIsClosed);
-    EXPECT_TRUE(RunUntil([this] { return mIsClosed; }));
+    EXPECT_TRUE(ParvaneGateway::RunUntil([this] { return mIsClosed; }));
     EXPECT_EQ(mEnds, 1);
 }
 
@@ -79,14 +79,14 @@ TEST_F(WebSocketTest, AClientThatAnswersStays)
 {
     Open({30ms, 10s, 50ms});
     int pings = 0;
-    EXPECT_TRUE(RunUntil([&] {
+    EXPECT_TRUE(ParvaneGateway::RunUntil([&] {
         if (ReceiveAsClient() == std::string("\x89\x00", 2)) {
             ++pings;
             SendAsClient(std::string("\x8A\x80\x00\x00\x00\x00", 6));
         }
         return pings == 1;
     }));
-    RunDue();
+    ParvaneGateway::RunDue();
     EXPECT_FALSE(mIsClosed);
 }
 
@@ -98,18 +98,18 @@ TEST_F(WebSocketTest, AtMost64KiBWaitForAClientThatDoesNotRead)
     while (mSocket->Send(message)) {
         ++taken;
     }
-    RunDue();
+    ParvaneGateway::RunDue();
     std::size_t received = 0; // what had left before anything was read
     while (const std::size_t size = ReceiveAsClient().size()) {
         received += size;
     }
     EXPECT_GT(taken * 1004 - received, 64000U);
     EXPECT_LE(taken * 1004 - received, 65536U);
-    EXPECT_TRUE(RunUntil([&] {
+    EXPECT_TRUE(ParvaneGateway::RunUntil([&] {
         received += ReceiveAsClient().size();
         return received == taken * 1004;
     }));
-    EXPECT_TRUE(RunUntil([this] { return mRooms == 1; }));
+    EXPECT_TRUE(ParvaneGateway::RunUntil([this] { return mRooms == 1; }));
     EXPECT_TRUE(mSocket->Send(message));
 }
 
@@ -120,10 +120,10 @@ TEST_F(WebSocketTest, WhileItRestsNoMessageIsRead)
     SendAsClient(std::string("\x82\x81\x00\x00\x00\x00"
                              "a",
                              7));
-    RunDue();
+    ParvaneGateway::RunDue();
     EXPECT_TRUE(mMessages.empty());
     mSocket->Resume();
-    EXPECT_TRUE(RunUntil([this] { return mMessages.size() == 1; }));
+    EXPECT_TRUE(ParvaneGateway::RunUntil([this] { return mMessages.size() == 1; }));
     EXPECT_EQ(mMessages.front(), "a");
 }
 
@@ -136,7 +136,7 @@ TEST_F(WebSocketTest, ClosesAfterWhatWasSentAndWaitsForTheClientsClose)
     EXPECT_EQ(ReceiveAsClient(), std::string("\x82\x01x\x88\x05\x11\x97why"));
     EXPECT_FALSE(mIsClosed);
     SendAsClient(std::string("\x88\x82\x00\x00\x00\x00\x11\x97", 8));
-    EXPECT_TRUE(RunUntil([this] { return mIsClosed; }));
+    EXPECT_TRUE(ParvaneGateway::RunUntil([this] { return mIsClosed; }));
     EXPECT_EQ(mEnds, 1);
 }
 
@@ -144,7 +144,7 @@ TEST_F(WebSocketTest, ClosesAllTheSameWhenTheClientDoesNotAnswer)
 {
     Open({20s, 10s, 30ms});
     mSocket->Close(CloseCode::GoingAway, "");
-    EXPECT_TRUE(RunUntil([this] { return mIsClosed; }));
+    EXPECT_TRUE(ParvaneGateway::RunUntil([this] { return mIsClosed; }));
 }
 
 TEST_F(WebSocketTest, AnswersAPingWithItsPayload)
@@ -152,7 +152,7 @@ TEST_F(WebSocketTest, AnswersAPingWithItsPayload)
     Open({});
     SendAsClient(std::string("\x89\x82\x00\x00\x00\x00hi", 8));
     std::string received;
-    EXPECT_TRUE(RunUntil([&] {
+    EXPECT_TRUE(ParvaneGateway::RunUntil([&] {
         received += ReceiveAsClient();
         return !received.empty();
     }));
@@ -160,4 +160,4 @@ TEST_F(WebSocketTest, AnswersAPingWithItsPayload)
 }
 
 } // namespace
-} // namespace ParvaneGateway
+} // namespace Parvane

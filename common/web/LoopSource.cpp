@@ -8,9 +8,7 @@
 
 #include <glib-unix.h>
 
-#include "Log.h"
-
-namespace ParvaneGateway {
+namespace Parvane {
 
 namespace {
 
@@ -19,7 +17,7 @@ void Call(gpointer data) noexcept
     try {
         (*static_cast<LoopSource::Handler *>(data))();
     } catch (const std::exception &failure) {
-        LogError(std::string("main loop: ") + failure.what());
+        g_critical("main loop: %s", failure.what());
     }
 }
 
@@ -70,7 +68,7 @@ LoopSource &LoopSource::operator=(LoopSource &&other) noexcept
 LoopSource LoopSource::Attach(GSource *source, GSourceFunc function, Handler handler)
 {
     g_source_set_callback(source, function, new Handler(std::move(handler)), Release);
-    g_source_attach(source, nullptr);
+    g_source_attach(source, g_main_context_get_thread_default());
     return LoopSource(source);
 }
 
@@ -105,4 +103,4 @@ bool LoopSource::IsActive() const
     return mSource != nullptr && g_source_is_destroyed(mSource) == FALSE;
 }
 
-} // namespace ParvaneGateway
+} // namespace Parvane

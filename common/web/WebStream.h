@@ -12,7 +12,7 @@
 #include "LoopSource.h"
 #include "ObjectPtr.h"
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 /**
  * The bytes of one connection of the network, plain or over TLS; never blocks. What cannot be sent at
@@ -64,4 +64,4 @@ private:
     LoopSource mOutput;
 };
 
-} // namespace ParvaneGateway
+} // namespace Parvane

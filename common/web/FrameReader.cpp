@@ -1,10 +1,12 @@
 #include "FrameReader.h"
 
+#include <sys/random.h>
+#include <tuple>
 #include <utility>
 
 #include <glib.h>
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 namespace {
 
@@ -26,7 +28,7 @@ bool IsUtf8(std::span<const std::uint8_t> bytes)
                                nullptr) != FALSE;
 }
 
-/** Whether a client may close with that code. */
+/** Whether one may close with that code. */
 bool IsCloseCode(unsigned code)
 {
     return (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1014) ||
@@ -35,8 +37,9 @@ bool IsCloseCode(unsigned code)
 
 } // namespace
 
-std::string MakeFrame(FrameKind kind, std::string_view payload)
+std::string MakeFrame(FrameKind kind, std::string_view payload, WebSocketRole role)
 {
+    const bool isMasked = role == WebSocketRole::Client;
     std::string frame(1, static_cast<char>(kLast | static_cast<std::uint8_t>(kind)));
     int lengthBytes = 0;
     if (payload.size() < kShortLength) {
@@ -52,7 +55,18 @@ std::string MakeFrame(FrameKind kind, std::string_view payload)
         frame +=
             static_cast<char>(std::uint64_t{payload.size()} >> (8U * static_cast<unsigned>(i)));
     }
-    return frame.append(payload);
+    if (!isMasked) {
+        return frame.append(payload);
+    }
+    frame[1] = static_cast<char>(static_cast<std::uint8_t>(frame[1]) | kMasked);
+    std::array<char, kMaskBytes> mask{}; // without chance it is still a mask
+    std::ignore = ::getrandom(mask.data(), mask.size(), GRND_NONBLOCK);
+    frame.append(mask.data(), mask.size());
+    std::size_t index = 0;
+    for (const char byte : payload) {
+        frame += static_cast<char>(byte ^ mask[index++ % kMaskBytes]);
+    }
+    return frame;
 }
 
 std::string ClosePayload(CloseCode code, std::string_view reason)
@@ -101,7 +115,7 @@ std::optional<FrameReader::Header> FrameReader::ReadHeader()
     Header header{
         (bytes[0] & kLast) != 0, static_cast<std::uint8_t>(bytes[0] & kOpcode), shortLength, 2, {}};
     // Extensions have the reserved bits, and none was agreed on.
-    if ((bytes[0] & kReserved) != 0 || (bytes[1] & kMasked) == 0) {
+    if ((bytes[0] & kReserved) != 0 || ((bytes[1] & kMasked) != 0) != mIsMasked) {
         mCode = CloseCode::ProtocolError;
         return std::nullopt;
     }
@@ -119,11 +133,11 @@ std::optional<FrameReader::Header> FrameReader::ReadHeader()
     if (!IsAllowed(header)) {
         return std::nullopt;
     }
-    header.mBytes += lengthBytes + kMaskBytes;
+    header.mBytes += lengthBytes + (mIsMasked ? kMaskBytes : 0);
     if (Left() < header.mBytes) {
         return std::nullopt;
     }
-    for (std::size_t i = 0; i < kMaskBytes; ++i) {
+    for (std::size_t i = 0; mIsMasked && i < kMaskBytes; ++i) {
         header.mMask[i] = bytes[2 + lengthBytes + i];
     }
     return header;
@@ -199,4 +213,4 @@ FrameReader::Event FrameReader::Break(CloseCode code)
     return {FrameKind::Close, {}, code};
 }
 
-} // namespace ParvaneGateway
+} // namespace Parvane

@@ -5,13 +5,15 @@
 
 #include <glib.h>
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 /**
- * Owner of one source of the default main loop; the source ends with it.
+ * Owner of one source of the thread's main context, the one that was pushed as its default; the source
+ * ends with it.
  *
  * A handler may end its own source, and its owner, in its call: what it captures lives until it has
- * returned. An exception that leaves a handler is logged and goes no further. Main-loop thread only.
+ * returned. An exception that leaves a handler is told to GLib's log and goes no further.
+ * In the thread of that context only.
  */
 class LoopSource
 {
@@ -52,4 +54,4 @@ private:
     GSource *mSource = nullptr;
 };
 
-} // namespace ParvaneGateway
+} // namespace Parvane

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 /** The codes with which a WebSocket is closed. */
 enum class CloseCode : std::uint16_t {
@@ -29,14 +29,18 @@ enum class CloseCode : std::uint16_t {
 /** The kinds of frames that are no fragments. */
 enum class FrameKind : std::uint8_t { Text = 1, Binary = 2, Close = 8, Ping = 9, Pong = 10 };
 
-/** One frame of a server, whole; the payload is not changed. */
-std::string MakeFrame(FrameKind kind, std::string_view payload);
+/** Which end of a connection this is: the frames of a client are masked, those of a server are not. */
+enum class WebSocketRole { Server, Client };
+
+/** One frame, whole. */
+std::string MakeFrame(FrameKind kind, std::string_view payload,
+                      WebSocketRole role = WebSocketRole::Server);
 
 /** The payload of a frame that closes: the code and a reason of at most 123 bytes. */
 std::string ClosePayload(CloseCode code, std::string_view reason);
 
 /**
- * Makes messages out of the bytes of a client (RFC 6455), however these are cut. No extensions. What
+ * Makes messages out of the bytes of the other end (RFC 6455), however these are cut. No extensions. What
  * breaks the rules ends it, and nothing follows. Keeps one message at most, and what was fed.
  */
 class FrameReader
@@ -45,8 +49,11 @@ public:
     /**
      * @param wanted    Text or Binary: a message of the other kind ends the connection
      * @param mostBytes of one message, whether it is fragmented or not
+     * @param role      of this end
      */
-    FrameReader(FrameKind wanted, std::size_t mostBytes) : mWanted(wanted), mMostBytes(mostBytes) {}
+    FrameReader(FrameKind wanted, std::size_t mostBytes, WebSocketRole role = WebSocketRole::Server)
+        : mWanted(wanted), mMostBytes(mostBytes), mIsMasked(role == WebSocketRole::Server)
+    {}
 
     void Feed(std::span<const std::uint8_t> bytes);
 
@@ -56,7 +63,7 @@ public:
         FrameKind mKind;
         /** Of a message; of a ping what the pong must have. */
         std::vector<std::uint8_t> mPayload;
-        /** For Close: what to answer; NoCode when the client gave none. */
+        /** For Close: what to answer; NoCode when the other end gave none. */
         CloseCode mCode = CloseCode::Normal;
     };
 
@@ -70,7 +77,7 @@ private:
         std::uint8_t mOpcode;
         std::uint64_t mLength;
         std::size_t mBytes;
-        std::array<std::uint8_t, 4> mMask;
+        std::array<std::uint8_t, 4> mMask{};
     };
 
     /** Empty when more bytes are needed, or when mCode says that the rules are broken. */
@@ -83,6 +90,7 @@ private:
 
     FrameKind mWanted;
     std::size_t mMostBytes;
+    bool mIsMasked; // what comes
     std::vector<std::uint8_t> mBytes;
     std::size_t mBegin = 0; // of what has not been read
     std::vector<std::uint8_t> mMessage;
@@ -91,4 +99,4 @@ private:
     CloseCode mCode = CloseCode::Normal;
 };
 
-} // namespace ParvaneGateway
+} // namespace Parvane

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 namespace {
 
@@ -117,4 +117,4 @@ void WebStream::OnWritable()
     }
 }
 
-} // namespace ParvaneGateway
+} // namespace Parvane

@@ -4,7 +4,7 @@
 
 #include <glib-object.h>
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 /** Gives a reference to a GObject back. */
 struct ObjectRelease
@@ -30,4 +30,4 @@ struct ErrorRelease
 };
 using ErrorPtr = std::unique_ptr<GError, ErrorRelease>;
 
-} // namespace ParvaneGateway
+} // namespace Parvane

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace ParvaneGateway {
+namespace Parvane {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -136,4 +136,4 @@ TEST_F(FrameReaderTest, FramesOfTheServerHaveTheShortestLength)
 }
 
 } // namespace
-} // namespace ParvaneGateway
+} // namespace Parvane
