@@ -1,7 +1,8 @@
-// Takes out of the lock file what names a host: where the packages come from is each machine's own setting.
+// Takes out of the lock file of this folder what names a host: where the packages come from is each machine's own
+// setting.
 import { readFileSync, writeFileSync } from 'node:fs';
 
-const file = new URL('package-lock.json', import.meta.url);
+const file = 'package-lock.json';
 const lock = JSON.parse(readFileSync(file, 'utf8'));
 for (const entry of Object.values(lock.packages)) {
   delete entry.resolved;
