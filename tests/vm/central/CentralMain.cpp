@@ -201,7 +201,7 @@ void Pair(GDBusConnection *bus, const std::string &watch)
 {
     constexpr char kManager[] = "org.bluez.AgentManager1";
     Call(bus, "/org/bluez", kManager, "RegisterAgent",
-         g_variant_new("(os)", "/phone/agent", "NoInputNoOutput"));
+         g_variant_new("(os)", "/phone/agent", "DisplayYesNo"));
     std::string failure;
     try {
         Call(bus, watch, kDevice, "Pair", nullptr);
@@ -293,10 +293,17 @@ void Carry(GDBusConnection *bus, const Air &air, int listener)
 
 /** Says yes to whatever the pairing that this program has begun asks. */
 void OnAgentCall(GDBusConnection * /*bus*/, const char * /*sender*/, const char * /*path*/,
-                 const char * /*interface*/, const char *method, GVariant * /*arguments*/,
+                 const char * /*interface*/, const char *method, GVariant *arguments,
                  GDBusMethodInvocation *call, void * /*data*/)
 {
-    Say(method);
+    if (std::string(method) == "RequestConfirmation") {
+        guint32 number = 0;
+        g_variant_get_child(arguments, 1, "u", &number);
+        const std::string digits = std::to_string(number);
+        Say("shows " + std::string(6 - digits.size(), '0') + digits);
+    } else {
+        Say(method);
+    }
     g_dbus_method_invocation_return_value(call, nullptr);
 }
 

@@ -1,6 +1,8 @@
 # limit=400
 # BlueZ with virtual low-energy controllers: the watch on the first, heart-rate straps on the others.
 
+. suites/logind.sh
+
 setting=$'[sensors]\nheart_rate=ble\n[ble]\nadapter=hci0\n[bluetooth]\nadapter=bluez\nname=hci0'
 straps=0
 
@@ -132,6 +134,34 @@ test_named_strap_is_the_one() {
     refused hears 72
 }
 
+test_bonded_strap_measures_encrypted() {
+    local device bond
+    set_up 1 encrypt-notify
+    device=$(strap hci1)
+    # The search is the service's.
+    listen
+    eventually 60 bonded "$device"
+    bond=$(grep -A1 -h LongTermKey /var/lib/bluetooth/*/*/info)
+    eventually 90 hears 72
+    # BlueZ remembers it while it is away, and after a restart of its own.
+    vanish 1
+    echo 81 >rate1
+    eventually 120 hears 81
+    systemctl restart bluetooth
+    eventually 40 adapters 2
+    eventually 20 powered hci0 true
+    eventually 20 powered hci1 true
+    echo 83 >rate1
+    eventually 120 hears 83
+    expect_equal "its bond" "$(grep -A1 -h LongTermKey /var/lib/bluetooth/*/*/info)" "$bond"
+}
+
+# Once it has been paired with: bonded DEVICE
+bonded() {
+    busctl --timeout=60 call org.bluez "$1" org.bluez.Device1 Pair || true
+    [ "$(busctl get-property org.bluez "$1" org.bluez.Device1 Bonded)" = "b true" ]
+}
+
 test_bluetoothd_restarted_goes_on() {
     set_up 1
     listen
@@ -142,6 +172,16 @@ test_bluetoothd_restarted_goes_on() {
     eventually 20 powered hci1 true
     echo 83 >rate1
     eventually 90 hears 83
+}
+
+test_sleep_in_between_goes_on() {
+    button
+    set_up 1
+    listen
+    eventually 90 hears 72
+    doze 6
+    echo 84 >rate1
+    eventually 120 hears 84
 }
 
 test_controllers_unplugged_and_back_go_on() {
