@@ -363,7 +363,8 @@ int parvane_session_timeout_ms(const parvane_session *session, const parvane_mom
     if (!deadline) {
         return -1;
     }
-    const auto left = std::chrono::ceil<milliseconds>(*deadline - MomentOf(now).mSteady).count();
+    const auto present = now != nullptr ? MomentOf(now).mSteady : std::chrono::steady_clock::now();
+    const auto left = std::chrono::ceil<milliseconds>(*deadline - present).count();
     return static_cast<int>(std::clamp<milliseconds::rep>(left, 0, INT_MAX));
 }
 

@@ -1,6 +1,7 @@
 #include "Link.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <fstream>
 #include <poll.h>
@@ -40,8 +41,7 @@ Error WaitError(WaitResult result, const std::string &path, const Deadline &dead
 Link::Link(UniqueFd socket, std::string path)
     : mSocket(std::move(socket)),
       mPath(std::move(path)),
-      mConnectedAt(std::chrono::steady_clock::now()),
-      mBuffer(WireFormat::kMaxMessageBytes)
+      mConnectedAt(std::chrono::steady_clock::now())
 {}
 
 Result<Link, Error> Link::Connect(const std::string &path, const Deadline &deadline,
@@ -66,16 +66,12 @@ std::optional<Error> Link::Send(std::span<const std::uint8_t> packet, const Dead
         if (waited != WaitResult::Ready) {
             return WaitError(waited, mPath, deadline, "an outgoing packet");
         }
-        const ssize_t sent =
-            ::send(mSocket.Get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent >= 0) { // packets are sent whole or not at all
-            if (mOnPacket) {
-                mOnPacket(Parvane::Sender::Phone, packet);
-            }
-            return std::nullopt;
+        const auto sent = TrySend(packet);
+        if (!sent) {
+            return Error{sent.GetError()};
         }
-        if (!WouldBlock(errno)) {
-            return Lost(errno);
+        if (sent.Value()) {
+            return std::nullopt;
         }
         if (deadline.HasPassed()) {
             return NoAnswer("an outgoing packet", deadline.Length());
@@ -90,31 +86,50 @@ Result<Bytes, Error> Link::Receive(const Deadline &deadline, const WaitOptions &
         if (waited != WaitResult::Ready) {
             return WaitError(waited, mPath, deadline, "an incoming packet");
         }
-        const ssize_t received =
-            ::recv(mSocket.Get(), mBuffer.data(), mBuffer.size(), MSG_DONTWAIT | MSG_TRUNC);
-        if (received < 0) {
-            if (WouldBlock(errno)) {
-                continue;
-            }
-            return Error{Lost(errno)};
+        if (auto packet = TryReceive()) {
+            return *std::move(packet);
         }
-        // The end of the link and an empty packet both read as 0 bytes.
-        if (received == 0 && PeerHasClosed()) {
-            return Error{Lost(0)};
-        }
-        mHasReceived = true;
-        const auto size = static_cast<std::size_t>(received);
-        if (size > mBuffer.size()) {
-            return Error{Failure{Failure::Reason::Malformed,
-                                 "a packet of " + std::to_string(size) + " bytes, at most " +
-                                     std::to_string(mBuffer.size()) + " are allowed"}};
-        }
-        Bytes packet(mBuffer.begin(), mBuffer.begin() + received);
-        if (mOnPacket) {
-            mOnPacket(Parvane::Sender::Watch, packet);
-        }
-        return packet;
     }
+}
+
+Result<bool, LinkError> Link::TrySend(std::span<const std::uint8_t> packet)
+{
+    const ssize_t sent =
+        ::send(mSocket.Get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0) {
+        return WouldBlock(errno) ? Result<bool, LinkError>(false) : Lost(errno);
+    }
+    if (mOnPacket) { // packets are sent whole or not at all
+        mOnPacket(Parvane::Sender::Phone, packet);
+    }
+    return true;
+}
+
+std::optional<Result<Bytes, Error>> Link::TryReceive()
+{
+    // Neither cleared nor the link's own: a program with many links has it once.
+    std::array<std::uint8_t, WireFormat::kMaxMessageBytes> buffer; // NOLINT(*-member-init)
+    const ssize_t received =
+        ::recv(mSocket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (received < 0) {
+        return WouldBlock(errno) ? std::nullopt : std::optional(Error{Lost(errno)});
+    }
+    // The end of the link and an empty packet both read as 0 bytes.
+    if (received == 0 && PeerHasClosed()) {
+        return Error{Lost(0)};
+    }
+    mHasReceived = true;
+    const auto size = static_cast<std::size_t>(received);
+    if (size > buffer.size()) {
+        return Error{Failure{Failure::Reason::Malformed,
+                             "a packet of " + std::to_string(size) + " bytes, at most " +
+                                 std::to_string(buffer.size()) + " are allowed"}};
+    }
+    Bytes packet(buffer.begin(), buffer.begin() + received);
+    if (mOnPacket) {
+        mOnPacket(Parvane::Sender::Watch, packet);
+    }
+    return packet;
 }
 
 std::string Link::PeerRun() const

@@ -65,6 +65,18 @@ public:
     Result<Bytes, Error> Receive(const Deadline &deadline, const WaitOptions &options);
 
     /**
+     * Sends one packet without a wait, in one system call: false where there is no room for it. Fails
+     * when the link is of no more use.
+     */
+    Result<bool, LinkError> TrySend(std::span<const std::uint8_t> packet);
+
+    /**
+     * The next packet without a wait, in one system call; nothing where there is none. Fails as Receive()
+     * does, but for NoAnswer and Interrupted. Takes 64 KiB of the stack.
+     */
+    std::optional<Result<Bytes, Error>> TryReceive();
+
+    /**
      * A name of the process at the other end, which no other process of this machine has or has had:
      * up to 64 printable characters without blanks. Empty where the system does not tell.
      */
@@ -79,7 +91,6 @@ private:
     std::chrono::steady_clock::time_point mConnectedAt;
     bool mHasReceived = false;
     OnPacket mOnPacket;
-    Bytes mBuffer;
 };
 
 } // namespace ParvaneHost

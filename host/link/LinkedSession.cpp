@@ -10,11 +10,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-Deadline AtOnce()
-{
-    return Deadline::After(milliseconds{0});
-}
-
 } // namespace
 
 Moment Now()
@@ -39,14 +34,21 @@ void LinkedSession::Use(Link link)
 
 void LinkedSession::Process()
 {
+    // What was asked for since the link was read empty goes first. What has come since then waits for the
+    // next call, which reads in any case.
+    if (std::exchange(mIsRead, false) && SendAll()) {
+        return;
+    }
     // With packets left there is more to read before any wait.
-    if (!mLink || ReadAll()) {
-        mSession.Advance(Now());
+    const Moment now = Now();
+    mIsRead = !mLink || ReadAll(now);
+    if (mIsRead) {
+        mSession.Advance(now);
     }
     if (!mSession.WantsLink()) {
         mLink.reset();
     } else if (!mLink) {
-        auto link = Link::Connect(mPath, AtOnce(), {});
+        auto link = Link::Connect(mPath, Deadline::After(milliseconds{0}), {});
         if (link) {
             Use(std::move(link).Value());
         } else {
@@ -87,41 +89,46 @@ Result<Told::Event, Error> LinkedSession::Next(const Deadline &deadline, const W
     }
 }
 
-void LinkedSession::SendAll()
+/** @return whether anything was sent */
+bool LinkedSession::SendAll()
 {
+    bool hasSent = false;
     while (mLink) {
         if (!mUnsent) {
             mUnsent = mSession.NextPacket();
         }
         if (!mUnsent) {
-            return;
+            break;
         }
-        const auto error = mLink->Send(*mUnsent, AtOnce(), {});
-        if (!error) {
-            mUnsent.reset();
-        } else if (const auto *lost = std::get_if<LinkError>(&*error)) {
-            LoseLink(*lost);
+        const auto sent = mLink->TrySend(*mUnsent);
+        if (!sent) {
+            LoseLink(sent.GetError());
+        } else if (!sent.Value()) {
+            break;
         } else {
-            return;
+            hasSent = true;
+            mUnsent.reset();
         }
     }
+    return hasSent;
 }
 
 /** @return whether that was all */
-bool LinkedSession::ReadAll()
+bool LinkedSession::ReadAll(const Moment &now)
 {
     constexpr int kEnough = 1000; // for whoever waits for the events
     for (int read = 0; mLink && read < kEnough; ++read) {
-        auto packet = mLink->Receive(AtOnce(), {});
-        if (packet) {
-            mSession.Take(packet.Value(), Now());
-        } else if (const auto *lost = std::get_if<LinkError>(&packet.GetError())) {
-            LoseLink(*lost);
-        } else if (IsTimeout(packet.GetError())) {
+        const auto packet = mLink->TryReceive();
+        if (!packet) {
             return true;
+        }
+        if (packet->Ok()) {
+            mSession.Take(packet->Value(), now);
+        } else if (const auto *lost = std::get_if<LinkError>(&packet->GetError())) {
+            LoseLink(*lost);
         } else {
             mSession.Take(Bytes(WireFormat::kMaxMessageBytes + 1),
-                          Now()); // too long, and told as such
+                          now); // too long, and told as such
         }
     }
     return !mLink;

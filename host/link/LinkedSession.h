@@ -40,7 +40,10 @@ public:
     /** Gives it a link that was made elsewhere. */
     void Use(Link link);
 
-    /** Makes or closes the link as the session wants, sends, and reads what is there, without a wait. */
+    /**
+     * Makes or closes the link as the session wants, sends, and reads what is there, without a wait.
+     * Of two calls in a row one may leave out the reading, when it has sent what was asked for.
+     */
     void Process();
 
     /** Of the link, -1 without one; it may be another one after each Process(). */
@@ -59,8 +62,8 @@ public:
     [[nodiscard]] const std::optional<LinkError> &WhyLost() const { return mWhyLost; }
 
 private:
-    void SendAll();
-    bool ReadAll();
+    bool SendAll();
+    bool ReadAll(const Moment &now);
     void LoseLink(const LinkError &error);
 
     std::string mPath;
@@ -68,6 +71,7 @@ private:
     OnLink mOnLink;
     std::optional<Link> mLink;
     std::optional<Bytes> mUnsent; // for which there was no room
+    bool mIsRead = false;         // empty, by the last Process()
     std::optional<LinkError> mWhyLost;
 };
 

@@ -204,6 +204,23 @@ TEST_F(LinkedSessionTest, ReadableDescriptorInterruptsTheWait)
     EXPECT_EQ(Next(), "interrupted");
 }
 
+TEST_F(LinkedSessionTest, WhatIsAskedForGoesFirstAndTheNextCallReads)
+{
+    EXPECT_EQ(Next(), "linked");
+    mPair.mWatch.Send(ReadingPacket(0x02, 1, 5));
+    mPair.mPhone.Get().Stop(Sensor::HeartRate, Now());
+    mPair.mPhone.Process();
+    EXPECT_FALSE(mPair.mPhone.Get().NextEvent().has_value()) << "the link was read empty before";
+
+    mPair.mPhone.Get().Stop(Sensor::Pedometer, Now());
+    mPair.mPhone.Process();
+    const auto event = mPair.mPhone.Get().NextEvent();
+    ASSERT_TRUE(event.has_value()) << "nothing waits for a third call";
+    EXPECT_EQ(TextOf(*event), "activity 5");
+    EXPECT_EQ(mPair.mWatch.Receive().at(3), 3);
+    EXPECT_EQ(mPair.mWatch.Receive().at(3), 2);
+}
+
 TEST_F(LinkedSessionTest, PacketThatIsTooLongIsToldAsNonsense)
 {
     EXPECT_EQ(Next(), "linked");

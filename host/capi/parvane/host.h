@@ -413,7 +413,8 @@ PARVANE_API int parvane_watch_timeout_ms(const parvane_watch *watch) PARVANE_NOE
 
 /**
  * Reads what is there, does what is due, connects where there should be a link, and sends. Then events are to
- * be taken. A link that is lost or cannot be made is an event, no failure.
+ * be taken. A link that is lost or cannot be made is an event, no failure. Of two calls in a row one may leave
+ * out the reading, when it has sent what was asked for.
  *
  * @return 0
  */
