@@ -414,8 +414,21 @@ bool CommandRunner::PrintOne(const Told::NewReading &told, Following &following)
         Complain("connected again");
     }
     // Programs are told of every reading, and people of the steps when they are known.
-    const bool isToldNow = told.mIsSettled || mInvocation.mJson;
-    return !isToldNow || PrintReading(told, true);
+    if (mInvocation.mJson) {
+        return PrintReading(told, true);
+    }
+    return !told.mIsSettled || !IsNews(told, following) || PrintReading(told, true);
+}
+
+/** Whether it says more than the reading before: an answer, and the push that follows it, are one state. */
+bool CommandRunner::IsNews(const Told::NewReading &told, Following &following)
+{
+    const Sensor sensor = told.mReading.mSensor;
+    if (sensor != Sensor::Activity && sensor != Sensor::Pedometer) {
+        return true; // each is a measurement of its own
+    }
+    const Lines text = TextPrinter(TimeStyle::Short).Measured(told, told.mObservation.mAt, false);
+    return std::exchange(following.mSaid[sensor], text.front()) != text.front();
 }
 
 /** Tells people of what is no reading. What happens before the first reading is final: it is returned. */
@@ -430,6 +443,7 @@ std::optional<Error> CommandRunner::Notice(const Told::Event &event, Following &
         }
         following.mIsBack = true;
         following.mSilent.clear();
+        following.mSaid.clear();
         Complain(Describe(why) + (lost != nullptr ? "; connecting again" : "; trying again"));
     } else if (const auto *failed = std::get_if<Told::Failed>(&event)) {
         following.mSilent.insert(*failed->mSensor);

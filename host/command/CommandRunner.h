@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -54,8 +55,9 @@ private:
     struct Following
     {
         bool mHasRead = false;
-        bool mIsBack = false;     // a link was lost, and nothing has come since
-        std::set<Sensor> mSilent; // left out
+        bool mIsBack = false;                // a link was lost, and nothing has come since
+        std::set<Sensor> mSilent;            // left out
+        std::map<Sensor, std::string> mSaid; // by this link, of sensors that the watch pushes
     };
 
     [[nodiscard]] SessionOptions MakeSessionOptions() const;
@@ -70,6 +72,7 @@ private:
     std::optional<Error> Rest(const Deadline &end);
     Error PrintAll(Following &following, const Deadline &end);
     bool PrintOne(const Told::NewReading &told, Following &following);
+    static bool IsNews(const Told::NewReading &told, Following &following);
     std::optional<Error> Notice(const Told::Event &event, Following &following);
     std::optional<Error> EndActivity(bool isOver);
     void BeginProgress();

@@ -54,6 +54,7 @@ private:
 
 // The first two bytes of a reading's value; the others are 0.
 const Bytes kZero{0x00, 0x00};
+const Bytes kOne{0x3F, 0x80};
 const Bytes kTwo{0x40, 0x00};
 const Bytes kSeventyTwo{0x42, 0x90};
 
@@ -544,13 +545,15 @@ TEST_F(CommandTest, StopSaysWhatWasStopped)
     EXPECT_EQ(host.Wait(), 0);
 }
 
-TEST_F(CommandTest, WatchPrintsEachReadingAsItComes)
+TEST_F(CommandTest, WatchPrintsEachStateAsItComesOnce)
 {
     Host host(Arguments({"watch", "activity"}));
     StartActivity();
     EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
     mWatch.Send(ReadingFor(mStart, 3));
-    EXPECT_THAT(host.ReadLine(), EndsWith("  activity: running"));
+    mWatch.Send(ReadingFor(mStart, 3));
+    mWatch.Send(ReadingFor(mStart, 3, kOne));
+    EXPECT_THAT(host.ReadLine(), EndsWith("  activity: walking"));
 
     host.Signal(SIGINT);
     AnswerStop();
@@ -565,6 +568,9 @@ TEST_F(CommandTest, WatchEndsCleanlyOnSigterm)
     Host host(Arguments({"watch", "activity", "--json"}));
     StartActivity();
     EXPECT_EQ(json::parse(host.ReadLine()).at("activity"), "running");
+    mWatch.Send(ReadingFor(mStart, 3));
+    EXPECT_EQ(json::parse(host.ReadLine()).at("activity"), "running")
+        << "programs get each reading";
 
     host.Signal(SIGTERM);
     AnswerStop();
@@ -896,7 +902,7 @@ TEST_F(CaptureTest, TheFileIsWholeAfterASignalThatCannotBeCaught)
     Host host(Captured({"watch", "activity"}));
     StartActivity();
     host.ReadLine();
-    mWatch.Send(ReadingFor(mStart, 3));
+    mWatch.Send(ReadingFor(mStart, 3, kOne));
     host.ReadLine();
 
     host.Signal(SIGKILL);
