@@ -7,6 +7,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "RegularFile.h"
+
 namespace Parvane {
 
 namespace {
@@ -96,10 +98,8 @@ Block EnhancedPacket(const CapturedPacket &packet, const std::vector<std::string
 int CaptureFile::Open(const std::string &path, bool mayReplace)
 {
     constexpr int kOwnerOnly = 0600; // somebody's heart rate
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (mayReplace ? O_TRUNC : O_EXCL);
-    mFile.Reset(::open(path.c_str(), flags, kOwnerOnly));
-    if (!mFile) {
-        return errno;
+    if (const int error = MakeFile(path, mayReplace, 0, kOwnerOnly, mFile); error != 0) {
+        return error;
     }
     mSize = 0;
     Block beginning = SectionHeader();

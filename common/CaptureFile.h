@@ -44,7 +44,7 @@ public:
      * Begins the file.
      *
      * @param mayReplace  whether what is there already may be overwritten
-     * @return 0, or the errno of what failed; EEXIST
+     * @return 0, or the errno of what failed, as of MakeFile()
      */
     int Open(const std::string &path, bool mayReplace);
 

@@ -28,6 +28,17 @@ int OpenRegularFile(const std::string &path, int flags, UniqueFd &file)
     return S_ISREG(status.st_mode) ? 0 : kNotARegularFile;
 }
 
+int MakeFile(const std::string &path, bool mayReplace, int flags, mode_t mode, UniqueFd &file)
+{
+    const int existing = mayReplace ? O_TRUNC : O_EXCL;
+    file.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | existing | flags, mode));
+    const int error = file ? 0 : errno;
+    struct stat status
+    {};
+    const bool isFolder = ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    return error == EEXIST && isFolder ? EISDIR : error;
+}
+
 int ReadWholeFile(const std::string &path, std::size_t maxBytes, std::string &content)
 {
     UniqueFd file;

@@ -363,6 +363,11 @@ json LogRequest(const Texts &texts)
         request["level"] = *texts.mLevel;
     }
     if (texts.mTags) {
+        const std::string &tags = *texts.mTags;
+        if (tags.starts_with(',') || tags.ends_with(',') || tags.find(",,") != std::string::npos) {
+            throw Wrong("log", "tags", texts.mTags,
+                        "tags with a comma between each two, as in Parvane,platform; '' for any");
+        }
         request["tags"] = *texts.mTags;
     }
     return request;

@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
-#include <filesystem>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
+
+#include "RegularFile.h"
 
 namespace ParvaneWatch {
 
@@ -27,14 +27,8 @@ int RecordingFile::Open(bool mayReplace)
         return mFd ? 0 : errno;
     }
     // Not blocking: nothing could interrupt the wait for a FIFO's reader.
-    const int flags =
-        O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (mayReplace ? O_TRUNC : O_EXCL);
-    mFd.Reset(::open(mPath.c_str(), flags, 0666));
     mSize = 0;
-    const int error = mFd ? 0 : errno;
-    std::error_code ignored;
-    // A folder is nothing that could be overwritten.
-    return error == EEXIST && std::filesystem::is_directory(mPath, ignored) ? EISDIR : error;
+    return Parvane::MakeFile(mPath, mayReplace, O_NOCTTY | O_NONBLOCK, 0666, mFd);
 }
 
 int RecordingFile::Write(std::string_view lines)

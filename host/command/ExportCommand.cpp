@@ -14,6 +14,7 @@
 #include "Output.h"
 #include "Printable.h"
 #include "ReadingLog.h"
+#include "RegularFile.h"
 #include "StepsKeeper.h"
 #include "Tcx.h"
 #include "UniqueFd.h"
@@ -104,10 +105,9 @@ void Write(const std::string &text, const Invocation &invocation)
     }
     constexpr int kOwnerOnly = 0600; // somebody's heart rate
     const std::string &path = *invocation.mOutputPath;
-    const UniqueFd file(::open(
-        path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (invocation.mForce ? O_TRUNC : O_EXCL),
-        kOwnerOnly));
-    const int error = file ? Parvane::WriteAll(file.Get(), text) : errno;
+    UniqueFd file;
+    int error = Parvane::MakeFile(path, invocation.mForce, 0, kOwnerOnly, file);
+    error = error == 0 ? Parvane::WriteAll(file.Get(), text) : error;
     if (error != 0) {
         throw ExportError("cannot write '" + path + "': " + Parvane::ErrnoText(error) +
                           (error == EEXIST ? " (--force overwrites it)" : ""));

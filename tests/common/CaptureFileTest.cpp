@@ -85,6 +85,9 @@ TEST_F(CaptureFileTest, AFileThatIsThereIsReplacedOnlyWhereThatIsWanted)
     EXPECT_EQ(mFile.Open(mPath, false), EEXIST);
     EXPECT_FALSE(mFile.IsOpen());
     EXPECT_EQ(Content(), Bytes(before.begin(), before.end()));
+    for (const bool mayReplace : {false, true}) {
+        EXPECT_EQ(mFile.Open("/", mayReplace), EISDIR) << "which is never replaced";
+    }
     EXPECT_EQ(mFile.Open(mPath, true), 0);
     EXPECT_EQ(Content(), kBeginning);
 }

@@ -68,6 +68,12 @@ TEST(CommandLineTest, ConfigAndLogAskAndLogChanges)
     EXPECT_EQ(RequestOf({"log", "--tags", "a,b"}),
               json({{"version", 1}, {"request", "log"}, {"tags", "a,b"}}));
     EXPECT_EQ(RequestOf({"log", "--tags", ""}).at("tags"), "");
+    for (const std::string tags : {",", "a,", ",a", "a,,b"}) {
+        EXPECT_EQ(ErrorOf({"log", "--tags", tags}),
+                  "parvane-watch: log: unknown tags '" + tags +
+                      "'; allowed: tags with a comma between each two, as in Parvane,platform; '' "
+                      "for any");
+    }
 }
 
 TEST(CommandLineTest, PlayTakesAScriptASeedAndASpeed)
