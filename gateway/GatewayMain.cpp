@@ -15,6 +15,7 @@
 #include "Gateway.h"
 #include "Log.h"
 #include "Output.h"
+#include "RunHandler.h"
 #include "RuntimeDirectory.h"
 #include "Settings.h"
 #include "Signals.h"
@@ -24,6 +25,11 @@ namespace {
 
 using ParvaneGateway::ExitCode;
 using ParvaneGateway::Settings;
+
+void LogHandlerFailure(const char *line) noexcept
+{
+    ParvaneGateway::LogError(line);
+}
 
 /** Makes a directory that is not there, for this user alone. */
 void MakeDirectory(const std::string &path)
@@ -95,6 +101,7 @@ ExitCode Run(const std::vector<std::string> &arguments)
 int main(int argc, char **argv)
 {
     Parvane::ReserveStandardDescriptors();
+    Parvane::SetHandlerLog(LogHandlerFailure);
     try {
         return static_cast<int>(
             Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc)));

@@ -42,8 +42,9 @@ bool HasHungUp(int fd)
 
 } // namespace
 
-BluetoothPhone::BluetoothPhone(PhoneSeat &seat, const GattObjects &objects, const BusScope &bluez,
-                               Peer peer, BluetoothPhoneEvents &events)
+BluetoothPhone::BluetoothPhone(PhoneSeat &seat, const GattObjects &objects,
+                               const Parvane::BusScope &bluez, Peer peer,
+                               BluetoothPhoneEvents &events)
     : mSeat(seat),
       mObjects(objects),
       mPeer(std::move(peer)),

@@ -51,8 +51,8 @@ public:
      *
      * @param bluez  where BlueZ is called
      */
-    BluetoothPhone(PhoneSeat &seat, const GattObjects &objects, const BusScope &bluez, Peer peer,
-                   BluetoothPhoneEvents &events);
+    BluetoothPhone(PhoneSeat &seat, const GattObjects &objects, const Parvane::BusScope &bluez,
+                   Peer peer, BluetoothPhoneEvents &events);
     ~BluetoothPhone() override;
 
     BluetoothPhone(const BluetoothPhone &) = delete;
@@ -102,7 +102,7 @@ private:
     const GattObjects &mObjects;
     Peer mPeer;
     BluetoothPhoneEvents &mEvents;
-    BusScope mBluez;
+    Parvane::BusScope mBluez;
     Parvane::UniqueFd mWrite;
     Parvane::LoopSource mWriteInput;
     bool mMayRead = true;

@@ -13,14 +13,6 @@ namespace {
 
 constexpr int kLongestFlushMs = 500;
 
-/** Returns when the bus has all that was sent; GIO's own flush has no limit. */
-void Flush(GDBusConnection *connection)
-{
-    const VariantPtr answer(g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, kLongestFlushMs, nullptr, nullptr));
-}
-
 } // namespace
 
 BluetoothRoad::BluetoothRoad(BluetoothSettings settings, PhoneSeat &seat,
@@ -85,7 +77,7 @@ void BluetoothRoad::OnConnected(GObject * /*source*/, GAsyncResult *result,
         return; // the road has gone
     }
     auto *self = static_cast<BluetoothRoad *>(user_data);
-    RunBusHandler([&] { self->TakeConnection(std::move(connection), failure.get()); });
+    Parvane::RunBusHandler([&] { self->TakeConnection(std::move(connection), failure.get()); });
 }
 
 void BluetoothRoad::TakeConnection(Parvane::ObjectPtr<GDBusConnection> connection,
@@ -101,15 +93,16 @@ void BluetoothRoad::TakeConnection(Parvane::ObjectPtr<GDBusConnection> connectio
     }
     mPause = mTimes.mFirstPause;
     mClosed = g_signal_connect(mConnection.get(), "closed", G_CALLBACK(OnClosed), this);
-    mBluez = std::make_unique<BusScope>(mConnection.get(), Bluez::kName);
-    mBluez->WatchOwner([this](const std::string &owner) { OnBluez(owner); });
+    mBluez = std::make_unique<Parvane::BusScope>(mConnection.get(), Bluez::kName);
+    mBluez->WatchOwner(Parvane::BusScope::AutoStart::No,
+                       [this](const std::string &owner) { OnBluez(owner); });
 }
 
 void BluetoothRoad::OnClosed(GDBusConnection * /*connection*/, gboolean /*byPeer*/,
                              GError * /*error*/, gpointer user_data) noexcept
 {
     auto *self = static_cast<BluetoothRoad *>(user_data);
-    RunBusHandler([self] {
+    Parvane::RunBusHandler([self] {
         self->Disconnect();
         self->OnState("the system bus is lost", true);
         self->mRetry = Parvane::LoopSource::After(self->mPause, [self] { self->Connect(); });
@@ -123,7 +116,7 @@ void BluetoothRoad::Disconnect()
     if (mConnection) {
         g_signal_handler_disconnect(mConnection.get(), mClosed);
         if (g_dbus_connection_is_closed(mConnection.get()) == FALSE) {
-            Flush(mConnection.get());
+            Parvane::FlushBus(mConnection.get(), kLongestFlushMs);
             g_dbus_connection_close(mConnection.get(), nullptr, nullptr, nullptr);
         }
         mConnection.reset();

@@ -6,11 +6,13 @@
 #include <memory>
 #include <string>
 
+#include <gio/gio.h>
+
 #include "BluetoothTimes.h"
 #include "BluezSession.h"
 #include "BusScope.h"
-#include "BusTypes.h"
 #include "LoopSource.h"
+#include "ObjectPtr.h"
 #include "PhoneSeat.h"
 #include "Road.h"
 #include "Settings.h"
@@ -72,7 +74,7 @@ private:
     Parvane::LoopSource mRetry;
     std::chrono::milliseconds mPause = mTimes.mFirstPause;
     /** Who BlueZ is. */
-    std::unique_ptr<BusScope> mBluez;
+    std::unique_ptr<Parvane::BusScope> mBluez;
     std::unique_ptr<BluezSession> mSession;
 };
 

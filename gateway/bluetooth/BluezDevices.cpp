@@ -1,46 +1,20 @@
 #include "BluezDevices.h"
 
 #include "BluezNames.h"
-#include "BusTypes.h"
+#include "Variants.h"
 
 namespace ParvaneGateway {
 
 namespace {
 
-/** Calls `function(key, value)` for each entry of a dictionary whose keys are strings or paths. */
-template <typename Function>
-void ForEach(GVariant *dictionary, Function function)
-{
-    const gsize count = g_variant_n_children(dictionary);
-    for (gsize i = 0; i < count; ++i) {
-        const VariantPtr entry(g_variant_get_child_value(dictionary, i));
-        const VariantPtr key(g_variant_get_child_value(entry.get(), 0));
-        const VariantPtr value(g_variant_get_child_value(entry.get(), 1));
-        function(std::string(g_variant_get_string(key.get(), nullptr)), value.get());
-    }
-}
-
-bool AsBool(GVariant *value)
-{
-    return g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN) != FALSE &&
-           g_variant_get_boolean(value) != FALSE;
-}
-
-std::string AsText(GVariant *value)
-{
-    return g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) != FALSE
-               ? g_variant_get_string(value, nullptr)
-               : "";
-}
-
 void SetAdapter(BluezDevices::Adapter &adapter, const std::string &property, GVariant *value)
 {
     if (property == "Powered") {
-        adapter.mIsPowered = AsBool(value);
+        adapter.mIsPowered = Parvane::AsBool(value);
     } else if (property == "Alias") {
-        adapter.mAlias = AsText(value);
+        adapter.mAlias = Parvane::AsText(value);
     } else if (property == "Pairable") {
-        adapter.mIsPairable = AsBool(value);
+        adapter.mIsPairable = Parvane::AsBool(value);
     } else if (property == "PairableTimeout" &&
                g_variant_is_of_type(value, G_VARIANT_TYPE_UINT32) != FALSE) {
         adapter.mPairableTimeout = g_variant_get_uint32(value);
@@ -50,15 +24,15 @@ void SetAdapter(BluezDevices::Adapter &adapter, const std::string &property, GVa
 void SetDevice(BluezDevices::Device &device, const std::string &property, GVariant *value)
 {
     if (property == "Address") {
-        device.mAddress = AsText(value);
+        device.mAddress = Parvane::AsText(value);
     } else if (property == "Alias") {
-        device.mAlias = AsText(value);
+        device.mAlias = Parvane::AsText(value);
     } else if (property == "Connected") {
-        device.mIsConnected = AsBool(value);
+        device.mIsConnected = Parvane::AsBool(value);
     } else if (property == "Paired") {
-        device.mIsPaired = AsBool(value);
+        device.mIsPaired = Parvane::AsBool(value);
     } else if (property == "Bonded") {
-        device.mBonded = AsBool(value);
+        device.mBonded = Parvane::AsBool(value);
     }
 }
 
@@ -68,13 +42,13 @@ void BluezDevices::Load(GVariant *objects)
 {
     mAdapters.clear();
     mDevices.clear();
-    ForEach(objects,
-            [this](const std::string &path, GVariant *interfaces) { Add(path, interfaces); });
+    Parvane::ForEachEntry(
+        objects, [this](const std::string &path, GVariant *interfaces) { Add(path, interfaces); });
 }
 
 void BluezDevices::Add(const std::string &path, GVariant *interfaces)
 {
-    ForEach(interfaces, [&](const std::string &interface, GVariant *properties) {
+    Parvane::ForEachEntry(interfaces, [&](const std::string &interface, GVariant *properties) {
         if (interface == Bluez::kAdapter) {
             mAdapters[path].mIsPowered = false;
         } else if (interface == Bluez::kGattManager) {
@@ -90,10 +64,7 @@ void BluezDevices::Add(const std::string &path, GVariant *interfaces)
 
 void BluezDevices::Remove(const std::string &path, GVariant *interfaces)
 {
-    const gsize count = g_variant_n_children(interfaces);
-    for (gsize i = 0; i < count; ++i) {
-        const VariantPtr text(g_variant_get_child_value(interfaces, i));
-        const std::string interface = g_variant_get_string(text.get(), nullptr);
+    Parvane::ForEachText(interfaces, [&](const std::string &interface) {
         if (interface == Bluez::kDevice) {
             mDevices.erase(path);
         } else if (interface == Bluez::kAdapter) {
@@ -102,19 +73,18 @@ void BluezDevices::Remove(const std::string &path, GVariant *interfaces)
             adapter->second.mServes &= interface != Bluez::kGattManager;
             adapter->second.mAdvertises &= interface != Bluez::kAdvertisingManager;
         }
-    }
+    });
 }
 
 void BluezDevices::Change(const std::string &path, const std::string &interface, GVariant *changed)
 {
     const auto adapter = mAdapters.find(path);
     const auto device = mDevices.find(path);
-    ForEach(changed, [&](const std::string &property, GVariant *boxed) {
-        const VariantPtr value(g_variant_get_variant(boxed));
+    Parvane::ForEachProperty(changed, [&](const std::string &property, GVariant *value) {
         if (interface == Bluez::kAdapter && adapter != mAdapters.end()) {
-            SetAdapter(adapter->second, property, value.get());
+            SetAdapter(adapter->second, property, value);
         } else if (interface == Bluez::kDevice && device != mDevices.end()) {
-            SetDevice(device->second, property, value.get());
+            SetDevice(device->second, property, value);
         }
     });
 }

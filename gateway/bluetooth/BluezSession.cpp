@@ -7,6 +7,7 @@
 #include "BluezNames.h"
 #include "Log.h"
 #include "Printable.h"
+#include "Variants.h"
 
 namespace ParvaneGateway {
 
@@ -20,16 +21,6 @@ constexpr Registration::Methods kAdvertisement = {
 
 /** An error of no meaning to BlueZ, which then goes the way without descriptors. */
 constexpr char kNoDescriptor[] = "org.freedesktop.DBus.Error.NotSupported";
-
-VariantPtr Child(GVariant *tuple, gsize index)
-{
-    return VariantPtr(g_variant_get_child_value(tuple, index));
-}
-
-std::string Text(GVariant *tuple, gsize index)
-{
-    return g_variant_get_string(Child(tuple, index).get(), nullptr);
-}
 
 /** Why a phone was refused, as it is counted; empty where the seat has counted it. */
 std::string KindOf(const std::string &code)
@@ -73,7 +64,7 @@ std::string ReasonOf(PhoneEnd why)
 
 } // namespace
 
-BluezSession::Service::Service(const BusScope &bluez, const std::string &adapter,
+BluezSession::Service::Service(const Parvane::BusScope &bluez, const std::string &adapter,
                                std::chrono::milliseconds firstPause,
                                const Registration::Changed &changed)
     : mAdapter(adapter),
@@ -92,23 +83,24 @@ BluezSession::BluezSession(GDBusConnection *connection, const std::string &owner
       mObjects(connection, settings.mIsAuthenticated, *this)
 {
     mBluez.Subscribe(
-        Bluez::kObjectManager, "InterfacesAdded", "(oa{sa{sv}})", nullptr,
+        {Bluez::kObjectManager, "InterfacesAdded", "(oa{sa{sv}})"},
         [this](const std::string & /*path*/, GVariant *arguments) { OnAdded(arguments); });
     mBluez.Subscribe(
-        Bluez::kObjectManager, "InterfacesRemoved", "(oas)", nullptr,
+        {Bluez::kObjectManager, "InterfacesRemoved", "(oas)"},
         [this](const std::string & /*path*/, GVariant *arguments) { OnRemoved(arguments); });
     for (const char *interface : {Bluez::kAdapter, Bluez::kDevice}) {
         mBluez.Subscribe(
-            Bluez::kProperties, "PropertiesChanged", "(sa{sv}as)", interface,
+            {Bluez::kProperties, "PropertiesChanged", "(sa{sv}as)", interface},
             [this](const std::string &path, GVariant *arguments) { OnChanged(path, arguments); });
     }
     mBluez.Call("/", Bluez::kObjectManager, "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})",
                 [this](GVariant *reply, const GError *error) {
                     if (error != nullptr) {
-                        LogWarning("bluetooth: BlueZ tells no objects: " + BusReason(error));
+                        LogWarning("bluetooth: BlueZ tells no objects: " +
+                                   Parvane::BusReason(error));
                         return;
                     }
-                    mDevices.Load(Child(reply, 0).get());
+                    mDevices.Load(Parvane::Child(reply, 0).get());
                     mIsLoaded = true;
                     Advance();
                 });
@@ -117,7 +109,7 @@ BluezSession::BluezSession(GDBusConnection *connection, const std::string &owner
 void BluezSession::OnAdded(GVariant *arguments)
 {
     if (mIsLoaded) {
-        mDevices.Add(Text(arguments, 0), Child(arguments, 1).get());
+        mDevices.Add(Parvane::TextChild(arguments, 0), Parvane::Child(arguments, 1).get());
         Advance();
     }
 }
@@ -125,8 +117,8 @@ void BluezSession::OnAdded(GVariant *arguments)
 void BluezSession::OnRemoved(GVariant *arguments)
 {
     if (mIsLoaded) {
-        const std::string path = Text(arguments, 0);
-        mDevices.Remove(path, Child(arguments, 1).get());
+        const std::string path = Parvane::TextChild(arguments, 0);
+        mDevices.Remove(path, Parvane::Child(arguments, 1).get());
         if (mDevices.GetDevice(path) == nullptr) {
             mSubscribers.erase(path);
         }
@@ -137,7 +129,7 @@ void BluezSession::OnRemoved(GVariant *arguments)
 void BluezSession::OnChanged(const std::string &path, GVariant *arguments)
 {
     if (mIsLoaded) {
-        mDevices.Change(path, Text(arguments, 0), Child(arguments, 1).get());
+        mDevices.Change(path, Parvane::TextChild(arguments, 0), Parvane::Child(arguments, 1).get());
         Advance();
     }
 }

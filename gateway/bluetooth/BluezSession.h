@@ -73,7 +73,7 @@ private:
     /** The two things that an adapter is asked for. */
     struct Service
     {
-        Service(const BusScope &bluez, const std::string &adapter,
+        Service(const Parvane::BusScope &bluez, const std::string &adapter,
                 std::chrono::milliseconds firstPause, const Registration::Changed &changed);
 
         std::string mAdapter;
@@ -118,7 +118,7 @@ private:
     const BluetoothTimes &mTimes;
     PhoneSeat &mSeat;
     BluezSessionEvents &mEvents;
-    BusScope mBluez;
+    Parvane::BusScope mBluez;
     GattObjects mObjects;
     BluezDevices mDevices;
     bool mIsLoaded = false;

@@ -1,7 +1,7 @@
 #include "GattCall.h"
 
 #include "BluezNames.h"
-#include "BusTypes.h"
+#include "Variants.h"
 
 namespace ParvaneGateway {
 
@@ -16,15 +16,14 @@ GattCall::GattCall(Kind kind, GDBusMethodInvocation *invocation)
     GVariant *arguments = g_dbus_method_invocation_get_parameters(invocation);
     const gsize count = g_variant_n_children(arguments);
     if (kind == Kind::WriteValue) {
-        const VariantPtr value(g_variant_get_child_value(arguments, 0));
+        const Parvane::VariantPtr value = Parvane::Child(arguments, 0);
         gsize size = 0;
         const auto *bytes = static_cast<const std::uint8_t *>(
             g_variant_get_fixed_array(value.get(), &size, sizeof(std::uint8_t)));
         mValue.assign(bytes, bytes + size);
     }
     if (count != 0) {
-        const VariantPtr options(g_variant_get_child_value(arguments, count - 1));
-        ReadOptions(options.get());
+        ReadOptions(Parvane::Child(arguments, count - 1).get());
     }
 }
 

@@ -126,7 +126,7 @@ void GattObjects::OnCall(GDBusConnection * /*connection*/, const char * /*sender
                          gpointer user_data) noexcept
 {
     auto *self = static_cast<GattObjects *>(user_data);
-    RunBusHandler([&] { self->Call(interface, method, invocation); });
+    Parvane::RunBusHandler([&] { self->Call(interface, method, invocation); });
 }
 
 void GattObjects::Call(const std::string &interface, const std::string &method,

@@ -4,8 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "BusTypes.h"
+#include <gio/gio.h>
+
 #include "GattCall.h"
+#include "ObjectPtr.h"
 #include "Phone.h"
 
 namespace ParvaneGateway {

@@ -9,6 +9,7 @@
 #include "Output.h"
 #include "Printable.h"
 #include "Signals.h"
+#include "Variants.h"
 
 namespace ParvaneGateway {
 
@@ -55,32 +56,30 @@ Pairing::Pairing(GDBusConnection *connection, PairingSettings settings, int inpu
       mBluez(connection, Bluez::kName)
 {
     const auto take = [this](GVariant *arguments, auto &&change) {
-        const VariantPtr path(g_variant_get_child_value(arguments, 0));
-        const VariantPtr content(g_variant_get_child_value(arguments, 1));
         if (mIsLoaded) {
-            change(std::string(g_variant_get_string(path.get(), nullptr)), content.get());
+            change(Parvane::TextChild(arguments, 0), Parvane::Child(arguments, 1).get());
             OnDevices();
         }
     };
-    mBluez.Subscribe(Bluez::kObjectManager, "InterfacesAdded", "(oa{sa{sv}})", nullptr,
+    mBluez.Subscribe({Bluez::kObjectManager, "InterfacesAdded", "(oa{sa{sv}})"},
                      [this, take](const std::string & /*path*/, GVariant *arguments) {
                          take(arguments, [this](const std::string &path, GVariant *interfaces) {
                              mDevices.Add(path, interfaces);
                          });
                      });
-    mBluez.Subscribe(Bluez::kObjectManager, "InterfacesRemoved", "(oas)", nullptr,
+    mBluez.Subscribe({Bluez::kObjectManager, "InterfacesRemoved", "(oas)"},
                      [this, take](const std::string & /*path*/, GVariant *arguments) {
                          take(arguments, [this](const std::string &path, GVariant *interfaces) {
                              mDevices.Remove(path, interfaces);
                          });
                      });
-    mBluez.Subscribe(Bluez::kProperties, "PropertiesChanged", "(sa{sv}as)", Bluez::kDevice,
+    mBluez.Subscribe({Bluez::kProperties, "PropertiesChanged", "(sa{sv}as)", Bluez::kDevice},
                      [this, take](const std::string &path, GVariant *arguments) {
                          take(arguments, [&](const std::string &interface, GVariant *changed) {
                              mDevices.Change(path, interface, changed);
                          });
                      });
-    mBluez.WatchOwner([this](const std::string &owner) {
+    mBluez.WatchOwner(Parvane::BusScope::AutoStart::No, [this](const std::string &owner) {
         if (owner.empty()) {
             Fail("BlueZ is not running");
         }
@@ -88,11 +87,10 @@ Pairing::Pairing(GDBusConnection *connection, PairingSettings settings, int inpu
     mBluez.Call("/", Bluez::kObjectManager, "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})",
                 [this](GVariant *reply, const GError *error) {
                     if (error != nullptr) {
-                        Fail(BusReason(error));
+                        Fail(Parvane::BusReason(error));
                         return;
                     }
-                    const VariantPtr objects(g_variant_get_child_value(reply, 0));
-                    OnObjects(objects.get());
+                    OnObjects(Parvane::Child(reply, 0).get());
                 });
 }
 
@@ -129,7 +127,7 @@ void Pairing::OnObjects(GVariant *objects)
                               mSettings.mIsWithoutQuestion ? "NoInputNoOutput" : "DisplayYesNo"),
                 "()", [this](GVariant * /*reply*/, const GError *error) {
                     if (error != nullptr) {
-                        Fail("BlueZ takes no agent: " + BusReason(error));
+                        Fail("BlueZ takes no agent: " + Parvane::BusReason(error));
                         return;
                     }
                     mIsOffered = true;
@@ -143,7 +141,7 @@ void Pairing::Offer()
                 g_variant_new("(o)", kAgentPath), "()",
                 [this](GVariant * /*reply*/, const GError *error) {
                     if (error != nullptr) {
-                        Fail("BlueZ takes no default agent: " + BusReason(error));
+                        Fail("BlueZ takes no default agent: " + Parvane::BusReason(error));
                     }
                 });
     const BluezDevices::Adapter &adapter = *mDevices.GetAdapter(mAdapter);
@@ -191,7 +189,7 @@ void Pairing::OnAgentCall(GDBusConnection * /*connection*/, const char * /*sende
                           gpointer user_data) noexcept
 {
     auto *self = static_cast<Pairing *>(user_data);
-    RunBusHandler([&] { self->Ask(method, arguments, invocation); });
+    Parvane::RunBusHandler([&] { self->Ask(method, arguments, invocation); });
 }
 
 void Pairing::Ask(const std::string &method, GVariant *arguments, GDBusMethodInvocation *invocation)

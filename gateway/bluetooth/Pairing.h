@@ -7,10 +7,12 @@
 #include <set>
 #include <string>
 
+#include <gio/gio.h>
+
 #include "BluezDevices.h"
 #include "BusScope.h"
-#include "BusTypes.h"
 #include "LoopSource.h"
+#include "ObjectPtr.h"
 
 namespace ParvaneGateway {
 
@@ -66,7 +68,7 @@ private:
     int mInput;
     Say mSay;
     Ended mEnded;
-    BusScope mBluez;
+    Parvane::BusScope mBluez;
     BluezDevices mDevices;
     bool mIsLoaded = false;
     std::string mAdapter;

@@ -7,8 +7,9 @@
 
 namespace ParvaneGateway {
 
-Registration::Registration(const BusScope &bluez, std::string adapter, const Methods &methods,
-                           std::chrono::milliseconds firstPause, Changed changed)
+Registration::Registration(const Parvane::BusScope &bluez, std::string adapter,
+                           const Methods &methods, std::chrono::milliseconds firstPause,
+                           Changed changed)
     : mBluez(bluez.Connection(), bluez.Peer()),
       mAdapter(std::move(adapter)),
       mMethods(methods),
@@ -63,9 +64,9 @@ void Registration::Register()
 
 void Registration::OnRegistered(const GError *error)
 {
-    if (error != nullptr && !IsBusError(error, Bluez::kAlreadyExists)) {
+    if (error != nullptr && !Parvane::IsBusError(error, Bluez::kAlreadyExists)) {
         mState = State::Off;
-        Retry(BusReason(error));
+        Retry(Parvane::BusReason(error));
         return;
     }
     mState = State::On;

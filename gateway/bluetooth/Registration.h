@@ -32,7 +32,7 @@ public:
     using Changed = std::function<void()>;
 
     /** @param bluez  where BlueZ is called @param adapter  its path */
-    Registration(const BusScope &bluez, std::string adapter, const Methods &methods,
+    Registration(const Parvane::BusScope &bluez, std::string adapter, const Methods &methods,
                  std::chrono::milliseconds firstPause, Changed changed);
     ~Registration();
 
@@ -59,7 +59,7 @@ private:
     void OnRegistered(const GError *error);
     void Retry(const std::string &problem);
 
-    BusScope mBluez;
+    Parvane::BusScope mBluez;
     std::string mAdapter;
     Methods mMethods;
     Changed mChanged;

@@ -25,7 +25,7 @@ bool IsKey(const std::string &key)
         return false;
     }
     gsize size = 0;
-    const std::unique_ptr<guchar, Parvane::GlibFree> bytes(g_base64_decode(key.c_str(), &size));
+    const std::unique_ptr<guchar, Parvane::Released<g_free>> bytes(g_base64_decode(key.c_str(), &size));
     return size == kKeyBytes;
 }
 

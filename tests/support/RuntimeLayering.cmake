@@ -31,6 +31,15 @@ file(GLOB common RELATIVE ${RUNTIME_DIR}/../../common ${RUNTIME_DIR}/../../commo
 foreach(header IN LISTS common)
     set(LAYER_OF_${header} common)
 endforeach()
+# What GLib leaves to everybody belongs to the rooms that bring it.
+foreach(pair loop=loop bus=bus/module)
+    string(REGEX REPLACE "=.*" "" folder ${pair})
+    string(REGEX REPLACE ".*=" "" room ${pair})
+    file(GLOB headers RELATIVE ${RUNTIME_DIR}/../../glib/${folder} ${RUNTIME_DIR}/../../glib/${folder}/*.h)
+    foreach(header IN LISTS headers)
+        set(LAYER_OF_${header} ${room})
+    endforeach()
+endforeach()
 
 foreach(file IN LISTS sources)
     layer_of(${file} layer)

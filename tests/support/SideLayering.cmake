@@ -1,4 +1,4 @@
-# Holds the walls around common/, the phone's side and the view into the service:
+# Holds the walls around common/, glib/, the phone's side and the view into the service:
 # cmake -DROOT=... -P
 #
 # The phone's side and the service share the wire format's document and nothing else; so each folder
@@ -8,9 +8,12 @@ cmake_minimum_required(VERSION 3.25)
 
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
-set(FOLDERS common common/usage host/wire host/ledger host/session host/link host/export host/command host/capi host/capi/parvane watch watch/check_config watch/monitor watch/play)
+set(FOLDERS common common/usage glib/loop glib/bus glib/web host/wire host/ledger host/session host/link host/export host/command host/capi host/capi/parvane watch watch/check_config watch/monitor watch/play)
 set(SEES_common "")
 set(SEES_common/usage common)
+set(SEES_glib/loop common)
+set(SEES_glib/bus glib/loop common)
+set(SEES_glib/web glib/loop common)
 set(SEES_host/wire "")
 set(SEES_host/ledger host/wire)
 set(SEES_host/session host/ledger host/wire)
@@ -25,12 +28,15 @@ set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
 set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
 
-set(POSIX dirent.h clocale fcntl.h langinfo.h poll.h signal.h sys/file.h sys/ioctl.h sys/mman.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
+set(POSIX dirent.h clocale fcntl.h langinfo.h poll.h signal.h sys/epoll.h sys/file.h sys/ioctl.h sys/mman.h sys/random.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
     sys/un.h termios.h unistd.h)
 # No I/O: what is in here is told what happens, and when.
 set(PURE host/wire host/ledger host/session)
 set(LIBRARIES_common "")
 set(LIBRARIES_common/usage CLI)
+set(LIBRARIES_glib/loop glib.h glib-object.h)
+set(LIBRARIES_glib/bus gio)
+set(LIBRARIES_glib/web glib.h gio)
 set(LIBRARIES_host/wire "")
 set(LIBRARIES_host/ledger "")
 set(LIBRARIES_host/session "")
@@ -86,7 +92,7 @@ foreach(folder IN LISTS FOLDERS)
     endforeach()
 endforeach()
 
-file(GLOB_RECURSE all ${ROOT}/common/*.h ${ROOT}/common/*.cpp ${ROOT}/host/*.h ${ROOT}/host/*.cpp
+file(GLOB_RECURSE all ${ROOT}/common/*.h ${ROOT}/common/*.cpp ${ROOT}/glib/*.h ${ROOT}/glib/*.cpp ${ROOT}/host/*.h ${ROOT}/host/*.cpp
     ${ROOT}/watch/*.h ${ROOT}/watch/*.cpp)
 list(LENGTH all expected)
 if(NOT count EQUAL expected)

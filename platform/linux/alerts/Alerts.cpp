@@ -2,10 +2,10 @@
 
 #include <utility>
 
-#include "LoopSource.h"
 #include "PressureMonitor.h"
 #include "RuntimeLog.h"
 #include "SysfsBatteryMonitor.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 

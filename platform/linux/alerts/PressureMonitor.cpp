@@ -44,7 +44,7 @@ bool PressureMonitor::Start(Alert alert)
         return false;
     }
     mAlert = std::move(alert);
-    mEvents = LoopSource::WatchFd(mFile.Get(), G_IO_PRI, [this] { OnEvent(); });
+    mEvents = Parvane::LoopSource::WatchFd(mFile.Get(), G_IO_PRI, [this] { OnEvent(); });
     return true;
 }
 

@@ -44,7 +44,7 @@ private:
     Opener mOpen;
     Alert mAlert;
     Parvane::UniqueFd mFile;
-    LoopSource mEvents;
+    Parvane::LoopSource mEvents;
 };
 
 } // namespace ParvanePlatform

@@ -46,7 +46,7 @@ bool SysfsBatteryMonitor::Start(Alert alert)
 {
     mAlert = std::move(alert);
     if (Update()) {
-        mFirstAlert = LoopSource::Post([this] { mAlert(); });
+        mFirstAlert = Parvane::LoopSource::Post([this] { mAlert(); });
     }
     return mIsThere;
 }

@@ -8,6 +8,7 @@
 #include "Clock.h"
 #include "LoopSource.h"
 #include "Settings.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -57,7 +58,7 @@ private:
     const Clock &mClock;
     std::unique_ptr<Timer> mTimer;
     Alert mAlert;
-    LoopSource mFirstAlert;
+    Parvane::LoopSource mFirstAlert;
     std::string mProblem;
     bool mIsThere = false;
     /** Kept while nothing can be read, so that one crossing alerts once. */

@@ -19,8 +19,8 @@ namespace ParvanePlatform {
 
 namespace {
 
-using KeyFilePtr = std::unique_ptr<GKeyFile, Released<g_key_file_free>>;
-using ErrorPtr = std::unique_ptr<GError, Released<g_error_free>>;
+using KeyFilePtr = std::unique_ptr<GKeyFile, Parvane::Released<g_key_file_free>>;
+using ErrorPtr = std::unique_ptr<GError, Parvane::Released<g_error_free>>;
 
 std::string_view Trim(std::string_view text)
 {
@@ -270,13 +270,13 @@ std::optional<std::vector<std::string>> Reader::ValueOf(const ConfigKey &key) co
     std::vector<std::string> value;
     if (key.mIsList) {
         gsize count = 0;
-        const std::unique_ptr<char *, Released<g_strfreev>> list(
+        const std::unique_ptr<char *, Parvane::Released<g_strfreev>> list(
             g_key_file_get_string_list(mFile.get(), section, name, &count, &failure));
         if (list) {
             value.assign(list.get(), list.get() + count);
         }
     } else {
-        const std::unique_ptr<char, Released<g_free>> text(
+        const std::unique_ptr<char, Parvane::Released<g_free>> text(
             g_key_file_get_string(mFile.get(), section, name, &failure));
         if (text) {
             value.emplace_back(text.get());
@@ -288,7 +288,7 @@ std::optional<std::vector<std::string>> Reader::ValueOf(const ConfigKey &key) co
 
 std::string Reader::RawValueOf(const Name &name) const
 {
-    const std::unique_ptr<char, Released<g_free>> text(
+    const std::unique_ptr<char, Parvane::Released<g_free>> text(
         g_key_file_get_value(mFile.get(), name.first.c_str(), name.second.c_str(), nullptr));
     return text ? text.get() : "";
 }

@@ -125,7 +125,7 @@ int ContextManager::Query(int item, const context_option *option, context_change
     const Receiver receiver{callback, userData, mLastRequestId = NextId(mLastRequestId)};
     mQueries.push_back(PendingQuery{receiver, *known, *reading, mTurn});
     if (!mAnswer.IsActive()) {
-        mAnswer = LoopSource::Post([this] { AnswerQueries(); });
+        mAnswer = Parvane::LoopSource::Post([this] { AnswerQueries(); });
     }
     requestId = receiver.mRequestId;
     return 0;

@@ -154,7 +154,7 @@ private:
     std::deque<PendingQuery> mQueries;
     std::uint64_t mTurn = 0;
     int mLastRequestId = 0;
-    LoopSource mAnswer;
+    Parvane::LoopSource mAnswer;
     std::map<ContextItem, History> mHistory;
     Tap mTap;
     SensorSources mSources;

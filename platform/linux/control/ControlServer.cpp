@@ -106,8 +106,8 @@ void ControlServer::TakeClient(PacketSocket socket, int pid)
 void ControlServer::Watch(Client &client)
 {
     const GIOCondition events = client.mQueue.empty() ? kReadEvents : kAllEvents;
-    client.mSource = LoopSource::WatchFd(client.mSocket.Fd(), events,
-                                         [this, &client] { OnClientReady(client); });
+    client.mSource = Parvane::LoopSource::WatchFd(client.mSocket.Fd(), events,
+                                                  [this, &client] { OnClientReady(client); });
 }
 
 void ControlServer::OnClientReady(Client &client)
@@ -183,7 +183,7 @@ void ControlServer::Serve(Client &client, std::string_view message)
     if (answer.mStartsObserving && !client.mIsGone) {
         Tell(mHandler->TakeChanges()); // its reply has told it those already
         client.mObserves = true;
-        mTurnEnd = LoopSource::BeforeSleep([this] { Tell(mHandler->TakeChanges()); });
+        mTurnEnd = Parvane::LoopSource::BeforeSleep([this] { Tell(mHandler->TakeChanges()); });
     }
     if (answer.mStartsCapture && !client.mIsGone) {
         client.mCaptures = true;
@@ -313,7 +313,7 @@ void ControlServer::Drop(Client &client)
     client.mSource.Remove();
     client.mEndTimer.Disarm();
     if (!mSweep.IsActive()) {
-        mSweep = LoopSource::Post([this] { Sweep(); });
+        mSweep = Parvane::LoopSource::Post([this] { Sweep(); });
     }
 }
 

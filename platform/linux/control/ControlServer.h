@@ -16,6 +16,7 @@
 #include "LoopSource.h"
 #include "PacketSocket.h"
 #include "RecordingWriter.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -76,7 +77,7 @@ private:
 
         PacketSocket mSocket;
         int mPid = 0;
-        LoopSource mSource;
+        Parvane::LoopSource mSource;
         /** Set while the client records. */
         std::optional<RecordingWriter> mWriter;
         bool mObserves = false;
@@ -121,9 +122,9 @@ private:
     ListeningSocket mListener;
     std::vector<unsigned char> mBuffer;
     std::list<Client> mClients;
-    LoopSource mSweep;
+    Parvane::LoopSource mSweep;
     /** Set while somebody observes. */
-    LoopSource mTurnEnd;
+    Parvane::LoopSource mTurnEnd;
 };
 
 } // namespace ParvanePlatform

@@ -34,7 +34,7 @@ int PowerLocks::Lock(int state, int timeoutMs)
     held->mStatus.mState = state;
     held->mStatus.mTaken = mClock.Now();
     held->mStatus.mEndUs = mClock.MonotonicUs() + std::int64_t{timeoutMs} * 1000;
-    held->mEnd = LoopSource::At(held->mStatus.mEndUs, [this, held] {
+    held->mEnd = Parvane::LoopSource::At(held->mStatus.mEndUs, [this, held] {
         LogInfo("power: state %d released", held->mStatus.mState);
         mHeld.erase(held);
     });

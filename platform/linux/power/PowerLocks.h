@@ -59,7 +59,7 @@ private:
     {
         Status mStatus;
         std::unique_ptr<PowerHold> mHold;
-        LoopSource mEnd;
+        Parvane::LoopSource mEnd;
     };
 
     /** Sets the hold and the backend's name; false when none of the backends can hold. */

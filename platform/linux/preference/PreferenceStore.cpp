@@ -24,7 +24,7 @@ PreferenceStore::PreferenceStore(const std::string &stateDirectory, const Clock 
     : mClock(clock), mFile(stateDirectory, clock)
 {
     mFile.Open();
-    mTurnSource = LoopSource::BeforeSleep([this] { EndTurn(); });
+    mTurnSource = Parvane::LoopSource::BeforeSleep([this] { EndTurn(); });
 }
 
 PreferenceStore::~PreferenceStore()

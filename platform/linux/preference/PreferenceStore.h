@@ -9,6 +9,7 @@
 #include "Clock.h"
 #include "LoopSource.h"
 #include "PreferenceFile.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -111,7 +112,7 @@ private:
     bool mTurnIsTakenBack = false;
     std::int64_t mRetryDelayUs = 0;
     LoopTimer mRetryTimer;
-    LoopSource mTurnSource;
+    Parvane::LoopSource mTurnSource;
 };
 
 } // namespace ParvanePlatform

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "RunHandler.h"
 #include "RuntimeLog.h"
 
 /** A launch request; there is nothing in it. */
@@ -10,10 +11,21 @@ struct app_control
 
 namespace ParvanePlatform {
 
+namespace {
+
+void LogFailure(const char *line) noexcept
+{
+    LogError("%s", line);
+}
+
+} // namespace
+
 ServiceLoop::ServiceLoop(const service_app_callbacks &callbacks, void *userData)
     : mCallbacks(callbacks), mUserData(userData), mLoop(g_main_loop_new(nullptr, FALSE))
 {
-    mSignalSource = LoopSource::WatchSeldom(mSignals.Fd(), G_IO_IN, [this] { TakeSignals(); });
+    Parvane::SetHandlerLog(LogFailure);
+    mSignalSource =
+        Parvane::LoopSource::WatchSeldom(mSignals.Fd(), G_IO_IN, [this] { TakeSignals(); });
 }
 
 void ServiceLoop::TakeSignals()
@@ -33,7 +45,7 @@ void ServiceLoop::Run()
     mIsRunning = true;
     const bool created = mCallbacks.create(mUserData);
     if (created && !mQuit) {
-        mLaunch = LoopSource::Post([this] { DeliverLaunchRequest(); });
+        mLaunch = Parvane::LoopSource::Post([this] { DeliverLaunchRequest(); });
         g_main_loop_run(mLoop.get());
         mLaunch.Remove();
     }

@@ -12,6 +12,7 @@
 #include "Released.h"
 #include "ServiceManager.h"
 #include "Signals.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -42,11 +43,11 @@ private:
 
     const service_app_callbacks &mCallbacks;
     void *mUserData;
-    std::unique_ptr<GMainLoop, Released<g_main_loop_unref>> mLoop;
+    std::unique_ptr<GMainLoop, Parvane::Released<g_main_loop_unref>> mLoop;
     /** A signal asks for the end; one that comes before the loop runs waits until it does. */
     Parvane::Signals mSignals;
-    LoopSource mSignalSource;
-    LoopSource mLaunch;
+    Parvane::LoopSource mSignalSource;
+    Parvane::LoopSource mLaunch;
     SystemClock mClock;
     LoopTimer mWatchdogTimer;
     ServiceManager mManager = {mClock, mWatchdogTimer};

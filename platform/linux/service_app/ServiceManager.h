@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "Clock.h"
-#include "LoopSource.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 

@@ -75,7 +75,7 @@ ListeningSocket::~ListeningSocket()
 void ListeningSocket::Watch()
 {
     if (!mSource.IsActive()) {
-        mSource = LoopSource::WatchSeldom(mFd.Get(), G_IO_IN, mOnReady);
+        mSource = Parvane::LoopSource::WatchSeldom(mFd.Get(), G_IO_IN, mOnReady);
     }
 }
 

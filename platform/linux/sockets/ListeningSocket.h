@@ -9,6 +9,7 @@
 #include "Clock.h"
 #include "LoopSource.h"
 #include "PacketSocket.h"
+#include "Timer.h"
 #include "UniqueFd.h"
 
 namespace ParvanePlatform {
@@ -72,7 +73,7 @@ private:
     std::optional<uid_t> mAllowed;
     std::string mPath;
     Parvane::UniqueFd mFd;
-    LoopSource mSource;
+    Parvane::LoopSource mSource;
     LoopTimer mPause;
     /** Refused connections that no log line has told of. */
     std::uint64_t mRefused = 0;

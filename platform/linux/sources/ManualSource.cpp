@@ -29,7 +29,7 @@ int ManualSource::Start(ContextItem item)
     if (item != ContextItem::Gesture && mValues.contains(item)) {
         mBeginning.insert(item);
         if (!mBegin.IsActive()) {
-            mBegin = LoopSource::Post([this] { TellBeginnings(); });
+            mBegin = Parvane::LoopSource::Post([this] { TellBeginnings(); });
         }
     }
     return 0;

@@ -56,7 +56,7 @@ private:
     std::map<ContextItem, SensorReading> mValues;
     int mSteps = 0;
     /** Set while mBeginning is not empty. */
-    LoopSource mBegin;
+    Parvane::LoopSource mBegin;
 };
 
 } // namespace ParvanePlatform

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "Clock.h"
-#include "LoopSource.h"
 #include "Recording.h"
 #include "SensorSource.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 

@@ -3,11 +3,11 @@
 #include <utility>
 
 #include "IioSource.h"
-#include "LoopSource.h"
 #include "ManualSource.h"
 #include "RecordingReader.h"
 #include "ReplaySource.h"
 #include "StartupError.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 

@@ -283,7 +283,7 @@ void LinkSession::OnEndAnnounced()
 void LinkSession::ScheduleWork()
 {
     if (!mWork.IsActive()) {
-        mWork = LoopSource::Post([this] { DoWork(); });
+        mWork = Parvane::LoopSource::Post([this] { DoWork(); });
     }
 }
 

@@ -16,6 +16,7 @@
 #include "LinkTransport.h"
 #include "LoopSource.h"
 #include "PacketSocket.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -221,7 +222,7 @@ private:
     Tap mTap;
     int mConnectionId = 0;
     int mLastAgentId = 0;
-    LoopSource mWork;
+    Parvane::LoopSource mWork;
     LoopTimer mReadyTimer;
     /** Lets what the key store still has to call find out that the link is gone. */
     std::shared_ptr<int> mLife = std::make_shared<int>(0);

@@ -25,12 +25,13 @@ LinkTransport::LinkTransport(const std::string &runtimeDirectory, const Clock &c
 
 void LinkTransport::WatchMessages()
 {
-    mHostSource = LoopSource::WatchFd(mHost.Fd(), kReadEvents, [this] { OnHostReady(); });
+    mHostSource = Parvane::LoopSource::WatchFd(mHost.Fd(), kReadEvents, [this] { OnHostReady(); });
 }
 
 void LinkTransport::WatchEnd()
 {
-    mHostSource = LoopSource::WatchFd(mHost.Fd(), kEndEvents, [this] { mEvents.OnHungUp(); });
+    mHostSource =
+        Parvane::LoopSource::WatchFd(mHost.Fd(), kEndEvents, [this] { mEvents.OnHungUp(); });
 }
 
 void LinkTransport::Close()

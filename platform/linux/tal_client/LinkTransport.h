@@ -100,7 +100,7 @@ private:
     std::unique_ptr<unsigned char[]> mReceiveBuffer;
     /** Turns since the last one that has found more than one message. */
     unsigned mLoneMessages = 0;
-    LoopSource mHostSource;
+    Parvane::LoopSource mHostSource;
 };
 
 } // namespace ParvanePlatform

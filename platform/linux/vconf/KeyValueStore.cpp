@@ -166,7 +166,8 @@ void KeyValueStore::OpenInotify()
                  ErrorText(errno).c_str());
         return;
     }
-    mInotifySource = LoopSource::WatchSeldom(mInotify.Get(), G_IO_IN, [this] { OnInotify(); });
+    mInotifySource =
+        Parvane::LoopSource::WatchSeldom(mInotify.Get(), G_IO_IN, [this] { OnInotify(); });
 }
 
 void KeyValueStore::FollowDirectories()
@@ -229,7 +230,7 @@ void KeyValueStore::NoteChange(WatchedKey &watched, const State &state)
 void KeyValueStore::ScheduleDelivery()
 {
     if (!mDelivery.IsActive()) {
-        mDelivery = LoopSource::Post([this] { Deliver(); });
+        mDelivery = Parvane::LoopSource::Post([this] { Deliver(); });
     }
 }
 

@@ -102,8 +102,8 @@ private:
     std::vector<std::function<void()>> mDelivered;
     Parvane::UniqueFd mInotify;
     std::vector<int> mDirectoryWatches;
-    LoopSource mInotifySource;
-    LoopSource mDelivery;
+    Parvane::LoopSource mInotifySource;
+    Parvane::LoopSource mDelivery;
 };
 
 } // namespace ParvanePlatform

@@ -519,7 +519,7 @@ TEST_F(BluetoothRoadTest, NobodyButBluezIsServed)
         G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
         [](GObject *connection, GAsyncResult *result, gpointer place) {
             GError *error = nullptr;
-            const VariantPtr reply(
+            const Parvane::VariantPtr reply(
                 g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error));
             const Parvane::ErrorPtr failure(error);
             *static_cast<std::string *>(place) = error != nullptr ? error->message : "served";

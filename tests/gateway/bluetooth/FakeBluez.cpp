@@ -31,17 +31,17 @@ constexpr char kInterfaces[] = R"(<node>
   </interface>
 </node>)";
 
-VariantPtr Owned(GVariant *value)
+Parvane::VariantPtr Owned(GVariant *value)
 {
-    return VariantPtr(g_variant_ref_sink(value));
+    return Parvane::VariantPtr(g_variant_ref_sink(value));
 }
 
-VariantPtr Child(GVariant *tuple, gsize index)
+Parvane::VariantPtr Child(GVariant *tuple, gsize index)
 {
-    return VariantPtr(g_variant_get_child_value(tuple, index));
+    return Parvane::VariantPtr(g_variant_get_child_value(tuple, index));
 }
 
-GVariant *ToVariant(const std::map<std::string, VariantPtr> &properties)
+GVariant *ToVariant(const std::map<std::string, Parvane::VariantPtr> &properties)
 {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
@@ -51,7 +51,8 @@ GVariant *ToVariant(const std::map<std::string, VariantPtr> &properties)
     return g_variant_builder_end(&builder);
 }
 
-GVariant *ToVariant(const std::map<std::string, std::map<std::string, VariantPtr>> &interfaces)
+GVariant *
+ToVariant(const std::map<std::string, std::map<std::string, Parvane::VariantPtr>> &interfaces)
 {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a{sa{sv}}"));
@@ -92,7 +93,7 @@ FakeBluez::FakeBluez(const std::string &busAddress) : mConnection(Connect(busAdd
         interfaces[interface];
         Add(path, std::move(interfaces));
     }
-    const VariantPtr answer(g_dbus_connection_call_sync(
+    const Parvane::VariantPtr answer(g_dbus_connection_call_sync(
         mConnection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
         "RequestName", g_variant_new("(su)", Bluez::kName, 4U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
         nullptr, nullptr));
@@ -101,8 +102,8 @@ FakeBluez::FakeBluez(const std::string &busAddress) : mConnection(Connect(busAdd
         Bluez::kCharacteristic, G_DBUS_SIGNAL_FLAGS_NONE,
         [](GDBusConnection *, const char *, const char *, const char *, const char *,
            GVariant *arguments, gpointer self) {
-            const VariantPtr changed = Child(arguments, 1);
-            const VariantPtr value(
+            const Parvane::VariantPtr changed = Child(arguments, 1);
+            const Parvane::VariantPtr value(
                 g_variant_lookup_value(changed.get(), "Value", G_VARIANT_TYPE_BYTESTRING));
             static_cast<FakeBluez *>(self)->mNotified.push_back(BytesOf(value.get()));
         },
@@ -312,7 +313,7 @@ void FakeBluez::Take(const std::string &path, const std::string &method, GVarian
         const char *name = nullptr;
         GVariant *value = nullptr;
         g_variant_get(arguments, "(&s&sv)", &interface, &name, &value);
-        const VariantPtr owned(value);
+        const Parvane::VariantPtr owned(value);
         Set(path, interface, name, value);
     }
     if (mDelayed.contains(method)) {
@@ -323,12 +324,12 @@ void FakeBluez::Take(const std::string &path, const std::string &method, GVarian
 }
 
 void FakeBluez::ReadThenAnswer(const char *path, const char *interface, const char *method,
-                               GVariant *arguments, VariantPtr &place,
+                               GVariant *arguments, Parvane::VariantPtr &place,
                                GDBusMethodInvocation *invocation)
 {
     struct Reading
     {
-        VariantPtr &mPlace;
+        Parvane::VariantPtr &mPlace;
         GDBusMethodInvocation *mInvocation;
     };
     g_dbus_connection_call(
@@ -336,7 +337,7 @@ void FakeBluez::ReadThenAnswer(const char *path, const char *interface, const ch
         G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
         [](GObject *connection, GAsyncResult *result, gpointer data) {
             const std::unique_ptr<Reading> reading(static_cast<Reading *>(data));
-            const VariantPtr reply(
+            const Parvane::VariantPtr reply(
                 g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr));
             if (!reply) { // who has asked has gone, or this BlueZ has
                 g_object_unref(reading->mInvocation);
@@ -376,7 +377,7 @@ FakeBluez::OutcomePtr FakeBluez::WriteValue(const std::string &device, const Byt
     const std::string text = "{'device': <objectpath '" + device + "'>, 'mtu': <uint16 " +
                              std::to_string(mtu) + ">" + (options.empty() ? "" : ", ") + options +
                              "}";
-    const VariantPtr dictionary(
+    const Parvane::VariantPtr dictionary(
         g_variant_parse(G_VARIANT_TYPE_VARDICT, text.c_str(), nullptr, nullptr, nullptr));
     return CallCharacteristic(
         kTo, "WriteValue",
@@ -409,7 +410,7 @@ FakeBluez::OutcomePtr FakeBluez::Call(const std::string &peer, const char *path,
             Outcome &told = **held;
             GUnixFDList *fds = nullptr;
             GError *error = nullptr;
-            const VariantPtr reply(g_dbus_connection_call_with_unix_fd_list_finish(
+            const Parvane::VariantPtr reply(g_dbus_connection_call_with_unix_fd_list_finish(
                 G_DBUS_CONNECTION(connection), &fds, result, &error));
             const Parvane::ErrorPtr failure(error);
             const Parvane::ObjectPtr<GUnixFDList> list(fds);

@@ -8,8 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "BusTypes.h"
+#include <gio/gio.h>
+
 #include "FakeWatch.h"
+#include "ObjectPtr.h"
 #include "UniqueFd.h"
 
 namespace ParvaneGateway {
@@ -102,7 +104,7 @@ private:
     static constexpr char kTo[] = "/parvane/service/to_watch";
     static constexpr char kFrom[] = "/parvane/service/from_watch";
 
-    using Properties = std::map<std::string, VariantPtr>;
+    using Properties = std::map<std::string, Parvane::VariantPtr>;
     using Interfaces = std::map<std::string, Properties>;
 
     static void OnCall(GDBusConnection *connection, const char *sender, const char *path,
@@ -112,7 +114,8 @@ private:
     void Take(const std::string &path, const std::string &method, GVariant *arguments,
               GDBusMethodInvocation *invocation);
     void ReadThenAnswer(const char *path, const char *interface, const char *method,
-                        GVariant *arguments, VariantPtr &place, GDBusMethodInvocation *invocation);
+                        GVariant *arguments, Parvane::VariantPtr &place,
+                        GDBusMethodInvocation *invocation);
     void Add(const std::string &path, Interfaces interfaces);
     void Remove(const std::string &path);
     void Emit(const std::string &path, const char *interface, const char *signal,
@@ -129,8 +132,8 @@ private:
     std::multimap<std::string, GDBusMethodInvocation *> mWaiting;
     std::map<std::string, int> mCounts;
     std::string mOwner;
-    VariantPtr mApplication;
-    VariantPtr mAdvertisement;
+    Parvane::VariantPtr mApplication;
+    Parvane::VariantPtr mAdvertisement;
     guint mValues = 0;
     std::vector<Bytes> mNotified;
     std::string mAgent;

@@ -107,8 +107,8 @@ ClosedDirectory::~ClosedDirectory()
 bool RunUntil(const std::function<bool()> &done)
 {
     bool isLate = false;
-    const LoopSource deadline =
-        LoopSource::At(g_get_monotonic_time() + kDeadlineUs, [&isLate] { isLate = true; });
+    const Parvane::LoopSource deadline =
+        Parvane::LoopSource::At(g_get_monotonic_time() + kDeadlineUs, [&isLate] { isLate = true; });
     while (!done() && !isLate) {
         g_main_context_iteration(nullptr, TRUE);
     }

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "Clock.h"
-#include "LoopSource.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 

@@ -81,8 +81,8 @@ std::string BleSource::Problem() const
 
 void BleSource::WatchBluez(GDBusConnection *connection)
 {
-    mBluez = std::make_unique<BusScope>(connection, Bluez::kName);
-    mBluez->WatchOwner(BusScope::AutoStart::No,
+    mBluez = std::make_unique<Parvane::BusScope>(connection, Bluez::kName);
+    mBluez->WatchOwner(Parvane::BusScope::AutoStart::No,
                        [this](const std::string &owner) { OnOwner(owner); });
 }
 

@@ -10,11 +10,11 @@
 #include "BusWatch.h"
 #include "Clock.h"
 #include "HeartRateMeasurement.h"
-#include "LoopSource.h"
 #include "RetryTimer.h"
 #include "SensorSource.h"
 #include "StrapSession.h"
 #include "SystemBus.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -80,7 +80,7 @@ private:
     RetryTimer mRetry;
     BusWatch mBus;
     /** Who BlueZ is. */
-    std::unique_ptr<BusScope> mBluez;
+    std::unique_ptr<Parvane::BusScope> mBluez;
     std::unique_ptr<StrapSession> mSession;
 };
 

@@ -7,6 +7,7 @@
 #include "BluezObjects.h"
 #include "BusCalls.h"
 #include "RuntimeLog.h"
+#include "Variants.h"
 
 namespace ParvanePlatform {
 
@@ -51,36 +52,31 @@ BluezAdapter::Answer BluezAdapter::Ask() const
         return {kOperationFailed, "", "no system bus"};
     }
     GError *error = nullptr;
-    const GVariantPtr answer(g_dbus_connection_call_sync(
+    const Parvane::VariantPtr answer(g_dbus_connection_call_sync(
         connection, Bluez::kName, "/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects",
         nullptr, G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE, kLongestWaitMs, nullptr,
         &error));
-    const GErrorPtr failure(error);
+    const Parvane::ErrorPtr failure(error);
     if (!answer) {
         return {kOperationFailed, "", error != nullptr ? error->message : "no answer from BlueZ"};
     }
-    const GVariantPtr objects(g_variant_get_child_value(answer.get(), 0));
-    return FindAdapter(objects.get());
+    return FindAdapter(Parvane::Child(answer.get(), 0).get());
 }
 
 BluezAdapter::Answer BluezAdapter::FindAdapter(GVariant *objects) const
 {
     const std::string wanted = "/org/bluez/" + mName;
     std::string found;
-    GVariantPtr properties;
-    for (gsize i = 0; i < g_variant_n_children(objects); ++i) {
-        const GVariantPtr object(g_variant_get_child_value(objects, i));
-        const GVariantPtr path(g_variant_get_child_value(object.get(), 0));
-        const GVariantPtr interfaces(g_variant_get_child_value(object.get(), 1));
-        GVariantPtr adapter(
-            g_variant_lookup_value(interfaces.get(), Bluez::kAdapter, G_VARIANT_TYPE_VARDICT));
-        const std::string text = g_variant_get_string(path.get(), nullptr);
-        const bool isWanted = mName.empty() || text == wanted;
-        if (adapter && isWanted && (found.empty() || IsBefore(text, found))) {
-            found = text;
+    Parvane::VariantPtr properties;
+    Parvane::ForEachEntry(objects, [&](const std::string &path, GVariant *interfaces) {
+        Parvane::VariantPtr adapter(
+            g_variant_lookup_value(interfaces, Bluez::kAdapter, G_VARIANT_TYPE_VARDICT));
+        const bool isWanted = mName.empty() || path == wanted;
+        if (adapter && isWanted && (found.empty() || IsBefore(path, found))) {
+            found = path;
             properties = std::move(adapter);
         }
-    }
+    });
     if (!properties) {
         return {kOperationFailed, "", mName.empty() ? "no adapter" : "no adapter " + mName};
     }

@@ -2,64 +2,31 @@
 
 #include <algorithm>
 
+#include "Variants.h"
+
 namespace ParvanePlatform {
 
 namespace {
-
-/** Calls `function(key, value)` for each entry of a dictionary whose keys are strings or paths. */
-template <typename Function>
-void ForEach(GVariant *dictionary, Function function)
-{
-    const gsize count = g_variant_n_children(dictionary);
-    for (gsize i = 0; i < count; ++i) {
-        const GVariantPtr entry(g_variant_get_child_value(dictionary, i));
-        const GVariantPtr key(g_variant_get_child_value(entry.get(), 0));
-        const GVariantPtr value(g_variant_get_child_value(entry.get(), 1));
-        function(std::string(g_variant_get_string(key.get(), nullptr)), value.get());
-    }
-}
-
-template <typename Function>
-void ForEachText(GVariant *texts, Function function)
-{
-    const gsize count = g_variant_n_children(texts);
-    for (gsize i = 0; i < count; ++i) {
-        const GVariantPtr text(g_variant_get_child_value(texts, i));
-        function(std::string(g_variant_get_string(text.get(), nullptr)));
-    }
-}
 
 bool IsSame(const std::string &left, const std::string &right)
 {
     return g_ascii_strcasecmp(left.c_str(), right.c_str()) == 0;
 }
 
-bool AsBool(GVariant *value)
-{
-    return g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN) != FALSE &&
-           g_variant_get_boolean(value) != FALSE;
-}
-
-std::string AsText(GVariant *value)
-{
-    return g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) != FALSE
-               ? g_variant_get_string(value, nullptr)
-               : "";
-}
-
 bool Contains(GVariant *value, const char *uuid)
 {
     bool isFound = false;
     if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY) != FALSE) {
-        ForEachText(value, [&](const std::string &text) { isFound |= IsSame(text, uuid); });
+        Parvane::ForEachText(value,
+                             [&](const std::string &text) { isFound |= IsSame(text, uuid); });
     }
     return isFound;
 }
 
 /** What a property that has no value counts as. */
-GVariantPtr Nothing()
+Parvane::VariantPtr Nothing()
 {
-    return GVariantPtr(g_variant_ref_sink(g_variant_new_tuple(nullptr, 0)));
+    return Parvane::VariantPtr(g_variant_ref_sink(g_variant_new_tuple(nullptr, 0)));
 }
 
 bool IsNamed(const std::string &adapter, const std::string &name)
@@ -70,13 +37,13 @@ bool IsNamed(const std::string &adapter, const std::string &name)
 void SetDevice(BluezObjects::Device &device, const std::string &property, GVariant *value)
 {
     if (property == "Address") {
-        device.mAddress = AsText(value);
+        device.mAddress = Parvane::AsText(value);
     } else if (property == "UUIDs") {
         device.mIsStrap = Contains(value, Bluez::kHeartRateService);
     } else if (property == "Connected") {
-        device.mIsConnected = AsBool(value);
+        device.mIsConnected = Parvane::AsBool(value);
     } else if (property == "ServicesResolved") {
-        device.mIsResolved = AsBool(value);
+        device.mIsResolved = Parvane::AsBool(value);
     }
 }
 
@@ -92,14 +59,14 @@ void BluezObjects::Load(GVariant *objects)
     mAdapters.clear();
     mDevices.clear();
     mCharacteristics.clear();
-    ForEach(objects,
-            [this](const std::string &path, GVariant *interfaces) { Add(path, interfaces); });
+    Parvane::ForEachEntry(
+        objects, [this](const std::string &path, GVariant *interfaces) { Add(path, interfaces); });
 }
 
 void BluezObjects::Add(const std::string &path, GVariant *interfaces)
 {
-    const GVariantPtr none(g_variant_ref_sink(g_variant_new_strv(nullptr, 0)));
-    ForEach(interfaces, [&](const std::string &interface, GVariant *properties) {
+    const Parvane::VariantPtr none(g_variant_ref_sink(g_variant_new_strv(nullptr, 0)));
+    Parvane::ForEachEntry(interfaces, [&](const std::string &interface, GVariant *properties) {
         if (interface == Bluez::kAdapter) {
             mAdapters[path] = false;
         } else if (interface == Bluez::kDevice) {
@@ -113,7 +80,7 @@ void BluezObjects::Add(const std::string &path, GVariant *interfaces)
 
 void BluezObjects::Remove(const std::string &path, GVariant *interfaces)
 {
-    ForEachText(interfaces, [&](const std::string &interface) {
+    Parvane::ForEachText(interfaces, [&](const std::string &interface) {
         if (interface == Bluez::kAdapter) {
             mAdapters.erase(path);
         } else if (interface == Bluez::kDevice) {
@@ -132,20 +99,18 @@ void BluezObjects::Change(const std::string &path, const std::string &interface,
         const auto device = mDevices.find(path);
         const auto characteristic = mCharacteristics.find(path);
         if (interface == Bluez::kAdapter && adapter != mAdapters.end() && property == "Powered") {
-            adapter->second = AsBool(value);
+            adapter->second = Parvane::AsBool(value);
         } else if (interface == Bluez::kDevice && device != mDevices.end()) {
             SetDevice(device->second, property, value);
         } else if (interface == Bluez::kCharacteristic && property == "UUID" &&
                    characteristic != mCharacteristics.end()) {
-            characteristic->second = IsSame(AsText(value), Bluez::kHeartRateMeasurement);
+            characteristic->second = IsSame(Parvane::AsText(value), Bluez::kHeartRateMeasurement);
         }
     };
-    ForEach(changed, [&](const std::string &property, GVariant *value) {
-        const GVariantPtr content(g_variant_get_variant(value));
-        set(property, content.get());
-    });
-    const GVariantPtr nothing = Nothing();
-    ForEachText(invalidated, [&](const std::string &property) { set(property, nothing.get()); });
+    Parvane::ForEachProperty(changed, set);
+    const Parvane::VariantPtr nothing = Nothing();
+    Parvane::ForEachText(invalidated,
+                         [&](const std::string &property) { set(property, nothing.get()); });
 }
 
 bool BluezObjects::HasAdapter(const std::string &name) const

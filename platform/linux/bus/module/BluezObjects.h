@@ -4,7 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "GObjectPtr.h"
+#include <gio/gio.h>
+
+#include "ObjectPtr.h"
 #include "Settings.h"
 
 namespace ParvanePlatform {

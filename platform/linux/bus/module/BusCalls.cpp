@@ -1,7 +1,8 @@
 #include "BusCalls.h"
 
-#include <cstring>
 #include <utility>
+
+#include "Variants.h"
 
 namespace ParvanePlatform {
 
@@ -62,32 +63,28 @@ private:
     }
 
     GMainContext *mContext;
-    GObjectPtr<GCancellable> mCancellable;
-    GObjectPtr<GAsyncResult> mResult;
+    Parvane::ObjectPtr<GCancellable> mCancellable;
+    Parvane::ObjectPtr<GAsyncResult> mResult;
 };
 
 /** The names that a method without arguments of the bus itself returns. */
 bool IsListed(GDBusConnection *connection, const char *method, const char *name)
 {
-    const GVariantPtr answer(g_dbus_connection_call_sync(
+    const Parvane::VariantPtr answer(g_dbus_connection_call_sync(
         connection, kBus, kBusPath, kBus, method, nullptr, G_VARIANT_TYPE("(as)"),
         G_DBUS_CALL_FLAGS_NONE, kLongestWaitMs, nullptr, nullptr));
     if (!answer) {
         return false;
     }
-    const GVariantPtr names(g_variant_get_child_value(answer.get(), 0));
-    for (gsize i = 0; i < g_variant_n_children(names.get()); ++i) {
-        const GVariantPtr child(g_variant_get_child_value(names.get(), i));
-        if (std::strcmp(g_variant_get_string(child.get(), nullptr), name) == 0) {
-            return true;
-        }
-    }
-    return false;
+    bool isListed = false;
+    Parvane::ForEachText(Parvane::Child(answer.get(), 0).get(),
+                         [&](const std::string &listed) { isListed |= listed == name; });
+    return isListed;
 }
 
 } // namespace
 
-GObjectPtr<GDBusConnection> ConnectToSystemBus(GErrorPtr &failure)
+Parvane::ObjectPtr<GDBusConnection> ConnectToSystemBus(Parvane::ErrorPtr &failure)
 {
     GError *error = nullptr;
     char *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
@@ -96,7 +93,7 @@ GObjectPtr<GDBusConnection> ConnectToSystemBus(GErrorPtr &failure)
         return nullptr;
     }
     // Made before the operation: what it tells later is told on the context of its making.
-    GObjectPtr<GDBusConnection> connection(static_cast<GDBusConnection *>(
+    Parvane::ObjectPtr<GDBusConnection> connection(static_cast<GDBusConnection *>(
         g_object_new(G_TYPE_DBUS_CONNECTION, "address", address, "flags",
                      static_cast<int>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                       G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
@@ -113,14 +110,6 @@ GObjectPtr<GDBusConnection> ConnectToSystemBus(GErrorPtr &failure)
     }
     failure.reset(error);
     return isConnected != FALSE ? std::move(connection) : nullptr;
-}
-
-void Flush(GDBusConnection *connection)
-{
-    // GIO's own flush has no limit. The bus answers a call only when it has got all that came before.
-    const GVariantPtr answer(g_dbus_connection_call_sync(connection, kBus, kBusPath, kBus, "GetId",
-                                                         nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE,
-                                                         kLongestWaitMs, nullptr, nullptr));
 }
 
 bool IsServiceThere(GDBusConnection *connection, const char *name)

@@ -1,6 +1,8 @@
 #pragma once
 
-#include "GObjectPtr.h"
+#include <gio/gio.h>
+
+#include "ObjectPtr.h"
 
 namespace ParvanePlatform {
 
@@ -13,13 +15,7 @@ constexpr int kLongestWaitMs = 500;
  * @param failure  why there is no connection, when there is none; among that a bus that does not
  *                 answer in kLongestWaitMs
  */
-GObjectPtr<GDBusConnection> ConnectToSystemBus(GErrorPtr &failure);
-
-/**
- * Returns when the bus has got all that was sent over the connection before, after kLongestWaitMs
- * at the latest.
- */
-void Flush(GDBusConnection *connection);
+Parvane::ObjectPtr<GDBusConnection> ConnectToSystemBus(Parvane::ErrorPtr &failure);
 
 /**
  * Whether a service is on the bus, or the bus can start it; false when the bus does not say so in

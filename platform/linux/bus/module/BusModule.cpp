@@ -6,8 +6,10 @@
 #include "Clock.h"
 #include "GlibMemoryMonitor.h"
 #include "LogindBackend.h"
-#include "LoopSource.h"
+#include "RunHandler.h"
+#include "RuntimeLog.h"
 #include "SystemBus.h"
+#include "Timer.h"
 #include "UPowerMonitor.h"
 
 namespace ParvanePlatform {
@@ -54,6 +56,11 @@ private:
     std::shared_ptr<SystemBus> mBus = std::make_shared<SystemBus>();
 };
 
+void LogFailure(const char *line) noexcept
+{
+    LogError("%s", line);
+}
+
 } // namespace
 
 } // namespace ParvanePlatform
@@ -63,5 +70,6 @@ parvane_make_bus_parts();
 
 ParvanePlatform::BusParts *parvane_make_bus_parts()
 {
+    Parvane::SetHandlerLog(ParvanePlatform::LogFailure); // the module has a RunHandler() of its own
     return new (std::nothrow) ParvanePlatform::Parts();
 }

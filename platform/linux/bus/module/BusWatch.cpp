@@ -32,8 +32,8 @@ void BusWatch::OnClosed(GDBusConnection * /*connection*/, gboolean /*byPeer*/, G
                         gpointer user_data) noexcept
 {
     auto *self = static_cast<BusWatch *>(user_data);
-    RunBusHandler(self->mDown);
-    RunBusHandler([self] {
+    Parvane::RunBusHandler(self->mDown);
+    Parvane::RunBusHandler([self] {
         self->Disconnect();
         self->mRetry.Schedule([self] { self->Start(); });
     });

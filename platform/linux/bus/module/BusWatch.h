@@ -2,7 +2,9 @@
 
 #include <functional>
 
-#include "GObjectPtr.h"
+#include <gio/gio.h>
+
+#include "ObjectPtr.h"
 #include "RetryTimer.h"
 
 namespace ParvanePlatform {
@@ -15,7 +17,7 @@ class BusWatch
 {
 public:
     /** Gives a connection that is not closed; null when there is none now. */
-    using Connect = std::function<GObjectPtr<GDBusConnection>()>;
+    using Connect = std::function<Parvane::ObjectPtr<GDBusConnection>()>;
     using Up = std::function<void(GDBusConnection *connection)>;
     using Down = std::function<void()>;
 
@@ -48,7 +50,7 @@ private:
     Connect mConnect;
     Up mUp;
     Down mDown;
-    GObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
     gulong mClosed = 0;
 };
 

@@ -12,13 +12,14 @@ namespace {
 
 constexpr char kService[] = "org.freedesktop.LowMemoryMonitor";
 
-GObjectPtr<GDBusConnection> ConnectShared(SystemBus &bus)
+Parvane::ObjectPtr<GDBusConnection> ConnectShared(SystemBus &bus)
 {
     // GLib waits for a bus that does not answer for as long as that lasts.
     if (bus.Connection() == nullptr) {
         return nullptr;
     }
-    GObjectPtr<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    Parvane::ObjectPtr<GDBusConnection> connection(
+        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     if (!connection) {
         return nullptr;
     }
@@ -31,17 +32,17 @@ GObjectPtr<GDBusConnection> ConnectShared(SystemBus &bus)
  * A monitor that ends with its owner. GLib's default one, which is chosen in the same way, lives as
  * long as the process, and what it was asking a bus that is lost may keep the lost connection.
  */
-GObjectPtr<GMemoryMonitor> MakeMonitor()
+Parvane::ObjectPtr<GMemoryMonitor> MakeMonitor()
 {
     // Returns nothing; what it does is to load the extensions of GIO, which the next call does not.
-    const GObjectPtr<GProxy> none(g_proxy_get_default_for_protocol("none"));
+    const Parvane::ObjectPtr<GProxy> none(g_proxy_get_default_for_protocol("none"));
     GIOExtensionPoint *point = g_io_extension_point_lookup(G_MEMORY_MONITOR_EXTENSION_POINT_NAME);
     const GList *kind = point != nullptr ? g_io_extension_point_get_extensions(point) : nullptr;
     for (; kind != nullptr; kind = kind->next) {
         const GType type = g_io_extension_get_type(static_cast<GIOExtension *>(kind->data));
         gpointer made = g_initable_new(type, nullptr, nullptr, nullptr, nullptr);
         if (made != nullptr) {
-            return GObjectPtr<GMemoryMonitor>(static_cast<GMemoryMonitor *>(made));
+            return Parvane::ObjectPtr<GMemoryMonitor>(static_cast<GMemoryMonitor *>(made));
         }
     }
     return nullptr;
@@ -91,7 +92,7 @@ void GlibMemoryMonitor::OnWarning(GMemoryMonitor * /*monitor*/, GMemoryMonitorWa
                                   gpointer user_data) noexcept
 {
     auto *self = static_cast<GlibMemoryMonitor *>(user_data);
-    RunBusHandler([self, level] {
+    Parvane::RunBusHandler([self, level] {
         if (level < G_MEMORY_MONITOR_WARNING_LEVEL_LOW) {
             return;
         }

@@ -7,9 +7,9 @@
 #include "AlertMonitor.h"
 #include "BusWatch.h"
 #include "Clock.h"
-#include "LoopSource.h"
 #include "RetryTimer.h"
 #include "SystemBus.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -50,7 +50,7 @@ private:
     void Drop();
 
     Alert mAlert;
-    GObjectPtr<GMemoryMonitor> mMonitor;
+    Parvane::ObjectPtr<GMemoryMonitor> mMonitor;
     gulong mWarning = 0;
     RetryTimer mRetry;
     /** Last, so that it ends first. */

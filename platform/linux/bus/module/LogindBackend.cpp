@@ -22,7 +22,7 @@ private:
 };
 
 /** Returns the descriptor that is the inhibitor; none on failure, with why. */
-Parvane::UniqueFd Inhibit(GDBusConnection *connection, GErrorPtr &failure)
+Parvane::UniqueFd Inhibit(GDBusConnection *connection, Parvane::ErrorPtr &failure)
 {
     // What a measurement must not be interrupted by: a suspension that somebody asks for, and one
     // that logind begins because nobody touches the device. Shutting down stays allowed.
@@ -30,11 +30,11 @@ Parvane::UniqueFd Inhibit(GDBusConnection *connection, GErrorPtr &failure)
         g_variant_new("(ssss)", "sleep:idle", "Parvane", "A measurement is running", "block");
     GUnixFDList *list = nullptr;
     GError *error = nullptr;
-    const GVariantPtr answer(g_dbus_connection_call_with_unix_fd_list_sync(
+    const Parvane::VariantPtr answer(g_dbus_connection_call_with_unix_fd_list_sync(
         connection, "org.freedesktop.login1", "/org/freedesktop/login1",
         "org.freedesktop.login1.Manager", "Inhibit", parameters, G_VARIANT_TYPE("(h)"),
         G_DBUS_CALL_FLAGS_NONE, kLongestWaitMs, nullptr, &list, nullptr, &error));
-    const GObjectPtr<GUnixFDList> descriptors(list);
+    const Parvane::ObjectPtr<GUnixFDList> descriptors(list);
     failure.reset(error);
     if (!answer || !descriptors) {
         return Parvane::UniqueFd();
@@ -58,7 +58,7 @@ LogindBackend::LogindBackend(std::shared_ptr<SystemBus> bus) : mBus(std::move(bu
 std::unique_ptr<PowerHold> LogindBackend::Hold(int /*timeoutMs*/)
 {
     GDBusConnection *connection = mBus->Connection();
-    GErrorPtr failure;
+    Parvane::ErrorPtr failure;
     Parvane::UniqueFd fd =
         connection != nullptr ? Inhibit(connection, failure) : Parvane::UniqueFd();
     std::string problem;

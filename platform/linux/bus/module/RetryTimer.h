@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "Clock.h"
-#include "LoopSource.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 

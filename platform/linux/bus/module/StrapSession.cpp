@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "Variants.h"
+
 namespace ParvanePlatform {
 
 namespace {
@@ -12,24 +14,6 @@ constexpr char kObjectManager[] = "org.freedesktop.DBus.ObjectManager";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr char kNoReply[] = "()";
 constexpr char kStopSearch[] = "StopDiscovery";
-
-GVariantPtr Child(GVariant *tuple, gsize index)
-{
-    return GVariantPtr(g_variant_get_child_value(tuple, index));
-}
-
-std::string Text(GVariant *tuple, gsize index)
-{
-    return g_variant_get_string(Child(tuple, index).get(), nullptr);
-}
-
-/** What a D-Bus error says, without the name that GLib puts before it. */
-std::string Reason(const GError *error)
-{
-    const GErrorPtr copy(g_error_copy(error));
-    g_dbus_error_strip_remote_error(copy.get());
-    return copy->message;
-}
 
 /**
  * What BlueZ shall search for: low-energy devices, and unless the settings name one, those that say
@@ -57,14 +41,16 @@ StrapSession::StrapSession(GDBusConnection *connection, const std::string &owner
       mOwner(owner),
       mScope(connection, owner)
 {
-    mScope.Subscribe({kObjectManager, "InterfacesAdded", "(oa{sa{sv}})"},
-                     [this](const char * /*path*/, GVariant *arguments) { OnAdded(arguments); });
-    mScope.Subscribe({kObjectManager, "InterfacesRemoved", "(oas)"},
-                     [this](const char * /*path*/, GVariant *arguments) { OnRemoved(arguments); });
+    mScope.Subscribe(
+        {kObjectManager, "InterfacesAdded", "(oa{sa{sv}})"},
+        [this](const std::string & /*path*/, GVariant *arguments) { OnAdded(arguments); });
+    mScope.Subscribe(
+        {kObjectManager, "InterfacesRemoved", "(oas)"},
+        [this](const std::string & /*path*/, GVariant *arguments) { OnRemoved(arguments); });
     for (const char *interface : {Bluez::kAdapter, Bluez::kDevice, Bluez::kCharacteristic}) {
         mScope.Subscribe(
-            {kProperties, "PropertiesChanged", "(sa{sv}as)", nullptr, interface},
-            [this](const char *path, GVariant *arguments) { OnChanged(path, arguments); });
+            {kProperties, "PropertiesChanged", "(sa{sv}as)", interface},
+            [this](const std::string &path, GVariant *arguments) { OnChanged(path, arguments); });
     }
     LoadObjects();
 }
@@ -88,11 +74,11 @@ void StrapSession::LoadObjects()
     mScope.Call(kRoot, kObjectManager, "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})",
                 [this](GVariant *reply, const GError *error) {
                     if (reply == nullptr) {
-                        TellTrouble("BlueZ does not answer: " + Reason(error));
+                        TellTrouble("BlueZ does not answer: " + Parvane::BusReason(error));
                         mRetry.Schedule([this] { LoadObjects(); });
                         return;
                     }
-                    mObjects.Load(Child(reply, 0).get());
+                    mObjects.Load(Parvane::Child(reply, 0).get());
                     mAreObjectsLoaded = true;
                     Advance();
                 });
@@ -104,8 +90,8 @@ void StrapSession::OnAdded(GVariant *arguments)
     if (!mAreObjectsLoaded) {
         return;
     }
-    const std::string path = Text(arguments, 0);
-    mObjects.Add(path, Child(arguments, 1).get());
+    const std::string path = Parvane::TextChild(arguments, 0);
+    mObjects.Add(path, Parvane::Child(arguments, 1).get());
     // It may be tried again, and so may what it belongs to: a strap whose characteristic appears.
     std::erase_if(mAside, [&path](const std::string &aside) {
         return path == aside || path.starts_with(aside + '/');
@@ -116,7 +102,7 @@ void StrapSession::OnAdded(GVariant *arguments)
 void StrapSession::OnRemoved(GVariant *arguments)
 {
     if (mAreObjectsLoaded) {
-        mObjects.Remove(Text(arguments, 0), Child(arguments, 1).get());
+        mObjects.Remove(Parvane::TextChild(arguments, 0), Parvane::Child(arguments, 1).get());
         Advance();
     }
 }
@@ -126,7 +112,7 @@ void StrapSession::OnChanged(const std::string &path, GVariant *arguments)
     if (!mAreObjectsLoaded) {
         return;
     }
-    const GVariantPtr changed = Child(arguments, 1);
+    const Parvane::VariantPtr changed = Parvane::Child(arguments, 1);
     if (path == mMeasurement) {
         OnMeasurementChanged(changed.get()); // last use of this: the session may have been ended
         return;
@@ -134,7 +120,8 @@ void StrapSession::OnChanged(const std::string &path, GVariant *arguments)
     const BluezObjects::Device *device = mObjects.FindDevice(path);
     const bool wasConnected = device != nullptr && device->mIsConnected;
     const bool wasPowered = mObjects.IsPowered(path);
-    mObjects.Change(path, Text(arguments, 0), changed.get(), Child(arguments, 2).get());
+    mObjects.Change(path, Parvane::TextChild(arguments, 0), changed.get(),
+                    Parvane::Child(arguments, 2).get());
     if (!wasConnected && device != nullptr && device->mIsConnected) {
         mAside.erase(path);
     }
@@ -152,7 +139,8 @@ void StrapSession::OnMeasurementChanged(GVariant *changed)
         OnNotificationsEnded();
         return;
     }
-    const GVariantPtr value(g_variant_lookup_value(changed, "Value", G_VARIANT_TYPE_BYTESTRING));
+    const Parvane::VariantPtr value(
+        g_variant_lookup_value(changed, "Value", G_VARIANT_TYPE_BYTESTRING));
     if (!value) {
         return;
     }
@@ -269,7 +257,7 @@ void StrapSession::OnConnected(const GError *error)
     if (error != nullptr) {
         // Without an answer of BlueZ the attempt may still be under way.
         mIsOurConnection = g_dbus_error_is_remote_error(error) == FALSE;
-        Fail("cannot be connected: " + Reason(error));
+        Fail("cannot be connected: " + Parvane::BusReason(error));
     } else if (!mObjects.FindDevice(mStrap)->mIsConnected) {
         AskWhetherConnected();
     } else {
@@ -282,22 +270,23 @@ void StrapSession::AskWhetherConnected()
 {
     // BlueZ 5.66 never says that Connected has changed when the strap's own channel is open before
     // the controller's word of the connection has been read.
-    mScope.Call(mStrap, kProperties, "GetAll", g_variant_new("(s)", Bluez::kDevice), "(a{sv})",
-                [this, attempt = mAttempt](GVariant *reply, const GError * /*error*/) {
-                    if (attempt != mAttempt) {
-                        return;
-                    }
-                    if (reply != nullptr) {
-                        const GVariantPtr none(g_variant_ref_sink(g_variant_new_strv(nullptr, 0)));
-                        mObjects.Change(mStrap, Bluez::kDevice, Child(reply, 0).get(), none.get());
-                    }
-                    if (!mObjects.FindDevice(mStrap)->mIsConnected) {
-                        Fail("cannot be connected: it is gone again");
-                        return;
-                    }
-                    mStep = Step::Resolving;
-                    Advance();
-                });
+    mScope.Call(
+        mStrap, kProperties, "GetAll", g_variant_new("(s)", Bluez::kDevice), "(a{sv})",
+        [this, attempt = mAttempt](GVariant *reply, const GError * /*error*/) {
+            if (attempt != mAttempt) {
+                return;
+            }
+            if (reply != nullptr) {
+                const Parvane::VariantPtr none(g_variant_ref_sink(g_variant_new_strv(nullptr, 0)));
+                mObjects.Change(mStrap, Bluez::kDevice, Parvane::Child(reply, 0).get(), none.get());
+            }
+            if (!mObjects.FindDevice(mStrap)->mIsConnected) {
+                Fail("cannot be connected: it is gone again");
+                return;
+            }
+            mStep = Step::Resolving;
+            Advance();
+        });
 }
 
 void StrapSession::Subscribe()
@@ -337,7 +326,7 @@ void StrapSession::OnSubscribed(const GError *error)
     if (g_dbus_error_is_remote_error(error) != FALSE) {
         mMeasurement.clear();
     }
-    Fail("refuses notifications: " + Reason(error));
+    Fail("refuses notifications: " + Parvane::BusReason(error));
 }
 
 void StrapSession::Fail(const std::string &state)
@@ -412,7 +401,7 @@ void StrapSession::OnSearchStarted(const GError *error)
         return;
     }
     if (isOnlyWay) {
-        TellTrouble("the search is refused: " + Reason(error));
+        TellTrouble("the search is refused: " + Parvane::BusReason(error));
     }
     mAside.insert(mSearch->mAdapter);
     mSearch.reset();

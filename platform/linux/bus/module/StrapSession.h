@@ -75,7 +75,7 @@ private:
         std::string mAdapter;
         /** False until BlueZ has said so. */
         bool mIsOn = false;
-        BusScope mScope;
+        Parvane::BusScope mScope;
     };
 
     void LoadObjects();
@@ -116,7 +116,7 @@ private:
     RetryTimer &mRetry;
     StrapObserver &mObserver;
     const std::string mOwner;
-    BusScope mScope;
+    Parvane::BusScope mScope;
     BluezObjects mObjects;
     bool mAreObjectsLoaded = false;
 

@@ -1,6 +1,7 @@
 #include "SystemBus.h"
 
 #include "BusCalls.h"
+#include "BusScope.h"
 #include "RuntimeLog.h"
 
 namespace ParvanePlatform {
@@ -8,7 +9,7 @@ namespace ParvanePlatform {
 SystemBus::~SystemBus()
 {
     if (mConnection) {
-        Flush(mConnection.get());
+        Parvane::FlushBus(mConnection.get(), kLongestWaitMs);
     }
 }
 
@@ -21,7 +22,7 @@ GDBusConnection *SystemBus::Connection()
         LogWarning("system bus: the connection is lost");
         mIsMissing = true;
     }
-    GErrorPtr failure;
+    Parvane::ErrorPtr failure;
     mConnection = ConnectToSystemBus(failure);
     if (!mConnection && !mIsMissing) {
         LogWarning("system bus: %s", failure ? failure->message : "no connection");
@@ -32,10 +33,10 @@ GDBusConnection *SystemBus::Connection()
     return mConnection.get();
 }
 
-GObjectPtr<GDBusConnection> SystemBus::Share()
+Parvane::ObjectPtr<GDBusConnection> SystemBus::Share()
 {
     GDBusConnection *connection = Connection();
-    return GObjectPtr<GDBusConnection>(
+    return Parvane::ObjectPtr<GDBusConnection>(
         connection != nullptr ? static_cast<GDBusConnection *>(g_object_ref(connection)) : nullptr);
 }
 

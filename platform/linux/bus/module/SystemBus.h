@@ -1,6 +1,8 @@
 #pragma once
 
-#include "GObjectPtr.h"
+#include <gio/gio.h>
+
+#include "ObjectPtr.h"
 
 namespace ParvanePlatform {
 
@@ -28,10 +30,10 @@ public:
     GDBusConnection *Connection();
 
     /** The same connection, with a reference of the caller's own. */
-    GObjectPtr<GDBusConnection> Share();
+    Parvane::ObjectPtr<GDBusConnection> Share();
 
 private:
-    GObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
     bool mIsMissing = false;
 };
 

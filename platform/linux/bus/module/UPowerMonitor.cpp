@@ -37,8 +37,8 @@ bool UPowerMonitor::Start(Alert alert)
 
 void UPowerMonitor::Watch(GDBusConnection *connection)
 {
-    mUPower = std::make_unique<BusScope>(connection, kService);
-    mUPower->WatchOwner(BusScope::AutoStart::Yes,
+    mUPower = std::make_unique<Parvane::BusScope>(connection, kService);
+    mUPower->WatchOwner(Parvane::BusScope::AutoStart::Yes,
                         [this](const std::string &owner) { OnOwner(owner); });
 }
 
@@ -60,10 +60,10 @@ void UPowerMonitor::OnOwner(const std::string &owner)
     mDevice.reset();
     if (!isAway) {
         // By the owner's own name: what others send under UPower's name does not count.
-        mDevice = std::make_unique<BusScope>(mUPower->Connection(), owner);
+        mDevice = std::make_unique<Parvane::BusScope>(mUPower->Connection(), owner);
         mDevice->Subscribe(
-            {kProperties, "PropertiesChanged", "(sa{sv}as)", kDevice, kDeviceInterface},
-            [this](const char * /*path*/, GVariant *arguments) { OnChanged(arguments); });
+            {kProperties, "PropertiesChanged", "(sa{sv}as)", kDeviceInterface, kDevice},
+            [this](const std::string & /*path*/, GVariant *arguments) { OnChanged(arguments); });
         Ask();
     }
 }
@@ -87,7 +87,7 @@ void UPowerMonitor::OnAnswer(GVariant *answer, const GError *failure)
     }
     GVariant *value = nullptr;
     g_variant_get(answer, "(v)", &value);
-    const GVariantPtr level(value);
+    const Parvane::VariantPtr level(value);
     if (g_variant_is_of_type(value, G_VARIANT_TYPE_UINT32) != FALSE) {
         SetLevel(g_variant_get_uint32(value));
     }
@@ -95,7 +95,7 @@ void UPowerMonitor::OnAnswer(GVariant *answer, const GError *failure)
 
 void UPowerMonitor::OnChanged(GVariant *arguments)
 {
-    const GVariantPtr changed(g_variant_get_child_value(arguments, 1));
+    const Parvane::VariantPtr changed(g_variant_get_child_value(arguments, 1));
     guint32 level = 0;
     if (g_variant_lookup(changed.get(), kWarningLevel, "u", &level) != FALSE) {
         ++mQuestion; // an answer that is on its way is older than this, or the same

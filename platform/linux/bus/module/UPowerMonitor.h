@@ -7,9 +7,9 @@
 #include "BusScope.h"
 #include "BusWatch.h"
 #include "Clock.h"
-#include "LoopSource.h"
 #include "RetryTimer.h"
 #include "SystemBus.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 
@@ -51,9 +51,9 @@ private:
     /** Tells the answer to the last question from those that are outdated. */
     unsigned mQuestion = 0;
     /** Who UPower is. */
-    std::unique_ptr<BusScope> mUPower;
+    std::unique_ptr<Parvane::BusScope> mUPower;
     /** The display device, for as long as one UPower lives. */
-    std::unique_ptr<BusScope> mDevice;
+    std::unique_ptr<Parvane::BusScope> mDevice;
     RetryTimer mRetry;
     /** Last, so that it ends first. */
     BusWatch mBus;

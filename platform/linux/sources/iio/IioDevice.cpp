@@ -35,7 +35,7 @@ void NoteObstacle(const std::string &path, int error, std::string &obstacle)
 std::vector<unsigned> DeviceNumbers(const std::string &directory, std::string &obstacle)
 {
     std::vector<unsigned> numbers;
-    const std::unique_ptr<DIR, Released<closedir>> entries(::opendir(directory.c_str()));
+    const std::unique_ptr<DIR, Parvane::Released<closedir>> entries(::opendir(directory.c_str()));
     if (!entries) {
         NoteObstacle(directory, errno, obstacle);
         return numbers;
@@ -69,7 +69,8 @@ std::string NameOf(const std::string &device, std::string &obstacle)
 /** The real path of the directory above a device's own, which bus/iio/devices has as a link. */
 std::string PlaceOf(const std::string &device)
 {
-    const std::unique_ptr<char, Released<std::free>> path(::realpath(device.c_str(), nullptr));
+    const std::unique_ptr<char, Parvane::Released<std::free>> path(
+        ::realpath(device.c_str(), nullptr));
     return path ? ParentOf(path.get()) : std::string();
 }
 

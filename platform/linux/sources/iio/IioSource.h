@@ -8,9 +8,9 @@
 #include "Clock.h"
 #include "IioReader.h"
 #include "IioSwitches.h"
-#include "LoopSource.h"
 #include "SensorSource.h"
 #include "Settings.h"
+#include "Timer.h"
 
 namespace ParvanePlatform {
 

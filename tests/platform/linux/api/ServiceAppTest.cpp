@@ -391,12 +391,12 @@ TEST_F(ServiceAppTest, WithoutARuntimeEveryCallFailsCleanly)
 
 TEST_F(ServiceAppTest, NothingIsSentInATurnOfWhichAWriteHasFailed)
 {
-    LoopSource nextTurn;
+    Parvane::LoopSource nextTurn;
     mControl = [&nextTurn] {
         Runtime::Current()->Preferences().TakeTurnBack();
         EXPECT_EQ(preference_set_int("k", 1), -5);
         EXPECT_EQ(sendData(1, 143, 1, "x"), 3);
-        nextTurn = LoopSource::Post([] {
+        nextTurn = Parvane::LoopSource::Post([] {
             EXPECT_EQ(preference_set_int("k", 1), 0);
             EXPECT_EQ(sendData(1, 143, 1, "x"), 2); // it has come as far as the missing host
             service_app_exit();

@@ -109,7 +109,7 @@ protected:
         if (connection == nullptr) {
             return false;
         }
-        const GVariantPtr reply(g_dbus_connection_call_sync(
+        const Parvane::VariantPtr reply(g_dbus_connection_call_sync(
             connection, name, "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
             G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr));
         RunWhileBusy();

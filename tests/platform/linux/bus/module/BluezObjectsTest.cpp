@@ -15,11 +15,11 @@ using testing::IsEmpty;
 constexpr char kStrap[] = "/org/bluez/hci0/dev_01";
 
 /** A variant from its text form, with its type before it. */
-GVariantPtr Parse(const std::string &text)
+Parvane::VariantPtr Parse(const std::string &text)
 {
     GError *error = nullptr;
-    GVariantPtr variant(g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, &error));
-    const GErrorPtr owned(error);
+    Parvane::VariantPtr variant(g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, &error));
+    const Parvane::ErrorPtr owned(error);
     EXPECT_NE(variant, nullptr) << text << ": " << (error != nullptr ? error->message : "");
     return variant;
 }

@@ -56,10 +56,10 @@ protected:
         mLoop = std::make_unique<ServiceLoop>(callbacks, this);
         {
             const Alerts alerts(settings, mClock, *mLoop, mParts.get());
-            const LoopSource deadline = LoopSource::At(
+            const Parvane::LoopSource deadline = Parvane::LoopSource::At(
                 mClock.MonotonicUs() + 20'000'000, [this] { End("nothing in twenty seconds"); });
             std::function<void()> again = [&] {
-                mAgain = LoopSource::At(mClock.MonotonicUs() + kBriefUs, [&] {
+                mAgain = Parvane::LoopSource::At(mClock.MonotonicUs() + kBriefUs, [&] {
                     work();
                     again();
                 });
@@ -74,7 +74,7 @@ protected:
     SystemClock mClock;
     std::unique_ptr<BusParts> mParts;
     std::unique_ptr<ServiceLoop> mLoop;
-    LoopSource mAgain;
+    Parvane::LoopSource mAgain;
     std::string mEnd;
 };
 

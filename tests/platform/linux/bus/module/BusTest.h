@@ -7,8 +7,8 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include "GObjectPtr.h"
 #include "LoopSource.h"
+#include "ObjectPtr.h"
 #include "PrivateBus.h"
 #include "TestSupport.h"
 
@@ -32,9 +32,9 @@ protected:
      */
     static bool Eventually(const std::function<bool()> &done)
     {
-        LoopSource tick;
+        Parvane::LoopSource tick;
         const std::function<void()> again = [&tick, &again] {
-            tick = LoopSource::At(g_get_monotonic_time() + 10'000, again);
+            tick = Parvane::LoopSource::At(g_get_monotonic_time() + 10'000, again);
         };
         again();
         return RunUntil(done);
@@ -47,7 +47,7 @@ protected:
     static bool IsSharedConnectionFresh()
     {
         return Eventually([] {
-            const GObjectPtr<GDBusConnection> connection(
+            const Parvane::ObjectPtr<GDBusConnection> connection(
                 g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
             if (connection) {
                 g_dbus_connection_set_exit_on_close(connection.get(), FALSE);

@@ -57,13 +57,13 @@ protected:
     /** Warns, and waits until this process has got the last warning. */
     void WarnAndWait(const std::vector<int> &levels)
     {
-        const GObjectPtr<GDBusConnection> connection(
+        const Parvane::ObjectPtr<GDBusConnection> connection(
             g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
         ASSERT_NE(connection, nullptr);
         int got = 0;
-        BusScope service(connection.get(), kService);
+        Parvane::BusScope service(connection.get(), kService);
         service.Subscribe({kService, "LowMemoryWarning", "(y)"},
-                          [&got](const char * /*path*/, GVariant *arguments) {
+                          [&got](const std::string & /*path*/, GVariant *arguments) {
                               guchar level = 0;
                               g_variant_get(arguments, "(y)", &level);
                               got = level;
@@ -164,7 +164,8 @@ TEST_F(GlibMemoryMonitorTest, BusThatDiesWhileGlibBeginsToListenLeavesNobodyDeaf
         MakeMonitor();
         ASSERT_TRUE(Start());
         for (int turn = 0; turn < turns; ++turn) {
-            const LoopSource tick = LoopSource::At(g_get_monotonic_time() + 20'000, [] {});
+            const Parvane::LoopSource tick =
+                Parvane::LoopSource::At(g_get_monotonic_time() + 20'000, [] {});
             g_main_context_iteration(nullptr, TRUE);
         }
         mBus->Pause();

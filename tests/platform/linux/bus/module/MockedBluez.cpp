@@ -151,7 +151,7 @@ void MockedBluez::RefuseSearch(const std::string &adapter, bool isRefused)
 
 std::string MockedBluez::AddStrap(const std::string &adapter, const std::string &address)
 {
-    const GVariantPtr reply =
+    const Parvane::VariantPtr reply =
         mBus.Call(kBluez, "/", kBluezMock, "AddDevice",
                   g_variant_new("(sss)", adapter.c_str(), address.c_str(), "Strap"));
     const char *path = nullptr;

@@ -36,13 +36,13 @@ constexpr gulong kPauseUs = 5'000;
 
 [[noreturn]] void Throw(const std::string &what, GError *error)
 {
-    const GErrorPtr owned(error);
+    const Parvane::ErrorPtr owned(error);
     throw std::runtime_error(what + ": " + (error != nullptr ? error->message : "failed"));
 }
 
-GObjectPtr<GDBusConnection> TryConnect(const std::string &address)
+Parvane::ObjectPtr<GDBusConnection> TryConnect(const std::string &address)
 {
-    return GObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
+    return Parvane::ObjectPtr<GDBusConnection>(g_dbus_connection_new_for_address_sync(
         address.c_str(),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
@@ -176,11 +176,12 @@ std::unique_ptr<MockedService> PrivateBus::Run(const std::string &busTemplate,
     return std::make_unique<MockedService>(*this, busTemplate, parameters);
 }
 
-GVariantPtr PrivateBus::Call(const std::string &name, const std::string &path,
-                             const char *interface, const char *method, GVariant *arguments) const
+Parvane::VariantPtr PrivateBus::Call(const std::string &name, const std::string &path,
+                                     const char *interface, const char *method,
+                                     GVariant *arguments) const
 {
     GError *error = nullptr;
-    GVariantPtr reply(g_dbus_connection_call_sync(
+    Parvane::VariantPtr reply(g_dbus_connection_call_sync(
         mConnection.get(), name.c_str(), path.c_str(), interface, method, arguments, nullptr,
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kDeadlineMs, nullptr, &error));
     if (!reply) {
@@ -194,11 +195,12 @@ std::string PrivateBus::Call(const std::string &name, const std::string &path,
                              const std::string &arguments) const
 {
     GError *error = nullptr;
-    const GVariantPtr tuple(g_variant_parse(nullptr, arguments.c_str(), nullptr, nullptr, &error));
+    const Parvane::VariantPtr tuple(
+        g_variant_parse(nullptr, arguments.c_str(), nullptr, nullptr, &error));
     if (!tuple) {
         Throw(arguments, error);
     }
-    const GVariantPtr reply = Call(name, path, interface, method, tuple.get());
+    const Parvane::VariantPtr reply = Call(name, path, interface, method, tuple.get());
     char *text = g_variant_print(reply.get(), FALSE);
     std::string result = text;
     g_free(text);
@@ -215,7 +217,7 @@ void PrivateBus::SetProperty(const std::string &name, const std::string &path,
 
 bool PrivateBus::HasOwner(const std::string &name) const
 {
-    const GVariantPtr reply =
+    const Parvane::VariantPtr reply =
         Call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
              "NameHasOwner", g_variant_new("(s)", name.c_str()));
     gboolean hasOwner = FALSE;

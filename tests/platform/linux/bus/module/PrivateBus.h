@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
+#include <gio/gio.h>
+
 #include "ChildProcess.h"
-#include "GObjectPtr.h"
+#include "ObjectPtr.h"
 
 namespace ParvanePlatform {
 
@@ -103,8 +105,8 @@ public:
      *
      * @throws std::runtime_error with what the error says
      */
-    GVariantPtr Call(const std::string &name, const std::string &path, const char *interface,
-                     const char *method, GVariant *arguments) const;
+    Parvane::VariantPtr Call(const std::string &name, const std::string &path,
+                             const char *interface, const char *method, GVariant *arguments) const;
 
     /** The same in GVariant's text: takes "('hci0', 'watch')", returns what it prints as. */
     std::string Call(const std::string &name, const std::string &path, const char *interface,
@@ -127,7 +129,7 @@ private:
     std::string mAddress;
     std::optional<std::string> mOldAddress;
     Companion mDaemon;
-    GObjectPtr<GDBusConnection> mConnection;
+    Parvane::ObjectPtr<GDBusConnection> mConnection;
 };
 
 /** A socket that connections can be made to, and that never says a word. */

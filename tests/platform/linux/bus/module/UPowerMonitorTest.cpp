@@ -37,7 +37,7 @@ protected:
     void Settle()
     {
         for (int i = 0; i < 5; ++i) {
-            const GVariantPtr reply(g_dbus_connection_call_sync(
+            const Parvane::VariantPtr reply(g_dbus_connection_call_sync(
                 mSystemBus->Connection(), kService, "/", "org.freedesktop.DBus.Peer", "Ping",
                 nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr));
             ASSERT_NE(reply, nullptr);
@@ -197,7 +197,7 @@ TEST_F(UPowerMonitorTest, LevelThatSomebodyElseTellsDoesNotCount)
         stranger.Connection(), g_dbus_connection_get_unique_name(mSystemBus->Connection()),
         "/org/freedesktop/UPower/devices/DisplayDevice", "org.freedesktop.DBus.Properties",
         "PropertiesChanged", changed, nullptr));
-    Flush(stranger.Connection());
+    Parvane::FlushBus(stranger.Connection(), kLongestWaitMs);
 
     SetLevel(3);
 

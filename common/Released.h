@@ -1,6 +1,6 @@
 #pragma once
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 /** Lets std::unique_ptr release an object by a function: std::unique_ptr<DIR, Released<closedir>>. */
 template <auto kRelease>
@@ -13,4 +13,4 @@ struct Released
     }
 };
 
-} // namespace ParvanePlatform
+} // namespace Parvane

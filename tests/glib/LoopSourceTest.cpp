@@ -1,5 +1,6 @@
 #include "LoopSource.h"
 
+#include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "RunHandler.h"
 #include "TestSupport.h"
 #include "UniqueFd.h"
 
@@ -17,7 +19,7 @@ namespace ParvanePlatform {
 TEST(LoopSourceTest, PostCallsOnceInTheNextTurn)
 {
     int calls = 0;
-    const LoopSource source = LoopSource::Post([&calls] { ++calls; });
+    const Parvane::LoopSource source = Parvane::LoopSource::Post([&calls] { ++calls; });
     EXPECT_EQ(calls, 0);
     EXPECT_TRUE(source.IsActive());
 
@@ -31,7 +33,7 @@ TEST(LoopSourceTest, EndOfTheOwnerEndsTheSource)
 {
     int calls = 0;
     {
-        const LoopSource source = LoopSource::Post([&calls] { ++calls; });
+        const Parvane::LoopSource source = Parvane::LoopSource::Post([&calls] { ++calls; });
     }
     RunWhileBusy();
     EXPECT_EQ(calls, 0);
@@ -40,8 +42,8 @@ TEST(LoopSourceTest, EndOfTheOwnerEndsTheSource)
 TEST(LoopSourceTest, MovedSourceGoesOnAndReplacedOneEnds)
 {
     std::string calls;
-    LoopSource first = LoopSource::Post([&calls] { calls += 'a'; });
-    LoopSource second = LoopSource::Post([&calls] { calls += 'b'; });
+    Parvane::LoopSource first = Parvane::LoopSource::Post([&calls] { calls += 'a'; });
+    Parvane::LoopSource second = Parvane::LoopSource::Post([&calls] { calls += 'b'; });
     second = std::move(first);
     RunWhileBusy();
     EXPECT_EQ(calls, "a");
@@ -51,12 +53,12 @@ TEST(LoopSourceTest, HandlerMayEndItsOwnSource)
 {
     struct Owner
     {
-        LoopSource mSource;
+        Parvane::LoopSource mSource;
     };
     auto owner = std::make_unique<Owner>();
     const auto canary = std::make_shared<int>(5);
     int seen = 0;
-    owner->mSource = LoopSource::Post([&owner, &seen, canary] {
+    owner->mSource = Parvane::LoopSource::Post([&owner, &seen, canary] {
         owner.reset();
         seen = *canary; // what was captured is still there
     });
@@ -68,12 +70,13 @@ TEST(LoopSourceTest, HandlerMayEndItsOwnSource)
 TEST(LoopSourceTest, TimerFiresAtItsTimeAndNotBefore)
 {
     int calls = 0;
-    LoopSource source = LoopSource::At(g_get_monotonic_time() + 2000, [&calls] { ++calls; });
+    Parvane::LoopSource source =
+        Parvane::LoopSource::At(g_get_monotonic_time() + 2000, [&calls] { ++calls; });
     const std::int64_t startUs = g_get_monotonic_time();
     EXPECT_TRUE(RunUntil([&calls] { return calls == 1; }));
     EXPECT_GE(g_get_monotonic_time() - startUs, 1000);
 
-    source = LoopSource::At(g_get_monotonic_time() + 3'600'000'000, [&calls] { ++calls; });
+    source = Parvane::LoopSource::At(g_get_monotonic_time() + 3'600'000'000, [&calls] { ++calls; });
     RunWhileBusy();
     EXPECT_EQ(calls, 1);
     EXPECT_GT(NextWakeMs(), 3'590'000);
@@ -83,7 +86,7 @@ TEST(LoopSourceTest, WatchedDescriptorCallsWhileItIsReady)
 {
     const Parvane::UniqueFd event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     int calls = 0;
-    const LoopSource source = LoopSource::WatchFd(event.Get(), G_IO_IN, [&] {
+    const Parvane::LoopSource source = Parvane::LoopSource::WatchFd(event.Get(), G_IO_IN, [&] {
         ++calls;
         eventfd_t value = 0;
         eventfd_read(event.Get(), &value);
@@ -98,10 +101,10 @@ TEST(LoopSourceTest, WatchedDescriptorCallsWhileItIsReady)
 TEST(LoopSourceTest, BeforeSleepIsAskedEachTurnAndNeverWakes)
 {
     int calls = 0;
-    const LoopSource source = LoopSource::BeforeSleep([&calls] { ++calls; });
+    const Parvane::LoopSource source = Parvane::LoopSource::BeforeSleep([&calls] { ++calls; });
     EXPECT_EQ(NextWakeMs(), -1);
     calls = 0;
-    const LoopSource posted = LoopSource::Post([] {});
+    const Parvane::LoopSource posted = Parvane::LoopSource::Post([] {});
     g_main_context_iteration(nullptr, FALSE);
     EXPECT_EQ(calls, 1);
     g_main_context_iteration(nullptr, FALSE);
@@ -111,9 +114,11 @@ TEST(LoopSourceTest, BeforeSleepIsAskedEachTurnAndNeverWakes)
 TEST(LoopSourceTest, ExceptionOfAHandlerIsLoggedAndGoesNoFurther)
 {
     StderrCapture capture;
-    const LoopSource source = LoopSource::Post([] { throw std::runtime_error("broken"); });
+    Parvane::SetHandlerLog([](const char *line) noexcept { std::fprintf(stderr, "%s\n", line); });
+    const Parvane::LoopSource source =
+        Parvane::LoopSource::Post([] { throw std::runtime_error("broken"); });
     RunWhileBusy();
-    EXPECT_EQ(capture.Take(), "E platform: main loop: broken\n");
+    EXPECT_EQ(capture.Take(), "main loop: broken\n");
 }
 
 TEST(LoopSourceTest, TimerCanBeSetAgainFromItsHandlerAndDisarmed)

@@ -1,5 +1,6 @@
 #include "SeldomReady.h"
 
+#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
@@ -10,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "RunHandler.h"
 #include "TestSupport.h"
 
 namespace ParvanePlatform {
@@ -44,14 +46,16 @@ TEST(SeldomReadyTest, ReadyDescriptorsAreCalledEachForItself)
     const Parvane::UniqueFd first = MakeEvent(0);
     const Parvane::UniqueFd second = MakeEvent(0);
     std::string calls;
-    const LoopSource firstSource = LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&] {
-        calls += 'a';
-        Lower(first);
-    });
-    const LoopSource secondSource = LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&] {
-        calls += 'b';
-        Lower(second);
-    });
+    const Parvane::LoopSource firstSource =
+        Parvane::LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&] {
+            calls += 'a';
+            Lower(first);
+        });
+    const Parvane::LoopSource secondSource =
+        Parvane::LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&] {
+            calls += 'b';
+            Lower(second);
+        });
     EXPECT_TRUE(firstSource.IsActive());
 
     RunWhileBusy();
@@ -68,7 +72,8 @@ TEST(SeldomReadyTest, DescriptorThatStaysReadyIsCalledInEachTurn)
 {
     const Parvane::UniqueFd event = MakeEvent(1);
     int calls = 0;
-    const LoopSource source = LoopSource::WatchSeldom(event.Get(), G_IO_IN, [&calls] { ++calls; });
+    const Parvane::LoopSource source =
+        Parvane::LoopSource::WatchSeldom(event.Get(), G_IO_IN, [&calls] { ++calls; });
     for (int turn = 0; turn < 3; ++turn) {
         g_main_context_iteration(nullptr, FALSE);
     }
@@ -83,10 +88,10 @@ TEST(SeldomReadyTest, EndedSourceIsNotCalledAndTheSetGoesWithTheLast)
     const Parvane::UniqueFd second = MakeEvent(1);
     int calls = 0;
     {
-        LoopSource firstSource =
-            LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&calls] { ++calls; });
-        const LoopSource secondSource =
-            LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&calls] { ++calls; });
+        Parvane::LoopSource firstSource =
+            Parvane::LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&calls] { ++calls; });
+        const Parvane::LoopSource secondSource =
+            Parvane::LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&calls] { ++calls; });
         EXPECT_EQ(OpenDescriptors(), before + 3);
         firstSource.Remove();
         firstSource.Remove();
@@ -103,8 +108,8 @@ TEST(SeldomReadyTest, HandlerMayEndItselfTheOthersAndTheSet)
 {
     struct Sources
     {
-        LoopSource mFirst;
-        LoopSource mSecond;
+        Parvane::LoopSource mFirst;
+        Parvane::LoopSource mSecond;
     };
     const Parvane::UniqueFd first = MakeEvent(1);
     const Parvane::UniqueFd second = MakeEvent(1);
@@ -115,8 +120,8 @@ TEST(SeldomReadyTest, HandlerMayEndItselfTheOthersAndTheSet)
         sources.reset();
         seen += *canary;
     };
-    sources->mFirst = LoopSource::WatchSeldom(first.Get(), G_IO_IN, endBoth);
-    sources->mSecond = LoopSource::WatchSeldom(second.Get(), G_IO_IN, endBoth);
+    sources->mFirst = Parvane::LoopSource::WatchSeldom(first.Get(), G_IO_IN, endBoth);
+    sources->mSecond = Parvane::LoopSource::WatchSeldom(second.Get(), G_IO_IN, endBoth);
 
     RunWhileBusy();
 
@@ -128,8 +133,10 @@ TEST(SeldomReadyTest, MovedSourceGoesOnAndReplacedOneEnds)
     const Parvane::UniqueFd first = MakeEvent(1);
     const Parvane::UniqueFd second = MakeEvent(1);
     std::string calls;
-    LoopSource source = LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&calls] { calls += 'a'; });
-    LoopSource other = LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&calls] { calls += 'b'; });
+    Parvane::LoopSource source =
+        Parvane::LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&calls] { calls += 'a'; });
+    Parvane::LoopSource other =
+        Parvane::LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&calls] { calls += 'b'; });
     source = std::move(other);
     g_main_context_iteration(nullptr, FALSE);
     EXPECT_EQ(calls, "b");
@@ -138,24 +145,27 @@ TEST(SeldomReadyTest, MovedSourceGoesOnAndReplacedOneEnds)
 TEST(SeldomReadyTest, ExceptionIsLoggedAndTheOthersAreCalled)
 {
     StderrCapture log;
+    Parvane::SetHandlerLog([](const char *line) noexcept { std::fprintf(stderr, "%s\n", line); });
     const Parvane::UniqueFd first = MakeEvent(0);
     const Parvane::UniqueFd second = MakeEvent(0);
     int calls = 0;
-    const LoopSource failing = LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&first] {
-        Lower(first);
-        throw std::runtime_error("no luck");
-    });
-    const LoopSource working = LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&] {
-        Lower(second);
-        ++calls;
-    });
+    const Parvane::LoopSource failing =
+        Parvane::LoopSource::WatchSeldom(first.Get(), G_IO_IN, [&first] {
+            Lower(first);
+            throw std::runtime_error("no luck");
+        });
+    const Parvane::LoopSource working =
+        Parvane::LoopSource::WatchSeldom(second.Get(), G_IO_IN, [&] {
+            Lower(second);
+            ++calls;
+        });
     Raise(first);
     Raise(second);
 
     RunWhileBusy();
 
     EXPECT_EQ(calls, 1);
-    EXPECT_NE(log.Take().find("E platform: main loop: no luck"), std::string::npos);
+    EXPECT_NE(log.Take().find("main loop: no luck"), std::string::npos);
 }
 
 TEST(SeldomReadyTest, DescriptorThatTheKernelCannotKeepInASetIsWatchedAllTheSame)
@@ -164,9 +174,10 @@ TEST(SeldomReadyTest, DescriptorThatTheKernelCannotKeepInASetIsWatchedAllTheSame
     const std::string path = directory / "file";
     // A file of the disk is always ready, and epoll refuses it.
     const Parvane::UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    ASSERT_FALSE(SeldomReady::Watch(file.Get(), G_IO_IN, [] {}).has_value());
+    ASSERT_FALSE(Parvane::SeldomReady::Watch(file.Get(), G_IO_IN, [] {}).has_value());
     int calls = 0;
-    const LoopSource source = LoopSource::WatchSeldom(file.Get(), G_IO_IN, [&calls] { ++calls; });
+    const Parvane::LoopSource source =
+        Parvane::LoopSource::WatchSeldom(file.Get(), G_IO_IN, [&calls] { ++calls; });
     EXPECT_TRUE(source.IsActive());
     g_main_context_iteration(nullptr, FALSE);
     EXPECT_EQ(calls, 1);

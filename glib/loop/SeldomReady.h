@@ -10,7 +10,7 @@
 #include "LoopSource.h"
 #include "UniqueFd.h"
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 /**
  * Descriptors that are seldom ready, which the main loop watches as one.
@@ -53,9 +53,9 @@ private:
     static SeldomReady *sInstance;
     static Id sLastId;
 
-    Parvane::UniqueFd mEpoll;
+    UniqueFd mEpoll;
     std::map<Id, Entry> mEntries;
     LoopSource mSource;
 };
 
-} // namespace ParvanePlatform
+} // namespace Parvane

@@ -4,7 +4,7 @@
 #include <sys/epoll.h>
 #include <utility>
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 namespace {
 
@@ -79,4 +79,4 @@ void SeldomReady::CallReady()
     }
 }
 
-} // namespace ParvanePlatform
+} // namespace Parvane

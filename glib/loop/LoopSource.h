@@ -1,19 +1,22 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
+#include <utility>
 
 #include <glib.h>
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 /**
- * Owner of one source of the default main loop; the source ends with it.
+ * Owner of one source of the main loop, or in another thread of the context that is its default there;
+ * the source ends with it.
  *
  * A handler may end its own source, and its owner, in its call: what it captures lives until it has
- * returned. An exception that leaves a handler is logged and goes no further. Main-loop thread only.
+ * returned. An exception that leaves a handler is logged and goes no further (RunHandler.h). In the thread
+ * of the loop only.
  */
 class LoopSource
 {
@@ -34,15 +37,21 @@ public:
 
     /**
      * The same, for a descriptor that is seldom ready: the loop's turns cost the same however many of
-     * these there are (SeldomReady.h).
+     * these there are (SeldomReady.h). In the main thread only.
      */
     static LoopSource WatchSeldom(int fd, GIOCondition events, const Handler &handler);
 
+    /** Takes a source over that is not attached; its callback is of type GPollableSourceFunc. */
+    static LoopSource WatchStream(GSource *stream, Handler handler);
+
     /** Calls `handler` once, in the next turn of the loop. */
-    static LoopSource Post(Handler handler);
+    static LoopSource Post(Handler handler) { return At(0, std::move(handler)); }
 
     /** Calls `handler` once, when the monotonic clock has reached `dueUs` microseconds. */
     static LoopSource At(std::int64_t dueUs, Handler handler);
+
+    /** Calls `handler` once, when `delay` has passed. */
+    static LoopSource After(std::chrono::milliseconds delay, Handler handler);
 
     /** Calls `handler` in each turn before the loop goes to sleep; it never wakes the loop. */
     static LoopSource BeforeSleep(Handler handler);
@@ -51,38 +60,15 @@ public:
     void Remove();
 
     /** True while the source can still fire. */
-    bool IsActive() const;
+    [[nodiscard]] bool IsActive() const;
 
 private:
-    explicit LoopSource(GSource *source) : mSource(source) {}
+    /** Takes the reference over, and attaches the source. */
+    explicit LoopSource(GSource *source);
 
     GSource *mSource = nullptr;
     /** In place of mSource, for a descriptor that is seldom ready. */
     std::optional<std::uint64_t> mSeldomId;
 };
 
-/** A one-shot alarm that can be set again and again. An interface, so that tests need no time. */
-class Timer
-{
-public:
-    virtual ~Timer() = default;
-
-    /** Calls `handler` once at `dueUs` of the monotonic clock; replaces an earlier setting. */
-    virtual void Arm(std::int64_t dueUs, std::function<void()> handler) = 0;
-
-    /** Ends the setting; there is no call and no wake-up any more. */
-    virtual void Disarm() = 0;
-};
-
-/** A timer of the default main loop. */
-class LoopTimer : public Timer
-{
-public:
-    void Arm(std::int64_t dueUs, std::function<void()> handler) override;
-    void Disarm() override;
-
-private:
-    LoopSource mSource;
-};
-
-} // namespace ParvanePlatform
+} // namespace Parvane
