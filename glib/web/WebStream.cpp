@@ -19,9 +19,17 @@ bool IsNothing(GError *failure)
     return g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK) != FALSE;
 }
 
+/** How many there are. */
+thread_local int ending = 0;
+
 /** What is left of a connection while its last word is on its way. */
 struct Closing
 {
+    Closing() { ++ending; }
+    ~Closing() { --ending; }
+    Closing(const Closing &) = delete;
+    Closing &operator=(const Closing &) = delete;
+
     ObjectPtr<GIOStream> mStream;
     ObjectPtr<GCancellable> mCancellable{g_cancellable_new()};
     LoopSource mTimer;
@@ -45,6 +53,11 @@ WebStream::~WebStream()
         LoopSource::After(kCloseTime, [cancellable] { g_cancellable_cancel(cancellable); });
     GIOStream *stream = closing->mStream.get();
     g_io_stream_close_async(stream, G_PRIORITY_DEFAULT, cancellable, OnClosed, closing.release());
+}
+
+int WebStream::Ending()
+{
+    return ending;
 }
 
 void WebStream::WatchInput(std::function<void()> onReadable)

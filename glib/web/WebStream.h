@@ -48,6 +48,9 @@ public:
     /** The bytes that have not been sent. */
     [[nodiscard]] std::size_t Waiting() const { return mOut.size() - mSent; }
 
+    /** How many connections of this thread have their last word on its way; each for a second at most. */
+    static int Ending();
+
     /** Whether sending has failed: nothing more will be sent. */
     [[nodiscard]] bool IsBroken() const { return mIsBroken; }
 

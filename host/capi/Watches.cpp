@@ -26,7 +26,7 @@ std::string DefaultPath()
 bool HasWork(const parvane_watch &watch)
 {
     return watch.mHandle.mIsAsked ||
-           watch.mHandle.mSession->WantsLink() != (watch.mLinked.Fd() >= 0);
+           watch.mHandle.mSession->WantsLink() != watch.mLinked.HasLink();
 }
 
 } // namespace

@@ -12,9 +12,11 @@
 #include <system_error>
 #include <utility>
 
+#include "ErrnoText.h"
 #include "ExitCodeText.h"
 #include "HexBytes.h"
 #include "JsonPrinter.h"
+#include "RegularFile.h"
 #include "Usage.h"
 #include "WireFormat.h"
 
@@ -43,9 +45,12 @@ const Parvane::UsageWords &Words()
          {"raw", "raw 01 00 00 00", {"--no-state"}},
          {"export",
           "export --format tcx day.pcapng",
-          {"--socket", "--capture", "--timeout", "--wait", "--timestamps", "--json",
-           "--no-state"}}},
+          {"--socket", "--link", "--token-file", "--fingerprint", "--capture", "--timeout",
+           "--wait", "--timestamps", "--json", "--no-state"}}},
         {{"--socket", "/run/parvane/link.sock"},
+         {"--link", "wss://watch.local:8467"},
+         {"--token-file", "token"},
+         {"--fingerprint", "5A:1F:..."},
          {"--capture", "link.pcapng"},
          {"--timeout", "2.5"},
          {"--wait", "10"},
@@ -63,6 +68,9 @@ const Parvane::UsageWords &Words()
 struct Texts
 {
     std::optional<std::string> mSocket;
+    std::optional<std::string> mLink;
+    std::optional<std::string> mTokenFile;
+    std::optional<std::string> mFingerprint;
     std::optional<std::string> mCapture;
     std::optional<std::string> mTimeout;
     std::optional<std::string> mWait;
@@ -184,6 +192,20 @@ void AddOptions(CLI::App &app, Texts &texts)
               "else $XDG_RUNTIME_DIR/parvane/link.sock,\n"
               "else /run/parvane/link.sock)",
               "PATH");
+    AddOption(app, "--link", texts.mLink,
+              "The watch in its place: wss://HOST[:PORT] and ws:// of its\n"
+              "gateway on the network, or unix:PATH of a socket",
+              "ADDRESS");
+    AddOption(app, "--token-file", texts.mTokenFile,
+              "With --link: what 'parvane-gateway token add' has shown\n"
+              "(default: $PARVANE_TOKEN; not an argument, which every\n"
+              "user of this machine could read)",
+              "FILE");
+    AddOption(app, "--fingerprint", texts.mFingerprint,
+              "With wss://: SHA-256 of the one certificate that will do,\n"
+              "as 'parvane-gateway status' tells it (default:\n"
+              "$PARVANE_FINGERPRINT, else one that this system trusts)",
+              "SHA256");
     AddOption(app, "--capture", texts.mCapture,
               "Write every packet of the link to a pcapng file,\nfor Wireshark", "FILE");
     app.add_flag("--force", texts.mForce, "Overwrite a file that exists");
@@ -281,11 +303,79 @@ std::string DefaultSocketPath(const Parvane::Environment &environment)
     return link.empty() ? Parvane::RuntimeDirectory(environment, "parvane") + "/link.sock" : link;
 }
 
+/** The token of a file or the environment. */
+std::string ReadToken(const Texts &texts, const Parvane::Environment &environment)
+{
+    constexpr std::size_t kMostBytes = 4096;
+    std::string token = Parvane::ValueOf(environment, "PARVANE_TOKEN");
+    if (texts.mTokenFile) {
+        const int error = Parvane::ReadWholeFile(*texts.mTokenFile, kMostBytes, token);
+        if (error != 0) {
+            throw UsageError("--token-file: cannot read " + Quoted(*texts.mTokenFile) + ": " +
+                             Parvane::ErrnoText(error));
+        }
+        token.erase(std::min(token.size(), token.find_last_not_of(" \t\r\n") + 1));
+    }
+    if (!IsToken(token)) {
+        throw UsageError(texts.mTokenFile || !token.empty()
+                             ? "what was given as the token is none: one word is"
+                             : "--link needs a token: --token-file FILE, or PARVANE_TOKEN");
+    }
+    return token;
+}
+
+WebTarget ReadTarget(const Texts &texts, const Parvane::Environment &environment)
+{
+    auto target = ParseWebAddress(*texts.mLink);
+    if (!target) {
+        throw UsageError("--link: " + Quoted(*texts.mLink) + ": " + target.GetError());
+    }
+    WebTarget known = std::move(target).Value();
+    known.mToken = ReadToken(texts, environment);
+    const std::string given =
+        texts.mFingerprint.value_or(Parvane::ValueOf(environment, "PARVANE_FINGERPRINT"));
+    if (texts.mFingerprint && !known.mIsTls) {
+        throw UsageError("--fingerprint has no effect without TLS: wss://");
+    }
+    if (texts.mFingerprint || !given.empty()) {
+        const auto fingerprint = ParseFingerprint(given);
+        if (!fingerprint) {
+            throw UsageError("the fingerprint " + Quoted(given) +
+                             " is none: 64 hexadecimal digits, with or without colons, are");
+        }
+        known.mFingerprint = *fingerprint;
+    }
+    return known;
+}
+
+/** The watch that is meant: a socket of this machine, or a gateway. */
+void InterpretPlace(const Texts &texts, const Parvane::Environment &environment,
+                    Invocation &invocation)
+{
+    constexpr std::string_view kUnix = "unix:";
+    if (texts.mSocket && texts.mLink) {
+        throw UsageError("--socket and --link both say where the watch is; give one of them");
+    }
+    const bool isWeb = texts.mLink && !texts.mLink->starts_with(kUnix);
+    if (!isWeb && (texts.mTokenFile || texts.mFingerprint)) {
+        throw UsageError(std::string(texts.mTokenFile ? "--token-file" : "--fingerprint") +
+                         " has no effect without --link wss://HOST or ws://HOST");
+    }
+    if (isWeb) {
+        invocation.mWeb = ReadTarget(texts, environment);
+        return;
+    }
+    const std::string path = texts.mLink     ? texts.mLink->substr(kUnix.size())
+                             : texts.mSocket ? *texts.mSocket
+                                             : DefaultSocketPath(environment);
+    invocation.mSocketPath = Parvane::CheckedSocketPath(path, "the accessory link's socket");
+}
+
 /**
- * Where the steps of the watch behind a socket are kept: a file for each socket, named after its path.
+ * Where the steps of a watch are kept: a file for each socket, named after its path, and for each gateway.
  * Empty where the environment knows no place.
  */
-std::string StepsPath(const Parvane::Environment &environment, const std::string &socket)
+std::string StepsPath(const Parvane::Environment &environment, const Invocation &invocation)
 {
     std::string state = Parvane::ValueOf(environment, "XDG_STATE_HOME");
     if (!state.starts_with('/')) { // others are to be ignored
@@ -296,7 +386,10 @@ std::string StepsPath(const Parvane::Environment &environment, const std::string
         state = home + "/.local/state";
     }
     std::error_code ignored; // such a path stays as it is
-    std::string name = std::filesystem::absolute(socket, ignored).lexically_normal().string();
+    std::string name = invocation.mWeb ? '/' + invocation.mWeb->mAddress
+                                       : std::filesystem::absolute(invocation.mSocketPath, ignored)
+                                             .lexically_normal()
+                                             .string();
     std::replace(name.begin(), name.end(), '/', '%');
     return state + "/parvane-host/steps" + name;
 }
@@ -402,9 +495,7 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
 {
     Invocation invocation;
     invocation.mJson = texts.mJson;
-    invocation.mSocketPath =
-        Parvane::CheckedSocketPath(texts.mSocket ? *texts.mSocket : DefaultSocketPath(environment),
-                                   "the accessory link's socket");
+    InterpretPlace(texts, environment, invocation);
     if (texts.mCapture && texts.mCapture->empty()) {
         throw UsageError("--capture: the path is empty; give the file to write");
     }
@@ -419,7 +510,7 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     invocation.mTimeStyle = ParseTimeStyle(texts.mTimestamps);
     invocation.mRaw = texts.mRaw;
     if (!texts.mNoState) {
-        invocation.mStepsPath = StepsPath(environment, invocation.mSocketPath);
+        invocation.mStepsPath = StepsPath(environment, invocation);
     }
     InterpretAction(app.get_subcommands().front()->get_name(), texts, invocation);
     RefuseWithoutEffect(texts, invocation);

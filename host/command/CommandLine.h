@@ -10,6 +10,7 @@
 #include "Messages.h"
 #include "RuntimeDirectory.h"
 #include "TextPrinter.h"
+#include "WebTarget.h"
 
 namespace ParvaneHost {
 
@@ -30,7 +31,8 @@ struct Invocation
     };
 
     Action mAction = Action::List;
-    std::string mSocketPath;
+    std::string mSocketPath;                 // empty with mWeb
+    std::optional<WebTarget> mWeb;           // a gateway on the network in its place
     std::optional<std::string> mCapturePath; // nothing: no capture
     bool mForce = false;                     // a file that exists may be overwritten
     bool mJson = false;
@@ -63,7 +65,7 @@ struct Ending
  * Reads the command line.
  *
  * @param arguments    without the program's name
- * @param environment  for the default of the socket's path
+ * @param environment  for the default of the socket's path, and of what opens a gateway
  */
 std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
                                                   const Parvane::Environment &environment);

@@ -13,6 +13,7 @@
 #include "Terminal.h"
 #include "TextPrinter.h"
 #include "Wait.h"
+#include "GatewayRoad.h"
 #include "WireCodec.h"
 
 namespace ParvaneHost {
@@ -35,12 +36,21 @@ std::unique_ptr<Printer> MakePrinter(const Invocation &invocation)
     return std::make_unique<TextPrinter>(invocation.mTimeStyle);
 }
 
-/** Whether the service may be just starting. */
+std::unique_ptr<Road> MakeRoad(const Invocation &invocation)
+{
+    if (invocation.mWeb) {
+        return std::make_unique<GatewayRoad>(*invocation.mWeb);
+    }
+    return std::make_unique<SocketRoad>(invocation.mSocketPath);
+}
+
+/** Whether the service, or what is on the way to it, may be just starting. */
 bool IsNotThereYet(const Error &error)
 {
     const auto *link = std::get_if<LinkError>(&error);
     return link != nullptr && link->mReason == LinkError::Reason::CannotConnect &&
-           (link->mErrno == ENOENT || link->mErrno == ECONNREFUSED);
+           (link->mErrno == ENOENT || link->mErrno == ECONNREFUSED ||
+            (!link->mText.empty() && !link->mIsFinal));
 }
 
 /** Whether nobody answers, as opposed to an answer or a link that is amiss. */
@@ -72,7 +82,7 @@ CommandRunner::CommandRunner(Invocation invocation, Parvane::Signals &signals)
       mErrors(STDERR_FILENO),
       mSteps(Counts() ? mInvocation.mStepsPath : std::string(),
              [this](const std::string &text) { Complain(text); }),
-      mWatch(mInvocation.mSocketPath, MakeSessionOptions(), mSteps.Load())
+      mWatch(MakeRoad(mInvocation), MakeSessionOptions(), mSteps.Load())
 {
     mWait.mInterruptFd = mSignals->Fd();
     mWait.mOutputFd = STDOUT_FILENO;
@@ -284,15 +294,15 @@ SessionOptions CommandRunner::MakeSessionOptions() const
 Result<Link, Error> CommandRunner::MakeLink(const Deadline &bound)
 {
     constexpr milliseconds kConnectTimeout{5000};
-    constexpr milliseconds kPause{50};
+    const milliseconds pauseBetween{mInvocation.mWeb ? 500 : 50};
     const Deadline patience = Deadline::After(mInvocation.mWait).Earlier(bound);
     for (;;) {
         const auto within = Deadline::After(mInvocation.mTimeout.value_or(kConnectTimeout));
-        auto link = Link::Connect(mInvocation.mSocketPath, within.Earlier(bound), mWait);
+        auto link = mWatch.GetRoad().Connect(within.Earlier(bound), mWait);
         if (link || !IsNotThereYet(link.GetError()) || patience.HasPassed()) {
             return link;
         }
-        const Deadline pause = Deadline::After(kPause).Earlier(patience);
+        const Deadline pause = Deadline::After(pauseBetween).Earlier(patience);
         if (Parvane::WaitFor(-1, 0, pause, mWait) == Parvane::WaitResult::Interrupted) {
             return Error{Interrupted{}};
         }
@@ -438,7 +448,8 @@ std::optional<Error> CommandRunner::Notice(const Told::Event &event, Following &
     const auto *attempt = std::get_if<Told::AttemptFailed>(&event);
     if (lost != nullptr || attempt != nullptr) {
         const Error why = WhyLost(lost != nullptr ? lost->mWhy : attempt->mWhy);
-        if (!following.mHasRead) {
+        const auto *link = std::get_if<LinkError>(&why);
+        if (!following.mHasRead || (link != nullptr && link->mIsFinal)) {
             return why;
         }
         following.mIsBack = true;
@@ -459,7 +470,7 @@ std::optional<Error> CommandRunner::Notice(const Told::Event &event, Following &
 std::optional<Error> CommandRunner::EndActivity(bool isOver)
 {
     constexpr milliseconds kGrace{500}; // when the time is over
-    if (!mWatch.Get().Follows(Sensor::Activity) || mWatch.Fd() < 0) {
+    if (!mWatch.Get().Follows(Sensor::Activity) || !mWatch.HasLink()) {
         return std::nullopt;
     }
     const milliseconds within = mInvocation.mTimeout.value_or(AnswerTimeout(Sensor::Activity));

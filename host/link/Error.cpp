@@ -12,6 +12,9 @@ using Parvane::ErrnoText;
 
 std::string DescribeLink(const LinkError &error)
 {
+    if (!error.mText.empty()) {
+        return error.mText;
+    }
     switch (error.mReason) {
     case LinkError::Reason::CannotConnect: {
         std::string text = "cannot connect to " + error.mPath + ": " + ErrnoText(error.mErrno);

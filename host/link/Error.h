@@ -20,6 +20,8 @@ struct LinkError
     Reason mReason = Reason::Failed;
     int mErrno = 0; // 0 where the system gave none
     std::string mPath;
+    std::string mText = {}; // all there is to say, by a road that has more to say than these
+    bool mIsFinal = false;  // until somebody has done something, another attempt comes to the same
 };
 
 /** WaitOptions::mInterruptFd or mOutputFd ended a wait. The link is still there. */

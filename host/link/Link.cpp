@@ -8,6 +8,7 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/types.h>
+#include <unistd.h>
 #include <utility>
 
 #include "UnixSocket.h"
@@ -38,9 +39,10 @@ Error WaitError(WaitResult result, const std::string &path, const Deadline &dead
 
 } // namespace
 
-Link::Link(UniqueFd socket, std::string path)
+Link::Link(UniqueFd socket, std::string path, WhyLost whyLost)
     : mSocket(std::move(socket)),
       mPath(std::move(path)),
+      mWhyLost(std::move(whyLost)),
       mConnectedAt(std::chrono::steady_clock::now())
 {}
 
@@ -137,7 +139,8 @@ std::string Link::PeerRun() const
     constexpr int kStartTime = 20; // the words of stat up to it, from the one behind the name on
     ucred peer{};
     socklen_t size = sizeof(peer);
-    if (::getsockopt(mSocket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 1) {
+    if (::getsockopt(mSocket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 1 ||
+        peer.pid == ::getpid()) {
         return {}; // of another name space, or a socket that the service has not made itself
     }
     std::ifstream stat("/proc/" + std::to_string(peer.pid) + "/stat");
@@ -159,6 +162,9 @@ std::string Link::PeerRun() const
 LinkError Link::Lost(int code) const
 {
     constexpr std::chrono::seconds kAtOnce{2};
+    if (auto error = mWhyLost ? mWhyLost() : std::nullopt) {
+        return *std::move(error);
+    }
     if (code != 0 && code != ECONNRESET && code != EPIPE) {
         return {LinkError::Reason::Failed, code, mPath};
     }

@@ -31,8 +31,11 @@ using Parvane::WaitOptions;
 class Link
 {
 public:
-    /** Takes a connected socket; `path` names it in messages. */
-    Link(UniqueFd socket, std::string path);
+    /** Why a link has ended, where something else than its socket knows. */
+    using WhyLost = std::function<std::optional<LinkError>()>;
+
+    /** Takes a connected socket; `path` names it in messages. `whyLost` is asked when it has ended. */
+    Link(UniqueFd socket, std::string path, WhyLost whyLost = nullptr);
 
     /**
      * Connects to the socket at `path`.
@@ -78,7 +81,8 @@ public:
 
     /**
      * A name of the process at the other end, which no other process of this machine has or has had:
-     * up to 64 printable characters without blanks. Empty where the system does not tell.
+     * up to 64 printable characters without blanks. Empty where the system does not tell, and for a socket whose
+     * other end is of this process: a relay's.
      */
     [[nodiscard]] std::string PeerRun() const;
 
@@ -88,6 +92,7 @@ private:
 
     UniqueFd mSocket;
     std::string mPath;
+    WhyLost mWhyLost;
     std::chrono::steady_clock::time_point mConnectedAt;
     bool mHasReceived = false;
     OnPacket mOnPacket;

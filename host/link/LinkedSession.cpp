@@ -18,8 +18,12 @@ Moment Now()
             std::chrono::floor<milliseconds>(std::chrono::system_clock::now())};
 }
 
+LinkedSession::LinkedSession(std::unique_ptr<Road> road, SessionOptions options, StepLedger ledger)
+    : mRoad(std::move(road)), mSession(options, std::move(ledger))
+{}
+
 LinkedSession::LinkedSession(std::string path, SessionOptions options, StepLedger ledger)
-    : mPath(std::move(path)), mSession(options, std::move(ledger))
+    : LinkedSession(std::make_unique<SocketRoad>(std::move(path)), options, std::move(ledger))
 {}
 
 void LinkedSession::Use(Link link)
@@ -47,13 +51,14 @@ void LinkedSession::Process()
     }
     if (!mSession.WantsLink()) {
         mLink.reset();
+        mRoad->Leave();
     } else if (!mLink) {
-        auto link = Link::Connect(mPath, Deadline::After(milliseconds{0}), {});
+        auto link = mRoad->Connect(Deadline::After(milliseconds{0}), {});
         if (link) {
             Use(std::move(link).Value());
-        } else {
-            LoseLink(std::get<LinkError>(link.GetError()));
-        }
+        } else if (const auto *error = std::get_if<LinkError>(&link.GetError())) {
+            LoseLink(*error);
+        } // else it is still being made
     }
     SendAll();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -9,6 +10,7 @@
 #include "Error.h"
 #include "Link.h"
 #include "Result.h"
+#include "Road.h"
 #include "Session.h"
 #include "Wait.h"
 
@@ -18,7 +20,7 @@ namespace ParvaneHost {
 Moment Now();
 
 /**
- * A Session with a Unix socket for its link. Not thread-safe; many of them may share a thread.
+ * A Session with its links. Not thread-safe; many of them may share a thread.
  *
  * In a loop of one's own: Process(), look at every Get().NextEvent(), then wait as Fd(), Awaits() and
  * Get().Deadline() say. Or call Next(), which does all of that.
@@ -26,7 +28,9 @@ Moment Now();
 class LinkedSession
 {
 public:
-    /** @param path  of the link's socket; it is not touched yet */
+    /** @param road  for its links; it is not used yet */
+    LinkedSession(std::unique_ptr<Road> road, SessionOptions options, StepLedger ledger);
+    /** @param path  of a socket of this machine */
     LinkedSession(std::string path, SessionOptions options, StepLedger ledger);
 
     using OnLink = std::function<void(Link &)>;
@@ -46,8 +50,14 @@ public:
      */
     void Process();
 
-    /** Of the link, -1 without one; it may be another one after each Process(). */
-    [[nodiscard]] int Fd() const { return mLink ? mLink->Fd() : -1; }
+    /** For links that are made by the caller, for Use(). */
+    [[nodiscard]] Road &GetRoad() { return *mRoad; }
+
+    /** Whether there is a link now. */
+    [[nodiscard]] bool HasLink() const { return mLink.has_value(); }
+
+    /** Of the link, or the attempt to make one; -1 without. It may be another one after each Process(). */
+    [[nodiscard]] int Fd() const { return mLink ? mLink->Fd() : mRoad->Fd(); }
 
     /** The poll(2) events of Fd() to wait for. */
     [[nodiscard]] short Awaits() const;
@@ -66,7 +76,7 @@ private:
     bool ReadAll(const Moment &now);
     void LoseLink(const LinkError &error);
 
-    std::string mPath;
+    std::unique_ptr<Road> mRoad;
     Session mSession;
     OnLink mOnLink;
     std::optional<Link> mLink;

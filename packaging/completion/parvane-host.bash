@@ -4,7 +4,7 @@ _parvane_host()
 {
     local current=${COMP_WORDS[COMP_CWORD]} word subcommand= words=
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --socket | --capture | --output)
+    --socket | --token-file | --capture | --output)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
@@ -17,7 +17,7 @@ _parvane_host()
         mapfile -t COMPREPLY < <(compgen -W 'csv jsonl tcx recording' -- "$current")
         return
         ;;
-    --timeout | --every | --count | --for | --quiet-for)
+    --link | --fingerprint | --timeout | --every | --count | --for | --quiet-for)
         return
         ;;
     esac
@@ -44,7 +44,7 @@ _parvane_host()
         fi
         ;;
     esac
-    words+=' --socket --capture --force --timeout --wait --timestamps --json --no-state --help'
+    words+=' --socket --link --token-file --fingerprint --capture --force --timeout --wait --timestamps --json --no-state --help'
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
 }
 complete -F _parvane_host parvane-host

@@ -10,6 +10,9 @@ complete -c parvane-host -n __fish_use_subcommand -a raw -d 'Send packets as the
 complete -c parvane-host -n __fish_use_subcommand -a export -d 'Print what captures hold'
 
 complete -c parvane-host -l socket -r -F -d 'Socket of the accessory link'
+complete -c parvane-host -l link -x -a 'wss:// ws:// unix:' -d 'The watch: its gateway, or a socket'
+complete -c parvane-host -l token-file -r -F -d 'What opens the gateway'
+complete -c parvane-host -l fingerprint -x -d 'SHA-256 of the certificate'
 complete -c parvane-host -l capture -r -F -d 'Write every packet to a file for Wireshark'
 complete -c parvane-host -l force -d 'Overwrite a file that exists'
 complete -c parvane-host -l timeout -x -d 'How long to wait for the watch, in seconds'

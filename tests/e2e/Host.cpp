@@ -9,7 +9,9 @@
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
+#include <variant>
 
+#include "Gateway.h"
 #include "Process.h"
 
 namespace {
@@ -25,6 +27,36 @@ bool IsReadable(int fd, std::chrono::milliseconds limit)
 } // namespace
 
 Host::Host(const std::filesystem::path &socketPath, std::chrono::milliseconds limit)
+{
+    if (const Gateway *gateway = Gateway::Of(socketPath.parent_path())) {
+        ConnectToGateway(*gateway, limit);
+    } else {
+        ConnectToSocket(socketPath, limit);
+    }
+}
+
+void Host::ConnectToGateway(const Gateway &gateway, std::chrono::milliseconds limit)
+{
+    mRoad = std::make_unique<ParvaneHost::GatewayRoad>(gateway.Target());
+    const auto until = Parvane::Deadline::After(limit);
+    while (!mLink && !mIsRefused) {
+        auto link = mRoad->Connect(until, {});
+        if (link) {
+            mLink.emplace(std::move(link).Value());
+            mFd = mLink->Fd();
+            break;
+        }
+        const auto *error = std::get_if<ParvaneHost::LinkError>(&link.GetError());
+        mIsRefused =
+            error != nullptr && error->mReason == ParvaneHost::LinkError::Reason::AnotherHost;
+        if (!mIsRefused && (error == nullptr || error->mIsFinal || until.HasPassed())) {
+            throw std::runtime_error(Describe(link.GetError()));
+        }
+        PauseBriefly();
+    }
+}
+
+void Host::ConnectToSocket(const std::filesystem::path &socketPath, std::chrono::milliseconds limit)
 {
     const std::string path = socketPath.string();
     sockaddr_un address{};
@@ -55,10 +87,13 @@ Host::~Host()
 
 void Host::Disconnect()
 {
-    if (mFd >= 0) {
+    if (mLink) {
+        mLink.reset();
+        mRoad.reset();
+    } else if (mFd >= 0) {
         close(mFd);
-        mFd = -1;
     }
+    mFd = -1;
 }
 
 void Host::Send(const Bytes &packet) const
@@ -104,8 +139,8 @@ std::vector<Bytes> Host::Ask(const Bytes &packet, std::size_t count) const
 bool Host::IsClosed() const
 {
     std::array<uint8_t, 1> byte{};
-    return Eventually([&] {
-        return IsReadable(mFd, std::chrono::milliseconds(0)) &&
-               recv(mFd, byte.data(), byte.size(), MSG_DONTWAIT) <= 0;
-    });
+    return mIsRefused || Eventually([&] {
+               return IsReadable(mFd, std::chrono::milliseconds(0)) &&
+                      recv(mFd, byte.data(), byte.size(), MSG_DONTWAIT) <= 0;
+           });
 }

@@ -3,12 +3,21 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <vector>
 
+#include "Link.h"
+#include "GatewayRoad.h"
+
+class Gateway;
+
 using Bytes = std::vector<uint8_t>;
 
-/** A phone that speaks raw bytes on the accessory link's socket. */
+/**
+ * A phone that speaks raw bytes on the accessory link's socket or, where PARVANE_TEST_GATEWAY names its program,
+ * through a gateway.
+ */
 class Host
 {
 public:
@@ -36,5 +45,11 @@ public:
     void Disconnect();
 
 private:
+    void ConnectToSocket(const std::filesystem::path &path, std::chrono::milliseconds limit);
+    void ConnectToGateway(const Gateway &gateway, std::chrono::milliseconds limit);
+
+    std::unique_ptr<ParvaneHost::GatewayRoad> mRoad; // whose link mLink is, and mFd the link's
+    std::optional<ParvaneHost::Link> mLink;
+    bool mIsRefused = false; // as another phone, before there was a link
     int mFd = -1;
 };

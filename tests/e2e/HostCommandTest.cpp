@@ -1,6 +1,7 @@
 #include <csignal>
 #include <map>
 
+#include "Gateway.h"
 #include "ServiceFixture.h"
 
 using ::testing::AllOf;
@@ -22,8 +23,13 @@ protected:
     std::unique_ptr<Process> StartHost(const std::vector<std::string> &arguments) const
     {
         std::vector<std::string> command = {PARVANE_HOST_PROGRAM, "--socket", LinkPath().string()};
-        command.insert(command.end(), arguments.begin(), arguments.end());
         Environment environment = BaseEnvironment();
+        if (const Gateway *gateway = Gateway::Of(mRunDirectory)) {
+            command = {PARVANE_HOST_PROGRAM, "--link", gateway->Target().mAddress};
+            environment["PARVANE_TOKEN"] = gateway->Target().mToken;
+            environment["PARVANE_FINGERPRINT"] = gateway->Target().mFingerprint;
+        }
+        command.insert(command.end(), arguments.begin(), arguments.end());
         environment["XDG_STATE_HOME"] = mFolder.Path() / "phone";
         return std::make_unique<Process>(command, environment, mFolder.Path());
     }
@@ -131,5 +137,5 @@ TEST_F(HostCommandTest, SecondHostIsToldThatTheLinkIsTaken)
     const Host first(LinkPath());
     ASSERT_EQ(first.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
 
-    EXPECT_THAT(RunHost({"list"}, 3)->StandardError(), HasSubstr("another host"));
+    EXPECT_THAT(RunHost({"list"}, 3)->StandardError(), ContainsRegex("another (host|phone) is connected"));
 }

@@ -30,6 +30,18 @@ Parvane::UniqueFd OpenToAppend(const std::string &path)
 
 } // namespace
 
+Environment PassedOn()
+{
+    Environment environment;
+    for (const char *name :
+         {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX", "GCOV_PREFIX_STRIP"}) {
+        if (const char *const value = std::getenv(name)) {
+            environment[name] = value;
+        }
+    }
+    return environment;
+}
+
 void PauseBriefly()
 {
     std::this_thread::sleep_for(kPause);

@@ -26,6 +26,9 @@ private:
 
 using Environment = Parvane::ChildProcess::Variables;
 
+/** What a sanitizer or the coverage of a test build needs from outside. */
+Environment PassedOn();
+
 /**
  * A program under test: started with exactly the environment that it is given, standard output and
  * standard error in files, killed and waited for by its owner.

@@ -8,10 +8,6 @@
 
 namespace {
 
-// What a sanitizer or the coverage of a test build needs from outside.
-constexpr const char *kPassedOn[] = {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX",
-                                     "GCOV_PREFIX_STRIP"};
-
 constexpr std::size_t kTimeOffset = 9;
 constexpr std::size_t kValueOffset = 13;
 
@@ -43,12 +39,7 @@ Environment ServiceFixture::BaseEnvironment() const
                                {"PARVANE_PLATFORM_CONF", mFolder.Path() / "no-platform.conf"},
                                {"PARVANE_BT_ADDRESS", "AA:BB:CC:DD:EE:0F"},
                                {"TZ", "UTC"}};
-    for (const char *name : kPassedOn) {
-        const char *const value = std::getenv(name);
-        if (value != nullptr) {
-            environment[name] = value;
-        }
-    }
+    environment.merge(PassedOn());
     return environment;
 }
 

@@ -123,6 +123,22 @@ TEST_F(FrameReaderTest, AClientThatClosesIsAnsweredWithItsCode)
     EXPECT_EQ(CodeOf(Frame(0x88, {0x03, 0xE8, 0xFF})), CloseCode::NotUtf8);
 }
 
+TEST_F(FrameReaderTest, AClientMasksAndReadsWhatIsNotMasked)
+{
+    const std::string masked = MakeFrame(FrameKind::Binary, "abcde", WebSocketRole::Client);
+    EXPECT_EQ(masked.size(), 11U);
+    FrameReader server(FrameKind::Binary, 100);
+    server.Feed(Bytes(masked.begin(), masked.end()));
+    EXPECT_EQ(server.Next()->mPayload, (Bytes{'a', 'b', 'c', 'd', 'e'}));
+
+    const std::string plain = MakeFrame(FrameKind::Binary, std::string(300, 'a'));
+    FrameReader client(FrameKind::Binary, 1000, WebSocketRole::Client);
+    client.Feed(Bytes(plain.begin(), plain.end()));
+    EXPECT_EQ(client.Next()->mPayload, Bytes(300, 'a'));
+    client.Feed(Frame(0x82, {1}));
+    EXPECT_EQ(client.Next()->mCode, CloseCode::ProtocolError);
+}
+
 TEST_F(FrameReaderTest, FramesOfTheServerHaveTheShortestLength)
 {
     EXPECT_EQ(MakeFrame(FrameKind::Binary, "ab"), std::string("\x82\x02"
