@@ -8,7 +8,7 @@ cmake_minimum_required(VERSION 3.25)
 
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
-set(FOLDERS common common/usage glib/loop glib/bus glib/web host/wire host/ledger host/session host/link host/export host/command host/capi host/capi/parvane watch watch/check_config watch/monitor watch/play)
+set(FOLDERS common common/usage glib/loop glib/bus glib/web host/wire host/ledger host/session host/link host/web host/export host/command host/capi host/capi/parvane watch watch/check_config watch/monitor watch/play)
 set(SEES_common "")
 set(SEES_common/usage common)
 set(SEES_glib/loop common)
@@ -18,8 +18,9 @@ set(SEES_host/wire "")
 set(SEES_host/ledger host/wire)
 set(SEES_host/session host/ledger host/wire)
 set(SEES_host/link host/session host/ledger host/wire common)
+set(SEES_host/web host/link host/session host/ledger host/wire glib/web glib/loop common)
 set(SEES_host/export host/ledger host/wire common)
-set(SEES_host/command host/export host/link host/session host/ledger host/wire common/usage common)
+set(SEES_host/command host/export host/web host/link host/session host/ledger host/wire common/usage common)
 set(SEES_host/capi/parvane "")
 set(SEES_host/capi host/link host/session host/ledger host/wire common)
 set(SEES_watch watch/check_config watch/monitor watch/play common/usage common)
@@ -28,7 +29,7 @@ set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
 set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
 
-set(POSIX dirent.h clocale fcntl.h langinfo.h poll.h signal.h sys/epoll.h sys/file.h sys/ioctl.h sys/mman.h sys/random.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
+set(POSIX dirent.h clocale fcntl.h langinfo.h netinet/in.h netinet/tcp.h poll.h signal.h sys/epoll.h sys/eventfd.h sys/file.h sys/ioctl.h sys/mman.h sys/random.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
     sys/un.h termios.h unistd.h)
 # No I/O: what is in here is told what happens, and when.
 set(PURE host/wire host/ledger host/session)
@@ -41,6 +42,7 @@ set(LIBRARIES_host/wire "")
 set(LIBRARIES_host/ledger "")
 set(LIBRARIES_host/session "")
 set(LIBRARIES_host/link "")
+set(LIBRARIES_host/web glib.h gio)
 set(LIBRARIES_host/export "")
 set(LIBRARIES_host/capi parvane)
 set(LIBRARIES_host/capi/parvane "")
