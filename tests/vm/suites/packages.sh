@@ -10,3 +10,30 @@ test_upgrade_removal_and_purge() {
 }
 # After the purge: as on a machine that never had them.
 test_new_installation() { debian-tests/install; }
+
+# The lines of README's "Install", as they are, where the first one has been run already.
+test_readme_installs() {
+    local lines present
+    mapfile -t present < <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 'parvane*' | sed -n 's/^installed //p')
+    dpkg --purge "${present[@]}"
+    mkdir -p build
+    ln -sfn ../packages build/packages
+    lines=$(sed -n '/^## Install/,/^## /p' README.md | sed -n '/^```sh/,/^```/p' | grep -v '^```')
+    expect_equal "the first line" "$(head -n 1 <<<"$lines" | cut -d' ' -f1)" script/package
+    lines=$(tail -n +2 <<<"$lines")
+    expect_equal "the lines after it" "$(wc -l <<<"$lines")" 2
+    sudo() { "$@"; }
+    eval "${lines//amd64/$(dpkg --print-architecture)}" >said
+    grep 'Status: "Serving"' said
+    parvane-host list
+    apt-get install -y --no-install-recommends ./packages/*.deb
+}
+
+test_each_test_of_the_packages_is_a_case() {
+    for file in debian-tests/*; do
+        case ${file##*/} in
+        control | support.sh) ;;
+        *) grep -w "$file" suites/packages.sh && grep -wE "^Tests:.* ${file##*/}\b" debian-tests/control || fail "$file is not run" ;;
+        esac
+    done
+}
