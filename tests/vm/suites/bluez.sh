@@ -15,6 +15,8 @@ adapters_or_given_up() { adapters "$1" || [ "$(given_up)" -gt "$2" ]; }
 # seconds: then they are plugged in anew.
 controllers() {
     local attempt before number
+    # It is advertised by whichever controller has power first, a strap's as well.
+    systemctl stop parvane-gateway 2>/dev/null || true
     modprobe -a hci_vhci algif_hash algif_skcipher ecb cmac ecdh_generic
     systemctl start bluetooth
     for attempt in 1 2 3 4 5; do
