@@ -75,6 +75,19 @@ TEST_F(WebSocketTest, AsksASilentClientAndEndsWithoutAnAnswer)
     EXPECT_EQ(mEnds, 1);
 }
 
+TEST_F(WebSocketTest, OneThatRestsSaysThatItIsThereAndJudgesNobody)
+{
+    Open({20ms, 20ms, 50ms});
+    mSocket->Rest();
+    std::string received;
+    EXPECT_TRUE(ParvaneGateway::RunUntil([&] {
+        received += ReceiveAsClient();
+        return received.size() >= 6;
+    }));
+    EXPECT_EQ(received.substr(0, 6), std::string("\x89\x00\x89\x00\x89\x00", 6));
+    EXPECT_FALSE(mIsClosed);
+}
+
 TEST_F(WebSocketTest, AClientThatAnswersStays)
 {
     Open({30ms, 10s, 50ms});
