@@ -77,7 +77,8 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     add->add_option("name", texts.mName, "Whose token it is")->required();
     add->add_option("--scope", texts.mScope,
                     "phone (default): be the watch's phone; view: look into the\n"
-                    "service; control: look into it and steer it")
+                    "service; control: look into it and steer it; console: all of\n"
+                    "it, for a browser")
         ->type_name("SCOPE");
     add->add_option("--for", texts.mFor, "End after so long, such as 90s, 15m, 12h or 30d")
         ->type_name("LENGTH");
@@ -113,7 +114,7 @@ std::string ApplyTexts(const Texts &texts, Invocation &invocation)
         const auto scope = ScopeOf(texts.mScope);
         if (!scope) {
             return "there is no scope '" + Parvane::Printable(texts.mScope) +
-                   "'; there are phone, view and control";
+                   "'; there are phone, view, control and console";
         }
         invocation.mScope = *scope;
     }

@@ -21,7 +21,7 @@ using Json = nlohmann::json;
 
 constexpr int kVersion = 1;
 constexpr std::size_t kHashLength = 64;
-constexpr std::array kScopes = {Scope::Phone, Scope::View, Scope::Control};
+constexpr std::array kScopes = {Scope::Phone, Scope::View, Scope::Control, Scope::Console};
 
 bool IsHash(const std::string &text)
 {
@@ -45,7 +45,7 @@ Token TokenOf(const Json &object)
 
 const char *NameOf(Scope scope)
 {
-    constexpr std::array kNames = {"phone", "view", "control"};
+    constexpr std::array kNames = {"phone", "view", "control", "console"};
     return kNames.at(static_cast<std::size_t>(scope));
 }
 

@@ -15,10 +15,12 @@ enum class Scope {
     /** Look into the service: /control, without what changes anything. */
     View,
     /** Look into it and steer it: /control. */
-    Control
+    Control,
+    /** Be the phone and look into it and steer it, as the console does: both. */
+    Console
 };
 
-/** "phone", "view" or "control". */
+/** "phone", "view", "control" or "console". */
 const char *NameOf(Scope scope);
 std::optional<Scope> ScopeOf(std::string_view name);
 

@@ -16,8 +16,15 @@ namespace {
 
 constexpr char kNotAllowed[] =
     R"({"error":{"code":"not-allowed","message":"this token may but look"},"ok":false,"version":1})";
+constexpr char kPong[] = R"({"ok":true,"pong":true,"version":1})";
 constexpr char kNoObject[] =
     R"({"error":{"code":"bad-message","message":"the message is no JSON object"},"ok":false,"version":1})";
+
+/** Whether a request, as it was understood here, asks the gateway itself whether it is there. */
+bool IsPing(const std::string &forward)
+{
+    return forward == R"({"request":"ping"})" || forward == R"({"request":"ping","version":1})";
+}
 
 std::span<const std::uint8_t> AsBytes(const std::string &text)
 {
@@ -95,7 +102,9 @@ void ControlBridge::OnMessage(std::span<const std::uint8_t> message)
     const bool mayView = MayView(request, forward);
     if (forward.empty()) {
         Say(kNoObject);
-    } else if (mScope != Scope::Control && !mayView) {
+    } else if (IsPing(forward)) {
+        Say(kPong);
+    } else if (mScope == Scope::View && !mayView) {
         Say(kNotAllowed);
     } else if (mToService.Push(AsBytes(forward))) {
         Flush();

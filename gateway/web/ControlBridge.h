@@ -37,7 +37,7 @@ public:
 
     /**
      * @param path      of the control socket
-     * @param scope     View or Control
+     * @param scope     View, Control or Console
      * @param onClosed  called when it is not needed any more, not inside the constructor
      */
     ControlBridge(std::unique_ptr<Parvane::WebStream> stream, std::string first,

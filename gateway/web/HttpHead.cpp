@@ -1,5 +1,7 @@
 #include "HttpHead.h"
 
+#include <algorithm>
+
 #include "AcceptKey.h"
 #include "ObjectPtr.h"
 
@@ -15,8 +17,7 @@ constexpr char kSecurityHeaders[] =
     "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n"
     "X-Content-Type-Options: nosniff\r\n"
     "X-Frame-Options: DENY\r\n"
-    "Referrer-Policy: no-referrer\r\n"
-    "Cache-Control: no-store\r\n";
+    "Referrer-Policy: no-referrer\r\n";
 
 bool IsKey(const std::string &key)
 {
@@ -131,6 +132,10 @@ std::string MakeResponse(int status, const HeaderList &headers, std::string_view
         text.append(name).append(": ").append(value).append("\r\n");
     }
     text += kSecurityHeaders;
+    const bool isStored = std::any_of(headers.begin(), headers.end(), [](const auto &header) {
+        return header.first == "Cache-Control";
+    });
+    text += isStored ? "" : "Cache-Control: no-store\r\n";
     text += "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
     return text.append(body);
 }

@@ -62,7 +62,10 @@ private:
 
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
-/** A whole answer, with the headers that all have; the connection ends after it. */
+/**
+ * A whole answer, with the headers that all have; the connection ends after it. Nobody stores it, unless
+ * `headers` has a "Cache-Control".
+ */
 std::string MakeResponse(int status, const HeaderList &headers, std::string_view body);
 
 /** The answer that opens a WebSocket. @param key  the request's Sec-WebSocket-Key */

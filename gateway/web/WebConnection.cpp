@@ -4,10 +4,12 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <tuple>
 #include <utility>
 
+#include "ConsoleFiles.h"
 #include "ControlBridge.h"
 #include "LinkPhone.h"
 
@@ -21,6 +23,7 @@ constexpr char kControlPath[] = "/control";
 constexpr std::uint8_t kTlsHandshake = 0x16;
 
 constexpr int kNoContent = 204;
+constexpr int kNotModified = 304;
 constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 constexpr int kMethodNotAllowed = 405;
@@ -28,11 +31,6 @@ constexpr int kTooLarge = 413;
 constexpr int kUpgradeRequired = 426;
 constexpr int kTooMany = 429;
 constexpr int kHeadTooLarge = 431;
-
-constexpr char kPage[] =
-    "<!DOCTYPE html>\n<html lang=\"en\"><meta charset=\"utf-8\"><title>Parvane gateway</title>\n"
-    "<h1>Parvane gateway</h1>\n<p>A phone connects to <code>/link</code> with the WebSocket subprotocol "
-    "<code>parvane.link.v1</code> and a token.</p>\n</html>\n";
 
 using Handle = std::shared_ptr<WebConnection>;
 
@@ -194,12 +192,37 @@ void WebConnection::Serve(const HttpRequest &request, std::string rest)
         ServeSocket(request, std::move(rest));
     } else if (request.Path() == "/session") {
         ServeSession(request);
-    } else if (request.Path() != "/") {
-        Respond(kNotFound);
-    } else if (request.Method() != "GET") {
-        Respond(kMethodNotAllowed, {{"Allow", "GET"}});
     } else {
-        Respond(SOUP_STATUS_OK, {{"Content-Type", "text/html; charset=utf-8"}}, kPage);
+        ServePage(request);
+    }
+}
+
+void WebConnection::ServePage(const HttpRequest &request)
+{
+    const auto file = FindConsoleFile(request.Path());
+    if (!file) {
+        Respond(kNotFound);
+        return;
+    }
+    if (request.Method() != "GET") {
+        Respond(kMethodNotAllowed, {{"Allow", "GET"}});
+        return;
+    }
+    HeaderList headers = {{"Content-Type", file->mType},
+                          {"Cache-Control", file->mCacheControl},
+                          {"Vary", "Accept-Encoding"}};
+    if (!file->mTag.empty()) {
+        headers.emplace_back("ETag", file->mTag);
+        if (request.Header("If-None-Match") == file->mTag) {
+            Respond(kNotModified, headers);
+            return;
+        }
+    }
+    if (file->mIsCompressed && request.HasWord("Accept-Encoding", "gzip")) {
+        headers.emplace_back("Content-Encoding", "gzip");
+        Respond(SOUP_STATUS_OK, headers, file->mBytes);
+    } else {
+        Respond(SOUP_STATUS_OK, headers, file->Plain());
     }
 }
 
@@ -212,8 +235,12 @@ void WebConnection::ServeSession(const HttpRequest &request)
         Respond(kNoContent, headers);
         return;
     }
+    if (request.Method() == "GET") {
+        ServeScope(request);
+        return;
+    }
     if (request.Method() != "POST") {
-        Respond(kMethodNotAllowed, {{"Allow", "POST"}});
+        Respond(kMethodNotAllowed, {{"Allow", "GET, POST"}});
         return;
     }
     if (request.HasBody()) {
@@ -231,6 +258,19 @@ void WebConnection::ServeSession(const HttpRequest &request)
     }
 }
 
+void WebConnection::ServeScope(const HttpRequest &request)
+{
+    // Without an origin, which a page's own GET has not; no page of another one is let see the answer.
+    const auto [status, token] =
+        mContext.mAdmission.Judge(mAddress, request.BearerToken(), request.Cookie(kCookie));
+    if (!token) {
+        Respond(status); // a browser that comes for the first time is nobody to be counted
+        return;
+    }
+    const nlohmann::json answer = {{"name", token->mName}, {"scope", NameOf(token->mScope)}};
+    Respond(SOUP_STATUS_OK, {{"Content-Type", "application/json"}}, answer.dump());
+}
+
 void WebConnection::ServeSocket(const HttpRequest &request, std::string rest)
 {
     const bool isLink = request.Path() == kLinkPath;
@@ -245,7 +285,7 @@ void WebConnection::ServeSocket(const HttpRequest &request, std::string rest)
         return;
     }
     if (const auto token = Authorize(request, true)) {
-        if ((token->mScope == Scope::Phone) == isLink) {
+        if (token->mScope == Scope::Console || (token->mScope == Scope::Phone) == isLink) {
             OpenClient(request, *token, std::move(rest));
         } else {
             Refuse(kForbidden, "token of another scope");
@@ -336,7 +376,9 @@ void WebConnection::Respond(int status, const HeaderList &headers, std::string_v
     }
     // What else it sends is read: else the end of the connection would overtake the answer.
     mStream->WatchInput([this] { Discard(); });
-    mDeadline = Parvane::LoopSource::After(mContext.mTimes.mLinger, [this] { Gone(); });
+    const WebTimes &times = mContext.mTimes;
+    mDeadline = Parvane::LoopSource::After(mStream->Waiting() == 0 ? times.mLinger : times.mBody,
+                                           [this] { Gone(); });
 }
 
 void WebConnection::Discard()

@@ -59,6 +59,8 @@ private:
     void OnHead();
     void Serve(const HttpRequest &request, std::string rest);
     void ServeSession(const HttpRequest &request);
+    void ServeScope(const HttpRequest &request);
+    void ServePage(const HttpRequest &request);
     void ServeSocket(const HttpRequest &request, std::string rest);
     void OpenClient(const HttpRequest &request, const Token &token, std::string rest);
     void WatchTokenEnd();

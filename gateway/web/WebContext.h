@@ -35,6 +35,8 @@ struct WebTimes
     std::chrono::milliseconds mHandshake{5000};
     /** For a client to read its answer and to go. */
     std::chrono::milliseconds mLinger{1000};
+    /** The same, for an answer that did not go out at once. */
+    std::chrono::milliseconds mBody{15000};
     Parvane::WebSocketTimes mSocket;
 };
 

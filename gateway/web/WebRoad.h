@@ -21,7 +21,7 @@ class WebRoad : public Road
 public:
     static constexpr std::size_t kMostConnections = 64;
     /** Of one address; of one network of 64 bits with IPv6. */
-    static constexpr std::size_t kMostOfAddress = 8;
+    static constexpr std::size_t kMostOfAddress = 16;
 
     /** @param settings  borrowed, as are the seat and the tokens, whose listener this becomes */
     WebRoad(const Settings &settings, PhoneSeat &seat, TokenStore &tokens, const WebTimes &times);

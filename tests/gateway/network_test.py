@@ -320,7 +320,7 @@ class HostileTest(GatewayTest):
                                     stdout=subprocess.PIPE).stdout.decode()
             self.assertTrue(answer.startswith("HTTP/1.1 200 OK"), answer)
             for header in ("Content-Security-Policy: default-src 'none'", "X-Content-Type-Options: nosniff",
-                           "Cache-Control: no-store", "X-Frame-Options: DENY"):
+                           "Cache-Control: no-cache", "X-Frame-Options: DENY"):
                 self.assertIn(header, answer)
             self.assertNotIn("Server:", answer)
 
@@ -351,13 +351,13 @@ class HostileTest(GatewayTest):
             self.assertGreater(time.monotonic() - started, 4)
         self.assertEqual(self.status()["refusals"]["too slow"], 4)
 
-    def test_8_connections_of_an_address_and_64_of_all(self):
+    def test_16_connections_of_an_address_and_64_of_all(self):
         count = lambda: self.status()["roads"]["web"]["connections"]
-        kept = [self.connect() for _ in range(8)]
-        until(lambda: count() == 8, "8 connections")
+        kept = [self.connect() for _ in range(16)]
+        until(lambda: count() == 16, "16 connections")
         self.assertEqual(read_all(self.connect()), b"")
         self.assertEqual(self.status()["refusals"]["too many connections of one address"], 1)
-        kept += [self.connect(source=f"127.0.2.{i // 8 + 1}") for i in range(56)]
+        kept += [self.connect(source=f"127.0.2.{i // 16 + 1}") for i in range(48)]
         until(lambda: count() == 64, "64 connections")
         self.assertEqual(read_all(self.connect(source="127.0.3.1")), b"")
         self.assertEqual(self.status()["refusals"]["too many connections"], 1)

@@ -19,7 +19,7 @@ const SAMPLES: readonly (readonly [string, string])[] = [
   ['Start the activity, default format', '03 00 00 01 00'],
   ['Stop the activity', '04 00 00 01'],
   ['A command that does not exist', '0f 00 00 01'],
-  ['A start that is too short', '03 00 00 01'],
+  ['A sensor that does not exist', '02 00 00 09'],
 ];
 
 /** Every packet that crosses the link, and a box for bytes of one's own. */

@@ -32,21 +32,13 @@ export function describe(sender: Sender, bytes: Uint8Array, atMs: number): Descr
   return sender === 'phone' ? describeRequest(bytes) : describeReply(bytes, atMs);
 }
 
-/** What the watch reads in the bytes of a phone: the command, the flags, and the sensor where there is one. */
+/** What the watch reads in the bytes of a phone. One that is missing counts as 0. */
 function describeRequest(bytes: Uint8Array): Described {
-  const [first = 0, , , sensor = 0, format] = bytes;
+  const [first = 0, , , sensor = 0, format = 0] = bytes;
   const flags = (first >> 4) & 3;
   const kind = COMMANDS[first & 15];
-  if (bytes.length === 0) {
-    return { kind: 'dropped', fields: '', wrong: 'no bytes' };
-  }
   if (kind === undefined) {
     const wrong = `there is no command ${first & 15}: the watch drops it`;
-    return { kind: 'dropped', fields: `flags ${flags}`, wrong };
-  }
-  const least = kind === 'list' ? 1 : kind === 'start' ? 5 : 4;
-  if (bytes.length < least) {
-    const wrong = `${kind} takes ${least} bytes: the watch drops it`;
     return { kind: 'dropped', fields: `flags ${flags}`, wrong };
   }
   const fields = [`flags ${flags}`];
@@ -54,19 +46,14 @@ function describeRequest(bytes: Uint8Array): Described {
     fields.unshift(sensorText(sensor));
   }
   if (kind === 'start') {
-    fields.push(`format ${format ?? 0}`);
+    fields.push(`format ${format}`);
   }
   if ((first & 0x40) !== 0) {
     fields.push('code');
   }
-  if (kind !== 'list' && sensorName(sensor) === 'unknown') {
-    return {
-      kind,
-      fields: fields.join(', '),
-      wrong: `there is no sensor ${sensor}: no answer follows`,
-    };
-  }
-  return { kind, fields: fields.join(', ') };
+  const told = { kind, fields: fields.join(', ') };
+  const isKnown = kind === 'list' || sensorName(sensor) !== 'unknown';
+  return isKnown ? told : { ...told, wrong: `there is no sensor ${sensor}: the watch drops it` };
 }
 
 function describeReply(bytes: Uint8Array, atMs: number): Described {

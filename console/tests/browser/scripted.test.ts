@@ -1,0 +1,227 @@
+// The page in a browser, against a watch that a script plays: what no real one does on demand.
+import type { Browser, BrowserContext, CDPSession, Page, WebSocketRoute } from 'playwright-core';
+import { afterAll, afterEach, beforeAll, describe, expect, it, vi } from 'vitest';
+
+import { launch, MISSING, newPage, PATIENCE, World, type Watched } from './world.js';
+
+const BEGIN = Date.UTC(2026, 0, 31, 12);
+const READINGS = 36_000; // an hour, ten a second
+const PORTION = 600;
+
+function status(): object {
+  const item = (name: string, number: number) => ({
+    item: name,
+    number,
+    source: 'manual',
+    problem: null,
+    subscription: null,
+    kept_by: [],
+    last_reading: null,
+    delivered: 0,
+  });
+  return {
+    ok: true,
+    version: 1,
+    status: {
+      time: new Date(BEGIN).toISOString(),
+      service: {
+        version: '0.2.0',
+        pid: 1,
+        user: 1,
+        since: new Date(BEGIN).toISOString(),
+        for_ms: 0,
+      },
+      directories: { state: '/s', runtime: '/r' },
+      host: null,
+      link: {
+        state: 'up',
+        set_by: null,
+        key: 0,
+        host_state: 'none',
+        packets_in: 0,
+        bytes_in: 0,
+        packets_out: 0,
+        bytes_out: 0,
+        refused_hosts: 0,
+        queue_full: 0,
+      },
+      items: [
+        item('heart_rate', 7),
+        item('pedometer', 2),
+        item('activity', 23),
+        item('gesture', 1),
+      ],
+      power_locks: [],
+      preferences: {},
+    },
+  };
+}
+
+/** All items at once, each with what it can report. */
+function readingsAt(count: number): string[] {
+  const time = new Date(BEGIN + 100 * count).toISOString();
+  const reading = (item: string, values: object) =>
+    JSON.stringify({ event: 'reading', item, time, values });
+  return [
+    reading('heart_rate', { 'hrm/heart_rate': Math.round(90 + 40 * Math.sin(count / 300)) }),
+    reading('pedometer', {
+      'pedometer/total_steps': count,
+      'pedometer/speed': 5 + (count % 50) / 10,
+    }),
+    reading('activity', { 'activity/status': (count >> 8) % 4 }),
+  ];
+}
+
+describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
+  let world: World;
+  let browser: Browser;
+  let token: string;
+  let context: BrowserContext;
+  let watched: Watched;
+  let page: Page;
+
+  beforeAll(async () => {
+    world = new World();
+    [browser] = await Promise.all([launch(), world.startGateway()]);
+    token = await world.token('tester');
+  }, 90_000);
+
+  afterAll(async () => {
+    await browser.close();
+    await world.end();
+  });
+
+  afterEach(async () => {
+    const { problems } = watched;
+    await context.close();
+    expect(problems, 'what the page complained of').toEqual([]);
+  });
+
+  async function open(
+    path: string,
+    link: (socket: WebSocketRoute) => void,
+  ): Promise<() => WebSocketRoute> {
+    context = await browser.newContext({ viewport: { width: 1280, height: 900 } });
+    watched = await newPage(context);
+    page = watched.page;
+    let observer: WebSocketRoute | undefined;
+    await page.routeWebSocket(/\/control$/, (socket) => {
+      socket.onMessage((message) => {
+        const { request } = JSON.parse(message.toString()) as { request: string };
+        if (request === 'observe') {
+          observer = socket;
+          socket.send(JSON.stringify(status()));
+        } else {
+          socket.send(
+            JSON.stringify({ ok: true, pong: request === 'ping' || undefined, version: 1 }),
+          );
+        }
+      });
+    });
+    await page.routeWebSocket(/\/link$/, link);
+    await page.goto(`${world.url}/#token=${token}`);
+    await page.waitForSelector('.pill:text-is("Live")');
+    if (path !== '') {
+      await page.click(path);
+    }
+    return () => {
+      if (!observer) {
+        throw new Error('nobody observes');
+      }
+      return observer;
+    };
+  }
+
+  it('marks packets of the watch that are none, and says what is wrong with them', async () => {
+    await open('', (socket) => {
+      socket.onMessage(() => {
+        socket.send(Buffer.from([0x14, 2]));
+        const infinite = Buffer.from('02000e0311000000000000000000007f800000', 'hex').subarray(
+          0,
+          18,
+        );
+        infinite.writeFloatBE(Infinity, 13);
+        socket.send(infinite);
+      });
+    });
+    const rows = page.locator('.packets tr.wrong');
+    await vi.waitFor(async () => {
+      const texts = await rows.allTextContents();
+      expect(texts.join('\n')).toMatch(
+        /malformed ⚠ packet size \(offset 2\): expected 4, 13, 18 or 25 bytes, found 2 bytes/,
+      );
+      expect(texts.join('\n')).toMatch(
+        /malformed ⚠ value \(offset 13\): expected a finite number, found infinity/,
+      );
+    }, PATIENCE);
+  });
+
+  it('takes hours of ten readings a second, with flat memory and short frames', async () => {
+    const observer = await open('#tab-watch', () => undefined);
+    const cdp = await context.newCDPSession(page);
+    let count = 0;
+    const hour = async () => {
+      for (const end = count + READINGS; count < end;) {
+        for (const last = count + PORTION; count < last; count += 1) {
+          for (const message of readingsAt(count)) {
+            observer().send(message);
+          }
+        }
+        await vi.waitFor(async () => {
+          // The page has taken them, and its timers have had their turn.
+          expect(await page.textContent('#now-heart .value')).toBe(
+            String(Math.round(90 + 40 * Math.sin((count - 1) / 300))),
+          );
+        }, PATIENCE);
+      }
+    };
+    await hour();
+    await page.focus('#panel-watch .plot');
+    for (let zoom = 0; zoom < 20; zoom += 1) {
+      await page.keyboard.press('-'); // until the whole hour is seen
+    }
+    const first = await heapOf(cdp);
+    await hour();
+    await page.evaluate(() => {
+      performance.clearMeasures('frame');
+    });
+    for (let step = 0; step < 40; step += 1) {
+      readingsAt(count).forEach((message) => {
+        observer().send(message);
+      });
+      count += 1;
+      await page.keyboard.press(step % 2 === 0 ? 'ArrowLeft' : 'ArrowRight');
+      await page.evaluate(() => new Promise((resolve) => setTimeout(resolve, 50)));
+    }
+    const frames = await page.evaluate(() =>
+      performance.getEntriesByName('frame').map(({ duration }) => duration),
+    );
+    const second = await heapOf(cdp);
+    frames.sort((one, other) => one - other);
+    const median = frames[Math.floor(frames.length / 2)] ?? Infinity;
+    const slow = frames[Math.floor(frames.length * 0.95)] ?? Infinity;
+    console.log(
+      `an hour of 10 readings/s in ${frames.length} frames: ${median.toFixed(1)} ms each, p95 ${slow.toFixed(1)} ms; ` +
+        `heap ${(first / 1e6).toFixed(1)} MB after an hour, ${(second / 1e6).toFixed(1)} MB after two`,
+    );
+    expect(frames.length).toBeGreaterThan(5);
+    expect(
+      median,
+      'the work for a frame, in ms; another process may be in between of some',
+    ).toBeLessThan(20);
+    expect(second - first, 'bytes more after the second hour').toBeLessThan(3e6);
+  }, 120_000);
+});
+
+async function heapOf(cdp: CDPSession): Promise<number> {
+  await cdp.send('HeapProfiler.collectGarbage');
+  await cdp.send('Performance.enable');
+  const { metrics } = await cdp.send('Performance.getMetrics');
+  return metrics.find(({ name }) => name === 'JSHeapUsedSize')?.value ?? NaN;
+}
+
+if (MISSING.length > 0) {
+  it('the console with a scripted watch', (context) => {
+    context.skip(`not there: ${MISSING.join(', ')}`);
+  });
+}
