@@ -15,7 +15,7 @@ _parvane_gateway()
         return
         ;;
     --scope)
-        mapfile -t COMPREPLY < <(compgen -W 'phone view control' -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W 'phone view control console' -- "$current")
         return
         ;;
     --config | check-config)

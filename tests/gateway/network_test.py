@@ -287,10 +287,20 @@ class AdmissionTest(GatewayTest):
         self.assertEqual(self.judge(cookie, "Origin: http://evil.example"), 403)
         self.assertEqual(self.judge(cookie, "Origin: null"), 403)
         self.assertEqual(self.judge(cookie), 401)
+        status, answer = self.request("GET /session", cookie)
+        self.assertEqual(status, 200)
+        self.assertTrue(answer.endswith('\r\n\r\n{"name":"phone","scope":"phone"}'), answer)
         self.command("token", "remove", "phone")
         until(lambda: self.judge(cookie, own) == 401, "the end of the session")
         self.assertEqual(self.request("POST /session")[0], 401)
-        self.assertEqual(self.request("GET /session")[0], 405)
+        self.assertEqual(self.request("GET /session")[0], 401)
+        self.assertEqual(self.request("GET /session", cookie)[0], 401)
+        self.assertEqual(self.request("DELETE /session")[0], 405)
+
+    def test_a_token_of_the_console_is_for_both(self):
+        secret = "Authorization: Bearer " + self.token("laptop", "--scope", "console")
+        self.assertEqual(self.judge(secret), 101)
+        self.assertEqual(self.judge(secret, path="/control", protocol="parvane.control.v1"), 101)
 
     def test_a_page_of_a_configured_origin_may_ask_for_a_session(self):
         origin = "Origin: https://console.example"

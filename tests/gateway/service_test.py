@@ -158,6 +158,7 @@ class GatewayWithServiceTest(GatewayTest):
 
     def test_a_viewer_looks_and_does_not_touch(self):
         view = self.control("view")
+        self.assertEqual(self.ask(view, {"request": "ping"}), {"ok": True, "pong": True, "version": 1})
         self.assertEqual(self.ask(view, {"request": "status", "version": 1})["status"]["service"]["user"], os.geteuid())
         self.assertTrue(self.ask(view, {"request": "config"})["ok"])
         for request in ({"request": "set", "item": "heart_rate", "value": 72}, {"request": "quit"},

@@ -3,6 +3,7 @@ import { Sensor, type Observation } from '@parvane/client';
 import type { App } from '../app.js';
 import { NOT_WORN, type ItemName } from '../control/messages.js';
 import { h, setText } from '../dom.js';
+import { onNextFrame } from '../plot/frames.js';
 import { LivePlot } from '../plot/live-plot.js';
 import { TimeWindow } from '../plot/time-window.js';
 import { ageText, numberText, sensorActivityText } from '../texts.js';
@@ -71,7 +72,7 @@ export class NowStrip {
       ...this.#tiles.map(([tile]) => tile.element),
     );
     const refresh = () => {
-      this.#refresh();
+      onNextFrame(this.#refresh);
     };
     this.#timer = setInterval(refresh, REFRESH_MS);
     if (app.watch) {
@@ -90,15 +91,12 @@ export class NowStrip {
     this.#plot?.close();
   }
 
-  #refresh(): void {
-    if (document.hidden) {
-      return;
-    }
+  readonly #refresh = () => {
     for (const [tile, tell] of this.#tiles) {
       tile.show(tell());
     }
     this.#plot?.update();
-  }
+  };
 
   #makePlot(): LivePlot | undefined {
     const { watch } = this.#app;

@@ -9,31 +9,41 @@ import {
 } from '../access.js';
 import type { App, WatchSide } from '../app.js';
 import { ControlRequests } from '../control/requests.js';
-import { h } from '../dom.js';
+import type { Status } from '../control/messages.js';
+import { h, setText } from '../dom.js';
 import { Phone } from '../phone/phone.js';
 import { TimeWindow } from '../plot/time-window.js';
 import { State } from '../state.js';
 import { Observed } from '../store/observed.js';
 import { SensorsOn } from '../store/sensors-on.js';
+import { timeText } from '../texts.js';
 import { connectionText, ConnectionPill } from './connection.js';
 import { NowStrip } from './now-strip.js';
 import { SignInPage } from './sign-in.js';
 import { Tabs } from './tabs.js';
 
 const ASK_AGAIN_MS = 1000;
+const ABOUT = 'A watch, live: what it senses, and what it tells a phone';
 
 /** The frame of the page: who it is connected to, what is the matter, and the views in their tabs. */
 export class Page {
   readonly access = new State<Access>({ kind: 'asking' });
   readonly #main = h('main', { class: 'page' });
   readonly #pill = new ConnectionPill();
+  readonly #about = h('p', { class: 'about soft small' }, ABOUT);
   readonly #notice = h('div', { class: 'notices', role: 'status' });
   readonly #toast = h('p', { class: 'toast', role: 'status' });
   #toastTimer: ReturnType<typeof setTimeout> | undefined;
   #session: Session | undefined;
 
   constructor(root: HTMLElement) {
-    const header = h('header', { class: 'bar' }, h('h1', {}, 'Parvane'), this.#pill.element);
+    const header = h(
+      'header',
+      { class: 'bar' },
+      h('h1', {}, 'Parvane'),
+      this.#pill.element,
+      this.#about,
+    );
     this.#main.append(h('p', { class: 'soft' }, 'Connecting to the watch …'));
     root.replaceChildren(header, this.#notice, this.#main, this.#toast);
     this.access.listen((access) => {
@@ -54,9 +64,15 @@ export class Page {
       case 'in':
         this.#notice.replaceChildren();
         if (!this.#session) {
-          this.#session = new Session(this.access, this.#pill, this.#notice, (text, isBad) => {
-            this.say(text, isBad);
-          });
+          this.#session = new Session(
+            this.access,
+            this.#pill,
+            this.#notice,
+            this.#about,
+            (text, isBad) => {
+              this.say(text, isBad);
+            },
+          );
           this.#main.replaceChildren(...this.#session.elements);
         }
         break;
@@ -67,6 +83,7 @@ export class Page {
       case 'out':
         this.#session?.close();
         this.#session = undefined;
+        setText(this.#about, ABOUT);
         this.#pill.show(undefined);
         this.#notice.replaceChildren();
         this.#main.replaceChildren(
@@ -116,7 +133,13 @@ class Session {
   readonly #ends: (() => void)[] = [];
   #isAsking = false;
 
-  constructor(access: State<Access>, pill: ConnectionPill, notice: HTMLElement, say: App['say']) {
+  constructor(
+    access: State<Access>,
+    pill: ConnectionPill,
+    notice: HTMLElement,
+    about: HTMLElement,
+    say: App['say'],
+  ) {
     this.#access = access;
     this.#pill = pill;
     this.#notice = notice;
@@ -131,6 +154,13 @@ class Session {
     this.#tabs = new Tabs(this.#app);
     this.elements = [this.#strip.element, this.#tabs.element];
     this.#follow();
+    if (watch) {
+      this.#ends.push(
+        watch.observed.status.listen((status) => {
+          setText(about, status ? aboutText(status) : ABOUT);
+        }),
+      );
+    }
     phone?.connect();
   }
 
@@ -212,6 +242,22 @@ class Session {
       }
     });
   }
+}
+
+/** Which watch it is, and where its readings are from. */
+function aboutText({ service, items }: Status): string {
+  const names: Readonly<Record<string, string>> = {
+    replay: 'a recording',
+    iio: 'the kernel’s sensors',
+    ble: 'a strap over Bluetooth',
+    manual: 'values set by hand',
+  };
+  const sources = new Set(
+    items.map(({ source }) => names[source]).filter((name) => name !== undefined),
+  );
+  const from =
+    sources.size === 0 ? 'no sensor has a source' : `its sensors are ${[...sources].join(', ')}`;
+  return `A watch, live: ${from}. Service ${service.version ?? ''}, since ${timeText(Date.parse(service.since))}`;
 }
 
 function watchSide(url: string, canSteer: boolean): WatchSide {

@@ -19,13 +19,13 @@ export function onNextFrame(draw: () => void): void {
 }
 
 function drawAll(): void {
-  isScheduled = false;
   drawnAt = performance.now();
-  const draws = [...wanted];
-  wanted.clear();
-  for (const draw of draws) {
+  // What is asked for by one of them is drawn along.
+  for (const draw of wanted) {
     draw();
   }
+  wanted.clear();
+  isScheduled = false;
   measureFrame();
 }
 

@@ -39,6 +39,7 @@ export interface PlotOptions {
   readonly sync?: string;
 }
 
+const FEW_POINTS = 8; // so few make no line
 const PAN_SHARE = 0.1;
 const ZOOM_STEP = 1.25;
 
@@ -156,7 +157,10 @@ export class LivePlot {
         ...(isSmall ? { padding: [2, 0, 2, 0] as uPlot.Padding } : {}),
         axes: isSmall
           ? [{ show: false }, { show: false }]
-          : [axis, { ...axis, size: 56, ...axisText(lines) }],
+          : [
+              { ...axis, values: (_, splits) => splits.map(axisClock) },
+              { ...axis, size: 56, ...axisText(lines) },
+            ],
         scales: { x: { time: true }, y: { range: (_, low, high) => rangeOf(low, high, range) } },
         series: [
           {},
@@ -165,7 +169,7 @@ export class LivePlot {
               label: line.label,
               stroke: color(line.color),
               width: isSmall ? 1.5 : 2,
-              points: { show: false },
+              points: { show: (own) => own.data[0].length < FEW_POINTS, size: isSmall ? 3 : 5 },
               spanGaps: false,
             };
             return line.isStepped && stepped ? { ...own, paths: stepped } : own;
@@ -336,6 +340,10 @@ function textOf(line: PlotLine, value: number | null | undefined): string {
     return '–';
   }
   return line.text?.(value) ?? `${value.toFixed(line.digits ?? 0)} ${line.unit}`.trim();
+}
+
+function axisClock(seconds: number): string {
+  return new Date(1000 * seconds).toLocaleTimeString(undefined, { hour12: false });
 }
 
 function clock(seconds: number): string {

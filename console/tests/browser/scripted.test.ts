@@ -1,5 +1,5 @@
 // The page in a browser, against a watch that a script plays: what no real one does on demand.
-import type { Browser, BrowserContext, CDPSession, Page, WebSocketRoute } from 'playwright-core';
+import type { Browser, BrowserContext, CDPSession, Page } from 'playwright-core';
 import { afterAll, afterEach, beforeAll, describe, expect, it, vi } from 'vitest';
 
 import { launch, MISSING, newPage, PATIENCE, World, type Watched } from './world.js';
@@ -57,19 +57,62 @@ function status(): object {
   };
 }
 
-/** All items at once, each with what it can report. */
-function readingsAt(count: number): string[] {
-  const time = new Date(BEGIN + 100 * count).toISOString();
-  const reading = (item: string, values: object) =>
-    JSON.stringify({ event: 'reading', item, time, values });
-  return [
-    reading('heart_rate', { 'hrm/heart_rate': Math.round(90 + 40 * Math.sin(count / 300)) }),
-    reading('pedometer', {
-      'pedometer/total_steps': count,
-      'pedometer/speed': 5 + (count % 50) / 10,
-    }),
-    reading('activity', { 'activity/status': (count >> 8) % 4 }),
-  ];
+/** Runs in the page: a watch there, since so many messages through a browser's debugging port would take minutes. */
+function playInPage({ first, begin }: { first: object; begin: number }): void {
+  let observe: (message: object) => void = () => undefined;
+  class FakeSocket extends EventTarget {
+    static readonly OPEN = 1;
+    readonly readyState = 1;
+    binaryType = '';
+
+    constructor(
+      readonly url: string,
+      readonly protocol: string,
+    ) {
+      super();
+      setTimeout(() => this.dispatchEvent(new Event('open')));
+    }
+
+    send(data: unknown): void {
+      const { request } = (typeof data === 'string' ? JSON.parse(data) : {}) as {
+        request?: string;
+      };
+      if (request === 'observe') {
+        observe = (message) => {
+          this.tell(message);
+        };
+        this.tell(first);
+      } else if (request !== undefined) {
+        this.tell({ ok: true, version: 1, ...(request === 'ping' ? { pong: true } : {}) });
+      }
+    }
+
+    tell(message: object): void {
+      this.dispatchEvent(new MessageEvent('message', { data: JSON.stringify(message) }));
+    }
+
+    close(): void {
+      // Nobody is there to answer.
+    }
+  }
+  /** Readings of all items, the one of that number and those after it. */
+  const play = (from: number, to: number) => {
+    for (let count = from; count < to; count += 1) {
+      const time = new Date(begin + 100 * count).toISOString();
+      const event = 'reading';
+      const heart = Math.round(90 + 40 * Math.sin(count / 300));
+      observe({ event, item: 'heart_rate', time, values: { 'hrm/heart_rate': heart } });
+      const steps = { 'pedometer/total_steps': count, 'pedometer/speed': 5 + (count % 50) / 10 };
+      observe({ event, item: 'pedometer', time, values: steps });
+      observe({
+        event,
+        item: 'activity',
+        time,
+        values: { 'activity/status': (count >> 8) % 4 },
+      });
+    }
+  };
+  Object.assign(window, { WebSocket: FakeSocket, play });
 }
 
 describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
@@ -97,43 +140,26 @@ describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
     expect(problems, 'what the page complained of').toEqual([]);
   });
 
-  async function open(
-    path: string,
-    link: (socket: WebSocketRoute) => void,
-  ): Promise<() => WebSocketRoute> {
+  async function fresh(): Promise<void> {
     context = await browser.newContext({ viewport: { width: 1280, height: 900 } });
     watched = await newPage(context);
     page = watched.page;
-    let observer: WebSocketRoute | undefined;
-    await page.routeWebSocket(/\/control$/, (socket) => {
-      socket.onMessage((message) => {
-        const { request } = JSON.parse(message.toString()) as { request: string };
-        if (request === 'observe') {
-          observer = socket;
-          socket.send(JSON.stringify(status()));
-        } else {
-          socket.send(
-            JSON.stringify({ ok: true, pong: request === 'ping' || undefined, version: 1 }),
-          );
-        }
-      });
-    });
-    await page.routeWebSocket(/\/link$/, link);
+  }
+
+  async function goOn(): Promise<void> {
     await page.goto(`${world.url}/#token=${token}`);
     await page.waitForSelector('.pill:text-is("Live")');
-    if (path !== '') {
-      await page.click(path);
-    }
-    return () => {
-      if (!observer) {
-        throw new Error('nobody observes');
-      }
-      return observer;
-    };
   }
 
   it('marks packets of the watch that are none, and says what is wrong with them', async () => {
-    await open('', (socket) => {
+    await fresh();
+    await page.routeWebSocket(/\/control$/, (socket) => {
+      socket.onMessage((message) => {
+        const { request } = JSON.parse(message.toString()) as { request: string };
+        socket.send(JSON.stringify(request === 'ping' ? { pong: true } : status()));
+      });
+    });
+    await page.routeWebSocket(/\/link$/, (socket) => {
       socket.onMessage(() => {
         socket.send(Buffer.from([0x14, 2]));
         const infinite = Buffer.from('02000e0311000000000000000000007f800000', 'hex').subarray(
@@ -144,6 +170,7 @@ describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
         socket.send(infinite);
       });
     });
+    await goOn();
     const rows = page.locator('.packets tr.wrong');
     await vi.waitFor(async () => {
       const texts = await rows.allTextContents();
@@ -157,23 +184,32 @@ describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
   });
 
   it('takes hours of ten readings a second, with flat memory and short frames', async () => {
-    const observer = await open('#tab-watch', () => undefined);
+    await fresh();
+    await page.addInitScript(playInPage, { first: status(), begin: BEGIN });
+    await goOn();
+    await page.click('#tab-watch');
+    await page.waitForSelector('#panel-watch canvas');
     const cdp = await context.newCDPSession(page);
     let count = 0;
-    const hour = async () => {
-      for (const end = count + READINGS; count < end;) {
-        for (const last = count + PORTION; count < last; count += 1) {
-          for (const message of readingsAt(count)) {
-            observer().send(message);
+    const play = async (more: number) => {
+      await page.evaluate(
+        async ([from, to, portion]) => {
+          const { play } = window as unknown as { play: (from: number, to: number) => void };
+          for (let at = from; at < to; at += portion) {
+            play(at, Math.min(at + portion, to));
+            await new Promise((resolve) => setTimeout(resolve)); // timers and frames have their turn
           }
-        }
-        await vi.waitFor(async () => {
-          // The page has taken them, and its timers have had their turn.
-          expect(await page.textContent('#now-heart .value')).toBe(
-            String(Math.round(90 + 40 * Math.sin((count - 1) / 300))),
-          );
-        }, PATIENCE);
-      }
+        },
+        [count, count + more, PORTION] as const,
+      );
+      count += more;
+    };
+    const hour = async () => {
+      await play(READINGS);
+      const last = String(Math.round(90 + 40 * Math.sin((count - 1) / 300)));
+      await vi.waitFor(async () => {
+        expect(await page.textContent('#now-heart .value')).toBe(last);
+      }, PATIENCE);
     };
     await hour();
     await page.focus('#panel-watch .plot');
@@ -186,10 +222,7 @@ describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
       performance.clearMeasures('frame');
     });
     for (let step = 0; step < 40; step += 1) {
-      readingsAt(count).forEach((message) => {
-        observer().send(message);
-      });
-      count += 1;
+      await play(1);
       await page.keyboard.press(step % 2 === 0 ? 'ArrowLeft' : 'ArrowRight');
       await page.evaluate(() => new Promise((resolve) => setTimeout(resolve, 50)));
     }
