@@ -13,7 +13,7 @@ warm_up() { eventually 30 runuser -u parvane -- systemd-inhibit --what=sleep:idl
 
 # The power button wakes the machine, and shall do nothing else. Where it cannot, the clock does.
 button() {
-    modprobe -a button evdev
+    [ "$(uname -m)" != x86_64 ] || modprobe -a button evdev
     mkdir -p /run/systemd/logind.conf.d
     printf '[Login]\nHandlePowerKey=ignore\n' >/run/systemd/logind.conf.d/vm.conf
     systemctl restart systemd-logind
