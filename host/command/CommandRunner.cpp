@@ -8,12 +8,12 @@
 #include <variant>
 
 #include "ErrnoText.h"
+#include "GatewayRoad.h"
 #include "JsonPrinter.h"
 #include "Printable.h"
 #include "Terminal.h"
 #include "TextPrinter.h"
 #include "Wait.h"
-#include "GatewayRoad.h"
 #include "WireCodec.h"
 
 namespace ParvaneHost {

@@ -137,5 +137,6 @@ TEST_F(HostCommandTest, SecondHostIsToldThatTheLinkIsTaken)
     const Host first(LinkPath());
     ASSERT_EQ(first.Ask({0x04, 0x00, 0x00, 0x01}, 1).size(), 1U);
 
-    EXPECT_THAT(RunHost({"list"}, 3)->StandardError(), ContainsRegex("another (host|phone) is connected"));
+    EXPECT_THAT(RunHost({"list"}, 3)->StandardError(),
+                ContainsRegex("another (host|phone) is connected"));
 }

@@ -84,7 +84,8 @@ class RefusalTest(HostTest):
         self.expect(self.list(PARVANE_FINGERPRINT=""), 3, "does not trust its certificate.*which here is " +
                     self.fingerprint)
         # --wait is for what passes by itself.
-        self.expect(self.run_host("--wait", "60", "raw", "00", link=self.plain, PARVANE_TOKEN="y" * 43), 3, "does not know the token")
+        waiting = self.run_host("--wait", "60", "raw", "00", link=self.plain, PARVANE_TOKEN="y" * 43)
+        self.expect(waiting, 3, "does not know the token")
 
     def test_nobody_there(self):
         self.stop()
@@ -107,7 +108,8 @@ class RefusalTest(HostTest):
         self.expect(self.list(), 3, "another phone is connected")
 
     def test_what_is_given_wrongly(self):
-        for arguments, text in ((["--link", "http://h"], "give ws://HOST:PORT"), (["--link", "ws://h/x"], "nothing but"),
+        for arguments, text in ((["--link", "http://h"], "give ws://HOST:PORT"),
+                                (["--link", "ws://h/x"], "nothing but"),
                                 (["--link", self.tls, "--socket", "/s"], "give one of them"),
                                 (["--fingerprint", "00"], "--fingerprint has no effect"),
                                 (["--link", self.plain, "--fingerprint", "00"], "no effect without TLS"),
