@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -44,6 +45,7 @@ void Host::ConnectToGateway(const Gateway &gateway, std::chrono::milliseconds li
         if (link) {
             mLink.emplace(std::move(link).Value());
             mFd = mLink->Fd();
+            ::fcntl(mFd, F_SETFL, 0); // as that of the other road, it waits for room
             break;
         }
         const auto *error = std::get_if<ParvaneHost::LinkError>(&link.GetError());
