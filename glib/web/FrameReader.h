@@ -73,10 +73,10 @@ public:
 private:
     struct Header
     {
-        bool mIsLast;
-        std::uint8_t mOpcode;
-        std::uint64_t mLength;
-        std::size_t mBytes;
+        bool mIsLast = false;
+        std::uint8_t mOpcode = 0;
+        std::uint64_t mLength = 0;
+        std::size_t mBytes = 0;
         std::array<std::uint8_t, 4> mMask{};
     };
 

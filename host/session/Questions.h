@@ -25,10 +25,10 @@ public:
     /** @param firstFlags  of the first question that is sent; the following ones take turns */
     explicit Questions(std::uint8_t firstFlags) : mFlags(firstFlags) {}
 
-    [[nodiscard]] Iterator begin() { return mAll.begin(); }
-    [[nodiscard]] Iterator end() { return mAll.end(); }
+    [[nodiscard]] Iterator Begin() { return mAll.begin(); }
+    [[nodiscard]] Iterator End() { return mAll.end(); }
 
-    /** end(): that is not asked. */
+    /** End(): that is not asked. */
     [[nodiscard]] Iterator Find(Command command, Sensor sensor);
 
     [[nodiscard]] bool IsAnythingAskedOf(Sensor sensor) const;

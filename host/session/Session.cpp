@@ -176,9 +176,9 @@ void Session::BecomeReady(Moment now)
 {
     mState = State::Ready;
     mEvents.emplace_back(Told::Linked{});
-    for (Question &question : mQuestions) {
-        if (!question.mSentAt) {
-            Send(question, now);
+    for (auto question = mQuestions.Begin(); question != mQuestions.End(); ++question) {
+        if (!question->mSentAt) {
+            Send(*question, now);
         }
     }
     mWishes.AskAll(now.mSteady);
@@ -212,13 +212,13 @@ void Session::GoAway(const Failure &why, Moment now)
 
 void Session::GiveUpWhatIsLate(Moment now)
 {
-    for (auto question = mQuestions.begin(); question != mQuestions.end();) {
+    for (auto question = mQuestions.Begin(); question != mQuestions.End();) {
         const auto next = std::next(question);
         if (question->mGiveUpAt <= now.mSteady) {
             const bool wasResting = mState == State::Resting;
             GiveUp(mQuestions.Take(question), now);
             if (!wasResting && mState == State::Resting) {
-                question = mQuestions.begin(); // what was sent has ended with the link
+                question = mQuestions.Begin(); // what was sent has ended with the link
                 continue;
             }
         } else if (question->mAskAgainAt && *question->mAskAgainAt <= now.mSteady) {
@@ -316,17 +316,17 @@ void Session::TakeReply(const Reading &reading, Moment now)
     // The worn state is told by whichever request reached the watch before its sensor spoke, so its
     // flags may be those of the request before this one.
     const bool isAnswer =
-        question != mQuestions.end() && question->mSentAt &&
+        question != mQuestions.End() && question->mSentAt &&
         (question->WasSentWith(reading.mFlags) || reading.mSensor == Sensor::WearState);
     Wish *const wish = mWishes.Find(reading.mSensor);
     if (isAnswer) {
         Answered(question, told, now);
-    } else if (wish != nullptr && question == mQuestions.end() && !wish->mAskAt &&
+    } else if (wish != nullptr && question == mQuestions.End() && !wish->mAskAt &&
                (!told.mIsSettled || !IsPushed(reading.mSensor))) {
         wish->mAskAt = now.mSteady; // it was left out, or more is to be known
     }
     const bool isAsked =
-        mQuestions.Find(Command::MeasureOnce, Sensor::Pedometer) != mQuestions.end();
+        mQuestions.Find(Command::MeasureOnce, Sensor::Pedometer) != mQuestions.End();
     told.mIsSettled = told.mIsSettled || (wish == nullptr && !isAsked);
     mEvents.emplace_back(told);
 }
@@ -354,7 +354,7 @@ void Session::Answered(Questions::Iterator question, Told::NewReading &told, Mom
 void Session::TakeReply(const StopAck &acknowledgement, Moment now)
 {
     const auto question = mQuestions.Find(Command::Stop, acknowledgement.mSensor);
-    if (question == mQuestions.end() || !question->WasSentWith(acknowledgement.mFlags)) {
+    if (question == mQuestions.End() || !question->WasSentWith(acknowledgement.mFlags)) {
         return; // late
     }
     if (!question->mIsOurs) {
@@ -374,7 +374,7 @@ void Session::TakeReply(const StopAck &acknowledgement, Moment now)
 void Session::TakeReply(const SensorListHeader &header, Moment /*now*/)
 {
     const auto question = mQuestions.Find(Command::SensorList, Sensor{0});
-    if (question != mQuestions.end() && question->WasSentWith(header.mFlags)) {
+    if (question != mQuestions.End() && question->WasSentWith(header.mFlags)) {
         question->mList = SensorList{header, {}};
         EndListWhenWhole(question);
     }
@@ -383,7 +383,7 @@ void Session::TakeReply(const SensorListHeader &header, Moment /*now*/)
 void Session::TakeReply(const SensorEntry &entry, Moment /*now*/)
 {
     const auto question = mQuestions.Find(Command::SensorList, Sensor{0});
-    if (question == mQuestions.end() || !question->mList || !question->WasSentWith(entry.mFlags)) {
+    if (question == mQuestions.End() || !question->mList || !question->WasSentWith(entry.mFlags)) {
         return;
     }
     if (auto why = question->AddToList(entry)) {

@@ -1,4 +1,4 @@
-# Holds the walls around common/, glib/, the phone's side and the view into the service:
+# Holds the walls around common/, glib/, the phone's side, the view into the service and the gateway:
 # cmake -DROOT=... -P
 #
 # The phone's side and the service share the wire format's document and nothing else; so each folder
@@ -8,7 +8,8 @@ cmake_minimum_required(VERSION 3.25)
 
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
-set(FOLDERS common common/usage glib/loop glib/bus glib/web host/wire host/ledger host/session host/link host/web host/export host/command host/capi host/capi/parvane watch watch/check_config watch/monitor watch/play)
+set(FOLDERS common common/usage glib/loop glib/bus glib/web host/wire host/ledger host/session host/link host/web host/export host/command host/capi host/capi/parvane watch watch/check_config watch/monitor watch/play
+    gateway gateway/log gateway/config gateway/link gateway/tokens gateway/tls gateway/road gateway/web gateway/bluetooth gateway/operation gateway/command)
 set(SEES_common "")
 set(SEES_common/usage common)
 set(SEES_glib/loop common)
@@ -29,7 +30,20 @@ set(SEES_watch/play watch common)
 # Checks a configuration as the runtime does.
 set(SEES_watch/check_config platform/linux/config platform/linux/recording platform/linux/base common)
 
-set(POSIX dirent.h clocale fcntl.h langinfo.h netinet/in.h netinet/tcp.h poll.h signal.h sys/epoll.h sys/eventfd.h sys/file.h sys/ioctl.h sys/mman.h sys/random.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
+# The gateway knows the wire as packets of bytes, and the service by its sockets.
+set(SEES_gateway/log common)
+set(SEES_gateway/config common)
+set(SEES_gateway/link gateway/log glib/loop common)
+set(SEES_gateway/tokens gateway/log glib/loop common)
+set(SEES_gateway/tls gateway/tokens glib/web glib/loop common)
+set(SEES_gateway/road "")
+set(SEES_gateway/web gateway/config gateway/road gateway/link gateway/tls gateway/tokens gateway/log glib/web glib/loop common)
+set(SEES_gateway/bluetooth gateway/config gateway/road gateway/link gateway/log glib/bus glib/loop common)
+set(SEES_gateway/operation gateway/config gateway/road gateway/web gateway/bluetooth gateway/link gateway/tls gateway/tokens gateway/log glib/web glib/bus glib/loop common)
+set(SEES_gateway/command gateway/config gateway/operation gateway/bluetooth gateway/road gateway/tls gateway/tokens gateway/log glib/web glib/loop common)
+set(SEES_gateway gateway/command gateway/operation gateway/config gateway/log glib/loop common)
+
+set(POSIX arpa/inet.h dirent.h clocale fcntl.h ifaddrs.h langinfo.h net/if.h netinet/in.h netinet/tcp.h poll.h signal.h sys/epoll.h sys/eventfd.h sys/file.h sys/inotify.h sys/ioctl.h sys/mman.h sys/random.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
     sys/un.h termios.h unistd.h)
 # No I/O: what is in here is told what happens, and when.
 set(PURE host/wire host/ledger host/session)
@@ -50,6 +64,17 @@ set(LIBRARIES_host/command CLI nlohmann)
 set(LIBRARIES_watch CLI nlohmann)
 set(LIBRARIES_watch/check_config nlohmann)
 set(LIBRARIES_watch/play nlohmann)
+set(LIBRARIES_gateway "")
+set(LIBRARIES_gateway/log "")
+set(LIBRARIES_gateway/config glib.h)
+set(LIBRARIES_gateway/link glib.h)
+set(LIBRARIES_gateway/tokens glib.h nlohmann)
+set(LIBRARIES_gateway/tls gio gnutls)
+set(LIBRARIES_gateway/road nlohmann)
+set(LIBRARIES_gateway/web glib.h gio libsoup nlohmann)
+set(LIBRARIES_gateway/bluetooth glib.h gio nlohmann)
+set(LIBRARIES_gateway/operation glib.h nlohmann)
+set(LIBRARIES_gateway/command CLI nlohmann qrencode.h)
 # The headers of ncurses, which have no folder.
 set(LIBRARIES_watch/monitor nlohmann curses.h)
 
@@ -95,7 +120,7 @@ foreach(folder IN LISTS FOLDERS)
 endforeach()
 
 file(GLOB_RECURSE all ${ROOT}/common/*.h ${ROOT}/common/*.cpp ${ROOT}/glib/*.h ${ROOT}/glib/*.cpp ${ROOT}/host/*.h ${ROOT}/host/*.cpp
-    ${ROOT}/watch/*.h ${ROOT}/watch/*.cpp)
+    ${ROOT}/watch/*.h ${ROOT}/watch/*.cpp ${ROOT}/gateway/*.h ${ROOT}/gateway/*.cpp)
 list(LENGTH all expected)
 if(NOT count EQUAL expected)
     message(FATAL_ERROR "${expected} files, but ${count} in the folders that are known here")
