@@ -1,62 +1,43 @@
 """Prints what a watch tells, whenever it changes. Usage: python3 phone.py SOCKET"""
 import socket, struct, sys, time
-from select import select
 
 NAMES = {1: "activity", 2: "steps", 3: "heart rate", 4: "worn"}
-WORDS = {1: ["still", "walking", "running", "gesture"], 4: ["no", "yes"]}
-STOP, START = bytes.fromhex("14 00 00 01"), bytes.fromhex("13 00 00 01 00")  # of the activity
-STEPS, HEART, WORN = (bytes([0x12, 0, 0, sensor]) for sensor in (2, 3, 4))   # measure once
-total, count, walked, shown = None, None, 0, {}
+WORDS = {(1, 0): "still", (1, 1): "walking", (1, 2): "running", (1, 3): "gesture", (4, 0): "no", (4, 1): "yes"}
+ASKED = [("14 00 00 01", 5), ("13 00 00 01 00", 5),  # stop and start the activity, with the seconds it may take;
+         ("12 00 00 02", 5), ("12 00 00 02", 5), ("12 00 00 04", 3.5), ("12 00 00 03", 20)]  # steps, worn, heart rate
+total, count, walked, shown, delay = None, 0, 0, {2: 0}, 0.1
 
-def steps(new):
-    """The steps walked since the first link, from a new total; None before there were two."""
+def show(sensor, value):
     global total, count, walked
-    if total is not None:
-        difference = (new - total) % 2**32        # the count: steps since the watch subscribed
-        if difference >= 2**31:
-            difference = new                      # a new day's total begins with the count
-        known = difference if count is None else count
-        if difference < known - abs(new) // 2**23:
-            known = 0                             # less by more than a float rounds: anew
-        count, walked = difference, walked + difference - known
-    total = new
-    return None if count is None else walked
+    if sensor == 2:
+        if total is not None:                         # two totals tell the count since the watch subscribed
+            new = value - total if value >= total else value      # a new day's total begins with the count
+            walked += new - count if new >= count else new        # a smaller count has begun anew
+            count = new
+        total, value = value, walked
+    if value != shown.get(sensor):
+        print(NAMES[sensor], WORDS.get((sensor, value), value), flush=True)
+    shown[sensor] = value
 
-def receive(link):
-    packet = link.recv(65531)
-    if not packet:
-        raise ConnectionError("closed")
-    if len(packet) == 18:
-        sensor, value = packet[3], int(*struct.unpack(">f", packet[13:17]))
-        text = steps(value) if sensor == 2 else WORDS[sensor][value] if sensor in WORDS else value
-        if text != shown.get(sensor):
-            print(NAMES[sensor], text, flush=True)
-        shown[sensor] = text
-    return packet
+def read(link, seconds=None, request=b""):
+    link.settimeout(seconds)
+    while packet := link.recv(65531):
+        if len(packet) == 18:
+            show(packet[3], int(*struct.unpack(">f", packet[13:17])))
+        if request and (packet[0], packet[3]) == (request[0], request[3]):
+            return
+    raise ConnectionError("closed")
 
-def ask(link, request, seconds):
-    for end in time.monotonic() + seconds, time.monotonic() + 2 * seconds:  # once more in silence
-        link.send(request)
-        while (left := end - time.monotonic()) > 0 and select([link], [], [], left)[0]:
-            packet = receive(link)
-            if (packet[0], packet[3]) == (request[0], request[3]):
-                return
-    raise TimeoutError("silent")
-
-delay = 0.1
 while True:
     try:
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as link:
-            link.settimeout(5)                    # also for room to send
             link.connect(sys.argv[1])
-            ask(link, STOP, 5)
-            print("connected", flush=True)
-            delay, total = 0.1, None
-            for request, seconds in (START, 5), (STEPS, 5), (STEPS, 5), (WORN, 3.5), (HEART, 20):
-                ask(link, request, seconds)
-            link.settimeout(None)
-            while True:
-                receive(link)
+            total = None
+            for request, seconds in ASKED:
+                link.send(bytes.fromhex(request))
+                read(link, seconds, bytes.fromhex(request))
+                delay = 0.1                           # answered: of use
+            read(link)
     except OSError as error:
         print("away:", error, flush=True)
         time.sleep(delay)
