@@ -98,6 +98,7 @@ constexpr Step kSteps[] = {
     {"starts", MeasureStart, false, true},
     {"wake-ups", MeasureWakeUps, false, true},
     {"a week at speed", MeasureWeek, false, true},
+    {"many watches", MeasureFleet, false, true},
 };
 
 void Add(std::vector<Row> &rows, const std::vector<Row> &more)

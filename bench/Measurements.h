@@ -35,6 +35,9 @@ std::vector<Row> MeasureWakeUps(const Setting &setting);
 /** A week of readings at speed. */
 std::vector<Row> MeasureWeek(const Setting &setting);
 
+/** Many services, and one thread with all of their phone's sides. */
+std::vector<Row> MeasureFleet(const Setting &setting);
+
 /** The size of a stripped executable; empty path: there is none. */
 Row MeasureSize(const std::filesystem::path &executable);
 

@@ -162,14 +162,6 @@ Row CompareUpdates(const Host &host, const Fd &control, const PlainFile &file, i
     return row;
 }
 
-/** A memory file system, so that the disk does not set the pace, where there is one. */
-std::filesystem::path FastFolder()
-{
-    constexpr char kMemory[] = "/dev/shm";
-    return access(kMemory, W_OK) == 0 ? std::filesystem::path(kMemory)
-                                      : std::filesystem::temp_directory_path();
-}
-
 } // namespace
 
 std::vector<Row> MeasureDurableUpdate(const Setting &setting)

@@ -110,6 +110,9 @@ void SendMessage(const Fd &peer, const void *data, std::size_t size);
 /** Receives one message, which must have `size` bytes. */
 void ReceiveMessage(const Fd &peer, std::size_t size);
 
+/** A memory file system, so that the disk does not set the pace, where there is one. */
+std::filesystem::path FastFolder();
+
 /** The number behind `key` in a file of lines "key value" such as those below /proc. */
 std::int64_t NumberIn(const std::filesystem::path &file, const std::string &key);
 
