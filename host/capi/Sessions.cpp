@@ -1,17 +1,21 @@
 #include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <parvane/host.h>
+#include <string>
 #include <utility>
 #include <variant>
 
 #include "Guard.h"
+#include "RegularFile.h"
 #include "SessionHandle.h"
+#include "TimeZone.h"
 
 using namespace ParvaneHost;
 using std::chrono::microseconds;
@@ -50,12 +54,45 @@ seconds SystemZone(std::chrono::sys_seconds instant)
     return localtime_r(&time, &local) == nullptr ? seconds{0} : seconds{local.tm_gmtoff};
 }
 
-ZoneOffset ZoneOf(const parvane_options &options)
+/** A path below the data base, and no way out of it. */
+bool IsZoneName(const std::string &name)
 {
-    if (options.has_zone == 0) {
-        return SystemZone;
+    return !name.empty() && !name.starts_with('/') &&
+           ("/" + name + "/").find("/../") == std::string::npos;
+}
+
+/** @return 0 or a PARVANE_E number */
+int ReadNamedZone(const std::string &name, ZoneOffset &zone)
+{
+    constexpr std::size_t kMostBytes = 65536;
+    const char *given = std::getenv("TZDIR");
+    const std::string folder = given == nullptr ? "/usr/share/zoneinfo" : given;
+    std::string content;
+    if (!IsZoneName(name) ||
+        Parvane::ReadWholeFile(folder + "/" + name, kMostBytes, content) != 0) {
+        return kInvalid;
     }
-    return [offset = seconds(options.zone_offset_s)](std::chrono::sys_seconds) { return offset; };
+    auto parsed = TimeZone::Parse(content);
+    if (!parsed) {
+        return PARVANE_EMALFORMED;
+    }
+    zone = [known = std::move(parsed).Value()](auto instant) { return known.OffsetAt(instant); };
+    return 0;
+}
+
+/** @return 0 or a PARVANE_E number */
+int ReadZone(const parvane_options &options, ZoneOffset &zone)
+{
+    zone = SystemZone;
+    if (options.zone != nullptr) {
+        return options.has_zone == 0 ? ReadNamedZone(options.zone, zone) : kInvalid;
+    }
+    if (options.has_zone != 0) {
+        zone = [offset = seconds(options.zone_offset_s)](std::chrono::sys_seconds) {
+            return offset;
+        };
+    }
+    return 0;
 }
 
 SessionOptions OptionsOf(const parvane_options &options)
@@ -262,7 +299,10 @@ int ReadStart(const parvane_options *options, SessionOptions &session,
         return kInvalid;
     }
     session = OptionsOf(known);
-    const ZoneOffset zone = ZoneOf(known);
+    ZoneOffset zone;
+    if (const int error = ReadZone(known, zone); error != 0) {
+        return error;
+    }
     if (known.steps == nullptr) {
         ledger.emplace(zone);
         return 0;

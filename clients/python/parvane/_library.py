@@ -24,7 +24,8 @@ class Moment(ctypes.Structure):
 class Options(ctypes.Structure):
     """parvane_options"""
     _fields_ = [("size", c_size_t), ("steps", c_char_p), ("has_zone", c_int32), ("zone_offset_s", c_int32),
-                ("timeout_ms", c_int32), ("first_flags", c_int32), ("trusts_link", c_int32), ("counts_no_steps", c_int32)]
+                ("timeout_ms", c_int32), ("first_flags", c_int32), ("trusts_link", c_int32), ("counts_no_steps", c_int32),
+                ("zone", c_char_p)]
 
 
 class Day(ctypes.Structure):

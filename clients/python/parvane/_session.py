@@ -134,11 +134,12 @@ def check(result: int) -> int:
     raise ParvaneError(text)
 
 
-def options(steps: "str | None", zone: "datetime.timedelta | None", timeout: "float | None", **more: int) -> _library.Options:
+def options(steps: "str | None", zone: "str | datetime.timedelta | None", timeout: "float | None", **more: int) -> _library.Options:
     """The options of a session in C."""
+    offset = zone if isinstance(zone, datetime.timedelta) else None
     return _library.Options(size=ctypes.sizeof(_library.Options), steps=None if steps is None else steps.encode(),
-                            has_zone=zone is not None, zone_offset_s=0 if zone is None else int(zone.total_seconds()),
-                            timeout_ms=milliseconds(timeout), **more)
+                            has_zone=offset is not None, zone_offset_s=0 if offset is None else int(offset.total_seconds()),
+                            timeout_ms=milliseconds(timeout), zone=zone.encode() if isinstance(zone, str) else None, **more)
 
 
 def milliseconds(seconds: "float | None") -> int:
@@ -216,7 +217,7 @@ class Session:
     `now` is a pair of a steady clock in seconds and the time in seconds since 1970; None: the clocks of the system.
     """
 
-    def __init__(self, *, steps: "str | None" = None, zone: "datetime.timedelta | None" = None, timeout: "float | None" = None,
+    def __init__(self, *, steps: "str | None" = None, zone: "str | datetime.timedelta | None" = None, timeout: "float | None" = None,
                  first_flags: int = 1, trusts_link: bool = False, counts_steps: bool = True) -> None:
         self._handle = ctypes.c_void_p()
         given = options(steps, zone, timeout, first_flags=first_flags, trusts_link=trusts_link, counts_no_steps=not counts_steps)

@@ -15,13 +15,14 @@ class Watch:
 
     path     of its socket; None: that of the service of this user, or of the system
     steps    what save_steps() has given, so that the day goes on with the steps of an earlier run
-    zone     how far local time is ahead of UTC, for the days of steps; None: the time zone of this process
+    zone     for the days of steps: a name such as "Europe/Zurich", or how far local time is ahead of UTC;
+             None: the time zone of this process
     timeout  for the answer to each request, in seconds; None: what the sensor takes
 
     A request that fails raises ParvaneError.
     """
 
-    def __init__(self, path: "str | None" = None, *, steps: "str | None" = None, zone: "datetime.timedelta | None" = None,
+    def __init__(self, path: "str | None" = None, *, steps: "str | None" = None, zone: "str | datetime.timedelta | None" = None,
                  timeout: "float | None" = None) -> None:
         self._watch = ctypes.c_void_p()
         check(lib.parvane_watch_new(None if path is None else path.encode(), _session.options(steps, zone, timeout), self._watch))

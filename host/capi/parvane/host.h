@@ -169,7 +169,7 @@ typedef struct parvane_options
     size_t size; /**< sizeof(parvane_options) */
     /** What parvane_session_save_steps() has given, of the same watch; null: nothing is known yet. */
     const char *steps;
-    /** 1: days begin by `zone_offset_s`; 0: by the time zone of this process. */
+    /** 1: days begin by `zone_offset_s`; 0: by `zone`, or the time zone of this process. */
     int32_t has_zone;
     int32_t zone_offset_s; /**< how far local time is ahead of UTC, in seconds; at most a day */
     int32_t timeout_ms;  /**< for the answer to each request; 0: what the sensor takes, with room */
@@ -178,6 +178,12 @@ typedef struct parvane_options
     int32_t trusts_link;
     /** 1: totals are told as they come. 0: steps are asked for until those really walked are known. */
     int32_t counts_no_steps;
+    /**
+     * Null, or the time zone by which days begin, through its summer times, whatever the zone of this process is:
+     * a name of the system's data base such as "Europe/Zurich"; `has_zone` is 0 then. $TZDIR, else
+     * /usr/share/zoneinfo, has the data base.
+     */
+    const char *zone;
 } parvane_options;
 
 /**
@@ -185,7 +191,8 @@ typedef struct parvane_options
  *
  * @param options  may be null: all as usual
  * @param session  receives it; the caller's, for parvane_session_free()
- * @return 0; PARVANE_EINVAL; PARVANE_EMALFORMED when `steps` is damaged or of another version
+ * @return 0; PARVANE_EINVAL, also for a `zone` that this machine does not have; PARVANE_EMALFORMED when `steps`
+ *         is damaged or of another version, or the file of `zone`
  */
 PARVANE_API int parvane_session_new(const parvane_options *options,
                                     parvane_session **session) PARVANE_NOEXCEPT;

@@ -11,6 +11,8 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -158,6 +160,12 @@ parvane_options Trusting()
     return options;
 }
 
+void Name(parvane_options &options, const char *zone)
+{
+    options.has_zone = 0;
+    options.zone = zone;
+}
+
 /** An exchange of the vectors; a session is the phone. */
 class Exchange
 {
@@ -300,6 +308,54 @@ TEST(HostApiVectorsTest, EachExchangeIsWhatItSays)
     EXPECT_GT(walked, 15);
 }
 
+TEST(HostApiTest, ADayBeginsByTheZoneThatIsNamedInSummerAndInWinter)
+{
+    constexpr std::int64_t kHour = 3600;
+    constexpr std::int64_t kWinter = 20473;         // days until 2026-01-20
+    constexpr std::int64_t kSummer = kWinter + 181; // 2026-07-20
+    const auto dateAt = [](const char *zone, std::int64_t seconds) {
+        parvane_options options = Trusting();
+        Name(options, zone);
+        const SessionPtr session = NewSession(options);
+        const parvane_moment now{0, seconds * 1000};
+        parvane_session_connected(session.get(), nullptr, &now);
+        const auto time = static_cast<std::uint32_t>(seconds * 1000);
+        for (int query = 0; query < 2; ++query) { // a total of 4, twice: a count of 0
+            const std::array<std::uint8_t, 18> packet{0x12,
+                                                      0,
+                                                      0x0E,
+                                                      2,
+                                                      0x11,
+                                                      0,
+                                                      0,
+                                                      0,
+                                                      0,
+                                                      static_cast<std::uint8_t>(time >> 24U),
+                                                      static_cast<std::uint8_t>(time >> 16U),
+                                                      static_cast<std::uint8_t>(time >> 8U),
+                                                      static_cast<std::uint8_t>(time),
+                                                      0x40,
+                                                      0x80,
+                                                      0,
+                                                      0,
+                                                      0};
+            EXPECT_EQ(parvane_session_take(session.get(), packet.data(), packet.size(), &now), 0);
+        }
+        std::array<parvane_day, 3> days{};
+        const int count = parvane_session_days(session.get(), days.data(), days.size());
+        return count == 1 ? days.front().date : -count;
+    };
+    for (const auto &[zone, winter, summer] :
+         {std::tuple{"Europe/Zurich", 23, 22}, {"America/New_York", 5, 4}, {"UTC", 24, 24}}) {
+        for (const auto &[day, hour] : {std::pair{kWinter, winter}, {kSummer, summer}}) {
+            const std::int64_t midnight = day * 24 * kHour + hour * kHour;
+            const std::int64_t date = hour > 12 ? day : day - 1;
+            EXPECT_EQ(dateAt(zone, midnight - 60), date) << zone;
+            EXPECT_EQ(dateAt(zone, midnight + 60), date + 1) << zone;
+        }
+    }
+}
+
 // --- arguments ----------------------------------------------------------------------------------
 
 TEST(HostApiTest, NullHandlesAreRefusedAndNullIsFreed)
@@ -365,6 +421,12 @@ TEST(HostApiTest, ArgumentsThatAreNotAllowedChangeNothing)
           +[](parvane_options &options) { options.size = offsetof(parvane_options, steps) + 2; },
           +[](parvane_options &options) { options.first_flags = 4; },
           +[](parvane_options &options) { options.timeout_ms = -1; },
+          +[](parvane_options &options) { options.zone = "Europe/Zurich"; }, // and has_zone
+          +[](parvane_options &options) { Name(options, ""); },
+          +[](parvane_options &options) { Name(options, "Europe"); },
+          +[](parvane_options &options) { Name(options, "Europe/Nowhere"); },
+          +[](parvane_options &options) { Name(options, "/usr/share/zoneinfo/UTC"); },
+          +[](parvane_options &options) { Name(options, "Europe/../UTC"); },
           +[](parvane_options &options) { options.zone_offset_s = 86401; }}) {
         parvane_options options = Trusting();
         change(options);
@@ -373,6 +435,9 @@ TEST(HostApiTest, ArgumentsThatAreNotAllowedChangeNothing)
     parvane_options damaged = Trusting();
     damaged.steps = "damaged";
     EXPECT_EQ(parvane_session_new(&damaged, &made), PARVANE_EMALFORMED);
+    parvane_options noZone = Trusting();
+    Name(noZone, "zone.tab"); // which lies there, too
+    EXPECT_EQ(parvane_session_new(&noZone, &made), PARVANE_EMALFORMED);
     EXPECT_EQ(made, nullptr);
     parvane_watch *watch = nullptr;
     EXPECT_EQ(parvane_watch_new("", nullptr, &watch), PARVANE_EINVAL);

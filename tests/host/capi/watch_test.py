@@ -4,7 +4,6 @@
 Usage: watch_test.py PARVANE PARVANE-WATCH SOURCE PHONE...      (the source tree; the examples that are programs)
 """
 import asyncio
-import importlib.util
 import os
 import pathlib
 import re
@@ -84,7 +83,8 @@ async def says_what_goes_wrong(folder):
             raise AssertionError("an answer of a watch that is closed")
         except parvane.ParvaneError as error:
             check("closed" in str(error), error)
-    for wrong in {"steps": "damaged"}, {"path": ""}, {"timeout": -1}:
+    parvane.Watch(zone="Europe/Zurich").close()
+    for wrong in {"steps": "damaged"}, {"path": ""}, {"timeout": -1}, {"zone": "Europe/Nowhere"}:
         try:
             parvane.Watch(**wrong)
             raise AssertionError(wrong)
@@ -118,9 +118,6 @@ def run_example(service, command):
 
 
 def plot_example(service, folder):
-    if importlib.util.find_spec("matplotlib") is None:
-        print("skipped: matplotlib is not installed, so examples/python/plot.py is not tested")
-        return
     picture = folder / "run.png"
     example(service, [sys.executable, SOURCE + "/examples/python/plot.py"], "18", str(picture))
     check(picture.read_bytes().startswith(b"\x89PNG"), "no picture")
