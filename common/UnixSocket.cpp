@@ -5,9 +5,21 @@
 #include <chrono>
 #include <iterator>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <utility>
 
 namespace Parvane {
+
+namespace {
+
+bool IsSocket(const std::string &path)
+{
+    struct stat status
+    {};
+    return ::stat(path.c_str(), &status) != 0 || S_ISSOCK(status.st_mode);
+}
+
+} // namespace
 
 std::size_t LongestSocketPath()
 {
@@ -41,6 +53,9 @@ int ConnectToSocket(const std::string &path, const Deadline &deadline, const Wai
     while (::connect(made.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) !=
            0) {
         const int error = errno;
+        if (error == ECONNREFUSED && !IsSocket(path)) {
+            return ENOTSOCK; // the system says the same of a socket that nobody listens on
+        }
         if ((error != EAGAIN && error != EINTR) || deadline.HasPassed()) {
             return error;
         }

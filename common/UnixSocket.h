@@ -21,7 +21,8 @@ int MakeSocketAddress(const std::string &path, sockaddr_un &address);
  * this waits.
  *
  * @param socket  not blocking, for whatever comes next; set when 0 is returned
- * @return 0, or an errno value: as from MakeSocketAddress(), EAGAIN when the deadline has passed,
+ * @return 0, or an errno value: as from MakeSocketAddress(), ENOTSOCK for anything else in its
+ *         place, EAGAIN when the deadline has passed,
  *         EINTR when the wait was interrupted
  */
 int ConnectToSocket(const std::string &path, const Deadline &deadline, const WaitOptions &options,

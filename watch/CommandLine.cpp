@@ -19,6 +19,7 @@
 
 #include "ControlClient.h"
 #include "ExitCodeText.h"
+#include "Printable.h"
 #include "Usage.h"
 
 namespace ParvaneWatch {
@@ -364,7 +365,9 @@ json LogRequest(const Texts &texts)
     }
     if (texts.mTags) {
         const std::string &tags = *texts.mTags;
-        if (tags.starts_with(',') || tags.ends_with(',') || tags.find(",,") != std::string::npos) {
+        const bool hasEmpty =
+            tags.starts_with(',') || tags.ends_with(',') || tags.find(",,") != std::string::npos;
+        if (hasEmpty || Parvane::Printable(tags) != tags) {
             throw Wrong("log", "tags", texts.mTags,
                         "tags with a comma between each two, as in Parvane,platform; '' for any");
         }

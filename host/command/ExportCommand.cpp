@@ -1,10 +1,8 @@
 #include "ExportCommand.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <stdexcept>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -34,29 +32,13 @@ public:
 
 Bytes ReadAll(const std::string &path)
 {
-    constexpr off_t kMost = off_t{256} * 1024 * 1024;
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    struct stat status = {};
-    if (!file || ::fstat(file.Get(), &status) != 0) {
-        throw ExportError("cannot read '" + path + "': " + Parvane::ErrnoText(errno));
+    constexpr std::size_t kMost = std::size_t{256} * 1024 * 1024;
+    std::string content;
+    if (const int error = Parvane::ReadWholeFile(path, kMost, content); error != 0) {
+        throw ExportError("cannot read '" + path + "': " + Parvane::ErrnoText(error) +
+                          (error == EFBIG ? " (at most 256 MiB are read)" : ""));
     }
-    if (!S_ISREG(status.st_mode) || status.st_size > kMost) {
-        throw ExportError("cannot read '" + path + "'; allowed: a file of at most 256 MiB");
-    }
-    Bytes bytes(static_cast<std::size_t>(status.st_size));
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t count = ::read(file.Get(), bytes.data() + done, bytes.size() - done);
-        if (count < 0) {
-            throw ExportError("cannot read '" + path + "': " + Parvane::ErrnoText(errno));
-        }
-        if (count == 0) {
-            break; // it was cut meanwhile
-        }
-        done += static_cast<std::size_t>(count);
-    }
-    bytes.resize(done);
-    return bytes;
+    return {content.begin(), content.end()};
 }
 
 ReadingLog ReadLog(const std::vector<std::string> &captures)

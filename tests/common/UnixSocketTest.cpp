@@ -76,6 +76,8 @@ TEST_F(UnixSocketTest, NobodyIsNamed)
     Listen();
     mListener.Reset();
     EXPECT_EQ(Connect(), ECONNREFUSED);
+    mPath = mFolder;
+    EXPECT_EQ(Connect(), ENOTSOCK) << "a folder";
     mPath.clear();
     EXPECT_EQ(Connect(), EINVAL);
     EXPECT_FALSE(mSocket);

@@ -888,6 +888,14 @@ protected:
     std::string mPath;
 };
 
+TEST_F(CaptureTest, AFolderIsNoCapture)
+{
+    Host host({"export", "/"});
+
+    EXPECT_EQ(host.ReadErrors(), "parvane-host: export: cannot read '/': Is a directory\n");
+    EXPECT_EQ(host.Wait(), 1);
+}
+
 TEST_F(CaptureTest, EveryPacketOfAListIsInTheFile)
 {
     Host host(Captured({"list"}));

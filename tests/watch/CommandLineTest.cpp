@@ -74,6 +74,7 @@ TEST(CommandLineTest, ConfigAndLogAskAndLogChanges)
                       "'; allowed: tags with a comma between each two, as in Parvane,platform; '' "
                       "for any");
     }
+    EXPECT_THAT(ErrorOf({"log", "--tags", "a\tb"}), HasSubstr("log: unknown tags 'a"));
 }
 
 TEST(CommandLineTest, PlayTakesAScriptASeedAndASpeed)
