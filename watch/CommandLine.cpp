@@ -56,6 +56,7 @@ const Parvane::UsageWords &Words()
          {"record", "record --on hr,steps run.csv"},
          {"capture", "capture link.pcapng"},
          {"play", "play walk.csv"},
+         {"replay", "replay seek 12.5"},
          {"check-config", "check-config platform.conf", {"--socket"}}},
         {{"--socket", "/run/parvane/control.sock"},
          {"--for", "60"},
@@ -74,6 +75,7 @@ struct Texts
     std::optional<std::string> mItem;
     std::optional<std::string> mValue;
     std::optional<std::string> mState;
+    std::optional<std::string> mAction;
     std::optional<std::string> mFile;
     std::optional<std::string> mLevel;
     std::optional<std::string> mTags;
@@ -134,6 +136,18 @@ void AddPlay(CLI::App &app, Texts &texts)
     play->add_option("--speed", texts.mSpeed, "How many times faster (default: 1)")->type_name("X");
 }
 
+void AddReplay(CLI::App &app, Texts &texts)
+{
+    CLI::App *replay =
+        app.add_subcommand("replay", "Say or change how the recordings are played:\n"
+                                     "replay status|list|pause|resume, replay seek SECONDS,\n"
+                                     "replay speed X, replay open RECORDING");
+    replay->add_option("action", texts.mAction, "What to do; status without");
+    replay->add_option("value", texts.mValue,
+                       "Seconds since the start of the recording, how many times faster\n"
+                       "from 0.1 to 1000, or a recording that list tells");
+}
+
 void AddSubcommands(CLI::App &app, Texts &texts)
 {
     AddQuestions(app, texts);
@@ -176,6 +190,7 @@ void AddSubcommands(CLI::App &app, Texts &texts)
 
     AddCapture(app, texts);
     AddPlay(app, texts);
+    AddReplay(app, texts);
 
     CLI::App *check = app.add_subcommand(
         "check-config", "Say what is wrong with a configuration file, without a service;\n"
@@ -396,6 +411,44 @@ Invocation PlayInvocation(const Texts &texts)
     return invocation;
 }
 
+/** A number, to the letter; what range it may have is the service's to say. */
+double ParseNumber(const std::string &where, const Texts &texts, const std::string &allowed)
+{
+    constexpr double kMost = 1e9;
+    double number = 0;
+    if (!texts.mValue || !ParseAll(*texts.mValue, number) || !(number >= 0 && number <= kMost)) {
+        throw Wrong(where, "value", texts.mValue, allowed);
+    }
+    return number;
+}
+
+json ReplayRequest(const Texts &texts)
+{
+    const std::string action = texts.mAction.value_or("status");
+    const std::string where = "replay " + action;
+    json request = {{"request", "replay"}};
+    if (action != "status" && action != "list") {
+        request["action"] = action;
+    }
+    if (action == "seek") {
+        constexpr double kMsPerSecond = 1000;
+        request["position_ms"] = kMsPerSecond * ParseNumber(where, texts, "seconds, as in 12.5");
+    } else if (action == "speed") {
+        request["speed"] = ParseNumber(where, texts, "a number from 0.1 to 1000");
+    } else if (action == "open") {
+        if (texts.mValue.value_or("").empty()) {
+            throw Wrong(where, "recording", std::nullopt, "those that 'replay list' tells");
+        }
+        request["recording"] = *texts.mValue;
+    } else if (texts.mValue) {
+        throw UsageError(where + ": there is no value to it, but " + Quoted(*texts.mValue));
+    } else if (request.contains("action") && action != "pause" && action != "resume") {
+        throw Wrong("replay", "action", texts.mAction,
+                    "status, list, pause, resume, seek, speed, open");
+    }
+    return request;
+}
+
 /** The request of a command that just sends one. */
 json PlainRequest(const std::string &name, const Texts &texts)
 {
@@ -445,6 +498,10 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     } else if (name == "log") {
         invocation.mAction = Invocation::Action::Log;
         request = LogRequest(texts);
+    } else if (name == "replay") {
+        invocation.mAction = Invocation::Action::Replay;
+        invocation.mLists = texts.mAction == "list";
+        request = ReplayRequest(texts);
     } else if (name == "monitor") {
         ReadMonitor(texts, invocation);
         request = {{"request", "observe"}};

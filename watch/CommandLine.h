@@ -19,6 +19,7 @@ struct Invocation
         Status,
         Config,
         Log,
+        Replay,
         Request, // whose reply says just whether it was served
         Play,
         Record,
@@ -35,6 +36,7 @@ struct Invocation
     bool mForce = false;     // Record, Capture: an existing file may be overwritten
     std::uint64_t mSeed = 1; // Play
     double mSpeed = 1.0;     // Play: how many times faster
+    bool mLists = false;     // Replay: which recordings there are
     bool mPlain = false;     // Monitor: lines on a terminal, too
     std::optional<std::chrono::milliseconds> mFor; // Monitor, Capture
     /** Capture: it ends when nothing has crossed the link for so long. */

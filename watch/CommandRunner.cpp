@@ -88,7 +88,23 @@ Outcome CommandRunner::Execute()
         }
         return mInvocation.mJson ? Print(TextOf(reply) + '\n') : Outcome{};
     }
-    return Show(reply);
+    return mInvocation.mAction == Invocation::Action::Replay ? ShowReplay(reply) : Show(reply);
+}
+
+Outcome CommandRunner::ShowReplay(const json &reply)
+{
+    if (mInvocation.mJson) {
+        return Print(TextOf(reply) + '\n');
+    }
+    std::string text;
+    if (!mInvocation.mLists) {
+        text = ReplayText(At(reply, "replay")) + '\n';
+    } else {
+        for (const json &recording : At(reply, "recordings")) {
+            text += Plain(recording) + '\n';
+        }
+    }
+    return Print(text);
 }
 
 Outcome CommandRunner::Show(const json &reply)

@@ -35,6 +35,7 @@ private:
     Outcome Execute();
     /** Prints what a reply tells. */
     Outcome Show(const nlohmann::json &reply);
+    Outcome ShowReplay(const nlohmann::json &reply);
     Outcome Record(ControlClient &client, const nlohmann::json &reply);
     void SayWhatIsOn(const nlohmann::json &items) const;
     /** Takes one message of a recording. @return false when the recording is over */

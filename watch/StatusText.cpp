@@ -135,6 +135,25 @@ std::string LockText(const json &lock)
            (by == "none" ? "kept by the service" : "kept by " + Plain(by));
 }
 
+std::string ReplayText(const json &replay)
+{
+    if (!replay.is_object()) {
+        return "none";
+    }
+    std::string names;
+    for (const json &file : At(replay, "files")) {
+        const std::string path = Plain(file);
+        names += (names.empty() ? "" : ", ") + path.substr(path.rfind('/') + 1);
+    }
+    const auto seconds = [&replay](const char *key) {
+        return Number(json(static_cast<double>(Whole(At(replay, key))) / 1000)) + " s";
+    };
+    return names + " at " + seconds("position_ms") + " of " + seconds("length_ms") + ", speed " +
+           Number(At(replay, "speed")) +
+           (At(replay, "loop") == true ? ", over and over" : ", once") +
+           (At(replay, "paused") == true ? ", paused" : "");
+}
+
 std::string ValuesText(const json &values)
 {
     std::string main;
@@ -174,6 +193,9 @@ public:
         AddLink();
         for (const json &item : At(mStatus, "items")) {
             AddItem(item);
+        }
+        if (At(mStatus, "replay").is_object()) {
+            Add("replay", ReplayText(At(mStatus, "replay")));
         }
         AddPowerLocks();
         AddPreferences();

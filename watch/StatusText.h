@@ -22,6 +22,9 @@ std::string Plain(const nlohmann::json &value);
 /** "state 2, kept by logind": of a power lock. */
 std::string LockText(const nlohmann::json &lock);
 
+/** "run.csv at 12.5 s of 49.0 s, speed 1, over and over, paused": how recordings are played. */
+std::string ReplayText(const nlohmann::json &replay);
+
 /** The values of a reading: "72 /min (812 ms peak to peak)". */
 std::string ValuesText(const nlohmann::json &values);
 

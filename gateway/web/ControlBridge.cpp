@@ -35,8 +35,8 @@ std::span<const std::uint8_t> AsBytes(const std::string &text)
 
 bool MayView(const std::string &request, std::string &forward)
 {
-    constexpr std::array<std::string_view, 6> kLooks = {"status", "config",  "log",
-                                                        "record", "observe", "capture"};
+    constexpr std::array<std::string_view, 7> kLooks = {"status",  "config",  "log",   "record",
+                                                        "observe", "capture", "replay"};
     constexpr std::ptrdiff_t kMostDepth = 64;
     forward.clear();
     const auto depth = std::count_if(request.begin(), request.end(), [](char character) {

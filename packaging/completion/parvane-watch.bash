@@ -7,7 +7,7 @@ _parvane_watch()
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
         status | monitor | config | log | set | steps | activity | gesture | link | memory | battery | quit | \
-            record | capture | play | check-config)
+            record | capture | play | replay | check-config)
             subcommand=$word
             break
             ;;
@@ -34,10 +34,16 @@ _parvane_watch()
     case $subcommand in
     '')
         words='status monitor config log set steps activity gesture link memory battery quit record'
-        words+=' capture play check-config --version'
+        words+=' capture play replay check-config --version'
         ;;
     log) words='auto verbose debug info warning error fatal --tags' ;;
     play) words='--seed --speed' ;;
+    replay)
+        case $previous in
+        replay) words='status list pause resume seek speed open' ;;
+        open) words=$(parvane-watch replay list 2>/dev/null) ;;
+        esac
+        ;;
     set)
         case $previous in
         set) words='hr steps activity gesture' ;;

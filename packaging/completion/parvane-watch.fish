@@ -16,6 +16,7 @@ complete -c parvane-watch -n __fish_use_subcommand -a quit -d 'End the service i
 complete -c parvane-watch -n __fish_use_subcommand -a record -d 'Write every reading of the sensors to a file'
 complete -c parvane-watch -n __fish_use_subcommand -a capture -d 'Write what crosses the accessory link to a file'
 complete -c parvane-watch -n __fish_use_subcommand -a play -d 'Play a scenario'
+complete -c parvane-watch -n __fish_use_subcommand -a replay -d 'Say or change how the recordings are played'
 complete -c parvane-watch -n __fish_use_subcommand -a check-config -d 'Say what is wrong with a configuration file'
 
 complete -c parvane-watch -l socket -r -F -d 'The control socket'
@@ -35,5 +36,6 @@ complete -c parvane-watch -n '__fish_seen_subcommand_from record' -l on -x -a 'h
 complete -c parvane-watch -n '__fish_seen_subcommand_from record capture play check-config' -F
 complete -c parvane-watch -n '__fish_seen_subcommand_from log' -a 'auto verbose debug info warning error fatal'
 complete -c parvane-watch -n '__fish_seen_subcommand_from log' -l tags -x -a 'Parvane platform' -d 'Only lines with one of these tags'
+complete -c parvane-watch -n '__fish_seen_subcommand_from replay' -a 'status list pause resume seek speed open (parvane-watch replay list 2>/dev/null)'
 complete -c parvane-watch -n '__fish_seen_subcommand_from play' -l seed -x -d 'Of the noise'
 complete -c parvane-watch -n '__fish_seen_subcommand_from play' -l speed -x -d 'How many times faster'

@@ -133,6 +133,39 @@ TEST_F(ControlTest, StatusSaysWhatKeepsTheHeartRateSensorOnAndSinceWhen)
                 MatchesRegex("[0-9]+-[0-9]+-[0-9]+T[0-9]+:[0-9]+:[0-9]+\\.[0-9]+Z"));
 }
 
+TEST_F(ControlTest, ARecordingIsPausedJumpedInAndExchangedWhileItPlays)
+{
+    const std::string recording = WriteRecording({"0,70,500,,,,,,,", "600000,71,900,,,,,,,"});
+    StartAndWait({{"PARVANE_TRACE", recording}});
+    std::filesystem::copy_file(PARVANE_RECORDING, mFolder.Path() / "other.csv");
+    const auto values = [this](const char *item) {
+        return Item(item).value("/last_reading/values"_json_pointer, json());
+    };
+    Process recorder({PARVANE_WATCH_PROGRAM, "record", "--on", "hr,steps", "made.csv"},
+                     BaseEnvironment(), mFolder.Path());
+    ASSERT_TRUE(Eventually([&] { return Item("pedometer").at("kept_by").size() == 1; }));
+
+    EXPECT_THAT(Watch({"replay", "pause"}).mOutput,
+                HasSubstr(" of 1200 s, speed 1, over and over, paused\n"));
+    EXPECT_THAT(Watch({"replay", "seek", "600"}).mOutput, HasSubstr(".csv at 600 s of"));
+    EXPECT_NE(values("heart_rate"), json({{"hrm/heart_rate", 71}})); // which is due, and waits
+    Watch({"replay", "resume"});
+    EXPECT_TRUE(Eventually([&] { return values("heart_rate") == json({{"hrm/heart_rate", 71}}); }));
+    Watch({"replay", "seek", "0"});
+    EXPECT_TRUE(Eventually([&] {
+        return values("pedometer") == json({{"pedometer/total_steps", 500.0}});
+    })) << values("pedometer");
+    EXPECT_THAT(ReadFile(mFolder.Path() / "made.csv"), HasSubstr(",500,,,,,,,,,,,1\n"))
+        << "a restart";
+
+    EXPECT_THAT(Watch({"replay", "list"}).mOutput, HasSubstr("/other.csv\n"));
+    EXPECT_THAT(Watch({"replay", "open", "other.csv"}).mOutput, HasSubstr("other.csv at 0 s of"));
+    const Said unknown = Watch({"replay", "open", "/etc/passwd"});
+    EXPECT_EQ(unknown.mStatus, 1);
+    EXPECT_THAT(unknown.mError, HasSubstr("allowed: one of the recordings"));
+    EXPECT_THAT(StatusLine("replay"), HasSubstr("other.csv at "));
+}
+
 TEST_F(ControlTest, ItemsThatCannotHaveReadingsSayWhy)
 {
     const std::filesystem::path file = mFolder.Path() / "platform.conf";

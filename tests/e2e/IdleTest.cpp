@@ -85,6 +85,13 @@ TEST_F(IdleTest, ServiceThatIsObservedSleepsForAMinute)
     host.Send({0x01, 0x00, 0x00, 0x00});
     ASSERT_TRUE(observer.Receive().has_value()); // what has crossed the link
     const Host capturer(mRunDirectory / "control.sock");
+    const std::string pause = R"({"request":"replay","action":"pause"})";
+    const Host steering(mRunDirectory / "control.sock");
+    ASSERT_EQ(steering.Ask({pause.begin(), pause.end()}, 1).size(), 1U);
+    ASSERT_TRUE(observer.Receive().has_value()); // how it is played
+    const std::string record = R"({"request":"record","on":["heart_rate"]})";
+    const Host recorder(mRunDirectory / "control.sock"); // of what does not come while paused
+    ASSERT_EQ(recorder.Ask({record.begin(), record.end()}, 2).size(), 2U);
     const std::string capture = R"({"request":"capture"})";
     ASSERT_EQ(capturer.Ask({capture.begin(), capture.end()}, 1).size(), 1U);
 

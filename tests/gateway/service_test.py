@@ -161,7 +161,9 @@ class GatewayWithServiceTest(GatewayTest):
         self.assertEqual(self.ask(view, {"request": "ping"}), {"ok": True, "pong": True, "version": 1})
         self.assertEqual(self.ask(view, {"request": "status", "version": 1})["status"]["service"]["user"], os.geteuid())
         self.assertTrue(self.ask(view, {"request": "config"})["ok"])
+        self.assertEqual(self.ask(view, {"request": "replay"})["error"]["code"], "not-replay")  # so it is passed on
         for request in ({"request": "set", "item": "heart_rate", "value": 72}, {"request": "quit"},
+                        {"request": "replay", "action": "pause"},
                         {"request": "link", "state": "down"}, {"request": "log", "level": "error"},
                         {"request": "record", "on": ["heart_rate"]}, {"request": 1}, {},
                         b'{"request":"status","request":"quit"}'):

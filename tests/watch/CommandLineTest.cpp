@@ -77,6 +77,40 @@ TEST(CommandLineTest, ConfigAndLogAskAndLogChanges)
     EXPECT_THAT(ErrorOf({"log", "--tags", "a\tb"}), HasSubstr("log: unknown tags 'a"));
 }
 
+TEST(CommandLineTest, ReplayAsksOrSteers)
+{
+    const json plain = {{"version", 1}, {"request", "replay"}};
+    EXPECT_EQ(RequestOf({"replay"}), plain);
+    EXPECT_EQ(RequestOf({"replay", "status"}), plain);
+    EXPECT_EQ(RequestOf({"replay", "list"}), plain);
+    const auto steering = [](std::vector<std::string> words) {
+        words.insert(words.begin(), "replay");
+        json request = RequestOf(words);
+        request.erase("version");
+        request.erase("request");
+        return request;
+    };
+    EXPECT_EQ(steering({"pause"}), json({{"action", "pause"}}));
+    EXPECT_EQ(steering({"resume"}), json({{"action", "resume"}}));
+    EXPECT_EQ(steering({"seek", "12.5"}), json({{"action", "seek"}, {"position_ms", 12500}}));
+    EXPECT_EQ(steering({"speed", "0.1"}), json({{"action", "speed"}, {"speed", 0.1}}));
+    EXPECT_EQ(steering({"open", "a.csv"}), json({{"action", "open"}, {"recording", "a.csv"}}));
+    EXPECT_EQ(ErrorOf({"replay", "stop"}),
+              "parvane-watch: replay: unknown action 'stop'; allowed: status, list, pause, resume, "
+              "seek, speed, open");
+    for (const char *seconds : {"-1", "nan", "1s", ""}) {
+        EXPECT_EQ(ErrorOf({"replay", "seek", seconds}),
+                  std::string("parvane-watch: replay seek: unknown value '") + seconds +
+                      "'; allowed: seconds, as in 12.5");
+    }
+    EXPECT_EQ(ErrorOf({"replay", "speed"}),
+              "parvane-watch: replay speed: no value given; allowed: a number from 0.1 to 1000");
+    EXPECT_EQ(ErrorOf({"replay", "open"}), "parvane-watch: replay open: no recording given; "
+                                           "allowed: those that 'replay list' tells");
+    EXPECT_EQ(ErrorOf({"replay", "pause", "5"}),
+              "parvane-watch: replay pause: there is no value to it, but '5'");
+}
+
 TEST(CommandLineTest, PlayTakesAScriptASeedAndASpeed)
 {
     const Invocation plain = Parsed({"play", "a.csv"});
@@ -157,7 +191,7 @@ TEST(CommandLineTest, WrongUsageSaysWhatIsAllowed)
     EXPECT_EQ(ErrorOf({}),
               "parvane-watch: no subcommand given; allowed: status, monitor, config, "
               "log, set, steps, activity, gesture, link, memory, battery, quit, record, "
-              "capture, play, check-config");
+              "capture, play, replay, check-config");
     EXPECT_THAT(ErrorOf({"frob"}), HasSubstr("unknown subcommand 'frob'; allowed: status"));
     EXPECT_EQ(ErrorOf({"set"}),
               "parvane-watch: set: no item given; allowed: hr, steps, activity, gesture");

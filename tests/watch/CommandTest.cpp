@@ -138,6 +138,26 @@ TEST_F(CommandTest, ConfigAndLogAreTheObjectsOfTheServiceOrLines)
     }
 }
 
+TEST_F(CommandTest, ReplayShowsHowItPlaysOrWhichRecordingsThereAre)
+{
+    const std::string reply =
+        R"({"ok":true,"recordings":["/r/a.csv","/r/b.csv"],"replay":{"files":["/r/b.csv"],)"
+        R"("length_ms":49000,"loop":false,"paused":false,"position_ms":1250,"speed":2.5},"version":1})";
+    const std::map<std::vector<std::string>, std::string> shown = {
+        {{"replay"}, "b.csv at 1.25 s of 49 s, speed 2.5, once\n"},
+        {{"replay", "pause"}, "b.csv at 1.25 s of 49 s, speed 2.5, once\n"},
+        {{"replay", "list"}, "/r/a.csv\n/r/b.csv\n"},
+        {{"replay", "list", "--json"}, reply + "\n"}};
+    for (const auto &[words, output] : shown) {
+        Watch watch(Arguments(words));
+        mService.AcceptRequest();
+        mService.Send(reply);
+
+        EXPECT_EQ(watch.ReadOutput(), output);
+        EXPECT_EQ(watch.Wait(), 0);
+    }
+}
+
 TEST_F(CommandTest, ARequestThatIsServedIsSilent)
 {
     Watch watch(Arguments({"set", "hr", "72"}));

@@ -279,6 +279,9 @@ std::string EventText(const json &event, const json &before)
     if (kind == "power_locks") {
         return LocksText(start("power lock"), At(before, "power_locks"), At(event, "power_locks"));
     }
+    if (kind == "replay") {
+        return start("replay") + ReplayText(At(event, "replay")) + '\n';
+    }
     if (kind == "preferences") {
         return PreferencesText(start("preference"), At(before, "preferences"),
                                At(event, "preferences"));

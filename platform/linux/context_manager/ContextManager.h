@@ -116,6 +116,9 @@ public:
     /** The manual source, if some item has it; else null. */
     ManualSource *Manual() const { return mSources.Manual(); }
 
+    /** The source that plays recordings, likewise. */
+    ReplaySource *Replay() const { return mSources.Replay(); }
+
 private:
     struct Receiver
     {

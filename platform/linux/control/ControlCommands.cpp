@@ -2,13 +2,16 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <functional>
 #include <initializer_list>
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -17,7 +20,10 @@
 #include "ControlServer.h"
 #include "LogWriter.h"
 #include "ManualSource.h"
+#include "RecordingReader.h"
+#include "ReplaySource.h"
 #include "RuntimeLog.h"
+#include "StartupError.h"
 
 namespace ParvanePlatform {
 
@@ -27,6 +33,9 @@ using nlohmann::json;
 
 constexpr int kLargestHeartRate = 65535;
 constexpr std::array kActivities = {"other", "still", "walking", "running"};
+constexpr double kLeastSpeed = 0.1;
+constexpr int kMostSpeed = 1000;
+constexpr char kInstalledRecordings[] = "/usr/share/parvane/recordings";
 
 /** A request that is not carried out, and what its sender is told. */
 struct Refusal
@@ -164,6 +173,18 @@ public:
         return static_cast<int>(number);
     }
 
+    bool Has(const char *member) const { return mObject.contains(member); }
+
+    double Number(const char *member, const json &least, const json &most) const
+    {
+        const std::string allowed = "a number from " + least.dump() + " to " + most.dump();
+        const json &value = Get(member, allowed);
+        if (!value.is_number() || value < least || value > most) {
+            Refuse(member, allowed);
+        }
+        return value.get<double>();
+    }
+
 private:
     /** @param byte  the first that is wrong, counted from 1 */
     static Refusal NoJson(std::size_t byte)
@@ -200,7 +221,7 @@ private:
 
     static constexpr std::array kNames = {"status", "config",  "log",     "set",
                                           "link",   "memory",  "battery", "quit",
-                                          "record", "observe", "capture"};
+                                          "record", "observe", "capture", "replay"};
 
     json mObject;
     std::string mName;
@@ -241,10 +262,110 @@ public:
         if (name == "link") {
             return SetLink(request);
         }
+        if (name == "replay") {
+            return Replay(request);
+        }
         return name == "record" ? Record(request) : End(request);
     }
 
 private:
+    /** Tells how recordings are played, after what is asked for has been changed, or which there are. */
+    ControlAnswer Replay(const Request &request)
+    {
+        constexpr std::array kActions = {"pause", "resume", "seek", "speed", "open"};
+        ReplaySource *const source = mParts.mContext.Replay();
+        if (source == nullptr) {
+            throw Refusal{"not-replay",
+                          "no item has the source replay; it plays the recordings of files=... in "
+                          "section [replay] of platform.conf"};
+        }
+        if (!request.Has("action")) {
+            request.AllowOnly({"action"});
+            return Done({{"replay", ReplayReport(mParts)}, {"recordings", ShownRecordings()}});
+        }
+        const std::size_t action = request.Choice("action", kActions);
+        switch (action) {
+        case 2:
+            request.AllowOnly({"action", "position_ms"});
+            source->Seek(request.Number("position_ms", 0, source->LengthMs()));
+            break;
+        case 3:
+            request.AllowOnly({"action", "speed"});
+            source->SetSpeed(request.Number("speed", kLeastSpeed, kMostSpeed));
+            break;
+        case 4:
+            request.AllowOnly({"action", "recording"});
+            Open(*source, request);
+            break;
+        default:
+            request.AllowOnly({"action"});
+            source->SetPaused(action == 0);
+        }
+        ++mParts.mReplayChanges;
+        json told = ReplayReport(mParts);
+        LogInfo("control: process %d sets the replay to %s", mPid, TextOf(told).c_str());
+        return Done({{"replay", std::move(told)}});
+    }
+
+    void Open(ReplaySource &source, const Request &request)
+    {
+        namespace fs = std::filesystem;
+        constexpr char kAllowed[] = "one of the recordings that \"replay\" without an action tells";
+        const std::set<std::string> known = KnownRecordings();
+        const json &wanted = request.Get("recording", kAllowed);
+        const auto found = std::find_if(known.begin(), known.end(), [&](const std::string &path) {
+            return wanted == path || wanted == fs::path(path).filename().string();
+        });
+        if (found == known.end()) {
+            request.Refuse("recording", kAllowed);
+        }
+        try {
+            source.Open(LoadRecordings({*found}));
+        } catch (const StartupError &failure) {
+            throw Refusal{"failed", failure.what()};
+        }
+        mParts.mOpened = *found;
+    }
+
+    /** The recordings of the settings, those that lie beside them, and the installed ones. */
+    std::set<std::string> KnownRecordings() const
+    {
+        namespace fs = std::filesystem;
+        std::set<fs::path> folders = {kInstalledRecordings};
+        std::set<std::string> known;
+        std::error_code failed;
+        for (const std::string &file : mParts.mSettings.mReplay.mFiles) {
+            const fs::path path = fs::absolute(file, failed);
+            known.insert(path);
+            folders.insert(path.parent_path());
+        }
+        for (const fs::path &folder : folders) {
+            for (fs::directory_iterator entry(folder, failed), end; !failed && entry != end;
+                 entry.increment(failed)) {
+                std::error_code unknown;
+                if (entry->path().extension() == ".csv" && entry->is_regular_file(unknown)) {
+                    known.insert(entry->path());
+                }
+            }
+        }
+        return known;
+    }
+
+    /** Those of them that a reply has room for. */
+    json ShownRecordings() const
+    {
+        std::size_t room = ControlServer::kMaxReplyBytes / 2;
+        json shown = json::array();
+        for (const std::string &path : KnownRecordings()) {
+            const std::size_t size = TextOf(path).size() + 1;
+            if (size <= room) {
+                room -= size;
+                shown.push_back(path);
+            }
+        }
+        return shown;
+    }
+
     /** Changes what is asked for, and tells which lines of the log are written then. */
     ControlAnswer Log(const Request &request) const
     {
@@ -411,7 +532,7 @@ private:
     {
         reply["ok"] = true;
         reply["version"] = kControlVersion;
-        return {reply.dump(), false, std::move(then)};
+        return {TextOf(reply), false, std::move(then)};
     }
 
     ControlledParts &mParts;

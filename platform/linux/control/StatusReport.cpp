@@ -15,6 +15,7 @@
 #include "ControlServer.h"
 #include "LinkTransport.h"
 #include "LogText.h"
+#include "ReplaySource.h"
 
 namespace ParvanePlatform {
 
@@ -30,6 +31,8 @@ std::string IsoTime(std::int64_t wallMs)
     text.AddTime(wallMs);
     return {buffer.data(), text.Needed()};
 }
+
+constexpr std::size_t kLongBytes = 3000; // there are but a dozen texts, so that a reply holds them
 
 /** By LinkSession::HostState. */
 constexpr std::array kHostStates = {"none", "waiting", "indicated", "open", "ending"};
@@ -47,7 +50,8 @@ json ValuesOf(const SensorReading &reading)
 json WithoutAges(json part)
 {
     if (part.is_object()) {
-        for (const char *age : {"for_ms", "ends", "ends_in_ms", "delivered", "last_reading"}) {
+        for (const char *age :
+             {"for_ms", "ends", "ends_in_ms", "delivered", "last_reading", "position_ms"}) {
             part.erase(age);
         }
     }
@@ -133,7 +137,8 @@ public:
         return {{"host", Host(link)},
                 {"link", Link(link)},
                 {"items", Items()},
-                {"power_locks", PowerLocksHeld()}};
+                {"power_locks", PowerLocksHeld()},
+                {"replay", ReplayReport(mParts)}};
     }
 
     std::string Now() const { return IsoTime(mNow.mWallMs); }
@@ -227,7 +232,6 @@ std::string StatusMessage(const ControlledParts &parts, const Instant &start, st
 
 std::string ConfigMessage(const Settings &settings)
 {
-    constexpr std::size_t kLongBytes = 3000; // there are but ten texts, so that a reply holds them
     json values = json::array();
     for (const ConfigKey &key : ConfigSchema()) {
         const auto origin = settings.mOrigins.find({key.mSection, key.mName});
@@ -251,6 +255,23 @@ std::string ConfigMessage(const Settings &settings)
                      {"link_socket", directory + LinkTransport::kSocketName},
                      {"control_socket", directory + ControlServer::kSocketName},
                      {"values", std::move(values)}}}});
+}
+
+json ReplayReport(const ControlledParts &parts)
+{
+    const ReplaySource *source = parts.mContext.Replay();
+    if (source == nullptr) {
+        return nullptr;
+    }
+    json files =
+        parts.mOpened.empty() ? json(parts.mSettings.mReplay.mFiles) : json::array({parts.mOpened});
+    if (TextOf(files).size() > kLongBytes) {
+        files = nullptr;
+    }
+    return {{"files", std::move(files)},           {"length_ms", source->LengthMs()},
+            {"position_ms", source->PositionMs()}, {"speed", source->Options().mSpeed},
+            {"paused", source->IsPaused()},        {"loop", source->Options().mLoop},
+            {"changes", parts.mReplayChanges}};
 }
 
 std::string ReadingMessage(const Clock &clock, ContextItem item, const SensorReading &reading)
@@ -301,7 +322,7 @@ std::vector<std::string> ChangeMessages(const ControlledParts &parts, std::size_
     for (const json &item : now.at("items")) {
         tell("item", item.at("item"), item);
     }
-    for (const char *event : {"host", "link", "power_locks"}) {
+    for (const char *event : {"host", "link", "power_locks", "replay"}) {
         tell(event, event, now.at(event));
     }
     tell("preferences", "preferences", parts.mPreferences.Revision());

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,10 @@ struct ControlledParts
     const Settings &mSettings;
     /** The process that has taken the link down or up last; 0 for none. */
     int mLinkSetBy = 0;
+    /** The recording that a request has opened; empty while those of the settings play. */
+    std::string mOpened = {};
+    /** How many requests have changed how recordings are played. */
+    int mReplayChanges = 0;
 };
 
 /**
@@ -42,6 +47,9 @@ std::string StatusMessage(const ControlledParts &parts, const Instant &start, st
 
 /** Makes the reply to "config" (docs/control.md). */
 std::string ConfigMessage(const Settings &settings);
+
+/** How recordings are played; null when no item has the source replay. */
+nlohmann::json ReplayReport(const ControlledParts &parts);
 
 /** Makes the event of a reading that comes now. */
 std::string ReadingMessage(const Clock &clock, ContextItem item, const SensorReading &reading);

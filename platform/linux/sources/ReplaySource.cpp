@@ -24,15 +24,20 @@ std::int64_t SizeOf(const std::vector<std::uint32_t> &rows)
 
 ReplaySource::ReplaySource(Recording recording, const ReplayOptions &options, const Clock &clock,
                            std::unique_ptr<Timer> timer)
-    : mRecording(std::move(recording)),
-      mOptions(options),
+    : mOptions(options),
       mClock(clock),
       mTimer(std::move(timer)),
-      mStartUs(clock.MonotonicUs()),
       mTracks{Track{ContextItem::HeartRate, {}}, Track{ContextItem::Pedometer, {}},
               Track{ContextItem::Activity, {}}, Track{ContextItem::Gesture, {}}}
 {
+    Open(std::move(recording));
+}
+
+void ReplaySource::Open(Recording recording)
+{
+    mRecording = std::move(recording);
     for (Track &track : mTracks) {
+        track.mRows.clear();
         const unsigned columns = ColumnsOf(track.mItem);
         for (std::size_t i = 0; i < mRecording.mRows.size(); ++i) {
             if ((mRecording.mRows[i].mColumns & columns) != 0) {
@@ -41,6 +46,48 @@ ReplaySource::ReplaySource(Recording recording, const ReplayOptions &options, co
         }
         track.mRows.shrink_to_fit();
     }
+    Seek(0);
+}
+
+void ReplaySource::Seek(double ms)
+{
+    GoOnFromMs(ms);
+    for (Track &track : mTracks) {
+        track.mNext = CountBefore(track, mStartUs);
+    }
+    SetTimer();
+}
+
+void ReplaySource::SetSpeed(double speed)
+{
+    GoOnFromMs(PlayedMs(NowUs()));
+    mOptions.mSpeed = speed;
+    SetTimer();
+}
+
+void ReplaySource::SetPaused(bool isPaused)
+{
+    GoOnFromMs(PlayedMs(NowUs()));
+    mIsPaused = isPaused;
+    SetTimer();
+}
+
+std::int64_t ReplaySource::PositionMs() const
+{
+    const auto ms = static_cast<std::int64_t>(PlayedMs(NowUs()));
+    return mOptions.mLoop ? ms % LengthMs() : std::min(ms, LengthMs());
+}
+
+double ReplaySource::PlayedMs(std::int64_t us) const
+{
+    return mStartMs + static_cast<double>(us - mStartUs) * mOptions.mSpeed / kUsPerMs;
+}
+
+void ReplaySource::GoOnFromMs(double ms)
+{
+    // Exact to a microsecond, so that what has been due stays due.
+    mStartMs = std::round(ms * kUsPerMs) / kUsPerMs;
+    mStartUs = mClock.MonotonicUs();
 }
 
 int ReplaySource::Start(ContextItem item)
@@ -51,7 +98,7 @@ int ReplaySource::Start(ContextItem item)
     }
     track.mIsStarted = true;
     // An item that is started during a delivery begins after the rows of that delivery.
-    track.mNext = CountBefore(track, mDeliveryUs ? *mDeliveryUs + 1 : mClock.MonotonicUs());
+    track.mNext = CountBefore(track, mDeliveryUs ? *mDeliveryUs + 1 : NowUs());
     SetTimer();
     return 0;
 }
@@ -65,7 +112,7 @@ void ReplaySource::Stop(ContextItem item)
 std::optional<SensorReading> ReplaySource::Latest(ContextItem item) const
 {
     const Track &track = TrackOf(item);
-    std::int64_t count = CountBefore(track, mClock.MonotonicUs() + 1);
+    std::int64_t count = CountBefore(track, NowUs() + 1);
     if (track.mIsStarted) {
         // Rows that are due and not delivered yet do not count: counters would seem to go back.
         count = std::min(count, std::max<std::int64_t>(track.mNext, 1));
@@ -94,7 +141,7 @@ std::int64_t ReplaySource::DueUs(const Track &track, std::int64_t entry) const
     const std::int64_t round = entry / size;
     const auto recordedMs =
         static_cast<double>(round * mRecording.mLoopMs + mRecording.mRows[row].mTimeMs);
-    const double playedUs = std::ceil(recordedMs * kUsPerMs / mOptions.mSpeed);
+    const double playedUs = std::ceil((recordedMs - mStartMs) * kUsPerMs / mOptions.mSpeed);
     constexpr std::int64_t kFarAway = std::numeric_limits<std::int64_t>::max() / 4;
     return mStartUs + (playedUs < static_cast<double>(kFarAway)
                            ? static_cast<std::int64_t>(playedUs)
@@ -103,15 +150,13 @@ std::int64_t ReplaySource::DueUs(const Track &track, std::int64_t entry) const
 
 std::int64_t ReplaySource::CountBefore(const Track &track, std::int64_t us) const
 {
-    if (track.mRows.empty() || us <= mStartUs) {
+    if (track.mRows.empty()) {
         return 0;
     }
     if (!mOptions.mLoop) {
         return CountInRoundBefore(track, 0, us);
     }
-    const double recordedMs = static_cast<double>(us - mStartUs) * mOptions.mSpeed / kUsPerMs;
-    const auto estimate =
-        static_cast<std::int64_t>(recordedMs / static_cast<double>(mRecording.mLoopMs));
+    const auto estimate = static_cast<std::int64_t>(PlayedMs(us)) / mRecording.mLoopMs;
     // From the round before on: the estimate may be off by the error of the division.
     std::int64_t round = std::max<std::int64_t>(estimate - 1, 0);
     std::int64_t inRound = CountInRoundBefore(track, round, us);
@@ -217,7 +262,7 @@ void ReplaySource::SetTimer()
     if (mDeliveryUs) {
         return;
     }
-    if (const Track *first = FirstTrack(); first != nullptr) {
+    if (const Track *first = FirstTrack(); first != nullptr && !mIsPaused) {
         mTimer->Arm(DueUs(*first, first->mNext), [this] { DeliverDue(); });
     } else {
         mTimer->Disarm();

@@ -34,6 +34,7 @@ struct ReplayOptions
  * counter, so that counters go on without a jump; at the most that their columns allow they stop. An
  * empty cell keeps its field's last value, across rounds as well, unless it is forgotten. From a row on
  * in which the pedometer begins anew its values are those of the recording, in each round.
+ * A jump leads into the first round, so that it has the same effect.
  *
  * Without a loop an item that has had its last row can still be started and stays silent: what it
  * said last holds, and Latest() has it.
@@ -53,6 +54,22 @@ public:
     void Stop(ContextItem item) override;
     std::optional<SensorReading> Latest(ContextItem item) const override;
 
+    /** Plays another recording, from its start. Items stay started, also those that it has not. */
+    void Open(Recording recording);
+    /** Goes on from another moment, 0 to LengthMs(); what is between is not delivered. */
+    void Seek(double ms);
+    /** @param speed  above 0 */
+    void SetSpeed(double speed);
+    /** While it is paused nothing wakes the main loop. */
+    void SetPaused(bool isPaused);
+
+    bool IsPaused() const { return mIsPaused; }
+    const ReplayOptions &Options() const { return mOptions; }
+    /** Of a round. */
+    std::int64_t LengthMs() const { return mRecording.mLoopMs; }
+    /** Within the round. */
+    std::int64_t PositionMs() const;
+
 private:
     /** The rows that have a value for one item, and how far its delivery is. */
     struct Track
@@ -66,6 +83,12 @@ private:
 
     Track &TrackOf(ContextItem item);
     const Track &TrackOf(ContextItem item) const;
+    /** The moment that is played: the clock, which stands while this is paused. */
+    std::int64_t NowUs() const { return mIsPaused ? mStartUs : mClock.MonotonicUs(); }
+    /** What is played at a point of time, in milliseconds over all rounds. */
+    double PlayedMs(std::int64_t us) const;
+    /** Counts from now on from a moment of the recording. */
+    void GoOnFromMs(double ms);
     /** When an entry of a track is due, in microseconds of the monotonic clock. */
     std::int64_t DueUs(const Track &track, std::int64_t entry) const;
     /** How many entries of a track are due before a point of time. */
@@ -84,12 +107,15 @@ private:
     RecordingRow EndOfRounds(std::int64_t rounds) const;
     SensorReading PedometerReading(RecordingRow row, std::int64_t round) const;
 
-    const Recording mRecording;
-    const ReplayOptions mOptions;
+    Recording mRecording;
+    ReplayOptions mOptions;
+    bool mIsPaused = false;
     const Clock &mClock;
     std::unique_ptr<Timer> mTimer;
     SensorListener *mListener = nullptr;
-    std::int64_t mStartUs;
+    /** When mStartMs over all rounds was played. */
+    std::int64_t mStartUs = 0;
+    double mStartMs = 0;
     /** What is being delivered: all that is due until this; empty outside a delivery. */
     std::optional<std::int64_t> mDeliveryUs;
     std::array<Track, 4> mTracks;

@@ -76,6 +76,9 @@ SensorSources::SensorSources(const Settings &settings, const Clock &clock, BusSe
     if (made.contains(SourceKind::Manual)) {
         mManual = static_cast<ManualSource *>(made[SourceKind::Manual].get());
     }
+    if (made.contains(SourceKind::Replay)) {
+        mReplay = static_cast<ReplaySource *>(made[SourceKind::Replay].get());
+    }
 }
 
 void SensorSources::Assign(ContextItem item, SourceKind kind, std::shared_ptr<SensorSource> source)

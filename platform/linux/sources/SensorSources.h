@@ -10,6 +10,7 @@
 namespace ParvanePlatform {
 
 class ManualSource;
+class ReplaySource;
 
 /** Makes the source that asks another service over the system bus. */
 class BusSensorParts
@@ -53,6 +54,9 @@ public:
     /** The manual source, if some item has it; else null. */
     ManualSource *Manual() const { return mManual; }
 
+    /** The source that plays recordings, likewise. */
+    ReplaySource *Replay() const { return mReplay; }
+
 private:
     struct Entry
     {
@@ -62,6 +66,7 @@ private:
 
     std::map<ContextItem, Entry> mEntries;
     ManualSource *mManual = nullptr;
+    ReplaySource *mReplay = nullptr;
 };
 
 } // namespace ParvanePlatform

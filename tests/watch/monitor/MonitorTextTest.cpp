@@ -151,6 +151,16 @@ TEST_F(MonitorTextTest, EachEventIsALine)
               "12:35:00  power lock  state 2, kept by the service, released\n");
     EXPECT_EQ(text({{"event", "preferences"}, {"preferences", {{"a", 1}, {"b", true}}}}),
               "12:35:00  preference  b = true\n");
+    EXPECT_EQ(text({{"event", "replay"},
+                    {"replay",
+                     {{"files", {"/a/run.csv", "b.csv"}},
+                      {"position_ms", 12500},
+                      {"length_ms", 49000},
+                      {"speed", 1.0},
+                      {"loop", true},
+                      {"paused", true}}}}),
+              "12:35:00  replay      run.csv, b.csv at 12.5 s of 49 s, speed 1, over and over, "
+              "paused\n");
     EXPECT_EQ(EventText({{"event", "missed"}, {"count", 3}}, mStatus),
               "          missed      3 messages: read faster\n");
     EXPECT_EQ(text({{"event", "something new"}}), "");

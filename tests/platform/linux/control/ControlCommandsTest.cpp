@@ -47,8 +47,9 @@ public:
 class ControlCommandsTest : public testing::Test
 {
 protected:
-    ControlCommandsTest()
-        : mPreferences(mDirectory.Path(), mClock),
+    explicit ControlCommandsTest(Settings settings = MakeSettings())
+        : mSettings(std::move(settings)),
+          mPreferences(mDirectory.Path(), mClock),
           mKeys(mDirectory.Path(), mDirectory.Path()),
           mContext(Sources(), mClock),
           mPower(mClock),
@@ -127,7 +128,7 @@ protected:
     ~ControlCommandsTest() override { StandardErrorLog().SetFilter({}); }
 
     TemporaryDirectory mDirectory;
-    const Settings mSettings = MakeSettings();
+    const Settings mSettings;
     ManualClock mClock;
     NotedEvents mEvents;
     PreferenceStore mPreferences;
@@ -332,6 +333,128 @@ TEST_F(ControlCommandsTest, StatusCountsPowerLocks)
     EXPECT_EQ(Status().at("power_locks").size(), 1U);
 }
 
+/** Whose heart rate plays one of three recordings that lie in a folder. */
+class ReplayCommandsTest : public ControlCommandsTest
+{
+protected:
+    ReplayCommandsTest() : ControlCommandsTest(MakeReplay()) {}
+
+    static Settings MakeReplay()
+    {
+        constexpr char kNames[] = "t_ms,heart_rate,total_steps,walk_steps,run_steps,distance_m,"
+                                  "calories_kcal,speed,activity,gesture\n";
+        WriteFile(Recordings() / "a.csv", std::string(kNames) + "0,60,,,,,,,,\n9000,61,,,,,,,,\n");
+        WriteFile(Recordings() / "b.csv", std::string(kNames) + "0,90,,,,,,,,\n");
+        WriteFile(Recordings() / "broken.csv", "t_ms\n");
+        WriteFile(Recordings() / "other.txt", std::string(kNames) + "0,90,,,,,,,,\n");
+        Settings settings = MakeSettings();
+        settings.mSensors.mHeartRate = SourceKind::Replay;
+        settings.mReplay.mFiles = {Recordings() / "a.csv"};
+        return settings;
+    }
+
+    static const TemporaryDirectory &Recordings()
+    {
+        static const TemporaryDirectory directory;
+        return directory;
+    }
+
+    json Replay(const std::string &members = "")
+    {
+        return Ask(R"({"request":"replay")" + members + "}").at("replay");
+    }
+};
+
+TEST_F(ReplayCommandsTest, TheReplayIsToldAndSteered)
+{
+    mClock.mMonotonicUs = 1000000;
+    json expected = {{"files", {Recordings() / "a.csv"}},
+                     {"length_ms", 18000},
+                     {"position_ms", 2500},
+                     {"speed", 2.5},
+                     {"paused", false},
+                     {"loop", true},
+                     {"changes", 0}};
+    EXPECT_EQ(Replay(), expected);
+    EXPECT_EQ(Status().at("replay"), expected);
+    mCommands.TakeChanges();
+    mClock.mMonotonicUs += 1000000;
+    EXPECT_THAT(mCommands.TakeChanges(), IsEmpty()); // that time goes by is no event
+
+    expected.update({{"position_ms", 5000}, {"paused", true}, {"changes", 1}});
+    EXPECT_EQ(Replay(R"(,"action":"pause")"), expected);
+    mClock.mMonotonicUs += 1000000;
+    const std::vector<std::string> changes = mCommands.TakeChanges();
+    ASSERT_EQ(changes.size(), 1U);
+    EXPECT_EQ(json::parse(changes[0]).at("event"), "replay");
+    EXPECT_EQ(json::parse(changes[0]).at("replay"), expected);
+
+    EXPECT_EQ(Replay(R"(,"action":"seek","position_ms":12500.5)").at("position_ms"), 12500);
+    EXPECT_THAT(mCommands.TakeChanges(), testing::SizeIs(1));
+    EXPECT_EQ(Replay(R"(,"action":"speed","speed":0.1)").at("speed"), 0.1);
+    EXPECT_EQ(Replay(R"(,"action":"resume")").at("paused"), false);
+    EXPECT_THAT(mLog.Take(), HasSubstr("I platform: control: process 4711 sets the replay to "
+                                       "{\"changes\":1,\"files\":[\""));
+}
+
+TEST_F(ReplayCommandsTest, OnlyARecordingThatIsKnownIsOpened)
+{
+    const std::string b = Recordings() / "b.csv";
+    const json known = Ask(R"({"request":"replay"})").at("recordings");
+    for (const char *name : {"a.csv", "b.csv", "broken.csv"}) {
+        EXPECT_THAT(known, testing::Contains(json(Recordings() / name)));
+    }
+    EXPECT_THAT(known, testing::Not(testing::Contains(json(Recordings() / "other.txt"))));
+    const auto open = [](const std::string &recording) {
+        return R"({"request":"replay","action":"open","recording":)" + recording + "}";
+    };
+    const std::string allowed =
+        "; allowed: one of the recordings that \"replay\" without an action tells";
+    EXPECT_EQ(Refused(open("\"/etc/passwd\"")),
+              "bad-value: \"recording\" is \"/etc/passwd\"" + allowed);
+    EXPECT_EQ(Refused(open("\"other.txt\"")),
+              "bad-value: \"recording\" is \"other.txt\"" + allowed);
+    EXPECT_EQ(Refused(open("7")), "bad-value: \"recording\" is 7" + allowed);
+    EXPECT_THAT(Refused(open("\"broken.csv\"")),
+                HasSubstr("broken.csv: line 1: the column heart_rate is missing"));
+    EXPECT_EQ(Replay().at("files"), json({Recordings() / "a.csv"}));
+    EXPECT_EQ(Replay().at("changes"), 0);
+
+    EXPECT_EQ(Ask(open("\"b.csv\"")).at("replay").at("files"), json({b}));
+    EXPECT_EQ(Replay().at("length_ms"), 1000);
+    EXPECT_EQ(Ask(open(json(Recordings() / "a.csv").dump())).at("replay").at("changes"), 2);
+}
+
+TEST_F(ReplayCommandsTest, WhatIsWrongWithASteeringIsSaid)
+{
+    const auto refused = [this](const std::string &members) {
+        return Refused(R"({"request":"replay",)" + members + "}");
+    };
+    EXPECT_EQ(refused(R"("action":"stop")"), "bad-value: \"action\" is \"stop\"; allowed: pause, "
+                                             "resume, seek, speed, open");
+    EXPECT_EQ(refused(R"("action":"pause","speed":1)"),
+              "bad-value: \"replay\" has no member \"speed\"; allowed: version, request, action");
+    EXPECT_EQ(refused(R"("action":"seek")"),
+              "bad-value: \"position_ms\" is missing; allowed: a number from 0 to 18000");
+    for (const char *wrong : {"-1", "18000.5", "1e999", "\"1\""}) {
+        EXPECT_THAT(refused(R"("action":"seek","position_ms":)" + std::string(wrong)),
+                    testing::StartsWith("bad-"));
+    }
+    EXPECT_EQ(refused(R"("action":"speed","speed":0.09)"),
+              "bad-value: \"speed\" is 0.09; allowed: a number from 0.1 to 1000");
+    EXPECT_EQ(refused(R"("speed":1)"),
+              "bad-value: \"replay\" has no member \"speed\"; allowed: version, request, action");
+    EXPECT_EQ(Replay().at("changes"), 0);
+}
+
+TEST_F(ControlCommandsTest, WithoutRecordingsThereIsNoReplay)
+{
+    EXPECT_EQ(Status().at("replay"), nullptr);
+    EXPECT_EQ(Refused(R"({"request":"replay"})"),
+              "not-replay: no item has the source replay; it plays the recordings of files=... in "
+              "section [replay] of platform.conf");
+}
+
 TEST_F(ControlCommandsTest, HeartRateCanBeSetAndTakenOffTheWrist)
 {
     Subscribe(7);
@@ -478,7 +601,7 @@ TEST_F(ControlCommandsTest, WhatIsWrongIsNamedWithWhatIsAllowed)
 {
     const std::string names =
         "allowed: status, config, log, set, link, memory, battery, quit, record, observe, "
-        "capture";
+        "capture, replay";
     const std::string rate =
         "; allowed: a whole number of beats per minute from 0 to 65535, \"off-wrist\"";
     const std::string on =

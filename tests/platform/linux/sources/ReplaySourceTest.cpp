@@ -155,6 +155,103 @@ TEST_F(ReplaySourceTest, SlowMotionLengthensTheTimes)
     EXPECT_EQ(DueUs(), 1'000'000'000);
 }
 
+TEST_F(ReplaySourceTest, WhilePausedNothingIsDueAndWhatWasSaidLastHolds)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n2000,62,,,,,,,,\n", {2.0, true});
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(700);
+    EXPECT_THAT(Take(), SizeIs(2));
+    mSource->SetPaused(true);
+    EXPECT_EQ(DueUs(), -1);
+    AdvanceTo(100000);
+    EXPECT_EQ(mSource->PositionMs(), 1400);
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61");
+    mSource->Start(ContextItem::HeartRate); // as somebody does who asks anew
+    EXPECT_EQ(DueUs(), -1);
+
+    mSource->SetPaused(true); // what is so already
+    mSource->SetPaused(false);
+    EXPECT_EQ(DueUs(), 100300000);
+    AdvanceTo(100300);
+    EXPECT_THAT(Take(), ElementsAre("100300: 7 hrm/heart_rate=62"));
+}
+
+TEST_F(ReplaySourceTest, AJumpGoesOnFromThereWithTheCountersOfTheRecording)
+{
+    Play("0,60,100,,,,,,,\n1000,61,200,,,,,,,\n2000,,,50,,,,,,\n3000,63,300,,,,,,,\n");
+    mSource->Start(ContextItem::Pedometer);
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(4500); // in the second round
+    EXPECT_EQ(mSource->PositionMs(), 500);
+    Take();
+    EXPECT_EQ(Latest(ContextItem::Pedometer),
+              "2 pedometer/total_steps=300 pedometer/walk_steps=50");
+
+    mSource->Seek(1000);
+    EXPECT_EQ(mSource->PositionMs(), 1000);
+    AdvanceTo(5500);
+    EXPECT_THAT(Take(),
+                ElementsAre("4500: 7 hrm/heart_rate=61", "4500: 2 pedometer/total_steps=200",
+                            "5500: 2 pedometer/total_steps=200 pedometer/walk_steps=50"));
+    mSource->Seek(2500.5);
+    EXPECT_EQ(Latest(ContextItem::Pedometer),
+              "2 pedometer/total_steps=200 pedometer/walk_steps=50");
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61");
+    EXPECT_EQ(DueUs(), 5999500);
+    mSource->Seek(4000); // its end is the start of the next round
+    EXPECT_EQ(mSource->PositionMs(), 0);
+    AdvanceTo(5500);
+    EXPECT_THAT(Take(), ElementsAre("5500: 7 hrm/heart_rate=60",
+                                    "5500: 2 pedometer/total_steps=300 pedometer/walk_steps=50"));
+}
+
+TEST_F(ReplaySourceTest, AJumpOverARestartIsOne)
+{
+    PlayAll({std::string(kAllNames) + "0,,500,20,,,,,,,,,,\n1000,,7,,,,,,,,,,,1\n"
+                                      "2000,,9,,,,,,,,,,,\n3000,,,3,,,,,,,,,,2\n"});
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(0);
+    mSource->Seek(1500);
+    EXPECT_EQ(Latest(ContextItem::Pedometer), "2 pedometer/total_steps=7");
+    mSource->Seek(3000);
+    AdvanceTo(0);
+    EXPECT_THAT(Take(), ElementsAre("0: 2 pedometer/total_steps=500 pedometer/walk_steps=20",
+                                    "0: 2 pedometer/walk_steps=3"));
+}
+
+TEST_F(ReplaySourceTest, AnotherSpeedGoesOnFromWhereItIs)
+{
+    Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n2000,62,,,,,,,,\n", {3.0, true});
+    mSource->Start(ContextItem::HeartRate);
+    AdvanceTo(333.334);
+    EXPECT_THAT(Take(), SizeIs(2));
+    mSource->SetPaused(true);
+    mSource->SetSpeed(0.1);
+    EXPECT_EQ(Latest(ContextItem::HeartRate), "7 hrm/heart_rate=61"); // what was due stays due
+    EXPECT_EQ(mSource->PositionMs(), 1000);
+    mSource->SetPaused(false);
+    AdvanceTo(10300);
+    EXPECT_THAT(Take(), IsEmpty());
+    mSource->SetSpeed(1000);
+    AdvanceTo(10301);
+    EXPECT_THAT(Take(), SizeIs(1));
+}
+
+TEST_F(ReplaySourceTest, AnotherRecordingPlaysFromItsStartForWhatIsStarted)
+{
+    Play("0,60,5,,,,,,,\n9000,61,,,,,,,,\n", {1.0, false});
+    mSource->Start(ContextItem::HeartRate);
+    mSource->Start(ContextItem::Pedometer);
+    AdvanceTo(1000);
+    Take();
+    mSource->Open(ParseRecording("b", std::string(kNames) + "0,,,,,,,,1,\n500,90,,,,,,,,\n"));
+    EXPECT_EQ(mSource->LengthMs(), 1000);
+    EXPECT_EQ(Latest(ContextItem::Pedometer), "none");
+    AdvanceTo(60000);
+    EXPECT_THAT(Take(), ElementsAre("1500: 7 hrm/heart_rate=90"));
+    EXPECT_EQ(mSource->PositionMs(), 1000); // it plays once
+}
+
 TEST_F(ReplaySourceTest, PositionFollowsTheClockWhileNobodyListens)
 {
     Play("0,60,,,,,,,,\n1000,61,,,,,,,,\n2000,62,,,,,,,,\n");
