@@ -38,7 +38,8 @@ export type Values = Readonly<Record<string, number>>;
 
 export interface LinkStatus {
   readonly state: 'up' | 'down';
-  readonly set_by: { readonly pid: number } | null;
+  /** The process that has taken it down or up last. */
+  readonly set_by: number | null;
   readonly key: number | null;
   readonly host_state: string;
   readonly packets_in: number;
@@ -50,12 +51,23 @@ export interface LinkStatus {
 }
 
 export interface PowerLock {
-  readonly state: string;
+  readonly state: number;
   readonly held_by: string;
   readonly since: string;
   readonly for_ms: number;
   readonly ends: string;
   readonly ends_in_ms: number;
+}
+
+/** How recordings are played. */
+export interface Replay {
+  readonly files: readonly string[] | null;
+  readonly length_ms: number;
+  readonly position_ms: number;
+  readonly speed: number;
+  readonly paused: boolean;
+  readonly loop: boolean;
+  readonly changes: number;
 }
 
 export interface Status {
@@ -74,6 +86,8 @@ export interface Status {
   readonly power_locks: readonly PowerLock[];
   readonly preferences: Readonly<Record<string, boolean | number | string>> | null;
   readonly preferences_left_out?: number;
+  /** Null when no item has the source replay; undefined of a service that cannot be steered in this. */
+  readonly replay?: Replay | null;
 }
 
 export interface Reply {
@@ -81,6 +95,9 @@ export interface Reply {
   readonly version: number;
   readonly error?: { readonly code: string; readonly message: string };
   readonly status?: Status;
+  readonly replay?: Replay;
+  /** The paths of what may be opened. */
+  readonly recordings?: readonly string[];
 }
 
 /** What an observer is told. Kinds that are not known here are passed over. */
@@ -104,6 +121,7 @@ export type ObservedEvent =
       readonly time: string;
       readonly preferences: Status['preferences'];
     }
+  | { readonly event: 'replay'; readonly time: string; readonly replay: Replay | null }
   | { readonly event: 'missed'; readonly count: number };
 
 /** The value of a heart rate of a watch that is not worn. */

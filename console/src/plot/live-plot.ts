@@ -52,7 +52,6 @@ export class LivePlot {
   readonly #options: PlotOptions;
   readonly #legend: HTMLElement;
   #plot: uPlot | undefined;
-  #columns: Float64Array[] = [];
   readonly #resize: ResizeObserver;
   readonly #scheme = matchMedia('(prefers-color-scheme: dark)');
   readonly #ends: (() => void)[] = [];
@@ -115,15 +114,17 @@ export class LivePlot {
     }
     const { readings, lines, window } = this.#options;
     const { from, to } = window;
-    this.#columns = lines.map((line) => cleaned(readings.column(line.name), line, readings.length));
     // With a reading on each side, lines go on to the edges.
     const begin = Math.max(readings.indexOf(from) - 1, 0);
     const end = Math.min(readings.indexOf(to) + 1, readings.length);
+    const shown = readings.times.subarray(begin, end);
     const { times, columns } = thin(
-      readings.times,
-      this.#columns,
-      begin,
-      end,
+      shown,
+      lines.map((line) =>
+        cleaned(readings.column(line.name)?.subarray(begin, end), line, shown.length),
+      ),
+      0,
+      shown.length,
       Math.ceil(width / 2),
     );
     if (lines.some(({ isStepped }) => isStepped) && window.isLive && times.length > 0) {

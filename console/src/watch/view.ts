@@ -1,53 +1,16 @@
 import type { View, ViewKind } from '../app.js';
 import { h } from '../dom.js';
-import { LivePlot, type PlotLine } from '../plot/live-plot.js';
-import { sensorActivityText } from '../texts.js';
-import type { ItemName } from '../control/messages.js';
+import { HandsCard } from './hands-card.js';
+import { Plots } from './plots.js';
+import { ReplayCard } from './replay-card.js';
+import { ServiceCards } from './service-cards.js';
+import { Toolbar } from './toolbar.js';
 
-const PLOTS: readonly {
-  readonly title: string;
-  readonly item: ItemName;
-  readonly lines: readonly PlotLine[];
-}[] = [
-  {
-    title: 'Heart rate',
-    item: 'heart_rate',
-    lines: [
-      {
-        name: 'hrm/heart_rate',
-        label: 'heart rate',
-        unit: 'bpm',
-        color: '--heart',
-        isGap: (value) => value <= 0,
-      },
-    ],
-  },
-  {
-    title: 'Speed',
-    item: 'pedometer',
-    lines: [{ name: 'pedometer/speed', label: 'speed', unit: 'km/h', color: '--speed', digits: 1 }],
-  },
-  {
-    title: 'Activity',
-    item: 'activity',
-    lines: [
-      {
-        name: 'activity/status',
-        label: 'activity',
-        unit: '',
-        color: '--steps',
-        isStepped: true,
-        text: sensorActivityText,
-      },
-    ],
-  },
-];
-
-/** What the service does: its sensors at full rate. */
+/** What the service does: its sensors at full rate, who wants them, and hands to put any value on the wrist. */
 export const watchView: ViewKind = {
   id: 'watch',
   title: 'Watch’s view',
-  about: 'What the service on the watch senses and does, at full rate.',
+  about: 'What the service on the watch senses and does, at full rate, and hands to change it.',
   lacks: (app) =>
     app.watch
       ? undefined
@@ -57,49 +20,33 @@ export const watchView: ViewKind = {
     if (!watch) {
       throw new Error('the watch cannot be seen with this token');
     }
-    const { observed } = watch;
-    const plots = PLOTS.map(({ title, item, lines }) => ({
-      title,
-      plot: new LivePlot({
-        title,
-        readings: observed.of(item),
-        lines,
-        window: app.window,
-        sync: 'watch',
-      }),
-    }));
-    const update = () => {
-      plots.forEach(({ plot }) => {
-        plot.update();
-      });
-    };
-    const element = h(
-      'div',
-      { class: 'grid' },
-      ...plots.map(({ title, plot }) =>
-        h('section', { class: 'card wide' }, h('h2', {}, title), plot.element),
-      ),
-    );
-    let ends: (() => void)[] = [];
+    const plots = new Plots(app, watch);
+    const toolbar = new Toolbar(app, watch, plots.plots);
+    const replay = new ReplayCard(app, watch);
+    const hands = new HandsCard(app, watch);
+    const service = new ServiceCards(watch);
+    const live = [plots, replay, service];
     return {
-      element,
+      element: h(
+        'div',
+        {},
+        toolbar.element,
+        plots.element,
+        h('div', { class: 'grid' }, replay.element, hands.element, ...service.elements),
+      ),
       shown() {
-        const timer = setInterval(update, 250);
-        ends = [
-          observed.readings.listen(update),
-          () => {
-            clearInterval(timer);
-          },
-        ];
+        live.forEach((part) => {
+          part.shown();
+        });
       },
       hidden() {
-        ends.forEach((end) => {
-          end();
+        live.forEach((part) => {
+          part.hidden();
         });
       },
       close() {
-        plots.forEach(({ plot }) => {
-          plot.close();
+        [toolbar, hands, ...live].forEach((part) => {
+          part.close();
         });
       },
     };
