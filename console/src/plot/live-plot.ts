@@ -159,7 +159,7 @@ export class LivePlot {
         axes: isSmall
           ? [{ show: false }, { show: false }]
           : [
-              { ...axis, values: (_, splits) => splits.map(axisClock) },
+              { ...axis, space: 80, values: (_, splits) => splits.map(axisClock) },
               { ...axis, size: 56, ...axisText(lines) },
             ],
         scales: { x: { time: true }, y: { range: (_, low, high) => rangeOf(low, high, range) } },

@@ -14,6 +14,9 @@ export class SensorsOn {
   readonly #url: string;
   #stream: ControlStream | undefined;
   #items = '';
+  /** What the service has refused to turn on: a recording has not every sensor. Until another one plays. */
+  readonly #refused = new Set<ItemName>();
+  #playing = '';
 
   constructor(url: string, status: State<Status | undefined>) {
     this.#url = url;
@@ -31,7 +34,14 @@ export class SensorsOn {
   }
 
   #turn(status: Status | undefined): void {
-    const on = this.isWanted.value ? itemsWithSource(status) : [];
+    const playing = `${status?.service.pid} ${status?.replay?.files?.join()}`;
+    if (playing !== this.#playing) {
+      this.#playing = playing;
+      this.#refused.clear();
+    }
+    const on = (this.isWanted.value ? itemsWithSource(status) : []).filter(
+      (item) => !this.#refused.has(item),
+    );
     if (on.join() === this.#items && (this.#stream !== undefined || on.length === 0)) {
       return;
     }
@@ -44,7 +54,12 @@ export class SensorsOn {
         { request: 'record', on },
         {
           begun: ({ ok, error }) => {
-            this.problem.set(ok ? '' : (error?.message ?? ''));
+            const refused = on.find((item) => error?.message.startsWith(`${item} cannot`) === true);
+            this.problem.set(ok || refused ? '' : (error?.message ?? ''));
+            if (refused) {
+              this.#refused.add(refused);
+              this.#turn(status);
+            }
           },
           message: () => undefined,
           ended: () => undefined,

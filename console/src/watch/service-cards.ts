@@ -26,8 +26,8 @@ class Facts {
   #names: readonly string[] = [];
   #values: readonly HTMLElement[] = [];
 
-  constructor(name: string) {
-    this.element = h('dl', { class: 'facts', 'aria-label': name });
+  constructor(name: string, isLong = false) {
+    this.element = h('dl', { class: isLong ? 'facts long' : 'facts', 'aria-label': name });
   }
 
   show(facts: readonly (readonly [string, string])[]): void {
@@ -60,7 +60,7 @@ export class ServiceCards implements Part {
   );
   readonly #locks = new Facts('Power locks');
   readonly #link = new Facts('Link');
-  readonly #preferences = new Facts('Stored preferences');
+  readonly #preferences = new Facts('Stored preferences', true);
   readonly #unlisten: () => void;
   #timer: ReturnType<typeof setInterval> | undefined;
 
@@ -100,7 +100,7 @@ export class ServiceCards implements Part {
   }
 
   #itemsCard(): HTMLElement {
-    const headings = ['Sensor', 'Kept on by', 'Source', 'Last reading', 'Delivered'];
+    const headings = ['Sensor', 'Kept on by', 'Source', 'Last reading', 'Readings delivered'];
     const table = h(
       'table',
       {},
@@ -142,7 +142,7 @@ export class ServiceCards implements Part {
         keepersText(item, now),
         item.problem ?? item.source,
         this.#lastText(item.item, now),
-        `${numberText(item.delivered)} readings`,
+        numberText(item.delivered),
       ];
       texts.forEach((text, index) => {
         const cell = this.#rows.get(item.item)?.[index];
