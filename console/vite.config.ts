@@ -46,5 +46,5 @@ export default defineConfig({
   },
   plugins: [asResource()],
   server: { proxy: { '^/(link|control|session)': { target: 'http://127.0.0.1:8467', ws: true } } },
-  test: { include: ['tests/**/*.test.ts'], testTimeout: 30_000, hookTimeout: 60_000 },
+  test: { include: ['tests/**/*.test.ts'], testTimeout: 90_000, hookTimeout: 90_000 },
 });

@@ -38,20 +38,28 @@ export async function signIn(token: string): Promise<Access> {
     const headers = { Authorization: `Bearer ${token}` };
     const response = await fetch('/session', { method: 'POST', headers });
     if (response.ok) {
-      return await askAccess();
+      const access = await askAccess();
+      known = access.kind === 'in' ? token : undefined;
+      return access;
     }
     return { kind: 'out', why: refusalText(response.status) };
   } catch {
+    known = token; // to be tried again
     return { kind: 'away' };
   }
 }
 
-/** What the cookie of this browser stands for. */
+/** What this page was opened with, and nothing else has: a gateway that has started again knows no cookie of before. */
+let known: string | undefined;
+
+/** What the cookie of this browser stands for; one that counts no more is exchanged for another, once. */
 export async function askAccess(timeoutMs = 5000): Promise<Access> {
   try {
     const response = await fetch('/session', { signal: AbortSignal.timeout(timeoutMs) });
     if (response.status === 401) {
-      return { kind: 'out', why: '' };
+      const token = known;
+      known = undefined;
+      return token === undefined ? { kind: 'out', why: '' } : await signIn(token);
     }
     if (!response.ok) {
       return { kind: 'out', why: refusalText(response.status) };

@@ -256,7 +256,7 @@ function aboutText({ service, items }: Status): string {
     items.map(({ source }) => names[source]).filter((name) => name !== undefined),
   );
   const from =
-    sources.size === 0 ? 'no sensor has a source' : `its sensors are ${[...sources].join(', ')}`;
+    sources.size === 0 ? 'no sensor has a source' : `readings from ${[...sources].join(', ')}`;
   return `A watch, live: ${from}. Service ${service.version ?? ''}, since ${timeText(Date.parse(service.since))}`;
 }
 

@@ -37,7 +37,7 @@ export class SignInPage {
       h(
         'p',
         {},
-        'It shows a watch live: what it senses, and what it tells a phone. That is for who is let in.',
+        'It shows a watch live: what it senses, and what it tells a phone. It is for whom the watch’s owner lets in.',
       ),
       h('p', {}, 'On the watch, this command makes a token and prints the address to open:'),
       h('pre', {}, 'sudo parvane-gateway token add my-browser --scope console'),

@@ -1,11 +1,12 @@
 import { Sensor, type SessionEvent } from '@parvane/client';
 
 import { h, setText } from '../dom.js';
-import { timeText } from '../texts.js';
+import { ageText, timeText } from '../texts.js';
 import type { Phone } from './phone.js';
 import type { Part } from './view.js';
 
-const LENGTH_MS = 10 * 60_000;
+const LEAST_MS = 60_000;
+const MOST_MS = 10 * 60_000;
 const REFRESH_MS = 1000;
 const MOST = 1000;
 const NAMES = ['still or other', 'walking', 'running'];
@@ -17,7 +18,7 @@ interface Stretch {
   until?: number;
 }
 
-/** What the watch said about the activity in the last ten minutes, as a band. */
+/** What the watch said about the activity in the last minutes, ten at most, as a band. */
 export class ActivityBand implements Part {
   readonly element: HTMLElement;
   readonly #band = h('div', { class: 'band', role: 'img' });
@@ -84,14 +85,16 @@ export class ActivityBand implements Part {
 
   #draw(): void {
     const now = Date.now();
-    const from = now - LENGTH_MS;
+    const told = now - (this.#stretches[0]?.since ?? now);
+    const length = Math.min(Math.max(told, LEAST_MS), MOST_MS);
+    const from = now - length;
     const seen = this.#stretches.filter(({ until = now }) => until > from);
     this.#band.replaceChildren(
       ...seen.map(({ activity, since, until = now }) => {
         const begin = Math.max(since, from);
         const part = h('span', { class: `activity-${activity}`, title: NAMES[activity] ?? '' });
-        part.style.left = `${(100 * (begin - from)) / LENGTH_MS}%`;
-        part.style.width = `${(100 * (until - begin)) / LENGTH_MS}%`;
+        part.style.left = `${(100 * (begin - from)) / length}%`;
+        part.style.width = `${(100 * (until - begin)) / length}%`;
         return part;
       }),
     );
@@ -99,6 +102,6 @@ export class ActivityBand implements Part {
       ({ activity, since }) => `${NAMES[activity] ?? activity} from ${timeText(since)}`,
     );
     this.#band.setAttribute('aria-label', texts.length > 0 ? texts.join(', ') : 'nothing told yet');
-    setText(this.#begin, '10 minutes ago');
+    setText(this.#begin, ageText(length));
   }
 }
