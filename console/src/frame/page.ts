@@ -183,7 +183,14 @@ class Session {
       this.#showConnection();
     };
     if (watch) {
-      this.#ends.push(watch.observed.connection.listen(show));
+      this.#ends.push(
+        watch.observed.connection.listen((connection) => {
+          if (connection === 'gateway-away') {
+            phone?.drop('the gateway does not answer'); // its own end may never be told
+          }
+          show();
+        }),
+      );
     } else {
       const timer = setInterval(() => {
         if (!document.hidden) {
@@ -214,9 +221,6 @@ class Session {
     const shown =
       state ?? (isPhoneAway ? 'watch-away' : phoneState?.kind === 'linked' ? 'live' : 'connecting');
     this.#pill.show(shown, phoneState);
-    if (state === 'silent') {
-      phone?.drop('the gateway does not answer');
-    }
     if (state === 'gateway-away' || (watch === undefined && isPhoneAway)) {
       this.#ask(); // a cookie that counts no more is refused in the same way
     }
