@@ -79,6 +79,7 @@ BluezSession::BluezSession(GDBusConnection *connection, const std::string &owner
       mTimes(times),
       mSeat(seat),
       mEvents(events),
+      mLoadPause(times.mFirstPause),
       mBluez(connection, owner),
       mObjects(connection, settings.mIsAuthenticated, *this)
 {
@@ -93,11 +94,18 @@ BluezSession::BluezSession(GDBusConnection *connection, const std::string &owner
             {Bluez::kProperties, "PropertiesChanged", "(sa{sv}as)", interface},
             [this](const std::string &path, GVariant *arguments) { OnChanged(path, arguments); });
     }
+    Load();
+}
+
+void BluezSession::Load()
+{
     mBluez.Call("/", Bluez::kObjectManager, "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})",
                 [this](GVariant *reply, const GError *error) {
                     if (error != nullptr) {
-                        LogWarning("bluetooth: BlueZ tells no objects: " +
-                                   Parvane::BusReason(error));
+                        mEvents.OnState("BlueZ tells no objects: " + Parvane::BusReason(error),
+                                        true);
+                        mReload = Parvane::LoopSource::After(mLoadPause, [this] { Load(); });
+                        mLoadPause = std::min(2 * mLoadPause, Registration::kLongestPause);
                         return;
                     }
                     mDevices.Load(Parvane::Child(reply, 0).get());

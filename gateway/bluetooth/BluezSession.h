@@ -81,6 +81,8 @@ private:
         Registration mAdvertisement;
     };
 
+    /** Asks BlueZ for all that it has, until it answers. */
+    void Load();
     void OnAdded(GVariant *arguments);
     void OnRemoved(GVariant *arguments);
     void OnChanged(const std::string &path, GVariant *arguments);
@@ -118,6 +120,8 @@ private:
     const BluetoothTimes &mTimes;
     PhoneSeat &mSeat;
     BluezSessionEvents &mEvents;
+    std::chrono::milliseconds mLoadPause;
+    Parvane::LoopSource mReload;
     Parvane::BusScope mBluez;
     GattObjects mObjects;
     BluezDevices mDevices;

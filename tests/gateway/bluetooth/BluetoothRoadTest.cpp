@@ -838,9 +838,14 @@ INSTANTIATE_TEST_SUITE_P(
                     std::pair{"RegisterApplication", "org.bluez.Error.Failed"},
                     std::pair{"RegisterApplication", "org.freedesktop.DBus.Error.NoReply"},
                     std::pair{"RegisterApplication", "org.freedesktop.DBus.Error.AccessDenied"},
+                    std::pair{"RegisterApplication", "org.bluez.Error.NotPermitted"},
+                    std::pair{"RegisterApplication", "org.bluez.Error.InProgress"},
                     std::pair{"RegisterAdvertisement", "org.bluez.Error.InvalidArguments"},
                     std::pair{"RegisterAdvertisement", "org.bluez.Error.InvalidLength"},
                     std::pair{"RegisterAdvertisement", "org.bluez.Error.NotPermitted"},
+                    std::pair{"RegisterAdvertisement", "org.bluez.Error.InProgress"},
+                    std::pair{"RegisterAdvertisement", "org.bluez.Error.NotSupported"},
+                    std::pair{"RegisterAdvertisement", "org.freedesktop.DBus.Error.NoReply"},
                     std::pair{"RegisterAdvertisement", "org.bluez.Error.Failed"}));
 
 TEST_F(BluetoothRoadTest, WhatIsRegisteredAlreadyIsRegistered)
@@ -852,6 +857,30 @@ TEST_F(BluetoothRoadTest, WhatIsRegisteredAlreadyIsRegistered)
     Open();
 
     EXPECT_TRUE(RunUntil([this] { return mRoad->State() == "advertised on hci0"; }));
+}
+
+TEST_F(BluetoothRoadTest, BluezThatTellsNoObjectsIsAskedAgain)
+{
+    StartBluez();
+    mBluez->AddAdapter("hci0");
+    mBluez->Fail("GetManagedObjects", "org.freedesktop.DBus.Error.NoReply", 2);
+    Open();
+
+    EXPECT_TRUE(RunUntil([this] { return mRoad->State() == "BlueZ tells no objects: not today"; }));
+    EXPECT_TRUE(IsAdvertised());
+}
+
+TEST_F(BluetoothRoadTest, AdvertisementThatCannotBeTakenBackIsMadeAgain)
+{
+    OpenWithBluez();
+    mBluez->Fail("UnregisterAdvertisement", "org.bluez.Error.DoesNotExist");
+    mPhone = mBluez->AddDevice("hci0", kPhoneAddress, true);
+    ASSERT_TRUE(Done(mBluez->AcquireNotify(mPhone, 517))->mFd);
+    ASSERT_TRUE(RunUntil([this] { return mBluez->Count("UnregisterAdvertisement") == 1; }));
+    mBluez->SetConnected(mPhone, false);
+
+    EXPECT_TRUE(RunUntil([this] { return mBluez->Count("RegisterAdvertisement") == 2; }));
+    EXPECT_TRUE(IsAdvertised());
 }
 
 TEST_F(BluetoothRoadTest, DisconnectThatFailsLeavesNobodyOut)

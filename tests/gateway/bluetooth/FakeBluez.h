@@ -42,6 +42,9 @@ public:
     /** A device that is connected. @return its path */
     std::string AddDevice(const std::string &adapter, const std::string &address, bool isBonded);
 
+    /** Forgets a device, or another object. */
+    void Remove(const std::string &path);
+
     /** Sets a property and tells of it. @param value  taken over when it is floating */
     void Set(const std::string &path, const std::string &interface, const std::string &property,
              GVariant *value);
@@ -117,7 +120,6 @@ private:
                         GVariant *arguments, Parvane::VariantPtr &place,
                         GDBusMethodInvocation *invocation);
     void Add(const std::string &path, Interfaces interfaces);
-    void Remove(const std::string &path);
     void Emit(const std::string &path, const char *interface, const char *signal,
               GVariant *arguments);
     OutcomePtr CallCharacteristic(const char *path, const char *method, GVariant *arguments);

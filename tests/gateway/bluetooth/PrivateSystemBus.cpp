@@ -1,8 +1,10 @@
 #include "PrivateSystemBus.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -54,6 +56,9 @@ void PrivateSystemBus::Start()
     start.mCommand = {kDaemon, "--nofork", "--nopidfile",
                       "--config-file=" + mFolder.Path("bus.conf")};
     start.mEnvironment = Parvane::ChildProcess::OwnEnvironment();
+    start.mPrepare = [] {
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    }; // whoever is killed leaves none behind
     mDaemon.emplace(start);
     if (!RunUntil([this] { return IsListening(mFolder.Path("bus")); })) {
         throw std::runtime_error("the bus does not start");
