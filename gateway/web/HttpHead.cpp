@@ -30,6 +30,21 @@ bool IsKey(const std::string &key)
     return size == kKeyBytes;
 }
 
+/** libsoup has none for the newer ones. */
+const char *PhraseOf(int status)
+{
+    switch (status) {
+    case 426:
+        return "Upgrade Required";
+    case 429:
+        return "Too Many Requests";
+    case 431:
+        return "Request Header Fields Too Large";
+    default:
+        return soup_status_get_phrase(static_cast<guint>(status));
+    }
+}
+
 } // namespace
 
 std::optional<HttpRequest> HttpRequest::Parse(const std::string &head)
@@ -123,11 +138,7 @@ int HttpRequest::JudgeUpgrade(const char *protocol) const
 
 std::string MakeResponse(int status, const HeaderList &headers, std::string_view body)
 {
-    constexpr int kUpgradeRequired = 426;
-    const char *phrase = status == kUpgradeRequired
-                             ? "Upgrade Required"
-                             : soup_status_get_phrase(static_cast<guint>(status));
-    std::string text = "HTTP/1.1 " + std::to_string(status) + ' ' + phrase + "\r\n";
+    std::string text = "HTTP/1.1 " + std::to_string(status) + ' ' + PhraseOf(status) + "\r\n";
     for (const auto &[name, value] : headers) {
         text.append(name).append(": ").append(value).append("\r\n");
     }

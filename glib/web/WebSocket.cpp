@@ -107,6 +107,9 @@ void WebSocket::OnReadable()
         return;
     }
     mHeard = std::chrono::steady_clock::now();
+    if (std::exchange(mIsAsked, false) && !mIsClosing) {
+        WatchSilence(mTimes.mPing); // nobody wakes up to look for the answer
+    }
     mReader.Feed(std::span(buffer).first(static_cast<std::size_t>(count)));
     Work();
 }
@@ -224,7 +227,6 @@ void WebSocket::OnSilence()
         }
         WatchSilence(mTimes.mPing);
     } else if (silent < mTimes.mPing) {
-        mIsAsked = false;
         WatchSilence(mTimes.mPing - silent);
     } else if (!mIsAsked) {
         mIsAsked = true;

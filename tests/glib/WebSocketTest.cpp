@@ -88,16 +88,16 @@ TEST_F(WebSocketTest, OneThatRestsSaysThatItIsThereAndJudgesNobody)
     EXPECT_FALSE(mIsClosed);
 }
 
-TEST_F(WebSocketTest, AClientThatAnswersStays)
+TEST_F(WebSocketTest, AClientThatAnswersStaysAndTheAnswerIsAwaitedNoLonger)
 {
-    Open({30ms, 10s, 50ms});
+    Open({30ms, 1h, 50ms});
     int pings = 0;
     EXPECT_TRUE(ParvaneGateway::RunUntil([&] {
         if (ReceiveAsClient() == std::string("\x89\x00", 2)) {
             ++pings;
             SendAsClient(std::string("\x8A\x80\x00\x00\x00\x00", 6));
         }
-        return pings == 1;
+        return pings == 3;
     }));
     ParvaneGateway::RunDue();
     EXPECT_FALSE(mIsClosed);

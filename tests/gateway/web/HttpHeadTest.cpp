@@ -70,6 +70,15 @@ TEST(HttpHeadTest, AnswersAnUpgradeAsTheStandardsExampleSays)
                     ::testing::EndsWith("parvane.link.v1\r\n\r\n")));
 }
 
+TEST(HttpHeadTest, EveryStatusHasItsPhrase)
+{
+    for (const char *line : {"426 Upgrade Required", "429 Too Many Requests",
+                             "431 Request Header Fields Too Large", "404 Not Found"}) {
+        EXPECT_THAT(MakeResponse(std::stoi(line), {}, ""),
+                    ::testing::StartsWith(std::string("HTTP/1.1 ") + line + "\r\n"));
+    }
+}
+
 TEST(HttpHeadTest, EveryAnswerHasTheHeadersOfSecurity)
 {
     const std::string response = MakeResponse(401, {{"WWW-Authenticate", "Bearer"}}, "no");
