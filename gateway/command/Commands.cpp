@@ -14,6 +14,7 @@
 #include "ConfigFile.h"
 #include "ErrnoText.h"
 #include "Fingerprint.h"
+#include "ObjectPtr.h"
 #include "OperationSocket.h"
 #include "Output.h"
 #include "Pairing.h"
@@ -35,14 +36,14 @@ void Print(const std::string &text)
     }
 }
 
+/** Of any year: time_t may have 32 bits. */
 std::string TimeText(std::int64_t seconds)
 {
-    const std::time_t time = seconds;
-    std::tm parts{};
-    std::array<char, 32> text{};
-    ::gmtime_r(&time, &parts);
-    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text.data();
+    GDateTime *time = g_date_time_new_from_unix_utc(seconds);
+    const Parvane::GlibText text(time == nullptr ? nullptr
+                                                 : g_date_time_format(time, "%Y-%m-%dT%H:%M:%SZ"));
+    g_clear_pointer(&time, g_date_time_unref);
+    return text ? text.get() : "never";
 }
 
 /** The certificate's fingerprint; empty where there is none yet. */
@@ -145,7 +146,7 @@ std::string StatusText(const nlohmann::json &status)
                                 std::to_string(status.at("packets_to_phone").get<std::uint64_t>()) +
                                 " to phones");
     for (const auto &[name, road] : status.at("roads").items()) {
-        text += Line(name, road.value("text", road.dump()));
+        text += Line(name, road.at("text").get<std::string>());
         if (road.contains("fingerprint")) {
             text += Line("fingerprint", "SHA-256 " + road["fingerprint"].get<std::string>());
         }

@@ -8,6 +8,7 @@
 #include <gnutls/gnutls.h>
 #include <gnutls/x509.h>
 #include <ifaddrs.h>
+#include <limits>
 #include <memory>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -77,7 +78,6 @@ void AddName(gnutls_x509_crt_t certificate, const std::string &name)
 
 void Describe(gnutls_x509_crt_t certificate)
 {
-    constexpr std::time_t kYears = 3650 * kDayS;
     constexpr char kSubject[] = "Parvane gateway";
     std::array<unsigned char, 16> serial{};
     if (::getrandom(serial.data(), serial.size(), 0) != static_cast<ssize_t>(serial.size())) {
@@ -89,7 +89,9 @@ void Describe(gnutls_x509_crt_t certificate)
     Check(gnutls_x509_crt_set_serial(certificate, serial.data(), serial.size()));
     // A watch's clock may be behind the phone's.
     Check(gnutls_x509_crt_set_activation_time(certificate, now - kDayS));
-    Check(gnutls_x509_crt_set_expiration_time(certificate, now + kYears));
+    Check(gnutls_x509_crt_set_expiration_time(
+        certificate,
+        static_cast<std::time_t>(CertificateEnd(now, std::numeric_limits<std::time_t>::max()))));
     Check(gnutls_x509_crt_set_dn_by_oid(certificate, GNUTLS_OID_X520_COMMON_NAME, 0, kSubject,
                                         sizeof kSubject - 1));
     Check(gnutls_x509_crt_set_basic_constraints(certificate, 0, -1));
@@ -100,11 +102,12 @@ void Describe(gnutls_x509_crt_t certificate)
 std::string AddressText(const sockaddr *address)
 {
     std::array<char, INET6_ADDRSTRLEN> text{};
+    const void *bytes = address; // of its family's own type and alignment
     if (address != nullptr && address->sa_family == AF_INET) {
-        const auto *v4 = reinterpret_cast<const sockaddr_in *>(address);
+        const auto *v4 = static_cast<const sockaddr_in *>(bytes);
         ::inet_ntop(AF_INET, &v4->sin_addr, text.data(), text.size());
     } else if (address != nullptr && address->sa_family == AF_INET6) {
-        const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(address);
+        const auto *v6 = static_cast<const sockaddr_in6 *>(bytes);
         ::inet_ntop(AF_INET6, &v6->sin6_addr, text.data(), text.size());
     }
     return text.data();
@@ -139,6 +142,12 @@ int ReadPart(const std::string &path, std::string &text)
 }
 
 } // namespace
+
+std::int64_t CertificateEnd(std::int64_t now, std::int64_t latest)
+{
+    constexpr std::int64_t kYears = 3650 * std::int64_t{kDayS};
+    return now > latest - kYears ? latest : now + kYears;
+}
 
 CertificateText MakeCertificate(const std::vector<std::string> &names)
 {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,9 @@ struct CertificateText
  * P-256. @throws std::runtime_error
  */
 CertificateText MakeCertificate(const std::vector<std::string> &names);
+
+/** When a certificate of `now` ends, in ten years; at the `latest` of the system's times where that is sooner. */
+std::int64_t CertificateEnd(std::int64_t now, std::int64_t latest);
 
 /** The host's name, "localhost", and the addresses of its interfaces and of `address`. */
 std::vector<std::string> HostNames(const std::string &address);

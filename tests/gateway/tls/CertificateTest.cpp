@@ -25,6 +25,13 @@ protected:
     std::string mKey = mFolder.Path("key.pem");
 };
 
+TEST(CertificateEndTest, IsInTenYearsOrAtTheLastTimeOfAClockOf32Bits)
+{
+    constexpr std::int64_t kLatest = 2147483647;
+    EXPECT_EQ(CertificateEnd(1800000000, kLatest), 1800000000 + 3650 * std::int64_t{86400});
+    EXPECT_EQ(CertificateEnd(1900000000, kLatest), kLatest);
+}
+
 TEST_F(CertificateTest, IsMadeOnceWithAKeyForItsOwnerAlone)
 {
     const std::string fingerprint = Parvane::FingerprintOf(Load(true).get());
