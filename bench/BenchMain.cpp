@@ -2,8 +2,9 @@
  * @file
  * How fast and how small the service is, next to the least that a program on the same system needs.
  *
- * Usage: parvane-bench SERVICE [--disk DIRECTORY] [--armhf EXECUTABLE] [--quick] [--check]
- *                      [--only TEXT] [--json|--markdown]
+ * Usage: parvane-bench SERVICE [--gateway EXECUTABLE] [--disk DIRECTORY] [--armhf EXECUTABLE]
+ *                      [--quick] [--check] [--only TEXT] [--json|--markdown]
+ *   --gateway   the gateway's executable
  *   --disk      where what has to be durable is written; default: the working directory
  *   --armhf     the stripped executable whose size is told
  *   --quick     fewer rounds
@@ -49,6 +50,9 @@ bool ReadOption(CommandLine &line, std::string_view option, const char *value, i
         line.mFormat = Format::Markdown;
     } else if (option == "--disk" && value != nullptr) {
         line.mSetting.mDisk = std::filesystem::absolute(value);
+        ++i;
+    } else if (option == "--gateway" && value != nullptr) {
+        line.mSetting.mGateway = std::filesystem::absolute(value);
         ++i;
     } else if (option == "--armhf" && value != nullptr) {
         line.mArmhf = value;
@@ -99,6 +103,8 @@ constexpr Step kSteps[] = {
     {"wake-ups", MeasureWakeUps, false, true},
     {"a week at speed", MeasureWeek, false, true},
     {"many watches", MeasureFleet, false, true},
+    {"gateway round trips", MeasureGatewayTrips, true, false},
+    {"gateway footprint", MeasureGatewayFootprint, false, true},
 };
 
 void Add(std::vector<Row> &rows, const std::vector<Row> &more)
@@ -137,8 +143,10 @@ int Run(int argc, char **argv)
 {
     CommandLine line;
     if (!ReadCommandLine(line, argc, argv)) {
-        std::fprintf(stderr, "usage: parvane-bench SERVICE [--disk DIRECTORY] [--armhf EXECUTABLE] "
-                             "[--only TEXT] [--quick] [--check] [--json|--markdown]\n");
+        std::fprintf(stderr,
+                     "usage: parvane-bench SERVICE [--gateway EXECUTABLE] [--disk DIRECTORY] "
+                     "[--armhf EXECUTABLE] [--only TEXT] [--quick] [--check] "
+                     "[--json|--markdown]\n");
         return 2;
     }
     const std::vector<Row> rows = MeasureAll(line);

@@ -40,11 +40,6 @@ private:
     const AllocationCounts *mCounts = nullptr;
 };
 
-Summary Single(double value)
-{
-    return {value, value, value};
-}
-
 struct Memory
 {
     std::vector<double> mResident;

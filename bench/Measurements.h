@@ -38,6 +38,12 @@ std::vector<Row> MeasureWeek(const Setting &setting);
 /** Many services, and one thread with all of their phone's sides. */
 std::vector<Row> MeasureFleet(const Setting &setting);
 
+/** The gateway's round trips, next to a bare server of its library. */
+std::vector<Row> MeasureGatewayTrips(const Setting &setting);
+
+/** What the gateway keeps, and how often it wakes up. */
+std::vector<Row> MeasureGatewayFootprint(const Setting &setting);
+
 /** The size of a stripped executable; empty path: there is none. */
 Row MeasureSize(const std::filesystem::path &executable);
 

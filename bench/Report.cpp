@@ -142,6 +142,11 @@ Summary Summarize(std::vector<double> values)
     return {values[values.size() / 2], values.front(), values.back()};
 }
 
+Summary Single(double value)
+{
+    return {value, value, value};
+}
+
 bool IsKept(const Row &row, bool isCheck)
 {
     if (!row.mBudget || !row.mMissing.empty() || (isCheck && !row.mBudget->mIsSteady)) {

@@ -18,6 +18,9 @@ struct Summary
 /** @param values  at least one */
 Summary Summarize(std::vector<double> values);
 
+/** What was measured once. */
+Summary Single(double value);
+
 /** What a figure must be. */
 struct Budget
 {

@@ -16,6 +16,8 @@ struct Setting
     /** The service's executable, and the folder of the yardsticks. */
     std::filesystem::path mService;
     std::filesystem::path mYardsticks;
+    /** The gateway's executable; empty: there is none to measure. */
+    std::filesystem::path mGateway;
     /** A folder on a real disk, where what has to be durable is written. */
     std::filesystem::path mDisk;
     /** Fewer rounds. */
