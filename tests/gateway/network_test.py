@@ -13,6 +13,7 @@ import socket
 import ssl
 import stat
 import subprocess
+import sys
 import threading
 import time
 import unittest
@@ -23,6 +24,25 @@ from gateway_under_test import (GatewayTest, PATIENCE_S, PROGRAM, close_code, fr
                                 receive_frame, until)
 
 SIZES = [1, 4, 5, 18, 25, 125, 126, 127, 1000, 65531]
+
+
+# A phone with the WebSocket of Node: an echo of each size, then it closes.
+NODE_PHONE = """
+const [url, token, sizes] = process.argv.slice(1);
+const left = sizes.split(",").map(Number);
+const bytes = (size) => Uint8Array.from({ length: size }, (_, i) => (7 * i + size) & 255);
+const socket = new WebSocket(url, { protocols: ["parvane.link.v1"], headers: { Authorization: `Bearer ${token}` } });
+socket.binaryType = "arraybuffer";
+let echoes = 0;
+socket.onopen = () => { console.log("open", socket.protocol); left.forEach((size) => socket.send(bytes(size))); };
+socket.onmessage = ({ data }) => {
+  const expected = bytes(left[echoes++]);
+  if (Buffer.compare(Buffer.from(data), Buffer.from(expected)) !== 0) { console.log("another packet"); }
+  if (echoes === left.length) { console.log(`${echoes} echoes`); socket.close(1000); }
+};
+socket.onclose = ({ code }) => console.log("closed", code);
+socket.onerror = ({ message }) => console.error(message);
+"""
 
 
 class LinkTest(GatewayTest):
@@ -59,6 +79,26 @@ class LinkTest(GatewayTest):
         self.assertEqual(status["packets_to_watch"], 2 * (len(SIZES) + 2))
         self.assertEqual(status["packets_to_phone"], 2 * (len(SIZES) + 2))
         self.assertEqual(status["phones"], 2)
+
+    def test_nodes_own_websocket_is_a_phone(self):
+        node = ["node", "--experimental-websocket", "--no-warnings"]
+        try:
+            has_websocket = subprocess.run([*node, "-e", "process.exit(typeof WebSocket === 'function' ? 0 : 1)"],
+                                           capture_output=True).returncode == 0
+        except FileNotFoundError:
+            has_websocket = False
+        if not has_websocket:
+            self.skipTest("there is no node with a WebSocket")
+        self.watch.echo()
+        secret = self.token()
+        for scheme in ("ws", "wss"):
+            result = subprocess.run(
+                [*node, "-e", NODE_PHONE, f"{scheme}://127.0.0.1:{self.port}/link", secret, ",".join(map(str, SIZES))],
+                env={**os.environ, "NODE_EXTRA_CA_CERTS": self.folder + "/state/certificate.pem"},
+                capture_output=True, timeout=PATIENCE_S)
+            self.assertEqual(result.stdout.decode(), f"open parvane.link.v1\n{len(SIZES)} echoes\nclosed 1000\n",
+                             result.stderr)
+            until(lambda: self.status()["phone"] is None, "the end of the phone")
 
     def test_a_second_phone_is_told_of_the_first(self):
         secret = self.token()
@@ -361,6 +401,15 @@ class HostileTest(GatewayTest):
             self.assertGreater(time.monotonic() - started, 4)
         self.assertEqual(self.status()["refusals"]["too slow"], 4)
 
+    def test_handshakes_that_are_slow_keep_nobody_out(self):
+        secret = self.token()
+        for host in range(5, 8):
+            for _ in range(8):
+                self.connect(source=f"127.0.2.{host}").sendall(b"\x16\x03\x01\x02\x00\x01\x00")
+        until(lambda: self.status()["roads"]["web"]["connections"] == 24, "24 handshakes")
+        self.phone(secret, tls=True)
+        self.watch.accept()
+
     def test_16_connections_of_an_address_and_64_of_all(self):
         count = lambda: self.status()["roads"]["web"]["connections"]
         kept = [self.connect() for _ in range(16)]
@@ -408,6 +457,82 @@ class HostileTest(GatewayTest):
         self.assertEqual(self.request("GET /")[0], 426)
         answer = subprocess.run(["curl", "-ksi", f"https://127.0.0.1:{self.port}/"], stdout=subprocess.PIPE).stdout
         self.assertTrue(answer.startswith(b"HTTP/1.1 200 OK"))
+
+
+# Connects and drops, so many a second for so long, in each way and from many addresses. Prints how many there were.
+FLOOD = """
+import random, socket, struct, sys, time
+port, rate, seconds = int(sys.argv[1]), int(sys.argv[2]), float(sys.argv[3])
+words = [b"", b"GET /link HTTP/1.1\\r\\nX: ", b"\\x16\\x03\\x01\\x02\\x00\\x01", b"GET / HTTP/1.1\\r\\n\\r\\n",
+         b"GET /link HTTP/1.1\\r\\nAuthorization: Bearer no\\r\\n\\r\\n", bytes(300)]
+count, begin = 0, time.monotonic()
+while (now := time.monotonic() - begin) < seconds:
+    if count >= now * rate:
+        time.sleep(0.0005)
+        continue
+    with socket.socket() as one:
+        one.settimeout(30)
+        one.bind((f"127.0.{random.randrange(16, 32)}.{random.randrange(1, 255)}" if count % 2 else "127.0.9.9", 0))
+        one.connect(("127.0.0.1", port))
+        if count % 3 == 0:
+            one.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        try:
+            one.sendall(words[count % len(words)])
+        except OSError:
+            pass
+    count += 1
+print(count)
+"""
+
+
+class FloodTest(GatewayTest):
+    """A phone beside a thousand connects and drops a second, for PARVANE_HOSTILE_SECONDS.
+
+    With that set, nine tenths of the rate must be reached and no answer may take PARVANE_HOSTILE_STALL_MS.
+    """
+
+    def memory(self):
+        with open(f"/proc/{self.process.pid}/smaps_rollup", encoding="utf-8") as rollup:
+            return sum(int(line.split()[1]) for line in rollup if line.startswith("Private_"))
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def flood(self, seconds):
+        return subprocess.Popen([sys.executable, "-S", "-c", FLOOD, str(self.port), "1000", str(seconds)],
+                                stdout=subprocess.PIPE)
+
+    def test_a_phone_is_served_beside_connects_and_drops(self):
+        is_judged = "PARVANE_HOSTILE_SECONDS" in os.environ
+        seconds = float(os.environ.get("PARVANE_HOSTILE_SECONDS", "1"))
+        stall_s = float(os.environ.get("PARVANE_HOSTILE_STALL_MS", "20000")) / 1000
+        self.watch.echo()
+        phone = self.phone(self.token())
+        phone.settimeout(PATIENCE_S)
+        first = self.flood(0.5)  # what is kept for addresses is there after it
+        first.communicate()
+        until(lambda: self.status()["roads"]["web"]["connections"] == 1, "the end of the first flood")
+        memory, descriptors = self.memory(), self.descriptors()
+        flood = self.flood(seconds)
+        trips = []
+        while flood.poll() is None:
+            asked = time.monotonic()
+            phone.sendall(frame(b"\1\0\0\0"))
+            self.assertEqual(receive_frame(phone), (0x82, b"\1\0\0\0"))
+            trips.append(time.monotonic() - asked)
+            time.sleep(0.001)
+        count = int(flood.communicate()[0])
+        until(lambda: self.status()["roads"]["web"]["connections"] == 1, "the end of the flood")
+        trips.sort()
+        grown = self.memory() - memory
+        print(f"{count} connects and drops in {seconds:.0f} s; {len(trips)} round trips beside them, in "
+              f"{trips[len(trips) // 2] * 1e6:.0f} us, the longest in {trips[-1] * 1e3:.1f} ms; "
+              f"{grown} kB more private memory", flush=True)
+        self.assertLess(trips[-1], stall_s)
+        self.assertLessEqual(self.descriptors(), descriptors)
+        if is_judged:
+            self.assertGreater(count, 0.9 * 1000 * seconds)
+            self.assertLess(grown, 2048)
 
 
 class CommandTest(GatewayTest):
