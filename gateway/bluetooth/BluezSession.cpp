@@ -296,9 +296,9 @@ void BluezSession::Take(GattCall call)
     }
     if (const char *code = Admit(call); code != nullptr) {
         Refuse(std::move(call), code);
-    } else {
+    } else if (mPhone) {
         Serve(std::move(call));
-    }
+    } // else BlueZ has said that it is not connected any more, and nobody awaits an answer
     Advance();
 }
 
@@ -327,6 +327,9 @@ const char *BluezSession::Admit(const GattCall &call)
     mPhone = std::make_unique<BluetoothPhone>(
         mSeat, mObjects, mBluez, BluetoothPhone::Peer{call.Device(), call.Mtu(), identity}, events);
     const PhoneSeat::Answer answer = mPhone->Sit();
+    if (!mPhone) {
+        return nullptr; // seated, and left in the same moment
+    }
     if (answer == PhoneSeat::Answer::Seated) {
         mSubscribers.insert(call.Device());
         LogInfo("bluetooth: " + NameOf(call.Device()) + " is connected, with an MTU of " +

@@ -572,6 +572,22 @@ TEST_F(BluetoothRoadTest, EarlierPhoneThatComesBackMeanwhileIsDisconnected)
     EXPECT_TRUE(mSeat.IsTaken());
 }
 
+TEST_F(BluetoothRoadTest, WordsOfAPhoneThatIsNotConnectedAnyMoreDoNoHarm)
+{
+    OpenWithBluez();
+    mPhone = mBluez->AddDevice("hci0", kPhoneAddress, true);
+    mBluez->SetConnected(mPhone, false);
+    for (const FakeBluez::OutcomePtr &outcome :
+         {Done(mBluez->WriteValue(mPhone, kList, 517)), Done(mBluez->AcquireWrite(mPhone, 517)),
+          Done(mBluez->AcquireNotify(mPhone, 517))}) {
+        EXPECT_EQ(outcome->mError, "org.bluez.Error.Failed");
+    }
+    EXPECT_FALSE(mSeat.IsTaken());
+
+    mBluez->SetConnected(mPhone, true);
+    EXPECT_TRUE(Done(mBluez->AcquireNotify(mPhone, 517))->mFd);
+}
+
 TEST_F(BluetoothRoadTest, NothingOfThePhoneBeforeReachesTheNext)
 {
     OpenWithBluez();
