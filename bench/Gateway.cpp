@@ -83,12 +83,12 @@ public:
             g_signal_connect(tls, "accept-certificate", G_CALLBACK(AcceptCertificate), nullptr);
             mStream.reset(tls);
         }
-        Write(UpgradeRequest(token));
-        std::size_t end = 0;
-        while ((end = mInput.find("\r\n\r\n")) == std::string::npos) {
-            Read();
+        bool isGood = Write(UpgradeRequest(token));
+        std::size_t end = std::string::npos;
+        while (isGood && (end = mInput.find("\r\n\r\n")) == std::string::npos) {
+            isGood = Read();
         }
-        if (!mInput.starts_with("HTTP/1.1 101 ")) {
+        if (!isGood || !mInput.starts_with("HTTP/1.1 101 ")) {
             Fail("no WebSocket: " + mInput.substr(0, mInput.find('\r')));
         }
         mInput.erase(0, end + 4);
@@ -99,8 +99,7 @@ public:
     {
         // Masked with zeros.
         static const std::string request("\x82\x84\0\0\0\0\2\0\0\1", 10);
-        Write(request);
-        return NextFrame() == 0x82;
+        return Write(request) && NextFrame() == 0x82;
     }
 
     /** Answers pings until there was none for so long. @return how many */
@@ -121,36 +120,33 @@ public:
     }
 
 private:
-    /** The first byte of the next frame, which is short. */
+    /** The first byte of the next frame, which is short; -1 when the connection has ended. */
     int NextFrame()
     {
-        while (mInput.size() < 2 ||
-               mInput.size() <
-                   2 + static_cast<std::size_t>(static_cast<unsigned char>(mInput[1]))) {
-            Read();
+        const auto size = [this] { return 2 + std::size_t{static_cast<unsigned char>(mInput[1])}; };
+        while (mInput.size() < 2 || mInput.size() < size()) {
+            if (!Read()) {
+                return -1;
+            }
         }
         const int first = static_cast<unsigned char>(mInput[0]);
-        mInput.erase(0, 2 + static_cast<std::size_t>(static_cast<unsigned char>(mInput[1])));
+        mInput.erase(0, size());
         return first;
     }
 
-    void Write(const std::string &bytes)
+    bool Write(const std::string &bytes)
     {
-        if (g_output_stream_write_all(g_io_stream_get_output_stream(mStream.get()), bytes.data(),
-                                      bytes.size(), nullptr, nullptr, nullptr) == FALSE) {
-            Fail("cannot write to the WebSocket");
-        }
+        return g_output_stream_write_all(g_io_stream_get_output_stream(mStream.get()), bytes.data(),
+                                         bytes.size(), nullptr, nullptr, nullptr) != FALSE;
     }
 
-    void Read()
+    bool Read()
     {
         std::array<char, 4096> buffer; // NOLINT: filled by the read
         const gssize count = g_input_stream_read(g_io_stream_get_input_stream(mStream.get()),
                                                  buffer.data(), buffer.size(), nullptr, nullptr);
-        if (count <= 0) {
-            Fail("the WebSocket has ended");
-        }
-        mInput.append(buffer.data(), static_cast<std::size_t>(count));
+        mInput.append(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+        return count > 0;
     }
 
     Fd mSocket;

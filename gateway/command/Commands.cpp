@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -39,10 +40,10 @@ void Print(const std::string &text)
 /** Of any year: time_t may have 32 bits. */
 std::string TimeText(std::int64_t seconds)
 {
-    GDateTime *time = g_date_time_new_from_unix_utc(seconds);
-    const Parvane::GlibText text(time == nullptr ? nullptr
-                                                 : g_date_time_format(time, "%Y-%m-%dT%H:%M:%SZ"));
-    g_clear_pointer(&time, g_date_time_unref);
+    const std::unique_ptr<GDateTime, decltype(&g_date_time_unref)> time(
+        g_date_time_new_from_unix_utc(seconds), g_date_time_unref);
+    const Parvane::GlibText text(time ? g_date_time_format(time.get(), "%Y-%m-%dT%H:%M:%SZ")
+                                      : nullptr);
     return text ? text.get() : "never";
 }
 

@@ -5,6 +5,7 @@ Usage: network_test.py PARVANE-GATEWAY [TEST...]
 
 import asyncio
 import hashlib
+import json
 import os
 import re
 import shutil
@@ -552,6 +553,14 @@ class CommandTest(GatewayTest):
         self.assertEqual(self.end("token", "add", "my phone")[0], 1)
         self.assertRegex(self.end("token", "list")[1], r"^my phone  phone  since .*Z, until .*Z\n$")
         self.assertNotIn(secret, self.end("token", "list", "--json")[1])
+        # Where a time has 32 bits, too.
+        with open(self.folder + "/state/tokens", "r+", encoding="utf-8") as file:
+            tokens = json.load(file)
+            tokens["tokens"][0]["ends"] = 4102444800
+            file.seek(0)
+            json.dump(tokens, file)
+            file.truncate()
+        self.assertIn("until 2100-01-01T00:00:00Z", self.end("token", "list")[1])
         self.assertEqual(self.end("token", "remove", "my phone")[0], 0)
         self.assertEqual(self.end("token", "remove", "my phone")[0], 1)
         self.assertEqual(self.end("token", "list")[1], "no tokens\n")
