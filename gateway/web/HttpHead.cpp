@@ -26,7 +26,8 @@ bool IsKey(const std::string &key)
         return false;
     }
     gsize size = 0;
-    const std::unique_ptr<guchar, Parvane::Released<g_free>> bytes(g_base64_decode(key.c_str(), &size));
+    const std::unique_ptr<guchar, Parvane::Released<g_free>> bytes(
+        g_base64_decode(key.c_str(), &size));
     return size == kKeyBytes;
 }
 
