@@ -4,7 +4,7 @@ import { gzipSync } from 'node:zlib';
 import { readdirSync, readFileSync, rmSync, statSync, writeFileSync } from 'node:fs';
 
 import type { Plugin } from 'vite';
-import { defineConfig } from 'vitest/config';
+import { defineConfig } from 'vite';
 
 const client = fileURLToPath(new URL('../clients/typescript/src/index.ts', import.meta.url));
 const dist = fileURLToPath(new URL('dist', import.meta.url));
@@ -46,5 +46,4 @@ export default defineConfig({
   },
   plugins: [asResource()],
   server: { proxy: { '^/(link|control|session)': { target: 'http://127.0.0.1:8467', ws: true } } },
-  test: { include: ['tests/**/*.test.ts'], testTimeout: 90_000, hookTimeout: 90_000 },
 });

@@ -25,8 +25,7 @@ std::string DefaultPath()
 /** Whether there is something to do that no descriptor tells of. */
 bool HasWork(const parvane_watch &watch)
 {
-    return watch.mHandle.mIsAsked ||
-           watch.mHandle.mSession->WantsLink() != watch.mLinked.HasLink();
+    return watch.mHandle.mIsAsked || watch.mHandle.mSession->WantsLink() != watch.mLinked.HasLink();
 }
 
 } // namespace

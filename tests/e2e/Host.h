@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
-#include "Link.h"
 #include "GatewayRoad.h"
+#include "Link.h"
 
 class Gateway;
 
