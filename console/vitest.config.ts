@@ -1,9 +1,11 @@
 import { defineConfig, mergeConfig } from 'vitest/config';
 
-import page from './vite.config.ts';
+import page from './vite.config';
 
 // Apart from the page's, which is built without the packages of the tests.
 export default mergeConfig(
   page,
-  defineConfig({ test: { include: ['tests/**/*.test.ts'], testTimeout: 90_000, hookTimeout: 90_000 } }),
+  defineConfig({
+    test: { include: ['tests/**/*.test.ts'], testTimeout: 90_000, hookTimeout: 90_000 },
+  }),
 );

@@ -18,6 +18,7 @@ import {
 } from './world.js';
 
 const AXE = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
+const ONE_DIGIT = { minimumFractionDigits: 1, maximumFractionDigits: 1 };
 const TOKEN_TEXT = /^[\w-]{40,}$/;
 
 let world: World;
@@ -168,7 +169,9 @@ describe.skipIf(MISSING.length > 0)('the console in a browser', () => {
     let heartRates = 0;
     const socket = world.observe(token, ({ event, item, values }) => {
       if (event === 'reading' && item === 'pedometer') {
-        told.push(((values as Record<string, number>)['pedometer/speed'] ?? NaN).toFixed(1));
+        const speed = (values as Record<string, number>)['pedometer/speed'] ?? NaN;
+        // As the page writes it; toFixed() has 1.1 for 1.15.
+        told.push(speed.toLocaleString('en', ONE_DIGIT));
       }
       heartRates += event === 'reading' && item === 'heart_rate' ? 1 : 0;
     });
