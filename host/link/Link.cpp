@@ -114,11 +114,14 @@ std::optional<Result<Bytes, Error>> Link::TryReceive()
     const ssize_t received =
         ::recv(mSocket.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (received < 0) {
-        return WouldBlock(errno) ? std::nullopt : std::optional(Error{Lost(errno)});
+        if (WouldBlock(errno)) {
+            return std::nullopt;
+        }
+        return Result<Bytes, Error>(Lost(errno));
     }
     // The end of the link and an empty packet both read as 0 bytes.
     if (received == 0 && PeerHasClosed()) {
-        return Error{Lost(0)};
+        return Result<Bytes, Error>(Lost(0));
     }
     mHasReceived = true;
     const auto size = static_cast<std::size_t>(received);

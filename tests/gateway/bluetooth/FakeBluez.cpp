@@ -112,6 +112,7 @@ FakeBluez::FakeBluez(const std::string &busAddress) : mConnection(Connect(busAdd
 
 FakeBluez::~FakeBluez()
 {
+    g_cancellable_cancel(mEnd.get());
     for (const auto &[method, invocation] : mWaiting) {
         g_object_unref(invocation);
     }
@@ -334,7 +335,7 @@ void FakeBluez::ReadThenAnswer(const char *path, const char *interface, const ch
     };
     g_dbus_connection_call(
         mConnection.get(), mOwner.c_str(), path, interface, method, arguments, nullptr,
-        G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+        G_DBUS_CALL_FLAGS_NONE, -1, mEnd.get(),
         [](GObject *connection, GAsyncResult *result, gpointer data) {
             const std::unique_ptr<Reading> reading(static_cast<Reading *>(data));
             const Parvane::VariantPtr reply(

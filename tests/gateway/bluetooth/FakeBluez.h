@@ -127,6 +127,8 @@ private:
                     const char *method, GVariant *arguments);
 
     Parvane::ObjectPtr<GDBusConnection> mConnection;
+    /** Ends the calls that still wait for an answer. */
+    const Parvane::ObjectPtr<GCancellable> mEnd{g_cancellable_new()};
     std::map<std::string, Interfaces> mObjects;
     std::map<std::string, std::vector<guint>> mRegistrations;
     std::map<std::string, std::pair<std::string, int>> mFailures;
