@@ -40,7 +40,7 @@ public:
     struct Judgement
     {
         /** 200, 401 or 429. */
-        int mStatus;
+        int mStatus = 0;
         std::optional<Token> mToken;
     };
 
