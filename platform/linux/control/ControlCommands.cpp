@@ -542,7 +542,8 @@ private:
 
 } // namespace
 
-ControlCommands::ControlCommands(ControlledParts parts) : mParts(parts), mStart(mParts.mClock.Now())
+ControlCommands::ControlCommands(ControlledParts parts)
+    : mParts(std::move(parts)), mStart(mParts.mClock.Now())
 {}
 
 ControlAnswer ControlCommands::Answer(std::string_view message, int peerPid)
