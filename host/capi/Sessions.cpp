@@ -37,7 +37,7 @@ bool ReadOptions(const parvane_options *options, parvane_options &known)
     constexpr int kDay = 86400;
     if (options != nullptr) {
         constexpr std::size_t kFirstVersion =
-            offsetof(parvane_options, counts_no_steps) + sizeof options->counts_no_steps;
+            offsetof(parvane_options, zone) + sizeof options->zone;
         if (options->size < kFirstVersion) {
             return false;
         }

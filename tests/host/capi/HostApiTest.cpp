@@ -419,6 +419,7 @@ TEST(HostApiTest, ArgumentsThatAreNotAllowedChangeNothing)
          {+[](parvane_options &options) { options.size = 1; },
           // Half a pointer is none.
           +[](parvane_options &options) { options.size = offsetof(parvane_options, steps) + 2; },
+          +[](parvane_options &options) { options.size = offsetof(parvane_options, zone) + 3; },
           +[](parvane_options &options) { options.first_flags = 4; },
           +[](parvane_options &options) { options.timeout_ms = -1; },
           +[](parvane_options &options) { options.zone = "Europe/Zurich"; }, // and has_zone
