@@ -6,6 +6,6 @@ import page from './vite.config';
 export default mergeConfig(
   page,
   defineConfig({
-    test: { include: ['tests/**/*.test.ts'], testTimeout: 90_000, hookTimeout: 90_000 },
+    test: { include: ['tests/**/*.test.ts'], testTimeout: 180_000, hookTimeout: 180_000 },
   }),
 );

@@ -78,7 +78,7 @@ export class PacketCard implements Part {
             h(
               'tr',
               {},
-              ...['Time', 'From', 'Bytes', 'Packet', 'Answer in'].map((text) =>
+              ...['Time', 'Direction', 'Bytes', 'Packet', 'Answer in'].map((text) =>
                 h('th', { scope: 'col' }, text),
               ),
             ),
@@ -228,7 +228,7 @@ function packetRow(packet: LoggedPacket): HTMLElement {
     'tr',
     { class: wrong === undefined ? sender : `${sender} wrong` },
     h('td', { class: 'code' }, clock),
-    h('td', {}, sender === 'phone' ? '→ phone' : '← watch'),
+    h('td', {}, sender === 'phone' ? 'phone → watch' : 'watch → phone'),
     h('td', { class: 'code bytes' }, hex(bytes)),
     h(
       'td',

@@ -114,15 +114,12 @@ export class SensorsCard implements Part {
       void this.#toggle(sensor);
     });
     follow.id = `follow-${sensor}`;
-    const measure = h(
-      'button',
-      {
-        id: `measure-${sensor}`,
-        'aria-label': `Measure ${name.toLowerCase()}`,
-        onclick: () => void this.#do(() => this.#phone.watch?.measure(sensor)),
-      },
-      'Measure',
-    );
+    const measure = h('button', {
+      id: `measure-${sensor}`,
+      'aria-label': `Measure ${name.toLowerCase()}`,
+      onclick: () => void this.#measure(sensor, measure),
+    });
+    setText(measure, 'Measure');
     return h(
       'tr',
       {},
@@ -131,6 +128,15 @@ export class SensorsCard implements Part {
       latest,
       h('td', { class: 'row' }, measure, follow),
     );
+  }
+
+  /** What is being measured already is not asked for again: the button waits for that answer. */
+  async #measure(sensor: number, button: HTMLButtonElement): Promise<void> {
+    button.disabled = true;
+    setText(button, 'Measuring …');
+    await this.#do(() => this.#phone.watch?.measure(sensor));
+    setText(button, 'Measure');
+    button.disabled = false;
   }
 
   async #toggle(sensor: number): Promise<void> {

@@ -7,6 +7,8 @@ import { launch, MISSING, newPage, PATIENCE, World, type Watched } from './world
 const BEGIN = Date.UTC(2026, 0, 31, 12);
 const READINGS = 36_000; // an hour, ten a second
 const PORTION = 600;
+const LIST_WITHOUT_ENTRIES = Buffer.from('800a03000000000000000000', 'hex');
+const WORN = Buffer.from('12000e041100000000f680b3e83f80000000', 'hex');
 
 function status(): object {
   const item = (name: string, number: number) => ({
@@ -151,14 +153,19 @@ describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
     await page.waitForSelector('.pill:text-is("Live")');
   }
 
-  it('marks packets of the watch that are none, and says what is wrong with them', async () => {
-    await fresh();
+  /** A watch that is idle. */
+  async function playControl(): Promise<void> {
     await page.routeWebSocket(/\/control$/, (socket) => {
       socket.onMessage((message) => {
         const { request } = JSON.parse(message.toString()) as { request: string };
         socket.send(JSON.stringify(request === 'ping' ? { pong: true } : status()));
       });
     });
+  }
+
+  it('marks packets of the watch that are none, and says what is wrong with them', async () => {
+    await fresh();
+    await playControl();
     await page.routeWebSocket(/\/link$/, (socket) => {
       socket.onMessage(() => {
         socket.send(Buffer.from([0x14, 2]));
@@ -181,6 +188,31 @@ describe.skipIf(MISSING.length > 0)('the console with a scripted watch', () => {
         /malformed ⚠ value \(offset 13\): expected a finite number, found infinity/,
       );
     }, PATIENCE);
+  });
+
+  it('says that it measures, until what it has asked already is answered', async () => {
+    await fresh();
+    await playControl();
+    let answer = (): void => undefined;
+    await page.routeWebSocket(/\/link$/, (socket) => {
+      socket.onMessage((message) => {
+        const [first = 0] = Buffer.from(message);
+        if (first % 16 === 1) {
+          socket.send(Buffer.from([0x80 | first, ...LIST_WITHOUT_ENTRIES]));
+        } else if (first % 16 === 4) {
+          socket.send(Buffer.from([first, 2, 0, 1]));
+        }
+      });
+      answer = () => {
+        socket.send(WORN);
+      };
+    });
+    await goOn();
+    await page.waitForSelector('.packets tr:has-text("measure wear")'); // by the page itself
+    await page.click('#measure-4');
+    await page.waitForSelector('#measure-4:disabled:text-is("Measuring …")');
+    answer();
+    await page.waitForSelector('#measure-4:enabled:text-is("Measure")');
   });
 
   it('takes hours of ten readings a second, with flat memory and short frames', async () => {
