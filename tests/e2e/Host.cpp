@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <variant>
 
+#include "Bridge.h"
 #include "Gateway.h"
 #include "Process.h"
 
@@ -32,7 +33,7 @@ Host::Host(const std::filesystem::path &socketPath, std::chrono::milliseconds li
     if (const Gateway *gateway = Gateway::Of(socketPath.parent_path())) {
         ConnectToGateway(*gateway, limit);
     } else {
-        ConnectToSocket(socketPath, limit);
+        ConnectToSocket(PhoneSocket(socketPath), limit);
     }
 }
 

@@ -16,7 +16,7 @@ using Bytes = std::vector<uint8_t>;
 
 /**
  * A phone that speaks raw bytes on the accessory link's socket or, where PARVANE_TEST_GATEWAY names its program,
- * through a gateway.
+ * through a gateway over WebSocket, or where PhoneSocket() leads.
  */
 class Host
 {

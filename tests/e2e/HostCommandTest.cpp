@@ -1,6 +1,7 @@
 #include <csignal>
 #include <map>
 
+#include "Bridge.h"
 #include "Gateway.h"
 #include "ServiceFixture.h"
 
@@ -22,7 +23,8 @@ class HostCommandTest : public ServiceFixture
 protected:
     std::unique_ptr<Process> StartHost(const std::vector<std::string> &arguments) const
     {
-        std::vector<std::string> command = {PARVANE_HOST_PROGRAM, "--socket", LinkPath().string()};
+        std::vector<std::string> command = {PARVANE_HOST_PROGRAM, "--socket",
+                                            PhoneSocket(LinkPath())};
         Environment environment = BaseEnvironment();
         if (const Gateway *gateway = Gateway::Of(mRunDirectory)) {
             command = {PARVANE_HOST_PROGRAM, "--link", gateway->Target().mAddress};
