@@ -6,6 +6,13 @@ import page from './vite.config';
 export default mergeConfig(
   page,
   defineConfig({
-    test: { include: ['tests/**/*.test.ts'], testTimeout: 180_000, hookTimeout: 180_000 },
+    test: {
+      include: ['tests/**/*.test.ts'],
+      // More than processors: whoever looks at a page waits most of the time.
+      maxWorkers: 4,
+      minWorkers: 1,
+      testTimeout: 180_000,
+      hookTimeout: 180_000,
+    },
   }),
 );

@@ -6,7 +6,7 @@ import { fileURLToPath } from 'node:url';
 import { promisify } from 'node:util';
 
 import { chromium, type Browser, type BrowserContext, type Page } from 'playwright-core';
-import { vi } from 'vitest';
+import { it, vi } from 'vitest';
 import { WebSocket } from 'ws';
 
 export const TREE = fileURLToPath(new URL('../../..', import.meta.url));
@@ -29,13 +29,16 @@ export class World {
   readonly folder = mkdtempSync(`${tmpdir()}/parvane-console-`);
   readonly #config = `${this.folder}/gateway.conf`;
   readonly #processes: ChildProcess[] = [];
-  readonly #serviceEnvironment: Record<string, string>;
+  readonly #serviceEnvironment: Record<string, string> | undefined;
   service: ChildProcess | undefined;
   gateway: ChildProcess | undefined;
   port = 0;
 
-  /** @param environment - of the service, such as PARVANE_TRACE */
-  constructor(environment: Record<string, string> = {}, sensors = '') {
+  /**
+   * @param environment - of the service, such as PARVANE_TRACE; without it there is none
+   * @param sensors - its platform.conf
+   */
+  constructor(environment?: Record<string, string>, sensors = '') {
     for (const name of ['state', 'run', 'gateway-state', 'gateway-run']) {
       mkdirSync(`${this.folder}/${name}`, { mode: 0o700 });
     }
@@ -46,6 +49,10 @@ export class World {
 
   get url(): string {
     return `http://127.0.0.1:${this.port}`;
+  }
+
+  async start(): Promise<void> {
+    await Promise.all([this.#serviceEnvironment && this.startService(), this.startGateway()]);
   }
 
   async startService(): Promise<void> {
@@ -134,6 +141,20 @@ export class World {
     });
     this.#processes.push(child);
     return child;
+  }
+}
+
+/** The recorded run, again and again. */
+export function recordedRun(): World {
+  return new World({ PARVANE_TRACE: `${TREE}recordings/rest-then-run-49s-1hz.csv` });
+}
+
+/** Names the tests that could not run, and why. */
+export function skippedWithout(title: string): void {
+  if (MISSING.length > 0) {
+    it(title, (context) => {
+      context.skip(`not there: ${MISSING.join(', ')}`);
+    });
   }
 }
 
