@@ -300,6 +300,7 @@ void WebConnection::ServeSocket(const HttpRequest &request, std::string rest)
 
 void WebConnection::OpenClient(const HttpRequest &request, const Token &token, std::string rest)
 {
+    mIsServed = true;
     mDeadline.Remove();
     mStream->RestInput();
     mHead = {};
@@ -375,6 +376,7 @@ void WebConnection::Refuse(int status, const char *reason, const HeaderList &hea
 
 void WebConnection::Respond(int status, const HeaderList &headers, std::string_view body)
 {
+    mIsServed = true;
     mStream->Write(MakeResponse(status, headers, body));
     if (!mIsTls && mStream->Waiting() == 0) {
         ::shutdown(mRawFd, SHUT_WR);

@@ -45,6 +45,9 @@ public:
 
     [[nodiscard]] const std::string &Address() const { return mAddress; }
 
+    /** Whether its request has come: it has its answer, or a WebSocket. */
+    [[nodiscard]] bool IsServed() const { return mIsServed; }
+
     /** Ends a WebSocket whose token is not there any more. */
     void CheckToken();
 
@@ -80,6 +83,7 @@ private:
     WebContext &mContext;
     std::function<void()> mOnGone;
     bool mIsTls = false;
+    bool mIsServed = false;
     bool mIsGone = false;
     Parvane::ObjectPtr<GCancellable> mCancellable{g_cancellable_new()};
     Parvane::LoopSource mFirst;

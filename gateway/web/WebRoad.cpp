@@ -210,16 +210,26 @@ void WebRoad::OnAcceptable()
         return;
     }
     const std::string network = NetworkOf(address);
-    const auto ofNetwork =
-        std::count_if(mConnections.begin(), mConnections.end(),
-                      [&network](const Entry &entry) { return entry.mNetwork == network; });
     if (mConnections.size() >= kMostConnections) {
         mContext.mRefusals.Count("too many connections", TextOf(address));
-    } else if (static_cast<std::size_t>(ofNetwork) >= kMostOfAddress) {
+    } else if (IsCrowded(network)) {
         mContext.mRefusals.Count("too many connections of one address", TextOf(address));
     } else {
         Take(std::move(fd), network);
     }
+}
+
+bool WebRoad::IsCrowded(const std::string &network) const
+{
+    std::size_t all = 0;
+    std::size_t unknown = 0;
+    for (const Entry &entry : mConnections) {
+        if (entry.mNetwork == network && !entry.mIsGone) {
+            ++all;
+            unknown += entry.mConnection->IsServed() ? 0U : 1U;
+        }
+    }
+    return all >= kMostOfAddress || unknown >= kMostUnknown;
 }
 
 void WebRoad::Take(Parvane::UniqueFd fd, const std::string &address)

@@ -20,8 +20,10 @@ class WebRoad : public Road
 {
 public:
     static constexpr std::size_t kMostConnections = 64;
-    /** Of one address; of one network of 64 bits with IPv6. */
-    static constexpr std::size_t kMostOfAddress = 16;
+    /** Of one address that nobody knows yet; of one network of 64 bits with IPv6. */
+    static constexpr std::size_t kMostUnknown = 8;
+    /** The same with those that are served: a tab of the console has four WebSockets, and two tabs are no hostility. */
+    static constexpr std::size_t kMostOfAddress = 24;
 
     /** @param settings  borrowed, as are the seat and the tokens, whose listener this becomes */
     WebRoad(const Settings &settings, PhoneSeat &seat, TokenStore &tokens, const WebTimes &times);
@@ -42,6 +44,7 @@ private:
     void LoadTls();
     void Listen();
     void OnAcceptable();
+    [[nodiscard]] bool IsCrowded(const std::string &network) const;
     void Take(Parvane::UniqueFd fd, const std::string &address);
     void Sweep();
 

@@ -21,7 +21,7 @@ import unittest
 
 import websockets
 
-from gateway_under_test import (GatewayTest, PATIENCE_S, PROGRAM, close_code, frame, read_all, receive_exactly,
+from gateway_under_test import (GatewayTest, PATIENCE_S, PROGRAM, Watch, close_code, frame, read_all, receive_exactly,
                                 receive_frame, until)
 
 SIZES = [1, 4, 5, 18, 25, 125, 126, 127, 1000, 65531]
@@ -411,13 +411,13 @@ class HostileTest(GatewayTest):
         self.phone(secret, tls=True)
         self.watch.accept()
 
-    def test_16_connections_of_an_address_and_64_of_all(self):
+    def test_8_connections_of_an_address_and_64_of_all(self):
         count = lambda: self.status()["roads"]["web"]["connections"]
-        kept = [self.connect() for _ in range(16)]
-        until(lambda: count() == 16, "16 connections")
+        kept = [self.connect() for _ in range(8)]
+        until(lambda: count() == 8, "8 connections")
         self.assertEqual(read_all(self.connect()), b"")
         self.assertEqual(self.status()["refusals"]["too many connections of one address"], 1)
-        kept += [self.connect(source=f"127.0.2.{i // 16 + 1}") for i in range(48)]
+        kept += [self.connect(source=f"127.0.2.{i // 8 + 1}") for i in range(56)]
         until(lambda: count() == 64, "64 connections")
         self.assertEqual(read_all(self.connect(source="127.0.3.1")), b"")
         self.assertEqual(self.status()["refusals"]["too many connections"], 1)
@@ -425,6 +425,18 @@ class HostileTest(GatewayTest):
             connection.close()
         until(lambda: count() == 0, "the end of the connections")
         self.assertEqual(self.request("GET /")[0], 200)
+
+    def test_whoever_is_let_in_has_more_of_them_but_not_all(self):
+        control = Watch(self.folder + "/watch", "control.sock")
+        self.addCleanup(control.listener.close)
+        secret = self.token("desk", "--scope", "control")
+        for _ in range(24):
+            self.assertEqual(self.upgrade("Authorization: Bearer " + secret, path="/control",
+                                          protocol="parvane.control.v1")[0], 101)
+            control.accept()
+        self.assertEqual(read_all(self.connect()), b"")
+        self.assertEqual(self.status()["refusals"]["too many connections of one address"], 1)
+        self.assertEqual(self.request("GET /", source="127.0.2.1")[0], 200)
 
     def test_tls_is_of_today_and_of_the_certificate_that_status_names(self):
         for version, is_served in (("tls1", False), ("tls1_1", False), ("tls1_2", True), ("tls1_3", True)):
