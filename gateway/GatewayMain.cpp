@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
+#include <malloc.h>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
@@ -70,6 +71,8 @@ Settings ReadSettings(const ParvaneGateway::Invocation &invocation, bool isServi
 
 ExitCode Serve(const Settings &settings)
 {
+    // TLS handshakes are done in threads, each of which would keep what a flood of them had made its own arena.
+    ::mallopt(M_ARENA_MAX, 1);
     MakeDirectory(settings.mStateDirectory);
     MakeDirectory(settings.mRuntimeDirectory);
     const Parvane::Signals signals;
