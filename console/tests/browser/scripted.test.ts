@@ -88,9 +88,13 @@ function playInPage({ first, begin }: { first: object; begin: number }): void {
         observe = (message) => {
           this.tell(message);
         };
-        this.tell(first);
-      } else if (request !== undefined) {
-        this.tell({ ok: true, version: 1, ...(request === 'ping' ? { pong: true } : {}) });
+      }
+      const answer = request === 'ping' ? { pong: true } : { ok: true, version: 1 };
+      if (request !== undefined) {
+        // Later, as a real one does: whoever asks is to have gone on meanwhile.
+        setTimeout(() => {
+          this.tell(request === 'observe' ? first : answer);
+        });
       }
     }
 
