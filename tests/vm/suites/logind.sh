@@ -34,8 +34,10 @@ doze() {
 }
 woke() { [ "$(slept)" -gt "$1" ]; }
 
-# Measures in the background until that inhibits sleep: the service waits for logind half a second at most, which an
-# emulated one may exceed; any other reason is a failure.
+# No inhibitor for any other reason than a bus or a logind that has not answered in time.
+denied() { journal | grep 'no inhibitor from logind: ' | grep -vE ': (Timeout was reached|no system bus)$'; }
+# Measures in the background until that inhibits sleep: the service waits for the bus and for logind half a second at
+# most, which emulated ones may exceed; any other reason is a failure.
 measure_awake() {
     local attempt
     for attempt in 1 2 3 4; do
@@ -44,7 +46,7 @@ measure_awake() {
         while kill -0 $measurement 2>/dev/null; do
             ! inhibits || return 0
         done
-        refused logged 'no inhibitor from logind: [^T]'
+        refused denied
     done
     fail "no measurement inhibits sleep"
 }
@@ -60,7 +62,7 @@ test_measurement_keeps_the_machine_awake() {
     wait $measurement
     grep '66 bpm' beats
     eventually 10 gone
-    refused logged 'no inhibitor from logind: [^T]'
+    refused denied
 }
 gone() { ! inhibits; }
 
