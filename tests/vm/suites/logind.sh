@@ -40,7 +40,8 @@ denied() { journal | grep 'no inhibitor from logind: ' | grep -vE ': (Timeout wa
 # most, which emulated ones may exceed; any other reason is a failure.
 measure_awake() {
     local attempt
-    for attempt in 1 2 3 4; do
+    for attempt in {1..10}; do
+        warm_up
         parvane-host --timeout 120 measure hr >beats &
         measurement=$!
         while kill -0 $measurement 2>/dev/null; do
