@@ -69,7 +69,7 @@ std::unique_ptr<PowerHold> LogindBackend::Hold(int /*timeoutMs*/)
     }
     const std::string before = std::exchange(mProblem, problem);
     if (!problem.empty()) {
-        if (before.empty()) {
+        if (problem != before) {
             LogWarning("power: no inhibitor from logind: %s", problem.c_str());
         }
         return nullptr;

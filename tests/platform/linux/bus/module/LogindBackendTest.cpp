@@ -102,4 +102,24 @@ TEST_F(LogindBackendTest, NoBusIsNoHold)
               std::string::npos);
 }
 
+TEST_F(LogindBackendTest, AnotherReasonIsALineOfItsOwn)
+{
+    mBus->Stop();
+    StderrCapture capture;
+    EXPECT_EQ(mBackend.Hold(1000), nullptr);
+    mBus->Start();
+    EXPECT_TRUE(Eventually([this] {
+        EXPECT_EQ(mBackend.Hold(1000), nullptr);
+        return mSystemBus->Connection() != nullptr;
+    }));
+    EXPECT_EQ(mBackend.Hold(1000), nullptr);
+    const std::string log = capture.Take();
+    const std::string line = "W platform: power: no inhibitor from logind: ";
+    const std::size_t first = log.find(line + "no system bus\n");
+    ASSERT_NE(first, std::string::npos) << log;
+    const std::size_t second = log.find(line, first + 1);
+    ASSERT_NE(second, std::string::npos) << log;
+    EXPECT_NE(log.substr(second + line.size(), 13), "no system bus") << log;
+}
+
 } // namespace ParvanePlatform
