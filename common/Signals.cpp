@@ -7,12 +7,15 @@
 
 namespace Parvane {
 
-Signals::Signals()
+Signals::Signals(bool alsoHangup)
 {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    if (alsoHangup) {
+        sigaddset(&signals, SIGHUP);
+    }
     mFd = UniqueFd(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
     if (!mFd) {
         throw std::system_error(errno, std::generic_category(), "signalfd");

@@ -14,8 +14,11 @@ namespace Parvane {
 class Signals
 {
 public:
-    /** @throws std::system_error when the system has no descriptor left */
-    Signals();
+    /**
+     * @param alsoHangup  takes SIGHUP as well
+     * @throws std::system_error when the system has no descriptor left
+     */
+    explicit Signals(bool alsoHangup = false);
     ~Signals();
 
     Signals(const Signals &) = delete;

@@ -29,7 +29,7 @@ using ParvaneGateway::Settings;
 
 void LogHandlerFailure(const char *line) noexcept
 {
-    ParvaneGateway::LogError(line);
+    Parvane::LogError(line);
 }
 
 /** Makes a directory that is not there, for this user alone. */
@@ -49,7 +49,7 @@ Settings ReadSettings(const ParvaneGateway::Invocation &invocation, bool isServi
     if (isServing) {
         for (const auto &problem : configuration.mProblems) {
             if (!problem.mIsError) {
-                ParvaneGateway::LogWarning(ToString(invocation.mConfig, problem));
+                Parvane::LogWarning(ToString(invocation.mConfig, problem));
             }
         }
     }
@@ -105,14 +105,15 @@ int main(int argc, char **argv)
 {
     Parvane::ReserveStandardDescriptors();
     Parvane::SetHandlerLog(LogHandlerFailure);
+    Parvane::SetLogName("parvane-gateway");
     try {
         return static_cast<int>(
             Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc)));
     } catch (const ParvaneGateway::NoAnswer &failure) {
-        ParvaneGateway::LogError(failure.what());
+        Parvane::LogError(failure.what());
         return static_cast<int>(ExitCode::NoAnswer);
     } catch (const std::exception &failure) {
-        ParvaneGateway::LogError(failure.what());
+        Parvane::LogError(failure.what());
         return static_cast<int>(ExitCode::Failure);
     }
 }

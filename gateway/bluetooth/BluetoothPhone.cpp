@@ -25,7 +25,7 @@ Parvane::UniqueFd MakePair(Parvane::UniqueFd &ours)
 {
     int ends[2] = {-1, -1};
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
-        LogError("bluetooth: no descriptor left for a phone");
+        Parvane::LogError("bluetooth: no descriptor left for a phone");
     }
     const int size = static_cast<int>(kMaxWaitingBytes / 2); // the kernel doubles it
     setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
@@ -161,8 +161,9 @@ bool BluetoothPhone::Deliver(PacketBytes packet)
 {
     if (mPeer.mMtu != 0 && packet.size() + kHeaderBytes > mPeer.mMtu) {
         if (!std::exchange(mHasToldOfSize, true)) {
-            LogWarning("bluetooth: a packet of " + std::to_string(packet.size()) +
-                       " bytes is dropped: the connection's MTU is " + std::to_string(mPeer.mMtu));
+            Parvane::LogWarning("bluetooth: a packet of " + std::to_string(packet.size()) +
+                                " bytes is dropped: the connection's MTU is " +
+                                std::to_string(mPeer.mMtu));
         }
         return true;
     }

@@ -148,9 +148,9 @@ void BluetoothRoad::OnState(const std::string &state, bool isTrouble)
         return;
     }
     if (isTrouble) {
-        LogWarning("bluetooth: " + state);
+        Parvane::LogWarning("bluetooth: " + state);
     } else {
-        LogInfo("bluetooth: " + state);
+        Parvane::LogInfo("bluetooth: " + state);
     }
 }
 

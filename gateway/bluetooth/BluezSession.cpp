@@ -332,8 +332,8 @@ const char *BluezSession::Admit(const GattCall &call)
     }
     if (answer == PhoneSeat::Answer::Seated) {
         mSubscribers.insert(call.Device());
-        LogInfo("bluetooth: " + NameOf(call.Device()) + " is connected, with an MTU of " +
-                std::to_string(call.Mtu()));
+        Parvane::LogInfo("bluetooth: " + NameOf(call.Device()) + " is connected, with an MTU of " +
+                         std::to_string(call.Mtu()));
         return nullptr;
     }
     mPhone.reset();
@@ -404,7 +404,7 @@ void BluezSession::RefuseHeld()
 
 void BluezSession::Dismiss(const std::string &device, const std::string &reason)
 {
-    LogWarning("bluetooth: " + NameOf(device) + " is refused: " + reason);
+    Parvane::LogWarning("bluetooth: " + NameOf(device) + " is refused: " + reason);
     if (!IsConnected(device)) {
         return;
     }
@@ -421,7 +421,7 @@ void BluezSession::Dismiss(const std::string &device, const std::string &reason)
 void BluezSession::Leave()
 {
     if (const std::unique_ptr<BluetoothPhone> phone = std::move(mPhone); phone) {
-        LogInfo("bluetooth: " + NameOf(phone->Device()) + " has gone");
+        Parvane::LogInfo("bluetooth: " + NameOf(phone->Device()) + " has gone");
     }
     Advance();
 }

@@ -309,7 +309,7 @@ bool RunPairing(const PairingSettings &settings)
         g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
     const Parvane::ErrorPtr failure(error);
     if (!connection) {
-        LogError(std::string("there is no system bus: ") + failure->message);
+        Parvane::LogError(std::string("there is no system bus: ") + failure->message);
         return false;
     }
     g_dbus_connection_set_exit_on_close(connection.get(), FALSE);

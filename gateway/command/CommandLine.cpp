@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <optional>
 #include <sstream>
 
@@ -31,34 +30,6 @@ struct Texts
     bool mNoQr = false;
     bool mYes = false;
 };
-
-/** "90", "90s", "15m", "12h" or "30d" in seconds. */
-std::optional<std::int64_t> ParseLength(std::string text)
-{
-    constexpr std::int64_t kMost = 3650LL * 86400;
-    std::int64_t unit = 1;
-    switch (text.empty() ? '\0' : text.back()) {
-    case 'd':
-        unit = 86400;
-        break;
-    case 'h':
-        unit = 3600;
-        break;
-    case 'm':
-        unit = 60;
-        break;
-    case 's':
-        break;
-    default:
-        text += 's';
-    }
-    std::int64_t number = 0;
-    const char *end = text.data() + text.size() - 1;
-    const auto result = std::from_chars(text.data(), end, number);
-    const bool isNumber = result.ec == std::errc() && result.ptr == end;
-    return isNumber && number > 0 && number <= kMost / unit ? std::optional(number * unit)
-                                                            : std::nullopt;
-}
 
 Ending Wrong(const std::string &text)
 {
@@ -121,7 +92,7 @@ std::string ApplyTexts(const Texts &texts, Invocation &invocation)
     constexpr std::int64_t kPairS = 60;
     invocation.mForS = invocation.mAction == Action::Pair ? kPairS : 0;
     if (!texts.mFor.empty()) {
-        const auto length = ParseLength(texts.mFor);
+        const auto length = Parvane::ParseLength(texts.mFor);
         if (!length) {
             return "'" + Parvane::Printable(texts.mFor) +
                    "' is no length such as 90s, 15m, 12h or 30d";

@@ -3,28 +3,19 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <functional>
 #include <map>
-#include <memory>
 #include <netinet/in.h>
-#include <optional>
-#include <stdexcept>
 #include <string_view>
 #include <utility>
 
-#include <glib.h>
-
-#include "ErrnoText.h"
 #include "Printable.h"
-#include "RegularFile.h"
 
 namespace ParvaneGateway {
 
 namespace {
 
-constexpr std::size_t kMostBytes = 1048576;
 constexpr int kMostProblems = 20;
 constexpr int kMostPort = 65535;
 
@@ -37,19 +28,11 @@ struct Key
     std::function<bool(const std::string &value, Settings &settings)> mApply;
 };
 
-std::optional<bool> ParseBoolean(const std::string &text)
-{
-    if (text == "yes" || text == "true" || text == "1") {
-        return true;
-    }
-    return text == "no" || text == "false" || text == "0" ? std::optional(false) : std::nullopt;
-}
-
 template <typename Field>
 auto Boolean(Field field)
 {
     return [field](const std::string &text, Settings &settings) {
-        const auto value = ParseBoolean(text);
+        const auto value = Parvane::ParseBoolean(text);
         std::invoke(field, settings) = value.value_or(false);
         return value.has_value();
     };
@@ -174,92 +157,57 @@ const std::vector<Key> &Schema()
     return schema;
 }
 
-std::string_view Trim(std::string_view text)
-{
-    constexpr std::string_view kBlanks = " \t\r";
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
-}
-
-/** Goes through the lines of a file. */
+/** Goes through the entries of a file. */
 class Reader
 {
 public:
     Configuration Read(std::string_view text);
 
 private:
-    void ReadLine(std::string_view line);
-    void ReadKey(std::string_view name, const std::string &value);
+    void ReadKey(const Parvane::ConfigEntry &entry);
     void CheckTogether();
     void Add(bool isError, int line, std::string text);
 
     Configuration mResult;
-    std::string mSection;
-    int mLine = 0;
     std::map<std::string, int> mLines;
 };
 
 Configuration Reader::Read(std::string_view text)
 {
-    if (g_utf8_validate_len(text.data(), text.size(), nullptr) == FALSE ||
-        text.find('\0') != std::string_view::npos) {
-        Add(true, 0, "it is no text in UTF-8");
-        return std::move(mResult);
-    }
-    while (!text.empty()) {
-        const std::string_view line = text.substr(0, text.find('\n'));
-        text.remove_prefix(std::min(line.size() + 1, text.size()));
-        ++mLine;
-        ReadLine(Trim(line));
+    for (const auto &entry : Parvane::ReadConfigEntries(text, mResult.mProblems)) {
+        ReadKey(entry);
     }
     CheckTogether();
     return std::move(mResult);
 }
 
-void Reader::ReadLine(std::string_view line)
-{
-    if (line.empty() || line.front() == '#') {
-        return;
-    }
-    if (line.front() == '[' && line.back() == ']') {
-        mSection = line.substr(1, line.size() - 2);
-        const auto &schema = Schema();
-        if (std::none_of(schema.begin(), schema.end(),
-                         [this](const Key &key) { return mSection == key.mSection; })) {
-            Add(false, mLine, "unknown section [" + Parvane::Printable(mSection) + "]");
-        }
-        return;
-    }
-    const std::size_t equals = line.find('=');
-    if (equals == std::string_view::npos || mSection.empty()) {
-        Add(true, mLine, "it must be [section], key=value or a comment, a key below a section");
-        return;
-    }
-    ReadKey(Trim(line.substr(0, equals)), std::string(Trim(line.substr(equals + 1))));
-}
-
-void Reader::ReadKey(std::string_view name, const std::string &value)
+void Reader::ReadKey(const Parvane::ConfigEntry &entry)
 {
     const auto &schema = Schema();
-    const auto key = std::find_if(schema.begin(), schema.end(), [&](const Key &one) {
-        return mSection == one.mSection && name == one.mName;
+    const bool isKnown = std::any_of(schema.begin(), schema.end(), [&entry](const Key &one) {
+        return entry.mSection == one.mSection;
     });
-    const std::string place = "[" + Parvane::Printable(mSection) + "] " + Parvane::Printable(name);
-    if (key == schema.end()) {
-        const bool isKnown = std::any_of(schema.begin(), schema.end(), [this](const Key &one) {
-            return mSection == one.mSection;
-        });
-        if (isKnown) {
-            Add(false, mLine, "unknown key " + place);
+    if (entry.mKey.empty() || !isKnown) {
+        if (!isKnown && entry.mKey.empty()) {
+            Add(false, entry.mLine, "unknown section [" + Parvane::Printable(entry.mSection) + "]");
         }
         return;
     }
-    const auto [earlier, isFirst] = mLines.insert({mSection + '.' + key->mName, mLine});
+    const auto key = std::find_if(schema.begin(), schema.end(), [&entry](const Key &one) {
+        return entry.mSection == one.mSection && entry.mKey == one.mName;
+    });
+    if (key == schema.end()) {
+        Add(false, entry.mLine, "unknown key " + entry.Place());
+        return;
+    }
+    const auto [earlier, isFirst] = mLines.insert({entry.mSection + '.' + key->mName, entry.mLine});
     if (!isFirst) {
-        Add(true, mLine, place + " stands in line " + std::to_string(earlier->second) + " already");
-    } else if (!key->mApply(value, mResult.mSettings)) {
-        Add(true, mLine,
-            place + " is '" + Parvane::Printable(value, 200) + "': it must be " + key->mAllowed);
+        Add(true, entry.mLine,
+            entry.Place() + " stands in line " + std::to_string(earlier->second) + " already");
+    } else if (!key->mApply(entry.mValue, mResult.mSettings)) {
+        Add(true, entry.mLine,
+            entry.Place() + " is '" + Parvane::Printable(entry.mValue, 200) + "': it must be " +
+                key->mAllowed);
     }
 }
 
@@ -288,20 +236,6 @@ void Reader::Add(bool isError, int line, std::string text)
 
 } // namespace
 
-std::string ToString(const std::string &path, const ConfigProblem &problem)
-{
-    const std::string line =
-        problem.mLine > 0 ? "line " + std::to_string(problem.mLine) + ": " : std::string();
-    return Parvane::Printable(path) + ": " + line + problem.mText;
-}
-
-const ConfigProblem *Configuration::FirstError() const
-{
-    const auto found = std::find_if(mProblems.begin(), mProblems.end(),
-                                    [](const ConfigProblem &problem) { return problem.mIsError; });
-    return found == mProblems.end() ? nullptr : &*found;
-}
-
 Configuration ParseConfiguration(const std::string &text)
 {
     Configuration configuration = Reader().Read(text);
@@ -313,17 +247,7 @@ Configuration ParseConfiguration(const std::string &text)
 
 Configuration LoadConfiguration(const std::string &path, bool mustExist)
 {
-    std::string text;
-    const int error = Parvane::ReadWholeFile(path, kMostBytes, text);
-    if (error == ENOENT && !mustExist) {
-        return {};
-    }
-    if (error != 0) {
-        throw std::runtime_error(
-            "cannot read the configuration file " + Parvane::Printable(path) + ": " +
-            (error == EFBIG ? "it is longer than 1 MiB" : Parvane::ErrnoText(error)));
-    }
-    return ParseConfiguration(text);
+    return ParseConfiguration(Parvane::ReadConfigFile(path, mustExist));
 }
 
 std::vector<std::string> ConfigKeys()

@@ -19,7 +19,7 @@ PhoneSeat::Answer PhoneSeat::Sit(Phone &phone)
     const int error = mIsStopped ? ECANCELED : mLink.Connect();
     if (error != 0) {
         ++mStatus.mRefusedForWatch;
-        LogInfo("the watch service takes no phone: " + Parvane::ErrnoText(error));
+        Parvane::LogInfo("the watch service takes no phone: " + Parvane::ErrnoText(error));
         return Answer::WatchAway;
     }
     mPhone = &phone;
@@ -64,7 +64,7 @@ void PhoneSeat::Left(Phone &phone)
     }
     mLink.StopReading();
     mLeaving = Parvane::LoopSource::After(kLeavingTime, [this] {
-        LogWarning("the last packets of a phone are dropped: the watch does not read");
+        Parvane::LogWarning("the last packets of a phone are dropped: the watch does not read");
         CloseLink();
     });
 }

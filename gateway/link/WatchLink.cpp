@@ -117,7 +117,8 @@ bool WatchLink::ReadPacket()
     }
     const auto size = static_cast<std::size_t>(count);
     if (size > kMaxPacketBytes) {
-        LogWarning("the watch has sent a packet of " + std::to_string(size) + " bytes: dropped");
+        Parvane::LogWarning("the watch has sent a packet of " + std::to_string(size) +
+                            " bytes: dropped");
         return true;
     }
     const std::uint64_t connection = mConnection;

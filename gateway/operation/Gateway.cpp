@@ -48,7 +48,7 @@ void Gateway::Run()
     for (const auto &road : mRoads) {
         road->Open();
     }
-    LogInfo("serving");
+    Parvane::LogInfo("serving");
     mManager.OnReady();
     g_main_loop_run(mLoop.get());
 }
@@ -86,7 +86,7 @@ void Gateway::OnSignal()
         return;
     }
     mSignalSource.Remove();
-    LogInfo("ending");
+    Parvane::LogInfo("ending");
     mManager.OnStopping();
     mSeat.Stop();
     for (const auto &road : mRoads) {

@@ -63,7 +63,7 @@ void ServiceManager::Tell(const char *state) const
     }
     const Parvane::UniqueFd socket(Parvane::OpenDatagramSocket(kMaxWaitMs));
     if (!socket || Parvane::SendDatagram(socket.Get(), mAddress, state, 0) != 0) {
-        LogWarning("cannot tell the service manager");
+        Parvane::LogWarning("cannot tell the service manager");
     }
 }
 

@@ -132,7 +132,7 @@ void TokenStore::Load()
     try {
         mTokens = mFile.Load();
     } catch (const std::runtime_error &failure) {
-        LogError(std::string(failure.what()) + "; nobody is let in");
+        Parvane::LogError(std::string(failure.what()) + "; nobody is let in");
         mTokens.clear();
     }
 }

@@ -12,8 +12,8 @@ void Refusals::Count(const std::string &reason, const std::string &address)
     const auto logged = mLogged.find(reason);
     if (logged == mLogged.end() || now - logged->second >= kQuiet) {
         mLogged[reason] = now;
-        LogWarning("refused " + address + ": " + reason + " (" + std::to_string(count) +
-                   " since the start)");
+        Parvane::LogWarning("refused " + address + ": " + reason + " (" + std::to_string(count) +
+                            " since the start)");
     }
 }
 

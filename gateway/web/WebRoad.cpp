@@ -126,7 +126,7 @@ void WebRoad::Open()
             entry.mConnection->CheckToken();
         }
     });
-    LogInfo("the network: " + Text());
+    Parvane::LogInfo("the network: " + Text());
 }
 
 void WebRoad::LoadTls()
@@ -200,7 +200,7 @@ void WebRoad::OnAcceptable()
     if (!fd) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
             // The connection stays in the queue: without a pause the loop would spin.
-            LogError("cannot take a connection: " + Parvane::ErrnoText(errno));
+            Parvane::LogError("cannot take a connection: " + Parvane::ErrnoText(errno));
             mSource.Remove();
             mPause = Parvane::LoopSource::After(kPause, [this] {
                 mSource = Parvane::LoopSource::WatchFd(mListener.Get(), G_IO_IN,

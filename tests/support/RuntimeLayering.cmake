@@ -31,6 +31,7 @@ file(GLOB common RELATIVE ${RUNTIME_DIR}/../../common ${RUNTIME_DIR}/../../commo
 foreach(header IN LISTS common)
     set(LAYER_OF_${header} common)
 endforeach()
+set(LAYER_OF_Sqlite.h preference) # that part of what is everybody's is one room's
 # What GLib leaves to everybody belongs to the rooms that bring it.
 foreach(pair loop=loop bus=bus/module)
     string(REGEX REPLACE "=.*" "" folder ${pair})

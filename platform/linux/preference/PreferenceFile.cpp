@@ -105,7 +105,7 @@ int ReadRow(const SqliteStatement &select, std::optional<PreferenceValue> &value
 PreferenceFile::PreferenceFile(const std::string &stateDirectory, const Clock &clock)
     : mClock(clock), mDirectory(stateDirectory), mPath(stateDirectory + kFileName)
 {
-    SqliteUseLittleMemory();
+    Parvane::SqliteUseLittleMemory();
 }
 
 int PreferenceFile::Read(std::string_view key, std::optional<PreferenceValue> &value)

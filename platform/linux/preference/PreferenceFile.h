@@ -12,6 +12,12 @@
 
 namespace ParvanePlatform {
 
+using Parvane::IsSqliteCorruption;
+using Parvane::SqliteErrorText;
+using Parvane::SqliteExecute;
+using Parvane::SqliteHandle;
+using Parvane::SqliteStatement;
+
 /** What a preference holds. */
 using PreferenceValue = std::variant<bool, int, std::string>;
 

@@ -1,8 +1,8 @@
 #include "Sqlite.h"
 
-#include "Files.h"
+#include "ErrnoText.h"
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 int SqliteStatement::Prepare(sqlite3 *database, const char *sql)
 {
@@ -88,7 +88,7 @@ std::string SqliteErrorText(sqlite3 *database, int result)
 {
     std::string text = sqlite3_errstr(result);
     if (const int error = database != nullptr ? sqlite3_system_errno(database) : 0; error != 0) {
-        text += " (" + ErrorText(error) + ")";
+        text += " (" + ErrnoText(error) + ")";
     }
     return text;
 }
@@ -102,4 +102,4 @@ void SqliteUseLittleMemory()
     sqlite3_config(SQLITE_CONFIG_LOOKASIDE, kSmallBlockBytes, kSmallBlocks);
 }
 
-} // namespace ParvanePlatform
+} // namespace Parvane

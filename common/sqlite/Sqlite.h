@@ -7,7 +7,7 @@
 
 #include <sqlite3.h>
 
-namespace ParvanePlatform {
+namespace Parvane {
 
 /** Closes a connection. Its statements are finalised before. */
 struct SqliteClose
@@ -66,9 +66,9 @@ bool IsSqliteCorruption(int result);
 std::string SqliteErrorText(sqlite3 *database, int result);
 
 /**
- * Keeps SQLite from setting memory aside for more pages and statements than the preferences need.
+ * Keeps SQLite from setting memory aside for more pages and statements than a small store needs.
  * Before the first database is opened; later it changes nothing.
  */
 void SqliteUseLittleMemory();
 
-} // namespace ParvanePlatform
+} // namespace Parvane

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 /** Where in the sources a line is logged: as a default argument, the place of the call. */
 struct LogPlace
@@ -19,8 +19,11 @@ struct LogPlace
     int mLine;
 };
 
+/** Whose log it is; to be called once, before the first line. @param name  borrowed, "parvane-gateway" */
+void SetLogName(const char *name);
+
 /**
- * One line of the gateway's log: an entry of the journal where standard error is connected to it, with
+ * One line of a daemon's log: an entry of the journal where standard error is connected to it, with
  * the place in the sources, else a line there. What comes from outside goes through Parvane::Printable()
  * first; a token is never part of it. Main-loop thread only.
  */
@@ -28,4 +31,4 @@ void LogInfo(std::string_view text, LogPlace place = LogPlace::Here()) noexcept;
 void LogWarning(std::string_view text, LogPlace place = LogPlace::Here()) noexcept;
 void LogError(std::string_view text, LogPlace place = LogPlace::Here()) noexcept;
 
-} // namespace ParvaneGateway
+} // namespace Parvane
