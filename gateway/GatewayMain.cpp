@@ -109,7 +109,7 @@ int main(int argc, char **argv)
     try {
         return static_cast<int>(
             Run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc)));
-    } catch (const ParvaneGateway::NoAnswer &failure) {
+    } catch (const Parvane::NoAnswer &failure) {
         Parvane::LogError(failure.what());
         return static_cast<int>(ExitCode::NoAnswer);
     } catch (const std::exception &failure) {

@@ -160,8 +160,8 @@ std::string StatusText(const nlohmann::json &status)
 
 ExitCode ShowStatus(const Invocation &invocation, const Settings &settings)
 {
-    const nlohmann::json status =
-        OperationSocket::Ask(settings.mRuntimeDirectory, {{"request", "status"}});
+    const nlohmann::json status = Parvane::OperationSocket::Ask(settings.mRuntimeDirectory,
+                                                                "gateway", {{"request", "status"}});
     Print(invocation.mJson ? status.dump() + '\n' : StatusText(status));
     return ExitCode::Success;
 }

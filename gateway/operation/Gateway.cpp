@@ -30,7 +30,7 @@ Gateway::Gateway(const Settings &settings, const Parvane::Signals &signals)
       mLoop(g_main_loop_new(nullptr, FALSE)),
       mSeat(settings.mWatchDirectory + "/link.sock"),
       mTokens(settings.mStateDirectory),
-      mOperation(settings.mRuntimeDirectory)
+      mOperation(settings.mRuntimeDirectory, "gateway")
 {
     mOperation.Serve("status", [this](const nlohmann::json & /*request*/) { return Status(); });
     if (settings.mWeb.mEnabled) {

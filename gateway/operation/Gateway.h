@@ -51,9 +51,9 @@ private:
     std::unique_ptr<GMainLoop, LoopRelease> mLoop;
     PhoneSeat mSeat;
     TokenStore mTokens;
-    OperationSocket mOperation;
+    Parvane::OperationSocket mOperation;
     std::vector<std::unique_ptr<Road>> mRoads;
-    ServiceManager mManager;
+    Parvane::ServiceManager mManager;
     Parvane::LoopSource mSignalSource;
     Parvane::LoopSource mShutTimer;
     int mShutTurns = 0;

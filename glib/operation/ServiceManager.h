@@ -5,10 +5,10 @@
 
 #include "LoopSource.h"
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 /**
- * Tells the manager of the system's services how the gateway is doing, where the manager has asked for it
+ * Tells the manager of the system's services how the daemon is doing, where the manager has asked for it
  * (NOTIFY_SOCKET): ready, a sign of life at half the interval that it asks for (WATCHDOG_USEC), and the end.
  */
 class ServiceManager
@@ -25,7 +25,7 @@ private:
 
     std::string mAddress;
     std::chrono::milliseconds mPeriod{0}; // 0: no signs of life
-    Parvane::LoopSource mTimer;
+    LoopSource mTimer;
 };
 
-} // namespace ParvaneGateway
+} // namespace Parvane

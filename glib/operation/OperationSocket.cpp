@@ -16,28 +16,32 @@
 #include "UnixSocket.h"
 #include "Wait.h"
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 namespace {
 
 using Json = nlohmann::json;
-using Parvane::UniqueFd;
 
-UniqueFd Lock(const std::string &directory)
+std::string PathOf(const std::string &directory, const std::string &name)
+{
+    return directory + '/' + name + ".sock";
+}
+
+UniqueFd Lock(const std::string &directory, const std::string &name)
 {
     const std::string path = directory + "/lock";
     UniqueFd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!lock || ::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        throw std::runtime_error(errno == EWOULDBLOCK
-                                     ? "another gateway uses the run-time directory " + directory
-                                     : "cannot lock " + path + ": " + Parvane::ErrnoText(errno));
+        throw std::runtime_error(
+            errno == EWOULDBLOCK ? "another " + name + " uses the run-time directory " + directory
+                                 : "cannot lock " + path + ": " + ErrnoText(errno));
     }
     return lock;
 }
 
 [[noreturn]] void Fail(const std::string &what, int error)
 {
-    throw std::runtime_error(what + ": " + Parvane::ErrnoText(error));
+    throw std::runtime_error(what + ": " + ErrnoText(error));
 }
 
 bool IsTrusted(int fd)
@@ -59,11 +63,11 @@ std::string Receive(int fd)
 
 } // namespace
 
-OperationSocket::OperationSocket(const std::string &runtimeDirectory)
-    : mPath(runtimeDirectory + '/' + kName), mLock(Lock(runtimeDirectory))
+OperationSocket::OperationSocket(const std::string &runtimeDirectory, const std::string &name)
+    : mPath(PathOf(runtimeDirectory, name)), mLock(Lock(runtimeDirectory, name))
 {
     sockaddr_un address{};
-    if (const int error = Parvane::MakeSocketAddress(mPath, address); error != 0) {
+    if (const int error = MakeSocketAddress(mPath, address); error != 0) {
         Fail("cannot make the socket " + mPath, error);
     }
     mListener.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -80,7 +84,7 @@ OperationSocket::OperationSocket(const std::string &runtimeDirectory)
     if (!isBound || ::listen(mListener.Get(), static_cast<int>(kMostClients)) != 0) {
         Fail("cannot make the socket " + mPath, isBound ? errno : error);
     }
-    mSource = Parvane::LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
+    mSource = LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
 }
 
 OperationSocket::~OperationSocket()
@@ -104,8 +108,8 @@ void OperationSocket::OnAcceptable()
     }
     Client &client = mClients.emplace_back();
     client.mSocket = std::move(socket);
-    client.mSource = Parvane::LoopSource::WatchFd(client.mSocket.Get(), G_IO_IN,
-                                                  [this, &client] { OnRequest(client); });
+    client.mSource =
+        LoopSource::WatchFd(client.mSocket.Get(), G_IO_IN, [this, &client] { OnRequest(client); });
 }
 
 void OperationSocket::OnRequest(Client &client)
@@ -132,20 +136,21 @@ Json OperationSocket::Answer(const std::string &text) const
     }
 }
 
-Json OperationSocket::Ask(const std::string &runtimeDirectory, const Json &request)
+Json OperationSocket::Ask(const std::string &runtimeDirectory, const std::string &name,
+                          const Json &request)
 {
-    const auto deadline = Parvane::Deadline::After(std::chrono::seconds(5));
-    const std::string path = runtimeDirectory + '/' + kName;
-    const auto noAnswer = [&path](int error) {
-        return NoAnswer("no gateway answers at " + path + ": " + Parvane::ErrnoText(error));
+    const auto deadline = Deadline::After(std::chrono::seconds(5));
+    const std::string path = PathOf(runtimeDirectory, name);
+    const auto noAnswer = [&](int error) {
+        return NoAnswer("no " + name + " answers at " + path + ": " + ErrnoText(error));
     };
     UniqueFd socket;
-    if (const int error = Parvane::ConnectToSocket(path, deadline, {}, socket); error != 0) {
+    if (const int error = ConnectToSocket(path, deadline, {}, socket); error != 0) {
         throw noAnswer(error);
     }
     const std::string text = request.dump();
     ::send(socket.Get(), text.data(), text.size(), MSG_NOSIGNAL);
-    if (Parvane::WaitFor(socket.Get(), POLLIN, deadline, {}) != Parvane::WaitResult::Ready) {
+    if (WaitFor(socket.Get(), POLLIN, deadline, {}) != WaitResult::Ready) {
         throw noAnswer(ETIMEDOUT);
     }
     const std::string reply = Receive(socket.Get());
@@ -159,4 +164,4 @@ Json OperationSocket::Ask(const std::string &runtimeDirectory, const Json &reque
     return object;
 }
 
-} // namespace ParvaneGateway
+} // namespace Parvane

@@ -11,13 +11,13 @@
 #include "RuntimeDirectory.h"
 #include "UniqueFd.h"
 
-namespace ParvaneGateway {
+namespace Parvane {
 
 namespace {
 
 std::string Variable(const char *name)
 {
-    return Parvane::ValueOf(
+    return ValueOf(
         [](const char *variable) { return static_cast<const char *>(std::getenv(variable)); },
         name);
 }
@@ -61,20 +61,20 @@ void ServiceManager::Tell(const char *state) const
     if (mAddress.empty()) {
         return;
     }
-    const Parvane::UniqueFd socket(Parvane::OpenDatagramSocket(kMaxWaitMs));
-    if (!socket || Parvane::SendDatagram(socket.Get(), mAddress, state, 0) != 0) {
-        Parvane::LogWarning("cannot tell the service manager");
+    const UniqueFd socket(OpenDatagramSocket(kMaxWaitMs));
+    if (!socket || SendDatagram(socket.Get(), mAddress, state, 0) != 0) {
+        LogWarning("cannot tell the service manager");
     }
 }
 
 void ServiceManager::WatchOver()
 {
     if (mPeriod.count() > 0) {
-        mTimer = Parvane::LoopSource::After(mPeriod, [this] {
+        mTimer = LoopSource::After(mPeriod, [this] {
             Tell("WATCHDOG=1");
             WatchOver();
         });
     }
 }
 
-} // namespace ParvaneGateway
+} // namespace Parvane
