@@ -11,7 +11,7 @@ DIRECTIVES = ("not run", "numbers vary", "service", "first", "meanwhile")
 LANGUAGES = {"sh": "commands", "text": "output", "ini": "configuration", "sql": "sql"}
 SHOWN = ("python", "json", "csv", "html", "ts")  # to be read, and no promise of what a command prints
 PROGRAMS = (
-    r"(parvane(-host|-watch|-gateway)?|cmake|ctest|ninja|make|sudo|apt|apt-get|dpkg|systemctl|systemd-\w+|journalctl"
+    r"(parvane(-host|-watch|-gateway|-hub)?|cmake|ctest|ninja|make|sudo|apt|apt-get|dpkg|systemctl|systemd-\w+|journalctl"
     r"|python3|git|man|export|echo|cd|mkdir|cp|kill|timeout)\s"
 )
 FIRST_WORDS = (

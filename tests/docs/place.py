@@ -11,7 +11,7 @@ from pathlib import Path
 from blocks import PageError
 
 START_SECONDS, REPLY_SECONDS = 20, 40  # on a machine that does much else
-PROGRAMS = {"parvane": "src/service", "parvane-host": "host", "parvane-watch": "watch"}
+PROGRAMS = {"parvane": "src/service", "parvane-host": "host", "parvane-watch": "watch", "parvane-hub": "hub"}
 ITEMS = ("heart_rate", "pedometer", "activity", "gesture")
 
 

@@ -1,4 +1,4 @@
-# Holds the walls around common/, glib/, the phone's side, the view into the service and the gateway:
+# Holds the walls around common/, glib/, the phone's side, the view into the service, the gateway and the hub:
 # cmake -DROOT=... -P
 #
 # The phone's side and the service share the wire format's document and nothing else; so each folder
@@ -9,7 +9,8 @@ cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/Walls.cmake)
 
 set(FOLDERS common common/config common/log common/sqlite common/usage glib/loop glib/bus glib/operation glib/web host/wire host/ledger host/session host/link host/web host/export host/command host/capi host/capi/parvane watch watch/check_config watch/monitor watch/play
-    gateway gateway/config gateway/link gateway/tokens gateway/tls gateway/road gateway/web gateway/bluetooth gateway/operation gateway/command)
+    gateway gateway/config gateway/link gateway/tokens gateway/tls gateway/road gateway/web gateway/bluetooth gateway/operation gateway/command
+    hub hub/loop hub/config hub/queue hub/readings hub/discovery hub/broker hub/watches hub/metrics hub/operation hub/command)
 set(SEES_common "")
 set(SEES_common/config common)
 set(SEES_common/log common)
@@ -45,6 +46,18 @@ set(SEES_gateway/bluetooth gateway/config gateway/road gateway/link common/log g
 set(SEES_gateway/operation glib/operation common/config gateway/config gateway/road gateway/web gateway/bluetooth gateway/link gateway/tls gateway/tokens common/log glib/web glib/bus glib/loop common)
 set(SEES_gateway/command glib/operation gateway/config common/config gateway/operation gateway/bluetooth gateway/road gateway/tls gateway/tokens common/log glib/web glib/loop common)
 set(SEES_gateway glib/operation common/config gateway/command gateway/operation gateway/config common/log glib/loop common)
+# The hub is a phone, of many watches.
+set(SEES_hub/loop common/log glib/loop)
+set(SEES_hub/config common/config host/web host/link common)
+set(SEES_hub/queue common/sqlite common/log common)
+set(SEES_hub/readings host/session host/ledger host/wire common)
+set(SEES_hub/discovery hub/config host/wire)
+set(SEES_hub/broker hub/config hub/discovery hub/queue hub/readings hub/loop common/log host/session host/ledger host/wire common)
+set(SEES_hub/watches hub/config hub/loop common/log host/web host/link host/session host/ledger host/wire common)
+set(SEES_hub/metrics hub/config hub/loop common)
+set(SEES_hub/operation hub/config hub/queue hub/readings hub/discovery hub/broker hub/watches hub/metrics hub/loop glib/operation host/session host/ledger host/wire common)
+set(SEES_hub/command hub/config common/config glib/operation common)
+set(SEES_hub hub/command hub/operation hub/config common/config common/log glib/operation glib/loop common)
 
 set(POSIX arpa/inet.h dirent.h clocale fcntl.h ifaddrs.h langinfo.h net/if.h netinet/in.h netinet/tcp.h poll.h signal.h sys/epoll.h sys/eventfd.h sys/file.h sys/inotify.h sys/ioctl.h sys/mman.h sys/random.h sys/signalfd.h sys/socket.h sys/stat.h sys/time.h sys/types.h sys/uio.h
     sys/un.h termios.h unistd.h)
@@ -81,6 +94,17 @@ set(LIBRARIES_gateway/web glib.h gio libsoup nlohmann)
 set(LIBRARIES_gateway/bluetooth glib.h gio nlohmann)
 set(LIBRARIES_gateway/operation glib.h nlohmann)
 set(LIBRARIES_gateway/command CLI nlohmann qrencode.h)
+set(LIBRARIES_hub "")
+set(LIBRARIES_hub/loop "")
+set(LIBRARIES_hub/config arpa/inet.h netinet/in.h)
+set(LIBRARIES_hub/queue "")
+set(LIBRARIES_hub/readings nlohmann)
+set(LIBRARIES_hub/discovery nlohmann)
+set(LIBRARIES_hub/broker mosquitto.h mqtt_protocol.h)
+set(LIBRARIES_hub/watches sys/epoll.h sys/eventfd.h)
+set(LIBRARIES_hub/metrics arpa/inet.h netinet/in.h)
+set(LIBRARIES_hub/operation glib.h nlohmann)
+set(LIBRARIES_hub/command CLI nlohmann)
 # The headers of ncurses, which have no folder.
 set(LIBRARIES_watch/monitor nlohmann curses.h)
 
@@ -126,7 +150,8 @@ foreach(folder IN LISTS FOLDERS)
 endforeach()
 
 file(GLOB_RECURSE all ${ROOT}/common/*.h ${ROOT}/common/*.cpp ${ROOT}/glib/*.h ${ROOT}/glib/*.cpp ${ROOT}/host/*.h ${ROOT}/host/*.cpp
-    ${ROOT}/watch/*.h ${ROOT}/watch/*.cpp ${ROOT}/gateway/*.h ${ROOT}/gateway/*.cpp)
+    ${ROOT}/watch/*.h ${ROOT}/watch/*.cpp ${ROOT}/gateway/*.h ${ROOT}/gateway/*.cpp
+    ${ROOT}/hub/*.h ${ROOT}/hub/*.cpp)
 list(LENGTH all expected)
 if(NOT count EQUAL expected)
     message(FATAL_ERROR "${expected} files, but ${count} in the folders that are known here")

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "CommandLine.h"
+#include "Settings.h"
+
+namespace ParvaneHub {
+
+/**
+ * Says how the hub that serves is doing, with all its watches.
+ *
+ * @throws Parvane::NoAnswer; std::runtime_error of another failure
+ */
+void ShowStatus(const Invocation &invocation, const Settings &settings);
+
+/** Judges a configuration file, for people. @throws std::runtime_error when it cannot be read */
+ExitCode CheckConfig(const Invocation &invocation);
+
+} // namespace ParvaneHub
