@@ -87,7 +87,7 @@ bool IsFingerprint(const std::string &text)
 template <typename Field>
 using Taking = std::function<Field &(const Target &)>;
 
-auto Text(Taking<std::string> field, bool (*isAllowed)(const std::string &))
+auto Text(const Taking<std::string> &field, bool (*isAllowed)(const std::string &))
 {
     return [=](const std::string &text, const Target &target) {
         field(target) = text;
@@ -95,7 +95,7 @@ auto Text(Taking<std::string> field, bool (*isAllowed)(const std::string &))
     };
 }
 
-auto Boolean(Taking<bool> field)
+auto Boolean(const Taking<bool> &field)
 {
     return [=](const std::string &text, const Target &target) {
         const auto value = Parvane::ParseBoolean(text);
@@ -105,7 +105,7 @@ auto Boolean(Taking<bool> field)
 }
 
 /** @param leastS  0 and "no" are allowed as well where it is below 0, and the least is its size */
-auto Length(Taking<std::chrono::seconds> field, long long leastS)
+auto Length(const Taking<std::chrono::seconds> &field, long long leastS)
 {
     return [=](const std::string &text, const Target &target) {
         const bool isNone = leastS < 0 && (text == "no" || text == "0");

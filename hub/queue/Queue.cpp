@@ -299,7 +299,7 @@ int Queue::Delete(std::int64_t place)
 int Queue::DropTooOld()
 {
     int result = SQLITE_OK;
-    while (result == SQLITE_OK && OldestAge() > mLimits.mMostAge) {
+    while (result == SQLITE_OK && mCounts.mMessages > 0 && OldestAge() > mLimits.mMostAge) {
         mOldest.Step();
         const std::int64_t place = mOldest.Int(0);
         mOldest.Reset();

@@ -54,7 +54,10 @@ void RelayRoad::Begin()
                                                  },
                                                  [fate = mFate, fd](const LinkError &error) {
                                                      fate->mEnd = error;
-                                                     ::eventfd_write(fd, 1);
+                                                     // An open link tells of its end itself.
+                                                     if (!fate->mIsOpen) {
+                                                         ::eventfd_write(fd, 1);
+                                                     }
                                                  }});
 }
 

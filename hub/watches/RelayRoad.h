@@ -35,7 +35,8 @@ private:
     ParvaneHost::WebTarget mTarget;
     Parvane::UniqueFd mNews; // readable when an attempt is over
     std::shared_ptr<Fate> mFate;
-    std::unique_ptr<ParvaneHost::WebRelay> mRelay; // of the attempt, or of the link that it has led to
+    std::unique_ptr<ParvaneHost::WebRelay>
+        mRelay; // of the attempt, or of the link that it has led to
     bool mIsTrying = false;
 };
 

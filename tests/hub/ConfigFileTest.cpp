@@ -105,8 +105,9 @@ TEST(HubConfigFileTest, TheDocumentsHaveEveryKey)
     std::string uncommented;
     std::istringstream lines(sample);
     for (std::string line; std::getline(lines, line);) {
-        const bool isKey = line.starts_with("#") && line.find('=') != std::string::npos &&
-                           line.find(' ') == std::string::npos;
+        const bool isKey = line.starts_with("#[") ||
+                           (line.starts_with("#") && line.find('=') != std::string::npos &&
+                            line.find(' ') == std::string::npos);
         uncommented += (isKey ? line.substr(1) : line) + '\n';
     }
     const auto configuration = ParseConfiguration(uncommented);

@@ -16,7 +16,7 @@ using ::testing::IsEmpty;
 
 class QueueTest : public ::testing::Test
 {
-protected:
+public:
     QueueTest()
     {
         std::string name =
@@ -25,6 +25,7 @@ protected:
     }
     ~QueueTest() override { std::filesystem::remove_all(mFolder); }
 
+protected:
     Queue Open(std::int64_t bytes = 1000000) const
     {
         return {mFolder / "queue.db", {bytes, std::chrono::hours{1}}};
