@@ -8,7 +8,7 @@ import subprocess
 import time
 import urllib.request
 
-from hub_under_test import ACTIVITY, HEART_RATE, START, HubTest, main, reading, until
+from hub_under_test import ACTIVITY, HEART_RATE, START, HubTest, Subscriber, main, reading, until
 
 
 class PublishTest(HubTest):
@@ -51,12 +51,14 @@ class PublishTest(HubTest):
         self.start(1)
         until(lambda: subscriber.readings("parvane/anna/worn") and subscriber.readings("parvane/anna/heart_rate"),
               "both readings")
-        late = subprocess.run(["mosquitto_sub", "-p", str(self.broker.port), "-t", "parvane/#", "-W", "2", "-F", "%t %p"],
-                              capture_output=True, text=True, check=False).stdout
-        self.assertIn("parvane/anna/worn {", late)
-        self.assertIn("parvane/anna/availability online", late)
-        self.assertIn("parvane/availability online", late)
-        self.assertNotIn("heart_rate", late)
+        late = Subscriber(self.broker.port, "parvane/#", "late")
+        self.addCleanup(late.close)
+        late.client.publish("parvane/end", "", 1)  # comes behind what is retained
+        until(lambda: late.on("parvane/end"), "what is retained")
+        topics = {message.topic: message.payload for message in late.messages}
+        self.assertIn("parvane/anna/worn", topics)
+        self.assertEqual((topics["parvane/anna/availability"], topics["parvane/availability"]), (b"online", b"online"))
+        self.assertNotIn("parvane/anna/heart_rate", topics)
 
     def test_availability_follows_the_link_and_the_hub(self):
         self.broker.start()
@@ -79,12 +81,12 @@ class PublishTest(HubTest):
         names = [f"w{i}" for i in range(5)]
         self.broker.start()
         self.configure(names, "heart_rate=30s\nsteps=no\n")
+        begin = time.monotonic()
         self.start(5)
-        asked = lambda: {name: at for at, name, _, sensor in list(self.watches.asked) if sensor == HEART_RATE}
+        asked = lambda: {name: at for at, name, _, sensor in reversed(self.watches.asked) if sensor == HEART_RATE}
         until(lambda: len(asked()) == 5, "all are asked")
-        times = sorted(asked().values())
-        for earlier, later in zip(times, times[1:]):
-            self.assertGreater(later - earlier, 0.5)
+        for index, name in enumerate(names):  # a busy machine has them asked later, never sooner
+            self.assertGreaterEqual(asked()[name] - begin, 2 + index, asked())
 
     def test_metrics_and_status(self):
         self.broker.start()
@@ -213,8 +215,7 @@ class AwayTest(HubTest):
         self.send_rates(names, values)
         until(lambda: self.status()["queue"]["messages"] >= 960, lambda: f"960 readings: {self.status()}")
         self.assertFalse(self.status()["broker"]["connected"])
-        self.broker.start()
-        subscriber = self.subscribe()
+        subscriber = self.begin_to_read()
         until(lambda: self.status()["queue"]["messages"] == 0 and len(subscriber.readings()) >= 960, "all have arrived")
         self.assert_in_order(subscriber, names, values)
         payloads = [message.payload for message in subscriber.messages if message.payload.startswith(b"{")]
@@ -247,8 +248,7 @@ class AwayTest(HubTest):
         self.assertLessEqual(queue["bytes"], 65536)
         self.assertEqual(queue["messages"] + queue["dropped_for_size"], 1000)
         self.assertGreater(queue["messages"], 100)
-        self.broker.start()
-        subscriber = self.subscribe()
+        subscriber = self.begin_to_read()
         until(lambda: self.status()["queue"]["messages"] == 0, "an empty queue")
         until(lambda: len(subscriber.readings()) == queue["messages"], "what is left has arrived")
         self.assert_in_order(subscriber, ["anna"], values[-queue["messages"]:])

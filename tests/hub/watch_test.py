@@ -117,8 +117,7 @@ class DiskTest(HubTest):
         subprocess.run(["prlimit", f"--pid={self.process.pid}", "--fsize=unlimited:unlimited"], check=True)
         until(lambda: not self.status()["queue"]["problem"], "there is room again")
         self.assertIn("readings are kept again", self.log_text())
-        self.broker.start()
-        subscriber = self.subscribe()
+        subscriber = self.begin_to_read()
         until(lambda: len(subscriber.readings()) == 1500, lambda: f"all arrive: {len(subscriber.readings())}")
         self.assert_in_order(subscriber, ["anna"], values)
 
@@ -165,8 +164,7 @@ class ClockTest(HubTest):
             self.watches.send("anna", reading(HEART_RATE, float(value)))
             until(lambda: self.status()["each"][0]["readings"] == value, "the reading is taken")
         self.assertEqual(self.status()["queue"]["dropped_for_age"], 0)
-        self.broker.start()
-        subscriber = self.subscribe()
+        subscriber = self.begin_to_read()
         until(lambda: len(subscriber.readings()) == value, "all arrive")
         self.assert_in_order(subscriber, ["anna"], list(range(1, value + 1)))
         times = [body["time"][:4] for body in subscriber.readings()]
