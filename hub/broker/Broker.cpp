@@ -7,6 +7,7 @@
 #include <mqtt_protocol.h>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 
@@ -50,6 +51,14 @@ const char *OrNull(const std::string &text)
     return text.empty() ? nullptr : text.c_str();
 }
 
+/** Whether the other side has gone; the library goes on with a handshake for ever. */
+bool HasEnded(int fd)
+{
+    char byte = 0;
+    const ssize_t count = ::recv(fd, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT);
+    return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+}
+
 /** Everything that has arrived; what a layer below holds back tells no descriptor of. */
 int ReadAll(mosquitto *client)
 {
@@ -60,7 +69,8 @@ int ReadAll(mosquitto *client)
         errno = 0;
         result = mosquitto_loop_read(client, 1);
     }
-    return result;
+    const bool isWell = result == MOSQ_ERR_SUCCESS;
+    return isWell && HasEnded(mosquitto_socket(client)) ? int{MOSQ_ERR_CONN_LOST} : result;
 }
 
 int WriteSome(mosquitto *client)
