@@ -373,15 +373,17 @@ class SecureTest(HubTest):
         until(lambda: self.status()["broker"]["problem"], "the refusal")
         self.assertFalse(self.status()["broker"]["connected"])
 
-    def test_a_broker_that_hangs_up_in_the_handshake_is_noticed_at_once(self):
+    def test_a_broker_that_is_away_or_hangs_up_is_noticed_at_once(self):
+        """The library itself goes on with such a handshake for ever."""
         self.broker_keys = self.keys
         self.configure(["anna"], "heart_rate=no\nsteps=no\n")
+        self.start(1)
+        until(lambda: self.status()["broker"]["problem"], "the refusal")
         with socket.create_server(("127.0.0.1", self.broker.port)) as server:
-            self.start(1)
             server.settimeout(120)
-            client, _ = server.accept()
-            client.close()
-            until(lambda: self.status()["broker"]["problem"], "the loss")
+            for _ in range(2):  # the second is another attempt
+                client, _ = server.accept()
+                client.close()
         self.assertNotIn("no answer within", self.log_text())
 
     def test_a_wrong_password_is_told_once_and_readings_are_kept(self):
