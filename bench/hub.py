@@ -94,7 +94,10 @@ class Ward:
         return sorted((arrived[value] - sent[value]) * 1000 for value in sent)
 
     def check(self):
-        """Each reading once, and in order for each watch: the numbers of a run have no gap."""
+        """Each reading once, and in order for each watch: the numbers of a run have no gap. It ends the watches."""
+        for process in self.processes:
+            if process is not self.hub:  # whose queue is empty only when nothing comes any more
+                process.terminate()
         until(lambda: self.status()["queue"]["messages"] == 0, "an empty queue")
         bodies = [json.loads(message.payload) for message in list(self.subscriber.messages)
                   if message.payload.startswith(b'{"id"')]
@@ -125,8 +128,9 @@ def measure(number):
         delays = ward.delays_ms(SECONDS)
         seconds = time.monotonic() - begin
         used, readings = ward.processor_s() - before, ward.status()["delivered"] - readings
+        memory = ward.memory_kib()
         ward.check()
-        return {"watches": number + 1, "readings a second": readings / seconds, "memory": ward.memory_kib(),
+        return {"watches": number + 1, "readings a second": readings / seconds, "memory": memory,
                 "ms a watch": used / seconds / (number + 1) * 1000, "us a reading": used / readings * 1e6,
                 "median": delays[len(delays) // 2], "p99": delays[int(len(delays) * 0.99)]}
     finally:
