@@ -1,7 +1,10 @@
 #include "RuntimeDirectory.h"
 
+#include <cerrno>
 #include <stdexcept>
+#include <sys/stat.h>
 
+#include "ErrnoText.h"
 #include "Printable.h"
 
 namespace Parvane {
@@ -39,6 +42,13 @@ std::string RuntimeDirectory(const Environment &environment, const std::string &
         return ofUser + "/" + name;
     }
     return configured.empty() ? "/run/" + name : configured;
+}
+
+void MakePrivateDirectory(const std::string &path)
+{
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw std::runtime_error("cannot make the directory " + path + ": " + ErrnoText(errno));
+    }
 }
 
 } // namespace Parvane

@@ -32,4 +32,7 @@ std::string ManagedDirectory(const Environment &environment, const std::string &
 std::string RuntimeDirectory(const Environment &environment, const std::string &name,
                              const std::string &configured = {});
 
+/** Makes a directory that is not there, for this user alone. @throws std::runtime_error that names it */
+void MakePrivateDirectory(const std::string &path);
+
 } // namespace Parvane

@@ -1,10 +1,8 @@
-#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <malloc.h>
 #include <stdexcept>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <variant>
 #include <vector>
@@ -12,7 +10,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "ConfigFile.h"
-#include "ErrnoText.h"
 #include "Gateway.h"
 #include "Log.h"
 #include "Output.h"
@@ -30,15 +27,6 @@ using ParvaneGateway::Settings;
 void LogHandlerFailure(const char *line) noexcept
 {
     Parvane::LogError(line);
-}
-
-/** Makes a directory that is not there, for this user alone. */
-void MakeDirectory(const std::string &path)
-{
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-        throw std::runtime_error("cannot make the directory " + path + ": " +
-                                 Parvane::ErrnoText(errno));
-    }
 }
 
 /** The configuration's settings; what the service manager gives goes before it. */
@@ -73,8 +61,8 @@ ExitCode Serve(const Settings &settings)
 {
     // TLS handshakes are done in threads, each of which would keep what a flood of them had made its own arena.
     ::mallopt(M_ARENA_MAX, 1);
-    MakeDirectory(settings.mStateDirectory);
-    MakeDirectory(settings.mRuntimeDirectory);
+    Parvane::MakePrivateDirectory(settings.mStateDirectory);
+    Parvane::MakePrivateDirectory(settings.mRuntimeDirectory);
     const Parvane::Signals signals;
     ParvaneGateway::Gateway(settings, signals).Run();
     return ExitCode::Success;

@@ -1,10 +1,8 @@
-#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <variant>
 #include <vector>
@@ -12,7 +10,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "ConfigFile.h"
-#include "ErrnoText.h"
 #include "Hub.h"
 #include "Log.h"
 #include "OperationSocket.h"
@@ -30,15 +27,6 @@ using ParvaneHub::Settings;
 void LogHandlerFailure(const char *line) noexcept
 {
     Parvane::LogError(line);
-}
-
-/** Makes a directory that is not there, for this user alone. */
-void MakeDirectory(const std::string &path)
-{
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-        throw std::runtime_error("cannot make the directory " + path + ": " +
-                                 Parvane::ErrnoText(errno));
-    }
 }
 
 /** The configuration's settings; what the service manager gives goes before it. */
@@ -70,8 +58,8 @@ Settings ReadSettings(const ParvaneHub::Invocation &invocation, bool isServing)
 ExitCode Serve(const ParvaneHub::Invocation &invocation)
 {
     const Settings settings = ReadSettings(invocation, true);
-    MakeDirectory(settings.mStateDirectory);
-    MakeDirectory(settings.mRuntimeDirectory);
+    Parvane::MakePrivateDirectory(settings.mStateDirectory);
+    Parvane::MakePrivateDirectory(settings.mRuntimeDirectory);
     const Parvane::Signals signals(true);
     const auto reload = [&invocation]() -> std::optional<Settings> {
         try {
