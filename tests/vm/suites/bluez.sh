@@ -8,26 +8,16 @@ straps=0
 
 adapters() { [ "$(busctl --list tree org.bluez 2>/dev/null | grep -cE '^/org/bluez/hci[0-9]+$')" -ge "$1" ]; }
 powered() { busctl set-property org.bluez "/org/bluez/$1" org.bluez.Adapter1 Powered b "$2"; }
-# The kernel gives a controller up that has not answered within two seconds.
-given_up() { dmesg | grep -cE 'hci[0-9]+: Opcode 0x[0-9a-f]+ failed: -110' || true; }
-adapters_or_given_up() { adapters "$1" || [ "$(given_up)" -gt "$2" ]; }
-# The watch's controller and those of straps, on: controllers N. Emulated beside others' work one may miss those two
-# seconds: then they are plugged in anew.
+# The watch's controller and those of straps, on: controllers N
 controllers() {
-    local attempt before number
+    local number
     # It is advertised by whichever controller has power first, a strap's as well.
     systemctl stop parvane-gateway 2>/dev/null || true
     modprobe -a hci_vhci algif_hash algif_skcipher ecb cmac ecdh_generic
     systemctl start bluetooth
-    for attempt in 1 2 3 4 5; do
-        before=$(given_up)
-        chrt -f 1 btvirt -L "-l$1" >btvirt.log 2>&1 &
-        btvirt=$!
-        eventually 40 adapters_or_given_up "$1" "$before"
-        ! adapters "$1" || break
-        kill "$btvirt"
-        wait "$btvirt" || true
-    done
+    btvirt -L "-l$1" >btvirt.log 2>&1 &
+    btvirt=$!
+    eventually 40 adapters "$1"
     for ((number = 0; number < $1; number++)); do eventually 20 powered "hci$number" true; done
 }
 # Straps that beat with 72 and 95, on hci1 and hci2: set_up STRAPS [FLAG]
