@@ -2,7 +2,6 @@
 # The gateway over Bluetooth: the watch on the first virtual controller, phones on the others. Each phone is a
 # parvane-vm-central, and parvane-host asks through its socket what it asks the watch itself elsewhere.
 
-command -v parvane-gateway >/dev/null || skip "there is no package parvane-gateway for this machine"
 . suites/bluez.sh
 
 # The watch's end, with PHONES controllers beside its own: set_up PHONES [KEY=VALUE of the gateway's Bluetooth]
