@@ -6,7 +6,10 @@
 #include <climits>
 #include <cstddef>
 #include <poll.h>
+#include <stdexcept>
 #include <unistd.h>
+
+#include "ErrnoText.h"
 
 namespace Parvane {
 
@@ -59,6 +62,13 @@ int WriteAll(int fd, std::string_view text, const Patience &patience)
         }
     }
     return 0;
+}
+
+void Print(std::string_view text)
+{
+    if (const int error = WriteAll(STDOUT_FILENO, text); error != 0 && error != EPIPE) {
+        throw std::runtime_error("cannot write to standard output: " + ErrnoText(error));
+    }
 }
 
 } // namespace Parvane

@@ -21,4 +21,11 @@ struct Patience
  */
 int WriteAll(int fd, std::string_view text, const Patience &patience = {});
 
+/**
+ * Writes to standard output. A reader that has gone wants no more.
+ *
+ * @throws std::runtime_error that says why it cannot be written
+ */
+void Print(std::string_view text);
+
 } // namespace Parvane

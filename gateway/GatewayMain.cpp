@@ -72,10 +72,10 @@ ExitCode Run(const std::vector<std::string> &arguments)
 {
     const auto parsed = ParvaneGateway::ParseCommandLine(
         arguments, [](const char *name) { return static_cast<const char *>(std::getenv(name)); });
-    if (const auto *ending = std::get_if<ParvaneGateway::Ending>(&parsed)) {
-        Parvane::WriteAll(STDOUT_FILENO, ending->mOutput);
-        Parvane::WriteAll(STDERR_FILENO, ending->mError);
-        return ending->mCode;
+    if (const auto *end = std::get_if<Parvane::EarlyEnd>(&parsed)) {
+        Parvane::WriteAll(STDERR_FILENO, end->mError);
+        Parvane::Print(end->mOutput);
+        return end->mIsBadUsage ? ExitCode::BadUsage : ExitCode::Success;
     }
     const auto &invocation = std::get<ParvaneGateway::Invocation>(parsed);
     using Action = ParvaneGateway::Invocation::Action;

@@ -57,7 +57,7 @@ const Parvane::UsageWords &Words()
          {"capture", "capture link.pcapng"},
          {"play", "play walk.csv"},
          {"replay", "replay seek 12.5"},
-         {"check-config", "check-config platform.conf", {"--socket"}}},
+         {"check-config", "check-config platform.conf", {"--socket"}, true}},
         {{"--socket", "/run/parvane/control.sock"},
          {"--for", "60"},
          {"--tags", "Parvane,platform"},
@@ -195,7 +195,9 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     CLI::App *check = app.add_subcommand(
         "check-config", "Say what is wrong with a configuration file, without a service;\n"
                         "it would start with a file that is checked with exit code 0");
-    check->add_option("file", texts.mFile, "The configuration file");
+    check->add_option(
+        "file", texts.mFile,
+        "The file (default: $PARVANE_PLATFORM_CONF, else\n/etc/parvane/platform.conf)");
 
     for (CLI::App *subcommand : app.get_subcommands({})) {
         subcommand->footer("The options of 'parvane-watch --help' are allowed here, too.");
@@ -411,12 +413,12 @@ Invocation PlayInvocation(const Texts &texts)
     return invocation;
 }
 
-/** A number, to the letter; what range it may have is the service's to say. */
-double ParseNumber(const std::string &where, const Texts &texts, const std::string &allowed)
+/** A number, to the letter. */
+double ParseNumber(const std::string &where, const Texts &texts, double least, double most,
+                   const std::string &allowed)
 {
-    constexpr double kMost = 1e9;
     double number = 0;
-    if (!texts.mValue || !ParseAll(*texts.mValue, number) || !(number >= 0 && number <= kMost)) {
+    if (!texts.mValue || !ParseAll(*texts.mValue, number) || !(number >= least && number <= most)) {
         throw Wrong(where, "value", texts.mValue, allowed);
     }
     return number;
@@ -432,9 +434,13 @@ json ReplayRequest(const Texts &texts)
     }
     if (action == "seek") {
         constexpr double kMsPerSecond = 1000;
-        request["position_ms"] = kMsPerSecond * ParseNumber(where, texts, "seconds, as in 12.5");
+        constexpr double kMostS = 1e9; // how long the recordings are is the service's to say
+        request["position_ms"] =
+            kMsPerSecond * ParseNumber(where, texts, 0, kMostS, "seconds, as in 12.5");
     } else if (action == "speed") {
-        request["speed"] = ParseNumber(where, texts, "a number from 0.1 to 1000");
+        constexpr double kLeast = 0.1;
+        constexpr double kMost = 1000;
+        request["speed"] = ParseNumber(where, texts, kLeast, kMost, "a number from 0.1 to 1000");
     } else if (action == "open") {
         if (texts.mValue.value_or("").empty()) {
             throw Wrong(where, "recording", std::nullopt, "those that 'replay list' tells");
@@ -473,12 +479,11 @@ Invocation Interpret(const CLI::App &app, const Texts &texts,
     json request;
     invocation.mJson = texts.mJson;
     if (name == "check-config") {
-        if (texts.mFile.value_or("").empty()) {
-            throw UsageError(
-                "check-config: no file given; allowed: the path of a configuration file");
-        }
         invocation.mAction = Invocation::Action::CheckConfig;
-        invocation.mFile = *texts.mFile;
+        invocation.mFile = texts.mFile.value_or("");
+        if (invocation.mFile.empty()) {
+            invocation.mFile = Parvane::ValueOf(environment, "PARVANE_PLATFORM_CONF");
+        }
         return invocation;
     }
     invocation.mSocketPath = Parvane::CheckedSocketPath(

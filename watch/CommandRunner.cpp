@@ -70,7 +70,10 @@ Outcome CommandRunner::Execute()
     ControlClient client(mInvocation.mSocketPath, mSignals.Fd());
     const json reply = client.Ask(mInvocation.mRequest);
     if (!reply.at("ok").get<bool>()) {
-        const Outcome refused = Refused(reply);
+        const bool isOfReplay = mInvocation.mAction == Invocation::Action::Replay;
+        const Outcome refused = isOfReplay && CodeOf(reply) == "bad-value"
+                                    ? RefusedReplay(client, reply)
+                                    : Refused(reply);
         if (mInvocation.mJson) {
             Print(TextOf(reply) + '\n'); // for its code
         }
@@ -269,6 +272,23 @@ Outcome CommandRunner::Refused(const json &message)
     const json error = message.value("error", json::object());
     const std::string text = error.is_object() ? TextMember(error, "message") : "";
     Complain(text.empty() ? "the service has refused it" : text);
+    return {ExitCode::Failure};
+}
+
+Outcome CommandRunner::RefusedReplay(ControlClient &client, const json &message)
+{
+    const json request = json::parse(mInvocation.mRequest);
+    if (request.contains("recording")) {
+        Complain("replay open: there is no such recording; 'parvane-watch replay list' names those "
+                 "that may be opened");
+        return {ExitCode::Failure};
+    }
+    const json reply = client.Ask(json({{"request", "replay"}}).dump());
+    const json replay = reply.value("replay", json());
+    if (!request.contains("position_ms") || !replay.is_object()) {
+        return Refused(message);
+    }
+    Complain("replay seek: the recordings last " + SecondsText(At(replay, "length_ms")));
     return {ExitCode::Failure};
 }
 

@@ -44,6 +44,8 @@ private:
     Outcome FinishRecording();
     void ShowProgress(bool isLast);
     Outcome Refused(const nlohmann::json &message);
+    /** Of a value that is not allowed, in the words of this command. */
+    Outcome RefusedReplay(ControlClient &client, const nlohmann::json &message);
     /** Says once that the service has another version; whatever comes of asking for it is no failure. */
     void CompareVersions(const nlohmann::json &report);
     void AskForVersion(ControlClient &client);

@@ -1,4 +1,3 @@
-#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -12,7 +11,6 @@
 #include "CheckConfig.h"
 #include "CommandLine.h"
 #include "CommandRunner.h"
-#include "ErrnoText.h"
 #include "Monitor.h"
 #include "Output.h"
 #include "PlayCommand.h"
@@ -24,18 +22,11 @@ namespace {
 using Parvane::WriteAll;
 using ParvaneWatch::ExitCode;
 
-ParvaneWatch::Outcome CannotWrite(int error)
-{
-    WriteAll(STDERR_FILENO,
-             "parvane-watch: cannot write to standard output: " + Parvane::ErrnoText(error) + '\n');
-    return {ExitCode::Failure};
-}
-
 ParvaneWatch::Outcome End(const ParvaneWatch::Ending &ending)
 {
-    const int error = WriteAll(STDOUT_FILENO, ending.mOutput);
     WriteAll(STDERR_FILENO, ending.mError);
-    return error == 0 || error == EPIPE ? ParvaneWatch::Outcome{ending.mCode} : CannotWrite(error);
+    Parvane::Print(ending.mOutput);
+    return {ending.mCode};
 }
 
 ParvaneWatch::Outcome CheckConfig(const ParvaneWatch::Invocation &invocation)
@@ -43,9 +34,8 @@ ParvaneWatch::Outcome CheckConfig(const ParvaneWatch::Invocation &invocation)
     std::ostringstream output;
     const int code =
         ParvaneWatch::CheckConfig(invocation.mFile, invocation.mJson, output, std::cerr);
-    const int error = WriteAll(STDOUT_FILENO, output.str());
-    return error == 0 || error == EPIPE ? ParvaneWatch::Outcome{static_cast<ExitCode>(code)}
-                                        : CannotWrite(error);
+    Parvane::Print(output.str());
+    return {static_cast<ExitCode>(code)};
 }
 
 ParvaneWatch::Outcome Run(const std::vector<std::string> &arguments)

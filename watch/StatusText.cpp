@@ -128,6 +128,26 @@ std::string Counted(const json &count, const char *what)
     return (count == 0 ? "no" : Plain(count)) + " " + what + (count == 1 ? "" : "s");
 }
 
+std::string SecondsText(const json &ms)
+{
+    return Number(json(static_cast<double>(Whole(ms)) / 1000)) + " s";
+}
+
+std::string TrafficText(const json &link)
+{
+    return "in " + Counted(At(link, "packets_in"), "packet") + " of " +
+           Counted(At(link, "bytes_in"), "byte") + ", out " +
+           Counted(At(link, "packets_out"), "packet") + " of " +
+           Counted(At(link, "bytes_out"), "byte");
+}
+
+std::string RefusedText(const json &link)
+{
+    const json &full = At(link, "queue_full");
+    return Counted(At(link, "refused_hosts"), "host") + " refused, queue " +
+           (full == 0 ? "never full" : "full " + Counted(full, "time"));
+}
+
 std::string LockText(const json &lock)
 {
     const json &by = At(lock, "held_by");
@@ -145,11 +165,8 @@ std::string ReplayText(const json &replay)
         const std::string path = Plain(file);
         names += (names.empty() ? "" : ", ") + path.substr(path.rfind('/') + 1);
     }
-    const auto seconds = [&replay](const char *key) {
-        return Number(json(static_cast<double>(Whole(At(replay, key))) / 1000)) + " s";
-    };
-    return names + " at " + seconds("position_ms") + " of " + seconds("length_ms") + ", speed " +
-           Number(At(replay, "speed")) +
+    return names + " at " + SecondsText(At(replay, "position_ms")) + " of " +
+           SecondsText(At(replay, "length_ms")) + ", speed " + Number(At(replay, "speed")) +
            (At(replay, "loop") == true ? ", over and over" : ", once") +
            (At(replay, "paused") == true ? ", paused" : "");
 }
@@ -245,12 +262,7 @@ private:
         Add("link",
             count("state") + ", key " + count("key") + ", host state " + count("host_state") +
                 (At(link, "set_by").is_number() ? ", set by process " + count("set_by") : ""));
-        Add("traffic", "in " + Counted(At(link, "packets_in"), "packet") + " of " +
-                           Counted(At(link, "bytes_in"), "byte") + ", out " +
-                           Counted(At(link, "packets_out"), "packet") + " of " +
-                           Counted(At(link, "bytes_out"), "byte") + ", " +
-                           Counted(At(link, "refused_hosts"), "host") + " refused, queue full " +
-                           Counted(At(link, "queue_full"), "time"));
+        Add("traffic", TrafficText(link) + ", " + RefusedText(link));
     }
 
     void AddItem(const json &item)

@@ -31,6 +31,13 @@ std::string ValuesText(const nlohmann::json &values);
 /** "no packets", "1 packet", "2 packets" */
 std::string Counted(const nlohmann::json &count, const char *what);
 
+/** Milliseconds as "12.5 s". */
+std::string SecondsText(const nlohmann::json &ms);
+
+/** What has crossed the link of a status; and what has not. */
+std::string TrafficText(const nlohmann::json &link);
+std::string RefusedText(const nlohmann::json &link);
+
 /** The time of day of an instant of the protocol, in this time zone; empty for none. */
 std::string TimeOfDay(const nlohmann::json &instant);
 

@@ -18,12 +18,49 @@ namespace Parvane {
 
 namespace {
 
-/** What to say about a command line without a subcommand, of which `words` were not understood. */
-std::string SubcommandText(const UsageWords &usage, const std::vector<std::string> &words)
+/** The program and all commands below it. */
+std::vector<CLI::App *> AllOf(CLI::App &app)
+{
+    std::vector<CLI::App *> all = {&app};
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const std::vector<CLI::App *> below = all[i]->get_subcommands({});
+        all.insert(all.end(), below.begin(), below.end());
+    }
+    return all;
+}
+
+/** The words of a command, as in "token add"; none of the program itself. */
+std::string PathOf(const CLI::App &app)
+{
+    if (app.get_parent() == nullptr) {
+        return {};
+    }
+    const std::string above = PathOf(*app.get_parent());
+    return (above.empty() ? above : above + ' ') + app.get_name();
+}
+
+/** The command that was chosen, or the program itself. */
+const CLI::App &ChosenOf(const CLI::App &app)
+{
+    const std::vector<CLI::App *> chosen = app.get_subcommands();
+    return chosen.empty() ? app : ChosenOf(*chosen.front());
+}
+
+/** Null of what has commands below it. */
+const UsageWords::Command *CommandOf(const CLI::App &app, const UsageWords &usage)
+{
+    const auto found =
+        std::find_if(usage.mCommands.begin(), usage.mCommands.end(),
+                     [path = PathOf(app)](const auto &command) { return command.mName == path; });
+    return found == usage.mCommands.end() ? nullptr : &*found;
+}
+
+/** What to say where `words` stand in place of a command of `app`. */
+std::string SubcommandText(const CLI::App &app, const std::vector<std::string> &words)
 {
     std::string allowed;
-    for (const UsageWords::Command &command : usage.mCommands) {
-        allowed += (allowed.empty() ? "; allowed: " : ", ") + command.mName;
+    for (const CLI::App *command : app.get_subcommands({})) {
+        allowed += (allowed.empty() ? "; allowed: " : ", ") + command->get_name();
     }
     if (words.empty()) {
         return "no subcommand given" + allowed;
@@ -34,32 +71,27 @@ std::string SubcommandText(const UsageWords &usage, const std::vector<std::strin
     return "unknown subcommand " + Quoted(words.front()) + allowed;
 }
 
-/** The chosen command. */
-const UsageWords::Command &CommandOf(const CLI::App &app, const UsageWords &usage)
-{
-    const std::string name = app.get_subcommands().front()->get_name();
-    return *std::find_if(usage.mCommands.begin(), usage.mCommands.end(),
-                         [&name](const auto &command) { return command.mName == name; });
-}
-
 /** What the parser has found wrong, in our words. */
 std::string UsageText(const CLI::App &app, const UsageWords &usage, const CLI::ParseError &error)
 {
-    const bool hasCommand = !app.get_subcommands().empty();
     const auto is = [&error](CLI::ExitCodes code) {
         return error.get_exit_code() == static_cast<int>(code);
     };
-    if (!hasCommand && is(CLI::ExitCodes::RequiredError)) {
-        return SubcommandText(usage, app.remaining());
-    }
+    const CLI::App &chosen = ChosenOf(app);
+    const UsageWords::Command *command = CommandOf(chosen, usage);
+    const std::string path = PathOf(chosen);
+    const std::string place = path.empty() ? path : path + ": ";
     const std::vector<std::string> rest = app.remaining(true);
-    if (is(CLI::ExitCodes::ExtrasError) && hasCommand && !rest.empty()) {
-        const UsageWords::Command &command = CommandOf(app, usage);
+    const bool isExtra = is(CLI::ExitCodes::ExtrasError) && !rest.empty();
+    if (command == nullptr && (isExtra || is(CLI::ExitCodes::RequiredError))) {
+        return place + SubcommandText(chosen, rest);
+    }
+    if (command != nullptr && isExtra) {
         if (rest.front().starts_with('-')) {
-            return command.mName + ": unknown option " + Quoted(rest.front());
+            return place + "unknown option " + Quoted(rest.front());
         }
-        return command.mName + ": " + Quoted(rest.front()) +
-               " is one word too many, as in: " + usage.mProgram + " " + command.mExample;
+        return place + Quoted(rest.front()) + " is one word too many, as in: " + usage.mProgram +
+               " " + command->mExample;
     }
     std::string text = error.what();
     if (is(CLI::ExitCodes::ArgumentMismatch)) {
@@ -95,8 +127,7 @@ void LetTheLastCount(CLI::App &app)
 void RefuseValuesOfFlags(CLI::App &app, const UsageWords &usage,
                          const std::vector<std::string> &words)
 {
-    std::vector<CLI::App *> all = app.get_subcommands({});
-    all.push_back(&app);
+    const std::vector<CLI::App *> all = AllOf(app);
     for (auto word = words.begin(); word != words.end() && *word != "--"; ++word) {
         const std::string name = word->substr(0, word->find('='));
         const auto hasIt = [&name](const CLI::App *one) {
@@ -111,10 +142,13 @@ void RefuseValuesOfFlags(CLI::App &app, const UsageWords &usage,
 
 void RefuseIdleOptions(const CLI::App &app, const UsageWords &usage)
 {
-    const UsageWords::Command &command = CommandOf(app, usage);
-    for (const std::string &option : command.mIdle) {
+    const UsageWords::Command *command = CommandOf(ChosenOf(app), usage);
+    if (command == nullptr) {
+        return;
+    }
+    for (const std::string &option : command->mIdle) {
         if (app.count(option) > 0) {
-            throw UsageError(command.mName + ": " + option + " has no effect here");
+            throw UsageError(command->mName + ": " + option + " has no effect here");
         }
     }
 }
@@ -130,12 +164,11 @@ std::optional<EarlyEnd> ParseUsage(CLI::App &app, const UsageWords &usage,
                                    std::vector<std::string> words,
                                    const std::function<void()> &interpret)
 {
-    LetTheLastCount(app);
-    for (const UsageWords::Command &command : usage.mCommands) {
-        CLI::App *subcommand = app.get_subcommand(command.mName);
-        LetTheLastCount(*subcommand);
-        if (!command.mMayBeAlone) {
-            subcommand->formatter(std::make_shared<NeededWords>());
+    for (CLI::App *one : AllOf(app)) {
+        LetTheLastCount(*one);
+        const UsageWords::Command *command = CommandOf(*one, usage);
+        if (command != nullptr && !command->mMayBeAlone) {
+            one->formatter(std::make_shared<NeededWords>());
         }
     }
     std::string problem;

@@ -1,16 +1,17 @@
 #include "CommandLine.h"
 
-#include <CLI/CLI.hpp>
-#include <algorithm>
-#include <optional>
-#include <sstream>
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <utility>
 
 #include "ConfigFile.h"
-#include "Printable.h"
 
 namespace ParvaneGateway {
 
 namespace {
+
+using Parvane::UsageError;
 
 constexpr char kExitCodes[] = "Exit codes:\n"
                               "  0  done\n"
@@ -31,10 +32,18 @@ struct Texts
     bool mYes = false;
 };
 
-Ending Wrong(const std::string &text)
+const Parvane::UsageWords &Words()
 {
-    return {ExitCode::BadUsage, "",
-            "parvane-gateway: " + text + "\nTry 'parvane-gateway --help'.\n"};
+    static const Parvane::UsageWords words = {
+        "parvane-gateway",
+        {{"status", "status --json"},
+         {"token add", "token add desk"},
+         {"token list", "token list --json"},
+         {"token remove", "token remove desk"},
+         {"pair", "pair --for 2m"},
+         {"check-config", "check-config gateway.conf", {}, true}},
+        {{"--config", kSystemConfigFile}, {"--scope", "console"}, {"--for", "30d"}}};
+    return words;
 }
 
 void AddSubcommands(CLI::App &app, Texts &texts)
@@ -45,7 +54,7 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     CLI::App *token = app.add_subcommand("token", "Say or change who is let in");
     token->require_subcommand(1);
     CLI::App *add = token->add_subcommand("add", "Let somebody in; the token is shown this once");
-    add->add_option("name", texts.mName, "Whose token it is")->required();
+    add->add_option("name", texts.mName, "Whose token it is");
     add->add_option("--scope", texts.mScope,
                     "phone (default): be the watch's phone; view: look into the\n"
                     "service; control: look into it and steer it; console: all of\n"
@@ -59,7 +68,7 @@ void AddSubcommands(CLI::App &app, Texts &texts)
     list->add_flag("--json", texts.mJson, "One object on one line");
     CLI::App *remove =
         token->add_subcommand("remove", "Let somebody in no more; connections end, too");
-    remove->add_option("name", texts.mName, "Whose token it is")->required();
+    remove->add_option("name", texts.mName, "Whose token it is");
 
     CLI::App *pair = app.add_subcommand("pair", "Let phones pair over Bluetooth for a while");
     pair->add_option("--for", texts.mFor, "For how long, such as 60s (default) or 2m")
@@ -69,37 +78,6 @@ void AddSubcommands(CLI::App &app, Texts &texts)
 
     CLI::App *check = app.add_subcommand("check-config", "Say what is wrong with a configuration");
     check->add_option("file", texts.mFile, "The file (default: the one that counts)");
-}
-
-/** The token's or the pairing's options; what is wrong with them is returned. */
-std::string ApplyTexts(const Texts &texts, Invocation &invocation)
-{
-    using Action = Invocation::Action;
-    invocation.mName = texts.mName;
-    const bool hasName =
-        invocation.mAction == Action::TokenAdd || invocation.mAction == Action::TokenRemove;
-    if (hasName && !IsTokenName(texts.mName)) {
-        return "a token's name is 1 to 64 bytes of printable text";
-    }
-    if (!texts.mScope.empty()) {
-        const auto scope = ScopeOf(texts.mScope);
-        if (!scope) {
-            return "there is no scope '" + Parvane::Printable(texts.mScope) +
-                   "'; there are phone, view, control and console";
-        }
-        invocation.mScope = *scope;
-    }
-    constexpr std::int64_t kPairS = 60;
-    invocation.mForS = invocation.mAction == Action::Pair ? kPairS : 0;
-    if (!texts.mFor.empty()) {
-        const auto length = Parvane::ParseLength(texts.mFor);
-        if (!length) {
-            return "'" + Parvane::Printable(texts.mFor) +
-                   "' is no length such as 90s, 15m, 12h or 30d";
-        }
-        invocation.mForS = *length;
-    }
-    return {};
 }
 
 Invocation::Action ActionOf(const CLI::App &app)
@@ -120,40 +98,66 @@ Invocation::Action ActionOf(const CLI::App &app)
     return app.got_subcommand("check-config") ? Action::CheckConfig : Action::Serve;
 }
 
-} // namespace
-
-std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Parvane::Environment &environment)
+/** Looks at the command and its options. @throws Parvane::UsageError */
+void Interpret(const CLI::App &app, const Texts &texts, Invocation &invocation)
 {
-    Texts texts;
-    CLI::App app("The watch's accessory link on the network and over Bluetooth.\n"
-                 "Without a command it serves, until SIGTERM or SIGINT.",
-                 "parvane-gateway");
-    app.set_version_flag("--version", "parvane-gateway " PARVANE_GATEWAY_VERSION);
-    app.add_option("--config", texts.mConfig,
-                   "The configuration (default: $PARVANE_GATEWAY_CONF, else\n" +
-                       std::string(kSystemConfigFile) + ")")
-        ->type_name("FILE");
-    app.footer(kExitCodes);
-    AddSubcommands(app, texts);
-    try {
-        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
-        app.parse(reversed);
-    } catch (const CLI::Success &success) {
-        std::ostringstream output;
-        app.exit(success, output, output);
-        return Ending{ExitCode::Success, output.str(), ""};
-    } catch (const CLI::ParseError &failure) {
-        return Wrong(Parvane::Printable(failure.what()));
-    }
-
-    Invocation invocation;
+    using Action = Invocation::Action;
     invocation.mAction = ActionOf(app);
     invocation.mJson = texts.mJson;
     invocation.mNoQr = texts.mNoQr;
     invocation.mYes = texts.mYes;
-    if (std::string wrong = ApplyTexts(texts, invocation); !wrong.empty()) {
-        return Wrong(wrong);
+    invocation.mName = texts.mName;
+    const bool isAdded = invocation.mAction == Action::TokenAdd;
+    if ((isAdded || invocation.mAction == Action::TokenRemove) && !IsTokenName(texts.mName)) {
+        throw UsageError(std::string(isAdded ? "token add" : "token remove") +
+                         ": give a name of 1 to 64 bytes of printable text, as in: "
+                         "parvane-gateway token " +
+                         (isAdded ? "add desk" : "remove desk"));
+    }
+    if (!texts.mScope.empty()) {
+        const auto scope = ScopeOf(texts.mScope);
+        if (!scope) {
+            throw UsageError("--scope: " + Parvane::Quoted(texts.mScope) +
+                             " is not allowed; give phone, view, control or console");
+        }
+        invocation.mScope = *scope;
+    }
+    constexpr std::int64_t kPairS = 60;
+    invocation.mForS = invocation.mAction == Action::Pair ? kPairS : 0;
+    if (!texts.mFor.empty()) {
+        const auto length = Parvane::ParseLength(texts.mFor);
+        if (!length) {
+            throw UsageError("--for: " + Parvane::Quoted(texts.mFor) +
+                             " is not allowed; give a length such as 90s, 15m, 12h or 30d");
+        }
+        invocation.mForS = *length;
+    }
+}
+
+} // namespace
+
+std::variant<Invocation, Parvane::EarlyEnd>
+ParseCommandLine(const std::vector<std::string> &arguments, const Parvane::Environment &environment)
+{
+    Texts texts;
+    CLI::App app("The watch's accessory link on the network and over Bluetooth.\n"
+                 "Without a command it serves, until SIGTERM or SIGINT.",
+                 Words().mProgram);
+    app.fallthrough(); // global options may follow the command
+    app.add_option("--config", texts.mConfig,
+                   "The configuration (default: $PARVANE_GATEWAY_CONF, else\n" +
+                       std::string(kSystemConfigFile) + ")")
+        ->type_name("FILE");
+    app.set_version_flag("--version", "parvane-gateway " PARVANE_GATEWAY_VERSION,
+                         "Print the version and exit");
+    app.footer(kExitCodes);
+    AddSubcommands(app, texts);
+    app.require_subcommand(0, 1);
+
+    Invocation invocation;
+    if (auto end = Parvane::ParseUsage(app, Words(), arguments,
+                                       [&] { Interpret(app, texts, invocation); })) {
+        return *std::move(end);
     }
     const std::string variable = Parvane::ValueOf(environment, "PARVANE_GATEWAY_CONF");
     const std::string &named =

@@ -7,6 +7,7 @@
 
 #include "RuntimeDirectory.h"
 #include "Token.h"
+#include "Usage.h"
 
 namespace ParvaneGateway {
 
@@ -35,16 +36,9 @@ struct Invocation
     bool mYes = false;           // Pair: without a question
 };
 
-/** A run that is over before it begins: help, version, or wrong usage. */
-struct Ending
-{
-    ExitCode mCode = ExitCode::Success;
-    std::string mOutput; // for standard output
-    std::string mError;  // for standard error
-};
-
 /** @param arguments  without the program's name */
-std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Parvane::Environment &environment);
+std::variant<Invocation, Parvane::EarlyEnd>
+ParseCommandLine(const std::vector<std::string> &arguments,
+                 const Parvane::Environment &environment);
 
 } // namespace ParvaneGateway

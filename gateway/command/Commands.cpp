@@ -1,7 +1,6 @@
 #include "Commands.h"
 
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <memory>
@@ -13,8 +12,8 @@
 
 #include "Certificate.h"
 #include "ConfigFile.h"
-#include "ErrnoText.h"
 #include "Fingerprint.h"
+#include "Log.h"
 #include "ObjectPtr.h"
 #include "OperationSocket.h"
 #include "Output.h"
@@ -29,13 +28,7 @@ namespace {
 
 /** Keeps the members in the order in which they are written here. */
 using Json = nlohmann::ordered_json;
-
-void Print(const std::string &text)
-{
-    if (const int error = Parvane::WriteAll(STDOUT_FILENO, text); error != 0 && error != EPIPE) {
-        throw std::runtime_error("cannot write to standard output: " + Parvane::ErrnoText(error));
-    }
-}
+using Parvane::Print;
 
 /** Of any year: time_t may have 32 bits. */
 std::string TimeText(std::int64_t seconds)
@@ -97,6 +90,13 @@ ExitCode AddToken(const Invocation &invocation, const Settings &settings)
         Print(QrCode(address));
     }
     Print("It is not shown again.\n");
+    if (const WebSettings &web = settings.mWeb; !web.mEnabled) {
+        Print("Nobody comes over the network: [web] enabled is no in " + invocation.mConfig +
+              ".\n");
+    } else if (web.IsLocal()) {
+        Print("Others do not reach that address: [web] address in " + invocation.mConfig +
+              " opens another, such as 0.0.0.0.\n");
+    }
     return ExitCode::Success;
 }
 
@@ -123,7 +123,8 @@ ExitCode ListTokens(const Invocation &invocation, const Settings &settings)
 ExitCode RemoveToken(const Invocation &invocation, const Settings &settings)
 {
     if (!TokenFile(settings.mStateDirectory).Remove(invocation.mName)) {
-        throw std::runtime_error("there is no token of the name " + invocation.mName);
+        throw std::runtime_error("there is no token of the name " + invocation.mName +
+                                 "; 'parvane-gateway token list' names those that there are");
     }
     return ExitCode::Success;
 }
@@ -152,10 +153,13 @@ std::string StatusText(const nlohmann::json &status)
             text += Line("fingerprint", "SHA-256 " + road["fingerprint"].get<std::string>());
         }
     }
+    std::string refusals;
     for (const auto &[reason, count] : status.at("refusals").items()) {
-        text += Line("refused", std::to_string(count.get<std::uint64_t>()) + ' ' + reason);
+        if (count != 0) {
+            refusals += Line("refused", std::to_string(count.get<std::uint64_t>()) + ' ' + reason);
+        }
     }
-    return text;
+    return text + (refusals.empty() ? Line("refused", "nobody") : refusals);
 }
 
 ExitCode ShowStatus(const Invocation &invocation, const Settings &settings)
@@ -199,17 +203,15 @@ ExitCode RunCommand(const Invocation &invocation, const Settings &settings)
 
 ExitCode CheckConfig(const Invocation &invocation)
 {
-    const Configuration configuration =
-        LoadConfiguration(invocation.mConfig, invocation.mIsConfigNamed);
-    std::string text;
-    for (const ConfigProblem &problem : configuration.mProblems) {
-        text += (problem.mIsError ? "error: " : "warning: ") +
-                ToString(invocation.mConfig, problem) + '\n';
+    Configuration configuration;
+    try {
+        configuration = LoadConfiguration(invocation.mConfig, invocation.mIsConfigNamed);
+    } catch (const std::runtime_error &failure) {
+        Parvane::LogError(failure.what());
+        return ExitCode::BadUsage;
     }
-    const bool isGood = configuration.FirstError() == nullptr;
-    Print(text +
-          (isGood ? "the gateway starts with it\n" : "the gateway does not start with it\n"));
-    return isGood ? ExitCode::Success : ExitCode::Failure;
+    Print(Parvane::Judgement(invocation.mConfig, configuration.mProblems, "the gateway"));
+    return configuration.FirstError() == nullptr ? ExitCode::Success : ExitCode::Failure;
 }
 
 } // namespace ParvaneGateway

@@ -13,7 +13,7 @@ namespace ParvaneGateway {
  */
 ExitCode RunCommand(const Invocation &invocation, const Settings &settings);
 
-/** Judges a configuration file, for people. */
+/** Judges a configuration file, for people; one that cannot be read is bad usage. */
 ExitCode CheckConfig(const Invocation &invocation);
 
 } // namespace ParvaneGateway

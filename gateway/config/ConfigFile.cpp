@@ -184,12 +184,19 @@ Configuration Reader::Read(std::string_view text)
 void Reader::ReadKey(const Parvane::ConfigEntry &entry)
 {
     const auto &schema = Schema();
-    const bool isKnown = std::any_of(schema.begin(), schema.end(), [&entry](const Key &one) {
-        return entry.mSection == one.mSection;
-    });
-    if (entry.mKey.empty() || !isKnown) {
-        if (!isKnown && entry.mKey.empty()) {
-            Add(false, entry.mLine, "unknown section [" + Parvane::Printable(entry.mSection) + "]");
+    std::vector<std::string> sections;
+    std::vector<std::string> keys; // of this one
+    for (const Key &one : schema) {
+        sections.emplace_back(one.mSection);
+        if (entry.mSection == one.mSection) {
+            keys.emplace_back(one.mName);
+        }
+    }
+    if (entry.mKey.empty() || keys.empty()) {
+        if (keys.empty() && entry.mKey.empty()) {
+            Add(false, entry.mLine,
+                "unknown section [" + Parvane::Printable(entry.mSection) + "]" +
+                    Parvane::KnownAre(std::move(sections)));
         }
         return;
     }
@@ -197,7 +204,8 @@ void Reader::ReadKey(const Parvane::ConfigEntry &entry)
         return entry.mSection == one.mSection && entry.mKey == one.mName;
     });
     if (key == schema.end()) {
-        Add(false, entry.mLine, "unknown key " + entry.Place());
+        Add(false, entry.mLine,
+            "unknown key " + entry.Place() + Parvane::KnownAre(std::move(keys)));
         return;
     }
     const auto [earlier, isFirst] = mLines.insert({entry.mSection + '.' + key->mName, entry.mLine});
@@ -221,8 +229,7 @@ void Reader::CheckTogether()
     if (web.mCertificate.empty() != web.mKey.empty()) {
         Add(true, 0, "[web] certificate and key: one without the other is of no use");
     }
-    const bool isLocal = web.mAddress.starts_with("127.") || web.mAddress == "::1";
-    if (web.mEnabled && !isLocal && !web.mTls && !web.mInsecure) {
+    if (web.mEnabled && !web.IsLocal() && !web.mTls && !web.mInsecure) {
         Add(true, mLines["web.address"],
             "[web] address is " + Parvane::Printable(web.mAddress) +
                 ", which others reach, and tls is no: it must be yes, or insecure=yes");

@@ -24,6 +24,9 @@ struct WebSettings
     /** Pages of other origins that may connect, such as "https://console.example". */
     std::vector<std::string> mOrigins;
 
+    /** Whether nobody else than this host reaches the address. */
+    [[nodiscard]] bool IsLocal() const { return mAddress.starts_with("127.") || mAddress == "::1"; }
+
     bool operator==(const WebSettings &) const = default;
 };
 

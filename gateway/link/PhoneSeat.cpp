@@ -19,7 +19,8 @@ PhoneSeat::Answer PhoneSeat::Sit(Phone &phone)
     const int error = mIsStopped ? ECANCELED : mLink.Connect();
     if (error != 0) {
         ++mStatus.mRefusedForWatch;
-        Parvane::LogInfo("the watch service takes no phone: " + Parvane::ErrnoText(error));
+        Parvane::LogInfo("the watch service takes no phone: " + mLink.Path() + ": " +
+                         Parvane::ErrnoText(error));
         return Answer::WatchAway;
     }
     mPhone = &phone;

@@ -42,6 +42,9 @@ public:
     /** Connects, in place of a connection before. @return 0 or errno; EAGAIN: it takes nobody more now */
     int Connect();
 
+    /** Of the socket. */
+    [[nodiscard]] const std::string &Path() const { return mPath; }
+
     [[nodiscard]] bool IsOpen() const { return static_cast<bool>(mSocket); }
 
     /** Closes the connection, and tells of nothing any more. */

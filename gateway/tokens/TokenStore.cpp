@@ -44,7 +44,8 @@ std::string TokenFile::Add(const std::string &name, Scope scope, std::int64_t en
     std::vector<Token> tokens = Load();
     if (std::any_of(tokens.begin(), tokens.end(),
                     [&name](const Token &token) { return token.mName == name; })) {
-        throw std::runtime_error("there is a token of that name already");
+        throw std::runtime_error("there is a token of that name already; 'parvane-gateway token "
+                                 "remove' ends it");
     }
     if (tokens.size() >= kMostTokens) {
         throw std::runtime_error("there are " + std::to_string(kMostTokens) + " tokens already");

@@ -87,11 +87,6 @@ std::string NetworkOf(const NetworkAddress &address)
     return TextOf(network);
 }
 
-bool IsLoopback(const std::string &address)
-{
-    return address.starts_with("127.") || address == "::1";
-}
-
 [[noreturn]] void Fail(const std::string &what, const WebSettings &settings)
 {
     throw std::runtime_error("cannot " + what + " " + settings.mAddress + " port " +
@@ -110,7 +105,7 @@ WebRoad::WebRoad(const Settings &settings, PhoneSeat &seat, TokenStore &tokens,
 
 void WebRoad::Open()
 {
-    const bool isLocal = IsLoopback(mSettings.mAddress);
+    const bool isLocal = mSettings.IsLocal();
     mContext.mMayBePlain = isLocal || mSettings.mInsecure;
     if (!mSettings.mTls && !mContext.mMayBePlain) {
         throw std::runtime_error(

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <stdexcept>
+#include <unistd.h>
 
 #include <glib.h>
 
@@ -53,6 +54,29 @@ const ConfigProblem *FirstError(const ConfigProblems &problems)
     const auto found = std::find_if(problems.begin(), problems.end(),
                                     [](const ConfigProblem &problem) { return problem.mIsError; });
     return found == problems.end() ? nullptr : &*found;
+}
+
+std::string KnownAre(std::vector<std::string> names)
+{
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    std::string text;
+    for (const std::string &name : names) {
+        text += (text.empty() ? "; known are " : ", ") + name;
+    }
+    return text;
+}
+
+std::string Judgement(const std::string &path, const ConfigProblems &problems,
+                      const std::string &who)
+{
+    std::string text;
+    if (::access(path.c_str(), F_OK) != 0) {
+        text = Printable(path) + " is not there: every setting has its default\n";
+    }
+    for (const ConfigProblem &problem : problems) {
+        text += (problem.mIsError ? "error: " : "warning: ") + ToString(path, problem) + '\n';
+    }
+    return text + who + (FirstError(problems) ? " does not start with it\n" : " starts with it\n");
 }
 
 std::string ConfigEntry::Place() const

@@ -25,6 +25,17 @@ std::string ToString(const std::string &path, const ConfigProblem &problem);
 /** The first error; null without. */
 const ConfigProblem *FirstError(const ConfigProblems &problems);
 
+/** The end of a message about a name that is not known: "; known are a, b". Of equal ones in a row one is named. */
+std::string KnownAre(std::vector<std::string> names);
+
+/**
+ * What check-config prints: each problem, and what becomes of it.
+ *
+ * @param who  what would start with it, as in "the hub"
+ */
+std::string Judgement(const std::string &path, const ConfigProblems &problems,
+                      const std::string &who);
+
 /** A line of a configuration file that says something. */
 struct ConfigEntry
 {

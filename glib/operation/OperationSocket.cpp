@@ -142,7 +142,10 @@ Json OperationSocket::Ask(const std::string &runtimeDirectory, const std::string
     const auto deadline = Deadline::After(std::chrono::seconds(5));
     const std::string path = PathOf(runtimeDirectory, name);
     const auto noAnswer = [&](int error) {
-        return NoAnswer("no " + name + " answers at " + path + ": " + ErrnoText(error));
+        const bool isForbidden = error == EACCES || error == EPERM;
+        return NoAnswer("no " + name + " answers at " + path + ": " + ErrnoText(error) +
+                        (isForbidden ? " (it serves its own user, and root)"
+                                     : " (is the " + name + " running?)"));
     };
     UniqueFd socket;
     if (const int error = ConnectToSocket(path, deadline, {}, socket); error != 0) {

@@ -1,4 +1,3 @@
-#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -8,7 +7,6 @@
 
 #include "CommandLine.h"
 #include "CommandRunner.h"
-#include "ErrnoText.h"
 #include "ExportCommand.h"
 #include "Output.h"
 #include "Signals.h"
@@ -21,14 +19,8 @@ using ParvaneHost::ExitCode;
 ParvaneHost::Outcome End(const ParvaneHost::Ending &ending)
 {
     Parvane::WriteAll(STDERR_FILENO, ending.mError);
-    const int error = Parvane::WriteAll(STDOUT_FILENO, ending.mOutput);
-    // A reader that has gone wants no more.
-    if (error == 0 || error == EPIPE) {
-        return {ending.mCode};
-    }
-    Parvane::WriteAll(STDERR_FILENO, "parvane-host: cannot write to standard output: " +
-                                         Parvane::ErrnoText(error) + '\n');
-    return {ExitCode::Failure};
+    Parvane::Print(ending.mOutput);
+    return {ending.mCode};
 }
 
 ParvaneHost::Outcome Run(const std::vector<std::string> &arguments)

@@ -125,6 +125,11 @@ Broker::Broker(BrokerSettings settings, std::string will, std::string subscripti
       mListener(std::move(listener)),
       mBackoff(milliseconds{500}, milliseconds{30000})
 {
+    constexpr int kPlainPort = 1883;
+    constexpr int kTlsPort = 8883;
+    if (mSettings.mPort == 0) {
+        mSettings.mPort = mSettings.mTls ? kTlsPort : kPlainPort;
+    }
     mosquitto_lib_init();
 }
 
@@ -136,15 +141,11 @@ Broker::~Broker()
 
 void Broker::Connect()
 {
-    constexpr int kPlainPort = 1883;
-    constexpr int kTlsPort = 8883;
-    const int usual = mSettings.mTls ? kTlsPort : kPlainPort;
     mRefusal.clear();
     mTicks = 0;
     try {
         MakeClient();
-        Require(mosquitto_connect_async(mClient.get(), mSettings.mHost.c_str(),
-                                        mSettings.mPort == 0 ? usual : mSettings.mPort,
+        Require(mosquitto_connect_async(mClient.get(), mSettings.mHost.c_str(), mSettings.mPort,
                                         static_cast<int>(mSettings.mKeepAlive.count())),
                 "cannot connect");
     } catch (const std::runtime_error &failure) {
@@ -297,7 +298,8 @@ void Broker::Work(int (*work)(mosquitto *client))
 void Broker::Lose(const std::string &why)
 {
     const bool wasConnected = std::exchange(mStatus.mIsConnected, false);
-    const std::string problem = Parvane::Printable(why, 300);
+    const std::string problem = Parvane::Printable(
+        mSettings.mHost + ':' + std::to_string(mSettings.mPort) + ": " + why, 300);
     mReadable.Remove();
     mWritable.Remove();
     mTick.Remove();

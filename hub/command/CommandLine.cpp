@@ -1,10 +1,11 @@
 #include "CommandLine.h"
 
-#include <CLI/CLI.hpp>
-#include <sstream>
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <utility>
 
 #include "ConfigFile.h"
-#include "Printable.h"
 
 namespace ParvaneHub {
 
@@ -16,39 +17,41 @@ constexpr char kExitCodes[] = "Exit codes:\n"
                               "  2  bad usage\n"
                               "  3  no hub that serves this user\n";
 
+const Parvane::UsageWords &Words()
+{
+    static const Parvane::UsageWords words = {
+        "parvane-hub",
+        {{"status", "status --json"}, {"check-config", "check-config hub.conf", {}, true}},
+        {{"--config", kSystemConfigFile}}};
+    return words;
+}
+
 } // namespace
 
-std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Parvane::Environment &environment)
+std::variant<Invocation, Parvane::EarlyEnd>
+ParseCommandLine(const std::vector<std::string> &arguments, const Parvane::Environment &environment)
 {
     Invocation invocation;
     std::string config;
     std::string file;
     CLI::App app("The phone of many watches, which brings their readings to an MQTT broker.\n"
                  "Without a command it serves, until SIGTERM or SIGINT.",
-                 "parvane-hub");
-    app.set_version_flag("--version", "parvane-hub " PARVANE_HUB_VERSION);
+                 Words().mProgram);
+    app.fallthrough(); // global options may follow the command
     app.add_option("--config", config,
                    "The configuration (default: $PARVANE_HUB_CONF, else\n" +
                        std::string(kSystemConfigFile) + ")")
         ->type_name("FILE");
+    app.set_version_flag("--version", "parvane-hub " PARVANE_HUB_VERSION,
+                         "Print the version and exit");
     app.footer(kExitCodes);
     CLI::App *status = app.add_subcommand("status", "Say how the hub that serves is doing");
     status->add_flag("--json", invocation.mJson, "One object on one line");
     CLI::App *check = app.add_subcommand("check-config", "Say what is wrong with a configuration");
     check->add_option("file", file, "The file (default: the one that counts)");
     app.require_subcommand(0, 1);
-    try {
-        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
-        app.parse(reversed);
-    } catch (const CLI::Success &success) {
-        std::ostringstream output;
-        app.exit(success, output, output);
-        return Ending{ExitCode::Success, output.str(), ""};
-    } catch (const CLI::ParseError &failure) {
-        return Ending{ExitCode::BadUsage, "",
-                      "parvane-hub: " + Parvane::Printable(failure.what()) +
-                          "\nTry 'parvane-hub --help'.\n"};
+    if (auto end = Parvane::ParseUsage(app, Words(), arguments, [] {})) {
+        return *std::move(end);
     }
     if (app.got_subcommand(status)) {
         invocation.mAction = Invocation::Action::Status;

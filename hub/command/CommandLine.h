@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "RuntimeDirectory.h"
+#include "Usage.h"
 
 namespace ParvaneHub {
 
@@ -28,16 +29,9 @@ struct Invocation
     bool mJson = false;
 };
 
-/** A run that is over before it begins: help, version, or wrong usage. */
-struct Ending
-{
-    ExitCode mCode = ExitCode::Success;
-    std::string mOutput; // for standard output
-    std::string mError;  // for standard error
-};
-
 /** @param arguments  without the program's name */
-std::variant<Invocation, Ending> ParseCommandLine(const std::vector<std::string> &arguments,
-                                                  const Parvane::Environment &environment);
+std::variant<Invocation, Parvane::EarlyEnd>
+ParseCommandLine(const std::vector<std::string> &arguments,
+                 const Parvane::Environment &environment);
 
 } // namespace ParvaneHub

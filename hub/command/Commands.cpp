@@ -1,12 +1,11 @@
 #include "Commands.h"
 
-#include <cerrno>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <unistd.h>
 
 #include "ConfigFile.h"
-#include "ErrnoText.h"
+#include "Log.h"
 #include "OperationSocket.h"
 #include "Output.h"
 
@@ -15,13 +14,7 @@ namespace ParvaneHub {
 namespace {
 
 using nlohmann::json;
-
-void Print(const std::string &text)
-{
-    if (const int error = Parvane::WriteAll(STDOUT_FILENO, text); error != 0 && error != EPIPE) {
-        throw std::runtime_error("cannot write to standard output: " + Parvane::ErrnoText(error));
-    }
-}
+using Parvane::Print;
 
 std::string Line(const std::string &what, const std::string &value)
 {
@@ -34,13 +27,18 @@ std::string NumberOf(const json &value)
     return std::to_string(value.get<std::uint64_t>());
 }
 
+std::string Counted(const json &count, const char *what)
+{
+    return NumberOf(count) + ' ' + what + (count == 1 ? "" : "s");
+}
+
 std::string WatchText(const json &watch)
 {
     const bool isLinked = watch.at("linked").get<bool>();
     const std::string problem = watch.at("problem").get<std::string>();
     return "  " + watch.at("name").get<std::string>() + ": " +
            (isLinked ? "linked" : "away" + (problem.empty() ? "" : ", " + problem)) + ", " +
-           NumberOf(watch.at("readings")) + " readings\n";
+           Counted(watch.at("readings"), "reading") + '\n';
 }
 
 std::string StatusText(const json &status)
@@ -53,11 +51,11 @@ std::string StatusText(const json &status)
     text += Line("broker", broker.at("connected").get<bool>()
                                ? "connected"
                                : "away: " + broker.at("problem").get<std::string>());
-    text += Line("delivered", NumberOf(status.at("delivered")) + " messages, " +
+    text += Line("delivered", Counted(status.at("delivered"), "message") + ", " +
                                   NumberOf(status.at("refused")) + " refused");
     text +=
-        Line("queue", NumberOf(queue.at("messages")) + " messages, " + NumberOf(queue.at("bytes")) +
-                          " bytes; " + dropped + " dropped so far");
+        Line("queue", Counted(queue.at("messages"), "message") + ", " +
+                          Counted(queue.at("bytes"), "byte") + "; " + dropped + " dropped so far");
     if (const auto problem = queue.at("problem").get<std::string>(); !problem.empty()) {
         text += Line("disk", problem);
     }
@@ -92,16 +90,16 @@ void ShowStatus(const Invocation &invocation, const Settings &settings)
 
 ExitCode CheckConfig(const Invocation &invocation)
 {
-    const Configuration configuration =
-        ParseConfiguration(Parvane::ReadConfigFile(invocation.mConfig, invocation.mIsConfigNamed));
     std::string text;
-    for (const auto &problem : configuration.mProblems) {
-        text += (problem.mIsError ? "error: " : "warning: ") +
-                ToString(invocation.mConfig, problem) + '\n';
+    try {
+        text = Parvane::ReadConfigFile(invocation.mConfig, invocation.mIsConfigNamed);
+    } catch (const std::runtime_error &failure) {
+        Parvane::LogError(failure.what());
+        return ExitCode::BadUsage;
     }
-    const bool isGood = Parvane::FirstError(configuration.mProblems) == nullptr;
-    Print(text + (isGood ? "the hub starts with it\n" : "the hub does not start with it\n"));
-    return isGood ? ExitCode::Success : ExitCode::Failure;
+    const auto problems = ParseConfiguration(text).mProblems;
+    Print(Parvane::Judgement(invocation.mConfig, problems, "the hub"));
+    return Parvane::FirstError(problems) == nullptr ? ExitCode::Success : ExitCode::Failure;
 }
 
 } // namespace ParvaneHub

@@ -12,7 +12,7 @@ namespace ParvaneHub {
  */
 void ShowStatus(const Invocation &invocation, const Settings &settings);
 
-/** Judges a configuration file, for people. @throws std::runtime_error when it cannot be read */
+/** Judges a configuration file, for people; one that cannot be read is bad usage. */
 ExitCode CheckConfig(const Invocation &invocation);
 
 } // namespace ParvaneHub

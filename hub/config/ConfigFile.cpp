@@ -20,6 +20,7 @@ namespace {
 constexpr std::size_t kMostProblems = 20;
 constexpr int kMostPort = 65535;
 constexpr char kWatch[] = "watch";
+constexpr std::string_view kLink = "link"; // of one watch alone
 
 /** What an entry is taken into: the file's settings, and one watch of them. */
 struct Target
@@ -256,6 +257,16 @@ const std::vector<Key> &Schema()
     return schema;
 }
 
+std::vector<std::string> KnownSections()
+{
+    std::vector<std::string> sections;
+    for (const Key &key : Schema()) {
+        sections.emplace_back(key.mSection == std::string_view(kWatch) ? "watches" : key.mSection);
+    }
+    sections.emplace_back("watch NAME");
+    return sections;
+}
+
 /** Goes through the entries of a file. */
 class Reader
 {
@@ -315,7 +326,9 @@ void Reader::BeginSection(const Parvane::ConfigEntry &entry)
     const bool isKnown = found != schema.end() && entry.mSection != kWatch;
     mKind = isKnown ? found->mSection : nullptr;
     if (!isKnown) {
-        Add(false, entry.mLine, "unknown section [" + Parvane::Printable(entry.mSection) + "]");
+        Add(false, entry.mLine,
+            "unknown section [" + Parvane::Printable(entry.mSection) + "]" +
+                Parvane::KnownAre(KnownSections()));
     } else if (name && !IsWatchName(*name)) {
         mKind = nullptr;
         Add(true, entry.mLine,
@@ -336,9 +349,16 @@ void Reader::ReadKey(const Parvane::ConfigEntry &entry)
         return std::string_view(mKind) == one.mSection && entry.mKey == one.mName;
     });
     const auto name = NameIn(entry.mSection);
-    const bool isOfOne = entry.mKey == "link";
+    const bool isOfOne = entry.mKey == kLink;
     if (key == schema.end() || (mKind == std::string_view(kWatch) && !name && isOfOne)) {
-        Add(false, entry.mLine, "unknown key " + entry.Place());
+        std::vector<std::string> keys;
+        for (const Key &one : schema) {
+            if (std::string_view(mKind) == one.mSection && (name || one.mName != kLink)) {
+                keys.emplace_back(one.mName);
+            }
+        }
+        Add(false, entry.mLine,
+            "unknown key " + entry.Place() + Parvane::KnownAre(std::move(keys)));
         return;
     }
     const auto [earlier, isFirst] = mLines.insert({entry.Place(), entry.mLine});
@@ -358,6 +378,9 @@ void Reader::CheckTogether()
 {
     if (Parvane::FirstError(mResult.mProblems) != nullptr) {
         return;
+    }
+    if (mResult.mSettings.mWatches.empty()) {
+        Add(false, 0, "there is no section [watch NAME]: nobody is followed");
     }
     const BrokerSettings &broker = mResult.mSettings.mBroker;
     if (broker.mCertificate.empty() != broker.mKey.empty()) {

@@ -164,7 +164,7 @@ TEST_F(ControlTest, ARecordingIsPausedJumpedInAndExchangedWhileItPlays)
     EXPECT_THAT(Watch({"replay", "open", "other.csv"}).mOutput, HasSubstr("other.csv at 0 s of"));
     const Said unknown = Watch({"replay", "open", "/etc/passwd"});
     EXPECT_EQ(unknown.mStatus, 1);
-    EXPECT_THAT(unknown.mError, HasSubstr("allowed: one of the recordings"));
+    EXPECT_THAT(unknown.mError, HasSubstr("there is no such recording"));
     EXPECT_THAT(StatusLine("replay"), HasSubstr("other.csv at "));
 }
 

@@ -583,6 +583,7 @@ class CommandTest(GatewayTest):
         secret = output.split()[1]
         self.assertEqual(len(secret), 43)
         self.assertIn(f"#token={secret}&sha256=", output)
+        self.assertIn(f"Others do not reach that address: [web] address in {self.file} opens another", output)
         self.assertEqual(self.end("token", "add", "my phone")[0], 1)
         self.assertRegex(self.end("token", "list")[1], r"^my phone  phone  since .*Z, until .*Z\n$")
         self.assertNotIn(secret, self.end("token", "list", "--json")[1])
@@ -595,7 +596,9 @@ class CommandTest(GatewayTest):
             file.truncate()
         self.assertIn("until 2100-01-01T00:00:00Z", self.end("token", "list")[1])
         self.assertEqual(self.end("token", "remove", "my phone")[0], 0)
-        self.assertEqual(self.end("token", "remove", "my phone")[0], 1)
+        code, _, error = self.end("token", "remove", "my phone")
+        self.assertEqual(code, 1)
+        self.assertIn("there is no token of the name my phone; 'parvane-gateway token list' names", error)
         self.assertEqual(self.end("token", "list")[1], "no tokens\n")
 
     def test_a_terminal_gets_a_qr_code(self):
@@ -610,6 +613,8 @@ class CommandTest(GatewayTest):
         code, output, _ = self.end("status")
         self.assertEqual(code, 0)
         self.assertRegex(output, r"phone +phone by websocket since \d{4}-")
+        self.assertRegex(output, r"(?m)^refused +(nobody|[1-9]\d* .*)$")
+        self.assertNotRegex(output, r"(?m)^refused +0")
         self.assertRegex(output, r"web +127.0.0.1 port \d+, TLS, plain\n")
         self.assertRegex(output, r"fingerprint +SHA-256 ([0-9A-F]{2}:){31}[0-9A-F]{2}\n")
         self.stop()
@@ -684,7 +689,7 @@ class CommandTest(GatewayTest):
         code, output, _ = self.end("check-config")
         self.assertEqual(code, 1)
         self.assertIn("[web] port stands in line 4 already", output)
-        self.assertEqual(self.end("check-config", "/nonexistent")[0], 1)
+        self.assertEqual(self.end("check-config", "/nonexistent")[0], 2)
         self.assertEqual(self.end("nonsense")[0], 2)
 
 

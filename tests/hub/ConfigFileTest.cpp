@@ -13,10 +13,10 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-/** The first problem of a text; "good" without one. */
+/** The first problem of a text, which goes on with a watch; "good" without one. */
 std::string ProblemOf(const std::string &text)
 {
-    const auto configuration = ParseConfiguration(text);
+    const auto configuration = ParseConfiguration(text + "[watch z]\nlink=unix:/z\n");
     const auto &problems = configuration.mProblems;
     return problems.empty() ? "good"
                             : (problems.front().mIsError ? "error: " : "warning: ") +
@@ -26,7 +26,10 @@ std::string ProblemOf(const std::string &text)
 TEST(HubConfigFileTest, AnEmptyFileHasTheDefaults)
 {
     const auto configuration = ParseConfiguration("");
-    EXPECT_THAT(configuration.mProblems, IsEmpty());
+    ASSERT_EQ(configuration.mProblems.size(), 1U);
+    EXPECT_FALSE(configuration.mProblems[0].mIsError);
+    EXPECT_EQ(configuration.mProblems[0].mText,
+              "there is no section [watch NAME]: nobody is followed");
     EXPECT_EQ(configuration.mSettings, Settings());
 }
 
@@ -35,7 +38,8 @@ TEST(HubConfigFileTest, KeysAreTaken)
     const auto configuration = ParseConfiguration(
         "[broker]\nhost=::1\nport=1884\nprotocol=5\nuser=u\npassword_file=/p\ntls=yes\nauthorities=/a\n"
         "certificate=/c\nkey=/k\nclient_id=i\nkeep_alive=10s\n[topics]\nprefix=a/b\ndiscovery=\n"
-        "[queue]\nsize=2M\nage=1d\n[metrics]\nlisten=[::1]:99\n[directories]\nstate=/s\nruntime=/r\n");
+        "[queue]\nsize=2M\nage=1d\n[metrics]\nlisten=[::1]:99\n[directories]\nstate=/s\nruntime=/r\n"
+        "[watch a]\nlink=unix:/a\n");
     ASSERT_THAT(configuration.mProblems, IsEmpty()) << configuration.mProblems[0].mText;
     const Settings &settings = configuration.mSettings;
     EXPECT_EQ(settings.mBroker.mPort, 1884);
@@ -77,10 +81,16 @@ TEST(HubConfigFileTest, WhatIsWrongIsNamedWithItsLine)
     EXPECT_THAT(ProblemOf("[watch a]\nlink=http://x\n"), HasSubstr("line 2: [watch a] link is"));
     EXPECT_THAT(ProblemOf("[watch a]\nlink=unix:/a\nheart_rate=29s\n"), HasSubstr("from 30s on"));
     EXPECT_EQ(ProblemOf("[watch a]\n"), "error: f: [watch a] has no link");
-    EXPECT_EQ(ProblemOf("[watch]\n"), "warning: f: line 1: unknown section [watch]");
+    EXPECT_EQ(
+        ProblemOf("[watch]\n"),
+        "warning: f: line 1: unknown section [watch]; known are broker, topics, queue, metrics, "
+        "directories, watches, watch NAME");
     EXPECT_EQ(ProblemOf("[watches]\nlink=unix:/a\n"),
-              "warning: f: line 2: unknown key [watches] link");
-    EXPECT_EQ(ProblemOf("[broker]\nhosts=a\n"), "warning: f: line 2: unknown key [broker] hosts");
+              "warning: f: line 2: unknown key [watches] link; known are token_file, fingerprint, "
+              "heart_rate, worn, steps, activity");
+    EXPECT_EQ(ProblemOf("[broker]\nhosts=a\n"),
+              "warning: f: line 2: unknown key [broker] hosts; known are host, port, protocol, "
+              "client_id, user, password_file, tls, authorities, certificate, key, keep_alive");
     EXPECT_THAT(ProblemOf("[broker]\nhost=ward.example\n"), HasSubstr("can be read on"));
     EXPECT_THAT(ProblemOf("[topics]\nprefix=a/#\n"), HasSubstr("without + and #"));
     EXPECT_THAT(ProblemOf("[queue]\nsize=1K\n"), HasSubstr("from 64K on"));

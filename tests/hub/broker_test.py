@@ -395,7 +395,8 @@ class SecureTest(HubTest):
         self.configure(["anna"], "heart_rate=no\nsteps=no\n")
         self.start(1)
         self.watches.send("anna", reading(HEART_RATE, 71.0))
-        until(lambda: "no connection to the broker" in self.log_text(), "the refusal")
+        where = f"no connection to the broker: 127.0.0.1:{self.broker.port}: "
+        until(lambda: where in self.log_text(), "the refusal")
         until(lambda: self.status()["queue"]["messages"] == 1, "the reading is kept")
         problem = self.status()["broker"]["problem"].lower()
         self.assertIn("not authorised", problem)

@@ -5,7 +5,7 @@ import os
 import pathlib
 import subprocess
 
-from hub_under_test import HEART_RATE, HubTest, main, reading, until
+from hub_under_test import HEART_RATE, HubTest, PATIENCE_S, PROGRAM, main, reading, until
 
 
 class LyingTest(HubTest):
@@ -184,13 +184,26 @@ class CommandTest(HubTest):
         self.assertIn("line 5: unknown section [ward]", done.stdout)
         self.configure(["anna"])
         self.assertEqual(self.run_command("check-config").stdout, "the hub starts with it\n")
+        done = self.run_command("check-config", "/nonexistent")
+        self.assertEqual((done.returncode, done.stdout), (2, ""))
+        self.assertIn("cannot read the configuration file /nonexistent", done.stderr)
 
     def test_without_a_hub_the_status_is_three(self):
         self.configure([])
         done = self.run_command("status")
         self.assertEqual((done.returncode, done.stdout), (3, ""))
         self.assertIn("no hub answers", done.stderr)
+        self.assertIn("is the hub running?", done.stderr)
         self.assertEqual(self.run_command("stats").returncode, 2)
+
+    def test_an_output_that_cannot_be_written_is_a_failure(self):
+        self.configure(["anna"])
+        for arguments in (["--help"], ["--version"], ["check-config", self.file]):
+            with open("/dev/full", "w", encoding="utf-8") as full:
+                done = subprocess.run([PROGRAM, *arguments], stdout=full, stderr=subprocess.PIPE, text=True,
+                                      timeout=PATIENCE_S)
+            self.assertEqual(done.returncode, 1, arguments)
+            self.assertIn("cannot write to standard output: No space left", done.stderr)
 
 
 if __name__ == "__main__":

@@ -105,6 +105,11 @@ TEST(CommandLineTest, ReplayAsksOrSteers)
     }
     EXPECT_EQ(ErrorOf({"replay", "speed"}),
               "parvane-watch: replay speed: no value given; allowed: a number from 0.1 to 1000");
+    for (const char *speed : {"0", "0.09", "1001"}) {
+        EXPECT_EQ(ErrorOf({"replay", "speed", speed}),
+                  std::string("parvane-watch: replay speed: unknown value '") + speed +
+                      "'; allowed: a number from 0.1 to 1000");
+    }
     EXPECT_EQ(ErrorOf({"replay", "open"}), "parvane-watch: replay open: no recording given; "
                                            "allowed: those that 'replay list' tells");
     EXPECT_EQ(ErrorOf({"replay", "pause", "5"}),

@@ -158,6 +158,38 @@ TEST_F(CommandTest, ReplayShowsHowItPlaysOrWhichRecordingsThereAre)
     }
 }
 
+TEST_F(CommandTest, AReplayThatIsRefusedIsExplainedInItsOwnUnits)
+{
+    const std::string refusal =
+        R"({"version":1,"ok":false,"error":{"code":"bad-value","message":"what?"}})";
+    Watch far(Arguments({"replay", "seek", "1000"}));
+    mService.AcceptRequest();
+    mService.Send(refusal);
+    EXPECT_EQ(json::parse(mService.Receive()), json({{"request", "replay"}}));
+    mService.Send(R"({"ok":true,"replay":{"length_ms":49500},"version":1})");
+    EXPECT_EQ(far.ReadErrors(), "parvane-watch: replay seek: the recordings last 49.5 s\n");
+    EXPECT_EQ(far.Wait(), 1);
+
+    Watch open(Arguments({"replay", "open", "nix.csv"}));
+    mService.AcceptRequest();
+    mService.Send(refusal);
+    EXPECT_EQ(open.ReadErrors(), "parvane-watch: replay open: there is no such recording; "
+                                 "'parvane-watch replay list' names those that may be opened\n");
+    EXPECT_EQ(open.Wait(), 1);
+}
+
+TEST_F(CommandTest, TheFileOfTheEnvironmentIsCheckedUnlessOneIsNamed)
+{
+    std::ofstream(File()) << "[sensors]\n";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> ways = {
+        {{"check-config"}, File()}, {{"check-config", File()}, "/nonexistent"}};
+    for (const auto &[words, variable] : ways) {
+        Watch watch(words, {.mEnvironment = {{"PARVANE_PLATFORM_CONF", variable}}});
+        EXPECT_THAT(watch.ReadOutput(), EndsWith(File() + ": ok\n"));
+        EXPECT_EQ(watch.Wait(), 0);
+    }
+}
+
 TEST_F(CommandTest, ARequestThatIsServedIsSilent)
 {
     Watch watch(Arguments({"set", "hr", "72"}));

@@ -10,6 +10,7 @@
 #include "ConfigSchema.h"
 #include "MessageText.h"
 #include "RecordingReader.h"
+#include "Settings.h"
 #include "StartupError.h"
 
 namespace ParvaneWatch {
@@ -111,6 +112,10 @@ void PrintText(const std::string &path, const Configuration &configuration, bool
     if (!ok) {
         return;
     }
+    if (!configuration.mHasFile) {
+        out << ParvanePlatform::PrintablePath(path)
+            << " is not there: every setting has its default\n";
+    }
     for (const ParvanePlatform::SensorItem &item : ParvanePlatform::kSensorItems) {
         const ParvanePlatform::SourceKind source = configuration.mSettings.mSensors.*item.mSource;
         out << item.mKey << ": " << ParvanePlatform::NameOf(source) << '\n';
@@ -125,12 +130,14 @@ void PrintText(const std::string &path, const Configuration &configuration, bool
 
 } // namespace
 
-int CheckConfig(const std::string &path, bool json, std::ostream &out, std::ostream &err)
+int CheckConfig(const std::string &named, bool json, std::ostream &out, std::ostream &err)
 {
+    using ParvanePlatform::IfMissing;
+    const std::string path = named.empty() ? ParvanePlatform::kSystemConfigFile : named;
     Configuration configuration;
     try {
-        configuration =
-            ParvanePlatform::LoadConfiguration(path, ParvanePlatform::IfMissing::Fail, "");
+        configuration = ParvanePlatform::LoadConfiguration(
+            path, named.empty() ? IfMissing::UseDefaults : IfMissing::Fail, "");
     } catch (const ParvanePlatform::StartupError &failure) {
         if (json) {
             PrintJson(path, {{Severity::Error, 0, "", "", failure.what()}}, false, out);

@@ -70,20 +70,6 @@ std::string LinkText(const json &link)
            ", host state " + Plain(At(link, "host_state"));
 }
 
-std::string TrafficText(const json &link)
-{
-    return "in " + Counted(At(link, "packets_in"), "packet") + " of " +
-           Counted(At(link, "bytes_in"), "byte") + ", out " +
-           Counted(At(link, "packets_out"), "packet") + " of " +
-           Counted(At(link, "bytes_out"), "byte");
-}
-
-std::string RefusedText(const json &link)
-{
-    return Counted(At(link, "refused_hosts"), "host") + " refused, queue full " +
-           Counted(At(link, "queue_full"), "time");
-}
-
 void AddItem(Lines &lines, const MonitorModel &model, const json &item, const MonitorView &view)
 {
     constexpr std::size_t kValue = 28;

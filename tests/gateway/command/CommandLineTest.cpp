@@ -8,8 +8,8 @@ namespace {
 
 using Action = Invocation::Action;
 
-std::variant<Invocation, Ending> Parse(const std::vector<std::string> &arguments,
-                                       const char *variable = nullptr)
+std::variant<Invocation, Parvane::EarlyEnd> Parse(const std::vector<std::string> &arguments,
+                                                  const char *variable = nullptr)
 {
     return ParseCommandLine(arguments, [variable](const char * /*name*/) { return variable; });
 }
@@ -21,12 +21,13 @@ Invocation Parsed(const std::vector<std::string> &arguments)
     return std::get<Invocation>(parsed);
 }
 
-void ExpectWrong(const std::vector<std::string> &arguments)
+void ExpectWrong(const std::vector<std::string> &arguments, const std::string &text)
 {
     const auto parsed = Parse(arguments);
-    ASSERT_TRUE(std::holds_alternative<Ending>(parsed));
-    EXPECT_EQ(std::get<Ending>(parsed).mCode, ExitCode::BadUsage);
-    EXPECT_FALSE(std::get<Ending>(parsed).mError.empty());
+    ASSERT_TRUE(std::holds_alternative<Parvane::EarlyEnd>(parsed));
+    const auto &end = std::get<Parvane::EarlyEnd>(parsed);
+    EXPECT_TRUE(end.mIsBadUsage);
+    EXPECT_EQ(end.mError, "parvane-gateway: " + text + "\nTry 'parvane-gateway --help'.\n");
 }
 
 TEST(GatewayCommandLineTest, ServesWithoutACommand)
@@ -68,17 +69,44 @@ TEST(GatewayCommandLineTest, ReadsTheCommandsOfTokens)
 
 TEST(GatewayCommandLineTest, RefusesWhatIsNoCommand)
 {
-    ExpectWrong({"tokens"});
-    ExpectWrong({"token"});
-    ExpectWrong({"token", "add"});
-    ExpectWrong({"token", "add", ""});
-    ExpectWrong({"token", "add", std::string(65, 'a')});
-    ExpectWrong({"token", "add", "a\nb"});
-    ExpectWrong({"token", "add", "a", "--scope", "all"});
-    ExpectWrong({"token", "add", "a", "--for", "0"});
-    ExpectWrong({"token", "add", "a", "--for", "d"});
-    ExpectWrong({"token", "add", "a", "--for", "99999999d"});
-    ExpectWrong({"token", "add", "a", "--for", "1w"});
+    ExpectWrong({"tokens"},
+                "unknown subcommand 'tokens'; allowed: status, token, pair, check-config");
+    ExpectWrong({"--json"}, "unknown option '--json'");
+    ExpectWrong({"status", "now"},
+                "status: 'now' is one word too many, as in: parvane-gateway status --json");
+    ExpectWrong({"token"}, "token: no subcommand given; allowed: add, list, remove");
+    ExpectWrong({"token", "make"}, "token: unknown subcommand 'make'; allowed: add, list, remove");
+    ExpectWrong({"token", "list", "--all"}, "token list: unknown option '--all'");
+    ExpectWrong({"token", "add", "a", "b"},
+                "token add: 'b' is one word too many, as in: parvane-gateway token add desk");
+    ExpectWrong({"token", "add", "a", "--no-qr=3"}, "--no-qr takes no value");
+    ExpectWrong({"token", "add", "a", "--for"}, "--for needs a value, as in: --for 30d");
+}
+
+TEST(GatewayCommandLineTest, RefusesValuesThatAreNotAllowed)
+{
+    const std::string name = "token add: give a name of 1 to 64 bytes of printable text, as in: "
+                             "parvane-gateway token add desk";
+    ExpectWrong({"token", "add"}, name);
+    ExpectWrong({"token", "add", ""}, name);
+    ExpectWrong({"token", "add", std::string(65, 'a')}, name);
+    ExpectWrong({"token", "add", "a\nb"}, name);
+    ExpectWrong({"token", "remove"},
+                "token remove: give a name of 1 to 64 bytes of printable text, as "
+                "in: parvane-gateway token remove desk");
+    ExpectWrong({"token", "add", "a", "--scope", "all"},
+                "--scope: 'all' is not allowed; give phone, view, control or console");
+    for (const char *length : {"0", "d", "99999999d", "1w"}) {
+        ExpectWrong({"token", "add", "a", "--for", length},
+                    "--for: '" + std::string(length) +
+                        "' is not allowed; give a length such as 90s, 15m, 12h or 30d");
+    }
+}
+
+TEST(GatewayCommandLineTest, TheConfigurationMayStandBehindTheCommand)
+{
+    EXPECT_EQ(Parsed({"token", "list", "--config", "a"}).mConfig, "a");
+    EXPECT_EQ(Parsed({"--config", "a", "status", "--config", "b"}).mConfig, "b");
 }
 
 } // namespace

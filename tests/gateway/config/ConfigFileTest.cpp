@@ -52,8 +52,11 @@ TEST(GatewayConfigFileTest, SaysWhatIsWrongAndWhere)
             "this host",
             "error f: line 4: [web] tls is 'maybe': it must be yes, no, true, false, 1 or 0"));
     EXPECT_THAT(ProblemsOf("[web]\nprot=1\n[wed]\nport=1\n"),
-                ::testing::ElementsAre("warning f: line 2: unknown key [web] prot",
-                                       "warning f: line 3: unknown section [wed]"));
+                ::testing::ElementsAre(
+                    "warning f: line 2: unknown key [web] prot; known are enabled, address, port, "
+                    "tls, insecure, certificate, key, origins",
+                    "warning f: line 3: unknown section [wed]; known are watch, web, bluetooth, "
+                    "directories"));
     EXPECT_THAT(ProblemsOf("[web]\nport=1\nport=2\n"),
                 ::testing::ElementsAre("error f: line 3: [web] port stands in line 2 already"));
     EXPECT_THAT(ProblemsOf("port=1\n[web]\nport\n"), ::testing::SizeIs(2));

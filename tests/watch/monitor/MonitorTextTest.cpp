@@ -75,7 +75,7 @@ TEST_F(MonitorTextTest, TheScreenHasReadingsKeepersTrafficAndLocks)
     EXPECT_EQ(lines.at(6), "host        process 5, user 0, since 12:34:50 (9 s)");
     EXPECT_EQ(lines.at(7), "link        up, host state open");
     EXPECT_EQ(lines.at(8), "traffic     in 1 packet of 4 bytes, out no packets of no bytes");
-    EXPECT_EQ(lines.at(9), "            2 hosts refused, queue full no times");
+    EXPECT_EQ(lines.at(9), "            2 hosts refused, queue never full");
     EXPECT_EQ(lines.at(10),
               "power lock  state 2, kept by the service since 12:34:57 (2 s), ends in 14 s");
     EXPECT_THAT(lines.back(), HasSubstr("q quit"));
@@ -139,7 +139,7 @@ TEST_F(MonitorTextTest, EachEventIsALine)
     link["packets_out"] = 1;
     EXPECT_EQ(text({{"event", "link"}, {"link", link}}),
               "12:35:00  traffic     in 1 packet of 4 bytes, out 1 packet of no bytes, 2 hosts "
-              "refused, queue full no times\n");
+              "refused, queue never full\n");
     link["state"] = "down";
     link["set_by"] = 12;
     EXPECT_EQ(text({{"event", "link"}, {"link", link}}),
