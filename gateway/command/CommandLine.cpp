@@ -78,6 +78,9 @@ void AddSubcommands(CLI::App &app, Texts &texts)
 
     CLI::App *check = app.add_subcommand("check-config", "Say what is wrong with a configuration");
     check->add_option("file", texts.mFile, "The file (default: the one that counts)");
+    for (CLI::App *command : {status, token, add, list, remove, pair, check}) {
+        command->footer("The options of 'parvane-gateway --help' are allowed here, too.");
+    }
 }
 
 Invocation::Action ActionOf(const CLI::App &app)

@@ -50,6 +50,9 @@ ParseCommandLine(const std::vector<std::string> &arguments, const Parvane::Envir
     CLI::App *check = app.add_subcommand("check-config", "Say what is wrong with a configuration");
     check->add_option("file", file, "The file (default: the one that counts)");
     app.require_subcommand(0, 1);
+    for (CLI::App *command : {status, check}) {
+        command->footer("The options of 'parvane-hub --help' are allowed here, too.");
+    }
     if (auto end = Parvane::ParseUsage(app, Words(), arguments, [] {})) {
         return *std::move(end);
     }

@@ -25,12 +25,12 @@ _parvane_gateway()
         ;;
     esac
     case $command in
-    '') words='status token pair check-config --config --version' ;;
+    '') words='status token pair check-config --version' ;;
     status | list) words='--json' ;;
     token) words='add list remove' ;;
     add) words='--scope --for --no-qr --json' ;;
     pair) words='--for --yes' ;;
     esac
-    mapfile -t COMPREPLY < <(compgen -W "$words --help" -- "$current")
+    mapfile -t COMPREPLY < <(compgen -W "$words --config --help" -- "$current")
 }
 complete -F _parvane_gateway parvane-gateway

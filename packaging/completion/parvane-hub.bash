@@ -17,9 +17,9 @@ _parvane_hub()
         ;;
     esac
     case $command in
-    '') words='status check-config --config --version' ;;
+    '') words='status check-config --version' ;;
     status) words='--json' ;;
     esac
-    mapfile -t COMPREPLY < <(compgen -W "$words --help" -- "$current")
+    mapfile -t COMPREPLY < <(compgen -W "$words --config --help" -- "$current")
 }
 complete -F _parvane_hub parvane-hub

@@ -85,7 +85,11 @@ _FUNCTIONS = {
 
 def _load() -> ctypes.CDLL:
     # The variable is for a library that is not installed, as in a build of this project.
-    library = ctypes.CDLL(os.environ.get("PARVANE_HOST_LIBRARY") or "libparvane-host.so.0")
+    try:
+        library = ctypes.CDLL(os.environ.get("PARVANE_HOST_LIBRARY") or "libparvane-host.so.0")
+    except OSError as failure:
+        raise ImportError(f"{failure} (the package libparvane-host0 has it; PARVANE_HOST_LIBRARY names the library of a "
+                          "build)") from failure
     for name, (result, arguments) in _FUNCTIONS.items():
         function = getattr(library, name)
         function.restype = result

@@ -123,7 +123,14 @@ def plot_example(service, folder):
     check(picture.read_bytes().startswith(b"\x89PNG"), "no picture")
 
 
+def a_missing_library_is_explained():
+    environment = dict(os.environ, PARVANE_HOST_LIBRARY="/nonexistent.so")
+    done = subprocess.run([sys.executable, "-c", "import parvane"], env=environment, capture_output=True, text=True)
+    check("ImportError: /nonexistent.so" in done.stderr and "libparvane-host0" in done.stderr, done.stderr)
+
+
 def main():
+    a_missing_library_is_explained()
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         asyncio.run(says_what_goes_wrong(folder))
