@@ -92,7 +92,7 @@ struct Broker::Callbacks
                                                          : mosquitto_connack_string(code);
             return;
         }
-        self->mTellLater = LoopSource::Post([self] { self->TellConnected(); });
+        self->mTellLater = Parvane::LoopSource::Post([self] { self->TellConnected(); });
     }
 
     static void OnPublish(mosquitto * /*client*/, void *object, int number, int code,
@@ -152,7 +152,7 @@ void Broker::Connect()
         Lose(failure.what());
         return;
     }
-    mTick = LoopSource::After(kTick, [this] { Work(mosquitto_loop_misc); });
+    mTick = Parvane::LoopSource::After(kTick, [this] { Work(mosquitto_loop_misc); });
     WatchSocket();
 }
 
@@ -265,13 +265,13 @@ void Broker::WatchSocket()
     if (fd != mFd || !mReadable.IsActive()) {
         mFd = fd;
         mWritable.Remove();
-        mReadable = LoopSource::WatchFd(fd, GIOCondition(G_IO_IN | G_IO_ERR | G_IO_HUP),
-                                        [this] { Work(ReadAll); });
+        mReadable = Parvane::LoopSource::WatchFd(fd, GIOCondition(G_IO_IN | G_IO_ERR | G_IO_HUP),
+                                                 [this] { Work(ReadAll); });
     }
     if (!mosquitto_want_write(mClient.get())) {
         mWritable.Remove();
     } else if (!mWritable.IsActive()) {
-        mWritable = LoopSource::WatchFd(fd, G_IO_OUT, [this] { Work(WriteSome); });
+        mWritable = Parvane::LoopSource::WatchFd(fd, G_IO_OUT, [this] { Work(WriteSome); });
     }
 }
 
@@ -289,7 +289,7 @@ void Broker::Work(int (*work)(mosquitto *client))
         return;
     }
     if (isMisc) {
-        mTick = LoopSource::After(kTick, [this] { Work(mosquitto_loop_misc); });
+        mTick = Parvane::LoopSource::After(kTick, [this] { Work(mosquitto_loop_misc); });
     }
     WatchSocket();
 }
@@ -311,7 +311,7 @@ void Broker::Lose(const std::string &why)
             (wasConnected ? "the broker is gone: " : "no connection to the broker: ") + problem);
     }
     mStatus.mProblem = problem;
-    mRetry = LoopSource::After(mBackoff.Next(), [this] { Connect(); });
+    mRetry = Parvane::LoopSource::After(mBackoff.Next(), [this] { Connect(); });
     if (wasConnected) {
         mListener.mOnLost();
     }

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "Backoff.h"
-#include "Loop.h"
+#include "LoopSource.h"
 #include "Settings.h"
 
 struct mosquitto;
@@ -84,11 +84,11 @@ private:
     ParvaneHost::Backoff mBackoff;
     Client mClient;
     int mFd = -1;
-    LoopSource mReadable;
-    LoopSource mWritable;
-    LoopSource mTick;
-    LoopSource mRetry;
-    LoopSource mTellLater;
+    Parvane::LoopSource mReadable;
+    Parvane::LoopSource mWritable;
+    Parvane::LoopSource mTick;
+    Parvane::LoopSource mRetry;
+    Parvane::LoopSource mTellLater;
     std::string mRefusal; // of the connection, as the broker has it
     int mTicks = 0;       // since the attempt, until it is a connection
 };

@@ -71,7 +71,7 @@ MetricsServer::MetricsServer(const Listen &listen, std::function<std::string()> 
         throw std::runtime_error("cannot listen for the metrics on " + listen.mAddress + " port " +
                                  std::to_string(listen.mPort) + ": " + Parvane::ErrnoText(errno));
     }
-    mSource = LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
+    mSource = Parvane::LoopSource::WatchFd(mListener.Get(), G_IO_IN, [this] { OnAcceptable(); });
 }
 
 int MetricsServer::Port() const
@@ -95,9 +95,9 @@ void MetricsServer::OnAcceptable()
     }
     Client &client = mClients.emplace_back();
     client.mSocket = std::move(socket);
-    client.mSource =
-        LoopSource::WatchFd(client.mSocket.Get(), G_IO_IN, [this, &client] { OnReadable(client); });
-    client.mTimeout = LoopSource::After(kPatience, [this, &client] { End(client); });
+    client.mSource = Parvane::LoopSource::WatchFd(client.mSocket.Get(), G_IO_IN,
+                                                  [this, &client] { OnReadable(client); });
+    client.mTimeout = Parvane::LoopSource::After(kPatience, [this, &client] { End(client); });
 }
 
 void MetricsServer::OnReadable(Client &client)
@@ -116,8 +116,8 @@ void MetricsServer::OnReadable(Client &client)
         return;
     }
     client.mAnswer = Answer(client.mRequest);
-    client.mSource = LoopSource::WatchFd(client.mSocket.Get(), G_IO_OUT,
-                                         [this, &client] { OnWritable(client); });
+    client.mSource = Parvane::LoopSource::WatchFd(client.mSocket.Get(), G_IO_OUT,
+                                                  [this, &client] { OnWritable(client); });
 }
 
 void MetricsServer::OnWritable(Client &client)

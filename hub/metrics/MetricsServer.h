@@ -5,7 +5,7 @@
 #include <string>
 
 #include "ConfigFile.h"
-#include "Loop.h"
+#include "LoopSource.h"
 #include "UniqueFd.h"
 
 namespace ParvaneHub {
@@ -35,8 +35,8 @@ private:
         Parvane::UniqueFd mSocket;
         std::string mRequest;
         std::string mAnswer;
-        LoopSource mSource;
-        LoopSource mTimeout;
+        Parvane::LoopSource mSource;
+        Parvane::LoopSource mTimeout;
     };
 
     void OnAcceptable();
@@ -47,7 +47,7 @@ private:
 
     std::function<std::string()> mText;
     Parvane::UniqueFd mListener;
-    LoopSource mSource;
+    Parvane::LoopSource mSource;
     std::list<Client> mClients;
 };
 

@@ -3,6 +3,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "Log.h"
+
 namespace ParvaneHub {
 
 namespace {
@@ -67,7 +69,7 @@ Hub::Hub(Settings settings, const Parvane::Signals &signals, Reload reload)
 
 void Hub::Run()
 {
-    mSignalSource = LoopSource::WatchFd(mSignals.Fd(), G_IO_IN, [this] { OnSignal(); });
+    mSignalSource = Parvane::LoopSource::WatchFd(mSignals.Fd(), G_IO_IN, [this] { OnSignal(); });
     mPublisher.Start();
     Follow();
     KeepHouse();
@@ -110,7 +112,7 @@ void Hub::OnSteps(const std::string &watch, std::string text)
 void Hub::CommitSoon()
 {
     if (!mCommit.IsActive()) {
-        mCommit = LoopSource::Post([this] { Commit(); });
+        mCommit = Parvane::LoopSource::Post([this] { Commit(); });
     }
 }
 
@@ -136,7 +138,7 @@ void Hub::KeepHouse()
     constexpr seconds kOften{5};
     mQueue.Commit(); // drops what is too old
     Commit();
-    mHouse = LoopSource::After(kOften, [this] { KeepHouse(); });
+    mHouse = Parvane::LoopSource::After(kOften, [this] { KeepHouse(); });
 }
 
 void Hub::Follow()

@@ -11,7 +11,7 @@
 #include <glib.h>
 
 #include "ConfigFile.h"
-#include "Loop.h"
+#include "LoopSource.h"
 #include "MetricsServer.h"
 #include "MetricsText.h"
 #include "OperationSocket.h"
@@ -75,9 +75,9 @@ private:
     Ward mWard;
     std::optional<MetricsServer> mMetrics;
     Parvane::ServiceManager mManager;
-    LoopSource mSignalSource;
-    LoopSource mCommit;
-    LoopSource mHouse;
+    Parvane::LoopSource mSignalSource;
+    Parvane::LoopSource mCommit;
+    Parvane::LoopSource mHouse;
     std::string mTrouble;                     // with the disk; empty while there is none
     std::array<std::uint64_t, 5> mReadings{}; // by sensor
 };

@@ -25,7 +25,7 @@ Ward::Ward(WatchListener &listener, std::function<void()> onTurnEnd)
     if (!mEpoll) {
         throw std::runtime_error("epoll_create1: " + Parvane::ErrnoText(errno));
     }
-    mEvents = LoopSource::WatchFd(mEpoll.Get(), G_IO_IN, [this] { OnEvents(); });
+    mEvents = Parvane::LoopSource::WatchFd(mEpoll.Get(), G_IO_IN, [this] { OnEvents(); });
 }
 
 void Ward::Set(const Watches &watches, const std::map<std::string, std::string> &savedSteps)
@@ -122,8 +122,8 @@ void Ward::Rearm()
     mArmed = next;
     mTimer.Remove();
     if (next != Watch::SteadyTime::max()) {
-        mTimer = LoopSource::After(std::chrono::ceil<milliseconds>(next - steady_clock::now()),
-                                   [this] { OnDue(); });
+        mTimer = Parvane::LoopSource::After(
+            std::chrono::ceil<milliseconds>(next - steady_clock::now()), [this] { OnDue(); });
     }
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "Loop.h"
+#include "LoopSource.h"
 #include "UniqueFd.h"
 #include "Watch.h"
 
@@ -74,8 +74,8 @@ private:
     std::map<std::string, std::unique_ptr<Bed>> mBeds;
     std::set<std::pair<Watch::SteadyTime, Bed *>> mDeadlines;
     Watch::SteadyTime mArmed = Watch::SteadyTime::max();
-    LoopSource mEvents;
-    LoopSource mTimer;
+    Parvane::LoopSource mEvents;
+    Parvane::LoopSource mTimer;
 };
 
 } // namespace ParvaneHub
