@@ -30,7 +30,8 @@ constexpr uint8_t kSteps = 2;
 
 /** A whole run of the program: long enough for a slow machine, short for a loop without end. */
 constexpr std::chrono::seconds kLimit(20);
-constexpr std::chrono::seconds kAttempt(3);
+/** After so long without a packet a request counts as lost; the last one has a whole run's time. */
+constexpr std::chrono::milliseconds kSilence(500);
 
 /** Each failure is a run of the program: the parts of a sweep go side by side. */
 constexpr int kParts = 6;
@@ -125,16 +126,14 @@ private:
         for (int packets = 0; packets < 9; ++packets) {
             Receive(*host, run, std::chrono::milliseconds(50));
         }
-        // Memory may have run out where this one was received: nobody waits for an answer then.
-        for (int attempt = 0; attempt < 3 && !run.mHasAnswered; ++attempt) {
-            if (!host->TrySend(kStopActivity)) {
+        // Memory may have run out where one was received: nobody answers that one.
+        for (const std::chrono::milliseconds silence :
+             {kSilence, kSilence, std::chrono::milliseconds(kLimit)}) {
+            if (run.mHasAnswered || !host->TrySend(kStopActivity)) {
                 return;
             }
-            const auto isAnswered = [&] {
-                return !Receive(*host, run, std::chrono::milliseconds(500)) || run.mHasAnswered;
-            };
             // Steps may be pushed all the time, so that it is never quiet.
-            Eventually(isAnswered, kAttempt);
+            Eventually([&] { return !Receive(*host, run, silence) || run.mHasAnswered; }, kLimit);
         }
     }
 
