@@ -28,7 +28,8 @@ Result<WebTarget, std::string> ParseWebAddress(const std::string &text)
         g_uri_parse(text.c_str(), G_URI_FLAGS_NONE, nullptr));
     const std::string scheme = uri ? TextOf(g_uri_get_scheme(uri.get())) : std::string();
     if (scheme != "ws" && scheme != "wss") {
-        return std::string("give ws://HOST:PORT or wss://HOST:PORT");
+        return std::string(
+            "give wss://HOST:PORT or ws://HOST:PORT of a gateway, or unix:PATH of a socket");
     }
     WebTarget target;
     target.mIsTls = scheme == "wss";

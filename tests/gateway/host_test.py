@@ -108,7 +108,7 @@ class RefusalTest(HostTest):
         self.expect(self.list(), 3, "another phone is connected")
 
     def test_what_is_given_wrongly(self):
-        for arguments, text in ((["--link", "http://h"], "give ws://HOST:PORT"),
+        for arguments, text in ((["--link", "http://h"], "of a gateway, or unix:PATH"),
                                 (["--link", "ws://h/x"], "nothing but"),
                                 (["--link", self.tls, "--socket", "/s"], "give one of them"),
                                 (["--fingerprint", "00"], "--fingerprint has no effect"),
