@@ -1,9 +1,9 @@
 #include "ReadingText.h"
 
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <nlohmann/json.hpp>
 #include <random>
 
@@ -103,17 +103,14 @@ std::optional<ReadingText> ReadingWriter::Write(const std::string &watch,
 
 std::string TimeText(ParvaneHost::Instant instant)
 {
-    const auto second = std::chrono::floor<std::chrono::seconds>(instant);
-    const std::time_t time = second.time_since_epoch().count();
-    std::tm parts{};
-    std::array<char, 48> text{};
-    if (::gmtime_r(&time, &parts) == nullptr) {
-        return {};
-    }
-    const std::size_t length = std::strftime(text.data(), text.size(), "%FT%T", &parts);
-    std::snprintf(text.data() + length, text.size() - length, ".%03dZ",
-                  static_cast<int>((instant - second).count()));
-    return text.data();
+    const auto day = std::chrono::floor<std::chrono::days>(instant);
+    const std::chrono::hh_mm_ss time(instant - day);
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "T%02d:%02d:%02d.%03dZ",
+                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()),
+                  static_cast<int>(time.subseconds().count()));
+    return ParvaneHost::DateText(std::chrono::local_days(day.time_since_epoch())) + text.data();
 }
 
 std::string WithAge(const std::string &body, std::chrono::milliseconds age)
