@@ -53,7 +53,8 @@ beats() { [ "$(ask hr)" = "$1" ]; }
 # The service listens from now on, whatever the phone asks; what it hears is in the file heard.
 listen() {
     configure <<<"${1:-$setting}"
-    parvane-watch record --on hr - >heard &
+    : >heard # what an earlier case has heard is not looked at before the recorder has begun
+    parvane-watch record --on hr - >>heard &
 }
 hears() { grep -E "^[0-9]+,($1)," heard >/dev/null; }
 

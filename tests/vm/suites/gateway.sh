@@ -45,7 +45,8 @@ phone_says() { grep -E -- "$2" "phone$1.log"; }
 joined() { [ "$(grep -c '^connected' "phone$1.log")" -ge "${2:-1}" ]; }
 # A person at the watch who says yes to everybody: pair [OPTIONS]
 pair() {
-    while sleep 1; do echo yes; done 2>/dev/null | parvane-gateway pair --for 300s "$@" >pair.log 2>&1 &
+    : >pair.log
+    while sleep 1; do echo yes; done 2>/dev/null | parvane-gateway pair --for 300s "$@" >>pair.log 2>&1 &
     eventually 60 grep 'A phone may pair' pair.log
 }
 # Phone N: pair_and_join N [OPTIONS]

@@ -35,8 +35,10 @@ doze() {
 }
 woke() { [ "$(slept)" -gt "$1" ]; }
 
-# Measures in the background, and returns when that inhibits sleep.
+# Measures in the background, and returns when that inhibits sleep. The service waits half a second for logind and what
+# that asks, which must be awake for it: the first of their users waits longer.
 measure_awake() {
+    runuser -u parvane -- systemd-inhibit --what=sleep:idle --mode=block true
     parvane-host --timeout 120 measure hr >beats &
     measurement=$!
     eventually 10 inhibits
