@@ -68,4 +68,12 @@ int ConnectToSocket(const std::string &path, const Deadline &deadline, const Wai
     return 0;
 }
 
+std::string ConnectHint(int error, const std::string &service)
+{
+    if (error == EACCES || error == EPERM) {
+        return " (the " + service + " serves its own user, and root)";
+    }
+    return error == ENOENT || error == ECONNREFUSED ? " (is the " + service + " running?)" : "";
+}
+
 } // namespace Parvane

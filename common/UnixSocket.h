@@ -28,4 +28,10 @@ int MakeSocketAddress(const std::string &path, sockaddr_un &address);
 int ConnectToSocket(const std::string &path, const Deadline &deadline, const WaitOptions &options,
                     UniqueFd &socket);
 
+/**
+ * What to look at when the socket of a service cannot be connected to, as in " (is the hub running?)"; empty where
+ * there is no saying.
+ */
+std::string ConnectHint(int error, const std::string &service);
+
 } // namespace Parvane

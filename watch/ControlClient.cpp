@@ -83,9 +83,8 @@ void ControlClient::Connect()
         throw Interrupted{};
     }
     if (error != 0) {
-        const bool isAway = error == ENOENT || error == ECONNREFUSED;
         throw Unreachable("cannot connect to " + mPath + ": " + ErrnoText(error) +
-                          (isAway ? " (is the watch service running?)" : ""));
+                          Parvane::ConnectHint(error, "watch service"));
     }
 }
 

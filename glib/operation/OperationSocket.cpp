@@ -142,10 +142,8 @@ Json OperationSocket::Ask(const std::string &runtimeDirectory, const std::string
     const auto deadline = Deadline::After(std::chrono::seconds(5));
     const std::string path = PathOf(runtimeDirectory, name);
     const auto noAnswer = [&](int error) {
-        const bool isForbidden = error == EACCES || error == EPERM;
         return NoAnswer("no " + name + " answers at " + path + ": " + ErrnoText(error) +
-                        (isForbidden ? " (it serves its own user, and root)"
-                                     : " (is the " + name + " running?)"));
+                        ConnectHint(error, name));
     };
     UniqueFd socket;
     if (const int error = ConnectToSocket(path, deadline, {}, socket); error != 0) {

@@ -1,8 +1,7 @@
 #include "Error.h"
 
-#include <cerrno>
-
 #include "ErrnoText.h"
+#include "UnixSocket.h"
 
 namespace ParvaneHost {
 
@@ -16,13 +15,9 @@ std::string DescribeLink(const LinkError &error)
         return error.mText;
     }
     switch (error.mReason) {
-    case LinkError::Reason::CannotConnect: {
-        std::string text = "cannot connect to " + error.mPath + ": " + ErrnoText(error.mErrno);
-        if (error.mErrno == ENOENT || error.mErrno == ECONNREFUSED) {
-            text += " (is the watch service running?)";
-        }
-        return text;
-    }
+    case LinkError::Reason::CannotConnect:
+        return "cannot connect to " + error.mPath + ": " + ErrnoText(error.mErrno) +
+               Parvane::ConnectHint(error.mErrno, "watch service");
     case LinkError::Reason::AnotherHost:
         return "the watch closed the link " + error.mPath +
                " at once: another host is connected, or it does not serve this user";

@@ -23,8 +23,9 @@ TEST(ErrorTest, SecondsAreWrittenWithoutNeedlessDecimals)
 TEST(ErrorTest, LinkErrorsNameThePathAndTheReason)
 {
     using Reason = LinkError::Reason;
-    EXPECT_EQ(Describe(LinkError{Reason::CannotConnect, EACCES, "/x"}),
-              "cannot connect to /x: Permission denied");
+    EXPECT_EQ(
+        Describe(LinkError{Reason::CannotConnect, EACCES, "/x"}),
+        "cannot connect to /x: Permission denied (the watch service serves its own user, and root)");
     EXPECT_EQ(Describe(LinkError{Reason::CannotConnect, ENOENT, "/x"}),
               "cannot connect to /x: No such file or directory (is the watch service running?)");
     EXPECT_EQ(
