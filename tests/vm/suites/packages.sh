@@ -8,6 +8,28 @@ test_upgrade_removal_and_purge() {
     [ -d earlier ] || skip "there are no packages of an earlier version"
     PARVANE_EARLIER=/vm/earlier PARVANE_PACKAGES=/vm/packages debian-tests/upgrade
 }
+test_gateway_and_hub_come_and_go_by_themselves() {
+    command -v parvane-hub >/dev/null || skip "there is no package parvane-hub for this machine"
+    leaves_nothing parvane-gateway
+    # The hub alone is let in, too.
+    configure <<<$'[sensors]\npedometer=manual\n[link]\nallow=parvane-hub'
+    printf '[watch anna]\nlink=unix:/run/parvane/link.sock\n' >>/etc/parvane/hub.conf
+    systemctl restart parvane-hub
+    eventually 60 hub_is_linked
+    leaves_nothing parvane-hub
+    as_shipped
+    expect_equal "whether others are told apart" "$(property PrivateUsers)" yes
+    dpkg -i packages/parvane-{gateway,hub}_*.deb
+    systemctl is-active parvane-gateway parvane-hub
+}
+hub_is_linked() { parvane-hub status | grep '1 of 1 linked'; }
+leaves_nothing() {
+    [ -e "/var/lib/$1" ] && [ -e "/etc/parvane/${1#parvane-}.conf" ] && id "$1"
+    dpkg --purge "$1"
+    expect_equal "what a purge has left" "$(ls -d "/var/lib/$1" "/run/$1" "/etc/parvane/${1#parvane-}.conf" 2>/dev/null)" ""
+    refused id "$1"
+    refused systemctl cat "$1"
+}
 test_each_of_them_is_a_case() {
     for file in debian-tests/*; do
         case ${file##*/} in
