@@ -74,7 +74,7 @@ test_steps_of_the_page() {
     lines=$(lines_of hub.md "As a system's service")
     eval "$(sed '1d; $d' <<<"$lines")"
     eventually 30 linked
-    eval "$(tail -n 1 <<<"$lines")" >heard &
+    eval "exec $(tail -n 1 <<<"$lines")" >heard &
     parvane-watch set hr 72
     parvane-watch steps +5
     eventually 30 published 5

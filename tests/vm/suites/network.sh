@@ -27,7 +27,8 @@ over() { parvane-host --link "$@"; }
 
 # A phone that follows the steps.
 follow() {
-    over $plain --json watch steps >followed 2>follow.log &
+    # Not by a function, whose process would not be the one that tear_down ends.
+    parvane-host --link $plain --json watch steps >followed 2>follow.log &
     eventually 30 test -s followed
 }
 heard() { sed -nE 's/.*"value": *([0-9]+).*/\1/p' followed | tail -n 1; }
