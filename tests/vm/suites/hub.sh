@@ -92,15 +92,15 @@ test_what_comes_while_all_restart_arrives_once_and_in_order() {
     systemctl kill -s KILL $part
     eventually 30 part_is NRestarts 1
     eventually 30 linked
-    walk_to 7
+    walk_to 6
     systemctl start mosquitto
     all_arrive
     systemctl restart parvane
     eventually 60 linked
-    walk_to 8
+    walk_to 7
     systemctl restart $part
     eventually 30 linked
-    walk_to 9
+    walk_to 8
     all_arrive
 }
 

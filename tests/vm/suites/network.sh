@@ -73,7 +73,7 @@ test_steps_of_the_page() {
     # Who looks on is no phone, and who is removed is out, in the middle of following, too.
     eval "$(lines_of transports.md Tokens)" >said
     refused env PARVANE_TOKEN="$(sed -n 's/^token *//p' said | tail -n 1)" parvane-host --link $plain list
-    export PARVANE_TOKEN="$(sed -n 's/^token *//p' said | head -n 1)"
+    PARVANE_TOKEN=$(awk '/^token/ { print $2; exit }' said)
     follow
     parvane-gateway token remove "Anna's phone"
     eventually 20 grep token follow.log
