@@ -133,6 +133,28 @@ test_frozen_it_is_restarted() {
     all_arrive
 }
 
+test_watch_elsewhere_by_the_steps_of_the_page() {
+    local TOKEN FINGERPRINT lines
+    configure <<<$'[sensors]\npedometer=manual\n[link]\nallow=parvane-gateway'
+    systemctl restart parvane-gateway
+    TOKEN=$(parvane-gateway token add ward | sed -n 's/^token *//p')
+    FINGERPRINT=$(parvane-gateway status | sed -n 's/^fingerprint *SHA-256 //p')
+    systemctl start mosquitto
+    read_along
+    anew
+    # A machine without a network resolves no names.
+    lines=$(lines_of hub.md 'A watch elsewhere')
+    eval "${lines//bed-1.example/127.0.0.1}"
+    eventually 30 linked
+    eventually 30 published 0
+    walk_to 2
+    all_arrive
+    systemctl restart parvane-gateway
+    eventually 60 linked
+    walk_to 3
+    all_arrive
+}
+
 test_forbidden_is_what_must_be() {
     probe $part
     allows 'its own .*|a network socket'
