@@ -7,8 +7,8 @@ namespace {
 class ServicePeer : public Peer
 {
 public:
-    explicit ServicePeer(const Setting &setting)
-        : mService(setting, {}), mHost(mService.ConnectHost())
+    ServicePeer(const Setting &setting, bool polls)
+        : mService(setting, {}), mHost(mService.ConnectHost(), polls)
     {}
 
     void AskForReading() override { mHost.MeasureActivity(); }
@@ -42,9 +42,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<Peer> MakeServicePeer(const Setting &setting)
+std::unique_ptr<Peer> MakeServicePeer(const Setting &setting, bool polls)
 {
-    return std::make_unique<ServicePeer>(setting);
+    return std::make_unique<ServicePeer>(setting, polls);
 }
 
 std::unique_ptr<Peer> MakeEchoPeer(const Setting &setting, const std::string &mode)

@@ -19,8 +19,8 @@ public:
     virtual void AskForList() = 0;
 };
 
-/** The service itself. */
-std::unique_ptr<Peer> MakeServicePeer(const Setting &setting);
+/** The service itself. @param polls  see Host */
+std::unique_ptr<Peer> MakeServicePeer(const Setting &setting, bool polls);
 
 /** The service, asked through the C interface of libparvane-host. */
 std::unique_ptr<Peer> MakeLibraryPeer(const Setting &setting);

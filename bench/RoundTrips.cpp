@@ -28,6 +28,7 @@ constexpr std::size_t kGlib = 2;
 constexpr std::size_t kBus = 3;
 constexpr std::size_t kTopics = 4;
 constexpr std::size_t kLibrary = 5;
+constexpr std::size_t kLoop = 6;
 
 double Time(int requests, const std::function<void()> &ask)
 {
@@ -51,13 +52,14 @@ std::vector<Contender> MakeContenders(const Setting &setting)
 {
     constexpr int kFast = 100;
     constexpr int kSlow = 40;
-    std::vector<Contender> contenders(6);
-    contenders[kService] = {"service", MakeServicePeer(setting), kFast, {}, {}};
+    std::vector<Contender> contenders(7);
+    contenders[kService] = {"service", MakeServicePeer(setting, false), kFast, {}, {}};
     contenders[kPoll] = {"bare poll echo", MakeEchoPeer(setting, "poll"), kFast, {}, {}};
     contenders[kGlib] = {"bare GLib echo", MakeEchoPeer(setting, "glib"), kFast, {}, {}};
     contenders[kBus] = {"D-Bus (sd-bus)", MakeBusPeer(setting), kSlow, {}, {}};
     contenders[kTopics] = {"mosquitto", MakeTopicPeer(setting), kSlow, {}, {}};
     contenders[kLibrary] = {"C interface", MakeLibraryPeer(setting), kFast, {}, {}};
+    contenders[kLoop] = {"bare send, poll and recv", MakeServicePeer(setting, true), kFast, {}, {}};
     return contenders;
 }
 
@@ -126,6 +128,8 @@ std::vector<Row> MeasureRoundTrips(const Setting &setting)
     };
     return {
         through(measure, &Contender::mReadings),
+        Compare("libparvane-host: " + measure, contenders[kLibrary], contenders[kLoop],
+                &Contender::mReadings, std::nullopt, false),
         through(list, &Contender::mLists),
         Compare(measure, service, contenders[kGlib], &Contender::mReadings, atMost(1.15), false),
         Compare(measure, service, contenders[kPoll], &Contender::mReadings, std::nullopt, false),

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <fstream>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -120,7 +121,12 @@ void Host::Ask(unsigned char command, unsigned char sensor,
 {
     const std::array<std::uint8_t, 4> request = {command, 0, 0, sensor};
     SendMessage(mPeer, request.data(), request.size());
+    constexpr int kTimeoutMs = 5000;
     for (const std::size_t size : sizes) {
+        pollfd awaited{mPeer.Get(), POLLIN, 0};
+        if (mPolls && poll(&awaited, 1, kTimeoutMs) <= 0) {
+            Fail("no answer came");
+        }
         ReceiveMessage(mPeer, size);
     }
 }

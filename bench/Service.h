@@ -107,7 +107,8 @@ private:
 class Host
 {
 public:
-    explicit Host(Fd peer) : mPeer(std::move(peer)) {}
+    /** @param polls  waits in poll(), with a time-out, before it reads: as who waits for more than one thing */
+    explicit Host(Fd peer, bool polls = false) : mPeer(std::move(peer)), mPolls(polls) {}
 
     void List() const;
     void MeasureActivity() const;
@@ -125,6 +126,7 @@ private:
              const std::vector<std::size_t> &sizes) const;
 
     Fd mPeer;
+    bool mPolls;
 };
 
 } // namespace ParvaneBench
