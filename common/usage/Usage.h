@@ -29,8 +29,8 @@ struct UsageWords
 {
     struct Command
     {
-        std::string
-            mName; // "token add" of a command below another, which is named by its commands alone
+        /** "token add" of a command below another, which is named by its commands alone. */
+        std::string mName;
         /** How it is used, without the program's name. */
         std::string mExample;
         /** Options of the program that have no effect on it. */
